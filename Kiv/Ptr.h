@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <functional>
+#include <ostream>
+#include <type_traits>
+#include <utility>
+
+#include "Kiv/Types.h"
+
+namespace Kiv {
+
+namespace detail {
+KIV_API extern bool ptrThreadSafe;
+}  // namespace detail
+
+/// Whether reference counts are atomic. Off by default: objects belong to the thread of one activity loop.
+inline bool ptrThreadSafe() noexcept { return detail::ptrThreadSafe; }
+
+/// Call it at start-up, before a second thread can hold a `Ptr`.
+KIV_API void ptrThreadSafeIs(bool on) noexcept;
+
+/// Base of objects that are handled through `Ptr`: carries the count of the pointers to it. A new object
+/// has count 0; the pointer that takes it to 0 again runs `onZeroReferences()`, which deletes the object
+/// unless the class has something better to do with it (a pool, say).
+class KIV_API PtrInterface {
+ public:
+  PtrInterface(const PtrInterface&) = delete;
+  PtrInterface& operator=(const PtrInterface&) = delete;
+
+  U32 references() const noexcept { return references_.load(std::memory_order_relaxed); }
+
+ protected:
+  PtrInterface() noexcept = default;
+  virtual ~PtrInterface();
+  virtual void onZeroReferences() const noexcept;
+
+ private:
+  template <typename T>
+  friend class Ptr;
+
+  void addReference() const noexcept {
+    if (detail::ptrThreadSafe) {
+      references_.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      // Two plain moves around an add: an atomic object, but no locked instruction.
+      references_.store(references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+  }
+  /// True when this was the last reference.
+  bool dropReference() const noexcept {
+    if (detail::ptrThreadSafe) return references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    const U32 left = references_.load(std::memory_order_relaxed) - 1;
+    references_.store(left, std::memory_order_relaxed);
+    return left == 0;
+  }
+
+  mutable std::atomic<U32> references_{0};
+};
+
+/// Intrusive counting pointer to a class derived from `PtrInterface`; null by default. Converts from
+/// derived to base and from non-const to const, like the raw pointers that it stands for.
+template <typename T>
+class Ptr {
+ public:
+  using element_type = T;
+
+  constexpr Ptr() noexcept = default;
+  constexpr Ptr(std::nullptr_t) noexcept {}
+  /// Takes part in the ownership of `object`; implicit, since the count is in the object itself.
+  Ptr(T* object) noexcept : object_(object) { acquire(); }
+  Ptr(const Ptr& other) noexcept : object_(other.object_) { acquire(); }
+  Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  template <typename U>
+    requires std::convertible_to<U*, T*>
+  Ptr(const Ptr<U>& other) noexcept : object_(other.get()) {
+    acquire();
+  }
+  template <typename U>
+    requires std::convertible_to<U*, T*>
+  Ptr(Ptr<U>&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  ~Ptr() { release(object_); }
+
+  Ptr& operator=(const Ptr& other) noexcept {
+    Ptr(other).swap(*this);
+    return *this;
+  }
+  Ptr& operator=(Ptr&& other) noexcept {
+    Ptr(std::move(other)).swap(*this);
+    return *this;
+  }
+
+  void swap(Ptr& other) noexcept { std::swap(object_, other.object_); }
+  T* get() const noexcept { return object_; }
+  T& operator*() const noexcept { return *object_; }
+  T* operator->() const noexcept { return object_; }
+  explicit operator bool() const noexcept { return object_ != nullptr; }
+
+  friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.object_ == nullptr; }
+  friend std::ostream& operator<<(std::ostream& out, const Ptr& ptr) {
+    return out << static_cast<const void*>(ptr.get());
+  }
+
+ private:
+  template <typename U>
+  friend class Ptr;
+
+  void acquire() const noexcept {
+    if (object_) object_->PtrInterface::addReference();
+  }
+  static void release(T* object) noexcept {
+    if (object && object->PtrInterface::dropReference()) {
+      // Named through the static type where that type is final, so that the call can be inlined.
+      if constexpr (std::is_final_v<std::remove_const_t<T>> &&
+                    requires { object->T::onZeroReferences(); }) {
+        object->T::onZeroReferences();
+      } else {
+        static_cast<const PtrInterface*>(object)->onZeroReferences();
+      }
+    }
+  }
+
+  T* object_ = nullptr;
+};
+
+template <typename T, typename U>
+  requires std::equality_comparable_with<T*, U*>
+bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
+  return a.get() == b.get();
+}
+template <typename T, typename U>
+  requires std::three_way_comparable_with<T*, U*>
+std::strong_ordering operator<=>(const Ptr<T>& a, const Ptr<U>& b) noexcept {
+  return std::compare_three_way()(a.get(), b.get());
+}
+
+/// Makes a `T` and the first pointer to it.
+template <typename T, typename... Args>
+Ptr<T> makePtr(Args&&... args) {
+  return Ptr<T>(new T(std::forward<Args>(args)...));
+}
+
+template <typename T, typename U>
+Ptr<T> staticPtrCast(const Ptr<U>& ptr) noexcept {
+  return Ptr<T>(static_cast<T*>(ptr.get()));
+}
+
+}  // namespace Kiv
+
+template <typename T>
+struct std::hash<Kiv::Ptr<T>> {
+  std::size_t operator()(const Kiv::Ptr<T>& ptr) const noexcept { return std::hash<T*>()(ptr.get()); }
+};

@@ -1,0 +1,44 @@
+# Rooms: the layers of the library, one object library each.
+#
+# A room sees its own headers and those of the rooms that it names, and no others: every room has an
+# include root of its own in the build tree that holds a link to just its source folder. An #include
+# that points up the layering therefore does not compile.
+
+add_library(wirl_options INTERFACE)
+target_compile_features(wirl_options INTERFACE cxx_std_20)
+target_compile_options(wirl_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor
+  -Woverloaded-virtual -Wold-style-cast -Wcast-qual -Wcast-align -Wundef -Wformat=2 -Wnull-dereference
+  $<$<BOOL:${WIRL_WERROR}>:-Werror>
+  # GCC 12 reports these from inlined standard library code that is correct.
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-null-dereference -Wno-stringop-overflow -Wno-array-bounds -Wno-restrict>)
+if(WIRL_SANITIZE)
+  target_compile_options(wirl_options INTERFACE
+    -fsanitize=${WIRL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(wirl_options INTERFACE -fsanitize=${WIRL_SANITIZE})
+endif()
+
+set_property(GLOBAL PROPERTY WIRL_ROOMS "")
+
+# wirl_room(NAME FOLDER <folder below the source root> [SOURCES ...] [SEES room ...] [LINKS library ...])
+function(wirl_room name)
+  cmake_parse_arguments(PARSE_ARGV 1 ROOM "" "FOLDER" "SOURCES;SEES;LINKS")
+  set(root "${PROJECT_BINARY_DIR}/rooms/${name}")
+  get_filename_component(parent "${root}/${ROOM_FOLDER}" DIRECTORY)
+  file(MAKE_DIRECTORY "${parent}")
+  file(CREATE_LINK "${PROJECT_SOURCE_DIR}/${ROOM_FOLDER}" "${root}/${ROOM_FOLDER}" SYMBOLIC)
+
+  add_library(wirl_${name} OBJECT ${ROOM_SOURCES})
+  target_include_directories(wirl_${name} PUBLIC "$<BUILD_INTERFACE:${root}>")
+  target_link_libraries(wirl_${name} PRIVATE wirl_options)
+  foreach(seen IN LISTS ROOM_SEES)
+    target_include_directories(wirl_${name} PUBLIC
+      "$<TARGET_PROPERTY:wirl_${seen},INTERFACE_INCLUDE_DIRECTORIES>")
+  endforeach()
+  target_link_libraries(wirl_${name} PRIVATE ${ROOM_LINKS})
+  set_target_properties(wirl_${name} PROPERTIES
+    POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+    CXX_EXTENSIONS OFF)
+  set_property(GLOBAL APPEND PROPERTY WIRL_ROOMS ${name})
+  set_property(GLOBAL APPEND PROPERTY WIRL_LINKS ${ROOM_LINKS})
+endfunction()
