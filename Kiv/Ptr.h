@@ -32,7 +32,8 @@ class KIV_API PtrInterface {
   PtrInterface(const PtrInterface&) = delete;
   PtrInterface& operator=(const PtrInterface&) = delete;
 
-  U32 references() const noexcept { return references_.load(std::memory_order_relaxed); }
+  /// A holder that reads 1 is the only one, and sees all that the former ones wrote to the object.
+  U32 references() const noexcept { return references_.load(std::memory_order_acquire); }
 
  protected:
   PtrInterface() noexcept = default;
@@ -45,7 +46,12 @@ class KIV_API PtrInterface {
 
   void addReference() const noexcept {
     if (detail::ptrThreadSafe) {
-      references_.fetch_add(1, std::memory_order_relaxed);
+      // Nobody to race with over an object that no pointer has yet: the locked instruction is saved.
+      if (references_.load(std::memory_order_relaxed) == 0) {
+        references_.store(1, std::memory_order_relaxed);
+      } else {
+        references_.fetch_add(1, std::memory_order_relaxed);
+      }
     } else {
       // Two plain moves around an add: an atomic object, but no locked instruction.
       references_.store(references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -53,7 +59,14 @@ class KIV_API PtrInterface {
   }
   /// True when this was the last reference.
   bool dropReference() const noexcept {
-    if (detail::ptrThreadSafe) return references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    if (detail::ptrThreadSafe) {
+      // Likewise for the only holder: nobody can take a reference but through it.
+      if (references() == 1) {
+        references_.store(0, std::memory_order_relaxed);
+        return true;
+      }
+      return references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    }
     const U32 left = references_.load(std::memory_order_relaxed) - 1;
     references_.store(left, std::memory_order_relaxed);
     return left == 0;
