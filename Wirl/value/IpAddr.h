@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <bit>
+#include <compare>
+#include <functional>
+#include <string_view>
+#include <type_traits>
+
+#include "Kiv/Hash.h"
+#include "Kiv/NboAttrLog.h"
+#include "Wirl/value/EthAddr.h"
+#include "Wirl/value/detail/TextForms.h"
+
+namespace Wirl {
+
+/// IPv4 address: exactly its four octets in network order, without alignment, so that it can stand inside
+/// header images and be copied to and from packets. Default 0.0.0.0. Ordered as a number, the first octet
+/// most significant.
+class KIV_API IpAddr : public detail::TextForms<IpAddr> {
+ public:
+  static constexpr unsigned kTextMax = 15;
+  static constexpr Kiv::ParseError kTrailingText = "Invalid IpAddr";
+
+  constexpr IpAddr() noexcept = default;
+  /// Octets in network order.
+  constexpr explicit IpAddr(const std::array<Kiv::U8, 4>& octets) noexcept : octets_(octets) {}
+  constexpr IpAddr(Kiv::U8 a, Kiv::U8 b, Kiv::U8 c, Kiv::U8 d) noexcept : octets_{a, b, c, d} {}
+  /// From dotted decimal; throws `Kiv::RangeException`.
+  explicit IpAddr(std::string_view text) { stringValueIs(text); }
+
+  /// From a number whose most significant octet is the first of the address.
+  static constexpr IpAddr fromHostOrder(Kiv::U32 number) noexcept {
+    return IpAddr(static_cast<Kiv::U8>(number >> 24), static_cast<Kiv::U8>(number >> 16),
+                  static_cast<Kiv::U8>(number >> 8), static_cast<Kiv::U8>(number));
+  }
+  constexpr Kiv::U32 hostOrder() const noexcept {
+    return Kiv::U32{octets_[0]} << 24 | Kiv::U32{octets_[1]} << 16 | Kiv::U32{octets_[2]} << 8 | octets_[3];
+  }
+  /// From and to the word that has the octets in memory order, as `in_addr::s_addr` has.
+  static constexpr IpAddr fromNetOrder(Kiv::U32 word) noexcept {
+    return IpAddr(std::bit_cast<std::array<Kiv::U8, 4>>(word));
+  }
+  constexpr Kiv::U32 netOrder() const noexcept { return std::bit_cast<Kiv::U32>(octets_); }
+
+  constexpr const std::array<Kiv::U8, 4>& octets() const noexcept { return octets_; }
+  /// Writes the four octets in network order.
+  constexpr void copyToBuffer(unsigned char* buf) const noexcept {
+    for (unsigned i = 0; i < 4; ++i) buf[i] = octets_[i];
+  }
+  constexpr void copyFromBuffer(const unsigned char* buf) noexcept {
+    for (unsigned i = 0; i < 4; ++i) octets_[i] = buf[i];
+  }
+
+  constexpr bool isZero() const noexcept { return hostOrder() == 0; }
+  constexpr bool isAny() const noexcept { return isZero(); }
+  /// 0.0.0.0/8.
+  constexpr bool isThisNetwork() const noexcept { return octets_[0] == 0; }
+  /// 224.0.0.0/4.
+  constexpr bool isMulticast() const noexcept { return octets_[0] >> 4 == 0xe; }
+  /// 224.0.0.0/24, the groups that stay on their link.
+  constexpr bool isReservedMulticast() const noexcept { return hostOrder() >> 8 == 0xe0'0000; }
+  /// 224.0.0.13.
+  constexpr bool isPimRouters() const noexcept { return hostOrder() == 0xe000'000d; }
+  /// Neither multicast nor broadcast: 0.0.0.0 and 240.0.0.0/4 count as unicast.
+  constexpr bool isUnicast() const noexcept { return !isMulticast() && !isBroadcast(); }
+  /// 255.255.255.255.
+  constexpr bool isBroadcast() const noexcept { return hostOrder() == 0xffff'ffff; }
+  /// 127.0.0.0/8.
+  constexpr bool isLoopback() const noexcept { return octets_[0] == 127; }
+  /// 127.0.0.0 exactly.
+  constexpr bool isLoopbackBase() const noexcept { return hostOrder() == 0x7f00'0000; }
+  /// 169.254.0.0/16.
+  constexpr bool isLinkLocal() const noexcept { return hostOrder() >> 16 == 0xa9fe; }
+  constexpr bool isLinkLocalUnicast() const noexcept { return isLinkLocal(); }
+  /// 240.0.0.0 to 255.255.255.254, unless the feature toggle `Ipv4Routable240ClassE` (file "Wirl.json") makes
+  /// these addresses ordinary. The toggle is read once, by the first call in the process.
+  bool isReserved() const noexcept;
+  /// Whether all bits of 10.0.0.0, of 172.16.0.0 or of 192.168.0.0 are set. The private ranges of RFC 1918
+  /// are among these addresses, and others are too, as 11.0.0.1; kept so on purpose.
+  constexpr bool isPrivate() const noexcept {
+    const auto has = [n = hostOrder()](Kiv::U32 bits) { return (n & bits) == bits; };
+    return has(0x0a00'0000) || has(0xac10'0000) || has(0xc0a8'0000);
+  }
+
+  /// 01:00:5e and the low 23 bits of the address (RFC 1112).
+  constexpr EthAddr mcastEtherAddress() const noexcept {
+    return EthAddr(0x01, 0x00, 0x5e, octets_[1] & 0x7f, octets_[2], octets_[3]);
+  }
+  /// Leading bits in which the two agree, 0 to 32.
+  constexpr unsigned longestCommonPrefix(IpAddr other) const noexcept {
+    return static_cast<unsigned>(std::countl_zero(hostOrder() ^ other.hostOrder()));
+  }
+
+  /// Dotted decimal with four octets, each a run of decimal digits of at most 255, any number of leading
+  /// zeros; never octal.
+  static Kiv::ParseError parse(std::string_view& text, IpAddr& out) noexcept;
+  unsigned writeText(char* out) const noexcept;
+
+  constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(word()); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept { return Kiv::SeededHash(seed).add(word()).value(); }
+  friend constexpr bool operator==(IpAddr a, IpAddr b) noexcept { return a.netOrder() == b.netOrder(); }
+  friend constexpr std::strong_ordering operator<=>(IpAddr a, IpAddr b) noexcept {
+    return a.hostOrder() <=> b.hostOrder();
+  }
+
+ private:
+  /// The octets read as a little-endian number, on every machine.
+  constexpr Kiv::U32 word() const noexcept {
+    return Kiv::U32{octets_[3]} << 24 | Kiv::U32{octets_[2]} << 16 | Kiv::U32{octets_[1]} << 8 | octets_[0];
+  }
+
+  std::array<Kiv::U8, 4> octets_{};
+};
+
+static_assert(std::is_trivially_copyable_v<IpAddr> && sizeof(IpAddr) == 4 && alignof(IpAddr) == 1);
+
+KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpAddr value);
+KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpAddr& value);
+
+}  // namespace Wirl
+
+template <>
+struct std::hash<Wirl::IpAddr> {
+  std::size_t operator()(Wirl::IpAddr value) const noexcept { return value.hash(); }
+};

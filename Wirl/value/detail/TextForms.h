@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <ostream>
+#include <string_view>
+
+#include "Kiv/Exception.h"
+#include "Kiv/Representation.h"
+#include "Kiv/String.h"
+#include "Kiv/Types.h"
+
+namespace Wirl::detail {
+
+[[noreturn, gnu::cold]] KIV_API void throwRange(Kiv::ParseError error);
+
+/// Writes the front of `text` that fits before a NUL, and the NUL; nothing for size 0. Returns the length of
+/// the whole text.
+KIV_API unsigned printTruncated(std::string_view text, char* buffer, unsigned size) noexcept;
+
+/// What a value type offers as text, made of four members of its own:
+///
+///     static Kiv::ParseError parse(std::string_view& text, T& out) noexcept;  // from the front; see Kiv
+///     unsigned writeText(char* out) const noexcept;    // the text and a NUL, no octet more; its length
+///     static constexpr unsigned kTextMax;              // the longest text, without its NUL
+///     static constexpr Kiv::ParseError kTrailingText;  // why text behind the value is refused
+template <typename T>
+class TextForms {
+ public:
+  /// The value that the whole of `text` stands for, or nothing.
+  static std::optional<T> fromText(std::string_view text) noexcept {
+    std::optional<T> value(std::in_place);
+    if (T::parse(text, *value) || !text.empty()) [[unlikely]]
+      value.reset();
+    return value;
+  }
+
+  /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
+  /// changes nothing, when there is none.
+  void stringValueIs(std::string_view text) {
+    T value;
+    Kiv::ParseError error = T::parse(text, value);
+    if (!error && !text.empty()) error = T::kTrailingText;
+    if (error) throwRange(error);
+    static_cast<T&>(*this) = value;
+  }
+
+  /// The canonical text.
+  Kiv::String stringValue() const {
+    char text[T::kTextMax + 1];
+    const unsigned length = self().writeText(text);
+    return {text, length};
+  }
+
+  /// Writes the canonical text, cut off to `size` - 1 characters, and a NUL; nothing for size 0. Returns the
+  /// length of the whole text. Allocates nothing and touches no octet behind the NUL.
+  unsigned printToBuffer(char* buffer, unsigned size) const noexcept {
+    if (size > T::kTextMax) [[likely]]
+      return self().writeText(buffer);
+    char text[T::kTextMax + 1];
+    const unsigned length = self().writeText(text);
+    return printTruncated({text, length}, buffer, size);
+  }
+
+  friend std::ostream& operator<<(std::ostream& out, const T& value) {
+    char text[T::kTextMax + 1];
+    const unsigned length = value.writeText(text);
+    return out << std::string_view(text, length);
+  }
+
+ private:
+  const T& self() const noexcept { return static_cast<const T&>(*this); }
+};
+
+}  // namespace Wirl::detail
