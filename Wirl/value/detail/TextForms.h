@@ -68,6 +68,9 @@ class TextForms {
     return out << std::string_view(text, length);
   }
 
+  // There is nothing in here to compare: what lets a value type default its own comparisons.
+  friend constexpr auto operator<=>(const TextForms&, const TextForms&) noexcept = default;
+
  private:
   const T& self() const noexcept { return static_cast<const T&>(*this); }
 };
