@@ -11,7 +11,9 @@ target_compile_options(wirl_options INTERFACE
   -Woverloaded-virtual -Wold-style-cast -Wcast-qual -Wcast-align -Wundef -Wformat=2 -Wnull-dereference
   $<$<BOOL:${WIRL_WERROR}>:-Werror>
   # GCC 12 reports these from inlined standard library code that is correct.
-  $<$<CXX_COMPILER_ID:GNU>:-Wno-null-dereference -Wno-stringop-overflow -Wno-array-bounds -Wno-restrict>)
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-null-dereference -Wno-stringop-overflow -Wno-array-bounds -Wno-restrict>
+  # Assertions name their file as it is named here, wherever the sources happen to lie.
+  "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
 if(WIRL_SANITIZE)
   target_compile_options(wirl_options INTERFACE
     -fsanitize=${WIRL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
@@ -19,6 +21,17 @@ if(WIRL_SANITIZE)
 endif()
 
 set_property(GLOBAL PROPERTY WIRL_ROOMS "")
+set_property(GLOBAL PROPERTY WIRL_PACKAGES "")
+set_property(GLOBAL PROPERTY WIRL_PC_LIBS "")
+
+# wirl_needs(PACKAGE LIBS ...): a library that rooms link without showing it in their headers. Whoever links
+# the static library needs it too: the installed package looks for PACKAGE, pkg-config names LIBS.
+function(wirl_needs package)
+  cmake_parse_arguments(PARSE_ARGV 1 NEEDS "" "" "LIBS")
+  find_package(${package} REQUIRED GLOBAL)
+  set_property(GLOBAL APPEND PROPERTY WIRL_PACKAGES ${package})
+  set_property(GLOBAL APPEND PROPERTY WIRL_PC_LIBS ${NEEDS_LIBS})
+endfunction()
 
 # wirl_room(NAME FOLDER <folder below the source root> [SOURCES ...] [SEES room ...] [LINKS library ...])
 function(wirl_room name)
@@ -39,6 +52,8 @@ function(wirl_room name)
   set_target_properties(wirl_${name} PROPERTIES
     POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     CXX_EXTENSIONS OFF)
+  target_compile_options(wirl_options INTERFACE "-fmacro-prefix-map=${root}/=")
   set_property(GLOBAL APPEND PROPERTY WIRL_ROOMS ${name})
+  set_property(GLOBAL PROPERTY WIRL_FOLDER_${name} ${ROOM_FOLDER})
   set_property(GLOBAL APPEND PROPERTY WIRL_LINKS ${ROOM_LINKS})
 endfunction()

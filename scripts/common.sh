@@ -1,0 +1,70 @@
+# What the scripts share; they source it and are in the project's root then.
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+root=$PWD
+jobs=$(nproc)
+
+# Where ccache happens to be installed it is used, with one cache for all clones.
+if command -v ccache >/dev/null; then
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+  export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+else
+  launcher=()
+fi
+
+# build PRESET [TARGET...]: configures where that was not done yet, and builds; prints what goes wrong only.
+build() {
+  local preset=$1 folder=build/$1
+  shift
+  mkdir -p "$folder"
+  if [ ! -e "$folder/build.ninja" ] || [ CMakePresets.json -nt "$folder/build.ninja" ]; then
+    quietly "$folder/configure.log" cmake --preset "$preset" "${launcher[@]}" || return 1
+    touch "$folder/build.ninja"
+  fi
+  quietly "$folder/build.log" cmake --build "$folder" -j "$jobs" ${1:+--target "$@"}
+}
+
+# quietly LOG COMMAND...: runs it, showing the log where it fails.
+quietly() {
+  local log=$1
+  shift
+  "$@" >"$log" 2>&1 </dev/null || {
+    grep -vE '^\[[0-9]+/[0-9]+\] (Building|Linking)' "$log" >&2 || true
+    echo "failed: $* (log: $log)" >&2
+    return 1
+  }
+}
+
+# The sums of all test runs of this script.
+passed=0 failed=0 skipped=0
+
+# tests FOLDER [ctest argument...]: runs the tests known in a build folder, counts them, shows those that fail.
+tests() {
+  local folder=$1 status=0 log total fail skip
+  shift
+  log=$root/$folder/ctest
+  ctest --test-dir "$folder" -j "$jobs" --no-tests=error --output-on-failure --output-junit "$log.xml" "$@" \
+    >"$log.log" 2>&1 </dev/null || status=$?
+  total=$(sum tests "$log.xml") fail=$(sum failures "$log.xml") skip=$(sum skipped "$log.xml")
+  passed=$((passed + total - fail - skip)) failed=$((failed + fail)) skipped=$((skipped + skip))
+  if [ $status != 0 ]; then
+    grep -vE '^ *Start +[0-9]+:| Passed +[0-9.]+ sec$' "$log.log" >&2 || true
+    return 1
+  fi
+  if [ "$skip" != 0 ]; then
+    grep -E '\*\*\*Skipped' "$log.log" || true
+    if [ "${CI:-}" = true ]; then
+      echo "a test that is skipped does not count as run here" >&2
+      return 1
+    fi
+  fi
+}
+
+# sum ATTRIBUTE FILE: what the head of a JUnit file says of the run.
+sum() { sed -n "/<testsuite /,/>/s/.*[[:space:]]$1=\"\([0-9]*\)\".*/\1/p" "$2" | head -n 1; }
+
+# The closing line; programs read it, so it stands alone.
+count_line() {
+  local text="$passed passed, $failed failed"
+  [ $skipped = 0 ] || text+=", $skipped skipped"
+  echo "$text"
+}
