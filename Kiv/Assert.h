@@ -12,10 +12,10 @@ namespace Kiv {
 
 /// Ends the process when `condition` does not hold. The text is the second argument, a literal: it is part
 /// of the interface, so it must not move with the way that the condition happens to be written.
-#define KIV_ASSERT_AS(condition, text)                                 \
-  do {                                                                 \
-    if (!(condition)) [[unlikely]]                                     \
-      ::Kiv::assertionFailed(__FILE__, __LINE__, text);                \
+#define KIV_ASSERT_AS(condition, text)                  \
+  do {                                                  \
+    if (!(condition)) [[unlikely]]                      \
+      ::Kiv::assertionFailed(__FILE__, __LINE__, text); \
   } while (false)
 
 /// The same for a condition whose own text serves as the message.

@@ -14,6 +14,8 @@ ErrnoException::~ErrnoException() = default;
 ErrnoException::ErrnoException(int error, String message)
     : Exception(message), what_(std::move(message) + ": " + errorText(error)), error_(error) {}
 
-String errorText(int error) { return std::generic_category().message(error); }
+String errorText(int error) {
+  return std::generic_category().message(error);
+}
 
 }  // namespace Kiv

@@ -31,7 +31,9 @@ void NboAttrLog::octetsIs(std::span<const U8> octets) {
   bytes_.insert(bytes_.end(), octets.begin(), octets.end());
 }
 
-void NboAttrLog::octets(std::span<U8> out) { std::ranges::copy(take(out.size()), out.begin()); }
+void NboAttrLog::octets(std::span<U8> out) {
+  std::ranges::copy(take(out.size()), out.begin());
+}
 
 std::span<const U8> NboAttrLog::take(std::size_t count) {
   if (count > bytesLeft()) throw RangeException("NboAttrLog: read past the end");

@@ -7,10 +7,14 @@ namespace detail {
 constinit bool ptrThreadSafe = false;
 }  // namespace detail
 
-void ptrThreadSafeIs(bool on) noexcept { detail::ptrThreadSafe = on; }
+void ptrThreadSafeIs(bool on) noexcept {
+  detail::ptrThreadSafe = on;
+}
 
 PtrInterface::~PtrInterface() = default;
 
-void PtrInterface::onZeroReferences() const noexcept { delete this; }
+void PtrInterface::onZeroReferences() const noexcept {
+  delete this;
+}
 
 }  // namespace Kiv

@@ -19,7 +19,9 @@ KIV_API extern bool ptrThreadSafe;
 }  // namespace detail
 
 /// Whether reference counts are atomic. Off by default: objects belong to the thread of one activity loop.
-inline bool ptrThreadSafe() noexcept { return detail::ptrThreadSafe; }
+inline bool ptrThreadSafe() noexcept {
+  return detail::ptrThreadSafe;
+}
 
 /// Call it at start-up, before a second thread can hold a `Ptr`.
 KIV_API void ptrThreadSafeIs(bool on) noexcept;
@@ -89,13 +91,11 @@ class Ptr {
   Ptr(const Ptr& other) noexcept : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <typename U>
-    requires std::convertible_to<U*, T*>
-  Ptr(const Ptr<U>& other) noexcept : object_(other.get()) {
-    acquire();
-  }
+  requires std::convertible_to<U*, T*> Ptr(const Ptr<U>& other)
+  noexcept : object_(other.get()) { acquire(); }
   template <typename U>
-    requires std::convertible_to<U*, T*>
-  Ptr(Ptr<U>&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)
+  noexcept : object_(std::exchange(other.object_, nullptr)) {}
   ~Ptr() { release(object_); }
 
   Ptr& operator=(const Ptr& other) noexcept {
@@ -128,8 +128,7 @@ class Ptr {
   static void release(T* object) noexcept {
     if (object && object->PtrInterface::dropReference()) {
       // Named through the static type where that type is final, so that the call can be inlined.
-      if constexpr (std::is_final_v<std::remove_const_t<T>> &&
-                    requires { object->T::onZeroReferences(); }) {
+      if constexpr (std::is_final_v<std::remove_const_t<T>> && requires { object->T::onZeroReferences(); }) {
         object->T::onZeroReferences();
       } else {
         static_cast<const PtrInterface*>(object)->onZeroReferences();
@@ -141,13 +140,13 @@ class Ptr {
 };
 
 template <typename T, typename U>
-  requires std::equality_comparable_with<T*, U*>
+requires std::equality_comparable_with<T*, U*>
 bool operator==(const Ptr<T>& a, const Ptr<U>& b) noexcept {
   return a.get() == b.get();
 }
 template <typename T, typename U>
-  requires std::three_way_comparable_with<T*, U*>
-std::strong_ordering operator<=>(const Ptr<T>& a, const Ptr<U>& b) noexcept {
+requires std::three_way_comparable_with<T*, U*> std::strong_ordering operator<=>(const Ptr<T>& a,
+                                                                                 const Ptr<U>& b) noexcept {
   return std::compare_three_way()(a.get(), b.get());
 }
 

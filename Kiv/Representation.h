@@ -35,7 +35,8 @@ inline bool takeLiteral(std::string_view& text, std::string_view literal) noexce
 /// attributes in declaration order drives printing and parsing.
 ///
 ///     static constexpr auto representation() {
-///       return Kiv::representation("Wirl::IpAndPort", "Invalid IpAndPort", Kiv::field("ip", &IpAndPort::ip_),
+///       return Kiv::representation("Wirl::IpAndPort", "Invalid IpAndPort", Kiv::field("ip",
+///       &IpAndPort::ip_),
 ///                                  Kiv::field("port", &IpAndPort::port_));
 ///     }
 ///
@@ -60,12 +61,15 @@ struct Representation {
 };
 
 template <typename... Fields>
-constexpr Representation<Fields...> representation(std::string_view type, ParseError invalid, Fields... fields) {
+constexpr Representation<Fields...> representation(std::string_view type, ParseError invalid,
+                                                   Fields... fields) {
   return {type, invalid, {fields...}};
 }
 
 template <typename T>
-concept Represented = requires { T::representation(); };
+concept Represented = requires {
+  T::representation();
+};
 
 namespace detail {
 
@@ -90,8 +94,8 @@ void printRepresentation(std::string& out, const T& value) {
   std::apply(
       [&](const auto&... attribute) {
         bool first = true;
-        ((out += first ? "'" : ", '", first = false, out += attribute.name, out += "': ",
-          detail::printValue(out, value.*attribute.member)),
+        ((out += first ? "'" : ", '", first = false, out += attribute.name,
+          out += "': ", detail::printValue(out, value.*attribute.member)),
          ...);
       },
       list.fields);

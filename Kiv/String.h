@@ -48,12 +48,12 @@ class String {
   }
 
   template <typename T>
-    requires std::convertible_to<const T&, std::string_view>
+  requires std::convertible_to<const T&, std::string_view>
   friend bool operator==(const String& a, const T& b) noexcept {
     return std::string_view(a) == static_cast<std::string_view>(b);
   }
   template <typename T>
-    requires std::convertible_to<const T&, std::string_view>
+  requires std::convertible_to<const T&, std::string_view>
   friend std::strong_ordering operator<=>(const String& a, const T& b) noexcept {
     return std::string_view(a) <=> static_cast<std::string_view>(b);
   }

@@ -114,9 +114,13 @@ class TraceRegistry {
   TraceSink sink_;
 };
 
-TraceHandle::TraceHandle(std::string_view name) : name_(name) { TraceRegistry::instance().add(*this); }
+TraceHandle::TraceHandle(std::string_view name) : name_(name) {
+  TraceRegistry::instance().add(*this);
+}
 
-TraceHandle::~TraceHandle() { TraceRegistry::instance().remove(*this); }
+TraceHandle::~TraceHandle() {
+  TraceRegistry::instance().remove(*this);
+}
 
 void traceIs(std::string_view setting) {
   auto rules = rulesOf(setting);
@@ -124,7 +128,9 @@ void traceIs(std::string_view setting) {
   TraceRegistry::instance().rulesAre(std::move(*rules));
 }
 
-void traceSinkIs(TraceSink sink) { TraceRegistry::instance().sinkIs(std::move(sink)); }
+void traceSinkIs(TraceSink sink) {
+  TraceRegistry::instance().sinkIs(std::move(sink));
+}
 
 TraceStream::~TraceStream() {
   TraceRegistry::instance().write(handle_.name(), level_, text_.str());

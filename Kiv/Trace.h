@@ -84,7 +84,7 @@ class KIV_API TraceStream {
 
 }  // namespace Kiv
 
-#define KIV_TRACE(handle, level)    \
-  if (!(handle).enabled(level)) {   \
-  } else                            \
+#define KIV_TRACE(handle, level)  \
+  if (!(handle).enabled(level)) { \
+  } else                          \
     ::Kiv::TraceStream((handle), (level))

@@ -21,8 +21,12 @@ std::vector<Row>& rows() {
   return all;
 }
 
-std::string oursName(const Row& row) { return row.work + "|ours"; }
-std::string peerName(const Row& row) { return row.work + "|" + row.peer; }
+std::string oursName(const Row& row) {
+  return row.work + "|ours";
+}
+std::string peerName(const Row& row) {
+  return row.work + "|" + row.peer;
+}
 
 /// Keeps the times of the repetitions, in nanoseconds of wall clock an iteration; prints nothing itself.
 class Collector : public benchmark::BenchmarkReporter {
@@ -37,9 +41,10 @@ class Collector : public benchmark::BenchmarkReporter {
       }
       // A body may count several pieces of work an iteration.
       const auto items = run.counters.find("items_per_second");
-      times[run.run_name.function_name].push_back(
-          items != run.counters.end() ? 1e9 / items->second
-                                      : run.real_accumulated_time / static_cast<double>(run.iterations) * 1e9);
+      times[run.run_name.function_name].push_back(items != run.counters.end()
+                                                      ? 1e9 / items->second
+                                                      : run.real_accumulated_time /
+                                                            static_cast<double>(run.iterations) * 1e9);
     }
   }
 

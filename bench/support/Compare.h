@@ -12,11 +12,15 @@ using Body = std::function<void(benchmark::State&)>;
 
 /// What is wanted of the time of ours against that of the peer.
 struct Target {
-  bool faster;   // true: peer / ours at least `bound`; false: ours / peer at most `bound`
+  bool faster;  // true: peer / ours at least `bound`; false: ours / peer at most `bound`
   double bound;
 };
-inline Target atMost(double ratio) { return {false, ratio}; }
-inline Target timesFaster(double ratio) { return {true, ratio}; }
+inline Target atMost(double ratio) {
+  return {false, ratio};
+}
+inline Target timesFaster(double ratio) {
+  return {true, ratio};
+}
 
 /// A row of the table: ours and a peer (or floor) doing the same work in the same run, repetitions of the two
 /// interleaved. Call it before main, through `BENCH_ROWS`.
@@ -32,7 +36,7 @@ struct Rows {
 }  // namespace bench
 
 /// A block that registers rows: `BENCH_ROWS { bench::compare(...); }`
-#define BENCH_ROWS                          \
-  static void benchRows();                  \
+#define BENCH_ROWS                                    \
+  static void benchRows();                            \
   static const bench::Rows benchRowsAdded(benchRows); \
   static void benchRows()

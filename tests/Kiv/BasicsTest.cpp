@@ -97,8 +97,8 @@ TEST(NboAttrLog, ReadsBackWhatWasWrittenAndRefusesToReadOn) {
   const U8 octets[] = {1, 2, 3};
   log << U16{0x0102} << S32{-2} << U64{0x1122334455667788} << true << String("ab");
   log.octetsIs(octets);
-  EXPECT_EQ(log.bytes(), (Bytes{1, 2, 255, 255, 255, 254, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 1,
-                                0, 0, 0, 2, 'a', 'b', 1, 2, 3}));
+  EXPECT_EQ(log.bytes(), (Bytes{1,    2,    255, 255, 255, 254, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66,
+                                0x77, 0x88, 1,   0,   0,   0,   2,    'a',  'b',  1,    2,    3}));
   U16 a = 0;
   S32 b = 0;
   U64 c = 0;
@@ -174,7 +174,8 @@ TEST(Representation, AFailedParseChangesNothingAndSaysWhy) {
       {"", "Invalid Inner"},
       {"Value('T::Other', ** {'small': 1, 'negative': 2})", "Invalid Inner"},
       {"Value('T::Inner', ** {'small': 256, 'negative': 2})", "Integer out of range"},
-      {"Value('T::Inner', ** {'small': 99999999999999999999999999999, 'negative': 2})", "Integer out of range"},
+      {"Value('T::Inner', ** {'small': 99999999999999999999999999999, 'negative': 2})",
+       "Integer out of range"},
       {"Value('T::Inner', ** {'small': -1, 'negative': 2})", "Invalid integer"},
       {"Value('T::Inner', ** {'small': 1, 'negative': -32769})", "Integer out of range"},
       {"Value('T::Inner', ** {'small': 1, 'negative': 2}", "Invalid Inner"},

@@ -1,0 +1,404 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Kiv/ActivityLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Clock.h"
+#include "Kiv/Exception.h"
+#include "Kiv/FileDescriptor.h"
+
+namespace Kiv {
+
+namespace {
+
+constexpr U32 kFailed = EPOLLERR | EPOLLHUP;
+constexpr U32 kReadable = EPOLLIN | EPOLLRDHUP | EPOLLPRI | kFailed;
+constexpr U32 kWritable = EPOLLOUT | kFailed;
+
+U64 tagOf(U32 slot, U32 generation) {
+  return U64{generation} << 32 | slot;
+}
+
+}  // namespace
+
+/// Marks the loop as running for as long as it is in scope; refuses when it is already.
+class ActivityLoop::Running {
+ public:
+  explicit Running(ActivityLoop& loop) : loop_(&loop) {
+    KIV_ASSERT_AS(!loop.running(), "!running()");
+    loop.running_ = true;
+    loop.stopped_ = false;
+  }
+  ~Running() { loop_->running_ = false; }
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+ private:
+  const Ptr<ActivityLoop> loop_;
+};
+
+ActivityLoop::ActivityLoop() : events_(kBatch) {
+  epoll_ = epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_ < 0) throw ErrnoException(errno, "epoll_create1");
+  timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  // Edge-triggered, so that an expiry wakes once and need not be read.
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLET;
+  event.data.u64 = tagOf(kTimerSlot, 0);
+  if (timer_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, timer_, &event) < 0) {
+    const int error = errno;
+    close(epoll_);
+    if (timer_ >= 0) close(timer_);
+    throw ErrnoException(error, "timerfd_create");
+  }
+}
+
+ActivityLoop::~ActivityLoop() {
+  close(timer_);
+  close(epoll_);
+}
+
+// Descriptors
+// ------------------------------------------------------------------------------------------------
+
+U32 ActivityLoop::slotIs(FileDescriptor& target, int fd, U32 events) {
+  if (freeSlots_.empty()) {
+    slots_.emplace_back();
+    freeSlots_.reserve(slots_.size());
+    freeSlots_.push_back(static_cast<U32>(slots_.size() - 1));
+  }
+  if (slotOfFd_.size() <= static_cast<std::size_t>(fd))
+    slotOfFd_.resize(static_cast<std::size_t>(fd) + 1, kNoSlot);
+  const U32 index = freeSlots_.back();
+  Slot& slot = slots_[index];
+  slot.target = &target;
+  slot.fd = fd;
+  slot.events = 0;
+  eventsIs(index, events);
+  freeSlots_.pop_back();
+  return index;
+}
+
+void ActivityLoop::slotDel(U32 index) noexcept {
+  eventsIs(index, 0);
+  Slot& slot = slots_[index];
+  ++slot.generation;
+  slot.target = nullptr;
+  freeSlots_.push_back(index);
+}
+
+void ActivityLoop::eventsIs(U32 index, U32 events) {
+  Slot& slot = slots_[index];
+  if (events == slot.events) return;
+  if (slot.fd < 0) throw ErrnoException(EBADF, "epoll_ctl");
+  U32& holder = slotOfFd_[static_cast<std::size_t>(slot.fd)];
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = tagOf(index, slot.generation);
+  if (events == 0) {
+    // It fails when the descriptor was closed first; then there is nothing left to remove.
+    epoll_ctl(epoll_, EPOLL_CTL_DEL, slot.fd, &event);
+    holder = kNoSlot;
+  } else if (slot.events != 0) {
+    if (epoll_ctl(epoll_, EPOLL_CTL_MOD, slot.fd, &event) < 0) throw ErrnoException(errno, "epoll_ctl");
+  } else {
+    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, slot.fd, &event) < 0) throw ErrnoException(errno, "epoll_ctl");
+    if (holder != kNoSlot) {
+      // The number was watched, closed and opened again: the kernel has forgotten the former watch.
+      slots_[holder].events = 0;
+      slots_[holder].fd = -1;
+    }
+    holder = index;
+  }
+  slot.events = events;
+}
+
+// Clocks
+// -----------------------------------------------------------------------------------------------------
+
+void ActivityLoop::deadlineIs(Clock& clock, Time time) {
+  const Deadline deadline{time, order_++, &clock};
+  if (clock.place_ == Clock::Place::fresh) {
+    fresh_[clock.index_] = deadline;
+  } else {
+    fresh_.push_back(deadline);
+    deadlineDel(clock);
+    clock.place_ = Clock::Place::fresh;
+    clock.index_ = fresh_.size() - 1;
+  }
+  clock.timeMin_ = time;
+  if (embedded_) syncEmbedded();
+}
+
+void ActivityLoop::deadlineDel(Clock& clock) noexcept {
+  switch (clock.place_) {
+    case Clock::Place::none:
+      return;
+    case Clock::Place::fresh:
+      fresh_[clock.index_] = fresh_.back();
+      fresh_[clock.index_].clock->index_ = clock.index_;
+      fresh_.pop_back();
+      break;
+    case Clock::Place::heap:
+      heapDel(clock.index_);
+      break;
+    case Clock::Place::due:
+      due_[clock.index_].clock = nullptr;
+      break;
+  }
+  clock.place_ = Clock::Place::none;
+  clock.timeMin_ = timeInfinite;
+}
+
+void ActivityLoop::heapDel(std::size_t index) noexcept {
+  const Deadline last = heap_.back();
+  heap_.pop_back();
+  if (index == heap_.size()) return;
+  if (index > 0 && last < heap_[(index - 1) / 4]) {
+    siftUp(index, last);
+  } else {
+    siftDown(index, last);
+  }
+}
+
+void ActivityLoop::heapIs(const Deadline& deadline) {
+  deadline.clock->place_ = Clock::Place::heap;
+  heap_.push_back(deadline);
+  siftUp(heap_.size() - 1, deadline);
+}
+
+void ActivityLoop::place(std::size_t index, const Deadline& deadline) noexcept {
+  heap_[index] = deadline;
+  deadline.clock->index_ = index;
+}
+
+void ActivityLoop::siftUp(std::size_t index, Deadline deadline) noexcept {
+  while (index > 0) {
+    const std::size_t parent = (index - 1) / 4;
+    if (!(deadline < heap_[parent])) break;
+    place(index, heap_[parent]);
+    index = parent;
+  }
+  place(index, deadline);
+}
+
+void ActivityLoop::siftDown(std::size_t index, Deadline deadline) noexcept {
+  for (;;) {
+    const std::size_t first = index * 4 + 1;
+    if (first >= heap_.size()) break;
+    std::size_t least = first;
+    const std::size_t end = std::min(first + 4, heap_.size());
+    for (std::size_t child = first + 1; child < end; ++child) {
+      if (heap_[child] < heap_[least]) least = child;
+    }
+    if (!(heap_[least] < deadline)) break;
+    place(index, heap_[least]);
+    index = least;
+  }
+  place(index, deadline);
+}
+
+Time ActivityLoop::nextDeadline() {
+  for (const Deadline& deadline : fresh_) heapIs(deadline);
+  fresh_.clear();
+  return heap_.empty() ? timeInfinite : heap_[0].time;
+}
+
+/// Sees to it that the timer expires at `time` or earlier: one that is set to an earlier time stays, since a
+/// wake-up too many costs less than a system call for every change.
+void ActivityLoop::timerIs(Time time) {
+  if (time >= timerTime_) return;
+  const auto whole = std::chrono::duration_cast<std::chrono::seconds>(time);
+  itimerspec spec{};
+  // Where time_t is short a distant time is approached in steps, of 68 years.
+  spec.it_value.tv_sec =
+      static_cast<time_t>(std::min<S64>(whole.count(), std::numeric_limits<time_t>::max()));
+  spec.it_value.tv_nsec = static_cast<long>((time - whole).count());
+  if (timerfd_settime(timer_, TFD_TIMER_ABSTIME, &spec, nullptr) < 0) {
+    throw ErrnoException(errno, "timerfd_settime");
+  }
+  timerTime_ = time;
+}
+
+// Passes
+// -----------------------------------------------------------------------------------------------------
+
+void ActivityLoop::run() {
+  runUntilTime(timeInfinite, nullptr);
+}
+
+void ActivityLoop::runFor(double seconds) {
+  runUntilTime(timeAfter(now(), timeOfSeconds(seconds)), nullptr);
+}
+
+bool ActivityLoop::runUntil(const std::function<bool()>& done, double seconds) {
+  return runUntilTime(timeAfter(now(), timeOfSeconds(seconds)), &done);
+}
+
+bool ActivityLoop::runUntilTime(Time limit, const std::function<bool()>* done) {
+  const Running running(*this);
+  for (bool first = true;; first = false) {
+    if (done && (*done)()) return true;
+    if (stopped_) return false;
+    if (!first && limit != timeInfinite && now() >= limit) return false;
+    pass(limit);
+  }
+}
+
+void ActivityLoop::poll() {
+  {
+    const Running running(*this);
+    pass(Time::min());
+  }
+  if (embedded_) syncEmbedded();
+}
+
+void ActivityLoop::pass(Time limit) {
+  if (!leftOver()) wait(limit);
+  runEvents();
+  runClocks();
+}
+
+void ActivityLoop::wait(Time limit) {
+  if (limit == Time::min()) {
+    take(0);
+    return;
+  }
+  const Time next = std::min(nextDeadline(), limit);
+  if (simulated_) {
+    if (take(next == timeInfinite ? -1 : 0) == 0 && next > simulatedNow_ && next != timeInfinite) {
+      simulatedNow_ = next;
+    }
+  } else if (next == timeInfinite) {
+    take(-1);
+  } else if (next <= now()) {
+    take(0);
+  } else {
+    timerIs(next);
+    take(-1);
+  }
+}
+
+/// Fetches a batch of events; returns how many, the timer's left out.
+int ActivityLoop::take(int timeout) {
+  nextEvent_ = 0;
+  eventCount_ = 0;
+  const int count = epoll_wait(epoll_, events_.data(), kBatch, timeout);
+  if (count < 0 && errno != EINTR) throw ErrnoException(errno, "epoll_wait");
+  eventCount_ = std::max(count, 0);
+  int others = eventCount_;
+  for (int i = 0; i < eventCount_; ++i) {
+    if (static_cast<U32>(events_[static_cast<std::size_t>(i)].data.u64) == kTimerSlot) {
+      timerTime_ = timeInfinite;
+      --others;
+    }
+  }
+  return others;
+}
+
+void ActivityLoop::runEvents() {
+  while (nextEvent_ < eventCount_ && !stopped_) {
+    epoll_event& event = events_[static_cast<std::size_t>(nextEvent_)];
+    const U32 index = static_cast<U32>(event.data.u64);
+    const U32 generation = static_cast<U32>(event.data.u64 >> 32);
+    const auto target = [&]() -> FileDescriptor* {
+      return index < slots_.size() && slots_[index].generation == generation ? slots_[index].target : nullptr;
+    };
+    // What is run is first struck off the batch, so that an exception loses nothing and repeats nothing.
+    const U32 happened = event.events;
+    FileDescriptor* fd = target();
+    if (fd && (happened & kReadable) != 0 && fd->notifyOnReadable()) {
+      event.events = (happened & kWritable) != 0 ? EPOLLOUT : 0u;
+      fd->readableCountInc(1);
+      fd = target();
+    }
+    ++nextEvent_;
+    if (fd && (happened & kWritable) != 0 && fd->notifyOnWritable()) fd->writableCountInc(1);
+  }
+}
+
+/// Moves the clocks whose time has come to the due ones, in the order of their times and of their setting.
+void ActivityLoop::collectDue() {
+  due_.clear();
+  nextDue_ = 0;
+  if (heap_.empty() && fresh_.empty()) return;
+  const Time present = now();
+  while (!heap_.empty() && heap_[0].time <= present) {
+    due_.push_back(heap_[0]);
+    heapDel(0);
+  }
+  const bool sorted = fresh_.empty();
+  for (const Deadline& deadline : fresh_) {
+    if (deadline.time <= present) {
+      due_.push_back(deadline);
+    } else {
+      heapIs(deadline);
+    }
+  }
+  fresh_.clear();
+  if (!sorted) std::sort(due_.begin(), due_.end());
+  for (std::size_t i = 0; i < due_.size(); ++i) {
+    due_[i].clock->place_ = Clock::Place::due;
+    due_[i].clock->index_ = i;
+  }
+}
+
+void ActivityLoop::runClocks() {
+  if (nextDue_ == due_.size()) collectDue();
+  while (nextDue_ < due_.size() && !stopped_) {
+    Clock* const clock = due_[nextDue_++].clock;
+    if (!clock) continue;
+    clock->place_ = Clock::Place::none;
+    clock->timeMin_ = timeInfinite;
+    clock->expiredCountInc(1);
+  }
+}
+
+/// Sets the timer for a foreign loop, which waits on `descriptor()` without asking first.
+void ActivityLoop::syncEmbedded() {
+  if (running_) return;
+  const Time next = nextDeadline();
+  if (leftOver() || next <= now()) {
+    timerIs(Time(1));
+  } else if (!simulated_ && next != timeInfinite) {
+    timerIs(next);
+  }
+}
+
+int ActivityLoop::descriptor() {
+  embedded_ = true;
+  syncEmbedded();
+  return epoll_;
+}
+
+Time ActivityLoop::now() const noexcept {
+  if (simulated_) return simulatedNow_;
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return std::chrono::seconds(time.tv_sec) + Time(time.tv_nsec);
+}
+
+void ActivityLoop::simulatedTimeIs(bool on) {
+  if (on && !simulated_) simulatedNow_ = now();
+  simulated_ = on;
+}
+
+/// Keeps the thread's loop; those that are registered with it keep it too.
+struct ThreadLoop {
+  const Ptr<ActivityLoop> loop{new ActivityLoop};
+};
+
+ActivityLoop& activityLoop() {
+  static thread_local const ThreadLoop mine;
+  return *mine.loop;
+}
+
+}  // namespace Kiv

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "Kiv/Ptr.h"
+#include "Kiv/Time.h"
+#include "Kiv/Types.h"
+
+struct epoll_event;
+
+namespace Kiv {
+
+class Clock;
+class FileDescriptor;
+
+/// Watches descriptors and clocks and runs their reactors: one loop a thread, `Kiv::activityLoop()`.
+///
+///     one pass:   wait ──> take a batch of events ──> run them ──> run the clocks that are due
+///
+///     descriptors   slot ─ { object, number, generation }     epoll reports (slot, generation)
+///     clocks        fresh ──> heap by (time, order of setting) ──> due     one timerfd for the earliest
+///
+/// A batch of events outlives what its reactors do: each event names a slot and the generation that the slot
+/// had. When an earlier reactor of the batch let the slot go, or it was taken again (same number, other
+/// socket), the generations differ and the event is dropped. Nothing in the batch is a pointer.
+///
+/// A clock that is set goes to the end of the fresh ones, and from there, at the loop's next look at the
+/// clocks, into the heap or straight to the due ones: setting and cancelling in between costs no sorting.
+///
+/// A pass takes one event per descriptor and then looks at the clocks; descriptors that are still ready come
+/// round again behind the others. So neither a busy descriptor nor a clock that keeps setting itself starves
+/// the rest.
+///
+/// An exception from a reactor leaves through `run()` (or whatever drives the loop). Events and due clocks
+/// that were behind it are kept and run in the next pass.
+///
+/// The loop belongs to its thread, and so does everything that it drives. It lives as long as the thread or
+/// anything that is registered with it.
+class KIV_API ActivityLoop final : public PtrInterface {
+ public:
+  ~ActivityLoop() override;
+
+  /// Runs passes until `stop()`. A loop that runs cannot be run again from inside (assertion "!running()").
+  void run();
+  /// Ends the `run…()` in progress once the reactor at work returns; without one it does nothing.
+  void stop() noexcept { stopped_ = true; }
+  /// One pass over what is ready and due now, without waiting.
+  void poll();
+  /// Runs passes for `seconds`.
+  void runFor(double seconds);
+  /// Runs passes until `done` holds, for at most `seconds`; whether it held. Looked at before each pass.
+  bool runUntil(const std::function<bool()>& done, double seconds);
+  bool running() const noexcept { return running_; }
+
+  /// Puts the loop inside another one: readable when there is work of any kind, clocks included. Watch it
+  /// for reading (level-triggered) and call `poll()` then. Owned by the loop.
+  int descriptor();
+
+  /// The monotonic clock, or the simulated time.
+  Time now() const noexcept;
+  /// In simulated time the clock stands still, except that waiting jumps to the next deadline (of a clock, or
+  /// the end of `runFor` and `runUntil`) as soon as no descriptor is ready. With nothing to jump to, it waits
+  /// for descriptors. Switched on it starts from the present time; switched off, the monotonic clock is back.
+  bool simulatedTime() const noexcept { return simulated_; }
+  void simulatedTimeIs(bool on);
+
+ private:
+  friend class Clock;
+  friend class FileDescriptor;
+  friend KIV_API ActivityLoop& activityLoop();
+  friend struct ThreadLoop;
+
+  static constexpr U32 kNoSlot = 0xffffffff;
+  static constexpr U32 kTimerSlot = 0xfffffffe;
+  static constexpr int kBatch = 256;
+
+  struct Slot {
+    FileDescriptor* target = nullptr;
+    int fd = -1;
+    U32 generation = 0;
+    U32 events = 0;  // as epoll has them; 0: it does not have the descriptor
+  };
+  struct Deadline {
+    Time time;
+    U64 order;
+    Clock* clock;
+    bool operator<(const Deadline& other) const noexcept {
+      return time != other.time ? time < other.time : order < other.order;
+    }
+  };
+  class Running;
+
+  ActivityLoop();
+
+  // Descriptors.
+  U32 slotIs(FileDescriptor& target, int fd, U32 events);
+  void eventsIs(U32 slot, U32 events);
+  void slotDel(U32 slot) noexcept;
+
+  // Clocks.
+  void deadlineIs(Clock& clock, Time time);
+  void deadlineDel(Clock& clock) noexcept;
+  void place(std::size_t index, const Deadline& deadline) noexcept;
+  void siftUp(std::size_t index, Deadline deadline) noexcept;
+  void siftDown(std::size_t index, Deadline deadline) noexcept;
+  void heapIs(const Deadline& deadline);
+  void heapDel(std::size_t index) noexcept;
+  void collectDue();
+  Time nextDeadline();
+  void timerIs(Time time);
+
+  // Passes.
+  bool runUntilTime(Time limit, const std::function<bool()>* done);
+  void pass(Time limit);
+  void wait(Time limit);
+  int take(int timeout);
+  void runEvents();
+  void runClocks();
+  bool leftOver() const noexcept { return nextEvent_ < eventCount_ || nextDue_ < due_.size(); }
+  void syncEmbedded();
+
+  int epoll_ = -1;
+  int timer_ = -1;
+  Time timerTime_ = timeInfinite;  // what timer_ is set to; infinite when it has expired or is off
+
+  std::vector<Slot> slots_;
+  std::vector<U32> freeSlots_;
+  std::vector<U32> slotOfFd_;
+
+  std::vector<Deadline> fresh_;  // in no order
+  std::vector<Deadline> heap_;   // four children a node
+  std::vector<Deadline> due_;    // of the pass in progress, in order; null clock: cancelled meanwhile
+  U64 order_ = 0;
+  std::size_t nextDue_ = 0;
+
+  std::vector<epoll_event> events_;
+  int eventCount_ = 0;
+  int nextEvent_ = 0;
+
+  bool running_ = false;
+  bool stopped_ = false;
+  bool embedded_ = false;
+  bool simulated_ = false;
+  Time simulatedNow_{};
+};
+
+/// The loop of the calling thread, made when it is first asked for.
+KIV_API ActivityLoop& activityLoop();
+
+}  // namespace Kiv

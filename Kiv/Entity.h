@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <concepts>
+#include <ostream>
+#include <sstream>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "Kiv/Ptr.h"
+#include "Kiv/Reactor.h"
+#include "Kiv/String.h"
+#include "Kiv/Time.h"
+#include "Kiv/Types.h"
+
+namespace Kiv {
+
+/// How an attribute's value travels: small plain values by value, others by reference.
+template <typename T>
+using AttrValue = std::conditional_t<std::is_trivially_copyable_v<T> && sizeof(T) <= 16, T, const T&>;
+
+/// A value of an entity that reactors can watch. `entity->name()` reads it, `entity->name` names it to a
+/// `Reactor`; it is changed through the entity's setter alone. Declared by the `KIV_ATTR` macros.
+template <typename T, typename Owner>
+class Attr {
+ public:
+  Attr() = default;
+  explicit Attr(T initial) : value_(std::move(initial)) {}
+  Attr(const Attr&) = delete;
+  Attr& operator=(const Attr&) = delete;
+
+  AttrValue<T> operator()() const noexcept { return value_; }
+  NotifieeList& notifiees() const noexcept { return notifiees_; }
+
+ private:
+  friend Owner;
+
+  /// False, and nothing stored, when the value is what it was.
+  bool store(AttrValue<T> value) {
+    if (value_ == value) return false;
+    value_ = value;
+    return true;
+  }
+  void set(AttrValue<T> value) {
+    if (store(value)) notifiees_.notify();
+  }
+
+  T value_{};
+  mutable NotifieeList notifiees_;
+};
+
+/// Takes the attributes of an entity one by one, base classes first, in the order of declaration.
+class KIV_API AttrVisitor {
+ public:
+  virtual ~AttrVisitor();
+  virtual void attr(std::string_view name, std::string_view type, const String& value) = 0;
+};
+
+/// A value as people read it: flags as true and false, octets as numbers, times in nanoseconds, pointers as
+/// null and set, others by `operator<<`.
+template <typename T>
+String textOf(const T& value);
+
+/// A named object with attributes.
+///
+/// A class declares itself and then each attribute in one line: type, name, default, and the hook if it
+/// has one. The order of the lines is the order of the attributes.
+///
+///     class Lamp : public Kiv::Entity {
+///      public:
+///       KIV_ENTITY(Lamp, Kiv::Entity)
+///       KIV_ATTR(bool, lit, false)                          // lit(), litIs(v)
+///       KIV_ATTR_HOOK(Kiv::U8, level, 0, handleLevel)       // levelIs(v) runs handleLevel() as well
+///       KIV_ATTR_COUNTER(Kiv::U32, clicks)                  // clicks(), clicksIs(v), clicksInc(n)
+///       KIV_ATTR_DERIVED(double, watts)                     // only shown: watts() is the class's own
+///       function explicit Lamp(Kiv::String name) : Entity(std::move(name)) {} double watts() const { return
+///       level() * 0.1; }
+///      protected:
+///       virtual void handleLevel() {}
+///     };
+///
+/// The contract of a setter: an equal value does nothing. Another one is stored, then the hook runs, then the
+/// attribute's reactors do, each of them seeing the new value. What a hook or a reactor throws leaves through
+/// the setter, with the value stored. Hook and reactors may do everything, the last pointer to the entity
+/// included (see `Reactor`); a setter therefore touches nothing of the entity once its reactors have run.
+///
+/// An entity belongs to one thread, that of the activity loop that drives it.
+class KIV_API Entity : public PtrInterface {
+ public:
+  explicit Entity(String name) : name_(std::move(name)) {}
+  ~Entity() override;
+
+  const String& name() const noexcept { return name_; }
+  /// Shows every attribute to `visitor`.
+  virtual void visitAttrs(AttrVisitor& visitor) const;
+
+ private:
+  String name_;
+};
+
+/// Prints an entity as a table of its attributes: name, type, value.
+KIV_API void dump(std::ostream& out, const Entity& entity);
+
+namespace detail {
+
+/// Names the attribute that class `Owner` declares in line `Line` of its file.
+template <typename Owner, unsigned Line>
+struct AttrAt {};
+
+inline constexpr unsigned kAttrLines = 256;  // of one class, comments included
+
+template <typename Owner, unsigned First, unsigned... Offsets>
+void visitAttrLines(const Owner& owner, AttrVisitor& visitor, std::integer_sequence<unsigned, Offsets...>) {
+  const auto visit = [&]<unsigned Line>(AttrAt<Owner, Line> at) {
+    if constexpr (requires { owner.visitAttr(at, visitor); }) owner.visitAttr(at, visitor);
+  };
+  (visit(AttrAt<Owner, First + Offsets>()), ...);
+}
+
+/// Runs a hook and notifies, with the entity kept alive between the two.
+template <typename Owner, typename Hook>
+void hookAndNotify(Owner* owner, const NotifieeList& notifiees, Hook hook) {
+  // Not yet handed to a pointer: still in its constructor, or not on the heap at all.
+  const Ptr<Owner> alive(owner->references() > 0 ? owner : nullptr);
+  hook();
+  notifiees.notify();
+}
+
+}  // namespace detail
+
+template <typename T>
+String textOf(const T& value) {
+  if constexpr (std::same_as<T, bool>) {
+    return value ? "true" : "false";
+  } else if constexpr (std::integral<T>) {
+    return std::to_string(value);
+  } else if constexpr (std::same_as<T, Time>) {
+    return value == timeInfinite ? String("infinite") : String(std::to_string(value.count()) + " ns");
+  } else if constexpr (requires {
+                         typename T::element_type;
+                         value.get();
+                       }) {
+    return value.get() ? "set" : "null";
+  } else {
+    std::ostringstream text;
+    text << value;
+    return text.str();
+  }
+}
+
+}  // namespace Kiv
+
+/// Heads the attributes of class `Class`, derived from the entity class `Base`.
+#define KIV_ENTITY(Class, Base)                                                             \
+  using Self = Class;                                                                       \
+  static constexpr unsigned kFirstAttrLine = __LINE__;                                      \
+  void visitAttrs(::Kiv::AttrVisitor& visitor) const override {                             \
+    Base::visitAttrs(visitor);                                                              \
+    ::Kiv::detail::visitAttrLines<Class, kFirstAttrLine>(                                   \
+        *this, visitor, std::make_integer_sequence<unsigned, ::Kiv::detail::kAttrLines>()); \
+  }
+
+/// Shows what the member function `name()` returns among the attributes.
+#define KIV_ATTR_DERIVED(Type, name)                                                                 \
+  void visitAttr(::Kiv::detail::AttrAt<Self, __LINE__>, ::Kiv::AttrVisitor& visitor) const {         \
+    static_assert(__LINE__ - kFirstAttrLine < ::Kiv::detail::kAttrLines, "too far from KIV_ENTITY"); \
+    visitor.attr(#name, #Type, ::Kiv::textOf<std::remove_cvref_t<Type>>(this->name()));              \
+  }
+
+/// An attribute with a getter and no public setter: `name.set(v)` inside the class.
+#define KIV_ATTR_READ(Type, name, ...)       \
+  ::Kiv::Attr<Type, Self> name{__VA_ARGS__}; \
+  KIV_ATTR_DERIVED(Type, name)
+
+/// An attribute: type, name and, if it is not the type's own, default.
+#define KIV_ATTR(Type, name, ...)               \
+  KIV_ATTR_READ(Type, name, __VA_ARGS__)        \
+  void name##Is(::Kiv::AttrValue<Type> value) { \
+    name.set(value);                            \
+  }
+
+/// An attribute whose setter runs the member function `hook` before the reactors.
+#define KIV_ATTR_HOOK(Type, name, initial, hook)                                                     \
+  KIV_ATTR_READ(Type, name, initial)                                                                 \
+  void name##Is(::Kiv::AttrValue<Type> value) {                                                      \
+    if (name.store(value)) ::Kiv::detail::hookAndNotify(this, name.notifiees(), [this] { hook(); }); \
+  }
+
+/// `nameInc(n)` for an attribute: adds through the setter and returns the new value; wraps at the type's end.
+#define KIV_ATTR_INC(Type, name)                          \
+  Type name##Inc(Type delta) {                            \
+    const Type value = static_cast<Type>(name() + delta); \
+    name##Is(value);                                      \
+    return value;                                         \
+  }
+
+/// An unsigned counter that starts at 0.
+#define KIV_ATTR_COUNTER(Type, name) \
+  KIV_ATTR(Type, name, Type{0})      \
+  KIV_ATTR_INC(Type, name)
