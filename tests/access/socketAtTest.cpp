@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/socketAt.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <tuple>
+
+#include "tests/support/Descriptors.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/NetNs.h"
+#include "tests/support/TraceCapture.h"
+
+namespace {
+
+using namespace Wirl;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using SocketAtTest = NetNsTest;
+
+/// Spoils errno whenever something is traced.
+class SpoilingSink {
+ public:
+  SpoilingSink() {
+    Kiv::traceIs("*/0-9");
+    Kiv::traceSinkIs([](auto...) { errno = EXDEV; });
+  }
+  ~SpoilingSink() {
+    Kiv::traceIs("");
+    Kiv::traceSinkIs(nullptr);
+  }
+};
+
+TEST_F(SocketAtTest, TracesTheCallAndItsOutcome) {
+  const NetNs red("red");
+  const TraceCapture everything("socketAt/0-9");
+  const int socket = socketAt(AF_INET6, SOCK_STREAM, 0, red.c_str());
+  ASSERT_GE(socket, 0);
+  EXPECT_THAT(everything.lines(),
+              ElementsAre("socketAt/9:ns " + red.name(),
+                          "socketAt/9: opened socket " + std::to_string(socket) + " in ns " + red.name()));
+  close(socket);
+
+  const TraceCapture failures("socketAt/0");
+  EXPECT_LT(socketAt(AF_INET, SOCK_DGRAM, 0, "ns-none"), 0);
+  EXPECT_LT(setNsByName("ns-none"), 0);
+  EXPECT_LT(moveIntfNetNs("lo", "ns-none"), 0);
+  EXPECT_THAT(
+      failures.lines(),
+      ElementsAre("socketAt/0:netnsSocketAt failed : open /run/netns/ns-none: No such file or directory",
+                  "socketAt/0:setNsByName failed : open /run/netns/ns-none: No such file or directory",
+                  "socketAt/0:moveIntfNetNs failed : lo to ns ns-none: No such file or directory"));
+  const SpoilingSink sink;
+  EXPECT_EQ((socketAt(AF_INET, SOCK_DGRAM, 0, "ns-none"), errno), ENOENT);
+  EXPECT_EQ((setNsByName("ns-none"), errno), ENOENT);
+  EXPECT_EQ((moveIntfNetNs("lo", "ns-none"), errno), ENOENT);
+}
+
+TEST_F(SocketAtTest, SocketsOfTwoNamespacesTalkOverTheirWire) {
+  const NetNs red("red");
+  const NetNs blue("blue");
+  const Veth veth(red, blue);
+  const int sender = socketAt(AF_INET6, SOCK_DGRAM, 0, red.c_str());
+  const int receiver = socketAt(AF_INET6, SOCK_DGRAM, 0, blue.c_str());
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_port = htons(7000);
+  ASSERT_EQ(inet_pton(AF_INET6, veth.ip6B.c_str(), &address.sin6_addr), 1);
+  const auto* const peer = reinterpret_cast<const sockaddr*>(&address);
+  const timeval patience = {5, 0};
+  setsockopt(receiver, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  ASSERT_EQ(bind(receiver, peer, sizeof(address)), 0) << std::strerror(errno);
+  ASSERT_EQ(sendto(sender, "hello", 5, 0, peer, sizeof(address)), 5) << std::strerror(errno);
+  char data[8];
+  EXPECT_EQ(recv(receiver, data, sizeof(data), 0), 5) << std::strerror(errno);
+  close(sender);
+  close(receiver);
+}
+
+TEST_F(SocketAtTest, SetNsByNameMovesTheCallingThreadAlone) {
+  const NetNs red("red");
+  const auto home = currentNetNs();
+  const auto there = std::async(std::launch::async, [&] {
+                       EXPECT_EQ(setns_by_name(red.c_str()), 0);
+                       EXPECT_EQ(setNsByName("default"), 0);
+                       return currentNetNs();
+                     }).get();
+  EXPECT_EQ(there, runIn(red, currentNetNs));
+  EXPECT_EQ(currentNetNs(), home);
+}
+
+TEST_F(SocketAtTest, MovesInterfacesBetweenNamespaces) {
+  const NetNs red("red");
+  const NetNs blue("blue");
+  const NetNs green("green");
+  const Veth veth(red, blue);
+  const char* const intf = veth.intf.c_str();
+  const std::size_t descriptors = openDescriptors();
+  const auto hasIntf = [&](const NetNs& ns) { return runIn(ns, [&] { return if_nametoindex(intf) != 0; }); };
+  const auto move = [&](const char* which, const char* ns) {
+    return runIn(red, [&] { return moveIntfNetNs(which, ns) == 0 ? 0 : errno; });
+  };
+
+  const struct {
+    const char* intf;
+    std::string ns;
+    int error;
+  } failures[] = {
+      {"", green.name(), EINVAL},
+      {nullptr, green.name(), EINVAL},
+      {"none0", green.name(), ENODEV},
+      {"sixteen-letters0", green.name(), ENODEV},  // one more than a name can have
+      {"fifteen-letter0", green.name(), ENODEV},
+      {"lo", green.name(), EINVAL},
+      {intf, blue.name(), EEXIST},
+      {intf, "ns-none", ENOENT},
+      {intf, "..", EINVAL},
+  };
+  for (const auto& [which, ns, error] : failures) EXPECT_EQ(move(which, ns.c_str()), error) << ns;
+  const std::tuple<Call, unsigned, int> faults[] = {
+      {Call::open, 2, EMFILE},  // the first is that of runIn
+      {Call::socket, 1, EMFILE},
+      {Call::send, 1, ENOBUFS},
+  };
+  for (const auto& [call, nth, error] : faults) {
+    const Fault fault(call, nth, error);
+    EXPECT_EQ(move(intf, green.c_str()), error);
+  }
+  EXPECT_EQ(move(intf, ""), 0);
+  EXPECT_TRUE(hasIntf(red));
+
+  const Fault interruptedSend(Call::send, 1, EINTR);
+  const Fault interruptedReceive(Call::recv, 1, EINTR);
+  EXPECT_EQ(move(intf, green.c_str()), 0);
+  EXPECT_FALSE(hasIntf(red));
+  EXPECT_TRUE(hasIntf(green));
+  EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+}  // namespace

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+
+/// The system calls that can be made to fail, in the library and in the test program itself, on any thread.
+enum class Call {
+  accept,
+  accept4,
+  bind,
+  close,
+  connect,
+  epoll_create1,
+  epoll_ctl,
+  epoll_pwait2,
+  epoll_wait,
+  fcntl,
+  getsockopt,
+  open,
+  openat,
+  pthread_create,
+  recv,
+  recvmmsg,
+  recvmsg,
+  send,
+  sendmsg,
+  setns,
+  setsockopt,
+  socket,
+  timerfd_create,
+  timerfd_settime,
+  writev
+};
+
+/// A count of octets (of messages with recvmmsg) that a call is not to exceed, whatever it is asked for.
+/// Applies to the calls that move data; the others ignore it.
+struct ShortCount {
+  std::size_t count;
+};
+
+/// While it lives, one call of its kind goes wrong:
+///
+///     Fault fault(Call::sendmsg, 1, ENOBUFS);          // the next sendmsg fails
+///     Fault fault(Call::writev, 2, ShortCount{5});     // the second writev takes at most 5 octets
+///     Fault fault(Call::setns, 1, [&] { ns.del(); });  // before the next setns, this happens
+///
+/// A failing call does nothing but set errno, except that a failing close closes, as the kernel's does.
+/// Several may live at once; each counts for itself, and of those that strike the same call the oldest wins.
+class Fault {
+ public:
+  static constexpr unsigned kForEver = ~0u;
+
+  /// Only counts.
+  explicit Fault(Call call) : Fault(call, 0, 0, 0) {}
+  /// Makes the `nth` call from now (1: the next) fail with `error`, and those behind it up to `times`.
+  Fault(Call call, unsigned nth, int error, unsigned times = 1);
+  Fault(Call call, unsigned nth, ShortCount count, unsigned times = 1);
+  /// Runs `before` on the thread of the `nth` call, then makes the call.
+  Fault(Call call, unsigned nth, std::function<void()> before);
+  ~Fault();
+  Fault(const Fault&) = delete;
+  Fault& operator=(const Fault&) = delete;
+
+  /// Calls seen so far, the failed ones included.
+  unsigned calls() const noexcept { return calls_; }
+
+ private:
+  friend struct Verdict;
+
+  const Call call_;
+  const unsigned nth_;
+  const unsigned times_;
+  const int error_ = 0;
+  const std::size_t limit_ = ~std::size_t{0};
+  const std::function<void()> before_;
+  std::atomic<unsigned> calls_{0};
+};
