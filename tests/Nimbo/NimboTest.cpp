@@ -125,6 +125,7 @@ TEST_F(NimboTest, RefusesNamesThatAreNoNamespaces) {
     if (name != file) expectFailure(netnsOpen(name.c_str()), error, text);
   }
   unlink(("/run/netns/" + file).c_str());
+  EXPECT_EQ(std::async(std::launch::async, [] { return std::string(netnsGetTracebuffer()); }).get(), "");
 }
 
 TEST_F(NimboTest, EveryStepMayFail) {
@@ -143,6 +144,7 @@ TEST_F(NimboTest, EveryStepMayFail) {
   };
   for (const auto& [call, nth, error, text] : rows) {
     const Fault fault(call, nth, error);
+    const Fault returnOverwritesErrno(Call::setns, 3, [] { errno = EXDEV; });
     const Fault closeOverwritesErrno(Call::close, 1, EIO, Fault::kForEver);
     expectFailure(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red.c_str()), error, text);
   }
