@@ -22,7 +22,9 @@
 #include "tests/support/FaultInjection.h"
 
 /// ThreadSanitizer has no objection to the threads that a child starts here.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+extern "C" const char* __tsan_default_options() {
+  return "die_after_fork=0";
+}
 
 namespace {
 
