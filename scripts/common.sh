@@ -11,7 +11,8 @@ else
   launcher=()
 fi
 
-# build PRESET [TARGET...]: configures where that was not done yet, and builds; prints what goes wrong only.
+# build PRESET [TARGET...]: configures where that was not done yet, and builds. A terminal sees how far it is,
+# others only what goes wrong.
 build() {
   local preset=$1 folder=build/$1
   shift
@@ -20,7 +21,8 @@ build() {
     quietly "$folder/configure.log" cmake --preset "$preset" "${launcher[@]}" || return 1
     touch "$folder/build.ninja"
   fi
-  quietly "$folder/build.log" cmake --build "$folder" -j "$jobs" ${1:+--target "$@"}
+  local command=(cmake --build "$folder" -j "$jobs" ${1:+--target "$@"})
+  if [ -t 1 ]; then "${command[@]}"; else quietly "$folder/build.log" "${command[@]}"; fi
 }
 
 # quietly LOG COMMAND...: runs it, showing the log where it fails.
@@ -39,15 +41,20 @@ passed=0 failed=0 skipped=0
 
 # tests FOLDER [ctest argument...]: runs the tests known in a build folder, counts them, shows those that fail.
 tests() {
-  local folder=$1 status=0 log total fail skip
+  local folder=$1 status=0 log total fail skip command
   shift
   log=$root/$folder/ctest
-  ctest --test-dir "$folder" -j "$jobs" --no-tests=error --output-on-failure --output-junit "$log.xml" "$@" \
-    >"$log.log" 2>&1 </dev/null || status=$?
+  command=(ctest --test-dir "$folder" -j "$jobs" --no-tests=error --output-on-failure)
+  command+=(--output-junit "$log.xml" "$@")
+  if [ -t 1 ]; then
+    "${command[@]}" --progress --output-log "$log.log" || status=$?
+  else
+    "${command[@]}" >"$log.log" 2>&1 </dev/null || status=$?
+  fi
   total=$(sum tests "$log.xml") fail=$(sum failures "$log.xml") skip=$(sum skipped "$log.xml")
   passed=$((passed + total - fail - skip)) failed=$((failed + fail)) skipped=$((skipped + skip))
   if [ $status != 0 ]; then
-    grep -vE '^ *Start +[0-9]+:| Passed +[0-9.]+ sec$' "$log.log" >&2 || true
+    [ -t 1 ] || grep -vE '^ *Start +[0-9]+:| Passed +[0-9.]+ sec$' "$log.log" >&2 || true
     return 1
   fi
   if [ "$skip" != 0 ]; then
