@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/value/EthAddr.h"
 
-#include <cstring>
-
 #include "Wirl/value/detail/HexGroups.h"
 
 namespace Wirl {
@@ -58,10 +56,7 @@ Kiv::String EthAddr::displayString() const {
 }
 
 unsigned EthAddrWithMask::writeText(char* out) const noexcept {
-  std::string text;
-  Kiv::printRepresentation(text, *this);
-  std::memcpy(out, text.c_str(), text.size() + 1);
-  return static_cast<unsigned>(text.size());
+  return detail::writeRepresentation(*this, out);
 }
 
 Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const EthAddr& value) {

@@ -119,7 +119,7 @@ class KIV_API EthAddrWithMask : public detail::TextForms<EthAddrWithMask> {
                                Kiv::field("mac", &EthAddrWithMask::mac_),
                                Kiv::field("mask", &EthAddrWithMask::mask_));
   }
-  static constexpr unsigned kTextMax = 93;
+  static constexpr unsigned kTextMax = 88;
 
   constexpr EthAddrWithMask() noexcept = default;
   constexpr EthAddrWithMask(EthAddr mac, EthAddr mask) noexcept : mac_(mac), mask_(mask) {}
@@ -147,6 +147,7 @@ class KIV_API EthAddrWithMask : public detail::TextForms<EthAddrWithMask> {
 
 static_assert(std::is_trivially_copyable_v<EthAddr> && sizeof(EthAddr) == 6 && alignof(EthAddr) == 1);
 static_assert(std::is_trivially_copyable_v<EthAddrWithMask> && sizeof(EthAddrWithMask) == 12);
+static_assert(EthAddrWithMask::kTextMax == detail::representationMax<EthAddrWithMask>());
 
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const EthAddr& value);
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, EthAddr& value);

@@ -2,6 +2,7 @@
 #include "Wirl/value/IpAddr.h"
 
 #include "Optra/Optra.h"
+#include "Wirl/value/detail/DottedText.h"
 
 namespace Wirl {
 
@@ -11,30 +12,15 @@ bool IpAddr::isReserved() const noexcept {
 }
 
 Kiv::ParseError IpAddr::parse(std::string_view& text, IpAddr& out) noexcept {
-  std::string_view rest = text;
-  std::array<Kiv::U8, 4> octets;
-  for (unsigned i = 0; i < 4; ++i) {
-    Kiv::U64 octet = 0;
-    if (i > 0 && !Kiv::takeLiteral(rest, ".")) return kTrailingText;
-    if (!Kiv::takeDecimal(rest, 255, octet) || octet > 255) return kTrailingText;
-    octets[i] = static_cast<Kiv::U8>(octet);
-  }
-  out.octets_ = octets;
-  text = rest;
+  const detail::Dotted taken = detail::takeDotted(text);
+  if (taken.length == 0) [[unlikely]]
+    return kTrailingText;
+  out.octets_ = taken.octets;
+  text.remove_prefix(taken.length);
   return nullptr;
 }
 
-unsigned IpAddr::writeText(char* out) const noexcept {
-  char* at = out;
-  for (const unsigned octet : octets_) {
-    if (octet >= 100) *at++ = static_cast<char>('0' + octet / 100);
-    if (octet >= 10) *at++ = static_cast<char>('0' + octet / 10 % 10);
-    *at++ = static_cast<char>('0' + octet % 10);
-    *at++ = '.';
-  }
-  *--at = '\0';
-  return static_cast<unsigned>(at - out);
-}
+unsigned IpAddr::writeText(char* out) const noexcept { return detail::writeDotted(octets_, out); }
 
 Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpAddr value) {
   log.octetsIs(value.octets());

@@ -93,6 +93,11 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
     return static_cast<unsigned>(std::countl_zero(hostOrder() ^ other.hostOrder()));
   }
 
+  /// The address with all bits behind the first `len` cleared; unchanged with 32 or more.
+  constexpr IpAddr maskedByLength(unsigned len) const noexcept {
+    return len >= 32 ? *this : fromHostOrder(hostOrder() & ~(0xffff'ffffu >> len));
+  }
+
   /// Dotted decimal with four octets, each a run of decimal digits of at most 255, any number of leading
   /// zeros; never octal.
   static Kiv::ParseError parse(std::string_view& text, IpAddr& out) noexcept;

@@ -9,6 +9,7 @@
 #include "Kiv/Representation.h"
 #include "Kiv/String.h"
 #include "Kiv/Types.h"
+#include "Wirl/value/detail/WriteRepresentation.h"
 
 namespace Wirl::detail {
 
@@ -62,10 +63,15 @@ class TextForms {
     return printTruncated({text, length}, buffer, size);
   }
 
+  /// The text representation of a composite value, else the canonical text.
   friend std::ostream& operator<<(std::ostream& out, const T& value) {
-    char text[T::kTextMax + 1];
-    const unsigned length = value.writeText(text);
-    return out << std::string_view(text, length);
+    if constexpr (Kiv::Represented<T>) {
+      char text[representationMax<T>() + 1];
+      return out << std::string_view(text, writeRepresentation(value, text));
+    } else {
+      char text[T::kTextMax + 1];
+      return out << std::string_view(text, value.writeText(text));
+    }
   }
 
   // There is nothing in here to compare: what lets a value type default its own comparisons.

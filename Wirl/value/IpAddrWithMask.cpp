@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/value/IpAddrWithMask.h"
+
+#include <algorithm>
+
+#include "Wirl/value/detail/PrefixLength.h"
+
+namespace Wirl {
+
+Kiv::ParseError IpAddrWithMask::parse(std::string_view& text, IpAddrWithMask& out) noexcept {
+  std::string_view rest = text;
+  IpAddr address;
+  Kiv::U64 len = 0;
+  if (const Kiv::ParseError error = IpAddr::parse(rest, address)) return error;
+  if (const Kiv::ParseError error = detail::takePrefixLength(rest, len)) return error;
+  out = IpAddrWithMask(address, static_cast<Kiv::U32>(std::min<Kiv::U64>(len, 0xffff'ffff)));
+  text = rest;
+  return nullptr;
+}
+
+unsigned IpAddrWithMask::writeText(char* out) const noexcept {
+  const unsigned length = address_.writeText(out);
+  return length + detail::writeNumber('/', len_, out + length);
+}
+
+unsigned IpAddrWithFullMask::writeText(char* out) const noexcept {
+  return detail::writeRepresentation(*this, out);
+}
+
+Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpAddrWithMask& value) {
+  return log << value.address() << value.len();
+}
+
+Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpAddrWithMask& value) {
+  IpAddr address;
+  Kiv::U32 len = 0;
+  log >> address >> len;
+  value = IpAddrWithMask(address, len);
+  return log;
+}
+
+Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpAddrWithFullMask& value) {
+  return log << value.address() << value.mask();
+}
+
+Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpAddrWithFullMask& value) {
+  IpAddr address;
+  Kiv::U32 mask = 0;
+  log >> address >> mask;
+  value = IpAddrWithFullMask(address, mask);
+  return log;
+}
+
+}  // namespace Wirl

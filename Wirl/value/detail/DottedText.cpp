@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/value/detail/DottedText.h"
+
+#include <bit>
+
+#include "Wirl/value/detail/LittleEndian.h"
+
+namespace Wirl::detail {
+
+namespace {
+
+using Kiv::U16;
+using Kiv::U32;
+using Kiv::U64;
+using Kiv::U8;
+
+/// Each octet's digits, a full stop and, up to four characters, NULs: the first character least significant.
+struct OctetTexts {
+  std::array<U32, 256> text{};
+  std::array<U8, 256> length{};  // with the full stop
+
+  constexpr OctetTexts() {
+    for (U32 octet = 0; octet < 256; ++octet) {
+      const auto add = [&](char c) { text[octet] |= static_cast<U32>(c) << 8 * length[octet]++; };
+      if (octet >= 100) add(static_cast<char>('0' + octet / 100));
+      if (octet >= 10) add(static_cast<char>('0' + octet / 10 % 10));
+      add(static_cast<char>('0' + octet % 10));
+      add('.');
+    }
+  }
+};
+constexpr OctetTexts kOctets;
+
+constexpr Dotted kNone{{}, 0};
+
+}  // namespace
+
+Dotted takeDottedLoop(std::string_view text) noexcept {
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  DottedOctets octets;
+  for (unsigned i = 0; i < 4; ++i) {
+    if (i > 0) {
+      if (at == end || *at != '.') return kNone;
+      ++at;
+    }
+    U32 octet = 0;
+    const char* const start = at;
+    for (; at != end && static_cast<U8>(*at - '0') <= 9; ++at) {
+      octet = octet * 10 + static_cast<U32>(*at - '0');
+      if (octet > 255) return kNone;
+    }
+    if (at == start) return kNone;
+    octets[i] = static_cast<U8>(octet);
+  }
+  return {octets, static_cast<std::size_t>(at - text.data())};
+}
+
+#if WIRL_HAS_SSSE3
+
+namespace {
+
+/// The ways to lay out four octets of one to three digits: 81. A layout is known by the mask of where its
+/// octets end, and found by a hash of that mask that has no collisions (a collision does not compile).
+struct Layouts {
+  static constexpr U32 slot(U32 ends) { return ends * 0xa9a2'122du >> 24; }
+
+  /// Where the hundreds, tens and ones of each octet come from; then nothing.
+  alignas(16) std::array<std::array<U8, 16>, 256> shuffle{};
+  std::array<U16, 256> ends{};
+
+  constexpr Layouts() {
+    for (U32 layout = 0; layout < 81; ++layout) {
+      std::array<U8, 16> from{};
+      U32 mask = 0;
+      U8 at = 0;
+      for (U32 i = 0, rest = layout; i < 4; ++i, rest /= 3) {
+        const U32 digits = rest % 3 + 1;
+        for (U32 place = 0; place < 4; ++place) {
+          const U32 skipped = 3 - digits;
+          from[4 * i + place] = place < skipped || place == 3 ? 0x80 : static_cast<U8>(at + place - skipped);
+        }
+        at = static_cast<U8>(at + digits);
+        mask |= 1u << at++;
+      }
+      if (ends[slot(mask)] != 0) throw "two layouts in one slot";
+      ends[slot(mask)] = static_cast<U16>(mask);
+      shuffle[slot(mask)] = from;
+    }
+  }
+};
+constexpr Layouts kLayouts;
+
+}  // namespace
+
+Dotted takeDottedSsse3(const char* text, std::size_t size) noexcept {
+  if (size < 7) return kNone;  // shorter than 0.0.0.0
+  const __m128i characters = loadText16(text, size);
+  const __m128i digitsAt =
+      _mm_cmplt_epi8(_mm_add_epi8(characters, _mm_set1_epi8(static_cast<char>(0x80 - '0'))),
+                     _mm_set1_epi8(static_cast<char>(0x80 + 10)));
+  const U32 digits = static_cast<U32>(_mm_movemask_epi8(digitsAt));
+  const U32 dots = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('.'))));
+
+  // The first four characters that are no digits end the octets; a set bit 16 stands for those not looked at.
+  const U32 others = ~digits;
+  const U32 without2 = (others & (others - 1)) & ((others & (others - 1)) - 1);
+  const U32 without3 = without2 & (without2 - 1);
+  const U32 ends = others ^ (without3 & (without3 - 1));
+  const U32 slot = Layouts::slot(ends);
+  if ((kLayouts.ends[slot] ^ ends) | ((others ^ without3) & ~dots)) [[unlikely]] {
+    // An octet of more than three digits may still be one, with zeros in front; nothing else can.
+    const U32 pairs = digits & digits >> 1;
+    return (pairs & pairs >> 2) != 0 ? takeDottedLoop({text, size}) : kNone;
+  }
+
+  const __m128i places =
+      _mm_shuffle_epi8(_mm_and_si128(characters, _mm_set1_epi8(0x0f)),
+                       _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot])));
+  const __m128i sums =
+      _mm_madd_epi16(_mm_maddubs_epi16(places, _mm_set1_epi32(0x0001'0a64)), _mm_set1_epi16(1));
+  const __m128i octets = _mm_packs_epi32(sums, sums);
+  if (_mm_movemask_epi8(_mm_cmpgt_epi16(octets, _mm_set1_epi16(255)))) [[unlikely]]
+    return kNone;
+  const int word = _mm_cvtsi128_si32(_mm_packus_epi16(octets, octets));
+  return {std::bit_cast<DottedOctets>(word), static_cast<std::size_t>(std::countr_zero(without3))};
+}
+
+#endif
+
+unsigned writeDotted(const DottedOctets& octets, char* out) noexcept {
+  // Two octets and their full stops are eight characters at most: the text is put together in two words. The
+  // last full stop becomes the NUL.
+  const auto two = [](U8 a, U8 b) { return kOctets.text[a] | U64{kOctets.text[b]} << 8 * kOctets.length[a]; };
+  const unsigned length = static_cast<unsigned>(kOctets.length[octets[0]] + kOctets.length[octets[1]]);
+  const unsigned length2 = static_cast<unsigned>(kOctets.length[octets[2]] + kOctets.length[octets[3]]);
+  const U64 first = two(octets[0], octets[1]);
+  const U64 second = two(octets[2], octets[3]) ^ U64 { '.' } << 8 * (length2 - 1);
+  // The second store begins inside the first one and ends with the text: no octet behind it is touched.
+  const unsigned start = length + length2 - 8;
+  storeLittle64(out, first);
+  storeLittle64(out + start, (first >> 4 * start >> 4 * start) | second << 8 * (8 - length2));
+  return length + length2 - 1;
+}
+
+}  // namespace Wirl::detail
