@@ -27,8 +27,7 @@ class String {
   String(std::string text) noexcept : value_(std::move(text)) {}
   String(const char* data, std::size_t bytes) : value_(data, bytes) {}
 
-  operator const std::string&() const& noexcept { return value_; }
-  operator std::string() && noexcept { return std::move(value_); }
+  operator std::string() const { return value_; }
   operator std::string_view() const noexcept { return value_; }
 
   /// Length in octets.

@@ -84,7 +84,7 @@ class KIV_API TraceStream {
 
 }  // namespace Kiv
 
-#define KIV_TRACE(handle, level)  \
-  if (!(handle).enabled(level)) { \
-  } else                          \
-    ::Kiv::TraceStream((handle), (level))
+/// Begins a trace when `level` of `handle` is on; a statement of its own, also behind an `if` without braces.
+#define KIV_TRACE(handle, level)                                                  \
+  for (bool kivTraceOn = (handle).enabled(level); kivTraceOn; kivTraceOn = false) \
+  ::Kiv::TraceStream((handle), (level))

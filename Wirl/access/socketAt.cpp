@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <string_view>
 
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
@@ -100,6 +101,15 @@ int socketAt(int family, int type, int protocol, const char* ns) {
   }
   errno = error;  // tracing writes to a sink, which may fail
   return socket;
+}
+
+int socketAt(int family, int type, int protocol, const NamespaceName& ns) {
+  if (std::string_view(ns.value()).find('\0') != std::string_view::npos) {
+    KIV_TRACE(trace, 0) << "netnsSocketAt failed : NUL in the name " << ns;
+    errno = EINVAL;
+    return -1;
+  }
+  return socketAt(family, type, protocol, ns.value().c_str());
 }
 
 int setNsByName(const char* ns) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Kiv/Types.h"
+#include "Wirl/value/NamespaceName.h"
 
 /// Sockets and interfaces in named network namespaces. A name is that of a namespace under /run/netns, as
 /// `L3::VrfName::nsName()` gives it; "default", the empty name and null stand for the namespace that the
@@ -12,6 +13,9 @@ namespace Wirl {
 /// Opens a socket in the namespace `ns` as socket(2) does, close-on-exec. Returns the descriptor, which the
 /// caller owns. The calling thread stays in its namespace. ENOENT where there is no such namespace.
 KIV_API int socketAt(int family, int type, int protocol, const char* ns);
+
+/// The same; EINVAL for a name with a NUL in it, which the kernel would read as another name.
+KIV_API int socketAt(int family, int type, int protocol, const NamespaceName& ns);
 
 /// Moves the calling thread, and no other, into the namespace `ns`. Returns 0.
 KIV_API int setNsByName(const char* ns);

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <ostream>
+
+#include "Kiv/Types.h"
+
+namespace Wirl {
+
+/// Socket priorities (SO_PRIORITY), as the kernel's queueing disciplines class them. Those without a name are
+/// as good: 0 to 15 in all.
+enum IpTrafficControl : Kiv::U32 {
+  tcPrioBestEffort = 0,
+  tcPrioFiller = 1,
+  tcPrioBulk = 2,
+  tcPrioInteractiveBulk = 4,
+  tcPrioInteractive = 6,
+  tcPrioControl = 7,
+  tcPrioMax = 15,
+};
+
+inline std::ostream& operator<<(std::ostream& out, IpTrafficControl priority) {
+  return out << static_cast<Kiv::U32>(priority);
+}
+
+}  // namespace Wirl

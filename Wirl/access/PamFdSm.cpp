@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/PamFdSm.h"
+
+#include "Kiv/Trace.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle reqResponseTrace("ReqResponsePamFdSm");
+
+}  // namespace
+
+PamFdSm::PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) : fileDesc_(fd), pam_(pam) {
+  pam_->readableCountInc(1);
+  pam_->writableCountInc(1);
+}
+
+PamFdSm::~PamFdSm() = default;
+
+Kiv::Ptr<Kiv::FileDescriptor> PamFdSm::fileDescDel() {
+  onReadable_.drop();
+  onWritable_.drop();
+  return std::exchange(fileDesc_, nullptr);
+}
+
+void PamFdSm::hasNotificationActiveIs(bool active) {
+  if (active == active_) return;
+  active_ = active;
+  if (!active) {
+    onReadable_.drop();
+    onWritable_.drop();
+  } else if (fileDesc_) {
+    onReadable_ = Kiv::Reactor(fileDesc_->readableCount, [this] { handleReadable(); });
+    onWritable_ = Kiv::Reactor(fileDesc_->writableCount, [this] { handleWritable(); });
+  }
+}
+
+void PamFdSm::handleReadable() {
+  pam_->readableCountInc(1);
+}
+
+void PamFdSm::handleWritable() {
+  pam_->writableCountInc(1);
+}
+
+Kiv::Ptr<PamFdSm> PamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
+  const Kiv::Ptr<PamFdSm> sm(new PamFdSm(fd, pam));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+ReqResponsePamFdSm::~ReqResponsePamFdSm() = default;
+
+void ReqResponsePamFdSm::handleWritable() {
+  KIV_TRACE(reqResponseTrace, 0) << "ReqResponsePamFdSm::handleWritable";
+  if (fileDesc()) fileDesc()->notifyOnWritableIs(false);
+  PamFdSm::handleWritable();
+}
+
+Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
+  const Kiv::Ptr<ReqResponsePamFdSm> sm(new ReqResponsePamFdSm(fd, pam));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+}  // namespace Wirl

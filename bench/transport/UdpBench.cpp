@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Kiv/Kiv.h"
+#include "Wirl/transport/UdpPam.h"
+#include "bench/support/Compare.h"
+
+namespace {
+
+using benchmark::State;
+
+constexpr int kBurst = 64;  // datagrams a readable event
+constexpr std::size_t kSize = 64;
+
+/// A plain socket on loopback; with `port` connected there.
+int plainSocket(Kiv::U16 port = 0) {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  const int on = 1;
+  setsockopt(fd, IPPROTO_IP, IP_PKTINFO, &on, sizeof(on));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  if (port != 0) {
+    address.sin_port = htons(port);
+    connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  }
+  return fd;
+}
+
+Kiv::U16 portOf(int fd) {
+  sockaddr_in address{};
+  socklen_t length = sizeof(address);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  return ntohs(address.sin_port);
+}
+
+void sendBurst(int fd) {
+  char datagram[kSize] = {};
+  for (int i = 0; i < kBurst; ++i) send(fd, datagram, sizeof(datagram), 0);
+}
+
+Kiv::Ptr<Wirl::UdpPam> server() {
+  auto pam = Wirl::udpPamFactory("bench");
+  pam->rxIpAddrIs(Wirl::IpAddr("127.0.0.1"));
+  pam->modeIs(Wirl::UdpPam::Mode::server);
+  return pam;
+}
+
+/// What a hand-written receiver keeps of a datagram.
+struct Datagram {
+  char data[1490];
+  sockaddr_in peer;
+  in_pktinfo info;
+};
+
+/// One recvmsg with packet information; false when nothing was waiting.
+bool receivePlain(int fd, Datagram& datagram, std::size_t& size) {
+  char control[256];
+  iovec piece = {datagram.data, sizeof(datagram.data)};
+  msghdr message{};
+  message.msg_name = &datagram.peer;
+  message.msg_namelen = sizeof(datagram.peer);
+  message.msg_iov = &piece;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  const ssize_t received = recvmsg(fd, &message, 0);
+  if (received < 0) return false;
+  size = static_cast<std::size_t>(received);
+  for (cmsghdr* each = CMSG_FIRSTHDR(&message); each; each = CMSG_NXTHDR(&message, each)) {
+    if (each->cmsg_level == IPPROTO_IP && each->cmsg_type == IP_PKTINFO) {
+      datagram.info = *reinterpret_cast<in_pktinfo*>(CMSG_DATA(each));
+    }
+  }
+  return true;
+}
+
+/// Calls `drain` for each time that `fd` is readable, by a bare epoll loop.
+class BareLoop {
+ public:
+  explicit BareLoop(int fd) : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
+  }
+  ~BareLoop() { close(epoll_); }
+  template <typename Drain>
+  void poll(Drain drain) {
+    epoll_event events[16];
+    for (int i = epoll_wait(epoll_, events, 16, 0); i > 0; --i) drain();
+  }
+
+ private:
+  int epoll_;
+};
+
+void receiveOurs(State& state) {
+  const auto pam = server();
+  const int peer = plainSocket(pam->rxPort());
+  Kiv::U64 octets = 0;
+  const Kiv::Reactor drain(pam->readableCount, [&] {
+    while (const Wirl::Pkt::Ptr pkt = pam->rxPkt()) octets += pkt->bytes();
+  });
+  for (auto _ : state) {
+    state.PauseTiming();
+    sendBurst(peer);
+    state.ResumeTiming();
+    Kiv::activityLoop().poll();
+  }
+  state.SetItemsProcessed(state.iterations() * kBurst);
+  if (octets != static_cast<Kiv::U64>(state.iterations()) * kBurst * kSize)
+    state.SkipWithError("datagrams lost");
+  close(peer);
+}
+
+void receiveFloor(State& state) {
+  const int fd = plainSocket();
+  const int peer = plainSocket(portOf(fd));
+  BareLoop loop(fd);
+  Datagram datagram;
+  std::size_t size = 0;
+  Kiv::U64 octets = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    sendBurst(peer);
+    state.ResumeTiming();
+    loop.poll([&] {
+      while (receivePlain(fd, datagram, size)) {
+        octets += size;
+        benchmark::DoNotOptimize(datagram);
+      }
+    });
+  }
+  state.SetItemsProcessed(state.iterations() * kBurst);
+  if (octets != static_cast<Kiv::U64>(state.iterations()) * kBurst * kSize)
+    state.SkipWithError("datagrams lost");
+  close(fd);
+  close(peer);
+}
+
+/// Takes the answers off the peer's socket, untimed.
+void drainPeer(int peer) {
+  char datagram[kSize];
+  while (recv(peer, datagram, sizeof(datagram), 0) > 0) {
+  }
+}
+
+void echoOurs(State& state) {
+  const auto pam = server();
+  const int peer = plainSocket(pam->rxPort());
+  const Kiv::Reactor echo(pam->readableCount, [&] {
+    while (const Wirl::Pkt::Ptr pkt = pam->rxPkt()) {
+      pam->txDstIpAddrIs(pam->rxSrcIpAddr());
+      pam->txPortIs(pam->rxSrcPort());
+      pam->txPktIs(pkt);
+    }
+  });
+  for (auto _ : state) {
+    state.PauseTiming();
+    drainPeer(peer);
+    sendBurst(peer);
+    state.ResumeTiming();
+    Kiv::activityLoop().poll();
+  }
+  state.SetItemsProcessed(state.iterations() * kBurst);
+  close(peer);
+}
+
+void echoFloor(State& state) {
+  const int fd = plainSocket();
+  const int peer = plainSocket(portOf(fd));
+  BareLoop loop(fd);
+  Datagram datagram;
+  std::size_t size = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    drainPeer(peer);
+    sendBurst(peer);
+    state.ResumeTiming();
+    loop.poll([&] {
+      while (receivePlain(fd, datagram, size)) {
+        iovec piece = {datagram.data, size};
+        msghdr message{};
+        message.msg_name = &datagram.peer;
+        message.msg_namelen = sizeof(datagram.peer);
+        message.msg_iov = &piece;
+        message.msg_iovlen = 1;
+        sendmsg(fd, &message, 0);
+      }
+    });
+  }
+  state.SetItemsProcessed(state.iterations() * kBurst);
+  close(fd);
+  close(peer);
+}
+
+BENCH_ROWS {
+  bench::compare("UDP: receive 64 bytes, drained per event", receiveOurs, "bare recvmsg", receiveFloor,
+                 bench::atMost(1.2));
+  bench::compare("UDP: echo 64 bytes (0.95 of the bare rate)", echoOurs, "bare recvmsg, sendmsg", echoFloor,
+                 bench::atMost(1 / 0.95));
+}
+
+}  // namespace

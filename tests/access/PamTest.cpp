@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/Pam.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <deque>
+#include <sstream>
+#include <string>
+
+#include "Kiv/ActivityLoop.h"
+#include "Wirl/access/PamFdSm.h"
+#include "tests/support/TraceCapture.h"
+
+namespace Wirl {
+namespace {
+
+/// Receives what the test put into `waiting`; logs what it is told.
+class FakePam final : public Pam {
+ public:
+  FakePam() : Pam("fake") {}
+  std::deque<Pkt::Ptr> waiting;
+  std::string log;
+
+ private:
+  void handleReadableCount() override { log += "r" + std::to_string(readableCount()); }
+  void handleWritableCount() override { log += "w" + std::to_string(writableCount()); }
+  void doGetRxPkt() override {
+    if (waiting.empty()) return;
+    rxPktHolderIs(waiting.front());
+    waiting.pop_front();
+  }
+};
+
+struct Sockets {
+  Sockets() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0); }
+  ~Sockets() {
+    for (int end : ends) close(end);
+  }
+  void write() { EXPECT_EQ(::write(ends[1], "x", 1), 1); }
+  int ends[2];
+};
+
+TEST(Pam, CountersRunTheHookThenTheReactorsAndOnlyOnAChange) {
+  const auto pam = Kiv::makePtr<FakePam>();
+  const Kiv::Reactor onReadable(pam->readableCount, [&] { pam->log += "R"; });
+  pam->readableCountIs(0);
+  EXPECT_EQ(pam->log, "");
+  EXPECT_EQ(pam->readableCountInc(2), 2u);
+  EXPECT_EQ(pam->writableCountInc(1), 1u);
+  pam->readableCountIs(2);
+  EXPECT_EQ(pam->log, "r2Rw1");
+  int errors = 0;
+  const Kiv::Reactor onErrors(pam->txErrors, [&] { ++errors; });
+  EXPECT_EQ(pam->txErrorsInc(~0u), ~0u);
+  EXPECT_EQ(pam->txErrorsInc(2), 1u);
+  EXPECT_EQ(errors, 2);
+  pam->rxDropsIs(5);
+  EXPECT_EQ(pam->rxDrops(), 5u);
+}
+
+TEST(Pam, TheReceiveSlotIsEmptiedByTakingFromIt) {
+  const auto pam = Kiv::makePtr<FakePam>();
+  const Pkt::Ptr pkt = globalPktManager()->newPkt();
+  pam->waiting = {pkt};
+  EXPECT_EQ(pam->rxPkt(), pkt);
+  EXPECT_EQ(pkt->references(), 1u);
+  EXPECT_EQ(pam->rxPkt(), nullptr);
+  pam->txPktIs(pkt);
+  EXPECT_EQ(pam->txPkt(), pkt);  // the base keeps and sends nothing
+}
+
+TEST(Pam, TheBulkArraysGrowOnDemandAndEmptySlotBySlot) {
+  const auto pam = Kiv::makePtr<FakePam>();
+  const Pkt::Ptr pkt = globalPktManager()->newPkt();
+  pam->savedPacketIs(3, pkt);
+  pam->savedPacketRxIs(65535, true);
+  EXPECT_EQ(pam->savedPackets(), 4u);
+  EXPECT_EQ(pam->savedPacket(3), pkt);
+  EXPECT_EQ(pam->savedPacket(0), nullptr);
+  EXPECT_EQ(pam->savedPacket(65535), nullptr);
+  EXPECT_TRUE(pam->savedPacketRx(65535) && !pam->savedPacketRx(3));
+  pam->savedPacketDel(3);
+  pam->savedPacketDel(1000);
+  pam->savedPacketRxDel(65535);
+  EXPECT_EQ(pam->savedPacket(3), nullptr);
+  EXPECT_FALSE(pam->savedPacketRx(65535));
+  EXPECT_EQ(pam->savedPackets(), 4u);
+  pam->savedPacketDelAll();
+  pam->savedPacketRxDelAll();
+  EXPECT_EQ(pam->savedPackets(), 0u);
+}
+
+TEST(PamDeathTest, BulkReceivingNeedsADerivedClass) {
+  const auto pam = Kiv::makePtr<FakePam>();
+  EXPECT_DEATH(pam->rxPktBulk(), "Need to implement doGetBulkRxPkt in a derived class");
+}
+
+TEST(PamFdSm, CountsOnceOnBeingMadeAndThenEveryEvent) {
+  Sockets sockets;
+  const auto pam = Kiv::makePtr<FakePam>();
+  const auto fd = Kiv::makePtr<Kiv::FileDescriptor>("fd");
+  fd->descriptorIs(sockets.ends[0]);
+  auto sm = PamFdSmIs(fd, pam.get());
+  EXPECT_EQ(pam->log, "r1w1");
+  sockets.write();
+  Kiv::activityLoop().poll();
+  fd->notifyOnWritableIs(true);
+  Kiv::activityLoop().poll();
+  EXPECT_EQ(pam->log, "r1w1r2r3w2");
+  sm->hasNotificationActiveIs(false);
+  Kiv::activityLoop().poll();
+  EXPECT_EQ(pam->readableCount(), 3u);
+  sm->hasNotificationActiveIs(true);
+  Kiv::activityLoop().poll();
+  EXPECT_EQ(pam->readableCount(), 4u);
+  EXPECT_EQ(sm->fileDescDel(), fd);
+  EXPECT_EQ(sm->fileDescDel(), nullptr);
+  Kiv::activityLoop().poll();
+  EXPECT_EQ(pam->readableCount(), 4u);
+  EXPECT_EQ(PamFdSmIs(nullptr, pam.get())->fileDescDel(), nullptr);
+  EXPECT_EQ(pam->readableCount(), 5u);
+}
+
+TEST(PamFdSm, MayBeDroppedFromWhatItSetsOff) {
+  Sockets sockets;
+  const auto pam = Kiv::makePtr<FakePam>();
+  const auto fd = Kiv::makePtr<Kiv::FileDescriptor>("fd");
+  fd->notifyOnWritableIs(true);
+  fd->descriptorIs(sockets.ends[0]);
+  auto sm = PamFdSmIs(fd, pam.get());
+  const Kiv::Reactor onReadable(pam->readableCount, [&] { sm = nullptr; });
+  sockets.write();
+  Kiv::activityLoop().poll();
+  Kiv::activityLoop().poll();
+  EXPECT_EQ(pam->log, "r1w1r2");
+}
+
+TEST(ReqResponsePamFdSm, GivesOneWritableEventPerArming) {
+  Sockets sockets;
+  const auto pam = Kiv::makePtr<FakePam>();
+  const auto fd = Kiv::makePtr<Kiv::FileDescriptor>("fd");
+  fd->descriptorIs(sockets.ends[0]);
+  const auto sm = ReqResponsePamFdSmIs(fd, pam.get());
+  TraceCapture traces("ReqResponsePamFdSm/0");
+  for (U32 armings = 1; armings < 4; ++armings) {
+    fd->notifyOnWritableIs(true);
+    for (int pass = 0; pass < 3; ++pass) Kiv::activityLoop().poll();
+    EXPECT_EQ(pam->writableCount(), 1 + armings);
+    EXPECT_FALSE(fd->notifyOnWritable());
+  }
+  EXPECT_EQ(traces.lines(),
+            std::vector<std::string>(3, "ReqResponsePamFdSm/0:ReqResponsePamFdSm::handleWritable"));
+}
+
+}  // namespace
+}  // namespace Wirl
