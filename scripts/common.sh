@@ -3,13 +3,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 root=$PWD
 jobs=$(nproc)
 
-# Where ccache happens to be installed it is used, with one cache for all clones.
-if command -v ccache >/dev/null; then
-  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
-  export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
-else
-  launcher=()
-fi
+# ccache is used where it happens to be installed.
+launcher=()
+! command -v ccache >/dev/null || launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
 # build PRESET [TARGET...]: configures where that was not done yet, and builds. A terminal sees how far it is,
 # others only what goes wrong.
