@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// What the example programs share: a way to end on Ctrl-C, and tables of counters.
+
+#include <net/if.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Kiv/Kiv.h"
+
+namespace example {
+
+/// While it lives, SIGINT and SIGTERM end the activity loop's run instead of the process.
+class StopOnSignal {
+ public:
+  StopOnSignal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    fd_->descriptorIs(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+  }
+  ~StopOnSignal() {
+    const int fd = fd_->descriptor();
+    fd_->descriptorIs(-1);
+    close(fd);
+  }
+  StopOnSignal(const StopOnSignal&) = delete;
+  StopOnSignal& operator=(const StopOnSignal&) = delete;
+
+  bool stopped() const noexcept { return fd_->readableCount() > 0; }
+
+ private:
+  const Kiv::Ptr<Kiv::FileDescriptor> fd_ = Kiv::makePtr<Kiv::FileDescriptor>("signals");
+  const Kiv::Reactor onSignal_{fd_->readableCount, [] { Kiv::activityLoop().stop(); }};
+};
+
+/// The name of an interface in the namespace that the socket was opened in, "?" when it is gone.
+inline std::string interfaceName(int socket, Kiv::U32 index) {
+  ifreq request{};
+  request.ifr_ifindex = static_cast<int>(index);
+  return ioctl(socket, SIOCGIFNAME, &request) == 0 ? request.ifr_name : "?";
+}
+
+/// Counters of entities, a row each: one column for each name that any of them has.
+class CounterTable {
+ public:
+  /// `entity` as it stands now, of its attributes those in `kColumns`.
+  void add(const Kiv::Entity& entity) {
+    Row row(entity.name());
+    entity.visitAttrs(row);
+    rows_.push_back(row.cells);
+  }
+  /// A row of `lines()`, from another process.
+  void addLine(std::string_view line) {
+    std::vector<std::string> cells;
+    for (std::size_t start = 0; start <= line.size();) {
+      const std::size_t end = std::min(line.find('\t', start), line.size());
+      cells.emplace_back(line.substr(start, end - start));
+      start = end + 1;
+    }
+    if (cells.size() == std::size(kColumns) + 1) rows_.push_back(std::move(cells));
+  }
+  /// The rows as text, to be sent to another process.
+  std::string lines() const {
+    std::string text;
+    for (const auto& row : rows_) {
+      for (std::size_t i = 0; i < row.size(); ++i) text += (i == 0 ? "" : "\t") + row[i];
+      text += '\n';
+    }
+    return text;
+  }
+  void print() const {
+    std::vector<std::string> head = {"Pam"};
+    head.insert(head.end(), std::begin(kColumns), std::end(kColumns));
+    std::vector<std::size_t> widths(head.size());
+    std::vector<bool> used(head.size(), true);
+    for (std::size_t i = 0; i < head.size(); ++i) {
+      widths[i] = head[i].size();
+      used[i] = std::any_of(rows_.begin(), rows_.end(), [i](const auto& row) { return row[i] != "-"; });
+      for (const auto& row : rows_) widths[i] = std::max(widths[i], row[i].size());
+    }
+    const auto printRow = [&](const std::vector<std::string>& row) {
+      for (std::size_t i = 0; i < row.size(); ++i) {
+        const int width = static_cast<int>(widths[i]);
+        if (used[i]) std::printf(i == 0 ? "%-*s" : "  %*s", width, row[i].c_str());
+      }
+      std::printf("\n");
+    };
+    printRow(head);
+    for (const auto& row : rows_) printRow(row);
+  }
+
+ private:
+  static constexpr const char* kColumns[] = {"txPkts",  "txPktCount",    "rxPkts",       "rxPktCount",
+                                             "txDrops", "txErrors",      "txErrno",      "rxErrors",
+                                             "rxDrops", "readableCount", "writableCount"};
+
+  struct Row final : Kiv::AttrVisitor {
+    explicit Row(std::string name) : cells(std::size(kColumns) + 1, "-") { cells[0] = std::move(name); }
+    void attr(std::string_view name, std::string_view, const Kiv::String& value) override {
+      const auto column = std::find(std::begin(kColumns), std::end(kColumns), name);
+      if (column != std::end(kColumns)) cells[static_cast<std::size_t>(column - kColumns) + 1] = value;
+    }
+    std::vector<std::string> cells;
+  };
+
+  std::vector<std::vector<std::string>> rows_;
+};
+
+}  // namespace example
