@@ -27,8 +27,8 @@ inline bool ptrThreadSafe() noexcept {
 KIV_API void ptrThreadSafeIs(bool on) noexcept;
 
 /// Base of objects that are handled through `Ptr`: carries the count of the pointers to it. A new object
-/// has count 0; the pointer that takes it to 0 again runs `onZeroReferences()`, which deletes the object
-/// unless the class has something better to do with it (a pool, say).
+/// has count 0; the last pointer to let go runs `onZeroReferences()`, which deletes the object unless the class
+/// has something better to do with it: a pool keeps it, and hands it out again with `Ptr::adopt`.
 class KIV_API PtrInterface {
  public:
   PtrInterface(const PtrInterface&) = delete;
@@ -48,30 +48,24 @@ class KIV_API PtrInterface {
 
   void addReference() const noexcept {
     if (detail::ptrThreadSafe) {
-      // Nobody to race with over an object that no pointer has yet: the locked instruction is saved.
-      if (references_.load(std::memory_order_relaxed) == 0) {
-        references_.store(1, std::memory_order_relaxed);
-      } else {
-        references_.fetch_add(1, std::memory_order_relaxed);
-      }
+      references_.fetch_add(1, std::memory_order_relaxed);
     } else {
       // Two plain moves around an add: an atomic object, but no locked instruction.
       references_.store(references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
   }
-  /// True when this was the last reference.
+  /// True when this was the last reference. It then stays counted, for `onZeroReferences()` to dispose of; a
+  /// sole holder has nobody to race with, so that this takes no locked instruction either.
   bool dropReference() const noexcept {
-    if (detail::ptrThreadSafe) {
-      // Likewise for the only holder: nobody can take a reference but through it.
-      if (references() == 1) {
-        references_.store(0, std::memory_order_relaxed);
-        return true;
-      }
-      return references_.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    const U32 count = references();
+    if (count == 1) return true;
+    if (!detail::ptrThreadSafe) {
+      references_.store(count - 1, std::memory_order_relaxed);
+      return false;
     }
-    const U32 left = references_.load(std::memory_order_relaxed) - 1;
-    references_.store(left, std::memory_order_relaxed);
-    return left == 0;
+    if (references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return false;
+    references_.store(1, std::memory_order_relaxed);
+    return true;
   }
 
   mutable std::atomic<U32> references_{0};
@@ -97,6 +91,14 @@ class Ptr {
   requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)
   noexcept : object_(std::exchange(other.object_, nullptr)) {}
   ~Ptr() { release(object_); }
+  /// Takes over a reference that is counted already: what `onZeroReferences()` was left with, or `detach()` gave.
+  static Ptr adopt(T* object) noexcept {
+    Ptr ptr;
+    ptr.object_ = object;
+    return ptr;
+  }
+  /// Lets go of the object, but leaves the reference counted.
+  T* detach() noexcept { return std::exchange(object_, nullptr); }
 
   Ptr& operator=(const Ptr& other) noexcept {
     Ptr(other).swap(*this);

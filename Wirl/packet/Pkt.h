@@ -1,0 +1,471 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sys/uio.h>
+
+#include <memory>
+#include <string_view>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Ptr.h"
+#include "Kiv/String.h"
+#include "Kiv/Types.h"
+
+namespace Wirl {
+
+using Kiv::S16;
+using Kiv::S64;
+using Kiv::U16;
+using Kiv::U32;
+using Kiv::U64;
+using Kiv::U8;
+
+/// The one packet object of the library: what is received, sent and built lives in a `Pkt`.
+///
+///     Pkt                                  SharedBuffer (counted; shallow copies hold it too)
+///     +------------------------------+
+///     | shown range of shared buffer |--+    buffer_    data_                        buffer_ + size_
+///     | shared buffer                |--+    |          |                                  |
+///     | offset range, separate tag   |  |    +----------+-----------------------+----------+
+///     | first valid piece: 0, 1, 2   |  +--->| headroom | data, dataBytes_ long | tailroom |
+///     | barrier                      |       +----------+-----------------------+----------+
+///     | private area, 64 bytes       |                <- grows                 grows ->
+///     |   [    free | head data ]    |
+///     | barrier            <- grows  |
+///     +------------------------------+
+///
+/// A packet's bytes are its private head data, if any, and behind it a slice of the shared buffer. A new
+/// packet is all headroom: packets are built from the back, payload first, and a layer's header is put in
+/// front by moving an offset. Nothing is copied until the headroom is used up, and then once. `iovecs()`
+/// describes the bytes as they lie, for sending and receiving.
+///
+/// Sharing. `Manager::newShallowCopy` makes a packet over the same buffer and copies no byte. Which data the
+/// buffer holds belongs to the buffer; which of its bytes a packet shows belongs to the packet and stays as
+/// it is when another one grows or shrinks. A packet's own next change of its shared data starts from the
+/// buffer's range, and so includes what others put there: holders that want different headers on one payload
+/// put them into their private areas. Whoever shrinks a shared range and grows it again may write over bytes
+/// that another holder shows.
+///
+/// Ownership. Packets and buffers live as long as a `Kiv::Ptr` refers to them. Data in a buffer is never
+/// moved: growth that does not fit takes this packet, and no other, to a new buffer.
+///
+/// Recycling. The thread that drops the last pointer keeps the packet, with its buffer where that is of
+/// default size and nobody else's, for its own next ones, up to a limit: what a burst took beyond it goes
+/// back at once, the rest when the thread ends. Nothing is cleared: new bytes have undefined contents until
+/// written. Under AddressSanitizer the limit is 0, so that a use after the release is seen.
+///
+/// Threads. One thread owns a packet at a time, without locks. Packets may be handed to another thread, and
+/// released there, when reference counts are atomic (`Kiv::ptrThreadSafeIs`).
+///
+/// Invariant: the buffer's range lies in the buffer, the private data in its area; a packet with a shared
+/// buffer has a valid piece. It is checked on lengths, before anything is changed; a violation ends the
+/// process, and so does a barrier found broken at the release of the packet: someone wrote past the private
+/// area.
+class KIV_API Pkt final : public Kiv::PtrInterface {
+  class Range;
+
+ public:
+  using Ptr = Kiv::Ptr<Pkt>;
+  using PtrConst = Kiv::Ptr<const Pkt>;
+  class SharedBuffer;
+  class Manager;
+
+  static constexpr U32 maxIovecs_ = 2;
+  static constexpr U32 privateBufferSize_ = 64;
+  static constexpr U32 magic_ = 0xbeefcafe;
+  /// Largest shared buffer: the length of a packet always fits in 32 bits.
+  static constexpr U32 maxBufferBytes_ = 0xffffffff - privateBufferSize_;
+
+  static constexpr std::string_view typeName() noexcept { return "Wirl::Pkt"; }
+
+  // Pieces.
+
+  /// Entry `i` of the io vector, counted from its start: 0 is private head data, 1 shared data (without a
+  /// shared buffer the private data begins in 1). An entry that is not valid has length 0. Throws
+  /// `RangeException` "no such iovec" for an index past the vector.
+  struct ::iovec iovec(U32 i) const;
+  /// The valid entries in the order of the bytes, `numIovecs()` of them, for a system call. They are those of
+  /// the packet as it is now; ask again after a change.
+  const struct ::iovec* iovecs() const noexcept;
+  U32 numIovecs() const noexcept { return maxIovecs_ - fields_.firstIoVec; }
+
+  /// The first piece, on which header views are laid. Of no bytes when the packet has no data.
+  U8* front() noexcept { return frontPiece(); }
+  const U8* front() const noexcept { return frontPiece(); }
+  U32 frontBytes() const noexcept { return sharedIsFirst() ? shown_.bytes() : fields_.privateBytes; }
+
+  U32 bytes() const noexcept { return shown_.bytes() + fields_.privateBytes; }
+  bool empty() const noexcept { return bytes() == 0; }
+  /// The shared buffer, or null. It is to be read; it is changed through its packets.
+  const Kiv::Ptr<SharedBuffer>& sharedBuffer() const noexcept { return sharedBuffer_; }
+  /// Size of the shared buffer, 0 without one.
+  U32 maxSharedData() const noexcept;
+
+  // Growing and shrinking, by `n` bytes. Growth returns the start of the new bytes, whose contents are
+  // undefined. Pointers into the packet, those of header views among them, do not follow it to a new buffer.
+
+  U8* newSharedHeadData(U32 n);
+  void delSharedHeadData(U32 n);
+  U8* newSharedTailData(U32 n);
+  void delSharedTailData(U32 n);
+  /// At most `privateBufferSize_` in all; there is no way from there to the shared buffer. Private data in
+  /// front of shared data that became empty stays as an empty first piece and cannot be begun again.
+  U8* newPrivateHeadData(U32 n);
+  void delPrivateHeadData(U32 n);
+  /// Gives a buffer to a packet that has no data yet; null leaves it without.
+  void sharedBufferIs(Kiv::Ptr<SharedBuffer> buffer);
+  /// Makes the whole shared buffer headroom again, for the next receive.
+  void resetSharedData();
+
+  // Contents.
+
+  /// Byte `i` of the packet.
+  U8 rawByte(U32 i) const { return *at(i); }
+  void rawByteIs(U32 i, U8 v) { *at(i) = v; }
+  /// Not supported: ends the process.
+  [[noreturn]] void rawByteDel(U32 i);
+
+  /// A copy of the packet's bytes.
+  Kiv::String stringValue() const;
+  Kiv::Bytes bytesValue() const;
+  /// The frame as it was on the wire: with the separate tag, if there is one, behind the two MAC addresses,
+  /// if they are there.
+  Kiv::String stringValueMaybeWithVlan() const;
+  /// Puts a copy of the value in front of the shared data or, with `toTail`, behind it. The value may be a
+  /// view of the packet's own bytes.
+  void stringValueIs(std::string_view value, bool toTail = false);
+  void bytesValueIs(const Kiv::Bytes& value, bool toTail = false);
+
+  // Offset range: the part of the buffer's data that is to be processed, by the bytes skipped at both ends. A
+  // negative `beginOffset` reaches into the headroom, to a header that was taken off. A range that does not
+  // fit ends the process.
+
+  S16 beginOffset() const noexcept { return fields_.beginOffset; }
+  U16 endOffset() const noexcept { return fields_.endOffset; }
+  void beginOffsetIs(S16 bytes) { offsetRangeIs(bytes, endOffset()); }
+  void endOffsetIs(U16 bytes) { offsetRangeIs(beginOffset(), bytes); }
+  /// Both at once: (0, 0) fits whatever the data.
+  void offsetRangeIs(S16 begin, U16 end);
+  U8* offsetFront() const;
+  U32 offsetBytes() const;
+
+  // Separate 802.1Q tag: one that travels beside the bytes, since a receive path got it out of band.
+
+  void newSeparateVlanTag(U16 tciField, U16 vlanTpid) noexcept;
+  void delSeparateVlanTag() noexcept;
+  bool tciPresent() const noexcept { return fields_.tciPresent; }
+  void tciPresentIs(bool present) noexcept { fields_.tciPresent = present; }
+  /// Tag control information in host order: priority (bits 15..13), CFI (12), VLAN id (11..0).
+  U16 tciField() const noexcept { return fields_.tciField; }
+  void tciFieldIs(U16 tci) noexcept { fields_.tciField = tci; }
+  U16 vlanTpid() const noexcept { return fields_.vlanTpid; }
+  void vlanTpidIs(U16 tpid) noexcept { fields_.vlanTpid = tpid; }
+  U8 tciPriority() const noexcept { return static_cast<U8>(fields_.tciField >> 13); }
+  bool tciCfi() const noexcept { return (fields_.tciField & 0x1000) != 0; }
+  U16 tciVlanId() const noexcept { return fields_.tciField & 0xfff; }
+  /// A priority above 7 and a VLAN id above 0xfff end the process.
+  void tciPriorityIs(U8 priority);
+  void tciCfiIs(bool cfi) noexcept;
+  void tciVlanIdIs(U16 vlanId);
+
+  /// Ends the process when something was written past the private area.
+  void checkMagic() const {
+    if (magicBarrier0_ != magic_ || magicBarrier1_ != magic_) [[unlikely]]
+      magicBroken();
+  }
+
+ private:
+  template <typename T>
+  friend class Kiv::Ptr;
+
+  /// Offset and length of data in a buffer. One word, so that growing at the head is one addition.
+  class Range {
+   public:
+    constexpr Range() noexcept = default;
+    constexpr Range(U32 offset, U32 bytes) noexcept : word_(U64{bytes} << 32 | offset) {}
+    constexpr U32 offset() const noexcept { return static_cast<U32>(word_); }
+    constexpr U32 bytes() const noexcept { return static_cast<U32>(word_ >> 32); }
+    /// `n` is at most the offset.
+    constexpr Range headGrown(U32 n) const noexcept {
+      Range grown;
+      grown.word_ = word_ + ((U64{n} << 32) - n);
+      return grown;
+    }
+
+   private:
+    U64 word_ = 0;
+  };
+
+  /// What a packet begins with besides its data, in a form that takes few instructions to write.
+  struct alignas(16) Fields {
+    S16 beginOffset = 0;
+    U16 endOffset = 0;
+    U16 tciField = 0;
+    U16 vlanTpid = 0;
+    U32 privateBytes = 0;  // at the end of the private area
+    U8 firstIoVec = maxIovecs_;
+    bool tciPresent = false;
+    U16 unused = 0;
+  };
+
+  /// Released objects of one thread, the last one on top. Trivial, so that it serves from a thread's first
+  /// packet to the last static that is destroyed.
+  template <typename T>
+  struct Recycled {
+    T** begin;
+    T** top;
+    T** end;
+
+    bool empty() const noexcept { return top == begin; }
+    U32 count() const noexcept { return static_cast<U32>(top - begin); }
+    T* take() noexcept { return *--top; }
+    bool keep(T* object) noexcept {
+      if (top == end) return false;
+      *top++ = object;
+      return true;
+    }
+  };
+  struct Cache {
+    Recycled<Pkt> pkts;              // each with a default-size buffer of its own
+    Recycled<Pkt> barePkts;          // without a buffer
+    Recycled<SharedBuffer> buffers;  // of default size
+    U32 limit;
+    enum class State : U8 { unused, open, closed } state;
+    void limitIs(U32 newLimit) noexcept;
+    void keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept;
+  };
+
+  Pkt() noexcept = default;
+  ~Pkt() override;
+  void onZeroReferences() const noexcept override;
+  // Packets whose one reference is to be adopted: without a buffer, of undefined state besides.
+  static Pkt* make();
+  static Pkt* takeBare();
+  /// Begins the life of such a packet.
+  void start(Kiv::Ptr<SharedBuffer> buffer) noexcept;
+
+  [[noreturn]] static void throwNonShared();
+  [[noreturn, gnu::cold]] void magicBroken() const noexcept;
+
+  bool sharedIsFirst() const noexcept { return fields_.firstIoVec == 1 && sharedBuffer_; }
+  U8* frontPiece() const noexcept { return sharedIsFirst() ? sharedFront() : privateFront(); }
+  U8* privateFront() const noexcept;
+  U8* sharedFront() const noexcept;
+  struct ::iovec entry(U32 i) const noexcept;
+  U8* at(U32 i) const;
+  template <typename Container>
+  Container concatenation() const;
+  SharedBuffer& buffer() const;
+  void rangeIs(SharedBuffer& shared, Range range) noexcept;
+  void updateSharedIovec();
+  // To a new buffer, with room for `n` more bytes.
+  void growHeadByMoving(U32 n);
+  void growTailByMoving(U32 n);
+  void moveToBuffer(U32 size, U32 tailroom);
+  void privateBytesIs(S64 bytes);
+  void checkOffsets(S16 begin, U16 end) const;
+
+  Range shown_;
+  Kiv::Ptr<SharedBuffer> sharedBuffer_;
+  Fields fields_;
+  U32 magicBarrier0_ = magic_;
+  mutable U8 privateBuffer_[privateBufferSize_];
+  U32 magicBarrier1_ = magic_;
+  mutable struct ::iovec iovec_[maxIovecs_];  // as of the last call of iovecs()
+
+  // Initial-exec: an access costs no call, from outside a shared library either.
+  [[gnu::tls_model("initial-exec")]] static constinit thread_local Cache cache_;
+};
+
+/// Memory that packets share. All headroom when new.
+class KIV_API Pkt::SharedBuffer final : public Kiv::PtrInterface {
+ public:
+  using Ptr = Kiv::Ptr<SharedBuffer>;
+
+  U8* buffer() const noexcept { return buffer_.get(); }
+  U32 size() const noexcept { return size_; }
+  U8* data() const noexcept { return buffer() + data_.offset(); }
+  U32 dataBytes() const noexcept { return data_.bytes(); }
+  /// Bytes free in front of the data, and behind it.
+  U32 headroom() const noexcept { return data_.offset(); }
+  U32 tailroom() const noexcept { return size_ - data_.offset() - data_.bytes(); }
+
+ private:
+  friend class Pkt;
+  template <typename T>
+  friend class Kiv::Ptr;
+
+  explicit SharedBuffer(U32 size) : size_(size), buffer_(new U8[size]), data_(size, 0) {}
+  ~SharedBuffer() override = default;
+  void onZeroReferences() const noexcept override;
+
+  const U32 size_;
+  const std::unique_ptr<U8[]> buffer_;
+  Range data_;
+};
+
+/// Makes packets and buffers.
+class KIV_API Pkt::Manager final : public Kiv::PtrInterface {
+ public:
+  using Ptr = Kiv::Ptr<Manager>;
+
+  static constexpr U32 defaultBufferBytes_ = 1536;
+
+  explicit Manager(Kiv::String name) : name_(std::move(name)) {}
+
+  const Kiv::String& name() const noexcept { return name_; }
+
+  /// Buffers of the default size are recycled, others come from the heap and go back there.
+  SharedBuffer::Ptr newSharedBuffer(U32 size = defaultBufferBytes_) const;
+
+  /// An empty packet over a buffer of its own, of the default size.
+  Pkt::Ptr newPkt() const;
+  /// A packet that shows the data of `buffer`; one without data for null.
+  Pkt::Ptr newPkt(SharedBuffer::Ptr buffer) const;
+  /// A packet that shares the buffer of `source` and shows what data is in it now; it has the separate tag of
+  /// `source`, but not its offset range. Throws `RangeException` "shallow copy of packet with non-shared
+  /// data" when `source` has private head data.
+  Pkt::Ptr newShallowCopy(const Pkt::Ptr& source) const;
+
+  /// How many released packets with a buffer the calling thread keeps at most, and as many packets and
+  /// buffers apart. A new limit frees all that is kept; 0 turns recycling off for the thread.
+  static void cacheLimitIs(U32 limit) noexcept { cache_.limitIs(limit); }
+  static U32 cachedPkts() noexcept { return cache_.pkts.count() + cache_.barePkts.count(); }
+  static U32 cachedBuffers() noexcept { return cache_.pkts.count() + cache_.buffers.count(); }
+
+ private:
+  const Kiv::String name_;
+};
+
+/// The manager of the process. It is still there for statics that are destroyed late.
+KIV_API const Pkt::Manager::Ptr& globalPktManager();
+
+/// Makes a packet by its type: empty, with a headroom of 10000 bytes.
+KIV_API Pkt::Ptr pktFactory();
+
+// Inline is what a packet meets on its road: taking, growing, shrinking, releasing, as long as nothing has to
+// be allocated.
+
+inline U32 Pkt::maxSharedData() const noexcept {
+  return sharedBuffer_ ? sharedBuffer_->size() : 0;
+}
+
+inline U8* Pkt::privateFront() const noexcept {
+  return privateBuffer_ + (privateBufferSize_ - fields_.privateBytes);
+}
+
+inline U8* Pkt::sharedFront() const noexcept {
+  return sharedBuffer_->buffer() + shown_.offset();
+}
+
+inline Pkt::SharedBuffer& Pkt::buffer() const {
+  KIV_ASSERT_AS(sharedBuffer_, "sharedBuffer_ != 0");
+  return *sharedBuffer_;
+}
+
+inline void Pkt::updateSharedIovec() {
+  KIV_ASSERT_AS(fields_.firstIoVec != maxIovecs_, "firstIoVec_ != maxIovecs_");
+  shown_ = buffer().data_;
+}
+
+inline void Pkt::start(SharedBuffer::Ptr buffer) noexcept {
+  fields_ = {.firstIoVec = static_cast<U8>(buffer ? 1 : maxIovecs_)};
+  shown_ = buffer ? buffer->data_ : Range();
+  sharedBuffer_.swap(buffer);
+}
+
+inline void Pkt::rangeIs(SharedBuffer& shared, Range range) noexcept {
+  shown_ = range;
+  shared.data_ = range;  // last: what is known of it survives for the next change
+}
+
+inline U8* Pkt::newSharedHeadData(U32 n) {
+  if (n > buffer().headroom()) [[unlikely]]
+    growHeadByMoving(n);
+  SharedBuffer& shared = *sharedBuffer_;
+  const Range grown = shared.data_.headGrown(n);
+  rangeIs(shared, grown);
+  return shared.buffer() + grown.offset();
+}
+
+inline U8* Pkt::newSharedTailData(U32 n) {
+  if (n > buffer().tailroom()) [[unlikely]]
+    growTailByMoving(n);
+  SharedBuffer& shared = *sharedBuffer_;
+  const Range data = shared.data_;
+  rangeIs(shared, Range(data.offset(), data.bytes() + n));
+  return shared.buffer() + data.offset() + data.bytes();
+}
+
+inline void Pkt::delSharedHeadData(U32 n) {
+  SharedBuffer& shared = buffer();
+  const Range data = shared.data_;
+  KIV_ASSERT_AS(n <= shared.size_ - data.offset(), "ptrWithinRegion( data_, buffer_, size_ )");
+  KIV_ASSERT_AS(n <= data.bytes(), "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
+  rangeIs(shared, Range(data.offset() + n, data.bytes() - n));
+}
+
+inline void Pkt::delSharedTailData(U32 n) {
+  SharedBuffer& shared = buffer();
+  const Range data = shared.data_;
+  KIV_ASSERT_AS(n <= data.bytes(), "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
+  rangeIs(shared, Range(data.offset(), data.bytes() - n));
+}
+
+inline void Pkt::resetSharedData() {
+  SharedBuffer& shared = buffer();
+  rangeIs(shared, Range(shared.size_, 0));
+}
+
+inline void Pkt::newSeparateVlanTag(U16 tciField, U16 vlanTpid) noexcept {
+  fields_.tciField = tciField;
+  fields_.vlanTpid = vlanTpid;
+  fields_.tciPresent = true;
+}
+
+inline void Pkt::delSeparateVlanTag() noexcept {
+  fields_.tciField = 0;
+  fields_.vlanTpid = 0;
+  fields_.tciPresent = false;
+}
+
+inline void Pkt::onZeroReferences() const noexcept {
+  checkMagic();
+  // Packets are made non-const; the last pointer to one may be a pointer to const.
+  Pkt& self = const_cast<Pkt&>(*this);
+  SharedBuffer* const shared = sharedBuffer_.get();
+  if (shared && ((shared->references() ^ 1) | (shared->size_ ^ Manager::defaultBufferBytes_)) == 0)
+      [[likely]] {
+    if (!cache_.pkts.keep(&self)) [[unlikely]]
+      cache_.keepOrDelete(cache_.pkts, &self);
+  } else {
+    self.sharedBuffer_ = nullptr;
+    if (!cache_.barePkts.keep(&self)) [[unlikely]]
+      cache_.keepOrDelete(cache_.barePkts, &self);
+  }
+}
+
+inline Pkt* Pkt::takeBare() {
+  return cache_.barePkts.empty() ? make() : cache_.barePkts.take();
+}
+
+inline Pkt::Ptr Pkt::Manager::newPkt() const {
+  Pkt* pkt = cache_.pkts.empty() ? newPkt(newSharedBuffer()).detach() : cache_.pkts.take();
+  pkt->fields_ = {.firstIoVec = 1};
+  pkt->rangeIs(*pkt->sharedBuffer_, Range(defaultBufferBytes_, 0));
+  return Pkt::Ptr::adopt(pkt);
+}
+
+inline Pkt::Ptr Pkt::Manager::newShallowCopy(const Pkt::Ptr& source) const {
+  KIV_ASSERT_AS(source, "pkt != 0");
+  if (source->fields_.privateBytes != 0) [[unlikely]]
+    throwNonShared();
+  Pkt* copy = takeBare();
+  copy->start(source->sharedBuffer_);
+  copy->fields_.tciField = source->fields_.tciField;
+  copy->fields_.vlanTpid = source->fields_.vlanTpid;
+  copy->fields_.tciPresent = source->fields_.tciPresent;
+  return Pkt::Ptr::adopt(copy);
+}
+
+}  // namespace Wirl
