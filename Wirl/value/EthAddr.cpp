@@ -35,7 +35,11 @@ void EthAddr::byteDel(unsigned) {
 }
 
 Kiv::ParseError EthAddr::parse(std::string_view& text, EthAddr& out) noexcept {
-  return detail::takeHexGroups(text, out.octets_);
+  const std::size_t length = detail::takeHexGroups(text, out.octets_);
+  if (length == 0) [[unlikely]]
+    return kTrailingText;
+  text.remove_prefix(length);
+  return nullptr;
 }
 
 unsigned EthAddr::writeText(char* out) const noexcept {
@@ -43,16 +47,9 @@ unsigned EthAddr::writeText(char* out) const noexcept {
 }
 
 Kiv::String EthAddr::displayString() const {
-  char colons[kTextMax + 1];
-  writeText(colons);
-  char text[14];
-  char* at = text;
-  for (unsigned i = 0; i < 6; ++i) {
-    *at++ = colons[3 * i];
-    *at++ = colons[3 * i + 1];
-    if (i == 1 || i == 3) *at++ = '.';
-  }
-  return {text, 14};
+  char text[15];
+  const unsigned length = detail::writeDottedHexGroups(octets_, text);
+  return {text, length};
 }
 
 unsigned EthAddrWithMask::writeText(char* out) const noexcept {

@@ -40,7 +40,12 @@ void Eui64::wordDel(unsigned) {
 }
 
 Kiv::ParseError Eui64::parse(std::string_view& text, Eui64& out) noexcept {
-  return detail::takeHexGroups(text, out.octets_);
+  const std::size_t length = detail::takeHexGroups(text, out.octets_);
+  // The message speaks of the other type on purpose: the two share one grammar.
+  if (length == 0) [[unlikely]]
+    return "Invalid EthAddr";
+  text.remove_prefix(length);
+  return nullptr;
 }
 
 unsigned Eui64::writeText(char* out) const noexcept {

@@ -51,8 +51,10 @@ class KIV_API Prefix : public detail::TextForms<Prefix> {
   constexpr bool contains(IpAddr address) const noexcept {
     return len_ <= 32 && address.maskedByLength(len_) == address_;
   }
+  /// Whether one contains the other; never without a length.
   constexpr bool overlaps(const Prefix& other) const noexcept {
-    return contains(other.address_) || other.contains(address_);
+    return len_ <= 32 && other.len_ <= 32 &&
+           address_.longestCommonPrefix(other.address_) >= std::min(len_, other.len_);
   }
   /// The address of a host in this prefix. A bit of `host` within the length throws `Kiv::RangeException`;
   /// without a length, as with length 0, any host is accepted.

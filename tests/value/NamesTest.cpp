@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include "Wirl/value/NamespaceName.h"
+#include "Wirl/value/VrfName.h"
+#include "tests/value/TextTable.h"
+
+namespace {
+
+using L3::VrfName;
+using table::messageOf;
+using Wirl::NamespaceName;
+
+TEST(VrfName, HoldsAHundredOctetsOfAnyKind) {
+  const std::string longest(100, 'v');
+  const std::string tooLong(101, 'v');
+  const char* message = "VrfName::value::bytes > VrfName::maxLength not allowed";
+  VrfName name("red");
+  EXPECT_EQ(messageOf<Kiv::RangeException>([&] { name.stringValueIs(tooLong); }), message);
+  EXPECT_EQ(messageOf<Kiv::RangeException>([&] { VrfName refused(tooLong); }), message);
+  EXPECT_FALSE(VrfName::fromText(tooLong));
+  Kiv::NboAttrLog log;
+  log << Kiv::String(tooLong);
+  EXPECT_EQ(messageOf<Kiv::RangeException>([&] { log >> name; }), message);
+  std::string_view quoted = "'vrf \\'x\\'' rest";
+  EXPECT_EQ(name, VrfName("red"));
+  EXPECT_EQ(VrfName::parse(quoted, name), nullptr);
+  EXPECT_EQ(name, VrfName("vrf 'x'"));
+  EXPECT_EQ(quoted, " rest");
+  const std::string quotedTooLong = "'" + tooLong + "'";
+  for (const std::string_view refused :
+       {std::string_view("red"), std::string_view("'red"), std::string_view(quotedTooLong)}) {
+    std::string_view rest = refused;
+    EXPECT_NE(VrfName::parse(rest, name), nullptr);
+    EXPECT_EQ(rest, refused);
+  }
+  EXPECT_EQ(name, VrfName("vrf 'x'"));
+
+  EXPECT_EQ(VrfName::fromText(longest)->nsName().value(), "ns-" + longest);
+  table::expectPrints(VrfName(longest), longest);
+  table::expectOrdered<VrfName>({VrfName(), VrfName(std::string_view("\0", 1)), VrfName("Red"),
+                                 VrfName("red"), VrfName("red "), VrfName("redd"), VrfName("\xff")});
+  EXPECT_EQ(table::logged(VrfName("red")), (Kiv::Bytes{0, 0, 0, 3, 'r', 'e', 'd'}));
+  EXPECT_EQ(table::streamed(VrfName("red")), "red");
+}
+
+TEST(VrfName, KnowsItsNamespace) {
+  EXPECT_EQ(VrfName::defaultVrf().nsName().value(), "default");
+  EXPECT_EQ(VrfName("blue").nsName().value(), "ns-blue");
+  EXPECT_EQ(VrfName().nsName().value(), "ns-") << "never the empty name, which is no namespace";
+  EXPECT_EQ(VrfName::netNsVrf(NamespaceName("default")), VrfName::defaultVrf());
+  for (const VrfName& vrf :
+       {VrfName("blue"), VrfName("ns-ns-"), VrfName::allVrfs(), VrfName::multiSrcVrf(), VrfName()}) {
+    EXPECT_EQ(VrfName::netNsVrf(vrf.nsName()), vrf);
+    EXPECT_FALSE(vrf.isDefault());
+    EXPECT_EQ(static_cast<bool>(vrf), vrf != VrfName());
+  }
+  EXPECT_TRUE(VrfName("default").isDefault());
+  EXPECT_EQ(VrfName::allVrfs().value(), "all");
+  EXPECT_EQ(VrfName::multiSrcVrf().value(), "multiple source VRFs");
+  EXPECT_DEATH(VrfName::netNsVrf(NamespaceName("blue")), "starts_with\\(nsPrefix\\)");
+  EXPECT_DEATH(VrfName::netNsVrf(NamespaceName("")), "starts_with\\(nsPrefix\\)");
+  EXPECT_EQ(
+      messageOf<Kiv::RangeException>([] { VrfName::netNsVrf(NamespaceName("ns-" + std::string(101, 'v'))); }),
+      "VrfName::value::bytes > VrfName::maxLength not allowed");
+}
+
+TEST(NamespaceName, HoldsAHundredAndFiftyOctets) {
+  EXPECT_EQ(NamespaceName(std::string(150, 'n')).value().bytes(), 150u);
+  EXPECT_EQ(messageOf<Kiv::RangeException>([] { NamespaceName refused(std::string(151, 'n')); }),
+            "NamespaceName::value::bytes > 150 not allowed");
+  table::expectOrdered<NamespaceName>({NamespaceName(), NamespaceName("default"), NamespaceName("ns-red")});
+}
+
+}  // namespace

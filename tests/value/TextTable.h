@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+#include "Kiv/Exception.h"
+#include "Kiv/NboAttrLog.h"
+
+// What every value type promises of its texts, its order and its hash, checked over a table of rows.
+
+namespace table {
+
+struct Accepted {
+  std::string_view text;
+  std::string_view canonical;
+};
+struct Rejected {
+  std::string_view text;
+  std::string_view message;
+};
+
+/// `print` is `printToBuffer`; `returnsStored` where it returns what it stored and not the whole length.
+template <typename T>
+void expectPrints(const T& value, std::string_view canonical, bool returnsStored = false) {
+  EXPECT_EQ(value.stringValue(), canonical);
+  for (unsigned size = 0; size <= canonical.size() + 40; ++size) {
+    std::string buffer(canonical.size() + 60, '#');
+    std::string expected = buffer;
+    const std::size_t stored = size == 0 ? 0 : std::min<std::size_t>(canonical.size(), size - 1);
+    if (size > 0) expected.replace(0, stored + 1, std::string(canonical.substr(0, stored)) + '\0');
+    EXPECT_EQ(value.printToBuffer(buffer.data(), size), returnsStored ? stored : canonical.size()) << size;
+    EXPECT_EQ(buffer, expected) << "into " << size;
+  }
+}
+
+template <typename T>
+void expectAccepted(std::initializer_list<Accepted> rows, bool returnsStored = false) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << "text: " << row.text);
+    const auto value = T::fromText(row.text);
+    ASSERT_TRUE(value.has_value());
+    expectPrints(*value, row.canonical, returnsStored);
+    EXPECT_EQ(T::fromText(row.canonical), value);
+    EXPECT_EQ(T(row.text), *value);
+    // From the front of a longer text, which is left behind the value.
+    const std::string longer = std::string(row.text) + " 1";
+    std::string_view rest = longer;
+    T front;
+    EXPECT_EQ(T::parse(rest, front), nullptr);
+    EXPECT_EQ(rest, " 1");
+    EXPECT_EQ(front, *value);
+  }
+}
+
+/// `before` is not to be changed by what is refused. Texts are also tried where an octet read behind them
+/// would be seen by AddressSanitizer.
+template <typename T>
+void expectRejected(const T& before, std::initializer_list<Rejected> rows) {
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << "text: " << row.text);
+    const std::vector<char> exact(row.text.begin(), row.text.end());
+    const std::string_view text(exact.data(), exact.size());
+    EXPECT_FALSE(T::fromText(text).has_value());
+    T target = before;
+    try {
+      target.stringValueIs(text);
+      ADD_FAILURE() << "accepted as " << target.stringValue();
+    } catch (const Kiv::RangeException& failure) {
+      EXPECT_EQ(failure.message(), row.message);
+    }
+    EXPECT_EQ(target, before);
+    std::string_view rest = text;
+    if (T::parse(rest, target)) {
+      EXPECT_EQ(rest, text);
+      EXPECT_EQ(target, before);
+    } else {
+      EXPECT_FALSE(rest.empty()) << "the throwing form must have failed over text left behind";
+    }
+  }
+}
+
+/// All pairs of values in ascending order: ==, <, the hashes and the containers agree; each value passes
+/// through the attribute log and its own stream form.
+template <typename T>
+void expectOrdered(const std::vector<T>& ascending) {
+  for (std::size_t i = 0; i < ascending.size(); ++i) {
+    for (std::size_t k = 0; k < ascending.size(); ++k) {
+      const T& a = ascending[i];
+      const T& b = ascending[k];
+      SCOPED_TRACE(testing::Message() << a << " and " << b);
+      EXPECT_EQ(a == b, i == k);
+      EXPECT_EQ(a < b, i < k);
+      EXPECT_EQ(a.hash() == b.hash(), i == k) << "equal, or these few collide";
+      EXPECT_EQ(a.hash(7) == b.hash(7), i == k) << "equal, or these few collide";
+      EXPECT_EQ(std::hash<T>()(a) == std::hash<T>()(b), i == k);
+    }
+    Kiv::NboAttrLog log;
+    log << ascending[i];
+    T back;
+    log >> back;
+    EXPECT_EQ(back, ascending[i]);
+    EXPECT_EQ(log.bytesLeft(), 0u);
+  }
+  const std::set<T> ordered(ascending.rbegin(), ascending.rend());
+  EXPECT_TRUE(std::equal(ordered.begin(), ordered.end(), ascending.begin(), ascending.end()));
+  EXPECT_EQ(std::unordered_set<T>(ascending.begin(), ascending.end()).size(), ascending.size());
+}
+
+template <typename T>
+Kiv::Bytes logged(const T& value) {
+  Kiv::NboAttrLog log;
+  log << value;
+  return log.bytes();
+}
+
+template <typename T>
+std::string streamed(const T& value) {
+  std::ostringstream out;
+  out << value;
+  return out.str();
+}
+
+/// The message of what `act` throws.
+template <typename Exception>
+std::string messageOf(const std::function<void()>& act) {
+  try {
+    act();
+  } catch (const Exception& failure) {
+    return failure.message();
+  }
+  return "nothing thrown";
+}
+
+}  // namespace table
