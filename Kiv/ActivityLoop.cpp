@@ -274,7 +274,7 @@ void ActivityLoop::wait(Time limit) {
   }
   const Time next = std::min(nextDeadline(), limit);
   if (simulated_) {
-    if (take(next == timeInfinite ? -1 : 0) == 0 && next > simulatedNow_ && next != timeInfinite) {
+    if (!take(next == timeInfinite ? -1 : 0) && next > simulatedNow_ && next != timeInfinite) {
       simulatedNow_ = next;
     }
   } else if (next == timeInfinite) {
@@ -287,21 +287,13 @@ void ActivityLoop::wait(Time limit) {
   }
 }
 
-/// Fetches a batch of events; returns how many, the timer's left out.
-int ActivityLoop::take(int timeout) {
-  nextEvent_ = 0;
-  eventCount_ = 0;
+/// Fetches a batch of events; whether there are any.
+bool ActivityLoop::take(int timeout) {
   const int count = epoll_wait(epoll_, events_.data(), kBatch, timeout);
   if (count < 0 && errno != EINTR) throw ErrnoException(errno, "epoll_wait");
+  nextEvent_ = 0;
   eventCount_ = std::max(count, 0);
-  int others = eventCount_;
-  for (int i = 0; i < eventCount_; ++i) {
-    if (static_cast<U32>(events_[static_cast<std::size_t>(i)].data.u64) == kTimerSlot) {
-      timerTime_ = timeInfinite;
-      --others;
-    }
-  }
-  return others;
+  return count > 0;
 }
 
 void ActivityLoop::runEvents() {
@@ -309,8 +301,14 @@ void ActivityLoop::runEvents() {
     epoll_event& event = events_[static_cast<std::size_t>(nextEvent_)];
     const U32 index = static_cast<U32>(event.data.u64);
     const U32 generation = static_cast<U32>(event.data.u64 >> 32);
+    if (index == kTimerSlot) {
+      timerTime_ = timeInfinite;
+      ++nextEvent_;
+      continue;
+    }
     const auto target = [&]() -> FileDescriptor* {
-      return index < slots_.size() && slots_[index].generation == generation ? slots_[index].target : nullptr;
+      const Slot& slot = slots_[index];
+      return slot.generation == generation ? slot.target : nullptr;
     };
     // What is run is first struck off the batch, so that an exception loses nothing and repeats nothing.
     const U32 happened = event.events;
@@ -327,9 +325,6 @@ void ActivityLoop::runEvents() {
 
 /// Moves the clocks whose time has come to the due ones, in the order of their times and of their setting.
 void ActivityLoop::collectDue() {
-  due_.clear();
-  nextDue_ = 0;
-  if (heap_.empty() && fresh_.empty()) return;
   const Time present = now();
   while (!heap_.empty() && heap_[0].time <= present) {
     due_.push_back(heap_[0]);
@@ -352,14 +347,20 @@ void ActivityLoop::collectDue() {
 }
 
 void ActivityLoop::runClocks() {
-  if (nextDue_ == due_.size()) collectDue();
-  while (nextDue_ < due_.size() && !stopped_) {
+  if (due_.empty()) {
+    if (heap_.empty() && fresh_.empty()) return;
+    collectDue();
+  }
+  while (nextDue_ < due_.size()) {
+    if (stopped_) return;
     Clock* const clock = due_[nextDue_++].clock;
     if (!clock) continue;
     clock->place_ = Clock::Place::none;
     clock->timeMin_ = timeInfinite;
     clock->expiredCountInc(1);
   }
+  due_.clear();
+  nextDue_ = 0;
 }
 
 /// Sets the timer for a foreign loop, which waits on `descriptor()` without asking first.

@@ -115,10 +115,10 @@ class KIV_API ActivityLoop final : public PtrInterface {
   bool runUntilTime(Time limit, const std::function<bool()>* done);
   void pass(Time limit);
   void wait(Time limit);
-  int take(int timeout);
+  bool take(int timeout);
   void runEvents();
   void runClocks();
-  bool leftOver() const noexcept { return nextEvent_ < eventCount_ || nextDue_ < due_.size(); }
+  bool leftOver() const noexcept { return nextEvent_ < eventCount_ || !due_.empty(); }
   void syncEmbedded();
 
   int epoll_ = -1;
