@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <compare>
+#include <functional>
+#include <string_view>
+#include <type_traits>
+
+#include "Kiv/Hash.h"
+#include "Kiv/NboAttrLog.h"
+#include "Wirl/value/Ip6AddrWithMask.h"
+#include "Wirl/value/IpAddrWithMask.h"
+#include "Wirl/value/IpGenAddr.h"
+#include "Wirl/value/detail/GenTextForms.h"
+
+namespace Wirl {
+
+/// An IPv4 or an IPv6 address with its mask length: host bits are kept. Default `ipunknown` with length 0.
+class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask> {
+ public:
+  static constexpr unsigned kTextMax = Ip6Addr::kTextMax + 4;
+  static constexpr Kiv::ParseError kTrailingText = "Invalid IpGenAddrWithMask";
+
+  constexpr IpGenAddrWithMask() noexcept = default;
+  /// A length that the family does not have throws `Kiv::RangeException`. The unknown family has the lengths
+  /// of IPv6.
+  constexpr IpGenAddrWithMask(IpAddr address, unsigned len) : IpGenAddrWithMask(IpGenAddr(address), len) {}
+  constexpr IpGenAddrWithMask(const Ip6Addr& address, unsigned len)
+      : IpGenAddrWithMask(IpGenAddr(address), len) {}
+  constexpr IpGenAddrWithMask(const IpGenAddr& address, unsigned len) : address_(address), len_(len) {
+    if (const Kiv::ParseError error = checkLen(address, len)) detail::throwRange(error);
+  }
+  constexpr IpGenAddrWithMask(const IpAddrWithMask& value)
+      : IpGenAddrWithMask(value.address(), value.len()) {}
+  constexpr IpGenAddrWithMask(const Ip6AddrWithMask& value)
+      : IpGenAddrWithMask(value.address(), value.len()) {}
+  /// From text as 10.1.2.3/24 or 2001:db8::1/64; throws `Kiv::RangeException`.
+  explicit IpGenAddrWithMask(std::string_view text) { stringValueIs(text); }
+
+  constexpr AddressFamily af() const noexcept { return address_.af(); }
+  constexpr const IpGenAddr& ipGenAddr() const noexcept { return address_; }
+  /// 0.0.0.0 and :: when the family is another one.
+  constexpr IpAddr v4Addr() const noexcept { return address_.v4Addr(); }
+  constexpr Ip6Addr v6Addr() const noexcept { return address_.v6Addr(); }
+  constexpr Kiv::U32 len() const noexcept { return len_; }
+
+  /// An address, a slash, the length in decimal.
+  static Kiv::ParseError parse(std::string_view& text, IpGenAddrWithMask& out) noexcept;
+  unsigned writeText(char* out) const noexcept;
+
+  constexpr Kiv::U32 hash() const noexcept { return hash(0); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept {
+    Kiv::SeededHash hash(seed);
+    return hash.add(static_cast<Kiv::U32>(af())).add(address_.storage().hash()).add(len_).value();
+  }
+  friend constexpr auto operator<=>(const IpGenAddrWithMask&, const IpGenAddrWithMask&) noexcept = default;
+
+ private:
+  static constexpr Kiv::ParseError checkLen(const IpGenAddr& address, Kiv::U64 len) noexcept {
+    if (len <= address.size() * 8) return nullptr;
+    return address.af() == AddressFamily::ipv4 ? "Invalid IPv4 Prefix Length" : "Invalid IPv6 Prefix Length";
+  }
+
+  IpGenAddr address_;
+  Kiv::U32 len_ = 0;
+};
+
+/// An IPv4 or an IPv6 address with a mask of any bit pattern. Default `ipunknown`, mask and all.
+class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithFullMask> {
+ public:
+  /// Length of a mask of leading ones only, 0 to 128, or `invalid`.
+  class KIV_API PrefixLen : public detail::TextForms<PrefixLen> {
+   public:
+    /// The marker of a mask that no length stands for.
+    static constexpr Kiv::S32 invalid = -1;
+    static constexpr Kiv::S32 max = 128;
+    static constexpr unsigned kTextMax = 3;
+    static constexpr Kiv::ParseError kTrailingText = "Invalid PrefixLen";
+
+    constexpr PrefixLen() noexcept = default;
+    /// A value outside `invalid` to `max` throws `Kiv::RangeException`.
+    constexpr PrefixLen(Kiv::S32 value) : value_(value) {
+      if (value < invalid || value > max) [[unlikely]]
+        detail::throwRange(kOutOfRange);
+    }
+    /// From its decimal number; throws `Kiv::RangeException`.
+    explicit PrefixLen(std::string_view text) { stringValueIs(text); }
+
+    constexpr Kiv::S32 value() const noexcept { return value_; }
+
+    static Kiv::ParseError parse(std::string_view& text, PrefixLen& out) noexcept;
+    unsigned writeText(char* out) const noexcept;
+
+    constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(static_cast<Kiv::U32>(value_)); }
+    constexpr Kiv::U32 hash(unsigned seed) const noexcept {
+      return Kiv::SeededHash(seed).add(static_cast<Kiv::U32>(value_)).value();
+    }
+    friend constexpr auto operator<=>(PrefixLen, PrefixLen) noexcept = default;
+
+   private:
+    static constexpr Kiv::ParseError kOutOfRange =
+        "PrefixLen::value < PrefixLen::invalid or > PrefixLen::max not allowed";
+
+    Kiv::S32 value_ = invalid;
+  };
+
+  static constexpr unsigned kTextMax = 2 * Ip6Addr::kTextMax + 1;
+  static constexpr Kiv::ParseError kTrailingText = "Invalid IPv4/IPv6 address";
+
+  constexpr IpGenAddrWithFullMask() noexcept = default;
+  /// An address and a mask of different families throw `Kiv::RangeException`.
+  constexpr IpGenAddrWithFullMask(const IpGenAddr& address, const IpGenAddr& mask)
+      : address_(address), mask_(mask) {
+    if (address.af() != mask.af()) [[unlikely]]
+      detail::throwRange(kTrailingText);
+  }
+  constexpr IpGenAddrWithFullMask(IpAddr address, IpAddr mask) noexcept : address_(address), mask_(mask) {}
+  constexpr IpGenAddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask) noexcept
+      : address_(address), mask_(mask) {}
+  /// The mask of a length. One that the family does not have throws `Kiv::RangeException`.
+  constexpr IpGenAddrWithFullMask(IpAddr address, unsigned len) : address_(address), mask_(v4Mask(len)) {}
+  constexpr IpGenAddrWithFullMask(const Ip6Addr& address, unsigned len)
+      : address_(address), mask_(v6Mask(len)) {}
+  /// From any text form that `parse` reads; throws `Kiv::RangeException`.
+  explicit IpGenAddrWithFullMask(std::string_view text) { stringValueIs(text); }
+
+  constexpr AddressFamily af() const noexcept { return address_.af(); }
+  constexpr const IpGenAddr& address() const noexcept { return address_; }
+  constexpr const IpGenAddr& mask() const noexcept { return mask_; }
+
+  constexpr PrefixLen prefixLen() const {
+    // Of an IPv4 mask the octets behind the first four are zero: it has no more leading ones than 32.
+    const unsigned ones = mask_.storage().longestCommonPrefix(~Ip6Addr());
+    if (mask_.storage() != Ip6Addr::maskOfLength(ones)) return PrefixLen::invalid;
+    return static_cast<Kiv::S32>(ones);
+  }
+  constexpr bool hasPrefixRepr() const { return prefixLen() != PrefixLen::invalid; }
+
+  /// An address, a slash, and the mask: an address of the family where a colon or full stop follows its first
+  /// digits, else a length in decimal.
+  static Kiv::ParseError parse(std::string_view& text, IpGenAddrWithFullMask& out) noexcept;
+  /// With a length where `hasPrefixRepr()`, else with the mask as an address.
+  unsigned writeText(char* out) const noexcept;
+
+  constexpr Kiv::U32 hash() const noexcept { return hash(0); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept {
+    Kiv::SeededHash hash(seed);
+    hash.add(static_cast<Kiv::U32>(af())).add(address_.storage().hash()).add(mask_.storage().hash());
+    return hash.value();
+  }
+  friend constexpr auto operator<=>(const IpGenAddrWithFullMask&,
+                                    const IpGenAddrWithFullMask&) noexcept = default;
+
+ private:
+  static constexpr IpAddr v4Mask(unsigned len) {
+    if (len > 32) [[unlikely]]
+      detail::throwRange("Invalid IPv4 prefix length");
+    return IpAddr(0xff, 0xff, 0xff, 0xff).maskedByLength(len);
+  }
+  static constexpr Ip6Addr v6Mask(unsigned len) {
+    if (len > 128) [[unlikely]]
+      detail::throwRange("Invalid IPv6 prefix");
+    return Ip6Addr::maskOfLength(len);
+  }
+
+  IpGenAddr address_;
+  IpGenAddr mask_;
+};
+
+static_assert(std::is_trivially_copyable_v<IpGenAddrWithMask> && sizeof(IpGenAddrWithMask) == 24);
+static_assert(std::is_trivially_copyable_v<IpGenAddrWithFullMask> && sizeof(IpGenAddrWithFullMask) == 40);
+
+KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithMask& value);
+KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithFullMask& value);
+/// What no constructor accepts throws `Kiv::RangeException`.
+KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithMask& value);
+KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithFullMask& value);
+
+}  // namespace Wirl
+
+template <>
+struct std::hash<Wirl::IpGenAddrWithMask> {
+  std::size_t operator()(const Wirl::IpGenAddrWithMask& value) const noexcept { return value.hash(); }
+};
+template <>
+struct std::hash<Wirl::IpGenAddrWithFullMask> {
+  std::size_t operator()(const Wirl::IpGenAddrWithFullMask& value) const noexcept { return value.hash(); }
+};

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <compare>
+#include <functional>
+#include <string_view>
+#include <type_traits>
+
+#include "Kiv/Hash.h"
+#include "Kiv/NboAttrLog.h"
+#include "Wirl/value/Ip6Prefix.h"
+#include "Wirl/value/IpGenAddr.h"
+#include "Wirl/value/Prefix.h"
+#include "Wirl/value/detail/GenTextForms.h"
+
+namespace Wirl {
+
+/// What generic prefixes have in common: an address, a length, and what can be asked of them.
+///
+/// Ordered by family, then by address as a number, then by length, the shorter first: 10.0.0.0/8 sorts before
+/// 10.0.0.0/16. Deliberately not the order of `Prefix` and `Ip6Prefix`.
+class KIV_API IpGenPrefixBase {
+ public:
+  static constexpr unsigned kTextMax = Ip6Addr::kTextMax + 11;
+
+  constexpr AddressFamily af() const noexcept { return address_.af(); }
+  constexpr const IpGenAddr& ipGenAddr() const noexcept { return address_; }
+  /// 0.0.0.0 and :: when the family is another one.
+  constexpr IpAddr v4Addr() const noexcept { return address_.v4Addr(); }
+  constexpr Ip6Addr v6Addr() const noexcept { return address_.v6Addr(); }
+  constexpr Kiv::U32 len() const noexcept { return len_; }
+
+  /// A length of 32 for `ipv4`, of 128 for `ipv6`.
+  constexpr bool isHost() const noexcept {
+    return af() != AddressFamily::ipunknown && len_ == address_.size() * 8;
+  }
+  bool isReserved() const noexcept { return address_.isReserved(); }
+  constexpr bool isMulticast() const noexcept { return address_.isMulticast(); }
+  constexpr bool isLoopback() const noexcept { return address_.isLoopback(); }
+  constexpr bool isLinkLocal() const noexcept { return address_.isLinkLocal(); }
+  constexpr bool isRoutableMulticast() const noexcept { return address_.isRoutableMulticast(); }
+  constexpr bool isUnspecified() const noexcept { return address_.isUnspecified(); }
+  /// Whether an address is of the same family and agrees over the length; never with a length that is longer
+  /// than the addresses of the family.
+  constexpr bool contains(const IpGenAddr& address) const noexcept {
+    return address.af() == af() && len_ <= address_.size() * 8 &&
+           address_.longestCommonPrefix(address) >= len_;
+  }
+
+  unsigned writeText(char* out) const noexcept;
+
+  constexpr Kiv::U32 hash() const noexcept { return hash(0); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept {
+    Kiv::SeededHash hash(seed);
+    return hash.add(static_cast<Kiv::U32>(af())).add(address_.storage().hash()).add(len_).value();
+  }
+  friend constexpr auto operator<=>(const IpGenPrefixBase&, const IpGenPrefixBase&) noexcept = default;
+
+ protected:
+  constexpr IpGenPrefixBase() noexcept = default;
+  constexpr IpGenPrefixBase(const IpGenAddr& address, Kiv::U32 len) noexcept : address_(address), len_(len) {}
+
+  static Kiv::ParseError parse(std::string_view& text, IpGenPrefixBase& out) noexcept;
+
+ private:
+  IpGenAddr address_;
+  Kiv::U32 len_ = 0;
+};
+
+/// An IPv4 or an IPv6 prefix, tagged by its family. Default `ipunknown` with length 0.
+class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::GenTextForms<IpGenPrefix> {
+ public:
+  using IpGenPrefixBase::kTextMax;
+  static constexpr Kiv::ParseError kTrailingText = "Invalid prefix";
+
+  constexpr IpGenPrefix() noexcept = default;
+  /// A length that the family does not have, or a bit behind the length, throws `Kiv::RangeException`. The
+  /// unknown family has the lengths of IPv6.
+  constexpr IpGenPrefix(IpAddr address, unsigned len) : IpGenPrefix(IpGenAddr(address), len) {}
+  constexpr IpGenPrefix(const Ip6Addr& address, unsigned len) : IpGenPrefix(IpGenAddr(address), len) {}
+  constexpr IpGenPrefix(const IpGenAddr& address, unsigned len) : IpGenPrefixBase(address, len) {
+    const bool v4 = af() == AddressFamily::ipv4;
+    if (len > address.size() * 8) [[unlikely]]
+      detail::throwRange(v4 ? "Invalid IPv4 Prefix Length" : "Invalid IPv6 Prefix Length");
+    if (address.storage().ip6AddrMaskedByLength(len) != address.storage()) [[unlikely]]
+      detail::throwRange("Invalid prefix - Non-zero after prefix length");
+  }
+  /// Without a check: the prefix may be one without length, or have host bits.
+  constexpr IpGenPrefix(const Prefix& prefix) noexcept : IpGenPrefixBase(prefix.address(), prefix.len()) {}
+  constexpr IpGenPrefix(const Ip6Prefix& prefix) noexcept : IpGenPrefixBase(prefix.address(), prefix.len()) {}
+  /// From the sixteen octets of the storage as four numbers in host order, octet 0 the most significant of
+  /// the first one. Checked as above; octets that the family does not have count as bits behind the length.
+  constexpr IpGenPrefix(AddressFamily af, unsigned len, const std::array<Kiv::U32, 4>& words)
+      : IpGenPrefix(addressOfWords(af, words), len) {}
+  /// From text as 10.1.0.0/16 or 2001:db8::/32; throws `Kiv::RangeException`.
+  explicit IpGenPrefix(std::string_view text) { stringValueIs(text); }
+
+  /// The prefix of a family, or 0.0.0.0/0 and ::/0 when the family is another one.
+  constexpr Prefix v4Prefix() const {
+    return af() == AddressFamily::ipv4 ? Prefix(v4Addr(), len()) : Prefix();
+  }
+  constexpr Ip6Prefix v6Prefix() const noexcept {
+    return af() == AddressFamily::ipv6 ? Ip6Prefix(v6Addr(), len()) : Ip6Prefix();
+  }
+
+  /// What `Prefix` or `Ip6Prefix` reads, by the family of the address: host bits are refused in IPv4 only.
+  static Kiv::ParseError parse(std::string_view& text, IpGenPrefix& out) noexcept {
+    return IpGenPrefixBase::parse(text, out);
+  }
+
+  friend constexpr auto operator<=>(const IpGenPrefix&, const IpGenPrefix&) noexcept = default;
+
+ private:
+  friend Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value);
+
+  struct Unchecked {};
+  constexpr IpGenPrefix(Unchecked, const IpGenAddr& address, Kiv::U32 len) noexcept
+      : IpGenPrefixBase(address, len) {}
+
+  static constexpr IpGenAddr addressOfWords(AddressFamily af, const std::array<Kiv::U32, 4>& words) {
+    const auto half = [&](unsigned i) { return Kiv::U64{words[i]} << 32 | words[i + 1]; };
+    const Ip6Addr storage(half(0), half(2));
+    IpGenAddr address(af);
+    if (af == AddressFamily::ipv4) address = IpAddr::fromHostOrder(words[0]);
+    if (af == AddressFamily::ipv6) address = storage;
+    if (address.storage() != storage) [[unlikely]]
+      detail::throwRange("Invalid prefix - Non-zero after prefix length");
+    return address;
+  }
+};
+
+static_assert(std::is_trivially_copyable_v<IpGenPrefix> && sizeof(IpGenPrefix) == 24);
+
+KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefix& value);
+/// A bad address throws `Kiv::RangeException`; length and host bits are taken as they are.
+KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value);
+
+}  // namespace Wirl
+
+template <>
+struct std::hash<Wirl::IpGenPrefix> {
+  std::size_t operator()(const Wirl::IpGenPrefix& value) const noexcept { return value.hash(); }
+};

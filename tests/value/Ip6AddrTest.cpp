@@ -1,0 +1,477 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/value/Ip6Addr.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Wirl/value/IpAddr.h"
+#include "tests/value/TextTable.h"
+
+namespace {
+
+using namespace Wirl;
+using Kiv::U16;
+using Kiv::U64;
+using Kiv::U8;
+using namespace std::string_view_literals;
+
+TEST(Ip6Addr, ReadsEveryFormAndPrintsTheCanonicalOne) {
+  table::expectAccepted<Ip6Addr>(
+      {
+          {"::", "::"},
+          {"::1", "::1"},
+          {"1::", "1::"},
+          {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"},
+          {"::2:3:4:5:6:7:8", "0:2:3:4:5:6:7:8"},
+          // RFC 4291, 2.2.
+          {"ABCD:EF01:2345:6789:ABCD:EF01:2345:6789", "abcd:ef01:2345:6789:abcd:ef01:2345:6789"},
+          {"2001:DB8:0:0:8:800:200C:417A", "2001:db8::8:800:200c:417a"},
+          {"2001:DB8::8:800:200C:417A", "2001:db8::8:800:200c:417a"},
+          {"FF01:0:0:0:0:0:0:101", "ff01::101"},
+          {"0:0:0:0:0:0:0:1", "::1"},
+          {"0:0:0:0:0:0:0:0", "::"},
+          {"0:0:0:0:0:0:13.1.68.3", "::d01:4403"},
+          {"::13.1.68.3", "::d01:4403"},
+          {"0:0:0:0:0:FFFF:129.144.52.38", "::ffff:129.144.52.38"},
+          {"::FFFF:129.144.52.38", "::ffff:129.144.52.38"},
+          // RFC 5952, 2 and 4.
+          {"2001:db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},
+          {"2001:0db8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},
+          {"2001:db8::0:1:0:0:1", "2001:db8::1:0:0:1"},
+          {"2001:DB8:0000:0:1::1", "2001:db8::1:0:0:1"},
+          {"2001:db8:aaaa:bbbb:cccc:dddd:eeee:0001", "2001:db8:aaaa:bbbb:cccc:dddd:eeee:1"},
+          {"2001:db8:aaaa:bbbb:cccc:dddd::1", "2001:db8:aaaa:bbbb:cccc:dddd:0:1"},
+          {"2001:db8:0:1:1:1:1:1", "2001:db8:0:1:1:1:1:1"},
+          {"2001:0:0:1:0:0:0:1", "2001:0:0:1::1"},
+          {"2001:db8:0:0:aaaa::1", "2001:db8::aaaa:0:0:1"},
+          // The run of zeros that is left out.
+          {"1:0:0:1:0:0:0:1", "1:0:0:1::1"},
+          {"1:0:0:1:0:0:1:1", "1::1:0:0:1:1"},
+          {"1:0:1:1:1:1:1:1", "1:0:1:1:1:1:1:1"},
+          {"0:0:1:0:0:0:0:0", "0:0:1::"},
+          {"1:0:0:0:0:0:0:0", "1::"},
+          {"0:1:0:1:0:1:0:1", "0:1:0:1:0:1:0:1"},
+          // The last two groups in dotted decimal.
+          {"::ffff:10.1.2.3", "::ffff:10.1.2.3"},
+          {"::ffff:0:0", "::ffff:0.0.0.0"},
+          {"1:2:3:4:5:6:10.1.2.3", "1:2:3:4:5:6:a01:203"},
+          {"1:2:3:4:5::10.1.2.3", "1:2:3:4:5:0:a01:203"},
+          {"::ffff:010.001.0000002.3", "::ffff:10.1.2.3"},
+          {"0000:0000:0000:0000:0000:ffff:255.255.255.255", "::ffff:255.255.255.255"},
+          {"ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+          // A gap of no groups at all is one.
+          {"1:2:3::4:5:6:7:8", "1:2:3:4:5:6:7:8"},
+          {"1::2:3:4:5:6:7.8.9.10", "1:2:3:4:5:6:708:90a"},
+      },
+      true);
+}
+
+TEST(Ip6Addr, RefusesWithTheFirstFault) {
+  constexpr auto kColons = "Ip6Addr: too many colons";
+  constexpr auto kLeading = "Ip6Addr: leading hex digit expected";
+  constexpr auto kDigit = "Ip6Addr: hex digit expected";
+  constexpr auto kDigits = "Ip6Addr: too many consecutive hex digits";
+  constexpr auto kColon = "Ip6Addr: ':' expected";
+  constexpr auto kGap = "Ip6Addr: only one '::' allowed";
+  constexpr auto kShort = "Ip6Addr: incomplete ipv6 address";
+  constexpr auto kTrailing = "Ip6Addr: unexpected trailing characters";
+  constexpr auto kV4 = "Invalid IpAddr";
+  table::expectRejected(ip6AddrMld,
+                        {
+                            {"1:2:3:4:5:6:7:8:9", kColons},
+                            {"1:2:3:4:5:6:7:8::", kColons},
+                            {"::1:2:3:4:5:6:7:8", kColons},
+                            {"1:2:3:4:5:6:7:8:", kColons},
+                            {":1:2:3:4:5:6:7:8", kColons},
+                            {"1:2:3:4:5:6:7:1.2.3.4", kColons},
+                            {"12345::2:3::4:x:5:6:7:8:9", kDigits},  // what is behind the x is not looked at
+                            {"12345::2:3::4:5:6:7:8:9", kColons},
+                            {":::::::::::::::::::::", kColons},
+                            {":1::", kLeading},
+                            {":", kLeading},
+                            {":1.2.3.4", kLeading},
+                            {"", kDigit},
+                            {"x", kDigit},
+                            {"/64", kDigit},
+                            {".", kDigit},
+                            {":::", kDigit},
+                            {"1:", kDigit},
+                            {"1:2:3:4:5:6:7:", kDigit},
+                            {"::1:", kDigit},
+                            {"1:::2", kDigit},
+                            {"::.1", kDigit},
+                            {"fe80::\0001"sv, kTrailing},
+                            {"\0"sv, kDigit},
+                            {" ::1", kDigit},
+                            {"12345::", kDigits},
+                            {"::00001", kDigits},
+                            {"1:2:3:4:5:6:7:88888", kDigits},
+                            {"123456789012345678901234567890", kDigits},
+                            {"0123456789abcdef0123456789abcdef0123456789abcdef:", kDigits},
+                            {"1.2::", kColon},
+                            {"::1.2.3", kColon},
+                            {"::1.2.3.4.5", kColon},
+                            {"1.2.3.4::", kColon},
+                            {"1::2::3", kGap},
+                            {"::1::", kGap},
+                            {"::::", kGap},
+                            {"1:2:3", kShort},
+                            {"1", kShort},
+                            {"1:2:3:4:5:6:7", kShort},
+                            {"1.2.3.4", kShort},
+                            {"1:2:1.2.3.4", kShort},
+                            {"fe80", kShort},
+                            {"::ffff:256.1.2.3", kV4},
+                            {"::ffff:1.2.3.4294967296", kV4},
+                            {"::ffff:1.2.3.18446744073709551617", kV4},
+                            {"::a.b.c.d", kV4},
+                            {"::1.2.3.", kV4},
+                            {"::...", kV4},
+                            {"::1.2.3.4a", kV4},
+                            {"1:2:300.1.2.3", kV4},
+                            {"fe80::1/64", kTrailing},
+                            {"fe80::1%eth0", kTrailing},
+                            {"::1 ", kTrailing},
+                            {"::1g", kTrailing},
+                            {"::1\0"sv, kTrailing},
+                            // Behind 45 characters nothing belongs to an address.
+                            {"0000:0000:0000:0000:0000:ffff:255.255.255.2555", kTrailing},
+                            {"::1.2.3.00000000000000000000000000000000000004", kTrailing},
+                        });
+}
+
+/// The grammar once more, step by step and character by character. The position is that behind the address.
+std::string readSlowly(std::string_view text, std::vector<U16>& groups, std::size_t& position) {
+  std::size_t size = 0;
+  while (size < std::min<std::size_t>(text.size(), 45) &&
+         (std::isxdigit(static_cast<U8>(text[size])) || text[size] == ':' || text[size] == '.')) {
+    ++size;
+  }
+  const std::string_view address = text.substr(0, size);
+  const auto at = [&](std::size_t i) { return i < size ? address[i] : '\0'; };
+  int colons = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    if (at(i) != ':') continue;
+    ++colons;
+    if (at(i + 1) == ':') ++i;
+  }
+  const std::size_t tail = address.rfind(':') + 1;  // 0 without a colon
+  const bool dotted = std::ranges::count(address.substr(tail), '.') == 3;
+  if (colons + dotted > 7) return "Ip6Addr: too many colons";
+  std::size_t i = 0;
+  int gap = -1;
+  if (at(0) == ':') {
+    if (at(1) != ':') return "Ip6Addr: leading hex digit expected";
+    gap = 0;
+    i = 2;
+  }
+  for (bool more = gap < 0 || i < size; more;) {
+    if (dotted && i == tail) {
+      U16 octets[4];
+      for (int k = 0; k < 4; ++k) {
+        unsigned octet = 0;
+        if (!std::isdigit(static_cast<U8>(at(i)))) return "Invalid IpAddr";
+        for (; std::isdigit(static_cast<U8>(at(i))); ++i) {
+          octet = std::min(256u, octet * 10 + static_cast<unsigned>(at(i) - '0'));
+        }
+        if (octet > 255 || (k < 3 && at(i++) != '.')) return "Invalid IpAddr";
+        octets[k] = static_cast<U16>(octet);
+      }
+      if (i != size) return "Invalid IpAddr";
+      groups.push_back(static_cast<U16>(octets[0] << 8 | octets[1]));
+      groups.push_back(static_cast<U16>(octets[2] << 8 | octets[3]));
+      break;
+    }
+    std::string digits;
+    for (; std::isxdigit(static_cast<U8>(at(i))); ++i) {
+      if (digits.size() == 4) return "Ip6Addr: too many consecutive hex digits";
+      digits += at(i);
+    }
+    if (digits.empty()) {
+      return at(i) == ':' && at(i + 1) == ':' ? "Ip6Addr: only one '::' allowed"
+                                              : "Ip6Addr: hex digit expected";
+    }
+    groups.push_back(static_cast<U16>(std::stoul(digits, nullptr, 16)));
+    more = i < size;
+    if (!more) break;
+    if (at(i++) != ':') return "Ip6Addr: ':' expected";
+    if (at(i) == ':') {
+      if (gap >= 0) return "Ip6Addr: only one '::' allowed";
+      gap = static_cast<int>(groups.size());
+      more = ++i < size;
+    }
+  }
+  if (gap < 0 && groups.size() != 8) return "Ip6Addr: incomplete ipv6 address";
+  if (gap >= 0) groups.insert(groups.begin() + gap, 8 - groups.size(), 0);
+  position = size;
+  return "";
+}
+
+/// The two things that are read here and not by the C library.
+bool isDifferenceToInetPton(std::string text) {
+  in6_addr address;
+  for (std::size_t i = text.rfind(':') + 1; i < text.size();) {  // leading zeros in dotted decimal
+    const bool first = i == 0 || !std::isdigit(static_cast<U8>(text[i - 1]));
+    if (first && text[i] == '0' && std::isdigit(static_cast<U8>(text[i + 1]))) {
+      text.erase(i, 1);
+    } else {
+      ++i;
+    }
+  }
+  if (inet_pton(AF_INET6, text.c_str(), &address) == 1) return true;
+  const std::size_t gap = text.find("::");  // a gap of no groups
+  if (gap == std::string::npos) return false;
+  text.erase(gap, 1);
+  return inet_pton(AF_INET6, text.c_str(), &address) == 1;
+}
+
+TEST(Ip6Addr, AgreesWithTheSlowReaderAndTheCLibrary) {
+  const std::string pieces[] = {":",     ":",    ":",   ":",   ":",       ":",
+                                ":",     "::",   "::",  "0",   "1",       "db8",
+                                "FFFF",  "fe80", "00a", "255", "1.2.3.4", "0.01.2.255",
+                                "12345", ".",    "g",   "/",   "%1",      std::string(1, '\0')};
+  std::mt19937 engine(20);
+  const auto random = [&](std::size_t below) { return static_cast<unsigned>(engine() % below); };
+  unsigned accepted = 0;
+  for (unsigned round = 0; round < 400'000; ++round) {
+    std::string text;
+    // Mostly by the rules: digits and colons in turn; else anything.
+    const bool orderly = random(4) != 0;
+    for (unsigned left = 1 + random(17); left > 0; --left) {
+      text += pieces[!orderly ? random(std::size(pieces)) : left % 2 != 0 ? 9 + random(9) : random(9)];
+    }
+    SCOPED_TRACE(text);
+    std::vector<U16> groups;
+    std::size_t position = 0;
+    const std::string error = readSlowly(text, groups, position);
+    std::string_view rest = text;
+    Ip6Addr address = ip6AddrMld;
+    const Kiv::ParseError ours = Ip6Addr::parse(rest, address);
+    ASSERT_EQ(ours ? ours : "", error);
+    ASSERT_EQ(text.size() - rest.size(), position);
+    for (unsigned i = 0; !ours && i < 8; ++i) ASSERT_EQ(address.u16(i), groups[i]) << i;
+    ASSERT_EQ(Ip6Addr::fromText(text).has_value(), !ours && rest.empty());
+    accepted += !ours;
+
+    in6_addr theirs;
+    if (text.find('\0') != std::string::npos) continue;
+    if (inet_pton(AF_INET6, text.c_str(), &theirs) == 1) {
+      ASSERT_TRUE(!ours && rest.empty());
+      ASSERT_TRUE(std::equal(std::begin(theirs.s6_addr), std::end(theirs.s6_addr), address.octets().begin()));
+    } else if (!ours && rest.empty()) {
+      ASSERT_TRUE(isDifferenceToInetPton(text));
+    }
+  }
+  EXPECT_GT(accepted, 20'000u);
+}
+
+TEST(Ip6Addr, PrintsAsTheCLibraryDoes) {
+  std::mt19937_64 random(21);
+  for (unsigned round = 0; round < 200'000; ++round) {
+    Ip6Addr address;
+    for (unsigned i = 0; i < 8; ++i) {
+      if (random() % 2 != 0) address.u16Is(i, static_cast<U16>((random() & 0xffff) >> random() % 16));
+    }
+    if (round % 8 == 0) address = Ip6Addr(0, 0xffff'0000'0000 | (random() >> 32));
+    char theirs[INET6_ADDRSTRLEN];
+    ASSERT_NE(inet_ntop(AF_INET6, address.octets().data(), theirs, sizeof(theirs)), nullptr);
+    const Kiv::String ours = address.stringValue();
+    EXPECT_EQ(Ip6Addr::fromText(ours), address);
+    // Theirs has IPv4-compatible addresses in dotted decimal as well.
+    const bool compatible = address.u64(0) == 0 && address.u64(1) >> 32 == 0 && address.u64(1) >> 16 != 0;
+    EXPECT_EQ(ours == theirs, !compatible) << ours << " " << theirs;
+  }
+}
+
+TEST(Ip6Addr, ParserMovesThePositionOverOneAddressOnly) {
+  const Kiv::String text = "2001:db8::1/64";
+  Kiv::String::IteratorConst pos = text.begin();
+  Ip6Addr address;
+  Ip6AddrFromString(address, pos, text.end());
+  EXPECT_EQ(address, Ip6Addr("2001:db8::1"));
+  EXPECT_EQ(pos, text.begin() + 11);
+  EXPECT_EQ(table::messageOf<Kiv::RangeException>([&] { Ip6AddrFromString(address, pos, text.end()); }),
+            "Ip6Addr: hex digit expected");
+  EXPECT_EQ(address, Ip6Addr("2001:db8::1"));
+  EXPECT_EQ(pos, text.begin() + 11);
+}
+
+TEST(Ip6Addr, ExpandedFormIsLenientButForTheShortestText) {
+  EXPECT_EQ(Ip6Addr("2001:db8::10.1.2.3").stringValueExpanded(), "2001:0db8:0000:0000:0000:0000:0a01:0203");
+  Ip6Addr address = ip6AddrLoopback;
+  for (const char* zero : {"0:0:0:0:0:0:0:0", "0000:0000:0000:0000:0000:0000:0000:0000"}) {
+    address = ip6AddrLoopback;
+    address.stringValueExpandedIs(zero);
+    EXPECT_EQ(address, ip6AddrZero);
+  }
+  address.stringValueExpandedIs("1::2");
+  const std::pair<const char*, const char*> failures[] = {
+      {"::", "Ip6Addr: address is not expanded"},
+      {"::1 ", "Ip6Addr: unexpected trailing characters"},
+      {"1:2", "Ip6Addr: incomplete ipv6 address"},
+  };
+  for (const auto& row : failures) {
+    EXPECT_EQ(table::messageOf<Kiv::RangeException>([&] { address.stringValueExpandedIs(row.first); }),
+              row.second);
+    EXPECT_EQ(address, Ip6Addr("1::2"));
+  }
+}
+
+TEST(Ip6Addr, ViewsAreOfOneStorage) {
+  Ip6Addr a;
+  a.u64Is(0, 0x0102'0304'0506'0708);
+  a.u16Is(7, 0xabcd);
+  a.u8Is(15, 0xef);
+  EXPECT_EQ(a, Ip6Addr("102:304:506:708::abef"));
+  EXPECT_EQ(a.u8(7), 8);
+  EXPECT_EQ(a.u8(Ip6AddrU8Key(14)), 0xab);
+  EXPECT_EQ(a.u16(3), 0x0708);
+  EXPECT_EQ(a.u64(1), 0xabefu);
+  U8 octets[17] = {};
+  a.copyToBuffer(octets);
+  EXPECT_EQ(octets[0], 1);
+  EXPECT_EQ(octets[15], 0xef);
+  Ip6Addr back;
+  back.copyFromBuffer(octets);
+  EXPECT_EQ(back, a);
+  EXPECT_EQ(table::logged(a), Kiv::Bytes(octets, octets + 16));
+
+  const std::pair<std::string, std::function<void()>> failures[] = {
+      {"u8", [&] { (void)a.u8(16); }},   {"u8", [&] { (void)a.u8(Ip6AddrU8Key(16)); }},
+      {"u8Is", [&] { a.u8Is(~0u, 1); }}, {"u16", [&] { (void)a.u16(8); }},
+      {"u16Is", [&] { a.u16Is(8, 1); }}, {"u64", [&] { (void)a.u64(2); }},
+      {"u64Is", [&] { a.u64Is(2, 1); }},
+  };
+  for (const auto& [name, call] : failures) {
+    EXPECT_EQ(table::messageOf<Kiv::RangeException>(call), "Ip6Addr::" + name + ": index out of range");
+  }
+  using Kiv::NondeletableAttrException;
+  EXPECT_EQ(table::messageOf<NondeletableAttrException>([&] { a.u64Del(0); }), "Ip6Addr::u64");
+  EXPECT_EQ(table::messageOf<NondeletableAttrException>([&] { a.u16Del(0); }), "Ip6Addr::u16");
+  EXPECT_EQ(table::messageOf<NondeletableAttrException>([&] { a.u8Del(0); }), "Ip6Addr::u8");
+  EXPECT_EQ(a, back);
+
+  table::expectRejected(Ip6AddrU8Key(3),
+                        {{"16", "Ip6AddrU8Key::value < 0 or > 15 not allowed"},
+                         {"18446744073709551616", "Ip6AddrU8Key::value < 0 or > 15 not allowed"},
+                         {"-1", "Invalid Ip6AddrU8Key"},
+                         {"1 ", "Invalid Ip6AddrU8Key"}});
+  table::expectAccepted<Ip6AddrU8Key>({{"0", "0"}, {"015", "15"}});
+}
+
+TEST(Ip6Addr, Predicates) {
+  const std::pair<const char*, bool (Ip6Addr::*)() const noexcept> predicates[] = {
+      {"Zero", &Ip6Addr::isZero},
+      {"Unspecified", &Ip6Addr::isUnspecified},
+      {"Loopback", &Ip6Addr::isLoopback},
+      {"LoopbackBase", &Ip6Addr::isLoopbackBase},
+      {"Multicast", &Ip6Addr::isMulticast},
+      {"Unicast", &Ip6Addr::isUnicast},
+      {"LinkLocalUnicast", &Ip6Addr::isLinkLocalUnicast},
+      {"LinkLocalUnicast2", &Ip6Addr::isLinkLocalUnicast2},
+      {"LinkLocalMulticast", &Ip6Addr::isLinkLocalMulticast},
+      {"LinkLocal", &Ip6Addr::isLinkLocal},
+      {"GlobalUnicast", &Ip6Addr::isGlobalUnicast},
+      {"RoutableMulticast", &Ip6Addr::isRoutableMulticast},
+      {"PimRouters", &Ip6Addr::isPimRouters},
+      {"SiteLocal", &Ip6Addr::isSiteLocal},
+      {"UniqueLocal", &Ip6Addr::isUniqueLocal},
+      {"V4MappedV6", &Ip6Addr::isV4MappedV6},
+  };
+  const std::pair<const char*, std::string> rows[] = {
+      {"::", "Zero Unspecified Unicast "},
+      {"::1", "Loopback Unicast "},
+      {"::2", "Unicast GlobalUnicast "},
+      {"1::", "Unicast GlobalUnicast "},
+      {"fe80::", "Unicast LinkLocalUnicast LinkLocalUnicast2 LinkLocal "},
+      {"fe80::1:2:3:4", "Unicast LinkLocalUnicast LinkLocalUnicast2 LinkLocal "},
+      {"fe80:0:0:1::", "Unicast LinkLocalUnicast2 "},
+      {"febf::1", "Unicast LinkLocalUnicast2 "},
+      {"fe7f:ffff::", "Unicast GlobalUnicast "},
+      {"fec0::", "Unicast GlobalUnicast SiteLocal "},
+      {"feff::", "Unicast GlobalUnicast SiteLocal "},
+      {"fbff::", "Unicast GlobalUnicast "},
+      {"fc00::", "Unicast GlobalUnicast UniqueLocal "},
+      {"fdff::", "Unicast GlobalUnicast UniqueLocal "},
+      {"fe00::", "Unicast GlobalUnicast "},
+      {"ff00::", "Multicast "},
+      {"ff02::1", "Multicast LinkLocalMulticast LinkLocal "},
+      {"ff32::1", "Multicast LinkLocalMulticast LinkLocal "},
+      {"ff02::d", "Multicast LinkLocalMulticast LinkLocal PimRouters "},
+      {"ff03::d", "Multicast "},
+      {"ff04::", "Multicast RoutableMulticast "},
+      {"ff05::1", "Multicast RoutableMulticast "},
+      {"ff0a::", "Multicast RoutableMulticast "},
+      {"::ffff:0.0.0.0", "Unicast GlobalUnicast V4MappedV6 "},
+      {"::fffe:0:0", "Unicast GlobalUnicast "},
+      {"1::ffff:0:0", "Unicast GlobalUnicast "},
+  };
+  for (const auto& [text, expected] : rows) {
+    const Ip6Addr address{std::string_view(text)};
+    std::string holds;
+    for (const auto& [name, predicate] : predicates) {
+      if ((address.*predicate)()) holds += std::string(name) + " ";
+    }
+    EXPECT_EQ(holds, expected) << text;
+  }
+}
+
+TEST(Ip6Addr, Constants) {
+  const std::pair<Ip6Addr, const char*> rows[] = {{ip6AddrZero, "::"},
+                                                  {ip6AddrLoopback, "::1"},
+                                                  {ip6AddrAllNodes, "ff02::1"},
+                                                  {ip6AddrAllRouters, "ff02::2"},
+                                                  {ip6AddrAllHosts, "ff02::3"},
+                                                  {ip6AddrPimRouters, "ff02::d"},
+                                                  {ip6AddrVrrp, "ff02::12"},
+                                                  {ip6AddrMld, "ff02::16"},
+                                                  {ip6AddrLinkLocalBase, "ff02::"},
+                                                  {ip6AddrV4MappedLoopback, "::ffff:127.0.0.1"},
+                                                  {ip6AddrV4MappedLoopbackBase, "::ffff:127.0.0.0"}};
+  for (const auto& [address, text] : rows) EXPECT_EQ(address.stringValue(), text);
+}
+
+TEST(Ip6Addr, DerivedAddresses) {
+  const Ip6Addr address("2001:db8::12:3456:789a");
+  EXPECT_EQ(address.mcastEtherAddress(), EthAddr("33:33:34:56:78:9a"));
+  EXPECT_EQ(address.solicitedNodeMulticastAddr(), Ip6Addr("ff02::1:ff56:789a"));
+  EXPECT_EQ(Ip6Addr("febf:1:2:3:4:5:6:7").validLlUnicastAddress(), Ip6Addr("fe80::4:5:6:7"));
+  EXPECT_EQ(Ip6Addr("fe80::1:2:3:4").validLlUnicastAddress(), Ip6Addr("fe80::1:2:3:4"));
+  EXPECT_EQ(table::messageOf<Kiv::RangeException>([&] { address.validLlUnicastAddress(); }),
+            "Not an address that belongs to subnet fe80::/10");
+  EXPECT_EQ(ip6LinkLocalFromMac(EthAddr("00:1c:73:01:02:03")), Ip6Addr("fe80::21c:73ff:fe01:203"));
+  EXPECT_EQ(ip6LinkLocalFromMac(EthAddr("02:00:00:00:00:00")), Ip6Addr("fe80::ff:fe00:0"));
+}
+
+TEST(Ip6Addr, MasksAndCommonPrefixesOfEveryLength) {
+  const Ip6Addr ones = ~Ip6Addr();
+  for (unsigned len = 0; len <= 128; ++len) {
+    Ip6Addr mask;
+    for (unsigned i = 0; i < len; ++i) mask.u8Is(i / 8, static_cast<U8>(mask.u8(i / 8) | 0x80 >> i % 8));
+    EXPECT_EQ(Ip6Addr::maskOfLength(len), mask);
+    EXPECT_EQ(ones.ip6AddrMaskedByLength(len), mask);
+    EXPECT_EQ(ones.longestCommonPrefix(mask), len);
+    EXPECT_EQ(Ip6Addr().longestCommonPrefix(~mask), len);
+  }
+  EXPECT_DEATH(ones.ip6AddrMaskedByLength(129), "assertion failed: len <= 128");
+}
+
+TEST(Ip6Addr, OrderHashAndLog) {
+  std::vector<Ip6Addr> ascending;
+  for (const char* text : {"::", "::1", "::100", "::1:0:0", "::8000:0:0:0", "0:0:0:1::", "1::", "7fff::",
+                           "8000::", "ff00::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}) {
+    ascending.emplace_back(std::string_view(text));
+  }
+  table::expectOrdered(ascending);
+  Kiv::U32 h = 0;
+  for (const Kiv::U32 word : {0x20010db8u, 0u, 0xffu, 0x1234u}) h = Kiv::hashMix(word ^ h);
+  EXPECT_EQ(Ip6Addr("2001:db8::ff:0:1234").hash(), h);
+}
+
+}  // namespace

@@ -1,0 +1,330 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Kiv/Entity.h"
+#include "Wirl/value/IpGenAddr.h"
+#include "Wirl/value/IpGenAddrWithMask.h"
+#include "Wirl/value/IpGenPrefix.h"
+#include "Wirl/value/IpGenPrefixColl.h"
+#include "tests/value/TextTable.h"
+
+namespace {
+
+using namespace Wirl;
+
+template <typename... Args>
+std::string rangeMessage(Args&&... args) {
+  return table::messageOf<Kiv::RangeException>(std::forward<Args>(args)...);
+}
+
+TEST(AddressFamily, Texts) {
+  for (const auto& [af, text] :
+       {std::pair(AddressFamily::ipunknown, "ipunknown"), std::pair(AddressFamily::ipv4, "ipv4"),
+        std::pair(AddressFamily::ipv6, "ipv6")}) {
+    EXPECT_EQ(table::streamed(af), text);
+    EXPECT_EQ(addressFamilyFromText(text), af);
+    EXPECT_EQ(addressFamilyFromString(text), af);
+  }
+  EXPECT_FALSE(addressFamilyFromText("ipv"));
+  EXPECT_EQ(rangeMessage([] { addressFamilyFromString("IPV4"); }), "Invalid AddressFamily");
+}
+
+TEST(IpGenAddr, Texts) {
+  table::expectAccepted<IpGenAddr>({{"10.0.0.1", "10.0.0.1"}, {"0.0.0.0", "0.0.0.0"}});
+  table::expectAccepted<IpGenAddr>(
+      {{"::", "::"}, {"::ffff:1.2.3.4", "::ffff:1.2.3.4"}, {"FE80::1", "fe80::1"}}, true);
+  table::expectRejected(IpGenAddr(IpAddr(9, 9, 9, 9)), {{"", "Invalid IpGenAddr"},
+                                                        {"abc", "Invalid IpGenAddr"},
+                                                        {"12/1.2.3.4", "Invalid IpGenAddr"},
+                                                        {"1.2.3", "Invalid IpAddr"},
+                                                        {"1.2.3:4", "Invalid IpAddr"},
+                                                        {"1.2.3.4.5", "Invalid IpGenAddr"},
+                                                        {"1.2.3.4 ", "Invalid IpGenAddr"},
+                                                        {"::1/64", "Invalid IpGenAddr"},
+                                                        {"1:2", "Ip6Addr: incomplete ipv6 address"},
+                                                        {" ::1", "Ip6Addr: hex digit expected"}});
+  const IpGenAddr empty{std::string_view()};
+  EXPECT_EQ(empty.af(), AddressFamily::ipunknown);
+  EXPECT_EQ(empty.stringValue(), "::");
+  EXPECT_EQ(empty.size(), 16u);
+}
+
+TEST(IpGenAddr, HoldsEitherFamily) {
+  const IpGenAddr v4 = IpAddr(10, 0, 0, 1);
+  const IpGenAddr v6 = ip6AddrLoopback;
+  EXPECT_EQ(v4.v4Addr(), IpAddr(10, 0, 0, 1));
+  EXPECT_EQ(v4.v6Addr(), ip6AddrZero);
+  EXPECT_EQ(v6.v4Addr(), IpAddr());
+  EXPECT_EQ(v6.v6Addr(), ip6AddrLoopback);
+  EXPECT_EQ(v4.bytes(), std::string_view("\x0a\0\0\x01", 4));
+  EXPECT_EQ(v6.bytes().bytes(), 16u);
+  unsigned char octets[17] = {};
+  octets[4] = 0x55;
+  v4.copyToBuffer(octets);
+  EXPECT_TRUE(octets[0] == 10 && octets[3] == 1 && octets[4] == 0x55);
+  v6.copyToBuffer(octets);
+  EXPECT_EQ(octets[15], 1);
+  EXPECT_EQ(IpGenAddr(IpAddr("239.129.1.2")).mcastEtherAddress(), EthAddr("01:00:5e:01:01:02"));
+  EXPECT_EQ(IpGenAddr(Ip6Addr("ff02::1:2")).mcastEtherAddress(), EthAddr("33:33:00:01:00:02"));
+  EXPECT_EQ(v4.longestCommonPrefix(IpAddr(10, 0, 0, 3)), 30u);
+  EXPECT_EQ(v4.longestCommonPrefix(v6), 4u);  // of 10.0.0.1 and 0.0.0.0
+  EXPECT_EQ(v6.longestCommonPrefix(v4), 127u);
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(Ip6Addr("::ffff:10.1.2.3")), IpGenAddr(IpAddr(10, 1, 2, 3)));
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(Ip6Addr("2001:db8::1")), IpGenAddr());
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(v4), IpGenAddr());
+  EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(v4), IpGenAddr(Ip6Addr("::ffff:10.0.0.1")));
+  EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(v6), IpGenAddr());
+}
+
+TEST(IpGenAddr, PredicatesByFamily) {
+  const std::pair<const char*, bool (IpGenAddr::*)() const noexcept> predicates[] = {
+      {"Unicast", &IpGenAddr::isUnicast},
+      {"Multicast", &IpGenAddr::isMulticast},
+      {"LinkLocalUnicast", &IpGenAddr::isLinkLocalUnicast},
+      {"LinkLocal", &IpGenAddr::isLinkLocal},
+      {"Loopback", &IpGenAddr::isLoopback},
+      {"LoopbackBase", &IpGenAddr::isLoopbackBase},
+      {"Unspecified", &IpGenAddr::isUnspecified},
+      {"PimRouters", &IpGenAddr::isPimRouters},
+      {"RoutableMulticast", &IpGenAddr::isRoutableMulticast},
+      {"LinkLocalMulticast", &IpGenAddr::isLinkLocalMulticast},
+      {"Any", &IpGenAddr::isAny},
+      {"Reserved", &IpGenAddr::isReserved},
+      {"ThisNetwork", &IpGenAddr::isThisNetwork},
+      {"Broadcast", &IpGenAddr::isBroadcast},
+      {"V4LinkLocal", &IpGenAddr::isV4LinkLocal},
+      {"V6LinkLocal", &IpGenAddr::isV6LinkLocal},
+  };
+  const std::pair<const char*, std::string> rows[] = {
+      {"", "Unicast Unspecified "},
+      {"::", "Unicast Unspecified "},
+      {"0.0.0.0", "Unicast Unspecified Any ThisNetwork "},
+      {"0.0.0.1", "Unicast ThisNetwork "},
+      {"10.0.0.1", "Unicast "},
+      {"127.0.0.0", "Unicast Loopback LoopbackBase "},
+      {"127.0.0.1", "Unicast Loopback "},
+      {"::1", "Unicast Loopback "},
+      {"::ffff:127.0.0.0", "Unicast "},
+      {"169.254.1.1", "Unicast LinkLocalUnicast LinkLocal V4LinkLocal "},
+      {"fe80::1", "Unicast LinkLocalUnicast LinkLocal V6LinkLocal "},
+      {"ff02::1", "Multicast LinkLocal LinkLocalMulticast V6LinkLocal "},
+      {"ff02::d", "Multicast LinkLocal PimRouters LinkLocalMulticast V6LinkLocal "},
+      {"ff05::1", "Multicast RoutableMulticast "},
+      {"224.0.0.1", "Multicast LinkLocalMulticast "},
+      {"224.0.0.13", "Multicast PimRouters LinkLocalMulticast "},
+      {"239.1.1.1", "Multicast RoutableMulticast "},
+      {"240.0.0.1", "Unicast Reserved "},
+      {"255.255.255.255", "Broadcast "},
+  };
+  for (const auto& [text, expected] : rows) {
+    const IpGenAddr address{std::string_view(text)};
+    std::string holds;
+    for (const auto& [name, predicate] : predicates) {
+      if ((address.*predicate)()) holds += std::string(name) + " ";
+    }
+    EXPECT_EQ(holds, expected) << text;
+  }
+}
+
+TEST(IpGenAddr, OrderHashAndLog) {
+  table::expectOrdered<IpGenAddr>({IpGenAddr(), IpGenAddr(AddressFamily::ipv4), IpGenAddr("10.0.0.1"),
+                                   IpGenAddr("10.0.0.2"), IpGenAddr("255.255.255.255"), IpGenAddr("::"),
+                                   IpGenAddr("::1"), IpGenAddr("a00:1::")});
+  const IpGenAddr v4("10.0.0.1");
+  EXPECT_EQ(v4.hash(3), Kiv::SeededHash(3).add(1).add(Ip6Addr("a00:1::").hash()).value());
+  Kiv::Bytes octets = {0, 0, 0, 1, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  EXPECT_EQ(table::logged(v4), octets);
+  for (const std::size_t bad : {std::size_t{3}, std::size_t{0}, std::size_t{19}}) {
+    Kiv::Bytes broken = octets;
+    broken[bad] = static_cast<Kiv::U8>(broken[bad] ^ (bad == 3 ? 1 : 2));  // no family, or a bit behind IPv4
+    Kiv::NboAttrLog log(broken);
+    IpGenAddr target = ip6AddrMld;
+    EXPECT_THROW(log >> target, Kiv::RangeException) << bad;
+    EXPECT_EQ(target, IpGenAddr(ip6AddrMld));
+  }
+}
+
+TEST(IpGenPrefix, Texts) {
+  table::expectAccepted<IpGenPrefix>(
+      {{"10.0.0.0/8", "10.0.0.0/8"}, {"0.0.0.0/0", "0.0.0.0/0"}, {"1.2.3.4/032", "1.2.3.4/32"}});
+  table::expectAccepted<IpGenPrefix>({{"2001:DB8::/32", "2001:db8::/32"},
+                                      {"::/0", "::/0"},
+                                      {"::ffff:1.2.3.4/128", "::ffff:1.2.3.4/128"},
+                                      {"fe80::1/64", "fe80::1/64"}},
+                                     true);
+  constexpr auto kV4 = "Invalid Prefix - non-zero after prefixlen";
+  constexpr auto kNoLen = "premature end of Prefix type";
+  table::expectRejected(IpGenPrefix("9.0.0.0/8"), {{"", "Invalid prefix"},
+                                                   {"/24", "Invalid prefix"},
+                                                   {"10/8.0.0.0", "Invalid prefix"},
+                                                   {"abc", "Invalid prefix"},
+                                                   {"10.0.0/8", "Invalid IpAddr"},
+                                                   {"10.0.0.0", kNoLen},
+                                                   {"10.0.0.0/", kNoLen},
+                                                   {"10.0.0.0/x", kNoLen},
+                                                   {"2001:db8::", kNoLen},
+                                                   {"2001:db8::/", kNoLen},
+                                                   {"2001:db8/32", "Ip6Addr: incomplete ipv6 address"},
+                                                   {"10.0.0.1/24", kV4},
+                                                   {"10.0.0.0/33", kV4},
+                                                   {"10.0.0.0/4294967295", kV4},
+                                                   {"10.0.0.0/4294967304", kV4},
+                                                   {"::/129", "Ip6AddrWithMask: prefix too long"},
+                                                   {"10.0.0.0/8 ", "Invalid prefix"},
+                                                   {"2001:db8::/32/", "Invalid prefix"}});
+}
+
+TEST(IpGenPrefix, ConstructorsCheck) {
+  constexpr auto kHostBits = "Invalid prefix - Non-zero after prefix length";
+  const std::pair<std::function<void()>, std::string> failures[] = {
+      {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), 33); }, "Invalid IPv4 Prefix Length"},
+      {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), ~0u); }, "Invalid IPv4 Prefix Length"},
+      {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 1), 24); }, kHostBits},
+      {[] { (void)IpGenPrefix(ip6AddrZero, 129); }, "Invalid IPv6 Prefix Length"},
+      {[] { (void)IpGenPrefix(ip6AddrLoopback, 127); }, kHostBits},
+      {[] { (void)IpGenPrefix(IpGenAddr("10.0.0.1"), 31); }, kHostBits},
+      {[] { (void)IpGenPrefix(IpGenAddr(), 129); }, "Invalid IPv6 Prefix Length"},
+      {[] {
+         (void)IpGenPrefix(AddressFamily::ipv4, 8, {0x0a00'0000, 0, 0, 1});
+       },
+       kHostBits},
+      {[] {
+         (void)IpGenPrefix(AddressFamily::ipv6, 8, {0x0a00'0000, 0, 0, 1});
+       },
+       kHostBits},
+      {[] {
+         (void)IpGenPrefix(AddressFamily::ipunknown, 128, {0, 0, 0, 1});
+       },
+       kHostBits},
+  };
+  for (const auto& [make, message] : failures) EXPECT_EQ(rangeMessage(make), message);
+  EXPECT_EQ(IpGenPrefix(AddressFamily::ipv4, 8, {0x0a00'0000, 0, 0, 0}), IpGenPrefix("10.0.0.0/8"));
+  EXPECT_EQ(IpGenPrefix(AddressFamily::ipv6, 128, {0x2001'0db8, 1, 2, 3}),
+            IpGenPrefix("2001:db8:0:1:0:2:0:3/128"));
+
+  const IpGenPrefix host(Ip6Prefix("fe80::1/64"));  // not checked
+  EXPECT_EQ(host.v6Prefix(), Ip6Prefix("fe80::1/64"));
+  EXPECT_EQ(host.v4Prefix(), Prefix());
+  const IpGenPrefix noLength(Prefix(IpAddr(1, 2, 3, 4), Prefix::kNoLen));
+  EXPECT_EQ(noLength.stringValue(), "1.2.3.4/4294967295");
+  EXPECT_FALSE(noLength.isHost() || noLength.contains(IpAddr(1, 2, 3, 4)));
+
+  EXPECT_TRUE(IpGenPrefix("10.0.0.1/32").isHost() && IpGenPrefix("::1/128").isHost());
+  EXPECT_FALSE(IpGenPrefix("10.0.0.0/31").isHost() || IpGenPrefix(ip6AddrZero, 32).isHost() ||
+               IpGenPrefix().isHost());
+  EXPECT_TRUE(IpGenPrefix("10.0.0.0/8").contains(IpAddr(10, 9, 9, 9)));
+  EXPECT_FALSE(IpGenPrefix("0.0.0.0/0").contains(ip6AddrZero) ||
+               IpGenPrefix("10.0.0.0/8").contains(IpAddr(11, 0, 0, 0)));
+  EXPECT_TRUE(IpGenPrefix("224.0.0.0/4").isMulticast() && IpGenPrefix("127.0.0.0/8").isLoopback() &&
+              IpGenPrefix("fe80::/64").isLinkLocal() && IpGenPrefix("ff05::/16").isRoutableMulticast() &&
+              IpGenPrefix("0.0.0.0/0").isUnspecified() && IpGenPrefix("240.0.0.0/4").isReserved());
+}
+
+TEST(IpGenPrefix, OrderHashAndLog) {
+  std::vector<IpGenPrefix> ascending = {IpGenPrefix()};
+  for (const char* text :
+       {"0.0.0.0/0", "10.0.0.0/8", "10.0.0.0/16", "10.0.0.0/32", "10.1.0.0/16", "11.0.0.0/8", "::/0", "::/64",
+        "::1/128", "2001:db8::/32", "2001:db8::/48", "fe80::/10"}) {
+    ascending.emplace_back(std::string_view(text));
+  }
+  table::expectOrdered(ascending);
+  EXPECT_EQ(ascending[2].hash(9), Kiv::SeededHash(9).add(1).add(Ip6Addr("a00::").hash()).add(8).value());
+}
+
+TEST(IpGenAddrWithMask, TextsAndConstructors) {
+  table::expectAccepted<IpGenAddrWithMask>({{"10.1.2.3/24", "10.1.2.3/24"}, {"10.1.2.3/0", "10.1.2.3/0"}});
+  table::expectAccepted<IpGenAddrWithMask>({{"FE80::1/64", "fe80::1/64"}, {"::/128", "::/128"}}, true);
+  table::expectRejected(IpGenAddrWithMask("9.0.0.1/8"),
+                        {{"", "Invalid IpGenAddr"},
+                         {"/24", "Invalid IpGenAddr"},
+                         {"10.1.2/24", "Invalid IpAddr"},
+                         {"10.1.2.3", "premature end of Prefix type"},
+                         {"fe80::1/", "premature end of Prefix type"},
+                         {"10.1.2.3/33", "Invalid IPv4 Prefix Length"},
+                         {"10.1.2.3/4294967320", "Invalid IPv4 Prefix Length"},
+                         {"fe80::1/129", "Invalid IPv6 Prefix Length"},
+                         {"10.1.2.3/24 ", "Invalid IpGenAddrWithMask"}});
+  EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(IpAddr(1, 2, 3, 4), 33); }),
+            "Invalid IPv4 Prefix Length");
+  EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(ip6AddrZero, 129); }), "Invalid IPv6 Prefix Length");
+  EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(IpAddrWithMask(IpAddr(), 40)); }),
+            "Invalid IPv4 Prefix Length");
+  EXPECT_EQ(IpGenAddrWithMask(IpAddrWithMask("10.1.2.3/24")), IpGenAddrWithMask(IpGenAddr("10.1.2.3"), 24));
+  table::expectOrdered<IpGenAddrWithMask>({IpGenAddrWithMask(), IpGenAddrWithMask("10.1.2.3/8"),
+                                           IpGenAddrWithMask("10.1.2.3/24"), IpGenAddrWithMask("10.1.2.4/0"),
+                                           IpGenAddrWithMask("::/0")});
+}
+
+TEST(IpGenAddrWithFullMask, TextsAndConstructors) {
+  using T = IpGenAddrWithFullMask;
+  table::expectAccepted<T>({{"10.1.2.3/255.255.255.0", "10.1.2.3/24"},
+                            {"10.1.2.3/24", "10.1.2.3/24"},
+                            {"10.1.2.3/0", "10.1.2.3/0"},
+                            {"10.1.2.3/255.0.255.0", "10.1.2.3/255.0.255.0"}});
+  table::expectAccepted<T>({{"fe80::1/ffff:ffff::", "fe80::1/32"},
+                            {"fe80::1/128", "fe80::1/128"},
+                            {"::ffff:1.2.3.4/::ffff:255.0.255.0", "::ffff:1.2.3.4/::ffff:255.0.255.0"}},
+                           true);
+  const T before(IpAddr(9, 9, 9, 9), 9);
+  table::expectRejected(before, {{"", "Invalid IPv4/IPv6 address"},
+                                 {"10", "Invalid IPv4/IPv6 address"},
+                                 {"10/1.2.3.4", "Invalid IPv4/IPv6 address"},
+                                 {"10.1.2/24", "Invalid IPv4 address"},
+                                 {"1:2/24", "Invalid IPv6 address"},
+                                 {"10.1.2.3", "premature end of Prefix type"},
+                                 {"10.1.2.3/", "premature end of Prefix type"},
+                                 {"fe80::1", "premature end of Prefix type"},
+                                 {"10.1.2.3/255.0.0", "Invalid IPv4 mask"},
+                                 {"10.1.2.3/ff::", "Invalid IPv4 mask"},
+                                 {"10.1.2.3/x", "Invalid IPv4 prefix"},
+                                 {"10.1.2.3/33", "Invalid IPv4 prefix length"},
+                                 {"10.1.2.3/4294967297", "Invalid IPv4 prefix length"},
+                                 {"fe80::1/255.0.0.0", "Invalid IPv6 mask"},
+                                 {"fe80::1/f:", "Invalid IPv6 mask"},
+                                 {"fe80::1/ff", "Invalid IPv6 prefix"},
+                                 {"fe80::1/129", "Invalid IPv6 prefix"},
+                                 {"10.1.2.3/24 ", "Invalid IPv4/IPv6 address"}});
+  for (unsigned len = 0; len <= 32; ++len) {
+    EXPECT_EQ(T(IpAddr(1, 2, 3, 4), len).prefixLen().value(), static_cast<int>(len));
+  }
+  EXPECT_EQ(T(ip6AddrMld, 77).prefixLen().value(), 77);
+  EXPECT_FALSE(T(IpAddr(1, 2, 3, 4), IpAddr(255, 0, 255, 0)).hasPrefixRepr());
+  EXPECT_EQ(T(IpAddr(1, 2, 3, 4), IpAddr(255, 0, 255, 0)).prefixLen(), T::PrefixLen::invalid);
+  EXPECT_EQ(rangeMessage([] { (void)T(IpAddr(), 33); }), "Invalid IPv4 prefix length");
+  EXPECT_EQ(rangeMessage([] { (void)T(ip6AddrZero, 129); }), "Invalid IPv6 prefix");
+  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("1.2.3.4"), IpGenAddr("::")); }),
+            "Invalid IPv4/IPv6 address");
+  table::expectOrdered<T>(
+      {T(), T(IpAddr(1, 2, 3, 4), 0), T(IpAddr(1, 2, 3, 4), 8), T(IpAddr(1, 2, 3, 5), 0), T(ip6AddrZero, 1)});
+
+  constexpr auto kRange = "PrefixLen::value < PrefixLen::invalid or > PrefixLen::max not allowed";
+  EXPECT_EQ(rangeMessage([] { (void)T::PrefixLen(-2); }), kRange);
+  EXPECT_EQ(rangeMessage([] { (void)T::PrefixLen(129); }), kRange);
+  table::expectAccepted<T::PrefixLen>({{"-1", "-1"}, {"0", "0"}, {"128", "128"}});
+  table::expectRejected(
+      T::PrefixLen(5),
+      {{"129", kRange}, {"-2", kRange}, {"-", "Invalid PrefixLen"}, {"1x", "Invalid PrefixLen"}});
+}
+
+TEST(IpGenPrefixColl, IsASetThatReactorsCanWatch) {
+  IpGenPrefixColl coll;
+  EXPECT_TRUE(coll.prefixIs(IpGenPrefix("::/0")) && coll.prefixIs(IpGenPrefix("10.0.0.0/16")) &&
+              coll.prefixIs(IpGenPrefix("10.0.0.0/8")));
+  EXPECT_FALSE(coll.prefixIs(IpGenPrefix("::/0")) || coll.prefixDel(IpGenPrefix("::/1")));
+  EXPECT_EQ(table::streamed(coll), "{10.0.0.0/8, 10.0.0.0/16, ::/0}");
+  const auto config = Kiv::makePtr<IpGenPrefixSetConfig>("permit");
+  int changes = 0;
+  const Kiv::Reactor reactor(config->prefixes, [&] { ++changes; });
+  config->prefixesIs(coll);
+  config->prefixesIs(coll);
+  EXPECT_EQ(changes, 1);
+  EXPECT_TRUE(config->prefixes().prefix(IpGenPrefix("10.0.0.0/8")));
+  EXPECT_TRUE(coll.prefixDel(IpGenPrefix("::/0")) && coll.size() == 2);
+  coll.prefixDelAll();
+  EXPECT_EQ(table::streamed(coll), "{}");
+}
+
+}  // namespace
