@@ -4,6 +4,7 @@
 /// The whole library.
 
 #include "Kiv/Kiv.h"
+#include "Wirl/access/IpTrafficControl.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/access/PamFdSm.h"
 #include "Wirl/access/deferClose.h"
@@ -25,5 +26,6 @@
 #include "Wirl/value/IpGenAddrWithMask.h"
 #include "Wirl/value/IpGenPrefix.h"
 #include "Wirl/value/IpGenPrefixColl.h"
+#include "Wirl/value/NamespaceName.h"
 #include "Wirl/value/Prefix.h"
 #include "Wirl/value/VrfName.h"
