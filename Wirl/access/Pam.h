@@ -65,15 +65,22 @@ class KIV_API Pam : public Kiv::Entity {
 
  public:
   /// Sends one packet, or drops it; see the counters.
-  void txPktIs(const Pkt::Ptr& pkt) { txPktIsImpl(pkt); }
+  void txPktIs(const Pkt::Ptr& pkt) {
+    const Kiv::Ptr<const Pam> guard = alive();
+    txPktIsImpl(pkt);
+  }
   /// The next packet received, null when nothing is waiting. Call it until it gives null.
   Pkt::Ptr rxPkt() const {
+    const Kiv::Ptr<const Pam> guard = alive();
     // Receiving changes the slot and the counters and nothing that a holder of a const Pam can rely on.
     const_cast<Pam*>(this)->doGetRxPkt();
     return std::exchange(rxPktHolder_, nullptr);
   }
   /// Receives a batch; the packets stand in slot i of `savedPacket` wherever `savedPacketRx(i)` is true.
-  S32 rxPktBulk() const { return const_cast<Pam*>(this)->doGetBulkRxPkt(); }
+  S32 rxPktBulk() const {
+    const Kiv::Ptr<const Pam> guard = alive();
+    return const_cast<Pam*>(this)->doGetBulkRxPkt();
+  }
 
   /// The buffers of bulk receiving, one a slot. Setting a slot beyond the end grows the array; reading there
   /// gives null (false).
@@ -94,6 +101,10 @@ class KIV_API Pam : public Kiv::Entity {
   void rxPktHolderIs(Pkt::Ptr pkt) noexcept { rxPktHolder_ = std::move(pkt); }
 
  private:
+  /// Keeps the Pam while it sends or receives: reactors to its counters may let go of it. None for one that
+  /// no pointer holds.
+  Kiv::Ptr<const Pam> alive() const { return Kiv::Ptr<const Pam>(references() > 0 ? this : nullptr); }
+
   mutable Pkt::Ptr rxPktHolder_;
   U32 rxDropsHolder_ = 0;
   std::vector<Pkt::Ptr> savedPacket_;

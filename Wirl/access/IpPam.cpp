@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/IpPam.h"
+
+#include <linux/filter.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Exception.h"
+#include "Kiv/Trace.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("IpPam");
+
+}  // namespace
+
+IpPam::IpPam(Kiv::String name, IpProtocolNumber protocolNumber, const NamespaceName& ns)
+    : Pam(std::move(name)), protocol(protocolNumber), netNs(ns) {}
+
+IpPam::~IpPam() = default;
+
+void IpPam::handleTxTOS() {}
+
+void IpPam::handleTxTTL() {}
+
+void IpPam::handlePriority() {}
+
+void IpPam::optionsIsImpl(U32 bits) {
+  options.set(bits);
+}
+
+void IpPam::enabledIsImpl(bool on) {
+  enabled.set(on);
+}
+
+void IpPam::doGetRxPkt() {
+  KIV_ASSERT_AS(false, "IpPam doesn't use this interface.");
+}
+
+// The hooks of these two run after the value is stored and before it is told of: what they refuse is kept.
+
+void IpPam::checkSocketReadLimit() {
+  if (socketReadLimit() < 1 || socketReadLimit() > maxSocketReadLimit) {
+    throw Kiv::RangeException("IpPam::socketReadLimit < 1 or > 128 not allowed");
+  }
+}
+
+void IpPam::checkPriority() {
+  if (priority() > maxPriority) throw Kiv::RangeException("IpPam::priority < 0 or > 15 not allowed");
+  handlePriority();
+}
+
+void IpPam::enableBulkReadIs(bool on) {
+  if (on == enableBulkRead()) return;
+  if (on) {
+    for (bulkSlots_ = 0; bulkSlots_ < socketReadLimit(); ++bulkSlots_) {
+      savedPacketIs(bulkSlots_, globalPktManager()->newPkt());
+    }
+  } else {
+    // The limit may have been changed meanwhile: nothing that was made is to stay behind.
+    const U16 end = std::max<U16>(socketReadLimit(), bulkSlots_);
+    for (U16 index = 0; index < end; ++index) savedPacketDel(index);
+    bulkSlots_ = 0;
+  }
+  enableBulkRead.set(on);
+}
+
+Kiv::Ptr<Kiv::FileDescriptor> IpPam::fileDescIs(Kiv::String name) {
+  auto made = Kiv::makePtr<Kiv::FileDescriptor>(std::move(name));
+  fileDesc.set(made);
+  return made;
+}
+
+Kiv::Ptr<Kiv::FileDescriptor> IpPam::fileDescDel() {
+  Kiv::Ptr<Kiv::FileDescriptor> former = fileDesc();
+  fileDesc.set(nullptr);
+  return former;
+}
+
+IpFilter IpPam::rxFilterAt(U8 index) const {
+  const auto found = rxFilter().find(index);
+  return found == rxFilter().end() ? IpFilter() : found->second;
+}
+
+void IpPam::rxFilterIs(U8 index, const IpFilter& instruction) {
+  IpFilterProgram program = rxFilter();
+  program.insert_or_assign(index, instruction);
+  rxFilter.set(program);
+}
+
+void IpPam::rxFilterDel(U8 index) {
+  IpFilterProgram program = rxFilter();
+  program.erase(index);
+  rxFilter.set(program);
+}
+
+void IpPam::rxFilterDelAll() {
+  rxFilter.set({});
+}
+
+void IpPam::doAttachBpfFilter(S32 socket) {
+  if (rxFilter().empty()) {
+    throw Kiv::ErrnoException(EINVAL, "SO_ATTACH_FILTER option must be supplied with a valid filter");
+  }
+  std::vector<sock_filter> instructions;
+  instructions.reserve(rxFilter().size());
+  KIV_TRACE(trace, 8) << "Filter is: ";
+  for (const auto& [index, each] : rxFilter()) {
+    instructions.push_back({each.code(), each.jt(), each.jf(), each.k()});
+    KIV_TRACE(trace, 8) << "Filter[" << index << "] is "
+                        << "code: " << each.code() << " jt: " << each.jt() << " jf: " << each.jf()
+                        << " k: " << each.k();
+  }
+  const sock_fprog program = {static_cast<U16>(instructions.size()), instructions.data()};
+  if (setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)) == 0) return;
+  const int error = errno;
+  if (fileDesc() && fileDesc()->descriptor() == socket) fileDesc()->descriptorIs(-1);
+  if (socket >= 0) close(socket);
+  throw Kiv::ErrnoException(error, "setsockopt(SO_ATTACH_FILTER)");
+}
+
+void IpPam::doAttachBpfFilter() {
+  doAttachBpfFilter(fd());
+}
+
+void IpPam::doDetachBpfFilter() {
+  const int unused = 0;
+  if (setsockopt(fd(), SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof(unused)) < 0) {
+    throw Kiv::ErrnoException(errno, "setsockopt(SO_DETACH_FILTER)");
+  }
+}
+
+Kiv::Ptr<IpPam> ipPamFactory(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs) {
+  return Kiv::makePtr<IpPam>(std::move(name), protocol, netNs);
+}
+
+}  // namespace Wirl

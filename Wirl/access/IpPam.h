@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <utility>
+
+#include "Kiv/FileDescriptor.h"
+#include "Wirl/access/IpFilter.h"
+#include "Wirl/access/IpSocketOptions.h"
+#include "Wirl/access/IpTrafficControl.h"
+#include "Wirl/access/Pam.h"
+#include "Wirl/access/PamFdSm.h"
+#include "Wirl/packet/IpProtocolNumber.h"
+#include "Wirl/value/IpDscp.h"
+#include "Wirl/value/IpGenAddr.h"
+#include "Wirl/value/IpTtl.h"
+#include "Wirl/value/NamespaceName.h"
+
+namespace Wirl {
+
+using Kiv::U64;
+
+/// What is configured on a raw IP socket, and what its receive path tells of the last packet. The classes
+/// that own a socket derive from it and act on the changes; by itself it opens nothing.
+///
+///     set by the client                                      set by the receive path
+///     protocol, netNs                  (fixed)               rxSrcIpAddr, rxDstIpAddr, rxOrigDstIpAddr
+///     options, enabled                 (virtual setters)     rxIfIndex, rxTOS, rxTTL, rxFlags
+///     txTOS, txTTL, priority           (hooks)               rxPktCount
+///     tx...: how and where to send     (read when sending)
+///     rxFilter, rxBuf                  (read when their option is applied)
+///     maxRxPktData, enableBulkRead, socketReadLimit
+///
+/// Batch receive: `enableBulkReadIs(true)` makes a packet for each of `socketReadLimit` slots of
+/// `savedPacket`, to be set before. One `rxPkt` then receives up to that many packets.
+///
+/// `socketReadLimitIs` and `priorityIs` store a value before they look at its range: one that is refused with
+/// an exception is stored all the same, and neither hook nor reactors have run.
+class KIV_API IpPam : public Pam {
+ public:
+  KIV_ENTITY(IpPam, Pam)
+  KIV_ATTR_READ(IpProtocolNumber, protocol)
+  KIV_ATTR_READ(NamespaceName, netNs)
+  KIV_ATTR_READ(IpSocketOptions, options)
+  KIV_ATTR_READ(bool, enabled, false)
+  KIV_ATTR(Kiv::String, txIfName)
+  KIV_ATTR(U32, txIfIndex, 0)
+  KIV_ATTR_HOOK(IpDscp, txTOS, IpDscp(), handleTxTOS)
+  KIV_ATTR_HOOK(IpTtl, txTTL, IpTtl(), handleTxTTL)
+  KIV_ATTR(S32, txFlags, 0)
+  KIV_ATTR(IpGenAddr, txSrcIpAddr)
+  KIV_ATTR(IpGenAddr, txDstIpAddr)
+  KIV_ATTR_COUNTER(U64, txPktCount)
+  KIV_ATTR(U32, maxRxPktData, 1500)
+  KIV_ATTR(IpGenAddr, rxDstIpAddr)
+  KIV_ATTR(IpGenAddr, rxOrigDstIpAddr)
+  KIV_ATTR(IpGenAddr, rxSrcIpAddr)
+  KIV_ATTR(U32, rxIfIndex, 0)
+  KIV_ATTR(U8, rxTOS, 0)
+  KIV_ATTR(U8, rxTTL, 0)
+  KIV_ATTR(S32, rxFlags, 0)
+  KIV_ATTR_READ(IpFilterProgram, rxFilter)
+  KIV_ATTR(U32, rxBuf, 0)
+  KIV_ATTR_READ(bool, enableBulkRead, false)
+  KIV_ATTR_HOOK(U8, socketReadLimit, maxSocketReadLimit, checkSocketReadLimit)
+  KIV_ATTR_HOOK(U32, priority, tcPrioBestEffort, checkPriority)
+  KIV_ATTR_COUNTER(U64, rxPktCount)
+  KIV_ATTR_READ(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
+  KIV_ATTR_READ(Kiv::Ptr<PamFdSm>, fdSm)
+
+  static constexpr U8 maxSocketReadLimit = 128;
+  static constexpr U32 maxPriority = 15;
+
+  IpPam(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs);
+  ~IpPam() override;
+
+ protected:
+  virtual void handleTxTOS();
+  virtual void handleTxTTL();
+  virtual void handlePriority();
+  /// Here they store and notify, and no more.
+  virtual void optionsIsImpl(U32 bits);
+  virtual void enabledIsImpl(bool on);
+  /// Ends the process: receiving is for the derived classes.
+  void doGetRxPkt() override;
+
+ public:
+  /// A set of `IpSocketOptions`.
+  void optionsIs(U32 bits) { optionsIsImpl(bits); }
+  void enabledIs(bool on) { enabledIsImpl(on); }
+
+  /// The instruction at an index; one of zeros where there is none.
+  IpFilter rxFilterAt(U8 index) const;
+  /// The program is attached when the option `ipAttachFilter` is applied or by `doAttachBpfFilter`; editing
+  /// it does not touch an open socket.
+  void rxFilterIs(U8 index, const IpFilter& instruction);
+  void rxFilterDel(U8 index);
+  void rxFilterDelAll();
+
+  void enableBulkReadIs(bool on);
+
+  /// Makes the descriptor object, in place of a former one, and returns it.
+  Kiv::Ptr<Kiv::FileDescriptor> fileDescIs(Kiv::String name);
+  /// Lets go of it and returns it, null if there was none. Closes nothing.
+  Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
+
+  /// Attaches the program `rxFilter` to a socket. Throws `Kiv::ErrnoException`: EINVAL "SO_ATTACH_FILTER
+  /// option must be supplied with a valid filter" when there is no instruction;
+  /// "setsockopt(SO_ATTACH_FILTER)" when the kernel refuses the program, and then the socket is closed and no
+  /// longer watched.
+  void doAttachBpfFilter(S32 fd);
+  /// The same for the socket of `fileDesc`.
+  void doAttachBpfFilter();
+  /// Takes the filter off the socket of `fileDesc`. Throws `Kiv::ErrnoException`
+  /// "setsockopt(SO_DETACH_FILTER)", ENOENT when it had none.
+  void doDetachBpfFilter();
+
+ protected:
+  /// -1 without a socket.
+  S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
+  void fdSmIs(const Kiv::Ptr<PamFdSm>& sm) { fdSm.set(sm); }
+  /// `enabledIs` of a derived class: stores the value if it differs, runs `hook`, notifies.
+  template <std::invocable Hook>
+  void enabledIsWith(bool on, Hook hook) {
+    if (enabled.store(on)) Kiv::detail::hookAndNotify(this, enabled.notifiees(), std::move(hook));
+  }
+
+ private:
+  void checkSocketReadLimit();
+  void checkPriority();
+
+  U16 bulkSlots_ = 0;  // that were made
+};
+
+/// Makes one that configures and opens nothing.
+KIV_API Kiv::Ptr<IpPam> ipPamFactory(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs);
+
+}  // namespace Wirl

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <ostream>
+#include <string_view>
+
+#include "Kiv/String.h"
+#include "Kiv/Types.h"
+
+namespace Wirl {
+
+/// A set of socket options, one a bit. Its text is the names in the order of the bits, joined by "|"; "none"
+/// for the empty set. Bits without a name are kept and print as a number.
+class KIV_API IpSocketOptions {
+ public:
+  enum Option : Kiv::U32 {
+    none = 0,
+    ipFreeBind = 0x1,          // IP_FREEBIND
+    ipHdrIncl = 0x2,           // IP_HDRINCL
+    ipMulticastLoop = 0x4,     // IP_MULTICAST_LOOP
+    ipPktInfo = 0x8,           // IP_PKTINFO
+    ipRecvErr = 0x10,          // IP_RECVERR
+    ipRecvOrigDstAddr = 0x20,  // IP_RECVORIGDSTADDR
+    ipRecvTOS = 0x40,          // IP_RECVTOS
+    ipRecvTTL = 0x80,          // IP_RECVTTL
+    ipRouterAlert = 0x100,     // IP_ROUTER_ALERT
+    ipTransparent = 0x200,     // IP_TRANSPARENT
+    ipAttachFilter = 0x400,    // SO_ATTACH_FILTER with the program `rxFilter`
+    ipRcvBuf = 0x800,          // SO_RCVBUFFORCE with `rxBuf`
+    ipPriority = 0x1000,       // SO_PRIORITY with `priority`, also where that is 0
+    ipv6Checksum = 0x2000,     // IPV6_CHECKSUM, for IPv6 only
+  };
+
+  constexpr IpSocketOptions(Kiv::U32 bits = none) noexcept : bits_(bits) {}
+  constexpr operator Kiv::U32() const noexcept { return bits_; }
+  constexpr bool has(Option option) const noexcept { return (bits_ & option) != 0; }
+
+  Kiv::String stringValue() const;
+  /// The set that the whole of `text` stands for, or nothing.
+  static std::optional<IpSocketOptions> fromText(std::string_view text);
+  /// The same; throws `Kiv::RangeException` "Invalid IpSocketOptions", and changes nothing, for any other
+  /// text.
+  void stringValueIs(std::string_view text);
+  friend std::ostream& operator<<(std::ostream& out, IpSocketOptions options) {
+    return out << options.stringValue();
+  }
+
+ private:
+  Kiv::U32 bits_;
+};
+
+}  // namespace Wirl

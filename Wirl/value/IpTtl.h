@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <charconv>
+#include <compare>
+#include <functional>
+#include <string_view>
+
+#include "Kiv/Hash.h"
+#include "Kiv/NboAttrLog.h"
+#include "Kiv/Representation.h"
+#include "Wirl/value/detail/TextForms.h"
+
+namespace Wirl {
+
+/// Time to live of an IPv4 packet (RFC 791), hop limit of an IPv6 one (RFC 8200): 0 to 255. Its text is the
+/// number.
+class KIV_API IpTtl : public detail::TextForms<IpTtl> {
+ public:
+  static constexpr unsigned kTextMax = 3;
+  static constexpr Kiv::ParseError kTrailingText = "Invalid IpTtl";
+
+  constexpr IpTtl() noexcept = default;
+  constexpr IpTtl(Kiv::U8 value) noexcept : value_(value) {}
+  explicit IpTtl(std::string_view text) { stringValueIs(text); }
+
+  constexpr Kiv::U8 value() const noexcept { return value_; }
+
+  static Kiv::ParseError parse(std::string_view& text, IpTtl& out) noexcept {
+    Kiv::U64 value = 0;
+    std::string_view rest = text;
+    if (!Kiv::takeDecimal(rest, 255, value)) return kTrailingText;
+    if (value > 255) return "IpTtl::value > 255 not allowed";
+    out.value_ = static_cast<Kiv::U8>(value);
+    text = rest;
+    return nullptr;
+  }
+  unsigned writeText(char* out) const noexcept {
+    char* const end = std::to_chars(out, out + kTextMax, unsigned{value_}).ptr;
+    *end = '\0';
+    return static_cast<unsigned>(end - out);
+  }
+
+  constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }
+  friend constexpr auto operator<=>(const IpTtl&, const IpTtl&) noexcept = default;
+  friend Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpTtl ttl) { return log << ttl.value_; }
+  friend Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpTtl& ttl) { return log >> ttl.value_; }
+
+ private:
+  Kiv::U8 value_ = 0;
+};
+
+}  // namespace Wirl
+
+template <>
+struct std::hash<Wirl::IpTtl> {
+  std::size_t operator()(Wirl::IpTtl ttl) const noexcept { return ttl.hash(); }
+};
