@@ -71,8 +71,16 @@ void Pkt::SharedBuffer::onZeroReferences() const noexcept {
   }
 }
 
+void Pkt::Cache::separate() noexcept {
+  if (pkts.empty()) return;
+  Pkt* const pkt = pkts.take();
+  pkt->sharedBuffer_ = nullptr;
+  keepOrDelete(barePkts, pkt);
+}
+
 Pkt* Pkt::make() {
-  return Ptr(new Pkt).detach();
+  cache_.separate();
+  return cache_.barePkts.empty() ? Ptr(new Pkt).detach() : cache_.barePkts.take();
 }
 
 Pkt::~Pkt() {
@@ -88,10 +96,13 @@ void Pkt::magicBroken() const noexcept {
 
 Pkt::SharedBuffer::Ptr Pkt::Manager::newSharedBuffer(U32 size) const {
   KIV_ASSERT(size <= maxBufferBytes_);
-  if (size == defaultBufferBytes_ && !cache_.buffers.empty()) {
-    SharedBuffer* buffer = cache_.buffers.take();
-    buffer->data_ = Range(size, 0);
-    return SharedBuffer::Ptr::adopt(buffer);
+  if (size == defaultBufferBytes_) {
+    if (cache_.buffers.empty()) cache_.separate();
+    if (!cache_.buffers.empty()) {
+      SharedBuffer* const buffer = cache_.buffers.take();
+      buffer->data_ = Range(size, 0);
+      return SharedBuffer::Ptr::adopt(buffer);
+    }
   }
   return new SharedBuffer(size);
 }

@@ -233,6 +233,8 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
     enum class State : U8 { unused, open, closed } state;
     void limitIs(U32 newLimit) noexcept;
     void keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept;
+    /// Takes a packet and its buffer apart, when one of them is wanted alone.
+    void separate() noexcept;
   };
 
   Pkt() noexcept = default;

@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <vector>
+
+#include "Wirl/packet/Pkt.h"
+
+// Packets against what they mean: bytes in vectors, shared where packets share. Every packet is compared
+// whole after every step, so that a step that touches another packet shows.
+
+namespace {
+
+using namespace Wirl;
+
+struct Buffer {
+  explicit Buffer(U32 size) : memory(size), offset(size) {}
+  U32 size() const { return static_cast<U32>(memory.size()); }
+  U32 tailroom() const { return size() - offset - bytes; }
+  U8* at(U32 i) { return memory.data() + i; }
+  std::vector<U8> memory;
+  U32 offset;
+  U32 bytes = 0;
+};
+
+struct Model {
+  std::shared_ptr<Buffer> buffer;
+  U32 offset = 0, bytes = 0;  // what it shows of the buffer
+  std::vector<U8> head;
+  U32 first = 2;
+  S16 begin = 0;
+  U16 end = 0;
+  U16 tci = 0, tpid = 0;
+  bool tagged = false;
+
+  void show() {
+    offset = buffer->offset;
+    bytes = buffer->bytes;
+  }
+  /// To a new buffer: the data, then `tail` bytes, end where it ends.
+  void move(U32 size, U32 tail) {
+    auto moved = std::make_shared<Buffer>(size);
+    moved->bytes = buffer->bytes;
+    moved->offset = size - tail - moved->bytes;
+    std::copy_n(buffer->at(buffer->offset), buffer->bytes, moved->at(moved->offset));
+    buffer = moved;
+  }
+  std::vector<U8> value() const {
+    std::vector<U8> all = head;
+    if (buffer) all.insert(all.end(), buffer->at(offset), buffer->at(offset + bytes));
+    return all;
+  }
+};
+
+struct Pair {
+  Pkt::Ptr pkt;
+  Model model;
+};
+
+class PktModel : public testing::TestWithParam<U32> {
+ protected:
+  void SetUp() override { Pkt::Manager::cacheLimitIs(GetParam()); }
+  void TearDown() override { Pkt::Manager::cacheLimitIs(0); }
+
+  U32 upTo(U32 max) { return max == 0 ? 0 : static_cast<U32>(random_() % (max + 1)); }
+  /// Mostly small, at times around the bound, so that both ways are taken.
+  U32 length(U32 bound) { return upTo(7) != 0 ? upTo(40) : bound + upTo(4) - std::min(bound, 2u); }
+
+  /// Writes the same new pattern to both.
+  void write(U8* real, U8* model, U32 n) {
+    for (U32 i = 0; i < n; ++i) real[i] = model[i] = pattern_++;
+  }
+
+  Pair make() {
+    const auto& manager = globalPktManager();
+    const U32 size = upTo(3) == 0 ? 1536 : upTo(300);
+    if (upTo(5) == 0) return {manager->newPkt(nullptr), {}};
+    Pair made{size == 1536 ? manager->newPkt() : manager->newPkt(manager->newSharedBuffer(size)), {}};
+    made.model.buffer = std::make_shared<Buffer>(size);
+    made.model.first = 1;
+    made.model.show();
+    return made;
+  }
+
+  void step(Pair& on) {
+    Pkt& pkt = *on.pkt;
+    Model& model = on.model;
+    Buffer* const buffer = model.buffer.get();
+    const U32 op = upTo(15);
+    log_ << " " << op;
+    if (op == 0) {
+      on = make();
+    } else if (op == 1) {
+      if (!model.head.empty()) return;
+      Pair copy{globalPktManager()->newShallowCopy(on.pkt), model};
+      copy.model.begin = 0;
+      copy.model.end = 0;
+      copy.model.first = buffer ? 1 : 2;
+      if (buffer) copy.model.show();
+      pairs_[upTo(static_cast<U32>(pairs_.size()) - 1)] = copy;
+    } else if (op == 2 || op == 3) {
+      if (model.head.empty() && model.first == 0) return;
+      const U32 n = upTo(64 - static_cast<U32>(model.head.size()));
+      if (model.head.empty()) --model.first;
+      model.head.insert(model.head.begin(), n, 0);
+      write(pkt.newPrivateHeadData(n), model.head.data(), n);
+    } else if (op == 4) {
+      if (model.first != 0 && buffer) return;
+      const U32 n = upTo(static_cast<U32>(model.head.size()));
+      pkt.delPrivateHeadData(n);
+      model.head.assign(model.head.data() + n, model.head.data() + model.head.size());
+    } else if (op == 5) {
+      pkt.newSeparateVlanTag(model.tci = static_cast<U16>(upTo(0xffff)),
+                             model.tpid = static_cast<U16>(upTo(0xffff)));
+      model.tagged = true;
+    } else if (op == 6) {
+      pkt.delSeparateVlanTag();
+      model.tci = model.tpid = 0;
+      model.tagged = false;
+    } else if (op == 7) {
+      const U32 bytes = static_cast<U32>(model.value().size());
+      if (bytes == 0) return;
+      const U32 i = upTo(bytes - 1);
+      const U32 heads = static_cast<U32>(model.head.size());
+      pkt.rawByteIs(i, pattern_);
+      (i < heads ? model.head[i] : buffer->memory[model.offset + i - heads]) = pattern_++;
+    } else if (!buffer) {
+      if (model.first != 2) return;
+      const U32 size = upTo(100);
+      pkt.sharedBufferIs(globalPktManager()->newSharedBuffer(size));
+      model.buffer = std::make_shared<Buffer>(size);
+      model.first = 1;
+      model.show();
+    } else if (op == 8) {
+      const U32 n = length(buffer->offset);
+      if (n > buffer->offset) model.move(buffer->size() + n, 0);
+      model.buffer->offset -= n;
+      model.buffer->bytes += n;
+      model.show();
+      write(pkt.newSharedHeadData(n), model.buffer->at(model.offset), n);
+    } else if (op == 9) {
+      const U32 n = length(buffer->tailroom());
+      if (n > buffer->tailroom()) model.move(n <= buffer->offset ? buffer->size() : buffer->size() + n, n);
+      model.buffer->bytes += n;
+      model.show();
+      write(pkt.newSharedTailData(n), model.buffer->at(model.offset + model.bytes - n), n);
+    } else if (op == 10) {
+      const U32 n = upTo(std::min(buffer->bytes, 50u));
+      pkt.delSharedHeadData(n);
+      buffer->offset += n;
+      buffer->bytes -= n;
+      model.show();
+    } else if (op == 11) {
+      const U32 n = upTo(std::min(buffer->bytes, 50u));
+      pkt.delSharedTailData(n);
+      buffer->bytes -= n;
+      model.show();
+    } else if (op == 12) {
+      if (upTo(9) != 0) return;
+      pkt.resetSharedData();
+      buffer->offset = buffer->size();
+      buffer->bytes = 0;
+      model.show();
+    } else if (op == 13) {
+      model.begin = static_cast<S16>(static_cast<int>(upTo(buffer->offset + buffer->bytes)) -
+                                     static_cast<int>(buffer->offset));
+      model.end = static_cast<U16>(upTo(static_cast<U32>(static_cast<int>(buffer->bytes) - model.begin)));
+      pkt.offsetRangeIs(model.begin, model.end);
+      EXPECT_EQ(pkt.offsetFront() - pkt.sharedBuffer()->buffer(),
+                static_cast<int>(buffer->offset) + model.begin);
+      EXPECT_EQ(pkt.offsetBytes(), buffer->bytes - static_cast<U32>(model.begin + model.end));
+    } else {
+      const bool toTail = op == 14;
+      std::string value(upTo(60), '\0');
+      for (char& c : value) c = static_cast<char>(pattern_++);
+      const U32 n = static_cast<U32>(value.size());
+      pkt.stringValueIs(value, toTail);
+      if (n == 0) return;
+      if (toTail && n > buffer->tailroom()) {
+        model.move(n <= buffer->offset ? buffer->size() : buffer->size() + n, n);
+      } else if (!toTail && n > buffer->offset) {
+        model.move(buffer->size() + n, 0);
+      }
+      if (!toTail) model.buffer->offset -= n;
+      model.buffer->bytes += n;
+      model.show();
+      const U32 at = toTail ? model.offset + model.bytes - n : model.offset;
+      std::memcpy(model.buffer->at(at), value.data(), n);
+    }
+  }
+
+  void compare(const Pair& on) {
+    const Pkt& pkt = *on.pkt;
+    const Model& model = on.model;
+    const auto value = model.value();
+    ASSERT_EQ(pkt.bytesValue(), value);
+    ASSERT_EQ(pkt.bytes(), value.size());
+    ASSERT_EQ(pkt.numIovecs(), 2 - model.first);
+    std::vector<U8> gathered;
+    for (U32 i = 0; i < pkt.numIovecs(); ++i) {
+      const auto* base = static_cast<const U8*>(pkt.iovecs()[i].iov_base);
+      gathered.insert(gathered.end(), base, base + pkt.iovecs()[i].iov_len);
+      ASSERT_EQ(pkt.iovecs()[i].iov_len, pkt.iovec(model.first + i).iov_len);
+    }
+    ASSERT_EQ(gathered, value);
+    ASSERT_EQ(pkt.frontBytes(), model.first == 2 ? 0 : pkt.iovecs()[0].iov_len);
+    ASSERT_TRUE(pkt.frontBytes() == 0 || pkt.front() == pkt.iovecs()[0].iov_base);
+    for (U32 i = 0; i < value.size(); i += 7) ASSERT_EQ(pkt.rawByte(i), value[i]);
+    ASSERT_EQ(pkt.tciPresent(), model.tagged);
+    ASSERT_EQ(pkt.tciField(), model.tci);
+    ASSERT_EQ(pkt.vlanTpid(), model.tpid);
+    ASSERT_EQ(pkt.beginOffset(), model.begin);
+    ASSERT_EQ(pkt.endOffset(), model.end);
+    ASSERT_EQ(pkt.sharedBuffer() != nullptr, model.buffer != nullptr);
+    if (!model.buffer) return;
+    ASSERT_EQ(pkt.maxSharedData(), model.buffer->size());
+    ASSERT_EQ(pkt.sharedBuffer()->headroom(), model.buffer->offset);
+    ASSERT_EQ(pkt.sharedBuffer()->tailroom(), model.buffer->tailroom());
+    ASSERT_EQ(pkt.sharedBuffer()->references(), model.buffer.use_count());
+    pkt.checkMagic();
+  }
+
+  std::mt19937 random_;
+  U8 pattern_ = 1;
+  std::vector<Pair> pairs_;
+  std::ostringstream log_;
+};
+
+TEST_P(PktModel, AnySequenceOfOperationsMeansTheSame) {
+  for (U32 seed = 0; seed < 100; ++seed) {
+    random_.seed(seed);
+    log_.str("");
+    pairs_.clear();
+    for (int i = 0; i < 5; ++i) pairs_.push_back(make());
+    for (int i = 0; i < 400; ++i) {
+      const U32 on = upTo(4);
+      log_ << " " << on << ":";
+      step(pairs_[on]);
+      for (const Pair& pair : pairs_) {
+        compare(pair);
+        if (HasFailure())
+          FAIL() << "seed " << seed << ", packet " << &pair - &pairs_[0] << ", steps" << log_.str();
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(CacheLimits, PktModel, testing::Values(0, 3, 64));
+
+}  // namespace

@@ -1,0 +1,415 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/packet/Pkt.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "Kiv/Exception.h"
+#include "tests/support/AllocationCounter.h"
+
+namespace {
+
+using namespace Wirl;
+
+const Pkt::Manager& manager() {
+  return *globalPktManager();
+}
+U32 headroom(const Pkt::Ptr& pkt) {
+  return pkt->sharedBuffer()->headroom();
+}
+std::string text(const Pkt::Ptr& pkt) {
+  return pkt->stringValue();
+}
+
+Pkt::Ptr pktOf(std::string_view bytes) {
+  Pkt::Ptr pkt = manager().newPkt();
+  pkt->stringValueIs(bytes);
+  return pkt;
+}
+
+template <typename F>
+std::string thrownBy(F f) {
+  try {
+    f();
+  } catch (const Kiv::RangeException& failure) {
+    return failure.message();
+  }
+  return "nothing";
+}
+
+TEST(Pkt, BeginsEmptyAndAllHeadroom) {
+  EXPECT_EQ(manager().name(), "Pkt::Manager");
+  const struct {
+    Pkt::Ptr pkt;
+    U32 size, numIovecs;
+  } rows[] = {{manager().newPkt(), 1536, 1},
+              {pktFactory(), 10000, 1},
+              {manager().newPkt(manager().newSharedBuffer(0)), 0, 1},
+              {manager().newPkt(nullptr), 0, 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.size);
+    EXPECT_TRUE(row.pkt->empty());
+    EXPECT_EQ(
+        row.pkt->bytes() + row.pkt->frontBytes() + row.pkt->iovec(0).iov_len + row.pkt->iovec(1).iov_len, 0u);
+    EXPECT_EQ(row.pkt->maxSharedData(), row.size);
+    EXPECT_EQ(row.pkt->numIovecs(), row.numIovecs);
+    EXPECT_EQ(row.pkt->sharedBuffer() ? headroom(row.pkt) : 0, row.size);
+    EXPECT_FALSE(row.pkt->tciPresent());
+    EXPECT_EQ(row.pkt->tciField() + row.pkt->vlanTpid() + row.pkt->beginOffset() + row.pkt->endOffset(), 0);
+  }
+}
+
+TEST(Pkt, MovesToANewBufferOnlyWhenGrowthDoesNotFit) {
+  const struct {
+    const char* what;
+    U32 head, tail;                // grown first
+    U32 moreHead, moreTail;        // then
+    U32 size, headroom, tailroom;  // as a result
+    bool moved;
+  } rows[] = {{"all headroom", 0, 0, 1536, 0, 1536, 0, 0, false},
+              {"one more", 1536, 0, 1, 0, 1537, 0, 0, true},
+              {"free space all becomes headroom", 100, 36, 1500, 0, 3036, 1400, 0, true},
+              {"no tailroom", 0, 0, 0, 1, 1536, 1535, 0, true},
+              {"headroom pays for the tail", 36, 0, 0, 1500, 1536, 0, 0, true},
+              {"headroom does not suffice", 36, 0, 0, 1501, 3037, 1500, 0, true},
+              {"nothing", 1536, 0, 0, 0, 1536, 0, 0, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    const Pkt::Ptr pkt = manager().newPkt();
+    pkt->newSharedTailData(row.tail);
+    pkt->newSharedHeadData(row.head);
+    const auto before = pkt->sharedBuffer();
+    pkt->newSharedHeadData(row.moreHead);
+    pkt->newSharedTailData(row.moreTail);
+    EXPECT_EQ(pkt->sharedBuffer() != before, row.moved);
+    EXPECT_EQ(pkt->maxSharedData(), row.size);
+    EXPECT_EQ(headroom(pkt), row.headroom);
+    EXPECT_EQ(pkt->sharedBuffer()->tailroom(), row.tailroom);
+    EXPECT_EQ(pkt->bytes(), row.head + row.tail + row.moreHead + row.moreTail);
+  }
+}
+
+TEST(Pkt, GrowthKeepsTheBytesAndReturnsTheNewOnes) {
+  const Pkt::Ptr pkt = pktOf("payload");
+  std::memcpy(pkt->newSharedTailData(2), "..", 2);
+  std::memcpy(pkt->newSharedHeadData(3000), std::string(3000, 'h').data(), 3000);
+  std::memcpy(pkt->newPrivateHeadData(3), "abc", 3);
+  std::memcpy(pkt->newPrivateHeadData(2), "->", 2);
+  EXPECT_EQ(text(pkt), "->abc" + std::string(3000, 'h') + "payload..");
+  const std::string all = text(pkt);
+  EXPECT_EQ(pkt->bytesValue(), Kiv::Bytes(all.begin(), all.end()));
+  ASSERT_EQ(pkt->numIovecs(), 2u);
+  EXPECT_EQ(pkt->iovecs()[0].iov_base, pkt->front());
+  EXPECT_EQ(pkt->iovecs()[1].iov_base, pkt->sharedBuffer()->data());
+  EXPECT_EQ(pkt->frontBytes(), 5u);
+  pkt->delPrivateHeadData(5);
+  EXPECT_EQ(pkt->numIovecs(), 2u) << "the empty piece stays";
+  EXPECT_EQ(pkt->frontBytes(), 0u);
+  pkt->delSharedHeadData(3000);
+  pkt->delSharedTailData(2);
+  EXPECT_EQ(text(pkt), "payload");
+  pkt->rawByteIs(6, 'D');
+  EXPECT_EQ(pkt->rawByte(6), 'D');
+  pkt->resetSharedData();
+  EXPECT_EQ(headroom(pkt), pkt->maxSharedData());
+  EXPECT_EQ(thrownBy([&] { pkt->iovec(2); }), "no such iovec");
+}
+
+TEST(Pkt, ValuesGoInFrontOrBehindAndMayBeTheirOwn) {
+  Pkt::Ptr pkt = pktOf("middle");
+  pkt->stringValueIs(std::string("front "));
+  pkt->bytesValueIs({' ', 'b', 'a', 'c', 'k'}, true);
+  pkt->stringValueIs("");
+  EXPECT_EQ(text(pkt), "front middle back");
+  for (const bool toTail : {false, true}) {
+    SCOPED_TRACE(toTail);
+    pkt = pktOf(std::string(1000, 'x') + "own");
+    pkt->stringValueIs({reinterpret_cast<const char*>(pkt->front()) + 999, 4}, toTail);
+    pkt->stringValueIs({reinterpret_cast<const char*>(pkt->front()), 1007}, toTail);  // does not fit
+    const std::string once =
+        toTail ? std::string(1000, 'x') + "ownxown" : "xown" + std::string(1000, 'x') + "own";
+    EXPECT_EQ(text(pkt), once + once);
+  }
+  pkt = manager().newPkt(nullptr);
+  pkt->stringValueIs("");
+  EXPECT_TRUE(pkt->empty());
+}
+
+TEST(Pkt, PrivateDataAloneBeginsInTheLastEntry) {
+  const Pkt::Ptr pkt = manager().newPkt(nullptr);
+  std::memcpy(pkt->newPrivateHeadData(64), std::string(64, 'p').data(), 64);
+  EXPECT_EQ(pkt->numIovecs(), 1u);
+  EXPECT_EQ(pkt->iovec(1).iov_len, 64u);
+  EXPECT_EQ(text(pkt), std::string(64, 'p'));
+  EXPECT_EQ(pkt->rawByte(63), 'p');
+  pkt->delPrivateHeadData(64);
+  *pkt->newPrivateHeadData(1) = 'q';  // begun again: in the first entry
+  EXPECT_EQ(pkt->numIovecs(), 2u);
+  EXPECT_EQ(text(pkt), "q");
+}
+
+TEST(Pkt, TheSeparateTagIsPutBehindTheMacAddresses) {
+  const std::string tag("\x81\x00\xab\xcd", 4), frame(60, 'f'), macs(12, 'm');
+  const struct {
+    std::string data, wire;
+  } rows[] = {{"", ""},
+              {std::string(11, 'm'), std::string(11, 'm')},
+              {macs, macs + tag},
+              {frame, frame.substr(0, 12) + tag + frame.substr(12)}};
+  for (const auto& row : rows) {
+    const Pkt::Ptr pkt = pktOf(row.data);
+    EXPECT_EQ(pkt->stringValueMaybeWithVlan(), row.data);
+    pkt->newSeparateVlanTag(0xabcd, 0x8100);
+    EXPECT_EQ(pkt->stringValueMaybeWithVlan(), row.wire);
+    EXPECT_EQ(pkt->bytes(), row.data.size());
+  }
+}
+
+TEST(Pkt, TagSettersReplaceOnlyTheirBits) {
+  const Pkt::Ptr pkt = manager().newPkt();
+  for (const U16 tci : std::initializer_list<U16>{0x0000, 0xffff, 0xabcd, 0x5432}) {
+    SCOPED_TRACE(tci);
+    pkt->newSeparateVlanTag(tci, 0x88a8);
+    EXPECT_EQ(pkt->tciPriority() << 13 | pkt->tciCfi() << 12 | pkt->tciVlanId(), tci);
+    pkt->tciPriorityIs(5);
+    EXPECT_EQ(pkt->tciField(), (tci & 0x1fff) | 0xa000);
+    pkt->tciFieldIs(tci);
+    pkt->tciCfiIs(true);
+    EXPECT_EQ(pkt->tciField(), tci | 0x1000);
+    pkt->tciCfiIs(false);
+    EXPECT_EQ(pkt->tciField(), tci & 0xefff);
+    pkt->tciFieldIs(tci);
+    pkt->tciVlanIdIs(0xfff);
+    EXPECT_EQ(pkt->tciField(), tci | 0xfff);
+  }
+  pkt->tciPresentIs(false);
+  EXPECT_EQ(pkt->vlanTpid(), 0x88a8);
+  pkt->delSeparateVlanTag();
+  EXPECT_EQ(pkt->tciField() + pkt->vlanTpid() + pkt->tciPresent(), 0);
+}
+
+TEST(Pkt, AShallowCopySharesTheBytesAndTakesTheTag) {
+  const Pkt::Ptr pkt = pktOf("shared");
+  pkt->newSeparateVlanTag(7, 0x8100);
+  pkt->offsetRangeIs(2, 1);
+  const Pkt::Ptr copy = manager().newShallowCopy(pkt);
+  EXPECT_EQ(copy->sharedBuffer(), pkt->sharedBuffer());
+  EXPECT_EQ(copy->tciField(), 7);
+  EXPECT_EQ(copy->vlanTpid(), 0x8100);
+  EXPECT_TRUE(copy->tciPresent());
+  EXPECT_EQ(copy->beginOffset() + copy->endOffset(), 0);
+  pkt->rawByteIs(0, 'S');
+  EXPECT_EQ(text(copy), "Shared");
+  std::memcpy(pkt->newSharedHeadData(2), "h:", 2);
+  EXPECT_EQ(text(copy), "Shared") << "its own range stays";
+  pkt->stringValueIs("+", true);
+  EXPECT_NE(copy->sharedBuffer(), pkt->sharedBuffer()) << "no tailroom: the grower moves";
+  EXPECT_EQ(text(pkt), "h:Shared+");
+  EXPECT_EQ(text(copy), "Shared");
+  copy->newSharedHeadData(0);
+  EXPECT_EQ(text(copy), "h:Shared") << "a change starts from the buffer's range";
+
+  EXPECT_EQ(manager().newShallowCopy(manager().newPkt(nullptr))->numIovecs(), 0u);
+  copy->newPrivateHeadData(1);
+  EXPECT_EQ(thrownBy([&] { manager().newShallowCopy(copy); }), "shallow copy of packet with non-shared data");
+}
+
+TEST(Pkt, OffsetsLieInTheDataOrReachIntoTheHeadroom) {
+  const Pkt::Ptr pkt = pktOf("0123456789");
+  const struct {
+    S16 begin;
+    U16 end;
+  } rows[] = {{0, 0}, {10, 0}, {0, 10}, {3, 7}, {-1526, 0}, {-5, 15}, {-1526, 1536}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.begin);
+    pkt->offsetRangeIs(0, 0);
+    pkt->endOffsetIs(row.begin < 0 ? 0 : row.end);
+    pkt->beginOffsetIs(row.begin);
+    pkt->endOffsetIs(row.end);
+    EXPECT_EQ(pkt->offsetFront(), pkt->front() + row.begin);
+    EXPECT_EQ(pkt->offsetBytes(), static_cast<U32>(10 - row.begin - row.end));
+  }
+}
+
+TEST(PktDeathTest, MisuseEndsTheProcessWithTheViolatedCondition) {
+  const auto bare = [] { return manager().newPkt(nullptr); };
+  const auto ten = [] { return pktOf("0123456789"); };
+  const auto withPrivate = [](U32 n) {
+    const Pkt::Ptr pkt = pktOf("x");
+    pkt->newPrivateHeadData(n);
+    return pkt;
+  };
+  const char* const dataInRegion = "ptrWithinRegion( data_, buffer_, size_ )";
+  const char* const dataEndInRegion = "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )";
+  const char* const privateInRegion =
+      "ptrWithinRegion( privateBufferData_, privateBuffer_, privateBufferSize_ )";
+  constexpr U32 kMax = 0xffffffff;
+  const struct {
+    const char* condition;
+    std::function<void()> misuse;
+  } rows[] = {
+      {"sharedBuffer_ != 0", [&] { bare()->newSharedHeadData(1); }},
+      {"sharedBuffer_ != 0", [&] { bare()->newSharedTailData(0); }},
+      {"sharedBuffer_ != 0", [&] { bare()->delSharedHeadData(0); }},
+      {"sharedBuffer_ != 0", [&] { bare()->delSharedTailData(0); }},
+      {"sharedBuffer_ != 0", [&] { bare()->resetSharedData(); }},
+      {"sharedBuffer_ != 0", [&] { bare()->beginOffsetIs(0); }},
+      {dataInRegion, [&] { ten()->delSharedHeadData(11); }},
+      {dataInRegion, [&] { ten()->delSharedHeadData(kMax); }},
+      {dataEndInRegion,
+       [&] {
+         const Pkt::Ptr pkt = ten();
+         pkt->delSharedTailData(4);
+         pkt->delSharedHeadData(7);
+       }},
+      {dataEndInRegion, [&] { ten()->delSharedTailData(11); }},
+      {dataEndInRegion, [&] { ten()->delSharedTailData(kMax - 1000); }},
+      {"n <= maxBufferBytes_ - size_", [&] { ten()->newSharedHeadData(kMax); }},
+      {"n <= maxBufferBytes_ - size_", [&] { ten()->newSharedTailData(kMax - 64 - 1536 + 1); }},
+      {"size <= maxBufferBytes_", [&] { manager().newSharedBuffer(kMax - 63); }},
+      {privateInRegion, [&] { bare()->newPrivateHeadData(65); }},
+      {privateInRegion, [&] { withPrivate(1)->newPrivateHeadData(kMax); }},
+      {privateInRegion, [&] { withPrivate(5)->delPrivateHeadData(6); }},
+      {privateInRegion, [&] { withPrivate(5)->delPrivateHeadData(kMax - 58); }},
+      {"(firstIoVec_ == 0) || (sharedBuffer_ == 0)", [&] { ten()->delPrivateHeadData(0); }},
+      {"firstIoVec_ != 0",
+       [&] {
+         const Pkt::Ptr pkt = withPrivate(5);
+         pkt->delPrivateHeadData(5);
+         pkt->newPrivateHeadData(1);
+       }},
+      {"firstIoVec_ == maxIovecs_", [&] { ten()->sharedBufferIs(manager().newSharedBuffer()); }},
+      {"firstIoVec_ == maxIovecs_", [&] { ten()->sharedBufferIs(nullptr); }},
+      {"checkOffsetBounds()", [&] { ten()->beginOffsetIs(11); }},
+      {"checkOffsetBounds()", [&] { ten()->endOffsetIs(65535); }},
+      {"checkOffsetBounds()",
+       [&] {
+         const Pkt::Ptr pkt = ten();
+         pkt->endOffsetIs(5);
+         pkt->beginOffsetIs(6);
+       }},
+      {"checkOffsetBounds()",
+       [&] {
+         const Pkt::Ptr pkt = ten();
+         pkt->beginOffsetIs(10);
+         pkt->delSharedTailData(1);
+         pkt->offsetFront();
+       }},
+      {"ptrWithinRegion( data_ + beginOffset, buffer_, size_ )", [&] { ten()->beginOffsetIs(-1527); }},
+      {"i < bytes()", [&] { ten()->rawByte(10); }},
+      {"i < bytes()", [&] { withPrivate(2)->rawByteIs(3, 0); }},
+      {"i < bytes()", [&] { bare()->rawByte(0); }},
+      {"rawByteDel is not supported", [&] { ten()->rawByteDel(0); }},
+      {"priority <= 7", [&] { ten()->tciPriorityIs(8); }},
+      {"vlanId <= 0xfff", [&] { ten()->tciVlanIdIs(0x1000); }},
+      {"pkt != 0", [&] { manager().newShallowCopy(nullptr); }},
+      // Found when the packet is released.
+      {"magicBarrier0_ == magic_", [&] { std::memset(withPrivate(64)->front() - 1, 0, 1); }},
+      {"magicBarrier1_ == magic_",
+       [&] {
+         const Pkt::Ptr pkt = withPrivate(1);
+         std::memset(pkt->front(), 0, 2);
+       }},
+  };
+  for (const auto& row : rows) {
+    EXPECT_DEATH(row.misuse(), testing::HasSubstr("assertion failed: " + std::string(row.condition) + "\n"));
+  }
+}
+
+TEST(Pkt, SharedBufferIsGivenToAPacketWithoutData) {
+  const Pkt::Ptr source = pktOf("data");
+  const Pkt::Ptr pkt = manager().newPkt(nullptr);
+  pkt->sharedBufferIs(nullptr);
+  EXPECT_EQ(pkt->numIovecs(), 0u);
+  pkt->sharedBufferIs(source->sharedBuffer());
+  EXPECT_EQ(text(pkt), "data");
+  EXPECT_EQ(text(manager().newPkt(source->sharedBuffer())), "data");
+}
+
+class PktRecycling : public testing::Test {
+ protected:
+  void SetUp() override { Pkt::Manager::cacheLimitIs(kLimit); }
+  void TearDown() override { Pkt::Manager::cacheLimitIs(0); }
+  static constexpr U32 kLimit = 100;
+};
+
+TEST_F(PktRecycling, TheSteadyStateAllocatesNothing) {
+  const auto oneRound = [] {
+    const Pkt::Ptr pkt = manager().newPkt();
+    for (const U32 header : {1000u, 14u, 20u, 8u}) pkt->newSharedHeadData(header);
+    const Pkt::Ptr copy = manager().newShallowCopy(pkt);
+    copy->newSharedTailData(1);  // to another buffer of default size
+    pkt->newPrivateHeadData(14);
+    return manager().newShallowCopy(copy);
+  };
+  for (int i = 0; i < 3; ++i) oneRound();
+  const AllocationCounter counter;
+  for (int i = 0; i < 1000; ++i) oneRound();
+  EXPECT_EQ(counter.allocations(), 0u);
+}
+
+TEST_F(PktRecycling, ABurstLeavesNoMoreThanTheLimit) {
+  std::vector<Pkt::Ptr> burst;
+  for (int i = 0; i < 100000; ++i) {
+    burst.push_back(manager().newPkt());
+    burst.push_back(manager().newShallowCopy(burst.back()));
+  }
+  burst.clear();
+  EXPECT_LE(Pkt::Manager::cachedBuffers(), kLimit);
+  EXPECT_LE(Pkt::Manager::cachedPkts(), 2 * kLimit);
+  EXPECT_GE(Pkt::Manager::cachedBuffers(), kLimit / 2) << "some are kept";
+  pktFactory();
+  EXPECT_LE(Pkt::Manager::cachedBuffers(), kLimit);
+}
+
+TEST_F(PktRecycling, WhatComesBackIsLikeNew) {
+  Pkt* const first = manager().newPkt().get();
+  {
+    const Pkt::Ptr pkt = manager().newPkt();
+    ASSERT_EQ(pkt.get(), first);
+    pkt->newSeparateVlanTag(7, 7);
+    pkt->newSharedHeadData(9);
+    pkt->offsetRangeIs(1, 1);
+    pkt->newPrivateHeadData(60);
+  }
+  const Pkt::Ptr pkt = manager().newPkt();
+  ASSERT_EQ(pkt.get(), first);
+  EXPECT_EQ(pkt->references(), 1u);
+  EXPECT_TRUE(pkt->empty());
+  EXPECT_EQ(headroom(pkt), 1536u);
+  EXPECT_EQ(pkt->numIovecs(), 1u);
+  EXPECT_EQ(pkt->tciField() + pkt->vlanTpid() + pkt->tciPresent() + pkt->beginOffset() + pkt->endOffset(), 0);
+  EXPECT_EQ(pkt->iovec(0).iov_len, 0u);
+}
+
+TEST_F(PktRecycling, PacketsMayBeReleasedOnAnotherThread) {
+  Kiv::ptrThreadSafeIs(true);
+  constexpr int kRounds = 2000;
+  std::vector<Pkt::Ptr> copies;
+  const Pkt::Ptr source = pktOf("from the first thread");
+  for (int i = 0; i < kRounds; ++i) copies.push_back(manager().newShallowCopy(i % 2 ? source : pktOf("own")));
+  std::thread other([mine = std::move(copies)]() mutable {
+    Pkt::Manager::cacheLimitIs(kLimit);
+    for (const auto& copy : mine) copy->rawByte(2);
+    mine.clear();
+    EXPECT_EQ(Pkt::Manager::cachedBuffers(), kLimit);
+    EXPECT_EQ(text(pktOf("reused")), "reused");
+  });
+  for (int i = 0; i < kRounds; ++i) manager().newShallowCopy(source)->newPrivateHeadData(1);
+  other.join();  // and frees what it kept: a leak checker would tell
+  EXPECT_EQ(source->sharedBuffer()->references(), 1u);
+  Kiv::ptrThreadSafeIs(false);
+}
+
+// Released behind the end of main, when the thread's store is closed.
+struct Late {
+  Pkt::Ptr pkt = pktOf("late");
+  ~Late() { manager().newShallowCopy(pkt)->newSharedTailData(1); }
+} late;
+
+}  // namespace
