@@ -14,6 +14,7 @@
 #include "Wirl/access/socketAt.h"
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/packet/Pkt.h"
+#include "Wirl/packet/VlanOffload.h"
 #include "Wirl/transport/UdpPam.h"
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/EthAddr.h"
