@@ -78,7 +78,12 @@ void Pkt::Cache::separate() noexcept {
   keepOrDelete(barePkts, pkt);
 }
 
-Pkt* Pkt::make() {
+Pkt* Pkt::makeWithBuffer() {
+  const auto& manager = globalPktManager();
+  return manager->newPkt(manager->newSharedBuffer()).detach();
+}
+
+Pkt* Pkt::makeBare() {
   cache_.separate();
   return cache_.barePkts.empty() ? Ptr(new Pkt).detach() : cache_.barePkts.take();
 }

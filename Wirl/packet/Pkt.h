@@ -240,10 +240,12 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   Pkt() noexcept = default;
   ~Pkt() override;
   void onZeroReferences() const noexcept override;
-  // Packets whose one reference is to be adopted: without a buffer, of undefined state besides.
-  static Pkt* make();
-  static Pkt* takeBare();
-  /// Begins the life of such a packet.
+  // Packets whose one reference is to be adopted; they are in no defined state but for having a buffer or
+  // not.
+  static Pkt* makeWithBuffer();
+  static Pkt* makeBare();
+  static Pkt* takeBare() { return cache_.barePkts.empty() ? makeBare() : cache_.barePkts.take(); }
+  /// Begins the life of one without.
   void start(Kiv::Ptr<SharedBuffer> buffer) noexcept;
 
   [[noreturn]] static void throwNonShared();
@@ -447,12 +449,8 @@ inline void Pkt::onZeroReferences() const noexcept {
   }
 }
 
-inline Pkt* Pkt::takeBare() {
-  return cache_.barePkts.empty() ? make() : cache_.barePkts.take();
-}
-
 inline Pkt::Ptr Pkt::Manager::newPkt() const {
-  Pkt* pkt = cache_.pkts.empty() ? newPkt(newSharedBuffer()).detach() : cache_.pkts.take();
+  Pkt* pkt = cache_.pkts.empty() ? makeWithBuffer() : cache_.pkts.take();
   pkt->fields_ = {.firstIoVec = 1};
   pkt->rangeIs(*pkt->sharedBuffer_, Range(defaultBufferBytes_, 0));
   return Pkt::Ptr::adopt(pkt);

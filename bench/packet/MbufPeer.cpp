@@ -19,13 +19,19 @@ rte_mempool* startPool() {
   return rte_pktmbuf_pool_create("bench", 4095, 256, 0, RTE_MBUF_DEFAULT_BUF_SIZE, SOCKET_ID_ANY);
 }
 
+rte_mempool* pool(benchmark::State& state) {
+  static rte_mempool* const started = startPool();
+  if (!started) state.SkipWithError("peer: the DPDK environment did not start");
+  return started;
+}
+
 }  // namespace
 
 void mbufPrepend(benchmark::State& state) {
-  static rte_mempool* const pool = startPool();
-  if (!pool) return state.SkipWithError("peer: the DPDK environment did not start");
+  rte_mempool* const from = pool(state);
+  if (!from) return;
   for (auto _ : state) {
-    rte_mbuf* mbuf = rte_pktmbuf_alloc(pool);
+    rte_mbuf* mbuf = rte_pktmbuf_alloc(from);
     benchmark::DoNotOptimize(rte_pktmbuf_prepend(mbuf, 14));
     benchmark::ClobberMemory();
     benchmark::DoNotOptimize(rte_pktmbuf_prepend(mbuf, 20));
@@ -36,6 +42,20 @@ void mbufPrepend(benchmark::State& state) {
   }
 }
 
+void mbufClone(benchmark::State& state) {
+  rte_mempool* const from = pool(state);
+  if (!from) return;
+  rte_mbuf* const mbuf = rte_pktmbuf_alloc(from);
+  rte_pktmbuf_prepend(mbuf, 60);
+  for (auto _ : state) {
+    rte_mbuf* clone = rte_pktmbuf_clone(mbuf, from);
+    benchmark::DoNotOptimize(clone);
+    benchmark::ClobberMemory();
+    rte_pktmbuf_free(clone);
+  }
+  rte_pktmbuf_free(mbuf);
+}
+
 }  // namespace bench
 
 #else
@@ -43,6 +63,9 @@ void mbufPrepend(benchmark::State& state) {
 namespace bench {
 
 void mbufPrepend(benchmark::State& state) {
+  state.SkipWithError("peer: built without DPDK");
+}
+void mbufClone(benchmark::State& state) {
   state.SkipWithError("peer: built without DPDK");
 }
 

@@ -122,6 +122,8 @@ BENCH_ROWS {
                  "bare free list", floorPrependAll, bench::atMost(1.5));
   bench::compare("Packet: shallow copy and release", pktCopy, "plain count up and down", plainCount,
                  bench::atMost(1.5));
+  bench::compare("Packet: shallow copy and release", pktCopy, "DPDK mbuf clone", bench::mbufClone,
+                 bench::timesFaster(1.0));
   bench::compare("Packet: shallow copy and release, atomic counts", withAtomicCounts(pktCopy),
                  "atomic count up and down", atomicCount, bench::atMost(1.5));
 }
