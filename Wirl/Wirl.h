@@ -9,6 +9,7 @@
 #include "Wirl/access/IpSocketOptions.h"
 #include "Wirl/access/IpTrafficControl.h"
 #include "Wirl/access/Pam.h"
+#include "Wirl/access/PamConnector.h"
 #include "Wirl/access/PamFdSm.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"

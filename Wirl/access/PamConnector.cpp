@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/PamConnector.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Trace.h"
+#include "Wirl/packet/VlanOffload.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("PamConnector");
+
+constexpr Kiv::Time kTick = Kiv::timeOfSeconds(0.0009765625);  // 1/1024 s
+
+/// Does something when it goes.
+template <typename Action>
+class AtEnd {
+ public:
+  explicit AtEnd(Action action) : action_(std::move(action)) {}
+  ~AtEnd() noexcept(false) { action_(); }
+  AtEnd(const AtEnd&) = delete;
+  AtEnd& operator=(const AtEnd&) = delete;
+
+ private:
+  Action action_;
+};
+
+/// The packet, or a copy of its bytes where someone else would see them change.
+Pkt::Ptr ownedAlone(Pkt::Ptr pkt) {
+  if (pkt->references() == 1 && (!pkt->sharedBuffer() || pkt->sharedBuffer()->references() == 1)) return pkt;
+  const Pkt::Manager& manager = *globalPktManager();
+  const U32 room = std::max(pkt->bytes(), Pkt::Manager::defaultBufferBytes_);
+  Pkt::Ptr copy = manager.newPkt(manager.newSharedBuffer(room));
+  U8* at = copy->newSharedHeadData(pkt->bytes());
+  for (U32 i = 0; i < pkt->numIovecs(); ++i) {
+    const iovec& piece = pkt->iovecs()[i];
+    at = std::copy_n(static_cast<const U8*>(piece.iov_base), piece.iov_len, at);
+  }
+  return copy;
+}
+
+}  // namespace
+
+// The end
+// -----------------------------------------------------------------------------------------------------
+
+PamConnectorPam::PamConnectorPam(Kiv::String name, PamConnector* pamConnector)
+    : Pam(std::move(name)), pamConnector_(pamConnector) {}
+
+PamConnectorPam::~PamConnectorPam() {
+  cut();
+}
+
+void PamConnectorPam::cut() noexcept {
+  pamConnector_ = nullptr;
+  if (otherEnd_ && otherEnd_->otherEnd_ == this) otherEnd_->otherEnd_ = nullptr;
+  otherEnd_ = nullptr;
+}
+
+Pkt::Ptr PamConnectorPam::inputQueue(U32 sequence) const {
+  return sequence - queue_.first < inputQueueLength() ? ring_[sequence % ring_.size()] : nullptr;
+}
+
+void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
+  if (inputQueueLength() == ring_.size()) {
+    std::vector<Pkt::Ptr> larger(std::max<std::size_t>(16, ring_.size() * 2));
+    for (U32 at = queue_.first; at != queue_.next; ++at) {
+      larger[at % larger.size()] = std::move(ring_[at % ring_.size()]);
+    }
+    ring_ = std::move(larger);
+  }
+  ring_[queue_.next++ % ring_.size()] = std::move(pkt);
+}
+
+Pkt::Ptr PamConnectorPam::dequeue() {
+  if (inputQueueLength() == 0) return nullptr;
+  return std::exchange(ring_[queue_.first++ % ring_.size()], nullptr);
+}
+
+void PamConnectorPam::txPktIsImpl(const Pkt::Ptr& pkt) {
+  KIV_ASSERT_AS(otherEnd(), "otherEnd()");
+  KIV_ASSERT_AS(pkt, "pkt != __null");
+  // A reactor to what follows may let go of the caller's pointer, and of the other end.
+  const Pkt::Ptr sending = pkt;
+  {
+    const Kiv::Ptr<PamConnectorPam> other(otherEnd());
+    if (other->inputQueueLength() > other->maxBuffer()) {
+      KIV_TRACE(trace, 2) << "Dropping packet";
+      other->rxDropsIs(other->rxDrops() + 1);
+      writableCountInc(1);
+      return;
+    }
+  }
+  show(sending);
+  if (!otherEnd()) {
+    txErrnoIs(ENOTCONN);
+    txErrorsInc(1);
+    return;
+  }
+  otherEnd()->enqueue(sending);
+  KIV_TRACE(trace, 2) << "PamConnector: enqueue, total packets: " << otherEnd()->inputQueueLength();
+  // The packet gets its tick also when a client's reactor throws.
+  const AtEnd schedule([this] {
+    if (pamConnector()) pamConnector()->doScheduleEvent();
+  });
+  writableCountInc(1);
+}
+
+void PamConnectorPam::show(const Pkt::Ptr& pkt) {
+  if (peekPkt.notifiees().empty()) {  // with nobody to see it in between, `peekPkt` stays null
+    peekPktCountInc(1);
+    return;
+  }
+  const AtEnd hide([this] { peekPkt.set(nullptr); });
+  peekPkt.set(pkt);
+  peekPktCountInc(1);
+}
+
+void PamConnectorPam::doGetRxPkt() {
+  Pkt::Ptr pkt = dequeue();
+  if (pkt && pamConnector() && pamConnector()->separateVlanTagHdr() && hasVlanTagToOffload(*pkt)) {
+    pkt = ownedAlone(std::move(pkt));
+    maybeOffloadAnyVlanTag(pkt);
+  }
+  rxPktHolderIs(std::move(pkt));
+}
+
+// The connector
+// -----------------------------------------------------------------------------------------------
+
+PamConnector::PamConnector(const Kiv::Ptr<Kiv::Clock>& clock)
+    : clock_(clock), onClock_(clock->expiredCount, [this] { handleClock(); }) {}
+
+PamConnector::~PamConnector() {
+  pamDelAll();
+}
+
+Kiv::Ptr<PamConnectorPam> PamConnector::pam(const Kiv::String& name) const {
+  const auto found = pam_.find(name);
+  return found == pam_.end() ? nullptr : found->second;
+}
+
+void PamConnector::pamIs(const Kiv::Ptr<PamConnectorPam>& pam) {
+  Kiv::Ptr<PamConnectorPam>& entry = pam_[pam->name()];
+  if (entry == pam) return;
+  if (const auto former = std::exchange(entry, pam)) former->cut();
+}
+
+void PamConnector::pamDel(const Kiv::String& name) {
+  const Kiv::Ptr<PamConnectorPam> removed = pam(name);
+  if (!removed) return;
+  pam_.erase(removed->name());
+  removed->cut();
+}
+
+void PamConnector::pamDelAll() {
+  while (!pam_.empty()) pamDel(pam_.begin()->first);
+}
+
+void PamConnector::handleInitializedBase() {
+  if (initialized()) return;
+  KIV_TRACE(trace, 2) << "void Wirl::PamConnector::handleInitializedBase()";
+  initialized_ = true;
+  const auto pam0 = Kiv::makePtr<PamConnectorPam>("pam0", this);
+  const auto pam1 = Kiv::makePtr<PamConnectorPam>("pam1", this);
+  pamIs(pam0);
+  pamIs(pam1);
+  pam0->otherEnd_ = pam1.get();
+  pam1->otherEnd_ = pam0.get();
+  pam0->writableCountInc(1);
+  pam1->writableCountInc(1);
+}
+
+void PamConnector::doScheduleEvent() {
+  KIV_ASSERT_AS(initialized(), "initialized()");
+  if (clock_->timeMin() != Kiv::timeInfinite) return;
+  clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), kTick));
+}
+
+void PamConnector::handleClock() {
+  if (!initialized()) return;
+  const Kiv::Ptr<PamConnector> alive(this);
+  try {
+    deliver("pam0");
+    deliver("pam1");
+  } catch (...) {
+    // A client's reactor threw. What was not told of yet is told of at another tick.
+    for (const auto& each : pam_) {
+      if (each.second->inputQueueLength() > 0) doScheduleEvent();
+    }
+    throw;
+  }
+}
+
+void PamConnector::deliver(const char* name) {
+  const Kiv::Ptr<PamConnectorPam> end = pam(name);
+  if (!end) return;
+  const U32 total = end->inputQueueLength();
+  KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name << ", total packets: " << total;
+  for (U32 i = 0; i < total && end->pamConnector() == this; ++i) {
+    end->readableCountInc(1);
+    KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name
+                        << ", remaining packets: " << end->inputQueueLength();
+  }
+}
+
+Kiv::Ptr<PamConnector> PamConnectorIs(const Kiv::Ptr<Kiv::Clock>& clock) {
+  KIV_ASSERT_AS(clock, "clock != 0");
+  return Kiv::Ptr<PamConnector>(new PamConnector(clock));
+}
+
+}  // namespace Wirl

@@ -1,0 +1,269 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/PamConnector.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Kiv/Kiv.h"
+#include "tests/support/AllocationCounter.h"
+#include "tests/support/TraceCapture.h"
+
+namespace Wirl {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+Pkt::Ptr pktOf(std::string_view text) {
+  const Pkt::Ptr pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(text);
+  return pkt;
+}
+
+/// A cable, in simulated time.
+class PamConnectorTest : public testing::Test {
+ protected:
+  PamConnectorTest() {
+    loop.simulatedTimeIs(true);
+    cable->handleInitializedBase();
+    pam0 = cable->pam("pam0");
+    pam1 = cable->pam("pam1");
+  }
+  ~PamConnectorTest() override { loop.simulatedTimeIs(false); }
+
+  void tick() { loop.runFor(0.001); }
+  static std::string pulled(const Kiv::Ptr<PamConnectorPam>& pam, int packets) {
+    std::string all;
+    while (packets-- > 0) all += pulled(pam);
+    return all;
+  }
+  static std::string pulled(const Kiv::Ptr<PamConnectorPam>& pam) {
+    const Pkt::Ptr pkt = pam->rxPkt();
+    return pkt ? std::string(pkt->stringValue()) : "nothing";
+  }
+
+  Kiv::ActivityLoop& loop = Kiv::activityLoop();
+  Kiv::Ptr<Kiv::Clock> clock = Kiv::makePtr<Kiv::Clock>("cable");
+  Kiv::Ptr<PamConnector> cable = PamConnectorIs(clock);
+  Kiv::Ptr<PamConnectorPam> pam0, pam1;
+};
+
+TEST_F(PamConnectorTest, StartUpMakesJoinsAndTellsBothEndsOnce) {
+  EXPECT_EQ(pam0->name(), "pam0");
+  EXPECT_EQ(pam0->otherEnd(), pam1.get());
+  EXPECT_EQ(pam1->otherEnd(), pam0.get());
+  EXPECT_EQ(pam0->maxBuffer(), 1024u);
+  cable->handleInitializedBase();
+  EXPECT_EQ(cable->pam("pam0"), pam0);
+  EXPECT_EQ(pam0->writableCount() + pam1->writableCount(), 2u);
+  EXPECT_EQ(pam0->readableCount() + pam1->readableCount(), 0u);
+  EXPECT_EQ(clock->timeMin(), Kiv::timeInfinite);
+  EXPECT_EQ(PamConnectorIs(clock)->pam("pam0"), nullptr);  // not started up
+}
+
+TEST_F(PamConnectorTest, APacketArrivesATickLaterAndSendsShareThatTick) {
+  const Kiv::Time start = loop.now();
+  const Pkt::Ptr first = pktOf("0");
+  pam0->txPktIs(first);
+  EXPECT_EQ(clock->timeMin() - start, 976562ns);
+  loop.runFor(0.0005);
+  for (int i = 1; i < 10; ++i) pam0->txPktIs(pktOf(std::to_string(i)));
+  pam1->txPktIs(pktOf("back"));
+  EXPECT_EQ(clock->timeMin() - start, 976562ns);
+  EXPECT_EQ(pam1->inputQueueLength(), 10u);
+  EXPECT_EQ(pam1->inputQueue(0), first);
+  EXPECT_EQ(pam1->inputQueue(10), nullptr);
+  EXPECT_EQ(pam1->readableCount(), 0u);
+
+  std::string got;
+  const Kiv::Reactor pull(pam1->readableCount, [&] { got += pulled(pam1); });
+  EXPECT_TRUE(loop.runUntil([&] { return pam1->readableCount() == 10; }, 1));
+  EXPECT_EQ(loop.now() - start, 976562ns);
+  EXPECT_EQ(got, "0123456789");
+  EXPECT_EQ(pam0->readableCount(), 1u);
+  EXPECT_EQ(pulled(pam0), "back");
+  EXPECT_EQ(pulled(pam0), "nothing");
+  EXPECT_EQ(pam0->writableCount(), 11u);
+  EXPECT_EQ(pam0->peekPktCount(), 10u);
+  EXPECT_EQ(pam1->inputQueueMetadata(), (InputQueueMetadata{10, 10}));
+  tick();
+  EXPECT_EQ(pam1->readableCount(), 10u);
+}
+
+TEST_F(PamConnectorTest, AQueueTakesOneMoreThanItsBoundAndThenDrops) {
+  pam1->maxBufferIs(2);
+  for (const char* text : {"a", "b", "c", "d"}) pam0->txPktIs(pktOf(text));
+  EXPECT_EQ(pam1->inputQueueLength(), 3u);
+  EXPECT_EQ(pam1->rxDrops(), 1u);
+  EXPECT_EQ(pam0->rxDrops() + pam0->txDrops() + pam0->txErrors(), 0u);
+  EXPECT_EQ(pam0->writableCount(), 5u);
+  EXPECT_EQ(pam0->peekPktCount(), 3u);
+  tick();
+  EXPECT_EQ(pam1->readableCount(), 3u);
+  EXPECT_EQ(pulled(pam1), "a");
+  pam0->txPktIs(pktOf("e"));
+  EXPECT_EQ(pam1->rxDrops(), 1u);
+  tick();
+  EXPECT_EQ(pam1->readableCount(), 6u);  // once more for each that nobody pulled
+  EXPECT_EQ(pulled(pam1, 4), "bcenothing");
+}
+
+TEST_F(PamConnectorTest, ManyPacketsKeepTheirOrderWhileTheQueueGrowsAndWraps) {
+  int sent = 0;
+  int received = 0;
+  for (int round = 0; round < 60; ++round) {
+    for (int i = 0; i < 17; ++i) pam0->txPktIs(pktOf(std::to_string(sent++)));
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(pulled(pam1), std::to_string(received++));
+  }
+  while (received < sent) EXPECT_EQ(pulled(pam1), std::to_string(received++));
+  EXPECT_EQ(pulled(pam1), "nothing");
+}
+
+TEST_F(PamConnectorTest, ObserversSeeEveryPacketQueuedAtTheMomentOfSending) {
+  std::vector<std::string> seen;
+  const Kiv::Reactor peek(pam0->peekPkt, [&] {
+    if (const Pkt::PtrConst pkt = pam0->peekPkt()) seen.push_back(pkt->stringValue());
+  });
+  pam1->maxBufferIs(1);
+  for (const char* text : {"a", "b", "dropped"}) pam0->txPktIs(pktOf(text));
+  EXPECT_THAT(seen, ElementsAre("a", "b"));
+  EXPECT_EQ(pam0->peekPkt(), nullptr);
+}
+
+TEST_F(PamConnectorTest, TagsAreTakenOutOfTheBytesWhereThatIsAskedFor) {
+  const std::string frame = std::string("ddddddssssss\x81\x00\x20\x07\x08\x00payload", 25);
+  const std::string bare = std::string("ddddddssssss\x08\x00payload", 21);
+  pam0->txPktIs(pktOf(frame));
+  EXPECT_EQ(pulled(pam1), frame);
+  cable->separateVlanTagHdrIs(true);
+  const Pkt::Ptr held = pktOf(frame);
+  pam0->txPktIs(held);
+  pam0->txPktIs(globalPktManager()->newShallowCopy(held));
+  pam0->txPktIs(pktOf(frame));
+  for (int i = 0; i < 3; ++i) {
+    const Pkt::Ptr pkt = pam1->rxPkt();
+    EXPECT_EQ(std::string(pkt->stringValue()), bare);
+    EXPECT_TRUE(pkt->tciPresent());
+    EXPECT_EQ(pkt->vlanTpid(), 0x8100);
+    EXPECT_EQ(pkt->tciField(), 0x2007);
+  }
+  EXPECT_EQ(std::string(held->stringValue()), frame);  // the sender's own is not touched
+  const Pkt::Ptr untagged = pktOf(bare);
+  pam0->txPktIs(untagged);
+  EXPECT_EQ(pam1->rxPkt(), untagged);
+}
+
+TEST_F(PamConnectorTest, EndsOutliveEachOtherAndTheConnector) {
+  pam0->txPktIs(pktOf("last"));
+  cable->pamDel("pam0");
+  cable->pamDel("pam0");
+  EXPECT_EQ(cable->pam("pam0"), nullptr);
+  EXPECT_EQ(pam1->otherEnd(), nullptr);
+  EXPECT_EQ(pam0->pamConnector(), nullptr);
+  pam0 = nullptr;
+  tick();
+  EXPECT_EQ(pam1->readableCount(), 1u);
+  cable = nullptr;
+  EXPECT_EQ(pam1->pamConnector(), nullptr);
+  EXPECT_EQ(pulled(pam1), "last");
+  clock->timeMinIs(loop.now());
+  tick();
+}
+
+TEST_F(PamConnectorTest, ReactorsMaySendRemoveAndDropAnything) {
+  {
+    // Answers within the tick wait for the next one.
+    const Kiv::Reactor answer(pam1->readableCount, [&] { pam1->txPktIs(pam1->rxPkt()); });
+    pam0->txPktIs(pktOf("ping"));
+    tick();
+    EXPECT_EQ(pam0->readableCount(), 0u);
+    tick();
+    EXPECT_EQ(pulled(pam0), "ping");
+  }
+  {
+    const Kiv::Reactor cut(pam0->peekPkt, [&] { cable->pamDel("pam1"); });
+    pam0->txPktIs(pktOf("cut off"));
+    EXPECT_EQ(pam0->txErrno(), ENOTCONN);
+    EXPECT_EQ(pam0->txErrors(), 1u);
+    EXPECT_EQ(pam1->inputQueueLength(), 0u);
+  }
+  cable = PamConnectorIs(clock);
+  cable->handleInitializedBase();
+  for (int i = 0; i < 3; ++i) cable->pam("pam0")->txPktIs(pktOf("x"));
+  U32 ran = 0;
+  const Kiv::Reactor drop(cable->pam("pam1")->readableCount, [&] {
+    ++ran;
+    cable = nullptr;
+  });
+  tick();
+  EXPECT_EQ(ran, 3u);  // a tick that has begun is finished
+  EXPECT_EQ(clock->expiredCount(), 3u);
+}
+
+TEST_F(PamConnectorTest, WhatAReactorThrowsCostsNoPacket) {
+  pam0->txPktIs(pktOf("0"));
+  pam1->txPktIs(pktOf("1"));
+  {
+    const Kiv::Reactor failing(pam0->readableCount, [] { throw std::runtime_error("client"); });
+    EXPECT_THROW(tick(), std::runtime_error);
+  }
+  EXPECT_EQ(pam1->readableCount(), 0u);
+  tick();
+  EXPECT_EQ(pam1->readableCount(), 1u);
+  {
+    const Kiv::Reactor failing(pam0->writableCount, [] { throw std::runtime_error("client"); });
+    EXPECT_THROW(pam0->txPktIs(pktOf("2")), std::runtime_error);
+  }
+  const Kiv::Reactor failing(pam0->peekPkt, [] { throw std::runtime_error("client"); });
+  const U32 before = pam1->readableCount();
+  tick();
+  EXPECT_EQ(pam1->readableCount(), before + 2);
+  EXPECT_EQ(pulled(pam1, 2), "02");
+}
+
+TEST_F(PamConnectorTest, TracesItsRoad) {
+  TraceCapture traces("PamConnector/0-9");
+  const auto other = PamConnectorIs(clock);
+  other->handleInitializedBase();
+  pam1->maxBufferIs(0);
+  pam0->txPktIs(pktOf("a"));
+  pam0->txPktIs(pktOf("b"));
+  cable->handleClock();
+  EXPECT_THAT(
+      traces.lines(),
+      ElementsAre("PamConnector/2:void Wirl::PamConnector::handleInitializedBase()",
+                  "PamConnector/2:PamConnector: enqueue, total packets: 1", "PamConnector/2:Dropping packet",
+                  "PamConnector/2:PamConnector: handleClock pam0, total packets: 0",
+                  "PamConnector/2:PamConnector: handleClock pam1, total packets: 1",
+                  "PamConnector/2:PamConnector: handleClock pam1, remaining packets: 1"));
+}
+
+TEST_F(PamConnectorTest, SteadyStateAllocatesNothing) {
+  const Kiv::Reactor pull(pam1->readableCount, [&] {
+    while (pam1->rxPkt()) {
+    }
+  });
+  const auto round = [&] {
+    for (int i = 0; i < 100; ++i) pam0->txPktIs(globalPktManager()->newPkt());
+    tick();
+  };
+  for (int i = 0; i < 3; ++i) round();
+  const AllocationCounter allocations;
+  for (int i = 0; i < 100; ++i) round();
+  EXPECT_EQ(allocations.allocations(), 0u);
+}
+
+using PamConnectorDeathTest = PamConnectorTest;
+
+TEST_F(PamConnectorDeathTest, ProgrammingErrorsEndTheProcess) {
+  EXPECT_DEATH(pam0->txPktIs(nullptr), "pkt != __null");
+  cable->pamDel("pam1");
+  EXPECT_DEATH(pam0->txPktIs(pktOf("x")), "otherEnd\\(\\)");
+  EXPECT_DEATH(PamConnectorIs(clock)->doScheduleEvent(), "initialized\\(\\)");
+}
+
+}  // namespace
+}  // namespace Wirl
