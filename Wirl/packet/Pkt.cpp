@@ -42,7 +42,6 @@ void Pkt::Cache::limitIs(U32 newLimit) noexcept {
     } closer;
     static_cast<void>(closer);
   }
-  limit = 0;  // the buffers of packets that are deleted here must not come back
   const auto renew = [newLimit](auto& recycled) {
     while (!recycled.empty()) delete recycled.take();
     delete[] recycled.begin;
@@ -53,7 +52,7 @@ void Pkt::Cache::limitIs(U32 newLimit) noexcept {
   };
   renew(pkts);
   renew(barePkts);
-  renew(buffers);
+  renew(buffers);  // those of the packets come here
   limit = newLimit;
 }
 

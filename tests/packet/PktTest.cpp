@@ -353,6 +353,16 @@ TEST_F(PktRecycling, TheSteadyStateAllocatesNothing) {
   EXPECT_EQ(counter.allocations(), 0u);
 }
 
+TEST_F(PktRecycling, APacketAndItsBufferServeApart) {
+  manager().newPkt();
+  const AllocationCounter counter;
+  EXPECT_EQ(manager().newSharedBuffer()->size(), 1536u);
+  EXPECT_EQ(manager().newPkt(nullptr)->numIovecs(), 0u);
+  EXPECT_EQ(manager().newPkt(manager().newSharedBuffer())->numIovecs(), 1u);
+  EXPECT_EQ(manager().newPkt(nullptr)->numIovecs(), 0u);
+  EXPECT_EQ(counter.allocations(), 0u);
+}
+
 TEST_F(PktRecycling, ABurstLeavesNoMoreThanTheLimit) {
   std::vector<Pkt::Ptr> burst;
   for (int i = 0; i < 100000; ++i) {
