@@ -13,9 +13,14 @@
 #include "Wirl/access/PamFdSm.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"
+#if __has_include("Wirl/packet/BpfFilter.h")  // not where the library was built without filters
+#include "Wirl/packet/BpfFilter.h"
+#endif
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/packet/VlanOffload.h"
+#include "Wirl/transport/TcpFd.h"
+#include "Wirl/transport/TcpFdKivc.h"
 #include "Wirl/transport/UdpPam.h"
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/EthAddr.h"

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Kiv/FileDescriptor.h"
+#include "Kiv/Reactor.h"
+#include "Wirl/transport/TcpFd.h"
+
+namespace Wirl {
+
+class TcpFileDescriptorEventRegistrationKivc;
+
+/// Turns the counts of a `Kiv::FileDescriptor` into events of a registration, which owns it.
+class KIV_API TcpFileDescriptorEventRegistrationKivcSm final : public Kiv::PtrInterface {
+ public:
+  TcpFileDescriptorEventRegistrationKivcSm(Kiv::FileDescriptor& fileDesc,
+                                           TcpFileDescriptorEventRegistrationKivc& registration);
+  ~TcpFileDescriptorEventRegistrationKivcSm() override;
+
+  /// Reacts to writable events from now on. Most registrations never ask for one, and spare the reactor.
+  void writableIsWatched();
+
+ private:
+  Kiv::FileDescriptor& fileDesc_;
+  TcpFileDescriptorEventRegistrationKivc& registration_;
+  Kiv::Reactor onReadable_;
+  Kiv::Reactor onWritable_;
+};
+
+/// A registration on the activity loop of the thread that enables it. Enabling and switching throw
+/// `Kiv::ErrnoException` when the kernel refuses to watch the socket, and change nothing then.
+class KIV_API TcpFileDescriptorEventRegistrationKivc final : public TcpFileDescriptorEventRegistration {
+ public:
+  KIV_ENTITY(TcpFileDescriptorEventRegistrationKivc, TcpFileDescriptorEventRegistration)
+  KIV_ATTR_READ(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)  // while enabled
+
+  explicit TcpFileDescriptorEventRegistrationKivc(const TcpFileDescriptor::PtrConst& fileDescriptor);
+  ~TcpFileDescriptorEventRegistrationKivc() override;
+
+  const Kiv::Ptr<TcpFileDescriptorEventRegistrationKivcSm>& sm() const noexcept { return sm_; }
+
+ protected:
+  void handleEnabled() override;
+  void handleNotifyOnReadable() override;
+  void handleNotifyOnWritable() override;
+
+ private:
+  void attach();
+
+  Kiv::Ptr<TcpFileDescriptorEventRegistrationKivcSm> sm_;
+};
+
+class KIV_API TcpFileDescriptorEventRegistrationFactoryKivc final
+    : public TcpFileDescriptorEventRegistrationFactory {
+ public:
+  ~TcpFileDescriptorEventRegistrationFactoryKivc() override;
+  Kiv::Ptr<TcpFileDescriptorEventRegistration> createEventRegistration(
+      const TcpFileDescriptor::PtrConst& descriptor) override;
+};
+
+/// Makes the factory of registrations on the activity loop.
+KIV_API Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>
+tcpFileDescriptorEventRegistrationFactoryKivcFactory();
+
+}  // namespace Wirl

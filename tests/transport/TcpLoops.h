@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "Kiv/Kiv.h"
+#include "Wirl/transport/TcpFdKivc.h"
+
+namespace Wirl {
+
+/// The whole of another event loop: poll(2) over those who asked. It reports edge-triggered sockets only when
+/// what there is to read has changed since it last told, so that an owner who relies on being reminded
+/// stalls.
+class PollLoop {
+ public:
+  class Registration;
+  class Factory final : public TcpFileDescriptorEventRegistrationFactory {
+   public:
+    explicit Factory(PollLoop& loop) : loop_(loop) {}
+    Kiv::Ptr<TcpFileDescriptorEventRegistration> createEventRegistration(
+        const TcpFileDescriptor::PtrConst& descriptor) override {
+      return Kiv::makePtr<Registration>(loop_, descriptor);
+    }
+
+   private:
+    PollLoop& loop_;
+  };
+
+  class Registration final : public TcpFileDescriptorEventRegistration {
+   public:
+    Registration(PollLoop& loop, const TcpFileDescriptor::PtrConst& fd)
+        : TcpFileDescriptorEventRegistration(fd), loop_(loop) {}
+    ~Registration() override { handleDel(); }
+
+   private:
+    friend class PollLoop;
+    void handleEnabled() override {
+      std::erase(loop_.all_, this);
+      toldReadable_ = -1;
+      toldWritable_ = false;
+      if (enabled()) loop_.all_.push_back(this);
+    }
+    void handleNotifyOnReadable() override { toldReadable_ = -1; }
+    void handleNotifyOnWritable() override { toldWritable_ = false; }
+
+    PollLoop& loop_;
+    int toldReadable_ = -1;  // octets that were waiting, or -2 for the end of the stream
+    bool toldWritable_ = false;
+  };
+
+  void poll(int milliseconds) {
+    std::vector<pollfd> fds;
+    std::vector<Registration*> watching;
+    for (Registration* each : all_) {
+      const short read = each->notifyOnReadable() ? POLLIN | POLLRDHUP : 0;
+      const short write = each->notifyOnWritable() ? POLLOUT : 0;
+      if (each->fileDescriptor()->descriptor() < 0 || (read | write) == 0) continue;
+      fds.push_back({each->fileDescriptor()->descriptor(), static_cast<short>(read | write), 0});
+      watching.push_back(each);
+    }
+    if (::poll(fds.data(), fds.size(), milliseconds) <= 0) return;
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+      Registration* const each = watching[i];
+      const auto there = [&] { return std::find(all_.begin(), all_.end(), each) != all_.end(); };
+      const short failed = POLLERR | POLLHUP;
+      if (there() && (fds[i].revents & (POLLIN | POLLRDHUP | failed)) && each->notifyOnReadable()) {
+        int waiting = 0;
+        ioctl(fds[i].fd, FIONREAD, &waiting);
+        if (fds[i].revents & (POLLRDHUP | failed)) waiting = -2 - waiting;
+        if (!each->fileDescriptor()->edgeTriggered() || waiting != each->toldReadable_) {
+          each->toldReadable_ = waiting;
+          each->handleReadable();
+        }
+      }
+      if (there() && (fds[i].revents & (POLLOUT | failed)) && each->notifyOnWritable() &&
+          !(each->fileDescriptor()->edgeTriggered() && each->toldWritable_)) {
+        each->toldWritable_ = true;
+        each->handleWritable();
+      }
+    }
+  }
+
+ private:
+  std::vector<Registration*> all_;
+};
+
+/// What the suites run over: both loops, each level- and edge-triggered.
+struct Backend {
+  const char* name;
+  bool pollLoop;
+  bool edge;
+
+  friend std::ostream& operator<<(std::ostream& out, const Backend& backend) { return out << backend.name; }
+};
+
+inline const Backend kBackends[] = {{"LoopLevel", false, false},
+                                    {"LoopEdge", false, true},
+                                    {"PollLevel", true, false},
+                                    {"PollEdge", true, true}};
+
+/// A backend at work.
+class Loop {
+ public:
+  explicit Loop(Backend backend) : backend_(backend) {}
+
+  bool edge() const { return backend_.edge; }
+  Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory() {
+    if (backend_.pollLoop) return Kiv::makePtr<PollLoop::Factory>(poll_);
+    return tcpFileDescriptorEventRegistrationFactoryKivcFactory();
+  }
+  bool runUntil(const std::function<bool()>& done, double seconds = 5) {
+    if (!backend_.pollLoop) return Kiv::activityLoop().runUntil(done, seconds);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done()) {
+      if (std::chrono::steady_clock::now() > limit) return false;
+      poll_.poll(5);
+    }
+    return true;
+  }
+  /// Whatever is ready, and what comes of it.
+  void settle() {
+    for (int i = 0; i < 5; ++i) backend_.pollLoop ? poll_.poll(1) : Kiv::activityLoop().poll();
+  }
+
+ private:
+  const Backend backend_;
+  PollLoop poll_;
+};
+
+/// A listening socket on loopback, at a port that the kernel chose.
+inline TcpFileDescriptor::PtrConst listening(bool edge = false) {
+  const auto fd = TcpFileDescriptor::socket(AddressFamily::ipv4, NamespaceName(), edge);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (!fd || bind(fd->descriptor(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) < 0 ||
+      listen(fd->descriptor(), 100) < 0) {
+    throw std::system_error(errno, std::generic_category(), "listening");
+  }
+  return fd;
+}
+
+/// Both ends of a connection over loopback, ours first. `sendBuffer` and `receiveBuffer` (0: the system's)
+/// are of ours and of the peer's.
+inline std::pair<TcpFileDescriptor::PtrConst, TcpFileDescriptor::PtrConst> connected(bool edge,
+                                                                                     int sendBuffer = 0,
+                                                                                     int receiveBuffer = 0) {
+  const auto server = listening();
+  if (receiveBuffer) {
+    setsockopt(server->descriptor(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
+  }
+  sockaddr_in address{};
+  socklen_t length = sizeof(address);
+  getsockname(server->descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+  const auto ours = TcpFileDescriptor::socket(AddressFamily::ipv4, NamespaceName(), edge);
+  if (sendBuffer) setsockopt(ours->descriptor(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
+  // Over loopback the connection stands, non-blocking or not, when connect() returns.
+  if (connect(ours->descriptor(), reinterpret_cast<sockaddr*>(&address), length) < 0 &&
+      errno != EINPROGRESS) {
+    throw std::system_error(errno, std::generic_category(), "connect");
+  }
+  const auto peer = TcpFileDescriptor::socketAccept(server, AddressFamily::ipv4, NamespaceName(), edge);
+  if (!peer) throw std::system_error(errno, std::generic_category(), "accept");
+  return {ours, peer};
+}
+
+inline void sendAll(const TcpFileDescriptor::PtrConst& fd, std::string_view text) {
+  if (send(fd->descriptor(), text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
+    throw std::system_error(errno, std::generic_category(), "send");
+  }
+}
+
+}  // namespace Wirl
