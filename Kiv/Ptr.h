@@ -27,8 +27,8 @@ inline bool ptrThreadSafe() noexcept {
 KIV_API void ptrThreadSafeIs(bool on) noexcept;
 
 /// Base of objects that are handled through `Ptr`: carries the count of the pointers to it. A new object
-/// has count 0; the last pointer to let go runs `onZeroReferences()`, which deletes the object unless the class
-/// has something better to do with it: a pool keeps it, and hands it out again with `Ptr::adopt`.
+/// has count 0; the last pointer to let go runs `onZeroReferences()`, which deletes the object unless the
+/// class has something better to do with it: a pool keeps it, and hands it out again with `Ptr::adopt`.
 class KIV_API PtrInterface {
  public:
   PtrInterface(const PtrInterface&) = delete;
@@ -91,7 +91,8 @@ class Ptr {
   requires std::convertible_to<U*, T*> Ptr(Ptr<U>&& other)
   noexcept : object_(std::exchange(other.object_, nullptr)) {}
   ~Ptr() { release(object_); }
-  /// Takes over a reference that is counted already: what `onZeroReferences()` was left with, or `detach()` gave.
+  /// Takes over a reference that is counted already: what `onZeroReferences()` was left with, or `detach()`
+  /// gave.
   static Ptr adopt(T* object) noexcept {
     Ptr ptr;
     ptr.object_ = object;

@@ -11,16 +11,13 @@ bool IpAddr::isReserved() const noexcept {
   return !routable && octets_[0] >= 240 && !isBroadcast();
 }
 
-Kiv::ParseError IpAddr::parse(std::string_view& text, IpAddr& out) noexcept {
-  const detail::Dotted taken = detail::takeDotted(text);
-  if (taken.length == 0) [[unlikely]]
-    return kTrailingText;
-  out.octets_ = taken.octets;
-  text.remove_prefix(taken.length);
-  return nullptr;
+detail::Taken<Kiv::U32> IpAddr::take(std::string_view text) noexcept {
+  return detail::takeDotted(text);
 }
 
-unsigned IpAddr::writeText(char* out) const noexcept { return detail::writeDotted(octets_, out); }
+unsigned IpAddr::writeText(char* out) const noexcept {
+  return detail::writeDotted(octets_, out);
+}
 
 Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpAddr value) {
   log.octetsIs(value.octets());
