@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/value/Ip6Addr.h"
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
-
 #include <algorithm>
 #include <charconv>
 #include <cstring>
 
 #include "Wirl/value/IpAddr.h"
+#include "Wirl/value/detail/Ip6Text.h"
 
 namespace Wirl {
 
+using detail::Ip6Outline;
 using Kiv::U16;
 using Kiv::U32;
 using Kiv::U64;
@@ -27,114 +25,9 @@ constexpr Kiv::ParseError kTooManyDigits = "Ip6Addr: too many consecutive hex di
 constexpr Kiv::ParseError kColonExpected = "Ip6Addr: ':' expected";
 constexpr Kiv::ParseError kSecondGap = "Ip6Addr: only one '::' allowed";
 constexpr Kiv::ParseError kIncomplete = "Ip6Addr: incomplete ipv6 address";
-
-/// The characters at the front of a text that can belong to an address. Bit i stands for character i.
-struct Outline {
-  unsigned length = 0;
-  U64 colons = 0;
-  U64 dots = 0;
-};
-
 constexpr Kiv::ParseError kOutOfRange = "Ip6AddrU8Key::value < 0 or > 15 not allowed";
 
-constexpr std::size_t kScanned = 45;  // the longest address
 constexpr unsigned kNowhere = ~0u;
-
-#ifdef __SSE2__
-
-/// Little-endian number of `count` octets.
-template <typename T>
-U64 loadShort(const char* at) noexcept {
-  T value;
-  std::memcpy(&value, at, sizeof(T));
-  return value;
-}
-
-/// A text of less than 16 characters, padded with NUL.
-__m128i loadShortText(const char* text, std::size_t size) noexcept {
-  // Two loads that overlap in the middle: each of them lies inside the text.
-  U64 low = 0;
-  U64 high = 0;
-  if (size >= 8) {
-    low = loadShort<U64>(text);
-    high = loadShort<U64>(text + size - 8) >> 8 * (15 - size) >> 8;
-  } else if (size >= 4) {
-    low = loadShort<U32>(text) | loadShort<U32>(text + size - 4) << 8 * (size - 4);
-  } else if (size > 0) {
-    low = loadShort<U8>(text) | loadShort<U8>(text + size / 2) << 8 * (size / 2) |
-          loadShort<U8>(text + size - 1) << 8 * (size - 1);
-  }
-  return _mm_set_epi64x(static_cast<long long>(high), static_cast<long long>(low));
-}
-
-Outline outlineOf(std::string_view text) noexcept {
-  Outline outline;
-  U64 foreign = 0;
-  const auto add = [&](__m128i block, std::size_t at) {
-    const auto bits = [at](__m128i bytes) { return U64{static_cast<U32>(_mm_movemask_epi8(bytes))} << at; };
-    const auto atMost = [](__m128i bytes, char bound) {
-      return _mm_cmpeq_epi8(_mm_min_epu8(bytes, _mm_set1_epi8(bound)), bytes);
-    };
-    const __m128i colon = _mm_cmpeq_epi8(block, _mm_set1_epi8(':'));
-    const __m128i dot = _mm_cmpeq_epi8(block, _mm_set1_epi8('.'));
-    // The colon follows the digits in ASCII.
-    const __m128i digitOrColon = atMost(_mm_sub_epi8(block, _mm_set1_epi8('0')), 10);
-    const __m128i letter =
-        atMost(_mm_sub_epi8(_mm_or_si128(block, _mm_set1_epi8(0x20)), _mm_set1_epi8('a')), 5);
-    const __m128i own = _mm_or_si128(_mm_or_si128(digitOrColon, letter), dot);
-    outline.colons |= bits(colon);
-    outline.dots |= bits(dot);
-    foreign |= bits(_mm_cmpeq_epi8(own, _mm_setzero_si128()));
-  };
-  const auto load = [](const char* at) {
-    __m128i block;
-    std::memcpy(&block, at, sizeof(block));
-    return block;
-  };
-  const std::size_t size = std::min(text.size(), kScanned);
-  if (size < 16) {
-    add(loadShortText(text.data(), size), 0);
-  } else {
-    add(load(text.data()), 0);
-    if (size > 16) {
-      const std::size_t second = std::min<std::size_t>(size - 16, 16);
-      add(load(text.data() + second), second);
-      if (size > 32) add(load(text.data() + size - 16), size - 16);
-    }
-  }
-  outline.length = static_cast<unsigned>(std::countr_zero(foreign | U64{1} << size));
-  const U64 inside = (U64{1} << outline.length) - 1;
-  outline.colons &= inside;
-  outline.dots &= inside;
-  return outline;
-}
-
-#else
-
-enum : U8 { kForeign = 0, kColon = 1, kDot = 2, kHexDigit = 4 };
-
-constexpr auto kKinds = [] {
-  std::array<U8, 256> kinds{};
-  for (const char c : std::string_view("0123456789abcdefABCDEF")) kinds[static_cast<U8>(c)] = kHexDigit;
-  kinds[':'] = kColon;
-  kinds['.'] = kDot;
-  return kinds;
-}();
-
-Outline outlineOf(std::string_view text) noexcept {
-  Outline outline;
-  const std::size_t size = std::min(text.size(), kScanned);
-  U64 bit = 1;
-  for (; outline.length < size; ++outline.length, bit <<= 1) {
-    const U8 kind = kKinds[static_cast<U8>(text[outline.length])];
-    if (kind == kForeign) break;
-    if (kind == kColon) outline.colons |= bit;
-    if (kind == kDot) outline.dots |= bit;
-  }
-  return outline;
-}
-
-#endif
 
 /// Whether exactly three bits are set.
 constexpr bool isThree(U64 bits) noexcept {
@@ -170,7 +63,7 @@ constexpr bool isSet(U64 bits, unsigned i) noexcept {
 
 /// Goes through a text that is no address from left to right and finds what is wrong with it. The number of
 /// colons comes first, wherever they are.
-Kiv::ParseError refusal(std::string_view text, const Outline& outline, unsigned dottedAt) noexcept {
+Kiv::ParseError refusal(std::string_view text, const Ip6Outline& outline, unsigned dottedAt) noexcept {
   const U64 colons = outline.colons;
   unsigned separators = dottedAt == kNowhere ? 0 : 1;
   for (U64 left = colons; left != 0; ++separators) {
@@ -201,25 +94,37 @@ Kiv::ParseError refusal(std::string_view text, const Outline& outline, unsigned 
   return error || !text.empty() ? IpAddr::kTrailingText : kIncomplete;
 }
 
-}  // namespace
-
-Kiv::ParseError Ip6Addr::parse(std::string_view& text, Ip6Addr& out) noexcept {
-  char padded[4] = {};
-  std::string_view chars = text;
-  if (text.size() < 4) [[unlikely]] {
-    for (std::size_t i = 0; i < text.size(); ++i) padded[i] = text[i];
-    chars = {padded, 4};
+/// A text, or a copy with NULs behind it where it has less than the four characters that a load needs.
+class Loadable {
+ public:
+  explicit Loadable(std::string_view text) noexcept : text_(text) {
+    if (text.size() >= sizeof(short_)) [[likely]]
+      return;
+    for (std::size_t i = 0; i < text.size(); ++i) short_[i] = text[i];
+    text_ = {short_, sizeof(short_)};
   }
-  const Outline outline = outlineOf(chars);
+  Loadable(const Loadable&) = delete;
+  Loadable& operator=(const Loadable&) = delete;
+
+  std::string_view text() const noexcept { return text_; }
+
+ private:
+  char short_[4] = {};
+  std::string_view text_;
+};
+
+/// Reads the address that an outline is of; false when it is none. Sets `dottedAt` where its dotted part
+/// begins if it has one.
+inline bool read(std::string_view text, const Ip6Outline& outline, unsigned& dottedAt,
+                 std::array<U8, 16>& octets) noexcept {
   const U64 colons = outline.colons;
-  unsigned dottedAt = kNowhere;
   unsigned end = outline.length;  // of the hexadecimal groups
   U64 dots = outline.dots;
   IpAddr v4;
   if (dots != 0) {
     const auto behindColons = static_cast<unsigned>(64 - std::countl_zero(colons));
     if (isThree(dots >> behindColons)) {
-      std::string_view rest = chars.substr(behindColons, end - behindColons);
+      std::string_view rest = text.substr(behindColons, end - behindColons);
       dottedAt = behindColons;
       if (!IpAddr::parse(rest, v4) && rest.empty()) {
         end = dottedAt;
@@ -239,11 +144,11 @@ Kiv::ParseError Ip6Addr::parse(std::string_view& text, Ip6Addr& out) noexcept {
   const U64 twoDigits = digits & digits >> 1;
   const bool edges = leading > (gaps & 1) || (trailing != 0 && (end < 2 || !isSet(gaps, end - 2)));
   if (dots != 0 || (gaps & (gaps - 1)) != 0 || edges || (twoDigits & twoDigits >> 2 & digits >> 4) != 0 ||
-      separators > 7 || (gaps == 0 && count != 8)) [[unlikely]] {
-    return refusal(chars, outline, dottedAt);
+      separators > 7 || (gaps == 0 && count != 8)) {
+    return false;
   }
   const unsigned missing = 8 - count;
-  std::array<U8, 16> octets{};
+  octets = {};
   U64 ends = runs | U64{1} << end;
   unsigned index = 0;
   unsigned at = 0;
@@ -254,7 +159,7 @@ Kiv::ParseError Ip6Addr::parse(std::string_view& text, Ip6Addr& out) noexcept {
   }
   for (unsigned left = dotted ? count - 2 : count; left > 0; --left) {
     const auto groupEnd = static_cast<unsigned>(std::countr_zero(ends));
-    const U32 group = groupValue(chars, at, groupEnd - at);
+    const U32 group = groupValue(text, at, groupEnd - at);
     octets[2 * index] = static_cast<U8>(group >> 8);
     octets[2 * index + 1] = static_cast<U8>(group);
     const unsigned gap = static_cast<unsigned>(gaps >> groupEnd & 1);
@@ -263,9 +168,29 @@ Kiv::ParseError Ip6Addr::parse(std::string_view& text, Ip6Addr& out) noexcept {
     index += 1 + (gap != 0 ? missing : 0);
   }
   if (dotted) v4.copyToBuffer(octets.data() + 12);
-  out.octets_ = octets;
+  return true;
+}
+
+}  // namespace
+
+Kiv::ParseError Ip6Addr::parse(std::string_view& text, Ip6Addr& out) noexcept {
+  const Loadable chars(text);
+  const Ip6Outline outline = detail::ip6OutlineOf(chars.text());
+  unsigned dottedAt = kNowhere;
+  if (!read(chars.text(), outline, dottedAt, out.octets_)) [[unlikely]]
+    return refusal(chars.text(), outline, dottedAt);
   text.remove_prefix(outline.length);
   return nullptr;
+}
+
+std::optional<Ip6Addr> Ip6Addr::fromText(std::string_view text) noexcept {
+  const Loadable chars(text);
+  const Ip6Outline outline = detail::ip6OutlineOf(chars.text());
+  unsigned dottedAt = kNowhere;
+  std::optional<Ip6Addr> address(std::in_place);
+  if (outline.length != text.size() || !read(chars.text(), outline, dottedAt, address->octets_))
+    address.reset();
+  return address;
 }
 
 namespace {
@@ -288,53 +213,6 @@ constexpr auto kGaps = [] {
   return gaps;
 }();
 
-/// An address in hexadecimal, and what of it has to be shown.
-struct HexText {
-  std::array<char, 32> digits;
-  U32 significant;  // bit 4i+k: digit k of group i is not zero, or the last one
-  U32 zeros;        // bit i: group i is zero
-};
-
-#ifdef __SSE2__
-
-HexText hexTextOf(const std::array<U8, 16>& octets) noexcept {
-  HexText text;
-  __m128i block;
-  std::memcpy(&block, octets.data(), sizeof(block));
-  const __m128i zero = _mm_setzero_si128();
-  const __m128i nibble = _mm_set1_epi8(0x0f);
-  const __m128i high = _mm_and_si128(_mm_srli_epi16(block, 4), nibble);
-  const __m128i low = _mm_and_si128(block, nibble);
-  const auto put = [&](__m128i nibbles, unsigned at) {
-    const __m128i letter =
-        _mm_and_si128(_mm_cmpgt_epi8(nibbles, _mm_set1_epi8(9)), _mm_set1_epi8('a' - '9' - 1));
-    const __m128i chars = _mm_add_epi8(_mm_add_epi8(nibbles, _mm_set1_epi8('0')), letter);
-    std::memcpy(text.digits.data() + at, &chars, sizeof(chars));
-    return static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(nibbles, zero))) << at;
-  };
-  text.significant =
-      ~(put(_mm_unpacklo_epi8(high, low), 0) | put(_mm_unpackhi_epi8(high, low), 16)) | 0x88888888;
-  text.zeros = static_cast<U32>(_mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(block, zero), zero)));
-  return text;
-}
-
-#else
-
-HexText hexTextOf(const std::array<U8, 16>& octets) noexcept {
-  constexpr char kDigits[] = "0123456789abcdef";
-  HexText text{{}, 0x88888888, 0xff};
-  for (unsigned i = 0; i < 32; ++i) {
-    const U32 nibble = i % 2 == 0 ? octets[i / 2] >> 4 : octets[i / 2] & 0x0f;
-    text.digits[i] = kDigits[nibble];
-    if (nibble == 0) continue;
-    text.significant |= U32{1} << i;
-    text.zeros &= ~(U32{1} << i / 4);
-  }
-  return text;
-}
-
-#endif
-
 /// Writes the first `count` octets of `value`, the lowest first.
 template <unsigned count>
 void putOctets(char* out, U32 value) noexcept {
@@ -351,7 +229,7 @@ unsigned Ip6Addr::writeText(char* out) const noexcept {
   }
   // No branch depends on the address: which groups have how many digits cannot be predicted. Each group is
   // written as four characters of which as many count as it has digits, and one in the gap goes nowhere.
-  const HexText text = hexTextOf(octets_);
+  const detail::Ip6Hex text = detail::ip6HexOf(octets_);
   const U32 gap = kGaps[text.zeros];
   const U32 colons = ~gap | (gap & (~gap + 1));  // the gap has one of its own
   char nowhere[4];
@@ -382,7 +260,7 @@ unsigned Ip6Addr::writeText(char* out) const noexcept {
 
 Kiv::String Ip6Addr::stringValueExpanded() const {
   char text[8 * 5];
-  const HexText hex = hexTextOf(octets_);
+  const detail::Ip6Hex hex = detail::ip6HexOf(octets_);
   for (unsigned i = 0; i < 8; ++i) {
     std::memcpy(text + 5 * i, hex.digits.data() + 4 * i, 4);
     text[5 * i + 4] = ':';

@@ -5,6 +5,7 @@
 #include <bit>
 #include <compare>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <type_traits>
 
@@ -170,6 +171,8 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   /// At most 45 characters are looked at, the longest that an address needs; the address ends at the first
   /// one that is no hexadecimal digit, colon or full stop.
   static Kiv::ParseError parse(std::string_view& text, Ip6Addr& out) noexcept;
+  /// The address that the whole of `text` stands for, or nothing: without a look for what is wrong then.
+  static std::optional<Ip6Addr> fromText(std::string_view text) noexcept;
   /// The compressed form of RFC 5952; addresses in ::ffff:0:0/96 with their last two groups in dotted
   /// decimal.
   unsigned writeText(char* out) const noexcept;

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <string_view>
+
+#include "Kiv/Types.h"
+#include "Wirl/value/detail/Simd.h"
+
+namespace Wirl::detail {
+
+/// The characters at the front of a text that can belong to an IPv6 address: hexadecimal digits, colons and
+/// full stops, 45 at most. Bit i stands for character i.
+struct Ip6Outline {
+  unsigned length = 0;
+  Kiv::U64 colons = 0;
+  Kiv::U64 dots = 0;
+};
+
+constexpr std::size_t kIp6Scanned = 45;  // the longest address
+
+/// Of a text of at least four characters, each in its own way.
+Ip6Outline ip6OutlineLoop(std::string_view text) noexcept;
+#if WIRL_HAS_SSSE3
+WIRL_SSSE3 Ip6Outline ip6OutlineSsse3(const char* text, std::size_t size) noexcept;
+#endif
+
+inline Ip6Outline ip6OutlineOf(std::string_view text) noexcept {
+#if WIRL_HAS_SSSE3
+  if (hasSsse3()) [[likely]]
+    return ip6OutlineSsse3(text.data(), text.size());
+#endif
+  return ip6OutlineLoop(text);
+}
+
+/// An address in hexadecimal, and what of it has to be shown.
+struct Ip6Hex {
+  std::array<char, 32> digits;
+  Kiv::U32 significant;  // bit 4i+k: digit k of group i is not zero, or the last one
+  Kiv::U32 zeros;        // bit i: group i is zero
+};
+
+Ip6Hex ip6HexLoop(const std::array<Kiv::U8, 16>& octets) noexcept;
+#if WIRL_HAS_SSSE3
+WIRL_SSSE3 Ip6Hex ip6HexSsse3(const std::array<Kiv::U8, 16>& octets) noexcept;
+#endif
+
+inline Ip6Hex ip6HexOf(const std::array<Kiv::U8, 16>& octets) noexcept {
+#if WIRL_HAS_SSSE3
+  if (hasSsse3()) [[likely]]
+    return ip6HexSsse3(octets);
+#endif
+  return ip6HexLoop(octets);
+}
+
+}  // namespace Wirl::detail
