@@ -35,10 +35,15 @@ set_target_properties(wirl_static PROPERTIES EXPORT_NAME WirlStatic)
 add_library(Wirl::Wirl ALIAS wirl_shared)
 add_library(Wirl::WirlStatic ALIAS wirl_static)
 
+# Where filters are left out, their header is too.
+set(withoutFilters "")
+if(NOT WIRL_WITH_FILTERS)
+  set(withoutFilters PATTERN "BpfFilter.h" EXCLUDE)
+endif()
 foreach(room IN LISTS rooms)
   get_property(folder GLOBAL PROPERTY WIRL_FOLDER_${room})
   install(DIRECTORY "${folder}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}"
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h" ${withoutFilters})
 endforeach()
 install(FILES Wirl/Wirl.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/Wirl")
 install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/packet/BpfFilter.h"
+
+#include <pcap/pcap.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Trace.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("BpfFilter");
+
+constexpr int kSnapshotBytes = 65535;
+
+/// libpcap's message, or nothing and the program in `program`, which is to be freed.
+std::optional<Kiv::String> compile(std::string_view expression, bpf_program& program) {
+  if (expression.find('\0') != std::string_view::npos) return "expression contains a NUL character";
+  const std::unique_ptr<pcap_t, decltype(&pcap_close)> handle(pcap_open_dead(DLT_EN10MB, kSnapshotBytes),
+                                                              pcap_close);
+  if (!handle) return "out of memory";
+  if (pcap_compile(handle.get(), &program, std::string(expression).c_str(), 1, PCAP_NETMASK_UNKNOWN) == -1) {
+    return pcap_geterr(handle.get());
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<Kiv::String> bpfFilterError(std::string_view expression) {
+  bpf_program program{};
+  auto error = compile(expression, program);
+  pcap_freecode(&program);
+  return error;
+}
+
+BpfFilter::BpfFilter(Kiv::String name)
+    : name_(std::move(name)), bpfFilterHolder_(std::make_unique<bpf_program>()) {
+  handleFilterString();
+}
+
+BpfFilter::~BpfFilter() {
+  freeProgram();
+}
+
+BpfFilter::Ptr BpfFilter::BpfFilterIs(Kiv::String name) {
+  return bpfFilterFactory(std::move(name));
+}
+
+BpfFilter::Ptr bpfFilterFactory(Kiv::String name) {
+  return Kiv::makePtr<BpfFilter>(std::move(name));
+}
+
+void BpfFilter::bpfFilterStringIs(Kiv::String expression) {
+  if (expression == bpfFilterString_) return;
+  bpfFilterString_ = std::move(expression);
+  handleFilterString();
+}
+
+void BpfFilter::handleFilterString() {
+  if (initialized_ && bpfFilter_) {
+    freeProgram();
+    KIV_TRACE(trace, 7) << "Freed " << name_;
+  }
+  bpfFilter_ = nullptr;
+  initialized_ = true;
+  if (bpfFilterString_.empty()) return;
+  const bool compiled = compilePcapFilter(bpfFilterString_);
+  KIV_ASSERT_AS(compiled, "false");
+  bpfFilter_ = bpfFilterHolder_.get();
+  KIV_TRACE(trace, 6) << "Constructed bpf filter for " << name_;
+}
+
+bool BpfFilter::compilePcapFilter(Kiv::String expression) {
+  KIV_TRACE(trace, 7) << name_ << " compiling " << expression;
+  bpf_program program{};
+  if (const auto error = compile(expression, program)) {
+    KIV_TRACE(trace, 7) << name_ << " compilation failed with error: " << *error;
+    pcap_freecode(&program);
+    return false;
+  }
+  freeProgram();
+  *bpfFilterHolder_ = program;
+  return true;
+}
+
+void BpfFilter::freeProgram() noexcept {
+  pcap_freecode(bpfFilterHolder_.get());  // of an empty one: nothing
+}
+
+bool BpfFilter::match(const Pkt::Ptr& pkt) const {
+  KIV_ASSERT_AS(pkt, "pkt != 0");
+  if (!bpfFilter_) return false;
+  const U32 bytes = pkt->bytes();
+  U32 present = bytes;
+  const U8* const data = pkt->frontBytes() == bytes ? pkt->front() : gathered(*pkt, present);
+  pcap_pkthdr header;
+  header.ts = {};
+  header.caplen = present;
+  header.len = bytes;
+  const int result = pcap_offline_filter(bpfFilter_, &header, data);
+  KIV_TRACE(trace, 6) << "Did filter " << name_ << " match? " << result;
+  return result != 0;
+}
+
+const U8* BpfFilter::gathered(const Pkt& pkt, U32& bytes) const {
+  bytes = std::min(bytes, kMaxGatheredBytes);
+  if (gathered_.size() < bytes) gathered_.resize(bytes);
+  U32 filled = 0;
+  const struct iovec* const pieces = pkt.iovecs();
+  for (U32 i = 0; i < pkt.numIovecs() && filled < bytes; ++i) {
+    const U32 n = std::min(static_cast<U32>(pieces[i].iov_len), bytes - filled);
+    std::memcpy(gathered_.data() + filled, pieces[i].iov_base, n);
+    filled += n;
+  }
+  return gathered_.data();
+}
+
+}  // namespace Wirl

@@ -1,0 +1,166 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/packet/BpfFilter.h"
+
+#include <gmock/gmock.h>
+
+#include "tests/packet/Frames.h"
+#include "tests/support/AllocationCounter.h"
+#include "tests/support/TraceCapture.h"
+
+namespace {
+
+using namespace Wirl;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+BpfFilter::Ptr filter(const char* expression) {
+  auto made = bpfFilterFactory("test");
+  made->bpfFilterStringIs(expression);
+  return made;
+}
+
+TEST(BpfFilter, MatchesByExpression) {
+  std::string tagged = frames::kUdp;
+  tagged.insert(12, frames::octets("8100 2005"));
+  const struct {
+    const char* expression;
+    std::string octets;
+    bool matches;
+  } rows[] = {
+      {"", frames::kUdp, false},
+      {"", "", false},
+      {"udp", frames::kUdp, true},
+      {"tcp", frames::kUdp, false},
+      {"udp port 53 and src host 10.0.0.1", frames::kUdp, true},
+      {"ether src 0a:00:00:00:00:02", frames::kUdp, true},
+      {"len == 60", frames::kUdp, true},
+      {"udp[8] == 0x78", frames::kUdp, true},
+      {"udp", tagged, false},
+      {"vlan 5 and udp", tagged, true},
+      {"udp", frames::kUdp.substr(0, 23), false},  // the protocol is cut off
+      {"ether[60] >= 0", frames::kUdp, false},
+      {"not tcp", "", false},  // asks for a byte that is not there
+      {"less 0", "", true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.expression);
+    const auto made = filter(row.expression);
+    EXPECT_EQ(made->match(frames::packet(row.octets)), row.matches);
+    EXPECT_EQ(made->bpfFilter() != nullptr, *row.expression != '\0');
+  }
+  EXPECT_FALSE(filter("less 0")->match(frames::packet(frames::kUdp)));
+  EXPECT_TRUE(filter("len == 0")->match(globalPktManager()->newPkt(nullptr)));
+}
+
+TEST(BpfFilter, SeparateTagIsNotInTheBytes) {
+  const auto pkt = frames::packet(frames::kUdp);
+  pkt->newSeparateVlanTag(5, 0x8100);
+  EXPECT_FALSE(filter("vlan")->match(pkt));
+  EXPECT_TRUE(filter("udp")->match(pkt));
+}
+
+TEST(BpfFilter, SeesThroughPieces) {
+  const auto last = filter("ether[59] == 0x78 and len == 60 and udp dst port 53");
+  const auto behind = filter("ether[60] == 0x78");
+  for (U32 split = 0; split <= 60; ++split) {
+    const auto pkt = frames::packet(frames::kUdp, split);
+    EXPECT_TRUE(last->match(pkt)) << split;
+    EXPECT_FALSE(behind->match(pkt)) << split;
+    const AllocationCounter counter;
+    EXPECT_TRUE(last->match(pkt));
+    EXPECT_EQ(counter.allocations(), 0u) << split;
+  }
+  // A first piece that became empty.
+  const auto pkt = frames::packet(frames::kUdp, 0);
+  pkt->newPrivateHeadData(1);
+  pkt->delPrivateHeadData(1);
+  EXPECT_TRUE(last->match(pkt));
+}
+
+TEST(BpfFilter, LooksAtABoundedPartOfPieces) {
+  const std::string large = frames::kUdp + std::string(70000, 'y');
+  const struct {
+    const char* expression;
+    bool inOnePiece, inTwo;
+  } rows[] = {
+      {"len == 70060", true, true},
+      {"ether[65534] == 0x79", true, true},
+      {"ether[65535] == 0x79", true, false},
+      {"not ether[70059] == 0", true, false},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(filter(row.expression)->match(frames::packet(large)), row.inOnePiece) << row.expression;
+    EXPECT_EQ(filter(row.expression)->match(frames::packet(large, 14)), row.inTwo) << row.expression;
+  }
+}
+
+TEST(BpfFilter, CompilesOnlyWhatChanged) {
+  const TraceCapture traces("BpfFilter/6-7");
+  const auto made = BpfFilter::BpfFilterIs("red");
+  made->bpfFilterStringIs("");
+  made->bpfFilterStringIs("udp");
+  made->bpfFilterStringIs("udp");
+  made->match(frames::packet(frames::kUdp));
+  made->bpfFilterStringIs("tcp");
+  made->match(frames::packet(frames::kUdp));
+  made->bpfFilterStringIs("");
+  made->match(frames::packet(frames::kUdp));
+  EXPECT_THAT(traces.lines(),
+              ElementsAre("BpfFilter/7:red compiling udp", "BpfFilter/6:Constructed bpf filter for red",
+                          "BpfFilter/6:Did filter red match? 65535", "BpfFilter/7:Freed red",
+                          "BpfFilter/7:red compiling tcp", "BpfFilter/6:Constructed bpf filter for red",
+                          "BpfFilter/6:Did filter red match? 0", "BpfFilter/7:Freed red"));
+  EXPECT_EQ(made->bpfFilter(), nullptr);
+  EXPECT_EQ(made->name(), "red");
+}
+
+TEST(BpfFilter, TellsWhatIsWrongWithAnExpression) {
+  for (const char* valid : {"", "udp port 53", "ip6 proto 58", "ether[0] & 1 = 0 and ip[8] < 5"}) {
+    EXPECT_EQ(bpfFilterError(valid), std::nullopt) << valid;
+  }
+  const struct {
+    std::string_view expression;
+    const char* message;
+  } rows[] = {
+      {"udp port", "syntax error"},
+      {"udp port 53 and", "syntax error"},
+      {"port 65536", "illegal port number"},
+      {"net 10.0.0.0/33", "mask length"},
+      {"ip and ip6 and arp", "expression rejects all packets"},
+      {{"udp\0 port", 9}, "NUL"},
+  };
+  for (const auto& row : rows) {
+    const auto error = bpfFilterError(row.expression);
+    ASSERT_TRUE(error) << row.expression;
+    EXPECT_THAT(std::string(*error), HasSubstr(row.message));
+  }
+}
+
+TEST(BpfFilter, EndsTheProcessForAnInvalidExpression) {
+  const auto invalid = [](std::string expression) {
+    Kiv::traceIs("BpfFilter/7");
+    filter("udp")->bpfFilterStringIs(expression);
+  };
+  EXPECT_DEATH(invalid("udp port"),
+               "test compilation failed with error: .*syntax error.*"
+               "BpfFilter.cpp:[0-9]+: assertion failed: false\n");
+  EXPECT_DEATH(invalid(std::string("tcp\0", 4)), "assertion failed: false\n");
+  EXPECT_DEATH(filter("udp")->match(nullptr), "pkt != 0");
+}
+
+TEST(BpfFilter, KeepsItsProgramWhenAnotherDoesNotCompile) {
+  const auto made = filter("udp");
+  const auto pkt = frames::packet(frames::kUdp);
+  EXPECT_FALSE(made->compilePcapFilter("udp port"));
+  EXPECT_TRUE(made->match(pkt));
+  EXPECT_TRUE(made->compilePcapFilter("tcp"));
+  EXPECT_FALSE(made->match(pkt));
+  made->handleFilterString();
+  EXPECT_TRUE(made->match(pkt));
+  // A program that no expression stands for is not used, and not lost.
+  const auto idle = bpfFilterFactory("idle");
+  EXPECT_TRUE(idle->compilePcapFilter("udp"));
+  EXPECT_FALSE(idle->match(pkt));
+}
+
+}  // namespace
