@@ -52,7 +52,7 @@ class KIV_API UdpPam final : public Pam {
     Kiv::String stringValue() const;
     /// The mode of a name; throws `Kiv::RangeException` "Invalid UdpPam::Mode".
     static Mode ModeInstance(std::string_view name);
-    friend std::ostream& operator<<(std::ostream& out, Mode mode) { return out << mode.stringValue(); }
+    friend std::ostream& operator<<(std::ostream& out, Mode value) { return out << value.stringValue(); }
 
    private:
     Instance instance_;

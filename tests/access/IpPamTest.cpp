@@ -184,6 +184,7 @@ TEST(IpPam, TheFilterIsAttachedInTheOrderOfItsIndices) {
 }
 
 TEST(IpPam, AProgramThatTheKernelRefusesCostsTheSocket) {
+  Kiv::activityLoop();  // it has descriptors of its own
   const std::size_t before = openDescriptors();
   const auto pam = ipPamFactory("ip", ipProtoIcmp, NamespaceName());
   const auto fd = pam->fileDescIs("fd");
