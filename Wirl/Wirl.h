@@ -4,23 +4,30 @@
 /// The whole library.
 
 #include "Kiv/Kiv.h"
+#include "Wirl/access/Ip6SocketPam.h"
 #include "Wirl/access/IpFilter.h"
 #include "Wirl/access/IpPam.h"
 #include "Wirl/access/IpSocketOptions.h"
+#include "Wirl/access/IpSocketPam.h"
 #include "Wirl/access/IpTrafficControl.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/access/PamConnector.h"
 #include "Wirl/access/PamFdSm.h"
+#include "Wirl/access/RawIpPam.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"
-#if __has_include("Wirl/packet/BpfFilter.h")  // not where the library was built without filters
 #include "Wirl/packet/BpfFilter.h"
+#if __has_include("Wirl/packet/BpfFilter.h")
+#include "Wirl/packet/BpfFilter.h"  // not there where the library was built without filters
 #endif
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/packet/VlanOffload.h"
+#include "Wirl/transport/SimpleTcpPduPam.h"
 #include "Wirl/transport/TcpFd.h"
 #include "Wirl/transport/TcpFdKivc.h"
+#include "Wirl/transport/TcpKeepaliveOptions.h"
+#include "Wirl/transport/TcpPduPam.h"
 #include "Wirl/transport/UdpPam.h"
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/EthAddr.h"
@@ -42,3 +49,5 @@
 #include "Wirl/value/NamespaceName.h"
 #include "Wirl/value/Prefix.h"
 #include "Wirl/value/VrfName.h"
+#if __has_include("Wirl/packet/BpfFilter.h")  // not where the library was built without filters
+#endif
