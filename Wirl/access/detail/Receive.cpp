@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/detail/Receive.h"
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+namespace Wirl::detail {
+
+Pkt::Ptr newRxPkt(U32 room) noexcept {
+  try {
+    const Pkt::Manager& manager = *globalPktManager();
+    Pkt::Ptr pkt = room <= Pkt::Manager::defaultBufferBytes_ ? manager.newPkt()
+                                                             : manager.newPkt(manager.newSharedBuffer(room));
+    pkt->newSharedHeadData(room);
+    return pkt;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+namespace {
+
+/// Whether `holders` are all that hold the packet, and it can be received into.
+bool reusable(const Pkt& pkt, U32 holders, U32 room) {
+  return pkt.references() == holders && pkt.numIovecs() == 1 && pkt.maxSharedData() >= room &&
+         pkt.sharedBuffer()->references() == 1;
+}
+
+void makeRoom(Pkt& pkt, U32 room) {
+  pkt.resetSharedData();
+  pkt.offsetRangeIs(0, 0);
+  pkt.delSeparateVlanTag();
+  pkt.newSharedHeadData(room);
+}
+
+}  // namespace
+
+Pkt::Ptr rxPktFrom(Pkt::Ptr& last, U32 room) noexcept {
+  Pkt::Ptr pkt = std::move(last);
+  if (!pkt || !reusable(*pkt, 1, room)) return newRxPkt(room);
+  makeRoom(*pkt, room);
+  return pkt;
+}
+
+/// Makes slot `index` ready to receive into; false when there is no memory.
+bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
+  Pkt::Ptr pkt = pam.savedPacket(index);
+  // One reference is ours, the other the slot's.
+  if (!pkt || !reusable(*pkt, 2, room)) {
+    pkt = newRxPkt(room);
+    if (!pkt) return false;
+    pam.savedPacketIs(index, pkt);
+  } else if (index < received_ || pkt->frontBytes() != room) {
+    makeRoom(*pkt, room);
+  }
+  pieces_[index] = {pkt->front(), room};
+  sides_[index].prepare(messages_[index].msg_hdr, pieces_[index]);
+  return true;
+}
+
+S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
+  pam.savedPacketRxDelAll();
+  if (messages_.size() < limit) {
+    messages_.resize(limit);
+    pieces_.resize(limit);
+    sides_.resize(limit);
+  }
+  U16 ready = 0;
+  while (ready < limit && prepare(pam, ready, room)) ++ready;
+  received_ = 0;
+  if (ready == 0) {
+    errno = ENOMEM;
+    return -1;
+  }
+  const int received = recvmmsg(fd, messages_.data(), ready, MSG_DONTWAIT, nullptr);
+  if (received <= 0) return received;
+  received_ = static_cast<U16>(received);
+  pam.savedPacketRxIs(static_cast<U16>(received_ - 1), true);
+  for (U16 index = 0; index < received_; ++index) {
+    pam.savedPacketRxIs(index, true);
+    pam.savedPacket(index)->delSharedTailData(room - messages_[index].msg_len);
+  }
+  return received;
+}
+
+}  // namespace Wirl::detail

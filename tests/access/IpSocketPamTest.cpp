@@ -1,0 +1,807 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/IpSocketPam.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Kiv/Kiv.h"
+#include "Wirl/access/Ip6SocketPam.h"
+#include "Wirl/value/VrfName.h"
+#include "tests/support/AllocationCounter.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/NetNs.h"
+#include "tests/support/Program.h"
+#include "tests/support/TraceCapture.h"
+
+namespace Wirl {
+namespace {
+
+using Options = IpSocketOptions;
+using PamPtr = Kiv::Ptr<RawIpPam>;
+using testing::Contains;
+
+constexpr IpProtocolNumber kProtocol = ipProtoNetworkBoot;  // one that nobody else speaks
+
+/// Two namespaces with a wire between them. One is made for all tests of the program that need no other.
+struct Wire {
+  explicit Wire(const std::string& tag) : red(tag + "red"), blue(tag + "blue"), veth(red, blue) {}
+  const NetNs red, blue;
+  const Veth veth;
+  const U32 indexRed = runIn(red, [] { return if_nametoindex("veth1"); });
+  const U32 indexBlue = runIn(blue, [] { return if_nametoindex("veth1"); });
+};
+std::unique_ptr<Wire> theWire;
+struct WireEnvironment : testing::Environment {
+  void TearDown() override { theWire = nullptr; }
+};
+[[maybe_unused]] const auto* const environment = testing::AddGlobalTestEnvironment(new WireEnvironment);
+
+std::string failureOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const Kiv::ErrnoException& failure) {
+    return failure.message() + " " + std::to_string(failure.error());
+  }
+  return "";
+}
+
+void switchOn(const NetNs& ns, const std::string& setting) {
+  runIn(ns, [&] { std::ofstream("/proc/sys/net/" + setting) << "1\n"; });
+}
+
+Pkt::Ptr pktOf(std::string_view text) {
+  const Pkt::Ptr pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(text);
+  return pkt;
+}
+
+/// Of both families: `GetParam()` is whether IPv6.
+class RawIpPamTest : public NetNsTest, public testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    NetNsTest::SetUp();
+    if (IsSkipped() || HasFailure()) return;
+    if (!theWire) theWire = std::make_unique<Wire>("");
+    wire = theWire.get();
+    addressRed = IpGenAddr(v6 ? wire->veth.ip6A : wire->veth.ipA);
+    addressBlue = IpGenAddr(v6 ? wire->veth.ip6B : wire->veth.ipB);
+  }
+
+  PamPtr pamIn(const NetNs& ns, IpProtocolNumber protocol = kProtocol) const {
+    const NamespaceName name = L3::VrfName(ns.vrf()).nsName();
+    return v6 ? PamPtr(ip6SocketPamFactory("pam", protocol, name))
+              : PamPtr(ipSocketPamFactory("pam", protocol, name));
+  }
+  /// One that is open in red, and one in blue that sends to it.
+  PamPtr receiver(U32 options = 0) const {
+    const PamPtr pam = pamIn(wire->red);
+    pam->optionsIs(options);
+    pam->enabledIs(true);
+    return pam;
+  }
+  PamPtr sender() const {
+    const PamPtr pam = pamIn(wire->blue);
+    pam->txDstIpAddrIs(addressRed);
+    pam->enabledIs(true);
+    return pam;
+  }
+  /// What an IPv4 packet has in front of its payload, as the sockets deliver it.
+  std::size_t headerBytes() const { return v6 ? 0 : 20; }
+  std::string payload(const Pkt::Ptr& pkt) const {
+    return pkt ? std::string(pkt->stringValue()).substr(std::min<std::size_t>(headerBytes(), pkt->bytes()))
+               : "nothing";
+  }
+  std::string receive(const PamPtr& pam, double seconds = 2) const {
+    Pkt::Ptr pkt;
+    Kiv::activityLoop().runUntil([&] { return (pkt = pam->rxPkt()) != nullptr; }, seconds);
+    return payload(pkt);
+  }
+  int optionOf(const PamPtr& pam, int level, int name) const {
+    int value = -2;
+    socklen_t length = sizeof(value);
+    getsockopt(pam->fileDesc()->descriptor(), level, name, &value, &length);
+    return value;
+  }
+  int level() const { return v6 ? IPPROTO_IPV6 : IPPROTO_IP; }
+  std::string text(const char* v4Text, const char* v6Text, int error) const {
+    return std::string("setsockopt(") + (v6 ? v6Text : v4Text) + ") " + std::to_string(error);
+  }
+
+  /// For a test that changes more than it can put back.
+  void useWireOfItsOwn() {
+    own_ = std::make_unique<Wire>(v6 ? "own6" : "own4");
+    wire = own_.get();
+  }
+
+  const bool v6 = GetParam();
+  const Wire* wire = nullptr;
+  IpGenAddr addressRed, addressBlue;
+
+ private:
+  std::unique_ptr<Wire> own_;
+};
+INSTANTIATE_TEST_SUITE_P(Families, RawIpPamTest, testing::Bool(),
+                         [](const auto& param) { return param.param ? "IPv6" : "IPv4"; });
+
+TEST_P(RawIpPamTest, MovesPacketsOfEverySizeAndSaysWhereTheyCameFrom) {
+  const U32 all = Options::ipPktInfo | Options::ipRecvTOS | Options::ipRecvTTL | Options::ipRecvOrigDstAddr;
+  const PamPtr red = receiver(all);
+  const PamPtr blue = sender();
+  blue->txTOSIs(46);
+  blue->txTTLIs(7);
+  red->maxRxPktDataIs(~0u);
+  for (const std::size_t size : {std::size_t{4}, std::size_t{1400}, std::size_t{9000}}) {
+    std::string text(size, 'x');
+    for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 7);
+    blue->txPktIs(pktOf(text));
+    EXPECT_TRUE(receive(red) == text) << size;
+    EXPECT_EQ(red->rxSrcIpAddr(), addressBlue);
+    EXPECT_EQ(red->rxDstIpAddr(), addressRed);
+    EXPECT_EQ(red->rxOrigDstIpAddr(), addressRed);
+    EXPECT_EQ(red->rxIfIndex(), wire->indexRed);
+    EXPECT_EQ(red->rxTOS(), 46 << 2);
+    EXPECT_EQ(red->rxTTL(), 7);
+    EXPECT_EQ(red->rxFlags() & MSG_TRUNC, 0);
+  }
+  EXPECT_EQ(blue->txPktCount(), 3u);
+  EXPECT_EQ(red->rxPktCount(), 3u);
+  const U32 empty = red->rxErrors();
+  EXPECT_EQ(red->rxPkt(), nullptr);
+  EXPECT_EQ(red->rxErrors(), empty + 1);  // also of a socket that is merely empty
+
+  // Without the options: what the header of an IPv4 packet tells, and nothing from before.
+  red->optionsIs(0);
+  blue->txPktIs(pktOf("bare"));
+  EXPECT_EQ(receive(red), "bare");
+  EXPECT_EQ(red->rxSrcIpAddr(), addressBlue);
+  EXPECT_EQ(red->rxDstIpAddr(), v6 ? IpGenAddr() : addressRed);
+  EXPECT_EQ(red->rxTTL(), v6 ? 0 : 7);
+  EXPECT_EQ(red->rxTOS(), v6 ? 0 : 46 << 2);
+  EXPECT_EQ(red->rxIfIndex(), 0u);
+  EXPECT_EQ(red->rxOrigDstIpAddr(), IpGenAddr());
+}
+
+TEST_P(RawIpPamTest, SendsBothPiecesOfAPacketAndCutsWhatIsTooLong) {
+  const PamPtr red = receiver();
+  const PamPtr blue = sender();
+  const Pkt::Ptr pkt = pktOf("payload");
+  pkt->newPrivateHeadData(3);
+  for (U32 i = 0; i < 3; ++i) pkt->rawByteIs(i, 'h');
+  blue->txPktIs(pkt);
+  EXPECT_EQ(receive(red), "hhhpayload");
+  red->maxRxPktDataIs(static_cast<U32>(headerBytes()) + 4);
+  blue->txPktIs(pkt);
+  EXPECT_EQ(receive(red), "hhhp");
+  EXPECT_NE(red->rxFlags() & MSG_TRUNC, 0);
+  red->maxRxPktDataIs(1500);
+  blue->txPktIs(pkt);
+  EXPECT_EQ(receive(red), "hhhpayload");
+  EXPECT_EQ(red->rxFlags() & MSG_TRUNC, 0);
+}
+
+TEST_P(RawIpPamTest, EachOptionIsASocketOptionAtOpeningAndWhileOpen) {
+  const struct {
+    U32 bit;
+    int v4, v6;
+    int off;
+  } rows[] = {{Options::ipFreeBind, IP_FREEBIND, IPV6_FREEBIND, 0},
+              {Options::ipHdrIncl, IP_HDRINCL, IPV6_HDRINCL, 0},
+              {Options::ipMulticastLoop, IP_MULTICAST_LOOP, IPV6_MULTICAST_LOOP, 0},
+              {Options::ipPktInfo, IP_PKTINFO, IPV6_RECVPKTINFO, 0},
+              {Options::ipRecvErr, IP_RECVERR, IPV6_RECVERR, 0},
+              {Options::ipRecvOrigDstAddr, IP_RECVORIGDSTADDR, IPV6_RECVORIGDSTADDR, 0},
+              {Options::ipRecvTOS, IP_RECVTOS, IPV6_RECVTCLASS, 0},
+              {Options::ipRecvTTL, IP_RECVTTL, IPV6_RECVHOPLIMIT, 0},
+              {Options::ipTransparent, IP_TRANSPARENT, IPV6_TRANSPARENT, 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(Options(row.bit));
+    const PamPtr pam = receiver();
+    const auto value = [&] { return optionOf(pam, level(), v6 ? row.v6 : row.v4); };
+    EXPECT_EQ(value(), row.off);
+    pam->optionsIs(row.bit);
+    EXPECT_EQ(value(), 1);
+    pam->enabledIs(false);
+    pam->enabledIs(true);
+    EXPECT_EQ(value(), 1);
+    pam->optionsIs(0);
+    EXPECT_EQ(value(), row.off);
+    const std::size_t before = openDescriptors();
+    const Fault fault(Call::setsockopt, 1, ENOMEM);
+    EXPECT_THAT(failureOf([&] { pam->optionsIs(row.bit); }), testing::HasSubstr(") 12"));
+    EXPECT_EQ(pam->options(), 0u);
+    EXPECT_EQ(pam->fileDesc()->descriptor(), -1);
+    EXPECT_EQ(openDescriptors(), before - 1);
+    pam->txDstIpAddrIs(addressBlue);
+    pam->txPktIs(pktOf("x"));
+    EXPECT_EQ(pam->txErrno(), EBADF);
+    EXPECT_EQ(pam->rxPkt(), nullptr);
+    pam->enabledIs(false);
+    pam->enabledIs(true);
+    EXPECT_GE(pam->fileDesc()->descriptor(), 0);
+  }
+}
+
+TEST_P(RawIpPamTest, TheOtherOptionsTakeTheirValuesFromTheAttributes) {
+  const PamPtr pam = receiver();
+  const auto priority = [&] { return optionOf(pam, SOL_SOCKET, SO_PRIORITY); };
+  pam->rxBufIs(1 << 22);
+  pam->optionsIs(Options::ipRcvBuf);
+  EXPECT_EQ(optionOf(pam, SOL_SOCKET, SO_RCVBUF), 2 << 22);
+  pam->rxBufIs(~0u);
+  pam->optionsIs(0);
+  pam->optionsIs(Options::ipRcvBuf);
+  EXPECT_GT(optionOf(pam, SOL_SOCKET, SO_RCVBUF), 2 << 22);
+  pam->priorityIs(5);
+  EXPECT_EQ(priority(), 5);
+  pam->txTOSIs(8);
+  EXPECT_EQ(priority(), 5);  // not what the kernel makes of the TOS octet
+  pam->txTTLIs(9);
+  const int tos = v6 ? IPV6_TCLASS : IP_TOS;
+  const int ttl = v6 ? IPV6_UNICAST_HOPS : IP_TTL;
+  const int multicastTtl = v6 ? IPV6_MULTICAST_HOPS : IP_MULTICAST_TTL;
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(optionOf(pam, level(), tos), 8 << 2);
+    EXPECT_EQ(optionOf(pam, level(), ttl), 9);
+    EXPECT_EQ(optionOf(pam, level(), multicastTtl), 9);
+    EXPECT_EQ(priority(), 5);
+    pam->enabledIs(false);
+    pam->enabledIs(true);
+  }
+  pam->txTTLIs(IpTtl());
+  EXPECT_EQ(optionOf(pam, level(), ttl), 64);
+  EXPECT_EQ(optionOf(pam, level(), multicastTtl), 1);
+  pam->priorityIs(0);
+  pam->optionsIs(Options::ipPriority);
+  pam->txTOSIs(16);
+  EXPECT_EQ(priority(), 0);  // 0 is kept, too, where it is asked for
+  EXPECT_THROW(pam->priorityIs(16), Kiv::RangeException);
+  pam->priorityIs(3);
+  pam->optionsIs(0);
+  EXPECT_EQ(priority(), 0);
+}
+
+TEST_P(RawIpPamTest, EveryFailedStepOfOpeningThrowsItsTextAndClosesWhatItOpened) {
+  const struct {
+    Call call;
+    unsigned nth;
+    std::string text;
+  } rows[] = {{Call::socket, 1, "socket 12"},
+              {Call::epoll_ctl, 1, "epoll_ctl 12"},
+              {Call::fcntl, 1, "fcntl(O_NONBLOCK) 12"},
+              {Call::setsockopt, 1, "setsockopt(SO_ATTACH_FILTER) 12"},
+              {Call::setsockopt, 2, text("IP_MULTICAST_LOOP", "IPV6_MULTICAST_LOOP", 12)},
+              {Call::setsockopt, 3, text("IP_PKTINFO", "IPV6_RECVPKTINFO", 12)},
+              {Call::setsockopt, 4, "setsockopt(SO_ATTACH_FILTER) 12"},
+              {Call::setsockopt, 5, "setsockopt(SO_RCVBUFFORCE) 12"},
+              {Call::setsockopt, 6, "setsockopt(SO_PRIORITY) 12"},
+              {Call::setsockopt, 7, text("IP_TOS", "IPV6_TCLASS", 12)},
+              {Call::setsockopt, 9, text("IP_TTL", "IPV6_UNICAST_HOPS", 12)},
+              {Call::setsockopt, 10, text("IP_MULTICAST_TTL", "IPV6_MULTICAST_HOPS", 12)}};
+  const PamPtr pam = pamIn(wire->red);
+  pam->rxFilterIs(0, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffff));
+  pam->optionsIs(Options::ipPktInfo | Options::ipAttachFilter | Options::ipRcvBuf | Options::ipPriority);
+  pam->txTOSIs(1);
+  pam->txTTLIs(1);
+  const std::size_t before = openDescriptors();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    {
+      const Fault fault(row.call, row.nth, ENOMEM);
+      EXPECT_EQ(failureOf([&] { pam->enabledIs(true); }), row.text);
+    }
+    EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(pam->fileDesc(), nullptr);
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(pam->readableCount(), 0u);
+  }
+  pam->enabledIs(true);
+  EXPECT_EQ(pam->readableCount() + pam->writableCount(), 2u);
+  pam->enabledIs(false);
+  pam->rxFilterDelAll();
+  EXPECT_EQ(failureOf([&] { pam->enabledIs(true); }),
+            "SO_ATTACH_FILTER option must be supplied with a valid filter 22");
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  rlimit tight = limit;
+  tight.rlim_cur = 3;
+  setrlimit(RLIMIT_NOFILE, &tight);
+  EXPECT_EQ(failureOf([&] { pam->enabledIs(true); }), "socket " + std::to_string(EMFILE));
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_P(RawIpPamTest, FailuresOfSendsAndReceivesAreCountedAndNothingElse) {
+  const PamPtr red = receiver();
+  const PamPtr blue = sender();
+  U32 failed = 0;
+  for (const int error : {EAGAIN, EACCES, ENOBUFS, EPERM, ENETUNREACH, EMSGSIZE, ENOMEM, EINVAL, ENETDOWN}) {
+    const Fault fault(Call::sendmsg, 1, error);
+    blue->txPktIs(pktOf("lost"));
+    EXPECT_EQ(blue->txErrno(), error);
+    EXPECT_EQ(blue->txErrors(), ++failed);
+  }
+  EXPECT_EQ(blue->txDrops() + blue->txPktCount(), 0u);
+  EXPECT_EQ(receive(red, 0.01), "nothing");
+  blue->txPktIs(pktOf("kept"));
+  for (const bool bulk : {false, true}) {
+    red->enableBulkReadIs(bulk);
+    for (const int error : {EAGAIN, EBADF, ECONNREFUSED, EINTR, EINVAL, ENOMEM, ENOTCONN, ENETDOWN}) {
+      const U32 before = red->rxErrors();
+      TraceCapture traces("IpSocketPam/0,Ip6SocketPam/0");
+      const Fault fault(bulk ? Call::recvmmsg : Call::recvmsg, 1, error);
+      EXPECT_EQ(red->rxPkt(), nullptr);
+      EXPECT_EQ(red->rxErrors(), before + 1);
+      EXPECT_EQ(traces.lines().size(), error == EAGAIN ? 0u : 1u);
+      if (error != EAGAIN && !bulk) {
+        EXPECT_THAT(traces.lines()[0], testing::EndsWith("recvmsg failed with " + std::to_string(error)));
+      }
+    }
+  }
+  EXPECT_EQ(receive(red), "kept");
+}
+
+TEST_P(RawIpPamTest, WhatCannotBeSentIsRefusedAndCounted) {
+  const PamPtr blue = sender();
+  const IpGenAddr other = v6 ? IpGenAddr(IpAddr("10.0.0.1")) : IpGenAddr(Ip6Addr("2001:db8::1"));
+  const struct {
+    IpGenAddr to, from;
+    const char* device;
+    int error;
+  } rows[] = {{IpGenAddr(), IpGenAddr(), "", EDESTADDRREQ},
+              {v6 ? IpGenAddr("::") : IpGenAddr("0.0.0.0"), IpGenAddr(), "", EDESTADDRREQ},
+              {other, IpGenAddr(), "", EAFNOSUPPORT},
+              {addressRed, other, "", EAFNOSUPPORT},
+              {addressRed, IpGenAddr(), "nosuchdevice", ENODEV},
+              {addressRed, IpGenAddr(), "a name longer than any device's", ENODEV}};
+  U32 refused = 0;
+  const Fault calls(Call::sendmsg);
+  for (const auto& row : rows) {
+    blue->txDstIpAddrIs(row.to);
+    blue->txSrcIpAddrIs(row.from);
+    blue->txIfNameIs(row.device);
+    blue->txPktIs(pktOf("x"));
+    EXPECT_EQ(blue->txErrno(), row.error);
+    EXPECT_EQ(blue->txErrors(), ++refused);
+  }
+  EXPECT_EQ(calls.calls(), 0u);
+}
+
+TEST_P(RawIpPamTest, SourceAndInterfaceAreChosenAndStay) {
+  const std::string second = v6 ? "fd77:1::99" : "10.77.1.99";
+  wire->blue.ip("addr add " + second + (v6 ? "/64 dev veth1 nodad" : "/24 dev veth1"));
+  const PamPtr red = receiver();
+  const PamPtr blue = sender();
+  blue->txSrcIpAddrIs(IpGenAddr(second));
+  for (int i = 0; i < 2; ++i) {
+    blue->txPktIs(pktOf("x"));
+    EXPECT_EQ(receive(red), "x");
+    EXPECT_EQ(red->rxSrcIpAddr(), IpGenAddr(second));
+  }
+  wire->blue.ip("addr del " + second + (v6 ? "/64 dev veth1" : "/24 dev veth1"));
+  blue->txPktIs(pktOf("x"));
+  EXPECT_NE(blue->txErrno(), 0);
+  EXPECT_EQ(blue->txErrors(), 1u);
+  blue->txSrcIpAddrIs(IpGenAddr());
+  // A group says nothing of where it is; by index, then by name.
+  const PamPtr member = receiver();
+  const IpGenAddr group(v6 ? "ff02::4d4d" : "224.0.0.77");
+  EXPECT_EQ(member->handleMcastGroup(group, true, wire->indexRed), 0);
+  blue->txDstIpAddrIs(group);
+  blue->txIfIndexIs(wire->indexBlue);
+  blue->txPktIs(pktOf("by index"));
+  EXPECT_EQ(receive(member), "by index");
+  blue->txIfIndexIs(0);
+  blue->txIfNameIs("veth1");
+  blue->txPktIs(pktOf("by name"));
+  EXPECT_EQ(receive(member), "by name");
+  blue->txIfNameIs("lo");
+  blue->txPktIs(pktOf("elsewhere"));
+  EXPECT_EQ(receive(member, 0.05), "nothing");
+}
+
+TEST_P(RawIpPamTest, MembershipsAreThoseOfTheSocketItself) {
+  const PamPtr red = receiver(Options::ipPktInfo);
+  const PamPtr other = receiver();
+  const PamPtr blue = sender();
+  const IpGenAddr group(v6 ? "ff02::4d4e" : "224.0.0.78");
+  const IpGenAddr second(v6 ? "ff02::4d4f" : "224.0.0.79");
+  blue->txDstIpAddrIs(group);
+  blue->txIfIndexIs(wire->indexBlue);
+  EXPECT_EQ(red->handleMcastGroup(addressRed, true, 0), EINVAL);
+  EXPECT_EQ(red->handleMcastGroup(v6 ? IpGenAddr("224.0.0.5") : IpGenAddr("ff02::5"), true, 0), EINVAL);
+  EXPECT_EQ(red->handleMcastGroup(group, true, 0x7fffffff), ENODEV);
+  EXPECT_EQ(red->handleMcastGroup(group, false, wire->indexRed), EADDRNOTAVAIL);
+  EXPECT_EQ(pamIn(wire->red)->handleMcastGroup(group, true, 0), ENODEV);
+  EXPECT_EQ(red->handleMcastGroup(group, true, wire->indexRed), 0);
+  EXPECT_EQ(red->handleMcastGroup(group, true, wire->indexRed), EADDRINUSE);
+  EXPECT_EQ(other->handleMcastGroup(second, true, wire->indexRed), 0);
+  blue->txPktIs(pktOf("group"));
+  EXPECT_EQ(receive(red), "group");
+  EXPECT_EQ(red->rxDstIpAddr(), group);
+  EXPECT_EQ(receive(other, 0.02), v6 ? "group" : "nothing");
+  blue->txDstIpAddrIs(second);
+  blue->txPktIs(pktOf("second"));
+  EXPECT_EQ(receive(other), "second");
+  // What another socket joined is not ours, except that the kernel gives every group to a raw IPv6 socket.
+  EXPECT_EQ(receive(red, 0.02), v6 ? "second" : "nothing");
+  EXPECT_EQ(red->handleMcastGroup(group, false, wire->indexRed), 0);
+  blue->txDstIpAddrIs(group);
+  blue->txPktIs(pktOf("after"));
+  EXPECT_EQ(receive(red, 0.02), "nothing");
+}
+
+TEST_P(RawIpPamTest, PacketsWithAHeaderGoWhereTheHeaderSays) {
+  const PamPtr red = receiver(Options::ipRecvTTL);
+  const PamPtr blue = pamIn(wire->blue);
+  blue->optionsIs(Options::ipHdrIncl);
+  blue->enabledIs(true);
+  std::string header(v6 ? 40 : 20, '\0');
+  header[0] = v6 ? 0x60 : 0x45;
+  if (v6) header[5] = 4;
+  header[v6 ? 6 : 9] = static_cast<char>(kProtocol);
+  header[v6 ? 7 : 8] = 33;
+  IpGenAddr(addressBlue).copyToBuffer(reinterpret_cast<unsigned char*>(&header[v6 ? 8 : 12]));
+  IpGenAddr(addressRed).copyToBuffer(reinterpret_cast<unsigned char*>(&header[v6 ? 24 : 16]));
+  for (const U32 inPrivate : {0u, 7u, v6 ? 40u : 20u}) {
+    const Pkt::Ptr pkt = pktOf(header.substr(inPrivate) + "data");
+    if (inPrivate > 0) pkt->newPrivateHeadData(inPrivate);
+    for (U32 i = 0; i < inPrivate; ++i) pkt->rawByteIs(i, static_cast<U8>(header[i]));
+    blue->txPktIs(pkt);
+    EXPECT_EQ(blue->txErrno(), 0);
+    EXPECT_EQ(receive(red), "data");
+    EXPECT_EQ(red->rxTTL(), 33);
+    EXPECT_EQ(red->rxSrcIpAddr(), addressBlue);
+  }
+  blue->txPktIs(pktOf("short"));
+  EXPECT_EQ(blue->txErrno(), EDESTADDRREQ);
+}
+
+TEST_P(RawIpPamTest, ABatchFillsTheSlotsAndLeavesAloneWhatClientsHold) {
+  const PamPtr red = receiver(Options::ipPktInfo | Options::ipRecvTTL);
+  const PamPtr witness = receiver();
+  const PamPtr blue = sender();
+  red->socketReadLimitIs(4);
+  red->enableBulkReadIs(true);
+  const Pkt::Ptr made = red->savedPacket(0);
+  const auto send = [&](std::initializer_list<const char*> texts) {
+    for (const char* text : texts) {
+      blue->txTTLIs(static_cast<U8>(text[0]));
+      blue->txPktIs(pktOf(text));
+    }
+    for (const char* text : texts) EXPECT_EQ(receive(witness), text);  // by now they have arrived
+  };
+  const auto slots = [&] {
+    std::string all;
+    for (U16 i = 0; i < 6; ++i) all += red->savedPacketRx(i) ? payload(red->savedPacket(i)) : ".";
+    return all;
+  };
+  send({"a", "b", "c", "d", "e"});
+  EXPECT_EQ(payload(red->rxPkt()), "d");  // the last of the batch, which the attributes are about
+  EXPECT_EQ(slots(), "abcd..");
+  EXPECT_EQ(red->rxTTL(), 'd');
+  EXPECT_NE(red->savedPacket(0), made);  // we hold it
+  for (U16 i = 0; i < 4; ++i) {
+    EXPECT_EQ(red->rxMetadata(i).ttl, 'a' + i);
+    EXPECT_EQ(red->rxMetadata(i).srcIpAddr, addressBlue);
+    EXPECT_EQ(red->rxMetadata(i).ifIndex, wire->indexRed);
+  }
+  EXPECT_EQ(red->rxPktCount(), 4u);
+  // Held: a packet, and the buffer of another; free: the rest.
+  const Pkt::Ptr held = red->savedPacket(0);
+  const Pkt::Ptr copy = globalPktManager()->newShallowCopy(red->savedPacket(1));
+  const Pkt* const reused = red->savedPacket(2).get();
+  EXPECT_EQ(payload(red->rxPkt()), "e");
+  EXPECT_EQ(slots(), "e.....");
+  EXPECT_EQ(red->rxMetadata(1).ttl, 0);
+  send({"f", "g", "h", "i"});
+  EXPECT_NE(red->rxPkt(), nullptr);
+  EXPECT_EQ(slots(), "fghi..");
+  EXPECT_EQ(payload(held), "a");
+  EXPECT_EQ(payload(copy), "b");
+  EXPECT_EQ(red->savedPacket(2).get(), reused);
+  EXPECT_EQ(red->rxPkt(), nullptr);
+  EXPECT_EQ(slots(), "......");
+
+  // What clients do to a slot's packet does not last.
+  red->savedPacket(0)->newPrivateHeadData(2);
+  red->savedPacket(1)->newSeparateVlanTag(1, 2);
+  red->savedPacketDel(2);
+  red->maxRxPktDataIs(4000);
+  send({"j", "k", "l"});
+  EXPECT_NE(red->rxPkt(), nullptr);
+  EXPECT_EQ(slots(), "jkl...");
+  red->enableBulkReadIs(false);
+  send({"single"});
+  EXPECT_EQ(receive(red), "single");
+}
+
+/// Lets through packets whose payload begins with the letter.
+void filterIs(RawIpPam& pam, std::size_t headerBytes, char letter) {
+  pam.rxFilterIs(0, IpFilter(BPF_LD | BPF_B | BPF_ABS, 0, 0, static_cast<U32>(headerBytes)));
+  pam.rxFilterIs(1, IpFilter(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, static_cast<U32>(letter)));
+  pam.rxFilterIs(2, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffff));
+  pam.rxFilterIs(3, IpFilter(BPF_RET | BPF_K, 0, 0, 0));
+}
+
+TEST_P(RawIpPamTest, AFilterLetsThroughExactlyWhatItShouldUnderAFlood) {
+  const PamPtr blue = sender();
+  const PamPtr red = pamIn(wire->red);
+  filterIs(*red, headerBytes(), 'y');
+  red->optionsIs(Options::ipAttachFilter);
+  // Also what arrives while the socket is being opened.
+  Fault during(Call::epoll_ctl, 1, [&] {
+    for (int i = 0; i < 20; ++i) blue->txPktIs(pktOf("no early"));
+  });
+  red->enabledIs(true);
+  EXPECT_GE(during.calls(), 1u);
+  int right = 0;
+  int wrong = 0;
+  const Kiv::Reactor drain(red->readableCount, [&] {
+    while (const Pkt::Ptr pkt = red->rxPkt()) (payload(pkt)[0] == 'y' ? right : wrong) += 1;
+  });
+  for (int i = 0; i < 20000; ++i) {
+    blue->txPktIs(pktOf(i % 100 == 0 ? "yes" : "no"));
+    if (i % 100 == 0) Kiv::activityLoop().poll();
+  }
+  Kiv::activityLoop().runUntil([&] { return right == 200; }, 2);
+  EXPECT_EQ(right, 200);
+  EXPECT_EQ(wrong, 0);
+  // Another program takes the place of the first one; then none.
+  filterIs(*red, headerBytes(), 'z');
+  red->doAttachBpfFilter();
+  blue->txPktIs(pktOf("yes"));
+  blue->txPktIs(pktOf("zes"));
+  Kiv::activityLoop().runUntil([&] { return right + wrong > 200; }, 2);
+  EXPECT_EQ(wrong, 1);
+  red->optionsIs(0);
+  blue->txPktIs(pktOf("anything"));
+  Kiv::activityLoop().runUntil([&] { return wrong == 2; }, 2);
+  EXPECT_EQ(wrong, 2);
+  // Switched on while open with a program that the kernel refuses: the socket is gone until it is reopened.
+  red->rxFilterIs(3, IpFilter(0xffff, 0, 0, 0));
+  EXPECT_EQ(failureOf([&] { red->optionsIs(Options::ipAttachFilter); }), "setsockopt(SO_ATTACH_FILTER) 22");
+  EXPECT_EQ(red->fileDesc()->descriptor(), -1);
+  EXPECT_TRUE(red->enabled());
+}
+
+TEST_P(RawIpPamTest, AFloodFasterThanTheReaderLosesPacketsAndNothingElse) {
+  const PamPtr red = pamIn(wire->red);
+  red->rxBufIs(1);  // the kernel makes it its minimum
+  red->optionsIs(Options::ipRcvBuf);
+  red->enabledIs(true);
+  const PamPtr blue = sender();
+  for (int i = 0; i < 1000; ++i) blue->txPktIs(pktOf("flood"));
+  int got = 0;
+  while (receive(red, 0.01) == "flood") ++got;
+  EXPECT_GT(got, 0);
+  EXPECT_LT(got, 1000);
+  blue->txPktIs(pktOf("after"));
+  EXPECT_EQ(receive(red), "after");
+}
+
+TEST_P(RawIpPamTest, WhatIcmpReportsIsTakenOffTheErrorQueueAndTheLoopComesToRest) {
+  useWireOfItsOwn();
+  const PamPtr blue = sender();
+  blue->optionsIs(Options::ipRecvErr);
+  Kiv::Reactor drain(blue->readableCount, [&] {
+    while (blue->rxPkt()) {
+    }
+  });
+  wire->red.ip(v6 ? "route add unreachable fd66::/64" : "route add unreachable 10.66.0.0/16");
+  wire->blue.ip(v6 ? "route add fd66::/64 via " + wire->veth.ip6A
+                   : "route add 10.66.0.0/16 via " + wire->veth.ipA);
+  switchOn(wire->red, v6 ? "ipv6/conf/all/forwarding" : "ipv4/ip_forward");
+  blue->txDstIpAddrIs(IpGenAddr(v6 ? "fd66::1" : "10.66.0.1"));
+  for (int i = 0; i < 300 && blue->rxErrQueueCount() == 0; ++i) {  // the system limits how often it tells
+    blue->txPktIs(pktOf("into the void"));
+    Kiv::activityLoop().runFor(0.01);
+  }
+  EXPECT_GT(blue->rxErrQueueCount(), 0u);
+  Kiv::activityLoop().runFor(0.01);
+  const U32 events = blue->readableCount();
+  Kiv::activityLoop().runFor(0.02);
+  EXPECT_EQ(blue->readableCount(), events);
+}
+
+TEST_P(RawIpPamTest, ReactorsMayDisableReopenOrDropThePamAtAnyPoint) {
+  const std::size_t before = openDescriptors();
+  {
+    const PamPtr pam = pamIn(wire->red);  // in the first count, before opening is over
+    const Kiv::Reactor reactor(pam->readableCount, [&] { pam->enabledIs(false); });
+    pam->enabledIs(true);
+    EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(pam->fdSm(), nullptr);
+    EXPECT_EQ(openDescriptors(), before);
+  }
+  {
+    const PamPtr pam = pamIn(wire->red);
+    const Kiv::Reactor reactor(pam->readableCount, [] { throw std::runtime_error("client"); });
+    EXPECT_THROW(pam->enabledIs(true), std::runtime_error);
+    EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(openDescriptors(), before);
+  }
+  {
+    const PamPtr pam = pamIn(wire->red);
+    bool once = true;
+    const Kiv::Reactor reactor(pam->writableCount, [&] {
+      if (!std::exchange(once, false)) return;
+      pam->enabledIs(false);
+      pam->enabledIs(true);
+    });
+    pam->enabledIs(true);
+    EXPECT_TRUE(pam->enabled());
+    EXPECT_NE(pam->fdSm(), nullptr);
+    EXPECT_EQ(openDescriptors(), before + 1);
+  }
+  for (const bool bulk : {false, true}) {
+    for (const bool destroy : {false, true}) {
+      const PamPtr blue = sender();
+      for (int attribute = 0; attribute < 4; ++attribute) {
+        PamPtr red = receiver(Options::ipPktInfo);
+        red->enableBulkReadIs(bulk);
+        const auto strike = [&] {
+          if (destroy) {
+            red = nullptr;
+          } else {
+            red->enabledIs(false);
+          }
+        };
+        const Kiv::Reactor reactor = attribute == 0   ? Kiv::Reactor(red->rxSrcIpAddr, strike)
+                                     : attribute == 1 ? Kiv::Reactor(red->rxPktCount, strike)
+                                     : attribute == 2 ? Kiv::Reactor(red->rxErrors, strike)
+                                                      : Kiv::Reactor(red->readableCount, strike);
+        blue->txPktIs(pktOf("x"));
+        for (int i = 0; i < 2000 && red && red->enabled(); ++i) {
+          Kiv::activityLoop().poll();
+          if (red) red->rxPkt();
+        }
+        EXPECT_EQ(red == nullptr, destroy);
+        EXPECT_EQ(openDescriptors(), before + 1);
+      }
+    }
+    PamPtr blue = sender();
+    const Kiv::Reactor reactor(blue->txErrno, [&] { blue = nullptr; });
+    const Fault fault(Call::sendmsg, 1, ENOBUFS);
+    blue->txPktIs(pktOf("x"));
+    EXPECT_EQ(blue, nullptr);
+  }
+}
+
+TEST_P(RawIpPamTest, SteadyStateAllocatesNothing) {
+  for (const bool bulk : {false, true}) {
+    for (const U32 room : {1500u, 9000u}) {
+      const PamPtr red = receiver(Options::ipPktInfo | Options::ipRecvTTL);
+      const PamPtr blue = sender();
+      red->maxRxPktDataIs(room);
+      red->enableBulkReadIs(bulk);
+      U32 got = 0;
+      const Kiv::Reactor drain(red->readableCount, [&] {
+        while (red->rxPkt()) ++got;
+      });
+      const Pkt::Ptr pkt = pktOf("steady");
+      const auto round = [&] {
+        const U32 wanted = got + 1;
+        blue->txPktIs(pkt);
+        while (got < wanted) Kiv::activityLoop().poll();
+      };
+      for (int i = 0; i < 10; ++i) round();
+      const AllocationCounter allocations;
+      for (int i = 0; i < 500; ++i) round();
+      EXPECT_EQ(allocations.allocations(), 0u) << room;
+    }
+  }
+}
+
+TEST_P(RawIpPamTest, InterfaceAndNamespaceMayVanishAndComeBack) {
+  auto green = std::make_unique<NetNs>("green");
+  // The kernel takes its time to remove a namespace and what is in it.
+  const unsigned number = v6 ? 4 : 2;
+  const auto veth = std::make_unique<Veth>(wire->blue, *green, number);
+  const std::string device = veth->intf;
+  const PamPtr pam = pamIn(*green);
+  pam->txDstIpAddrIs(IpGenAddr(v6 ? veth->ip6A : veth->ipA));
+  pam->enabledIs(true);
+  const PamPtr peer = pamIn(wire->blue);
+  peer->enabledIs(true);
+  pam->txPktIs(pktOf("up"));
+  EXPECT_EQ(receive(peer), "up");
+  green->ip("link set " + device + " down");
+  pam->txPktIs(pktOf("down"));
+  EXPECT_EQ(pam->txErrors(), 1u);
+  EXPECT_EQ(pam->rxPkt(), nullptr);
+  green->ip("link set " + device + " up");
+  if (v6) green->ip("addr add " + veth->ip6B + "/64 dev " + device + " nodad");
+  std::string got;
+  for (int i = 0; i < 100 && got != "again"; ++i) {
+    pam->txPktIs(pktOf("again"));
+    got = receive(peer, 0.05);
+  }
+  EXPECT_EQ(got, "again");
+  green->ip("link del " + device);
+  pam->txPktIs(pktOf("gone"));
+  EXPECT_GT(pam->txErrors(), 1u);
+  EXPECT_NE(pam->txErrno(), 0);
+  green = nullptr;
+  pam->txPktIs(pktOf("gone"));
+  EXPECT_EQ(pam->rxPkt(), nullptr);
+  EXPECT_TRUE(pam->enabled());
+  pam->enabledIs(false);
+  EXPECT_EQ(failureOf([&] { pam->enabledIs(true); }), "socket " + std::to_string(ENOENT));
+  EXPECT_FALSE(pam->enabled());
+  const NetNs again("green");
+  const Veth wireAgain(wire->blue, again, number + 1);
+  pam->txDstIpAddrIs(IpGenAddr(v6 ? wireAgain.ip6A : wireAgain.ipA));
+  pam->enabledIs(true);
+  pam->txPktIs(pktOf("back"));
+  EXPECT_EQ(receive(peer), "back");
+}
+
+using RawIpPamDeathTest = RawIpPamTest;
+INSTANTIATE_TEST_SUITE_P(Families, RawIpPamDeathTest, testing::Bool());
+
+TEST_P(RawIpPamDeathTest, ProgrammingErrorsEndTheProcess) {
+  const PamPtr pam = pamIn(wire->red);
+  TraceCapture traces("IpSocketPam/0-9,Ip6SocketPam/0-9");
+  EXPECT_EQ(pam->rxPkt(), nullptr);
+  EXPECT_THAT(traces.lines(), Contains(v6 ? "Ip6SocketPam/3:Ip6SocketPam not enabled. Aborting action"
+                                          : "IpSocketPam/3:IpSocketPam not enabled. Aborting action"));
+  EXPECT_EQ(pam->rxErrors(), 0u);
+  EXPECT_DEATH(pam->txPktIs(pktOf("x")), "enabled\\(\\)");
+  pam->enabledIs(true);
+  EXPECT_DEATH(pam->txPktIs(nullptr), "pkt");
+  EXPECT_DEATH(pam->rxPktBulk(), "Need to implement doGetBulkRxPkt in a derived class");
+}
+
+class RawIpPeersTest : public RawIpPamTest {};
+INSTANTIATE_TEST_SUITE_P(Families, RawIpPeersTest, testing::Bool());
+
+TEST_P(RawIpPeersTest, TheSystemsPingGetsItsAnswers) {
+  useWireOfItsOwn();
+  // The kernel of this end keeps silent, so that the answers are ours.
+  wire->red.ip("addr flush dev veth1");
+  const std::string ours = v6 ? "fd77:1::ee" : "10.77.1.238";
+  switchOn(wire->red, v6 ? "ipv6/icmp/echo_ignore_all" : "ipv4/icmp_echo_ignore_all");
+  wire->red.ip("addr add " + ours + (v6 ? "/64 dev veth1 nodad" : "/24 dev veth1"));
+  const PamPtr pam = pamIn(wire->red, v6 ? ipProtoIcmpv6 : ipProtoIcmp);
+  pam->optionsIs(Options::ipPktInfo);
+  const U8 request = v6 ? 128 : 8;
+  const U8 reply = v6 ? 129 : 0;
+  const Kiv::Reactor answer(pam->readableCount, [&] {
+    while (const Pkt::Ptr pkt = pam->rxPkt()) {
+      if (!v6) pkt->delSharedHeadData(4u * (pkt->rawByte(0) & 0xf));
+      if (pkt->bytes() < 8 || pkt->rawByte(0) != request) continue;
+      pkt->rawByteIs(0, reply);
+      if (!v6) {  // RFC 1624, for one octet that went from 8 to 0
+        U32 sum = U32{pkt->rawByte(2)} << 8 | pkt->rawByte(3);
+        sum += 0x0800;
+        sum = (sum & 0xffff) + (sum >> 16);
+        pkt->rawByteIs(2, static_cast<U8>(sum >> 8));
+        pkt->rawByteIs(3, static_cast<U8>(sum));
+      }
+      pam->txDstIpAddrIs(pam->rxSrcIpAddr());
+      pam->txSrcIpAddrIs(pam->rxDstIpAddr());
+      pam->txIfIndexIs(pam->rxIfIndex());
+      pam->txPktIs(pkt);
+    }
+  });
+  pam->enabledIs(true);
+  Program ping("ip netns exec " + wire->blue.name() + " ping -n -c 5 -i 0.01 -W 2 -s 100 " + ours);
+  for (int i = 0; i < 1000 && !ping.ended(); ++i) Kiv::activityLoop().runFor(0.01);
+  EXPECT_THAT(ping.output(), testing::HasSubstr("5 received, 0% packet loss"));
+  EXPECT_EQ(pam->txErrors(), 0u);
+  EXPECT_EQ(pam->txPktCount(), 5u);
+}
+
+}  // namespace
+}  // namespace Wirl
