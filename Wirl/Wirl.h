@@ -16,18 +16,11 @@
 #include "Wirl/access/RawIpPam.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"
-#include "Wirl/packet/BpfFilter.h"
-#if __has_include("Wirl/packet/BpfFilter.h")
-#include "Wirl/packet/BpfFilter.h"  // not there where the library was built without filters
-#endif
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/packet/VlanOffload.h"
-#include "Wirl/transport/SimpleTcpPduPam.h"
 #include "Wirl/transport/TcpFd.h"
 #include "Wirl/transport/TcpFdKivc.h"
-#include "Wirl/transport/TcpKeepaliveOptions.h"
-#include "Wirl/transport/TcpPduPam.h"
 #include "Wirl/transport/UdpPam.h"
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/EthAddr.h"
@@ -49,5 +42,8 @@
 #include "Wirl/value/NamespaceName.h"
 #include "Wirl/value/Prefix.h"
 #include "Wirl/value/VrfName.h"
-#if __has_include("Wirl/packet/BpfFilter.h")  // not where the library was built without filters
+
+// Not there where the library was built without filters.
+#if __has_include("Wirl/packet/BpfFilter.h")
+#include "Wirl/packet/BpfFilter.h"
 #endif
