@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Kiv/ActivityLoop.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <time.h>
@@ -37,7 +38,10 @@ class ActivityLoop::Running {
     loop.running_ = true;
     loop.stopped_ = false;
   }
-  ~Running() { loop_->running_ = false; }
+  ~Running() {
+    loop_->running_ = false;
+    loop_->syncEmbedded();
+  }
   Running(const Running&) = delete;
   Running& operator=(const Running&) = delete;
 
@@ -70,13 +74,15 @@ ActivityLoop::~ActivityLoop() {
 // ------------------------------------------------------------------------------------------------
 
 U32 ActivityLoop::slotIs(FileDescriptor& target, int fd, U32 events) {
+  // Asked of the kernel first, so that the table grows for descriptors that exist and no others.
+  if (fcntl(fd, F_GETFD) < 0) throw ErrnoException(errno, "epoll_ctl");
+  const auto number = static_cast<std::size_t>(fd);
+  if (slotOfFd_.size() <= number) slotOfFd_.resize(number + 1, kNoSlot);
   if (freeSlots_.empty()) {
     slots_.emplace_back();
     freeSlots_.reserve(slots_.size());
     freeSlots_.push_back(static_cast<U32>(slots_.size() - 1));
   }
-  if (slotOfFd_.size() <= static_cast<std::size_t>(fd))
-    slotOfFd_.resize(static_cast<std::size_t>(fd) + 1, kNoSlot);
   const U32 index = freeSlots_.back();
   Slot& slot = slots_[index];
   slot.target = &target;
@@ -115,6 +121,7 @@ void ActivityLoop::eventsIs(U32 index, U32 events) {
       // The number was watched, closed and opened again: the kernel has forgotten the former watch.
       slots_[holder].events = 0;
       slots_[holder].fd = -1;
+      ++slots_[holder].generation;  // an event of its in the batch at work is stale
     }
     holder = index;
   }
@@ -135,7 +142,7 @@ void ActivityLoop::deadlineIs(Clock& clock, Time time) {
     clock.index_ = fresh_.size() - 1;
   }
   clock.timeMin_ = time;
-  if (embedded_) syncEmbedded();
+  syncEmbedded();
 }
 
 void ActivityLoop::deadlineDel(Clock& clock) noexcept {
@@ -214,7 +221,7 @@ Time ActivityLoop::nextDeadline() {
 
 /// Sees to it that the timer expires at `time` or earlier: one that is set to an earlier time stays, since a
 /// wake-up too many costs less than a system call for every change.
-void ActivityLoop::timerIs(Time time) {
+void ActivityLoop::timerIs(Time time) noexcept {
   if (time >= timerTime_) return;
   const auto whole = std::chrono::duration_cast<std::chrono::seconds>(time);
   itimerspec spec{};
@@ -222,9 +229,9 @@ void ActivityLoop::timerIs(Time time) {
   spec.it_value.tv_sec =
       static_cast<time_t>(std::min<S64>(whole.count(), std::numeric_limits<time_t>::max()));
   spec.it_value.tv_nsec = static_cast<long>((time - whole).count());
-  if (timerfd_settime(timer_, TFD_TIMER_ABSTIME, &spec, nullptr) < 0) {
-    throw ErrnoException(errno, "timerfd_settime");
-  }
+  // It fails for a descriptor or a time that are none, and these are ours.
+  const int result = timerfd_settime(timer_, TFD_TIMER_ABSTIME, &spec, nullptr);
+  KIV_ASSERT(result == 0);
   timerTime_ = time;
 }
 
@@ -254,11 +261,8 @@ bool ActivityLoop::runUntilTime(Time limit, const std::function<bool()>* done) {
 }
 
 void ActivityLoop::poll() {
-  {
-    const Running running(*this);
-    pass(Time::min());
-  }
-  if (embedded_) syncEmbedded();
+  const Running running(*this);
+  pass(Time::min());
 }
 
 void ActivityLoop::pass(Time limit) {
@@ -274,9 +278,12 @@ void ActivityLoop::wait(Time limit) {
   }
   const Time next = std::min(nextDeadline(), limit);
   if (simulated_) {
-    if (!take(next == timeInfinite ? -1 : 0) && next > simulatedNow_ && next != timeInfinite) {
-      simulatedNow_ = next;
-    }
+    const bool ready = take(next == timeInfinite ? -1 : 0);
+    // A descriptor that stays ready, since nobody drains it, does not hold the time up for ever.
+    passesHeldUp_ = ready ? passesHeldUp_ + 1 : 0;
+    if (ready && passesHeldUp_ < kPassesHeldUp) return;
+    passesHeldUp_ = 0;
+    if (next > simulatedNow_ && next != timeInfinite) simulatedNow_ = next;
   } else if (next == timeInfinite) {
     take(-1);
   } else if (next <= now()) {
@@ -364,10 +371,12 @@ void ActivityLoop::runClocks() {
 }
 
 /// Sets the timer for a foreign loop, which waits on `descriptor()` without asking first.
-void ActivityLoop::syncEmbedded() {
-  if (running_) return;
+void ActivityLoop::syncEmbedded() noexcept {
+  if (!embedded_ || running_) return;
   const Time next = nextDeadline();
   if (leftOver() || next <= now()) {
+    // Set anew in any case: an earlier expiry may be in the batch already, and wakes nobody any more.
+    timerTime_ = timeInfinite;
     timerIs(Time(1));
   } else if (!simulated_ && next != timeInfinite) {
     timerIs(next);
@@ -390,6 +399,7 @@ Time ActivityLoop::now() const noexcept {
 void ActivityLoop::simulatedTimeIs(bool on) {
   if (on && !simulated_) simulatedNow_ = now();
   simulated_ = on;
+  passesHeldUp_ = 0;
 }
 
 /// Keeps the thread's loop; those that are registered with it keep it too.

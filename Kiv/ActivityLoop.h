@@ -37,7 +37,9 @@ class FileDescriptor;
 /// that were behind it are kept and run in the next pass.
 ///
 /// The loop belongs to its thread, and so does everything that it drives. It lives as long as the thread or
-/// anything that is registered with it.
+/// anything that is registered with it; the destructors of statics, which run behind the end of the main
+/// thread's loop, cannot make a new one. A child of fork shares the parent's watches: it ends by exec or _exit
+/// and leaves the loop alone, unless the loop was first used in the child.
 class KIV_API ActivityLoop final : public PtrInterface {
  public:
   ~ActivityLoop() override;
@@ -62,7 +64,9 @@ class KIV_API ActivityLoop final : public PtrInterface {
   Time now() const noexcept;
   /// In simulated time the clock stands still, except that waiting jumps to the next deadline (of a clock, or
   /// the end of `runFor` and `runUntil`) as soon as no descriptor is ready. With nothing to jump to, it waits
-  /// for descriptors. Switched on it starts from the present time; switched off, the monotonic clock is back.
+  /// for descriptors; for one that stays ready it holds the time up for 1,000 passes at most. Switched on it
+  /// starts from the present time; switched off, the monotonic clock is back, and clocks keep the times that
+  /// they were set to.
   bool simulatedTime() const noexcept { return simulated_; }
   void simulatedTimeIs(bool on);
 
@@ -75,6 +79,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   static constexpr U32 kNoSlot = 0xffffffff;
   static constexpr U32 kTimerSlot = 0xfffffffe;
   static constexpr int kBatch = 256;
+  static constexpr int kPassesHeldUp = 1000;
 
   struct Slot {
     FileDescriptor* target = nullptr;
@@ -109,7 +114,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void heapDel(std::size_t index) noexcept;
   void collectDue();
   Time nextDeadline();
-  void timerIs(Time time);
+  void timerIs(Time time) noexcept;
 
   // Passes.
   bool runUntilTime(Time limit, const std::function<bool()>* done);
@@ -119,7 +124,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void runEvents();
   void runClocks();
   bool leftOver() const noexcept { return nextEvent_ < eventCount_ || !due_.empty(); }
-  void syncEmbedded();
+  void syncEmbedded() noexcept;
 
   int epoll_ = -1;
   int timer_ = -1;
@@ -144,6 +149,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   bool embedded_ = false;
   bool simulated_ = false;
   Time simulatedNow_{};
+  int passesHeldUp_ = 0;  // in simulated time, by descriptors that were ready
 };
 
 /// The loop of the calling thread, made when it is first asked for.

@@ -73,9 +73,9 @@ String textOf(const T& value);
 ///       KIV_ATTR(bool, lit, false)                          // lit(), litIs(v)
 ///       KIV_ATTR_HOOK(Kiv::U8, level, 0, handleLevel)       // levelIs(v) runs handleLevel() as well
 ///       KIV_ATTR_COUNTER(Kiv::U32, clicks)                  // clicks(), clicksIs(v), clicksInc(n)
-///       KIV_ATTR_DERIVED(double, watts)                     // only shown: watts() is the class's own
-///       function explicit Lamp(Kiv::String name) : Entity(std::move(name)) {} double watts() const { return
-///       level() * 0.1; }
+///       KIV_ATTR_DERIVED(double, watts)                     // shown with the others: watts() is a function
+///       explicit Lamp(Kiv::String name) : Entity(std::move(name)) {}
+///       double watts() const { return level() * 0.1; }
 ///      protected:
 ///       virtual void handleLevel() {}
 ///     };

@@ -15,8 +15,9 @@ namespace Kiv {
 /// on asks anew.
 ///
 /// The descriptor belongs to whoever opened it. Set it to -1 here before closing it: nothing is closed by
-/// this class. (A descriptor that was closed all the same is no longer reported, and its number can be
-/// watched again.) One object at a time can watch a descriptor.
+/// this class. A descriptor that was closed all the same is no longer reported and its number can be watched
+/// again, by another object or by this one after -1; but if a duplicate of it lives on (dup, fork), the kernel
+/// goes on watching that, and nothing can stop it any more. One object at a time can watch a descriptor.
 class KIV_API FileDescriptor : public Entity {
  public:
   KIV_ENTITY(FileDescriptor, Entity)

@@ -57,7 +57,8 @@ class KIV_API PtrInterface {
   /// True when this was the last reference. It then stays counted, for `onZeroReferences()` to dispose of; a
   /// sole holder has nobody to race with, so that this takes no locked instruction either.
   bool dropReference() const noexcept {
-    const U32 count = references();
+    // Acquire: what other threads did with the object before they let go is done.
+    const U32 count = references_.load(std::memory_order_acquire);
     if (count == 1) return true;
     if (!detail::ptrThreadSafe) {
       references_.store(count - 1, std::memory_order_relaxed);

@@ -121,10 +121,9 @@ class KIV_API Reactor {
   }
   Reactor(Reactor&& other) noexcept : notifiee_(std::exchange(other.notifiee_, nullptr)) {}
   Reactor& operator=(Reactor&& other) noexcept {
-    if (this != &other) {
-      drop();
-      notifiee_ = std::exchange(other.notifiee_, nullptr);
-    }
+    // The former registration goes last: what its action holds may hold this object.
+    Reactor former(std::move(*this));
+    notifiee_ = std::exchange(other.notifiee_, nullptr);
     return *this;
   }
   ~Reactor() { drop(); }

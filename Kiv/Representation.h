@@ -35,13 +35,12 @@ inline bool takeLiteral(std::string_view& text, std::string_view literal) noexce
 /// attributes in declaration order drives printing and parsing.
 ///
 ///     static constexpr auto representation() {
-///       return Kiv::representation("Wirl::IpAndPort", "Invalid IpAndPort", Kiv::field("ip",
-///       &IpAndPort::ip_),
-///                                  Kiv::field("port", &IpAndPort::port_));
+///       return Kiv::representation("Wirl::IpAndPort", "Invalid IpAndPort",
+///                                  Kiv::field("ip", &IpAndPort::ip_), Kiv::field("port", &IpAndPort::port_));
 ///     }
 ///
 /// Attributes print by their own representation, else by `stringValue()`; integers in decimal, flags as True
-/// and False, `String` in single quotes with backslash escapes.
+/// and False, `String`, and text types that say `kQuotedText`, in single quotes with backslash escapes.
 template <typename Owner, typename Member>
 struct Field {
   std::string_view name;
@@ -163,6 +162,8 @@ void printValue(std::string& out, const T& value) {
     printQuoted(out, value);
   } else if constexpr (Represented<T>) {
     printRepresentation(out, value);
+  } else if constexpr (requires { T::kQuotedText; }) {
+    printQuoted(out, value.stringValue());
   } else {
     out += std::string_view(value.stringValue());
   }

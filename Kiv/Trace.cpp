@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -80,15 +81,16 @@ class TraceRegistry {
   }
   void sinkIs(TraceSink sink) {
     const std::lock_guard lock(sinkMutex_);
-    sink_ = sink ? std::move(sink) : toStandardError;
+    sink_ = std::make_shared<TraceSink>(sink ? std::move(sink) : toStandardError);
   }
   void write(std::string_view handle, unsigned level, std::string_view text) {
     const std::lock_guard lock(sinkMutex_);
-    sink_(handle, level, text);
+    const std::shared_ptr<TraceSink> sink = sink_;  // it may replace itself
+    (*sink)(handle, level, text);
   }
 
  private:
-  TraceRegistry() : sink_(toStandardError) {
+  TraceRegistry() : sink_(std::make_shared<TraceSink>(toStandardError)) {
     const char* const setting = std::getenv("KIV_TRACE");
     if (!setting) return;
     if (auto rules = rulesOf(setting)) {
@@ -111,7 +113,7 @@ class TraceRegistry {
   std::vector<Rule> rules_;
   // A lock of its own, recursive: a sink may itself run code that traces.
   std::recursive_mutex sinkMutex_;
-  TraceSink sink_;
+  std::shared_ptr<TraceSink> sink_;
 };
 
 TraceHandle::TraceHandle(std::string_view name) : name_(name) {

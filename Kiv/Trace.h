@@ -45,7 +45,7 @@ class KIV_API TraceHandle {
 KIV_API void traceIs(std::string_view setting);
 
 /// Receives one trace: the handle's name, the level and the text without a line end. May be called from any
-/// thread that traces, one call at a time.
+/// thread that traces, one call at a time. It must not throw.
 using TraceSink = std::function<void(std::string_view handle, unsigned level, std::string_view text)>;
 
 /// Replaces the sink; null brings back standard error.

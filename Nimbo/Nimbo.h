@@ -8,8 +8,7 @@
 /// The kernel gives each thread a network namespace of its own choice, and a socket belongs for good to the
 /// one that its maker was in. So a socket in another namespace is opened by going there and coming back:
 ///
-///     open /run/netns/NAME --> open own --> [signals held back: setns there, socket, setns own] --> close
-///     both
+///     open the named, open own --> [signals held back: setns there, socket, setns own] --> close both
 ///
 /// The invariant: a call that opens a socket ends in the namespace where it began, or the process ends. The
 /// permission to come back is tried out before leaving, so that a lack of it is an error like any other.

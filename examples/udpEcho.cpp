@@ -37,7 +37,10 @@ std::optional<Options> optionsOf(int argc, char** argv) {
       options.quiet = true;
     } else if ((word == "--netns" || word == "--vrf") && i + 1 < argc) {
       const std::string_view name = argv[++i];
-      options.netNs = word == "--vrf" ? L3::VrfName(name).nsName() : Wirl::NamespaceName(name);
+      const auto vrf = L3::VrfName::fromText(name);
+      const auto ns = Wirl::NamespaceName::fromText(name);
+      if (name.empty() || !(word == "--vrf" ? vrf.has_value() : ns.has_value())) return std::nullopt;
+      options.netNs = word == "--vrf" ? vrf->nsName() : *ns;
     } else if (place == 0) {
       options.ip = Wirl::IpAddr::fromText(word);
       options.ip6 = Wirl::Ip6Addr::fromText(word);
@@ -72,6 +75,10 @@ void echo(Wirl::UdpPam& pam, bool quiet) {
     pam.txDstIpAddrIs(pam.rxSrcIpAddr());
     pam.txDstIp6AddrIs(pam.rxSrcIp6Addr());
     pam.txPortIs(pam.rxSrcPort());
+    // From the address that was asked, which matters where the Pam is bound to all of them.
+    if (pam.rxDstIpAddr().isUnicast()) pam.txSrcIpAddrIs(pam.rxDstIpAddr());
+    if (pam.rxDstIp6Addr().isUnicast()) pam.txSrcIp6AddrIs(pam.rxDstIp6Addr());
+    if (pam.rxSrcIp6Addr().isLinkLocal()) pam.txIfIndexIs(pam.rxIfIndex());
     pam.txPktIs(pkt);
   }
 }

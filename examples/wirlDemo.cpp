@@ -36,6 +36,24 @@ volatile sig_atomic_t interrupted = 0;
   if (write(STDOUT_FILENO, line.data(), end + 1) < 0) _exit(1);
 }
 
+/// Holds SIGINT and SIGTERM back while it lives; programs started meanwhile do not see them either.
+class BlockSignals {
+ public:
+  BlockSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &signals, &before_);
+  }
+  ~BlockSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  BlockSignals(const BlockSignals&) = delete;
+  BlockSignals& operator=(const BlockSignals&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
 /// Runs the lines by ip(8) in a namespace ("": here); throws when one of them fails.
 void ip(const std::string& ns, const std::string& lines) {
   FILE* const batch = popen(("ip " + (ns.empty() ? "" : "-n " + ns + " ") + "-batch -").c_str(), "w");
@@ -74,6 +92,7 @@ class World {
 
  private:
   static void remove() {
+    const BlockSignals blocked;  // a second Ctrl-C does not leave half of it behind
     for (const char* ns : {"ns-red", "ns-blue"}) {
       const std::string command = std::string("ip netns del ") + ns + " 2>/dev/null";
       if (std::system(command.c_str()) != 0) continue;  // it was not there
@@ -105,6 +124,8 @@ class Agent {
   /// `work` is the agent's whole life; it returns whether all went well.
   explicit Agent(const std::function<bool(const Report&)>& work) {
     int ends[2];
+    // The agent takes its signals through its loop: until that is there they wait.
+    const BlockSignals blocked;
     if (pipe(ends) < 0 || (pid_ = fork()) < 0) throw std::runtime_error(std::strerror(errno));
     if (pid_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGTERM);

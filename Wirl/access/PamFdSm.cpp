@@ -54,6 +54,7 @@ ReqResponsePamFdSm::~ReqResponsePamFdSm() = default;
 
 void ReqResponsePamFdSm::handleWritable() {
   KIV_TRACE(reqResponseTrace, 0) << "ReqResponsePamFdSm::handleWritable";
+  const Kiv::Ptr<ReqResponsePamFdSm> alive(this);  // also when a reactor to the switch drops it
   if (fileDesc()) fileDesc()->notifyOnWritableIs(false);
   PamFdSm::handleWritable();
 }

@@ -21,8 +21,7 @@ using Kiv::U32;
 /// A ring with one writer, the caller of `deferClose`, and one reader, the closer thread:
 ///
 ///     closed            enqueued
-///       |  ... waiting ...  |              positions count without end, modulo 2^32; position p is slot p %
-///       512
+///       |  ... waiting ...  |    positions count on, modulo 2^32; position p is slot p % 512
 ///     reader              writer
 ///
 /// Only the writer stores `enqueued`, only the reader stores `closed`; the semaphore carries the count of

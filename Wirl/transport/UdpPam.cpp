@@ -99,7 +99,7 @@ UdpPam::Mode UdpPam::Mode::ModeInstance(std::string_view name) {
 UdpPam::UdpPam(Kiv::String name) : Pam(std::move(name)) {}
 
 UdpPam::~UdpPam() {
-  doDelSocket();
+  closeSocket();
 }
 
 void UdpPam::assertNotConnected() {
@@ -111,36 +111,38 @@ void UdpPam::assertNotConnected() {
 
 void UdpPam::handleMode() {
   KIV_TRACE(trace, 5) << "mode is: " << mode();
-  doDelSocket();
-  if (mode() != Mode::disabled) reopen();
+  reopen();
 }
 
 void UdpPam::handleNetNs() {
   KIV_TRACE(trace, 5) << "network namespace is: " << netNs();
-  if (mode() == Mode::disabled) return;
-  doDelSocket();
-  reopen();
+  if (mode() != Mode::disabled) reopen();
 }
 
-/// Opens the socket; where that fails there is none, and the mode says so.
+/// Closes the socket and, unless the mode is `disabled`, opens one. Where that fails there is none, and the
+/// mode says so. Every change that reactors are told of may make them close or open the Pam themselves: theirs
+/// is the newer turn then, and this one is over.
 void UdpPam::reopen() {
+  const U32 turn = ++turn_;
   try {
-    doNewSocket();
-  } catch (...) {
     doDelSocket();
-    mode.set(Mode::disabled);
+    if (turn == turn_ && mode() != Mode::disabled) doNewSocket(turn);
+  } catch (...) {
+    if (turn == turn_) {
+      doDelSocket();
+      mode.set(Mode::disabled);
+    }
     throw;
   }
 }
 
-void UdpPam::doNewSocket() {
+void UdpPam::doNewSocket(U32 turn) {
   ipv6_ = ipv6En();
   const int family = ipv6_ ? AF_INET6 : AF_INET;
   const int socket = socketAt(family, SOCK_DGRAM, 0, netNs());
   if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
   setFirstOptions(socket);
   KIV_TRACE(trace, 5) << "Socket fd is " << socket << ", mode is " << mode();
-  if (fileDesc()) close(socket);
   KIV_ASSERT_AS(!fileDesc(), "!fileDesc()");
   fileDescIs(name());
   const Kiv::Ptr<Kiv::FileDescriptor> opened = fileDesc();
@@ -155,12 +157,14 @@ void UdpPam::doNewSocket() {
   opened->nonBlockingIs(true);
   KIV_TRACE(trace, 5) << "Done setting file desc " << name();
   handleTxTos();
-  if (mode() == Mode::send) return;
-  doBind();
-  opened->notifyOnReadableIs(true);
+  if (mode() != Mode::send) {
+    doBind();
+    opened->notifyOnReadableIs(true);
+  }
+  fileDesc.notifiees().notify();
+  if (turn != turn_ || mode() == Mode::send) return;
   const Kiv::Ptr<PamFdSm> sm = PamFdSmIs(opened, this);
-  // The first counts run the clients' reactors, which may have closed or reopened the Pam by now.
-  if (fileDesc() == opened) fdSm.set(sm);
+  if (turn == turn_) fdSm.set(sm);
 }
 
 void UdpPam::setFirstOptions(int socket) {
@@ -235,23 +239,36 @@ void UdpPam::handleTxTos() {
   throw Kiv::ErrnoException(error, ipv6_ ? "setsockopt(IPV6_TCLASS)" : "setsockopt(IP_TOS)");
 }
 
-void UdpPam::doDelSocket() noexcept {
-  fdSm.set(nullptr);
+void UdpPam::doDelSocket() {
+  const bool hadDescriptor = fileDesc() != nullptr;
+  const bool hadSm = fdSm() != nullptr;
+  const bool wasConnected = socketConnected();
+  closeSocket();
+  // Told when all of it is done: whoever hears of one finds the Pam closed.
+  if (hadSm) fdSm.notifiees().notify();
+  if (hadDescriptor) fileDesc.notifiees().notify();
+  if (wasConnected) socketConnected.notifiees().notify();
+}
+
+/// Closes without a word to the reactors.
+void UdpPam::closeSocket() noexcept {
+  if (fdSm()) fdSm()->fileDescDel();  // whoever else holds it: it counts for this Pam no more
+  fdSm.store(nullptr);
+  socketConnected.store(false);
   if (const Kiv::Ptr<Kiv::FileDescriptor> closing = fileDescDel()) {
     const int socket = closing->descriptor();
     closing->descriptorIs(-1);
     if (socket >= 0) close(socket);
   }
-  socketConnected.set(false);
 }
 
 void UdpPam::fileDescIs(Kiv::String name) {
-  fileDesc.set(Kiv::makePtr<Kiv::FileDescriptor>(std::move(name)));
+  fileDesc.store(Kiv::makePtr<Kiv::FileDescriptor>(std::move(name)));
 }
 
 Kiv::Ptr<Kiv::FileDescriptor> UdpPam::fileDescDel() {
   const Kiv::Ptr<Kiv::FileDescriptor> former = fileDesc();
-  fileDesc.set(nullptr);
+  fileDesc.store(nullptr);
   return former;
 }
 

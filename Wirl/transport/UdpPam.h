@@ -39,7 +39,7 @@ using Kiv::U64;
 ///
 /// Receiving: `rxPkt` gives one datagram a packet and sets the `rx...` attributes for it. A datagram longer
 /// than `maxRxPktData` is delivered cut to that.
-class KIV_API UdpPam final : public Pam {
+class KIV_API UdpPam : public Pam {
  public:
   /// What the socket is for.
   class KIV_API Mode {
@@ -124,10 +124,11 @@ class KIV_API UdpPam final : public Pam {
   };
 
   void reopen();
-  void doNewSocket();
+  void doNewSocket(U32 turn);
   void doBind();
   bool doConnect();
-  void doDelSocket() noexcept;
+  void doDelSocket();
+  void closeSocket() noexcept;
   void fileDescIs(Kiv::String name);
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
   void assertNotConnected();
@@ -138,6 +139,7 @@ class KIV_API UdpPam final : public Pam {
   void recordMetadata(msghdr& message, const sockaddr_storage& peer);
 
   bool ipv6_ = false;  // of the open socket, whatever ipv6En has been set to since
+  U32 turn_ = 0;       // of opening and closing: tells one who notified that somebody else went on
 };
 
 /// "UdpPam echo: mode=server 10.0.0.1:7000 TOS=0 Prio=0".

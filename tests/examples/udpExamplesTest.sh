@@ -26,7 +26,7 @@ ip -n "$ns" link set lo up
 
 # Wrong words: the usage, and status 2.
 for words in "" "127.0.0.1" "127.0.0.1 0" "127.0.0.1 65536" "127.0.0.1 7x" "localhost 7000" "1.2.3.4 7 8" \
-  "--vrf" "--loud 127.0.0.1 7000"; do
+  "--vrf" "--loud 127.0.0.1 7000" "--vrf $(printf '%101s' | tr ' ' v) 127.0.0.1 7000"; do
   # shellcheck disable=SC2086
   expect "status 2 for '$words'" [ "$(status_of "$programs/udpEcho" $words)" = 2 ]
   expect "usage for '$words'" grep -q "^usage: udpEcho" "$output"
@@ -52,6 +52,14 @@ for address in 127.0.0.1 ::1; do
   expect "who, size, interface" grep -Eq "^5 bytes from .*[0-9]+ on lo$" "$output"
   expect "the counters" grep -Eq "^udpEcho +1 +1 " "$output"
 done
+
+# Bound to every address, it answers from the one that was asked.
+stdbuf -oL "$programs/udpEcho" --netns "$ns" 0.0.0.0 7000 >"$output" 2>&1 &
+for _ in $(seq 100); do grep -q echoing "$output" && break; sleep 0.05; done
+answer=$(printf hello | ip netns exec "$ns" socat -t 1 - UDP4:127.0.0.2:7000)
+expect "the answer from 127.0.0.2" [ "$answer" = hello ]
+kill -INT %1
+wait %1
 
 # The demo, whole and interrupted: what it made is gone.
 expect "the demo's status" [ "$(status_of "$programs/wirlDemo")" = 0 ]

@@ -19,6 +19,7 @@ namespace Wirl::detail {
 template <typename T>
 class BoundedName {
  public:
+  static constexpr bool kQuotedText = true;  // in a text representation
   const Kiv::String& value() const noexcept { return value_; }
   const Kiv::String& stringValue() const noexcept { return value_; }
   explicit operator bool() const noexcept { return !value_.empty(); }
