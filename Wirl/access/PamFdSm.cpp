@@ -45,7 +45,7 @@ void PamFdSm::handleWritable() {
 }
 
 Kiv::Ptr<PamFdSm> PamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
-  const Kiv::Ptr<PamFdSm> sm(new PamFdSm(fd, pam));
+  Kiv::Ptr<PamFdSm> sm(new PamFdSm(fd, pam));
   sm->hasNotificationActiveIs(true);
   return sm;
 }
@@ -60,7 +60,7 @@ void ReqResponsePamFdSm::handleWritable() {
 }
 
 Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
-  const Kiv::Ptr<ReqResponsePamFdSm> sm(new ReqResponsePamFdSm(fd, pam));
+  Kiv::Ptr<ReqResponsePamFdSm> sm(new ReqResponsePamFdSm(fd, pam));
   sm->hasNotificationActiveIs(true);
   return sm;
 }

@@ -267,7 +267,7 @@ void UdpPam::fileDescIs(Kiv::String name) {
 }
 
 Kiv::Ptr<Kiv::FileDescriptor> UdpPam::fileDescDel() {
-  const Kiv::Ptr<Kiv::FileDescriptor> former = fileDesc();
+  Kiv::Ptr<Kiv::FileDescriptor> former = fileDesc();
   fileDesc.store(nullptr);
   return former;
 }
