@@ -1,17 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/IpPam.h"
 
-#include <linux/filter.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <vector>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/detail/attachFilter.h"
 
 namespace Wirl {
 
@@ -109,17 +107,13 @@ void IpPam::doAttachBpfFilter(S32 socket) {
   if (rxFilter().empty()) {
     throw Kiv::ErrnoException(EINVAL, "SO_ATTACH_FILTER option must be supplied with a valid filter");
   }
-  std::vector<sock_filter> instructions;
-  instructions.reserve(rxFilter().size());
   KIV_TRACE(trace, 8) << "Filter is: ";
   for (const auto& [index, each] : rxFilter()) {
-    instructions.push_back({each.code(), each.jt(), each.jf(), each.k()});
     KIV_TRACE(trace, 8) << "Filter[" << index << "] is "
                         << "code: " << each.code() << " jt: " << each.jt() << " jf: " << each.jf()
                         << " k: " << each.k();
   }
-  const sock_fprog program = {static_cast<U16>(instructions.size()), instructions.data()};
-  if (setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)) == 0) return;
+  if (detail::attachFilter(socket, rxFilter()) == 0) return;
   const int error = errno;
   if (fileDesc() && fileDesc()->descriptor() == socket) fileDesc()->descriptorIs(-1);
   if (socket >= 0) close(socket);
@@ -131,8 +125,7 @@ void IpPam::doAttachBpfFilter() {
 }
 
 void IpPam::doDetachBpfFilter() {
-  const int unused = 0;
-  if (setsockopt(fd(), SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof(unused)) < 0) {
+  if (detail::detachFilter(fd()) < 0) {
     throw Kiv::ErrnoException(errno, "setsockopt(SO_DETACH_FILTER)");
   }
 }

@@ -117,6 +117,7 @@ class KIV_API IpPam : public Pam {
  protected:
   /// -1 without a socket.
   S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
+  void fileDescIs(const Kiv::Ptr<Kiv::FileDescriptor>& made) { fileDesc.set(made); }
   void fdSmIs(const Kiv::Ptr<PamFdSm>& sm) { fdSm.set(sm); }
   /// `enabledIs` of a derived class: stores the value if it differs, runs `hook`, notifies.
   template <std::invocable Hook>

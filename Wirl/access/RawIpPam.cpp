@@ -2,7 +2,6 @@
 #include "Wirl/access/RawIpPam.h"
 
 #include <linux/errqueue.h>
-#include <linux/filter.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -18,6 +17,7 @@
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Wirl/access/detail/Receive.h"
+#include "Wirl/access/detail/attachFilter.h"
 #include "Wirl/access/socketAt.h"
 
 namespace Wirl {
@@ -327,7 +327,7 @@ void RawIpPam::open() {
 void RawIpPam::doNewSocket() {
   const int socket = socketAt(family_.domain, SOCK_RAW, protocol(), netNs());
   if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
-  const Kiv::Ptr<Kiv::FileDescriptor> opened = fileDescIs(name());
+  const auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());
   // Nothing is watched before the socket is set up, so that no event precedes the first count.
   opened->notifyOnReadableIs(false);
   try {
@@ -336,6 +336,10 @@ void RawIpPam::doNewSocket() {
     close(socket);
     throw;
   }
+  // What is notified of in here, the first counts above all, runs the clients' reactors, which may have closed
+  // or reopened the Pam by the time that they return.
+  fileDescIs(opened);
+  if (fileDesc() != opened) return;
   opened->nonBlockingIs(true);
   if (options().has(IpSocketOptions::ipAttachFilter)) holdBackPackets();
   applyOptions(options() | IpSocketOptions::ipMulticastLoop, options());
@@ -345,7 +349,6 @@ void RawIpPam::doNewSocket() {
   KIV_TRACE(family_.trace, 5) << "Socket fd is " << socket << ", options are " << options();
   opened->notifyOnReadableIs(true);
   const Kiv::Ptr<PamFdSm> sm = PamFdSmIs(opened, this);
-  // The first counts run the clients' reactors, which may have closed or reopened the Pam by now.
   if (fileDesc() == opened) fdSmIs(sm);
 }
 
@@ -363,9 +366,7 @@ void RawIpPam::doDelSocket() noexcept {
 /// The socket receives from the moment that it is there, with no filter yet. This keeps everything away until
 /// the program is in place, and discards what came before.
 void RawIpPam::holdBackPackets() {
-  sock_filter nothing = {BPF_RET | BPF_K, 0, 0, 0};
-  const sock_fprog program = {1, &nothing};
-  if (setsockopt(fd(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program)) < 0) {
+  if (detail::attachFilter(fd(), std::vector<sock_filter>{BPF_STMT(BPF_RET | BPF_K, 0)}) < 0) {
     closeAndThrow(errno, "setsockopt(SO_ATTACH_FILTER)");
   }
   char none;

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/ReqResponseRawTxPam.h"
+
+namespace Wirl {
+
+ReqResponseRawTxPam::~ReqResponseRawTxPam() = default;
+
+Kiv::Ptr<PamFdSm> ReqResponseRawTxPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
+  return ReqResponsePamFdSmIs(opened, this);
+}
+
+void ReqResponseRawTxPam::requestWritable() {
+  if (fd() >= 0) fileDesc()->notifyOnWritableIs(true);
+}
+
+Kiv::Ptr<ReqResponseRawTxPam> reqResponseRawTxPamFactory(Kiv::String name, const NamespaceName& netNs) {
+  return Kiv::makePtr<ReqResponseRawTxPam>(std::move(name), netNs);
+}
+
+}  // namespace Wirl

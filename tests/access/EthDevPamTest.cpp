@@ -1,0 +1,592 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/access/EthDevPam.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/if_packet.h>
+#include <netinet/in.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "Kiv/Kiv.h"
+#include "Wirl/access/ReqResponseRawTxPam.h"
+#include "Wirl/access/deferClose.h"
+#include "tests/access/Wire.h"
+#include "tests/support/AllocationCounter.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/Program.h"
+
+namespace Wirl {
+namespace {
+
+using namespace std::string_literals;
+using testing::HasSubstr;
+
+const std::string kTo = "\x02\x00\x00\x00\x00\x01"s;  // nobody's
+const std::string kFrom = "\x02\x00\x00\x00\x00\x02"s;
+const std::string kType = "\x88\xb5"s;  // for local experiments (IEEE 802)
+
+/// A frame with `payload`, padded to the least length.
+std::string frameOf(const std::string& payload, const std::string& to = kTo,
+                    const std::string& type = kType) {
+  std::string frame = to + kFrom + type + payload;
+  if (frame.size() < 60) frame.resize(60);
+  return frame;
+}
+
+std::string outputOf(const std::string& command) {
+  std::string text;
+  FILE* const pipe = popen(command.c_str(), "r");
+  for (int c; pipe && (c = fgetc(pipe)) != EOF;) text += static_cast<char>(c);
+  if (pipe) pclose(pipe);
+  return text;
+}
+
+/// Descriptors when the deferred closer has nothing left to do.
+std::size_t settledDescriptors() {
+  while (deferCloseStats()->enqueued != deferCloseStats()->closed) usleep(100);
+  return openDescriptors();
+}
+
+class EthDevPamTest : public WireTest {
+ protected:
+  void SetUp() override {
+    WireTest::SetUp();
+    if (!IsSkipped() && !HasFailure()) wire = &shared();
+  }
+
+  Kiv::Ptr<EthDevPam> pamIn(const NetNs& ns) {
+    auto pam = ethDevPamFactory("pam", "veth1", Wire::nameOf(ns));
+    pam->ethTypeIs(0x88b5);
+    return pam;
+  }
+  Kiv::Ptr<EthDevPam> opened(const NetNs& ns) {
+    auto pam = pamIn(ns);
+    pam->enabledIs(true);
+    return pam;
+  }
+  /// Of all frames, not only those of the tests.
+  Kiv::Ptr<EthDevPam> openedToAll(const NetNs& ns) {
+    auto pam = pamIn(ns);
+    pam->ethTypeIs(EthDevPam::kAllEthTypes);
+    pam->enabledIs(true);
+    return pam;
+  }
+  static Pkt::Ptr next(EthDevPam& pam, double seconds = 2) {
+    Pkt::Ptr pkt;
+    Kiv::activityLoop().runUntil([&] { return (pkt = pam.rxPkt()) != nullptr; }, seconds);
+    return pkt;
+  }
+  static std::string receive(const Kiv::Ptr<EthDevPam>& pam, double seconds = 2) {
+    const Pkt::Ptr pkt = next(*pam, seconds);
+    return pkt ? std::string(pkt->stringValueMaybeWithVlan()) : "nothing";
+  }
+  std::string shell(const NetNs& ns, const std::string& command) {
+    return outputOf("ip netns exec " + ns.name() + " " + command + " 2>&1");
+  }
+
+  const Wire* wire = nullptr;
+};
+
+TEST_F(EthDevPamTest, MovesFramesOfEverySizeAndSaysWhomTheyWereFor) {
+  const auto red = opened(wire->red);
+  const auto blue = opened(wire->blue);
+  EXPECT_EQ(red->ifIndex(), wire->indexRed);
+  EXPECT_THAT(outputOf("ip -n " + wire->red.name() + " link show veth1"),
+              HasSubstr(red->ethAddr().stringValue()));
+  const std::string redAddress(reinterpret_cast<const char*>(red->ethAddr().octets().data()), 6);
+  const struct {
+    std::string to;
+    int pktType;
+  } rows[] = {{redAddress, PACKET_HOST},
+              {"\xff\xff\xff\xff\xff\xff", PACKET_BROADCAST},
+              {"\x01\x80\xc2\x00\x00\x0e"s, PACKET_MULTICAST},
+              {kTo, PACKET_OTHERHOST}};
+  for (const auto& row : rows) {
+    for (const std::size_t size : {46u, 300u, 1500u}) {
+      std::string payload(size, 'x');
+      for (std::size_t i = 0; i < size; ++i) payload[i] = static_cast<char>(i * 7);
+      const std::string frame = frameOf(payload, row.to);
+      blue->txPktIs(pktOf(frame));
+      EXPECT_TRUE(receive(red) == frame);
+      EXPECT_EQ(red->rxPktType(), row.pktType);
+      EXPECT_EQ(red->rxFrameBytes(), frame.size());
+    }
+  }
+  EXPECT_EQ(blue->txPktCount(), 12u);
+  EXPECT_EQ(red->rxPktCount(), 12u);
+  EXPECT_EQ(blue->rxPkt(), nullptr);  // not its own
+  EXPECT_EQ(red->rxErrors() + blue->txErrors(), 0u);
+  red->maxRxPktDataIs(20);
+  blue->txPktIs(pktOf(frameOf("cut")));
+  EXPECT_EQ(receive(red), frameOf("cut").substr(0, 20));
+  EXPECT_EQ(red->rxFrameBytes(), 60u);
+  blue->txPktIs(pktOf("too short"));
+  EXPECT_EQ(blue->txErrno(), EINVAL);
+  EXPECT_EQ(blue->txErrors(), 1u);
+}
+
+TEST_F(EthDevPamTest, TagsGoOutInTheFrameAndComeInBesideIt) {
+  const auto red = openedToAll(wire->red);
+  const auto blue = opened(wire->blue);
+  Program tcpdump("ip netns exec " + wire->red.name() +
+                  " tcpdump -U -l -e -n -i veth1 -c 4 ether src 02:00:00:00:00:02");
+  for (int i = 0; i < 500 && tcpdump.output().find("listening") == std::string::npos; ++i) usleep(10000);
+  const struct {
+    U16 tpid, tci;
+    U32 inPrivate;
+  } rows[] = {{0x8100, 0x2005, 0}, {0x88a8, 0xffff, 0}, {0x8100, 0x0001, 12}, {0x8100, 0x0007, 9}};
+  for (const auto& row : rows) {
+    const std::string frame = frameOf("tagged");
+    const Pkt::Ptr pkt = pktOf(frame.substr(row.inPrivate));
+    if (row.inPrivate > 0) pkt->newPrivateHeadData(row.inPrivate);
+    for (U32 i = 0; i < row.inPrivate; ++i) pkt->rawByteIs(i, static_cast<U8>(frame[i]));
+    pkt->newSeparateVlanTag(row.tci, row.tpid);
+    blue->txPktIs(pkt);
+    Pkt::Ptr got;
+    while ((got = next(*red)) && !got->tciPresent()) {
+    }
+    ASSERT_TRUE(got);
+    EXPECT_EQ(std::string(got->stringValue()), frame);
+    EXPECT_EQ(got->tciField(), row.tci);
+    EXPECT_EQ(got->vlanTpid(), row.tpid);
+    EXPECT_EQ(red->rxFrameBytes(), frame.size());
+  }
+  for (int i = 0; i < 500 && !tcpdump.ended(); ++i) usleep(10000);
+  EXPECT_THAT(tcpdump.output(),
+              HasSubstr("802.1Q (0x8100), length 64: vlan 5, p 1, ethertype Unknown (0x88b5)"));
+  EXPECT_THAT(tcpdump.output(), HasSubstr("802.1Q-QinQ (0x88a8), length 64: vlan 4095, p 7"));
+  EXPECT_THAT(tcpdump.output(), HasSubstr("vlan 1, p 0"));
+  EXPECT_THAT(tcpdump.output(), HasSubstr("vlan 7, p 0"));
+  const Pkt::Ptr stub = pktOf("eleven byte");
+  stub->newSeparateVlanTag(1, 0x8100);
+  blue->txPktIs(stub);
+  EXPECT_EQ(blue->txErrno(), EINVAL);
+}
+
+TEST_F(EthDevPamTest, ReceivesWhatAProgramThatIsNotOursSends) {
+  const auto red = openedToAll(wire->red);
+  Program sender(
+      "printf '\\002\\0\\0\\0\\0\\001\\002\\0\\0\\0\\0\\002\\201\\0\\040\\011\\210\\265%050d' 7 | ip netns "
+      "exec " +
+      wire->blue.name() + " socat -u - INTERFACE:veth1");
+  Pkt::Ptr got;
+  for (int i = 0; i < 100 && !(got && got->tciPresent()); ++i) got = next(*red, 0.05);
+  ASSERT_TRUE(got && got->tciPresent());
+  EXPECT_EQ(got->tciField(), 0x2009);
+  EXPECT_EQ(std::string(got->stringValue()), kTo + kFrom + kType + std::string(49, '0') + "7");
+}
+
+TEST_F(EthDevPamTest, TheKernelTellsApartWhatIsReceived) {
+  const auto blue = opened(wire->blue);
+  const auto red = pamIn(wire->red);
+  // Frames whose payload begins with y.
+  red->rxFilterIs({{U8{0}, IpFilter(BPF_LD | BPF_B | BPF_ABS, 0, 0, 14)},
+                   {U8{1}, IpFilter(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, 'y')},
+                   {U8{2}, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffff)},
+                   {U8{3}, IpFilter(BPF_RET | BPF_K, 0, 0, 0)}});
+  {
+    const Fault during(Call::bind, 1, [&] { blue->txPktIs(pktOf(frameOf("no, early"))); });
+    red->enabledIs(true);
+  }
+  int right = 0;
+  int wrong = 0;
+  const Kiv::Reactor drain(red->readableCount, [&] {
+    while (const Pkt::Ptr pkt = red->rxPkt()) (pkt->rawByte(14) == 'y' ? right : wrong) += 1;
+  });
+  for (int i = 0; i < 20000; ++i) {
+    blue->txPktIs(pktOf(frameOf(i % 100 == 0 ? "yes" : "no")));
+    if (i % 100 == 0) Kiv::activityLoop().poll();
+  }
+  blue->txPktIs(pktOf(frameOf("yes", kTo, "\x88\xcc")));  // another type
+  Kiv::activityLoop().runUntil([&] { return right == 200; }, 2);
+  EXPECT_EQ(right, 200);
+  EXPECT_EQ(wrong, 0);
+  red->rxFilterIs({});
+  blue->txPktIs(pktOf(frameOf("anything")));
+  Kiv::activityLoop().runUntil([&] { return wrong == 1; }, 2);
+  EXPECT_EQ(wrong, 1);
+  red->ethTypeIs(EthDevPam::kAllEthTypes);
+  blue->txPktIs(pktOf(frameOf("of a", kTo, "\x88\xcc")));
+  Kiv::activityLoop().runUntil([&] { return wrong > 1; }, 2);
+  EXPECT_GT(wrong, 1);
+  const std::size_t before = settledDescriptors();
+  EXPECT_EQ(failureOf([&] {
+              red->rxFilterIs({{U8{0}, IpFilter(0xffff, 0, 0, 0)}});
+            }),
+            "setsockopt(SO_ATTACH_FILTER) 22");
+  EXPECT_EQ(red->fileDesc()->descriptor(), -1);
+  EXPECT_EQ(settledDescriptors(), before - 1);
+  EXPECT_EQ(red->rxPkt(), nullptr);
+  EXPECT_EQ(red->rxPktBulk(), 0);
+
+  const auto tap = pamIn(wire->blue);
+  tap->rxOutgoingIs(true);
+  tap->enabledIs(true);
+  blue->txPktIs(pktOf(frameOf("out")));
+  EXPECT_EQ(receive(tap), frameOf("out"));
+  EXPECT_EQ(tap->rxPktType(), PACKET_OUTGOING);
+}
+
+TEST_F(EthDevPamTest, TheDeviceTakesInWhatItIsAskedTo) {
+  const auto red = pamIn(wire->red);
+  const auto promiscuity = [&] {
+    const std::string text = outputOf("ip -d -n " + wire->red.name() + " link show veth1");
+    return text.substr(text.find("promiscuity"), 13);
+  };
+  const auto groups = [&] { return shell(wire->red, "ip maddr show dev veth1"); };
+  red->promiscuousIs(true);
+  EXPECT_EQ(promiscuity(), "promiscuity 0");
+  red->enabledIs(true);
+  EXPECT_EQ(promiscuity(), "promiscuity 1");
+  red->promiscuousIs(false);
+  EXPECT_EQ(promiscuity(), "promiscuity 0");
+  red->allMulticastIs(true);
+  const EthAddr lldp("01:80:c2:00:00:0e");
+  EXPECT_EQ(red->handleMembership(lldp, true), 0);
+  EXPECT_THAT(groups(), HasSubstr("01:80:c2:00:00:0e"));
+  EXPECT_EQ(red->handleMembership(lldp, false), 0);
+  EXPECT_THAT(groups(), testing::Not(HasSubstr("01:80:c2:00:00:0e")));
+  EXPECT_EQ(red->handleMembership(EthAddr("02:00:5e:00:01:07"), true), 0);
+  red->enabledIs(false);
+  EXPECT_EQ(red->handleMembership(lldp, true), ENODEV);
+  EXPECT_EQ(red->promiscuous(), false);
+}
+
+TEST_F(EthDevPamTest, ABatchFillsTheSlotsAndLeavesAloneWhatClientsHold) {
+  const auto red = opened(wire->red);
+  const auto witness = opened(wire->red);
+  const auto blue = opened(wire->blue);
+  EXPECT_THROW(red->socketReadLimitIs(0), Kiv::RangeException);
+  EXPECT_THROW(red->socketReadLimitIs(129), Kiv::RangeException);
+  red->socketReadLimitIs(4);
+  const auto send = [&](std::initializer_list<const char*> texts) {
+    for (const char* text : texts) {
+      const Pkt::Ptr pkt = pktOf(frameOf(text));
+      if (text[0] == 'b') pkt->newSeparateVlanTag(9, 0x8100);
+      blue->txPktIs(pkt);
+      EXPECT_EQ(receive(witness).back(), frameOf(text).back());  // by now it has arrived
+    }
+  };
+  const auto slots = [&] {
+    std::string all;
+    for (U16 i = 0; i < 6; ++i) {
+      all += red->savedPacketRx(i) ? static_cast<char>(red->savedPacket(i)->rawByte(14)) : '.';
+    }
+    return all;
+  };
+  const U32 errors = red->rxErrors();
+  EXPECT_EQ(red->rxPktBulk(), 0);
+  EXPECT_EQ(red->rxErrors(), errors + 1);
+  EXPECT_EQ(red->rxPkt(), nullptr);
+  EXPECT_EQ(red->rxErrors(), errors + 1);
+  send({"a", "c", "d", "e", "f"});
+  EXPECT_EQ(red->rxPktBulk(), 4);
+  EXPECT_EQ(slots(), "acde..");
+  EXPECT_EQ(red->rxMetadata(3).frameBytes, 60u);
+  EXPECT_EQ(red->rxMetadata(3).pktType, PACKET_OTHERHOST);
+  EXPECT_EQ(red->rxMetadata(4).frameBytes, 0u);
+  const Pkt::Ptr held = red->savedPacket(0);
+  const Pkt::Ptr copy = globalPktManager()->newShallowCopy(red->savedPacket(1));
+  const Pkt* const reused = red->savedPacket(2).get();
+  EXPECT_EQ(red->rxPktBulk(), 1);
+  EXPECT_EQ(slots(), "f.....");
+  send({"g", "h", "i", "j"});
+  EXPECT_EQ(red->rxPktBulk(), 4);
+  EXPECT_EQ(slots(), "ghij..");
+  EXPECT_EQ(held->rawByte(14), 'a');
+  EXPECT_EQ(copy->rawByte(14), 'c');
+  EXPECT_EQ(red->savedPacket(2).get(), reused);
+  EXPECT_EQ(red->rxPktCount(), 9u);
+
+  // A tag in one batch is no tag in the next.
+  send({"b", "k"});
+  EXPECT_EQ(red->rxPktBulk(), 2);
+  EXPECT_EQ(red->savedPacket(0)->tciField(), 9);
+  EXPECT_FALSE(red->savedPacket(1)->tciPresent());
+  send({"l"});
+  EXPECT_EQ(red->rxPktBulk(), 1);
+  EXPECT_EQ(slots(), "l.....");
+  EXPECT_FALSE(red->savedPacket(0)->tciPresent());
+}
+
+TEST_F(EthDevPamTest, TheKernelsDropsAreCountedToTheLastFrame) {
+  const auto red = pamIn(wire->red);
+  red->rxBufIs(1);  // the kernel makes it its minimum
+  red->enabledIs(true);
+  const auto blue = opened(wire->blue);
+  const auto flood = [&] {
+    for (int i = 0; i < 1000; ++i) blue->txPktIs(pktOf(frameOf("flood")));
+    U32 got = 0;
+    while (receive(red, 0.02) != "nothing") ++got;
+    return got;
+  };
+  U32 got = flood();
+  EXPECT_GT(red->rxDrops(), 0u);
+  EXPECT_EQ(red->rxDrops() + got, 1000u);
+  EXPECT_EQ(red->rxDrops() + got, 1000u);  // reading it again loses nothing
+  got += flood();
+  red->enabledIs(false);
+  EXPECT_EQ(red->rxDrops() + got, 2000u);
+  red->enabledIs(true);
+  got += flood();
+  EXPECT_EQ(red->rxDrops() + got, 3000u);
+  flood();
+  red->rxDropsIs(7);
+  EXPECT_EQ(red->rxDrops(), 7u);
+  const Fault fault(Call::getsockopt, 1, ENOMEM);
+  EXPECT_EQ(red->rxDrops(), 7u);
+}
+
+TEST_F(EthDevPamTest, EveryFailedStepOfOpeningThrowsItsTextAndClosesWhatItOpened) {
+  const struct {
+    Call call;
+    unsigned nth;
+    const char* text;
+  } rows[] = {{Call::socket, 1, "socket 12"},
+              {Call::epoll_ctl, 1, "epoll_ctl 12"},
+              {Call::fcntl, 1, "fcntl(O_NONBLOCK) 12"},
+              {Call::setsockopt, 1, "setsockopt(PACKET_AUXDATA) 12"},
+              {Call::setsockopt, 2, "setsockopt(PACKET_IGNORE_OUTGOING) 12"},
+              {Call::setsockopt, 3, "setsockopt(SO_RCVBUFFORCE) 12"},
+              {Call::setsockopt, 4, "setsockopt(SO_ATTACH_FILTER) 12"},
+              {Call::setsockopt, 5, "setsockopt(PACKET_MR_PROMISC) 12"},
+              {Call::setsockopt, 6, "setsockopt(PACKET_MR_ALLMULTI) 12"},
+              {Call::bind, 1, "bind 12"}};
+  const auto pam = pamIn(wire->red);
+  pam->rxBufIs(100000);
+  pam->rxFilterIs({{U8{0}, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffff)}});
+  pam->promiscuousIs(true);
+  pam->allMulticastIs(true);
+  const std::size_t before = settledDescriptors();
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    {
+      const Fault fault(row.call, row.nth, ENOMEM);
+      EXPECT_EQ(failureOf([&] { pam->enabledIs(true); }), row.text);
+    }
+    EXPECT_FALSE(pam->enabled());
+    EXPECT_EQ(pam->fileDesc(), nullptr);
+    EXPECT_EQ(settledDescriptors(), before);
+    EXPECT_EQ(pam->readableCount(), 0u);
+  }
+  pam->enabledIs(true);
+  EXPECT_EQ(pam->readableCount() + pam->writableCount(), 2u);
+  pam->enabledIs(false);
+  EXPECT_EQ(settledDescriptors(), before);
+  for (const char* device : {"nosuchdevice", "", "a name longer than any device's"}) {
+    const auto other = ethDevPamFactory("pam", device, Wire::nameOf(wire->red));
+    EXPECT_EQ(failureOf([&] { other->enabledIs(true); }), "ioctl(SIOCGIFINDEX) 19") << device;
+  }
+  const auto nowhere = ethDevPamFactory("pam", "veth1", NamespaceName("ns-nosuch"));
+  EXPECT_EQ(failureOf([&] { nowhere->enabledIs(true); }), "socket 2");
+  EXPECT_EQ(settledDescriptors(), before);
+}
+
+TEST_F(EthDevPamTest, AFullSocketDropsAndOtherFailuresAreErrors) {
+  const auto red = opened(wire->red);
+  const auto blue = opened(wire->blue);
+  const auto raw = rawTxPamFactory("raw", Wire::nameOf(wire->blue));
+  raw->enabledIs(true);
+  raw->txIfIndexIs(wire->indexBlue);
+  for (Pam* const pam : {static_cast<Pam*>(blue.get()), static_cast<Pam*>(raw.get())}) {
+    U32 errors = 0;
+    for (const int error : {ENOBUFS, EINVAL, EMSGSIZE, ENETDOWN, ENXIO, EPERM, ENOMEM, EINTR, EBADF}) {
+      const Fault fault(Call::sendmsg, 1, error);
+      pam->txPktIs(pktOf(frameOf("lost")));
+      EXPECT_EQ(pam->txErrno(), error);
+      EXPECT_EQ(pam->txErrors(), ++errors);
+      EXPECT_EQ(pam->txDrops(), 0u);
+    }
+    const Fault fault(Call::sendmsg, 1, EAGAIN);
+    pam->txPktIs(pktOf(frameOf("dropped")));
+    EXPECT_EQ(pam->txErrno(), EAGAIN);
+    EXPECT_EQ(pam->txDrops(), 1u);
+    EXPECT_EQ(pam->txErrors(), errors);
+  }
+  blue->txPktIs(pktOf(frameOf("kept")));
+  for (const bool bulk : {false, true}) {
+    for (const int error : {EBADF, EINTR, EINVAL, ENOMEM, ENETDOWN}) {
+      const U32 before = red->rxErrors();
+      const Fault fault(bulk ? Call::recvmmsg : Call::recvmsg, 1, error);
+      if (bulk) {
+        EXPECT_EQ(red->rxPktBulk(), 0);
+      } else {
+        EXPECT_EQ(red->rxPkt(), nullptr);
+      }
+      EXPECT_EQ(red->rxErrors(), before + 1);
+      EXPECT_FALSE(red->savedPacketRx(0));
+    }
+  }
+  EXPECT_EQ(receive(red), frameOf("kept"));
+  blue->enabledIs(false);
+  blue->txPktIs(pktOf(frameOf("disabled")));
+  EXPECT_EQ(blue->txErrno(), EBADF);
+  EXPECT_EQ(blue->txErrors(), 10u);
+}
+
+TEST_F(EthDevPamTest, RawTxPamsSendByInterfaceIndexAndTellOnceWhenThereIsRoom) {
+  const Wire& slow = own();
+  const Veth second(slow.red, slow.blue, 2);
+  const auto red1 = opened(slow.red);
+  const auto red2 = ethDevPamFactory("pam", "veth2", Wire::nameOf(slow.red));
+  red2->ethTypeIs(0x88b5);
+  red2->enabledIs(true);
+  const auto raw = reqResponseRawTxPamFactory("raw", Wire::nameOf(slow.blue));
+  raw->requestWritable();
+  raw->txPktIs(pktOf(frameOf("disabled")));
+  EXPECT_EQ(raw->txErrors(), 1u);
+  raw->enabledIs(true);
+  EXPECT_EQ(raw->readableCount() + raw->writableCount(), 2u);
+  raw->txPktIs(pktOf(frameOf("nowhere")));
+  EXPECT_EQ(raw->txErrors(), 2u);
+  EXPECT_EQ(raw->txErrno(), ENXIO);
+  raw->txIfIndexIs(0x7fffffff);
+  raw->txPktIs(pktOf(frameOf("nowhere")));
+  EXPECT_EQ(raw->txErrors(), 3u);
+  raw->txIfIndexIs(slow.indexBlue);
+  raw->txPktIs(pktOf(frameOf("one")));
+  raw->txIfIndexIs(runIn(slow.blue, [] { return if_nametoindex("veth2"); }));
+  const Pkt::Ptr tagged = pktOf(frameOf("two"));
+  raw->txPktIs(tagged);
+  EXPECT_EQ(receive(red1), frameOf("one"));
+  EXPECT_EQ(receive(red2), frameOf("two"));
+  EXPECT_EQ(raw->txPktCount(), 2u);
+  EXPECT_EQ(raw->rxPkt(), nullptr);
+
+  // Through a device that sends 100 kbit a second, the socket is soon full.
+  EXPECT_EQ(shell(slow.blue, "tc qdisc add dev veth2 root tbf rate 100kbit burst 2000 limit 1000000"), "");
+  const int small = 1;
+  setsockopt(raw->fileDesc()->descriptor(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+  for (int i = 0; i < 100 && raw->txDrops() == 0; ++i) raw->txPktIs(pktOf(frameOf(std::string(1000, 'x'))));
+  EXPECT_EQ(raw->txDrops(), 1u);
+  EXPECT_EQ(raw->txErrno(), EAGAIN);
+  EXPECT_EQ(raw->txErrors(), 3u);
+  EXPECT_EQ(raw->writableCount(), 1u);
+  for (U32 armings = 1; armings <= 2; ++armings) {
+    raw->requestWritable();
+    raw->requestWritable();
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return raw->writableCount() == 1 + armings; }, 3));
+    Kiv::activityLoop().runFor(0.01);
+    EXPECT_EQ(raw->writableCount(), 1 + armings);
+  }
+  const U64 sent = raw->txPktCount();
+  raw->txPktIs(pktOf(frameOf("room")));
+  EXPECT_EQ(raw->txPktCount(), sent + 1);
+}
+
+TEST_F(EthDevPamTest, TheDeviceMayGoDownAndUpAndVanish) {
+  const Wire& mine = own();
+  const auto red = opened(mine.red);
+  const auto blue = opened(mine.blue);
+  U32 events = 0;
+  const Kiv::Reactor drain(red->readableCount, [&] {
+    ++events;
+    red->rxPkt();
+  });
+  mine.red.ip("link set veth1 down");
+  EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->rxErrors() == 1; }, 2));
+  red->txPktIs(pktOf(frameOf("down")));
+  EXPECT_EQ(red->txErrors(), 1u);
+  EXPECT_EQ(red->txErrno(), ENETDOWN);
+  mine.red.ip("link set veth1 up");
+  std::string got;
+  const U64 before = red->rxPktCount();
+  for (int i = 0; i < 100 && red->rxPktCount() == before; ++i) {
+    blue->txPktIs(pktOf(frameOf("again")));
+    Kiv::activityLoop().runFor(0.02);
+  }
+  EXPECT_GT(red->rxPktCount(), before);
+  const U32 sent = static_cast<U32>(red->txPktCount());
+  red->txPktIs(pktOf(frameOf("again")));
+  EXPECT_EQ(red->txPktCount(), sent + 1);
+
+  mine.red.ip("link del veth1");
+  Kiv::activityLoop().runFor(0.02);
+  red->txPktIs(pktOf(frameOf("gone")));
+  EXPECT_EQ(red->txErrno(), ENXIO);
+  events = 0;
+  Kiv::activityLoop().runFor(0.02);
+  EXPECT_EQ(events, 0u);  // the loop has come to rest
+  EXPECT_TRUE(red->enabled());
+  EXPECT_EQ(red->handleMembership(EthAddr("01:80:c2:00:00:0e"), true), ENODEV);
+  red->enabledIs(false);
+  EXPECT_EQ(failureOf([&] { red->enabledIs(true); }), "ioctl(SIOCGIFINDEX) 19");
+  const Veth again(mine.red, mine.blue);
+  red->enabledIs(true);
+  blue->enabledIs(false);
+  blue->enabledIs(true);
+  const U64 so = red->rxPktCount();
+  blue->txPktIs(pktOf(frameOf("back")));
+  EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->rxPktCount() > so; }, 2));
+}
+
+TEST_F(EthDevPamTest, ReactorsMayDisableReopenOrDropThePamAtAnyPoint) {
+  const std::size_t before = settledDescriptors();
+  for (int attribute = 0; attribute < 5; ++attribute) {
+    for (const bool reopen : {false, true}) {
+      const auto pam = pamIn(wire->red);
+      bool once = true;
+      const auto strike = [&] {
+        if (!std::exchange(once, false)) return;
+        pam->enabledIs(false);
+        if (reopen) pam->enabledIs(true);
+      };
+      const Kiv::Reactor reactor = attribute == 0   ? Kiv::Reactor(pam->fileDesc, strike)
+                                   : attribute == 1 ? Kiv::Reactor(pam->ifIndex, strike)
+                                   : attribute == 2 ? Kiv::Reactor(pam->ethAddr, strike)
+                                   : attribute == 3 ? Kiv::Reactor(pam->readableCount, strike)
+                                                    : Kiv::Reactor(pam->writableCount, strike);
+      pam->enabledIs(true);
+      EXPECT_FALSE(once);
+      EXPECT_EQ(pam->enabled(), reopen);
+      EXPECT_EQ(pam->fdSm() != nullptr, reopen);
+      EXPECT_EQ(settledDescriptors(), before + reopen);
+    }
+  }
+  auto pam = opened(wire->blue);
+  const Kiv::Reactor reactor(pam->txErrno, [&] { pam = nullptr; });
+  pam->txPktIs(pktOf("short"));
+  EXPECT_EQ(pam, nullptr);
+  EXPECT_EQ(settledDescriptors(), before);
+}
+
+TEST_F(EthDevPamTest, SteadyStateAllocatesNothing) {
+  for (const bool bulk : {false, true}) {
+    for (const U32 room : {1518u, 9018u}) {
+      const auto red = opened(wire->red);
+      const auto blue = opened(wire->blue);
+      red->maxRxPktDataIs(room);
+      U64 got = 0;
+      const Kiv::Reactor drain(red->readableCount, [&] {
+        if (bulk) {
+          while (red->rxPktBulk() > 0) {
+          }
+        } else {
+          while (red->rxPkt()) {
+          }
+        }
+        got = red->rxPktCount();
+      });
+      const Pkt::Ptr pkt = pktOf(frameOf("steady"));
+      pkt->newSeparateVlanTag(0, 0);
+      pkt->delSeparateVlanTag();
+      const auto round = [&] {
+        const U64 wanted = got + 1;
+        blue->txPktIs(pkt);
+        while (got < wanted) Kiv::activityLoop().poll();
+      };
+      for (int i = 0; i < 10; ++i) round();
+      const AllocationCounter allocations;
+      for (int i = 0; i < 500; ++i) round();
+      EXPECT_EQ(allocations.allocations(), 0u) << room;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Wirl
