@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Ptr.h"
+#include "Wirl/packet/NetInt.h"
+#include "Wirl/packet/Pkt.h"
+
+namespace Wirl {
+
+/// Binds the image of a header to a packet at an offset from its front, and keeps the packet. The header must
+/// lie whole in the packet's first piece: looked at once, when it is bound; a header that does not ends the
+/// process. It does not follow the packet to another buffer or to new head data: run `handleHeader()` then.
+///
+/// `Wrapper` derives from it, and has the condition as text in `kFits`, with the name of its header.
+template <typename Wrapper, typename Header>
+class HdrWrapper : public Kiv::PtrInterface {
+ public:
+  using Ptr = Kiv::Ptr<Wrapper>;
+  using Hdr = Header;
+
+  const Pkt::Ptr& pkt() const noexcept { return pkt_; }
+  /// In bytes from the packet's front.
+  U32 offset() const noexcept { return offset_; }
+  /// Of the packet: valid as long as the packet's bytes stay where they are.
+  Header* header() const noexcept { return header_; }
+  /// Lays the view elsewhere, on the caller's word that a header is there.
+  void headerIs(Header* header) noexcept { header_ = header; }
+  /// Binds the header to where the packet has it now.
+  void handleHeader() {
+    KIV_ASSERT_AS(sizeof(Header) <= pkt_->frontBytes() && offset_ <= pkt_->frontBytes() - sizeof(Header),
+                  Wrapper::kFits);
+    header_ = reinterpret_cast<Header*>(pkt_->front() + offset_);
+  }
+
+ protected:
+  HdrWrapper(Pkt::Ptr pkt, U32 offset) : pkt_(std::move(pkt)), offset_(offset) {
+    KIV_ASSERT_AS(pkt_, "pkt_ != 0");
+    handleHeader();
+  }
+
+  /// Bytes of the first piece from the header on.
+  U32 bytesFromHeader() const noexcept {
+    return pkt_->frontBytes() > offset_ ? pkt_->frontBytes() - offset_ : 0;
+  }
+
+ private:
+  const Pkt::Ptr pkt_;
+  const U32 offset_;
+  Header* header_ = nullptr;
+};
+
+}  // namespace Wirl

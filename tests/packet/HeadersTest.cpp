@@ -1,0 +1,505 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <new>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Kiv/Exception.h"
+#include "Wirl/packet/EthType.h"
+#include "Wirl/packet/Ethernet.h"
+#include "Wirl/packet/Ip6Hdr.h"
+#include "Wirl/packet/IpHdr.h"
+
+namespace {
+
+using namespace Wirl;
+
+using Octets = std::vector<U8>;
+
+template <typename Hdr>
+Octets octetsOf(const Hdr& hdr) {
+  const auto* begin = reinterpret_cast<const U8*>(&hdr);
+  return Octets(begin, begin + sizeof(hdr));
+}
+
+Pkt::Ptr pktOf(const Octets& octets) {
+  Pkt::Ptr pkt = globalPktManager()->newPkt();
+  pkt->bytesValueIs(octets);
+  return pkt;
+}
+
+Octets pattern(std::size_t bytes) {
+  Octets octets;
+  for (std::size_t i = 0; i < bytes; ++i) octets.push_back(static_cast<U8>(0x11 * (i + 1)));
+  return octets;
+}
+
+/// One setter of a header: which bits it owns, tried with all other bits set and all clear, at every offset
+/// of a word, and with a value that is too large for them.
+template <typename Hdr>
+struct FieldRow {
+  const char* field;
+  std::function<void(Hdr&)> set;
+  std::function<U32(const Hdr&)> get;
+  U32 value;
+  std::size_t at;  // of the octets that hold it
+  Octets mask, bits;
+};
+
+template <typename Hdr>
+void testFields(const std::vector<FieldRow<Hdr>>& rows) {
+  for (const auto& row : rows) {
+    for (const U8 around : Octets{0x00, 0xff}) {
+      for (std::size_t offset = 0; offset < 8; ++offset) {
+        SCOPED_TRACE(testing::Message() << row.field << " among " << int{around} << " at " << offset);
+        std::vector<U8> memory(offset + sizeof(Hdr) + 8, around);
+        auto expected = memory;
+        for (std::size_t i = 0; i < row.mask.size(); ++i) {
+          U8& octet = expected[offset + row.at + i];
+          octet = static_cast<U8>((octet & ~row.mask[i]) | row.bits[i]);
+        }
+        auto* const hdr = reinterpret_cast<Hdr*>(memory.data() + offset);
+        row.set(*hdr);
+        EXPECT_EQ(memory, expected);
+        EXPECT_EQ(row.get(*hdr), row.value);
+      }
+    }
+  }
+}
+
+#define FIELD(Hdr, setter, argument, getter, value, at, ...)                                                 \
+  {                                                                                                          \
+#setter,                                                                                                 \
+        [](Hdr & h) { h.setter argument; },                                                                  \
+                                         [](const Hdr& h) { return static_cast<U32>(h.getter); }, value, at, \
+                                                                                               __VA_ARGS__   \
+  }
+
+TEST(EthernetHeaders, SettersReplaceTheirFieldsOnly) {
+  testFields<EthHdr>({FIELD(EthHdr, typeOrLenIs, (0x1234), typeOrLen(), 0x1234, 12, {255, 255}, {0x12, 0x34}),
+                      FIELD(EthHdr, dstIs, (EthAddr(1, 2, 3, 4, 5, 6)), dst().station(), 0x040506, 0,
+                            Octets(6, 255), {1, 2, 3, 4, 5, 6}),
+                      FIELD(EthHdr, srcIs, (EthAddr(1, 2, 3, 4, 5, 6)), src().station(), 0x040506, 6,
+                            Octets(6, 255), {1, 2, 3, 4, 5, 6})});
+  testFields<Eth8021QHdr>(
+      {FIELD(Eth8021QHdr, tagControlIs, (Eth8021QTagControl(5, true, 0xabc)), tagControl().value(), 0xbabc, 0,
+             {255, 255}, {0xba, 0xbc}),
+       FIELD(Eth8021QHdr, typeOrLenIs, (0x1234), typeOrLen(), 0x1234, 2, {255, 255}, {0x12, 0x34})});
+  testFields<Eth8022LlcHdr>({FIELD(Eth8022LlcHdr, dsapIs, (0x42), dsap(), 0x42, 0, {255}, {0x42}),
+                             FIELD(Eth8022LlcHdr, ssapIs, (0x42), ssap(), 0x42, 1, {255}, {0x42}),
+                             FIELD(Eth8022LlcHdr, controlIs, (3), control(), 3, 2, {255}, {3})});
+  testFields<Eth8022SnapHdr>(
+      {FIELD(Eth8022SnapHdr, orgCodeIs, (0xff123456), orgCode(), 0x123456, 0, Octets(3, 255),
+             {0x12, 0x34, 0x56}),
+       FIELD(Eth8022SnapHdr, localCodeIs, (0x010b), localCodeU16(), 0x010b, 3, {255, 255}, {0x01, 0x0b})});
+  testFields<MimHdr>(
+      {FIELD(MimHdr, serviceIntfEthTypeIs, (0x88e7), serviceIntfEthType(), 0x88e7, 0, {255, 255},
+             {0x88, 0xe7}),
+       FIELD(MimHdr, serviceIntfTagIs, (0x12345678), serviceIntfTag(), 0x12345678, 2, Octets(4, 255),
+             {0x12, 0x34, 0x56, 0x78}),
+       FIELD(MimHdr, reservedIs, (0x7f), reserved(), 0x7f, 2, {255}, {0x7f}),
+       FIELD(MimHdr, isidIs, (0x1ffffff), isid(), 0xffffff, 3, Octets(3, 255), {255, 255, 255})});
+}
+
+TEST(IpHeaders, SettersReplaceTheirFieldsOnly) {
+  testFields<IpHdr>({
+      FIELD(IpHdr, versionIs, (0x54), version(), 4, 0, {0xf0}, {0x40}),
+      FIELD(IpHdr, headerLenIs, (0x56), headerLen(), 6, 0, {0x0f}, {0x06}),
+      FIELD(IpHdr, headerBytesIs, (24), headerBytes(), 24, 0, {0x0f}, {0x06}),
+      FIELD(IpHdr, tosIs, (0xb9), tos(), 0xb9, 1, {255}, {0xb9}),
+      FIELD(IpHdr, dscpIs, (IpDscp(46)), dscp().value(), 46, 1, {0xfc}, {0xb8}),
+      FIELD(IpHdr, ecnIs, (6), ecn(), 2, 1, {0x03}, {0x02}),
+      FIELD(IpHdr, totalLenIs, (0x1234), totalLen(), 0x1234, 2, {255, 255}, {0x12, 0x34}),
+      FIELD(IpHdr, idU16Is, (0x1234), idU16(), 0x1234, 4, {255, 255}, {0x12, 0x34}),
+      FIELD(IpHdr, reservedFragFlagIs, (true), reservedFragFlag(), 1, 6, {0x80}, {0x80}),
+      FIELD(IpHdr, reservedFragFlagIs, (false), reservedFragFlag(), 0, 6, {0x80}, {0}),
+      FIELD(IpHdr, dontFragIs, (true), dontFrag(), 1, 6, {0x40}, {0x40}),
+      FIELD(IpHdr, dontFragIs, (false), dontFrag(), 0, 6, {0x40}, {0}),
+      FIELD(IpHdr, moreFragIs, (true), moreFrag(), 1, 6, {0x20}, {0x20}),
+      FIELD(IpHdr, moreFragIs, (false), moreFrag(), 0, 6, {0x20}, {0}),
+      FIELD(IpHdr, fragmentOffsetIs, (0xf234), fragmentOffset(), 0x1234, 6, {0x1f, 255}, {0x12, 0x34}),
+      FIELD(IpHdr, fragmentOffsetAndFlagsIs, (IpFragmentOffsetAndFlags(0x5234)),
+            fragmentOffsetAndFlags().value(), 0x5234, 6, {255, 255}, {0x52, 0x34}),
+      FIELD(IpHdr, ttlIs, (64), ttl().value(), 64, 8, {255}, {64}),
+      FIELD(IpHdr, protocolIs, (4), protocol(), 4, 9, {255}, {4}),
+      FIELD(IpHdr, protocolNumIs, (ipProtoOspf), protocolNum(), 89, 9, {255}, {89}),
+      FIELD(IpHdr, checksumU16Is, (0x1234), checksumU16(), 0x1234, 10, {255, 255}, {0x12, 0x34}),
+      FIELD(IpHdr, checksumIs, (IpChecksum(U16{0x1234})), checksum().value(), 0x1234, 10, {255, 255},
+            {0x12, 0x34}),
+      FIELD(IpHdr, srcIs, (IpAddr(1, 2, 3, 4)), src().hostOrder(), 0x01020304, 12, Octets(4, 255),
+            {1, 2, 3, 4}),
+      FIELD(IpHdr, dstIs, (IpAddr(1, 2, 3, 4)), dst().hostOrder(), 0x01020304, 16, Octets(4, 255),
+            {1, 2, 3, 4}),
+  });
+  testFields<IpHdrOptionCommon>(
+      {FIELD(IpHdrOptionCommon, copiedIs, (true), copied(), 1, 0, {0x80}, {0x80}),
+       FIELD(IpHdrOptionCommon, copiedIs, (false), copied(), 0, 0, {0x80}, {0}),
+       FIELD(IpHdrOptionCommon, optionClassIs, (6), optionClass(), 2, 0, {0x60}, {0x40}),
+       FIELD(IpHdrOptionCommon, numberIs, (0x34), number(), 0x14, 0, {0x1f}, {0x14})});
+  const U64 high = 0x0102030405060708;
+  testFields<Ip6Hdr>({
+      FIELD(Ip6Hdr, versionIs, (0x16), version(), 6, 0, {0xf0}, {0x60}),
+      FIELD(Ip6Hdr, trafficClassIs, (0xab), trafficClass(), 0xab, 0, {0x0f, 0xf0}, {0x0a, 0xb0}),
+      FIELD(Ip6Hdr, flowLabelIs, (0xfffcdef1), flowLabel(), 0xcdef1, 1, {0x0f, 255, 255}, {0x0c, 0xde, 0xf1}),
+      FIELD(Ip6Hdr, payloadLenIs, (0x1234), payloadLen(), 0x1234, 4, {255, 255}, {0x12, 0x34}),
+      FIELD(Ip6Hdr, protocolIs, (50), protocol(), 50, 6, {255}, {50}),
+      FIELD(Ip6Hdr, protocolNumIs, (ipProtoIcmpv6), protocolNum(), 58, 6, {255}, {58}),
+      FIELD(Ip6Hdr, hopLimitIs, (255), hopLimit().value(), 255, 7, {255}, {255}),
+      FIELD(Ip6Hdr, srcIs, (Ip6Addr(high, 9)), src().u16(1), 0x0304, 8, Octets(16, 255),
+            {1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 0, 0, 9}),
+      FIELD(Ip6Hdr, dstIs, (Ip6Addr(high, 9)), dst().u16(1), 0x0304, 24, Octets(16, 255),
+            {1, 2, 3, 4, 5, 6, 7, 8, 0, 0, 0, 0, 0, 0, 0, 9}),
+  });
+}
+
+TEST(Headers, AreConstructedZeroOrWellFormed) {
+  const auto made = []<typename Hdr>(std::in_place_type_t<Hdr>) {
+    alignas(Hdr) U8 memory[sizeof(Hdr)];
+    std::memset(memory, 0xaa, sizeof(memory));  // a forgotten octet shows
+    return octetsOf(*new (memory) Hdr);
+  };
+  EXPECT_EQ(made(std::in_place_type<EthHdr>), Octets(14));
+  EXPECT_EQ(made(std::in_place_type<Eth8021QHdr>), Octets(4));
+  EXPECT_EQ(made(std::in_place_type<Eth8022LlcHdr>), Octets(3));
+  EXPECT_EQ(made(std::in_place_type<Eth8022SnapHdr>), Octets(5));
+  EXPECT_EQ(made(std::in_place_type<MimHdr>), Octets(6));
+  EXPECT_EQ(made(std::in_place_type<IpHdr>), Octets(20));
+  EXPECT_EQ(made(std::in_place_type<IpHdrOptionCommon>), Octets(1));
+  EXPECT_EQ(made(std::in_place_type<IpHdrRouterAlertOption>), (Octets{148, 4, 0, 0}));
+  EXPECT_EQ(made(std::in_place_type<Ip6Hdr>), Octets(40));
+  EXPECT_EQ(made(std::in_place_type<Ip6HdrOptionCommon>), Octets(2));
+  EXPECT_EQ(made(std::in_place_type<Ip6HdrPad1>), Octets(1));
+  EXPECT_EQ(made(std::in_place_type<Ip6HdrPadN>), (Octets{1, 0}));
+  EXPECT_EQ(made(std::in_place_type<Ip6HdrRouterAlertOption>), (Octets{0, 0, 5, 2, 0, 0}));
+}
+
+TEST(EthernetHeaders, LlcAndSnapAreToldByTheirValues) {
+  EthHdr eth;
+  Eth8021QHdr tag;
+  for (const U16 length : std::initializer_list<U16>{0, 1535, 1536, 65535}) {
+    eth.typeOrLenIs(length);
+    tag.typeOrLenIs(length);
+    EXPECT_EQ(eth.llcType(), length < 1536) << length;
+    EXPECT_EQ(tag.llcType(), length < 1536) << length;
+  }
+  for (U32 bits = 0; bits < 8; ++bits) {
+    Eth8022LlcHdr llc;
+    llc.dsapIs(bits & 1 ? 0xaa : 0xab);
+    llc.ssapIs(bits & 2 ? 0xaa : 0xab);
+    llc.controlIs(bits & 4 ? 3 : 4);
+    EXPECT_EQ(llc.snap(), bits == 7);
+  }
+}
+
+TEST(EthernetHeaders, WrappersKnowTheirOwnTypesOnly) {
+  const auto eth = ethHdrWrapperFactory(pktOf(Octets(14)), 0);
+  const auto tag = eth8021QHdrWrapperFactory(pktOf(Octets(4)), 0);
+  std::string known;
+  for (U32 type = 0; type <= 0xffff; ++type) {
+    eth->header()->typeOrLenIs(static_cast<U16>(type));
+    tag->header()->typeOrLenIs(static_cast<U16>(type));
+    if (eth->ethType() != tag->ethType()) known += "eth only ";
+    if (eth->ethType() == ethTypeUnknown) {
+      EXPECT_EQ(tag->ethType(), ethTypeUnknown);
+    } else {
+      EXPECT_EQ(eth->ethType(), type);
+      known += std::string(ethTypeText(eth->ethType())) + " ";
+    }
+  }
+  EXPECT_EQ(known,
+            "ethTypeIp ethTypeArpIp ethTypeDot1Q ethTypeIp6 ethTypeMpls ethTypePtp ethTypeCfm eth only "
+            "ethTypeQinQ ");
+  tag->ethTypeIs(ethTypeQuillo);
+  EXPECT_EQ(tag->pkt()->rawByte(2), 0xd2);
+}
+
+TEST(EthernetHeaders, TagSettersOfTheWrapperCutTheirValue) {
+  for (const U8 around : Octets{0x00, 0xff}) {
+    const Pkt::Ptr pkt = pktOf(Octets(4, around));
+    const auto tag = eth8021QHdrWrapperFactory(pkt, 0);
+    const auto word = [&] { return pkt->rawByte(0) << 8 | pkt->rawByte(1); };
+    const int before = word();
+    tag->tagControlPriorityIs(0xfa);
+    EXPECT_EQ(word(), (before & 0x1fff) | 0x4000);
+    EXPECT_EQ(tag->tagControlPriority(), 2);
+    tag->tagControlCfiIs(!tag->tagControlCfi());
+    EXPECT_EQ(word(), ((before & 0x1fff) | 0x4000) ^ 0x1000);
+    tag->tagControlVlanIdIs(0xf123);
+    EXPECT_EQ(word() & 0xfff, 0x123);
+    EXPECT_EQ(tag->tagControlVlanId(), 0x123);
+    EXPECT_EQ(word() & 0xf000, (before & 0x1000) ^ 0x5000);
+  }
+}
+
+TEST(EthernetHeaders, TheIpHeaderIsFoundBehindTagsOfOneKind) {
+  const Octets macs(12), ip4 = {0x08, 0x00}, ip6 = {0x86, 0xdd}, arp = {0x08, 0x06}, q = {0x81, 0x00},
+                         ad = {0x88, 0xa8}, qinq = {0x91, 0x00}, tci = {0, 5}, llc = {0x05, 0xff};
+  const struct {
+    std::vector<Octets> pieces;
+    U32 cut, offset;  // from Ethernet on
+  } rows[] = {{{ip4}, 0, 14},
+              {{ip6}, 0, 14},
+              {{ip4}, 1, 0},
+              {{arp}, 0, 0},
+              {{llc}, 0, 0},
+              {{ad, tci, ip4}, 0, 0},
+              {{qinq, tci, ip4}, 0, 0},
+              {{q, tci, ip4}, 0, 18},
+              {{q, tci, ip4}, 1, 0},
+              {{q, tci, arp}, 0, 0},
+              {{q, tci, llc}, 0, 0},
+              {{q, tci, ad, tci, ip4}, 0, 0},
+              {{q, tci, q, tci, ip6}, 0, 22},
+              {{q, tci, q, tci, ip6}, 4, 0},
+              {{q, tci, q, tci, q, tci, q, tci, ip4}, 0, 30},
+              {{q}, 0, 0}};
+  for (const auto& row : rows) {
+    Octets frame = macs;
+    for (const auto& piece : row.pieces) frame.insert(frame.end(), piece.begin(), piece.end());
+    frame.resize(frame.size() - row.cut);
+    SCOPED_TRACE(testing::PrintToString(frame));
+    const Octets exact(frame);  // a sanitizer sees a read past it
+    EXPECT_EQ(ipHdrOffset(reinterpret_cast<const EthHdr*>(exact.data()), static_cast<U32>(exact.size())),
+              row.offset);
+    const U32 lead = 3;
+    frame.insert(frame.begin(), lead, 0xee);
+    if (frame.size() >= lead + 14) {
+      EXPECT_EQ(ethHdrWrapperFactory(pktOf(frame), lead)->ipHdrOffset(), row.offset);
+    }
+    if (frame.size() >= lead + 18 && row.pieces[0] == q) {
+      EXPECT_EQ(eth8021QHdrWrapperFactory(pktOf(frame), lead + 14)->ipHdrOffset(),
+                row.offset ? row.offset - 14 : 0);
+    }
+  }
+}
+
+TEST(Headers, WrappersForwardTheirHeadersFields) {
+  const Pkt::Ptr pkt = pktOf(Octets(20, 0xff));
+  const auto llc = eth8022LlcHdrWrapperFactory(pkt, 0);
+  llc->dsapIs(0xaa);
+  llc->ssapIs(0xaa);
+  llc->controlIs(3);
+  EXPECT_TRUE(llc->snap() && llc->dsap() == 0xaa && llc->ssap() == 0xaa && llc->control() == 3);
+  const auto snap = eth8022SnapHdrWrapperFactory(pkt, 3);
+  snap->orgCodeIs(0x123456);
+  snap->localCodeIs(0x789a);
+  EXPECT_TRUE(snap->orgCode() == 0x123456 && snap->localCode() == 0x789a);
+  const auto mim = mimHdrWrapperFactory(pkt, 8);
+  mim->serviceIntfEthTypeIs(ethTypeDot1ah);
+  mim->isidIs(0x1000001);
+  EXPECT_TRUE(mim->serviceIntfEthType() == ethTypeDot1ah && mim->serviceEthTypeU16() == 0x88e7);
+  EXPECT_TRUE(mim->isid() == 1 && mim->serviceIntfTag() == 0xff000001);
+  EXPECT_EQ(pkt->bytesValue(), (Octets{0xaa, 0xaa, 3, 0x12, 0x34, 0x56, 0x78, 0x9a, 0x88, 0xe7,
+                                       0xff, 0,    0, 1,    0xff, 0xff, 0xff, 0xff, 0xff, 0xff}));
+}
+
+TEST(Headers, AWrapperFollowsThePacketWhenToldTo) {
+  const Pkt::Ptr pkt = pktOf(pattern(40));
+  const auto ip = ipHdrWrapperFactory(pkt, 20);
+  EXPECT_EQ(reinterpret_cast<U8*>(ip->header()), pkt->front() + 20);
+  pkt->newSharedHeadData(2000);
+  ip->handleHeader();
+  EXPECT_EQ(reinterpret_cast<U8*>(ip->header()), pkt->front() + 20);
+  IpHdr elsewhere;
+  ip->headerIs(&elsewhere);
+  EXPECT_EQ(ip->header(), &elsewhere);
+}
+
+TEST(HeadersDeathTest, AHeaderLiesWholeInTheFirstPiece) {
+  const struct {
+    const char* name;
+    std::size_t bytes;
+    std::function<void(const Pkt::Ptr&, U32)> bind;
+  } rows[] = {
+      {"EthHdr", 14, ethHdrWrapperFactory},
+      {"Eth8021QHdr", 4, eth8021QHdrWrapperFactory},
+      {"Eth8022LlcHdr", 3, eth8022LlcHdrWrapperFactory},
+      {"Eth8022SnapHdr", 5, eth8022SnapHdrWrapperFactory},
+      {"MimHdr", 6, mimHdrWrapperFactory},
+      {"IpHdr", 20, ipHdrWrapperFactory},
+      {"IpHdrOptionCommon", 1, ipHdrOptionCommonWrapperFactory},
+      {"IpHdrRouterAlertOption", 4, ipHdrRouterAlertOptionWrapperFactory},
+      {"Ip6Hdr", 40, ip6HdrWrapperFactory},
+      {"Ip6HdrOptionCommon", 2, ip6HdrOptionCommonWrapperFactory},
+      {"Ip6HdrRouterAlertOption", 6, ip6HdrRouterAlertOptionWrapperFactory},
+      {"Ip6HdrPad1", 1, ip6HdrPad1WrapperFactory},
+      {"Ip6HdrPadN", 2, ip6HdrPadNWrapperFactory},
+  };
+  for (const auto& row : rows) {
+    const std::string condition =
+        "assertion failed: ( offset_ + sizeof( " + std::string(row.name) + " ) ) <= pkt_->frontBytes()\n";
+    const Pkt::Ptr fits = pktOf(Octets(row.bytes + 1));
+    row.bind(fits, 1);
+    EXPECT_DEATH(row.bind(fits, 2), testing::HasSubstr(condition));
+    EXPECT_DEATH(row.bind(fits, 0u - static_cast<U32>(row.bytes)), testing::HasSubstr(condition)) << "wraps";
+  }
+  const Pkt::Ptr inTwo = pktOf(Octets(20));
+  inTwo->newPrivateHeadData(13);
+  EXPECT_DEATH(ethHdrWrapperFactory(inTwo, 0), "sizeof\\( EthHdr \\)");
+}
+
+TEST(IpHeaders, LengthsOfTheHeaderAndThePayload) {
+  const struct {
+    U8 words;
+    U16 total, header, payload;
+    bool options;
+  } rows[] = {{5, 20, 20, 0, false},        {5, 19, 20, 0, false},   {6, 24, 24, 0, true},
+              {15, 65535, 60, 65475, true}, {0, 100, 0, 100, false}, {4, 0, 16, 0, false},
+              {5, 1500, 20, 1480, false}};
+  for (const auto& row : rows) {
+    IpHdr ip;
+    ip.headerLenIs(row.words);
+    ip.totalLenIs(row.total);
+    EXPECT_EQ(ip.headerBytes(), row.header);
+    EXPECT_EQ(ip.payloadLen(), row.payload);
+    EXPECT_EQ(ip.hasOptions(), row.options);
+  }
+  EXPECT_DEATH(IpHdr().headerBytesIs(22), "assertion failed: \\(b % 4\\) == 0\n");
+}
+
+TEST(IpHeaders, TheChecksumIsOverTheWholeHeader) {
+  // The header of a datagram from an ordinary capture, then the same with a router alert.
+  Octets plain = {0x45, 0,    0,    0x73, 0, 0,    0x40, 0,    0x40, 0x11,
+                  0xb8, 0x61, 0xc0, 0xa8, 0, 0x01, 0xc0, 0xa8, 0,    0xc7};
+  auto* ip = reinterpret_cast<IpHdr*>(plain.data());
+  EXPECT_EQ(ip->computedChecksumU16(), 0);
+  ip->checksumU16Is(0);
+  EXPECT_EQ(ip->computedChecksum(), IpChecksum(U16{0xb861}));
+  Octets options = plain;
+  options[0] = 0x46;
+  options.insert(options.end(), {148, 4, 0, 0});
+  EXPECT_EQ(reinterpret_cast<IpHdr*>(options.data())->computedChecksumU16(), 0xb861 - 0x9404 - 0x0100);
+}
+
+TEST(IpHeaders, EachKnowsItsOwnProtocols) {
+  std::string ip4, ip6;
+  for (U32 octet = 0; octet < 256; ++octet) {
+    IpHdr four;
+    Ip6Hdr six;
+    four.protocolIs(static_cast<U8>(octet));
+    six.protocolIs(static_cast<U8>(octet));
+    if (four.protocolNum() == octet) ip4 += std::to_string(octet) + " ";
+    if (six.protocolNum() == octet) ip6 += std::to_string(octet) + " ";
+    EXPECT_TRUE(four.protocolNum() == octet || four.protocolNum() == ipProtoUnknown);
+    EXPECT_TRUE(six.protocolNum() == octet || six.protocolNum() == ipProtoUnknown);
+  }
+  EXPECT_EQ(ip4, "1 2 6 17 46 47 51 89 94 103 112 115 124 132 253 255 ");
+  EXPECT_EQ(ip6, "0 1 2 6 17 43 44 58 59 60 89 103 112 253 255 ");
+}
+
+TEST(IpHeaders, ThePseudoHeaderIsSummedAsItIsWritten) {
+  Ip6Hdr ip;
+  ip.srcIs(Ip6Addr("fe80::1:2ff:fe03:4"));
+  ip.dstIs(Ip6Addr("ff02::1:ff00:1"));
+  Octets pseudo = octetsOf(ip);
+  pseudo.erase(pseudo.begin(), pseudo.begin() + 8);
+  for (const U8 octet : Octets{0x00, 0x01, 0x86, 0xa5, 0, 0, 0, 58}) pseudo.push_back(octet);
+  EXPECT_EQ(ip.pseudoHdrSum(0x000186a5, 58), ipChecksumChunk(reinterpret_cast<const char*>(pseudo.data()),
+                                                             static_cast<U16>(pseudo.size()), 0));
+}
+
+TEST(IpHeaders, PrintTheirFields) {
+  IpHdr four;
+  four.versionIs(4);
+  four.headerBytesIs(20);
+  four.totalLenIs(115);
+  four.idU16Is(7);
+  four.dontFragIs(true);
+  four.ttlIs(64);
+  four.protocolNumIs(ipProtoUdp);
+  four.checksumU16Is(0xb861);
+  four.srcIs(IpAddr(192, 168, 0, 1));
+  four.dstIs(IpAddr(192, 168, 0, 199));
+  std::ostringstream out;
+  out << four;
+  EXPECT_EQ(out.str(),
+            "IPv4 version 4 headerLen 5 tos 0 totalLen 115 id 7 dontFrag fragmentOffset 0 ttl 64 protocol 17 "
+            "checksum 0xb861 src 192.168.0.1 dst 192.168.0.199");
+  Ip6Hdr six;
+  six.versionTrafficClassAndFlowLabelIs(IpVersionTrafficClassAndFlowLabel(0x6abcdef1));
+  six.hopLimitIs(1);
+  out.str("");
+  out << six;
+  EXPECT_EQ(
+      out.str(),
+      "IPv6 version 6 trafficClass 171 flowLabel 843505 payloadLen 0 nextHeader 0 hopLimit 1 src :: dst ::");
+}
+
+/// Text, what it reads as (printed again), or why not.
+template <typename T>
+void testTexts(const std::vector<std::pair<std::string, std::string>>& rows) {
+  for (const auto& [text, outcome] : rows) {
+    T value;
+    try {
+      value.stringValueIs(text);
+      std::ostringstream out;
+      out << value;
+      EXPECT_EQ(out.str(), outcome) << text;
+      EXPECT_EQ(value.stringValue(), outcome);
+    } catch (const Kiv::RangeException& failure) {
+      EXPECT_EQ(failure.message(), outcome) << text;
+      EXPECT_EQ(value, T());
+    }
+  }
+}
+
+TEST(HeaderValues, ReadTheirTextsAndRefuseWhatDoesNotFit) {
+  testTexts<IpVersion>({{"0", "0"},
+                        {"15", "15"},
+                        {"0015", "15"},
+                        {"16", "IpVersion::value is larger than its field"},
+                        {"", "Invalid IpVersion"},
+                        {"4 ", "Invalid IpVersion"},
+                        {"-1", "Invalid IpVersion"},
+                        {std::string(40, '9'), "IpVersion::value is larger than its field"}});
+  testTexts<IpFlowLabel>(
+      {{"1048575", "1048575"}, {"1048576", "IpFlowLabel::value is larger than its field"}});
+  testTexts<Eth8022LlcSap>({{"170", "170"}, {"256", "Eth8022LlcSap::value is larger than its field"}});
+  const std::string tag = "Value('Wirl::Eth8021QTagControl', ** {'v0': 177, 'v1': 35})";
+  testTexts<Eth8021QTagControl>(
+      {{tag, tag}, {tag + " ", "Invalid Eth8021QTagControl"}, {"", "Invalid Eth8021QTagControl"}});
+  const std::string fragments =
+      "Value('Wirl::IpFragmentOffsetAndFlags', ** {'flags': Value('Wirl::IpFlags', ** {'reservedFragFlag': "
+      "False, "
+      "'dontFrag': True, 'moreFrag': False}), 'fragmentOffset': 4660})";
+  testTexts<IpFragmentOffsetAndFlags>({{fragments, fragments}});
+  const std::string length = "Value('Wirl::IpVersionAndHeaderLen', ** {'version': 4, 'headerLen': 5})";
+  testTexts<IpVersionAndHeaderLen>({{length, length}});
+  const std::string first =
+      "Value('Wirl::IpVersionTrafficClassAndFlowLabel', ** {'version': 6, 'trafficClass': 171, 'flowLabel': "
+      "843505})";
+  testTexts<IpVersionTrafficClassAndFlowLabel>({{first, first}});
+}
+
+TEST(HeaderValues, WordsComeApartAndTogether) {
+  for (U32 word = 0; word <= 0xffff; word += 7) {
+    const auto bits = static_cast<U16>(word);
+    EXPECT_EQ(Eth8021QTagControl(bits).value(), bits);
+    EXPECT_EQ(IpFragmentOffsetAndFlags(bits).value(), bits);
+    EXPECT_EQ(IpVersionAndHeaderLen(static_cast<U8>(bits)).value(), static_cast<U8>(bits));
+    EXPECT_EQ(IpVersionTrafficClassAndFlowLabel(word * 65537).value(), word * 65537);
+  }
+  const Eth8021QTagControl tag(0xb123);
+  EXPECT_TRUE(tag == Eth8021QTagControl(5, true, 0x123) && tag < Eth8021QTagControl(0xb124));
+  EXPECT_TRUE(Eth8021QTagControl(0xb0ff) < tag);
+}
+
+TEST(EthTypes, TextsAreTheMembersNames) {
+  for (const EthType type : {ethTypeUnknown, ethTypeIp, ethTypeLldp, ethTypeQuillo, ethTypeDot1ad}) {
+    EXPECT_EQ(ethTypeFromString(ethTypeText(type)), type);
+  }
+  std::ostringstream out;
+  out << ethTypeSlowProto << ' ' << static_cast<EthType>(0x1234) << ' ' << ethSubTypeKelvo;
+  EXPECT_EQ(out.str(), "ethTypeSlowProto ethTypeUnknown ethSubTypeKelvo");
+  EXPECT_EQ(ethTypeFromText("ethTypeIp "), std::nullopt);
+  EXPECT_THROW(ethTypeFromString("ip"), Kiv::RangeException);
+  EXPECT_EQ(ethSubTypeFromString("ethSubTypeL2HeaderTimestamping"), ethSubTypeL2HeaderTimestamping);
+  EXPECT_THROW(ethSubTypeFromString(""), Kiv::RangeException);
+}
+
+}  // namespace
