@@ -74,9 +74,9 @@ ActivityLoop::~ActivityLoop() {
 // ------------------------------------------------------------------------------------------------
 
 U32 ActivityLoop::slotIs(FileDescriptor& target, int fd, U32 events) {
-  // Asked of the kernel first, so that the table grows for descriptors that exist and no others.
-  if (fcntl(fd, F_GETFD) < 0) throw ErrnoException(errno, "epoll_ctl");
   const auto number = static_cast<std::size_t>(fd);
+  // The table does not grow far for a descriptor that may not exist: the kernel is asked first.
+  if (number >= slotOfFd_.size() + 1024 && fcntl(fd, F_GETFD) < 0) throw ErrnoException(errno, "epoll_ctl");
   if (slotOfFd_.size() <= number) slotOfFd_.resize(number + 1, kNoSlot);
   if (freeSlots_.empty()) {
     slots_.emplace_back();

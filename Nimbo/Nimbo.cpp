@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 namespace Nimbo {
 
@@ -87,8 +88,26 @@ class SignalsHeldBack {
   sigset_t before_;
 };
 
-bool isOwn(const char* name) noexcept {
+/// The namespace that the thread was in before `netnsEnter` moved it: what "default" stands for. -1 for a thread
+/// that was never moved, which is there. Trivial, since all calls look at it.
+constinit thread_local int home = -1;
+
+/// Keeps `netns` as the thread's home until the thread ends.
+void homeIs(int netns) noexcept {
+  home = netns;
+  static thread_local const struct Closer {
+    ~Closer() { ::close(std::exchange(home, -1)); }
+  } closer;
+  static_cast<void>(closer);
+}
+
+bool isDefault(const char* name) noexcept {
   return !name || !*name || std::string_view(name) == "default";
+}
+
+/// Whether the thread is in the namespace `name` without looking.
+bool isOwn(const char* name) noexcept {
+  return isDefault(name) && home < 0;
 }
 
 int openOwn() noexcept {
@@ -97,6 +116,10 @@ int openOwn() noexcept {
 }
 
 int openNamed(const char* name) noexcept {
+  if (isDefault(name)) {
+    const int descriptor = ::fcntl(home, F_DUPFD_CLOEXEC, 0);
+    return descriptor >= 0 ? descriptor : failed("dup ", "default");
+  }
   const std::string_view component = name;
   char path[kDirectory.size() + NAME_MAX + 1];
   if (component == "." || component == ".." || component.find('/') != std::string_view::npos) {
@@ -144,7 +167,16 @@ int netnsEnter(const char* name) noexcept {
   const CancellationHeldBack cancellation;
   const ScopedDescriptor there(openNamed(name));
   if (there.get() < 0) return -1;
-  return ::setns(there.get(), CLONE_NEWNET) == 0 ? 0 : failed("setns ", name);
+  const int before = home >= 0 ? -1 : openOwn();
+  if (before < 0 && home < 0) return -1;
+  if (::setns(there.get(), CLONE_NEWNET) != 0) {
+    const int error = errno;
+    if (before >= 0) ::close(before);
+    errno = error;
+    return failed("setns ", name);
+  }
+  if (before >= 0) homeIs(before);
+  return 0;
 }
 
 int netnsOpen(const char* name) noexcept {

@@ -15,7 +15,7 @@
 /// No signal handler runs on the far side, and there is no cancellation point there.
 ///
 /// A name is one component below /run/netns. The empty name, null and "default" stand for the namespace that
-/// the calling thread is in. Namespaces may come and go at any time: a name that has none, or has one no
+/// the calling thread was in before `netnsEnter` moved it, so for the one that it is in if that never did. Namespaces may come and go at any time: a name that has none, or has one no
 /// more, is ENOENT, or EINVAL where only its file is left. Descriptors and sockets keep their namespace
 /// alive.
 ///
@@ -28,7 +28,8 @@ namespace Nimbo {
 /// descriptor, which the caller owns.
 KIV_API int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept;
 
-/// Moves the calling thread into the namespace `name`, to stay. Returns 0.
+/// Moves the calling thread into the namespace `name`, to stay; "default" brings it back to where it was first.
+/// Keeps one descriptor for a thread that was moved. Returns 0.
 KIV_API int netnsEnter(const char* name) noexcept;
 
 /// Opens the namespace `name` itself, for setns(2) or a netlink request. Returns the descriptor,

@@ -6,7 +6,7 @@
 
 /// Sockets and interfaces in named network namespaces. A name is that of a namespace under /run/netns, as
 /// `L3::VrfName::nsName()` gives it; "default", the empty name and null stand for the namespace that the
-/// calling thread is in. Failures return a negative value with errno set, and are traced by the handle
+/// calling thread was in before `setNsByName` moved it, if it did. Failures return a negative value with errno set, and are traced by the handle
 /// "socketAt" at level 0; nothing throws.
 namespace Wirl {
 

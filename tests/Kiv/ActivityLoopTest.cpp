@@ -16,6 +16,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Kiv/Clock.h"
@@ -106,6 +107,7 @@ TEST(FileDescriptor, ARefusedDescriptorThrowsAndTheFormerOneStays) {
     }
   };
   refused(closed, EBADF);
+  refused(0x7fffffff, EBADF);
   const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
   refused(file, EPERM);
   close(file);
@@ -130,8 +132,8 @@ TEST(FileDescriptor, SetsAndClearsNonBlocking) {
 
 // The two orders of the events in a batch are both tried: whichever comes first does it to the other.
 TEST(ActivityLoop, AnEventOfADescriptorLetGoInTheSameBatchIsDropped) {
-  enum class Way { unwatch, destroy, reuse };
-  for (const Way way : {Way::unwatch, Way::destroy, Way::reuse}) {
+  enum class Way { unwatch, destroy, reuse, reuseUnsaid };
+  for (const Way way : {Way::unwatch, Way::destroy, Way::reuse, Way::reuseUnsaid}) {
     SCOPED_TRACE(static_cast<int>(way));
     Pair pairs[2];
     Ptr<FileDescriptor> fds[2] = {watch(pairs[0].ends[0]), watch(pairs[1].ends[0])};
@@ -152,8 +154,9 @@ TEST(ActivityLoop, AnEventOfADescriptorLetGoInTheSameBatchIsDropped) {
             fds[other] = nullptr;
             break;
           case Way::reuse:
-            // The same number, slot and moment, but another socket, with nothing to read.
-            fds[other]->descriptorIs(-1);
+          case Way::reuseUnsaid:
+            // The same number and moment, but another socket, with nothing to read.
+            if (way == Way::reuse) fds[other]->descriptorIs(-1);
             dup3(quiet.ends[0], number, O_CLOEXEC);
             successor = watch(number);
             break;
@@ -413,6 +416,37 @@ TEST(Clock, MeetsDeadlinesBelowAMillisecondAndNeverEarly) {
   EXPECT_LT(late[late.size() / 4], 700us);  // a wait in whole milliseconds could not
 }
 
+TEST(ActivityLoop, EachThreadHasItsOwnAndCountsMayCrossThem) {
+  ptrThreadSafeIs(true);
+  Pair pair;
+  const auto shared = makePtr<Clock>("shared");  // only its references are touched from the threads
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&pair, shared, mine = &loop()] {
+      EXPECT_NE(&loop(), mine);
+      for (int n = 0; n < 1000; ++n) const Ptr<Entity> copy = shared;
+      const auto clock = makePtr<Clock>("clock");
+      const Reactor reactor(clock->expiredCount, [] { loop().stop(); });
+      clock->timeMinIs(loop().now() + 1ms);
+      loop().run();
+      EXPECT_EQ(clock->expiredCount(), 1u);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(shared->references(), 1u);
+  ptrThreadSafeIs(false);
+}
+
+TEST(ActivityLoop, ADescriptorNobodyDrainsDoesNotStopSimulatedTime) {
+  const Simulated time;
+  Pair pair;
+  pair.write();
+  const auto fd = watch(pair.ends[0]);
+  const Time start = loop().now();
+  loop().runFor(1);
+  EXPECT_EQ(loop().now(), start + 1s);
+}
+
 TEST(ActivityLoop, SimulatedTimeStandsStillExceptForWaiting) {
   const Simulated time;
   const Time start = loop().now();
@@ -436,8 +470,10 @@ TEST(ActivityLoop, SimulatedTimeStandsStillExceptForWaiting) {
 }
 
 TEST(ActivityLoop, LivesInsideAForeignLoop) {
-  const auto readable = [](int timeout) {
-    pollfd entry{loop().descriptor(), POLLIN, 0};
+  // Asked for once, as a host does: what the loop does later must show there.
+  const int descriptor = loop().descriptor();
+  const auto readable = [descriptor](int timeout) {
+    pollfd entry{descriptor, POLLIN, 0};
     return poll(&entry, 1, timeout) == 1;
   };
   while (readable(0)) loop().poll();
@@ -471,6 +507,13 @@ TEST(ActivityLoop, LivesInsideAForeignLoop) {
   EXPECT_TRUE(readable(1000));
   loop().poll();
   EXPECT_EQ(other->expiredCount(), 1u);
+
+  // So does what the loop was given while it ran by itself.
+  const Reactor setter(slow->expiredCount, [&] { other->timeMinIs(loop().now() + 2ms); });
+  slow->timeMinIs(loop().now());
+  loop().runFor(0);
+  while (other->expiredCount() < 2 && readable(1000)) loop().poll();
+  EXPECT_EQ(other->expiredCount(), 2u);
 }
 
 }  // namespace

@@ -231,6 +231,18 @@ TEST_F(TraceTest, ADisabledLevelEvaluatesNothing) {
   EXPECT_EQ(evaluated, 0);
 }
 
+TEST_F(TraceTest, ASinkMayTraceAndReplaceItself) {
+  const TraceHandle handle("One");
+  traceIs("One/1");
+  traceSinkIs([this, &handle, text = std::string(100, 'x')](std::string_view, unsigned, std::string_view) {
+    traceSinkIs([this](std::string_view, unsigned, std::string_view inner) { lines += inner; });
+    KIV_TRACE(handle, 1) << "inner";
+    lines += text;
+  });
+  KIV_TRACE(handle, 1) << "outer";
+  EXPECT_EQ(lines, "inner" + std::string(100, 'x'));
+}
+
 TEST_F(TraceTest, AMalformedSettingChangesNothing) {
   const TraceHandle handle("One");
   traceIs("One/1");

@@ -90,8 +90,15 @@ TEST_F(SocketAtTest, SetNsByNameMovesTheCallingThreadAlone) {
   const auto home = currentNetNs();
   const auto there = std::async(std::launch::async, [&] {
                        EXPECT_EQ(setns_by_name(red.c_str()), 0);
+                       const auto netNs = currentNetNs();
+                       // From there "default" is still home, for sockets and for the thread.
+                       const int socket = socketAt(AF_INET, SOCK_DGRAM, 0, "default");
+                       EXPECT_GE(socket, 0);
+                       EXPECT_EQ(currentNetNs(), netNs);
+                       close(socket);
                        EXPECT_EQ(setNsByName("default"), 0);
-                       return currentNetNs();
+                       EXPECT_EQ(currentNetNs(), home);
+                       return netNs;
                      }).get();
   EXPECT_EQ(there, runIn(red, currentNetNs));
   EXPECT_EQ(currentNetNs(), home);

@@ -224,6 +224,27 @@ TEST_P(UdpPamTest, ARefusalIsCountedAsSentAndOtherFailuresAreNot) {
   EXPECT_NE(client.pam->fileDesc(), nullptr);
 }
 
+TEST_P(UdpPamTest, PublishesHopLimitAndTrafficClassWhereTheKernelTellsThem) {
+  End server = opened(Mode::server);
+  End sender(v6);
+  sender.pam->txTosIs(40);
+  sender.pam->modeIs(Mode::send);
+  sender.sendTo(loopback, server.pam->rxPort());
+  const int on = 1;
+  const int fd = server.pam->fileDesc()->descriptor();
+  if (v6) {
+    setsockopt(fd, IPPROTO_IPV6, IPV6_RECVTCLASS, &on, sizeof(on));
+    setsockopt(fd, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, &on, sizeof(on));
+  } else {
+    setsockopt(fd, IPPROTO_IP, IP_RECVTOS, &on, sizeof(on));
+    setsockopt(fd, IPPROTO_IP, IP_RECVTTL, &on, sizeof(on));
+  }
+  sender.send("x");
+  EXPECT_EQ(server.receive(), "x");
+  EXPECT_EQ(server.pam->rxTOS(), 40);
+  EXPECT_EQ(server.pam->rxTTL(), 64);
+}
+
 TEST_P(UdpPamTest, AFailedConnectDropsThePacketUncounted) {
   End server = opened(Mode::server);
   End client = opened(Mode::client);
@@ -408,6 +429,52 @@ TEST_P(UdpPamTest, ReactorsMayDisableReopenOrDropThePamAtAnyPoint) {
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_EQ(end.pam->mode(), Mode::disabled);
   }
+}
+
+TEST_P(UdpPamTest, ReactorsToTheSocketItselfMayGoOnFromThere) {
+  const std::size_t before = openDescriptors();
+  enum class Deed { disable, reopen, fail };
+  for (const Deed deed : {Deed::disable, Deed::reopen, Deed::fail}) {
+    for (int watched = 0; watched < 3; ++watched) {
+      for (const bool closing : {false, true}) {
+        SCOPED_TRACE(testing::Message() << static_cast<int>(deed) << watched << closing);
+        End end = opened(closing ? Mode::client : Mode::disabled);
+        if (closing) {
+          end.sendTo(loopback, end.pam->rxPort());
+          end.send("x");
+        }
+        bool done = false;
+        const auto act = [&] {
+          if (std::exchange(done, true)) return;
+          if (deed == Deed::fail) throw std::runtime_error("client");
+          end.pam->modeIs(deed == Deed::disable ? Mode(Mode::disabled) : Mode(Mode::send));
+        };
+        const Kiv::Reactor reactor = watched == 0   ? Kiv::Reactor(end.pam->fileDesc, act)
+                                     : watched == 1 ? Kiv::Reactor(end.pam->fdSm, act)
+                                                    : Kiv::Reactor(end.pam->socketConnected, act);
+        const Mode wanted = closing ? Mode::disabled : Mode::server;
+        if (deed == Deed::fail && (closing || watched < 2)) {
+          EXPECT_THROW(end.pam->modeIs(wanted), std::runtime_error);
+        } else {
+          end.pam->modeIs(wanted);
+        }
+        EXPECT_EQ(end.pam->fileDesc() == nullptr, end.pam->mode() == Mode::disabled);
+        EXPECT_EQ(openDescriptors(), before + (end.pam->fileDesc() ? 1 : 0));
+      }
+    }
+  }
+}
+
+TEST_P(UdpPamTest, DyingTellsNobodyAndAStateMachineThatIsKeptCountsNoMore) {
+  End end = opened(Mode::client);
+  end.sendTo(loopback, end.pam->rxPort());
+  end.send("x");
+  const Kiv::Reactor reactor(end.pam->socketConnected, [&] { ADD_FAILURE() << end.pam->name(); });
+  const Kiv::Ptr<PamFdSm> sm = end.pam->fdSm();
+  const Kiv::Ptr<Kiv::FileDescriptor> fd = end.pam->fileDesc();
+  end.pam = nullptr;
+  EXPECT_EQ(fd->descriptor(), -1);
+  fd->readableCountInc(1);
 }
 
 TEST_P(UdpPamTest, TheReceiveBufferGrowsOrSaysThatItDoesNot) {
