@@ -34,12 +34,8 @@ void EthAddr::byteDel(unsigned) {
   throw Kiv::NondeletableAttrException("EthAddr::byte");
 }
 
-Kiv::ParseError EthAddr::parse(std::string_view& text, EthAddr& out) noexcept {
-  const std::size_t length = detail::takeHexGroups(text, out.octets_);
-  if (length == 0) [[unlikely]]
-    return kTrailingText;
-  text.remove_prefix(length);
-  return nullptr;
+detail::Taken<Kiv::U64> EthAddr::take(std::string_view text, detail::Extent extent) noexcept {
+  return detail::takeEthAddr(text, extent);
 }
 
 unsigned EthAddr::writeText(char* out) const noexcept {

@@ -4,6 +4,7 @@
 #include <array>
 #include <compare>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <type_traits>
 
@@ -11,6 +12,7 @@
 #include "Kiv/NboAttrLog.h"
 #include "Kiv/Representation.h"
 #include "Wirl/value/Eui64.h"
+#include "Wirl/value/detail/Taken.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -76,7 +78,20 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
 
   /// Six groups of hexadecimal digits joined by colons or by hyphens, or three joined by full stops; any
   /// number of leading zeros.
-  static Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept;
+  static Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept {
+    const auto taken = take(text, detail::Extent::front);
+    if (taken.length == 0) [[unlikely]]
+      return kTrailingText;
+    out = fromWord(taken.octets);
+    text.remove_prefix(taken.length);
+    return nullptr;
+  }
+  static std::optional<EthAddr> fromText(std::string_view text) noexcept {
+    const auto taken = take(text, detail::Extent::whole);
+    if (taken.length == 0) [[unlikely]]
+      return std::nullopt;
+    return fromWord(taken.octets);
+  }
   /// As in 00:1c:73:0a:0b:0c.
   unsigned writeText(char* out) const noexcept;
   /// As in 001c.730a.0b0c.
@@ -100,6 +115,13 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
   }
 
  private:
+  static detail::Taken<Kiv::U64> take(std::string_view text, detail::Extent extent) noexcept;
+
+  /// From its octets as a number, the first one least significant.
+  static constexpr EthAddr fromWord(Kiv::U64 word) noexcept {
+    const auto octet = [word](unsigned i) { return static_cast<Kiv::U8>(word >> 8 * i); };
+    return EthAddr(octet(0), octet(1), octet(2), octet(3), octet(4), octet(5));
+  }
   /// The address as a 48-bit number, the first octet most significant.
   constexpr Kiv::U64 number() const noexcept {
     const auto& o = octets_;

@@ -40,11 +40,12 @@ void Eui64::wordDel(unsigned) {
 }
 
 Kiv::ParseError Eui64::parse(std::string_view& text, Eui64& out) noexcept {
-  const std::size_t length = detail::takeHexGroups(text, out.octets_);
+  const auto taken = detail::takeHexGroupsLoop(text, 8);
   // The message speaks of the other type on purpose: the two share one grammar.
-  if (length == 0) [[unlikely]]
+  if (taken.length == 0) [[unlikely]]
     return "Invalid EthAddr";
-  text.remove_prefix(length);
+  for (unsigned i = 0; i < 8; ++i) out.octets_[i] = static_cast<Kiv::U8>(taken.octets >> 8 * i);
+  text.remove_prefix(taken.length);
   return nullptr;
 }
 

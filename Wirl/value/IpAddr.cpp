@@ -11,8 +11,8 @@ bool IpAddr::isReserved() const noexcept {
   return !routable && octets_[0] >= 240 && !isBroadcast();
 }
 
-detail::Taken<Kiv::U32> IpAddr::take(std::string_view text) noexcept {
-  return detail::takeDotted(text);
+detail::Taken<Kiv::U32> IpAddr::take(std::string_view text, detail::Extent extent) noexcept {
+  return detail::takeDotted(text, extent);
 }
 
 unsigned IpAddr::writeText(char* out) const noexcept {

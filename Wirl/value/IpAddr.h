@@ -5,12 +5,14 @@
 #include <bit>
 #include <compare>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <type_traits>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
 #include "Wirl/value/EthAddr.h"
+#include "Wirl/value/detail/Taken.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -100,7 +102,20 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
 
   /// Dotted decimal with four octets, each a run of decimal digits of at most 255, any number of leading
   /// zeros; never octal.
-  static Kiv::ParseError parse(std::string_view& text, IpAddr& out) noexcept;
+  static Kiv::ParseError parse(std::string_view& text, IpAddr& out) noexcept {
+    const auto taken = take(text, detail::Extent::front);
+    if (taken.length == 0) [[unlikely]]
+      return kTrailingText;
+    out = fromWord(taken.octets);
+    text.remove_prefix(taken.length);
+    return nullptr;
+  }
+  static std::optional<IpAddr> fromText(std::string_view text) noexcept {
+    const auto taken = take(text, detail::Extent::whole);
+    if (taken.length == 0) [[unlikely]]
+      return std::nullopt;
+    return fromWord(taken.octets);
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(word()); }
@@ -111,6 +126,11 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
   }
 
  private:
+  static detail::Taken<Kiv::U32> take(std::string_view text, detail::Extent extent) noexcept;
+
+  static constexpr IpAddr fromWord(Kiv::U32 word) noexcept {
+    return fromNetOrder(std::endian::native == std::endian::little ? word : __builtin_bswap32(word));
+  }
   /// The octets read as a little-endian number, on every machine.
   constexpr Kiv::U32 word() const noexcept {
     return Kiv::U32{octets_[3]} << 24 | Kiv::U32{octets_[2]} << 16 | Kiv::U32{octets_[1]} << 8 | octets_[0];
@@ -128,5 +148,6 @@ KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpAddr& value);
 
 template <>
 struct std::hash<Wirl::IpAddr> {
-  std::size_t operator()(Wirl::IpAddr value) const noexcept { return value.hash(); }
+  /// The address as a number: what the standard library makes of an integer key.
+  std::size_t operator()(Wirl::IpAddr value) const noexcept { return value.netOrder(); }
 };

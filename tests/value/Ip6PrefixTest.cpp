@@ -13,9 +13,6 @@ namespace {
 
 using namespace Wirl;
 
-constexpr auto kSize = "Ip6AddrWithMask: prefix size expected";
-constexpr auto kTooLong = "Ip6AddrWithMask: prefix too long";
-
 template <typename T>
 class Ip6AddrAndLenTest : public testing::Test {};
 using AddrAndLenTypes = testing::Types<Ip6Prefix, Ip6AddrWithMask>;
@@ -23,34 +20,21 @@ TYPED_TEST_SUITE(Ip6AddrAndLenTest, AddrAndLenTypes);
 
 TYPED_TEST(Ip6AddrAndLenTest, Texts) {
   using T = TypeParam;
-  table::expectAccepted<T>(
-      {
-          {"::/0", "::/0"},
-          {"fe80::1/64", "fe80::1/64"},
-          {"::ffff:10.0.0.0/0000104", "::ffff:10.0.0.0/104"},
-          {"::1/128", "::1/128"},
-          // RFC 4291, 2.3.
-          {"2001:0DB8:0000:CD30:0000:0000:0000:0000/60", "2001:db8:0:cd30::/60"},
-          {"2001:0DB8::CD30:0:0:0:0/60", "2001:db8:0:cd30::/60"},
-          {"2001:0DB8:0:CD30::/60", "2001:db8:0:cd30::/60"},
-          {"2001:0DB8::CD30/60", "2001:db8::cd30/60"},
-      },
+  table::expectReads<T>(
+      {"::/0", "fe80::1/64", "::ffff:10.0.0.0/0000104 -> ::ffff:10.0.0.0/104", "::1/128",
+       // RFC 4291, 2.3.
+       "2001:0DB8:0000:CD30:0000:0000:0000:0000/60 -> 2001:db8:0:cd30::/60",
+       "2001:0DB8::CD30:0:0:0:0/60 -> 2001:db8:0:cd30::/60", "2001:0DB8:0:CD30::/60 -> 2001:db8:0:cd30::/60",
+       "2001:0DB8::CD30/60 -> 2001:db8::cd30/60"},
       true);
-  table::expectRejected(T(ip6AddrMld, 9), {{"2001:0DB8:0:CD3/60", "Ip6Addr: incomplete ipv6 address"},
-                                           {"::", kSize},
-                                           {"::/", kSize},
-                                           {"::/x", kSize},
-                                           {"::/-1", kSize},
-                                           {"::/ 1", kSize},
-                                           {"fe80::1%eth0/64", kSize},
-                                           {"fe80::1/129", kTooLong},
-                                           {"::/256", kTooLong},
-                                           {"::/4294967296", kTooLong},
-                                           {"::/18446744073709551680", kTooLong},
-                                           {"::/340282366920938463463374607431768211520", kTooLong},
-                                           {"::/1/", T::kTrailingText},
-                                           {"::/1 ", T::kTrailingText},
-                                           {"::/64::", T::kTrailingText}});
+  const auto before = T(ip6AddrMld, 9);
+  table::expectRefused(before, "Ip6Addr: incomplete ipv6 address", {"2001:0DB8:0:CD3/60"});
+  table::expectRefused(before, "Ip6AddrWithMask: prefix size expected",
+                       {"::", "::/", "::/x", "::/-1", "::/ 1", "fe80::1%eth0/64"});
+  table::expectRefused(before, "Ip6AddrWithMask: prefix too long",
+                       {"fe80::1/129", "::/256", "::/4294967296", "::/18446744073709551680",
+                        "::/340282366920938463463374607431768211520"});
+  table::expectRefused(before, T::kTrailingText, {"::/1/", "::/1 ", "::/64::"});
   EXPECT_STREQ(Ip6Prefix::kTrailingText, "Ip6Prefix: unexpected trailing characters");
 }
 
@@ -124,29 +108,19 @@ TEST(Ip6Prefix, OfWhatKindItIs) {
 }
 
 TEST(Ip6AddrWithFullMask, Texts) {
-  table::expectAccepted<Ip6AddrWithFullMask>(
-      {{"fe80::1/ffff:ffff:ffff:ffff::", "fe80::1/64"},
-       {"fe80::1/64", "fe80::1/64"},
-       {"::/::", "::/0"},
-       {"::/0", "::/0"},
-       {"::1/128", "::1/128"},
-       {"::1/ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe", "::1/127"},
-       {"1::/10::", "1::/10::"},
-       {"1::/::ffff:1.2.3.4", "1::/::ffff:1.2.3.4"},
-       {"::ffff:111.111.111.111/::ffff:222.222.222.222", "::ffff:111.111.111.111/::ffff:222.222.222.222"}},
+  table::expectReads<Ip6AddrWithFullMask>(
+      {"fe80::1/ffff:ffff:ffff:ffff:: -> fe80::1/64", "fe80::1/64", "::/:: -> ::/0", "::/0", "::1/128",
+       "::1/ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe -> ::1/127", "1::/10::", "1::/::ffff:1.2.3.4",
+       "::ffff:111.111.111.111/::ffff:222.222.222.222"},
       true);
-  table::expectRejected(Ip6AddrWithFullMask(ip6AddrMld, 7),
-                        {{"", "Ip6Addr: hex digit expected"},
-                         {"::1", "Ip6AddrWithFullMask: mask expected"},
-                         {"::1 /64", "Ip6AddrWithFullMask: mask expected"},
-                         {"::1/", "Ip6Addr: hex digit expected"},
-                         {"::1/129", "Ip6Addr: incomplete ipv6 address"},
-                         {"::1/12345", "Ip6Addr: too many consecutive hex digits"},
-                         {"::1/64a", "Ip6Addr: incomplete ipv6 address"},
-                         {"::1/255.255.0.0", "Ip6Addr: incomplete ipv6 address"},
-                         {"::1/:1", "Ip6Addr: leading hex digit expected"},
-                         {"::1/64 ", "Ip6AddrWithFullMask: unexpected trailing characters"},
-                         {"::1/ffff::/", "Ip6AddrWithFullMask: unexpected trailing characters"}});
+  const auto before = Ip6AddrWithFullMask(ip6AddrMld, 7);
+  table::expectRefused(before, "Ip6Addr: hex digit expected", {"", "::1/"});
+  table::expectRefused(before, "Ip6AddrWithFullMask: mask expected", {"::1", "::1 /64"});
+  table::expectRefused(before, "Ip6Addr: incomplete ipv6 address", {"::1/129", "::1/64a", "::1/255.255.0.0"});
+  table::expectRefused(before, "Ip6Addr: too many consecutive hex digits", {"::1/12345"});
+  table::expectRefused(before, "Ip6Addr: leading hex digit expected", {"::1/:1"});
+  table::expectRefused(before, "Ip6AddrWithFullMask: unexpected trailing characters",
+                       {"::1/64 ", "::1/ffff::/"});
 }
 
 TEST(Ip6AddrWithFullMask, LengthsOfMasksAndOrder) {
@@ -168,12 +142,10 @@ TEST(Ip6AddrWithFullMask, LengthsOfMasksAndOrder) {
 
 TEST(Ip6PrefixLen, IsBounded) {
   constexpr auto kRange = "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed";
-  table::expectAccepted<Ip6PrefixLen>({{"0", "0"}, {"128", "128"}, {"00129", "129"}});
-  table::expectRejected(Ip6PrefixLen(5u), {{"130", kRange},
-                                           {"4294967296", kRange},
-                                           {"", "Invalid Ip6PrefixLen"},
-                                           {"-1", "Invalid Ip6PrefixLen"},
-                                           {"1.", "Invalid Ip6PrefixLen"}});
+  table::expectReads<Ip6PrefixLen>({"0", "128", "00129 -> 129"});
+  const auto before = Ip6PrefixLen(5u);
+  table::expectRefused(before, kRange, {"130", "4294967296"});
+  table::expectRefused(before, "Invalid Ip6PrefixLen", {"", "-1", "1."});
   EXPECT_EQ(table::messageOf<Kiv::RangeException>([] { (void)Ip6PrefixLen(130u); }), kRange);
   table::expectOrdered<Ip6PrefixLen>({0u, 1u, 128u, 129u});
   Kiv::NboAttrLog log(Kiv::Bytes{130});

@@ -87,8 +87,8 @@ TEST(IpAddr, RefusesEveryOtherText) {
 }
 
 /// The grammar as it is written down: octets and the characters read.
-std::optional<std::pair<detail::DottedOctets, std::size_t>> readSlowly(const std::string& text) {
-  detail::DottedOctets octets{};
+std::optional<std::pair<Kiv::U32, std::size_t>> readSlowly(const std::string& text) {
+  Kiv::U32 octets = 0;
   std::size_t at = 0;
   for (unsigned i = 0; i < 4; ++i) {
     if (i > 0 && (at == text.size() || text[at++] != '.')) return std::nullopt;
@@ -97,7 +97,7 @@ std::optional<std::pair<detail::DottedOctets, std::size_t>> readSlowly(const std
     if (digits == 0 || digits - zeros > 3) return std::nullopt;
     const unsigned long octet = digits == zeros ? 0 : std::stoul(text.substr(at + zeros, digits - zeros));
     if (octet > 255) return std::nullopt;
-    octets[i] = static_cast<Kiv::U8>(octet);
+    octets |= static_cast<Kiv::U32>(octet) << 8 * i;
     at += digits;
   }
   return std::pair(octets, at);
@@ -122,13 +122,17 @@ TEST(IpAddr, EveryWayOfReadingAgreesWithTheSlowOneAndWithTheCLibrary) {
     }
     const auto slow = readSlowly(text);
     const std::vector<char> exact(text.begin(), text.end());
-    for (const auto take : {detail::takeDotted, detail::takeDottedLoop}) {
-      const detail::Dotted taken = take({exact.data(), exact.size()});
+    const std::string_view view(exact.data(), exact.size());
+    for (const auto& taken :
+         {detail::takeDotted(view, detail::Extent::front), detail::takeDottedLoop(view)}) {
       ASSERT_EQ(taken.length, slow ? slow->second : 0) << text;
       if (slow) {
         ASSERT_EQ(taken.octets, slow->first) << text;
       }
     }
+    ASSERT_EQ(detail::takeDotted(view, detail::Extent::whole).length,
+              slow && slow->second == text.size() ? text.size() : 0)
+        << text;
     // inet_pton takes what we take, but for leading zeros and what a NUL hides from it.
     in_addr theirs{};
     const auto ours = IpAddr::fromText(text);

@@ -62,6 +62,16 @@ void expectAccepted(std::initializer_list<Accepted> rows, bool returnsStored = f
   }
 }
 
+/// Rows as "text -> canonical text", or one text that is canonical already.
+template <typename T>
+void expectReads(std::initializer_list<std::string_view> rows, bool returnsStored = false) {
+  for (const std::string_view row : rows) {
+    const std::size_t arrow = row.find(" -> ");
+    expectAccepted<T>({{row.substr(0, arrow), arrow == row.npos ? row : row.substr(arrow + 4)}},
+                      returnsStored);
+  }
+}
+
 /// `before` is not to be changed by what is refused. Texts are also tried where an octet read behind them
 /// would be seen by AddressSanitizer.
 template <typename T>
@@ -87,6 +97,12 @@ void expectRejected(const T& before, std::initializer_list<Rejected> rows) {
       EXPECT_FALSE(rest.empty()) << "the throwing form must have failed over text left behind";
     }
   }
+}
+
+/// Texts that are refused for one reason.
+template <typename T>
+void expectRefused(const T& before, std::string_view message, std::initializer_list<std::string_view> texts) {
+  for (const std::string_view text : texts) expectRejected(before, {{text, message}});
 }
 
 /// All pairs of values in ascending order: ==, <, the hashes and the containers agree; each value passes

@@ -31,14 +31,14 @@ struct OctetTexts {
 };
 constexpr OctetTexts kOctets;
 
-constexpr Dotted kNone{{}, 0};
+constexpr Taken<U32> kNone{0, 0};
 
 }  // namespace
 
-Dotted takeDottedLoop(std::string_view text) noexcept {
+Taken<U32> takeDottedLoop(std::string_view text) noexcept {
   const char* at = text.data();
   const char* const end = at + text.size();
-  DottedOctets octets;
+  U32 octets = 0;
   for (unsigned i = 0; i < 4; ++i) {
     if (i > 0) {
       if (at == end || *at != '.') return kNone;
@@ -51,7 +51,7 @@ Dotted takeDottedLoop(std::string_view text) noexcept {
       if (octet > 255) return kNone;
     }
     if (at == start) return kNone;
-    octets[i] = static_cast<U8>(octet);
+    octets |= octet << 8 * i;
   }
   return {octets, static_cast<std::size_t>(at - text.data())};
 }
@@ -93,7 +93,7 @@ constexpr Layouts kLayouts;
 
 }  // namespace
 
-Dotted takeDottedSsse3(const char* text, std::size_t size) noexcept {
+Taken<U32> takeDottedSsse3(const char* text, std::size_t size, Extent extent) noexcept {
   if (size < 7) return kNone;  // shorter than 0.0.0.0
   const __m128i characters = loadText16(text, size);
   const __m128i digitsAt =
@@ -104,26 +104,32 @@ Dotted takeDottedSsse3(const char* text, std::size_t size) noexcept {
 
   // The first four characters that are no digits end the octets; a set bit 16 stands for those not looked at.
   const U32 others = ~digits;
-  const U32 without2 = (others & (others - 1)) & ((others & (others - 1)) - 1);
+  const U32 without1 = others & (others - 1);
+  const U32 without2 = without1 & (without1 - 1);
   const U32 without3 = without2 & (without2 - 1);
   const U32 ends = others ^ (without3 & (without3 - 1));
   const U32 slot = Layouts::slot(ends);
-  if ((kLayouts.ends[slot] ^ ends) | ((others ^ without3) & ~dots)) [[unlikely]] {
-    // An octet of more than three digits may still be one, with zeros in front; nothing else can.
-    const U32 pairs = digits & digits >> 1;
-    return (pairs & pairs >> 2) != 0 ? takeDottedLoop({text, size}) : kNone;
-  }
+  const std::size_t end = static_cast<std::size_t>(std::countr_zero(without3));
+  const bool goesOn = extent == Extent::whole && end != size;
+  const U32 misplaced =
+      (kLayouts.ends[slot] ^ ends) | ((others ^ without3) & ~dots) | static_cast<U32>(goesOn);
 
+  // Of a text that is misplaced this makes nothing of use, and does no harm: one branch decides over both.
   const __m128i places =
       _mm_shuffle_epi8(_mm_and_si128(characters, _mm_set1_epi8(0x0f)),
                        _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot])));
   const __m128i sums =
       _mm_madd_epi16(_mm_maddubs_epi16(places, _mm_set1_epi32(0x0001'0a64)), _mm_set1_epi16(1));
   const __m128i octets = _mm_packs_epi32(sums, sums);
-  if (_mm_movemask_epi8(_mm_cmpgt_epi16(octets, _mm_set1_epi16(255)))) [[unlikely]]
-    return kNone;
-  const int word = _mm_cvtsi128_si32(_mm_packus_epi16(octets, octets));
-  return {std::bit_cast<DottedOctets>(word), static_cast<std::size_t>(std::countr_zero(without3))};
+  const U32 tooLarge = static_cast<U32>(_mm_movemask_epi8(_mm_cmpgt_epi16(octets, _mm_set1_epi16(255))));
+  if ((misplaced | tooLarge) == 0) [[likely]] {
+    return {static_cast<U32>(_mm_cvtsi128_si32(_mm_packus_epi16(octets, octets))), end};
+  }
+  // An octet of more than three digits may still be one, with zeros in front; nothing else can.
+  const U32 zeros = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('0'))));
+  const U32 starts = digits & ~(digits << 1);
+  const bool leadingZeros = (starts & zeros & digits >> 1 & digits >> 2 & digits >> 3) != 0;
+  return leadingZeros ? takeDottedLoop({text, size}).within(size, extent) : kNone;
 }
 
 #endif

@@ -7,29 +7,25 @@
 
 #include "Kiv/Types.h"
 #include "Wirl/value/detail/Simd.h"
+#include "Wirl/value/detail/Taken.h"
 
 namespace Wirl::detail {
 
 using DottedOctets = std::array<Kiv::U8, 4>;
 
-/// What stood at the front of a text: octets, and how many characters they took; none when there were none.
-struct Dotted {
-  DottedOctets octets;
-  std::size_t length;
-};
+// Reading dotted decimal from the front of a text, each function in its own way.
 
-/// Reads dotted decimal from the front of `text`, each in its own way.
-Dotted takeDottedLoop(std::string_view text) noexcept;
+Taken<Kiv::U32> takeDottedLoop(std::string_view text) noexcept;
 #if WIRL_HAS_SSSE3
-WIRL_SSSE3 Dotted takeDottedSsse3(const char* text, std::size_t size) noexcept;
+WIRL_SSSE3 Taken<Kiv::U32> takeDottedSsse3(const char* text, std::size_t size, Extent extent) noexcept;
 #endif
 
-inline Dotted takeDotted(std::string_view text) noexcept {
+inline Taken<Kiv::U32> takeDotted(std::string_view text, Extent extent) noexcept {
 #if WIRL_HAS_SSSE3
   if (hasSsse3()) [[likely]]
-    return takeDottedSsse3(text.data(), text.size());
+    return takeDottedSsse3(text.data(), text.size(), extent);
 #endif
-  return takeDottedLoop(text);
+  return takeDottedLoop(text).within(text.size(), extent);
 }
 
 /// Writes dotted decimal and a NUL, 16 octets at most; returns the length without the NUL.

@@ -3,11 +3,11 @@
 
 #include <array>
 #include <cstddef>
-#include <span>
 #include <string_view>
 
 #include "Kiv/Types.h"
 #include "Wirl/value/detail/Simd.h"
+#include "Wirl/value/detail/Taken.h"
 
 namespace Wirl::detail {
 
@@ -15,25 +15,21 @@ using EthOctets = std::array<Kiv::U8, 6>;
 using EuiOctets = std::array<Kiv::U8, 8>;
 
 // Reading octets from the front of a text: groups of hexadecimal digits, all joined by colons or all by
-// hyphens (an octet each) or all by full stops (two octets each). Returns the characters that they took; 0,
-// with `out` unchanged, when they are not there.
+// hyphens (an octet each) or all by full stops (two octets each).
 
-std::size_t takeHexGroupsLoop(std::string_view text, EthOctets& out) noexcept;
-std::size_t takeHexGroupsLoop(std::string_view text, EuiOctets& out) noexcept;
+/// Six or eight octets.
+Taken<Kiv::U64> takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept;
 #if WIRL_HAS_SSSE3
-WIRL_SSSE3 std::size_t takeHexGroupsSsse3(const char* text, std::size_t size, EthOctets& out) noexcept;
+/// Six octets.
+WIRL_SSSE3 Taken<Kiv::U64> takeHexGroupsSsse3(const char* text, std::size_t size, Extent extent) noexcept;
 #endif
 
-inline std::size_t takeHexGroups(std::string_view text, EthOctets& out) noexcept {
+inline Taken<Kiv::U64> takeEthAddr(std::string_view text, Extent extent) noexcept {
 #if WIRL_HAS_SSSE3
   if (hasSsse3()) [[likely]]
-    return takeHexGroupsSsse3(text.data(), text.size(), out);
+    return takeHexGroupsSsse3(text.data(), text.size(), extent);
 #endif
-  return takeHexGroupsLoop(text, out);
-}
-
-inline std::size_t takeHexGroups(std::string_view text, EuiOctets& out) noexcept {
-  return takeHexGroupsLoop(text, out);
+  return takeHexGroupsLoop(text, 6).within(text.size(), extent);
 }
 
 /// Two digits an octet, joined by colons, and a NUL; returns the length without the NUL.

@@ -30,9 +30,9 @@ class TextForms {
  public:
   /// The value that the whole of `text` stands for, or nothing.
   static std::optional<T> fromText(std::string_view text) noexcept {
-    std::optional<T> value(std::in_place);
-    if (T::parse(text, *value) || !text.empty()) [[unlikely]]
-      value.reset();
+    T value;
+    if (T::parse(text, value) || !text.empty()) [[unlikely]]
+      return std::nullopt;
     return value;
   }
 
