@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Kiv/ActivityLoop.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
@@ -76,6 +77,7 @@ void PacketPam::enabledIsImpl(bool on) {
 /// Opens the socket; where that fails there is none, and `enabled` says so.
 void PacketPam::open() {
   try {
+    Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
     const int socket = socketAt(AF_PACKET, SOCK_RAW, 0, netNs());
     if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
     const auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());

@@ -13,6 +13,7 @@
 #include <optional>
 #include <vector>
 
+#include "Kiv/ActivityLoop.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
@@ -325,6 +326,7 @@ void RawIpPam::open() {
 }
 
 void RawIpPam::doNewSocket() {
+  Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
   const int socket = socketAt(family_.domain, SOCK_RAW, protocol(), netNs());
   if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
   const auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());

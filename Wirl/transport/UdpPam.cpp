@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "Kiv/ActivityLoop.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
@@ -139,6 +140,7 @@ void UdpPam::reopen() {
 void UdpPam::doNewSocket(U32 turn) {
   ipv6_ = ipv6En();
   const int family = ipv6_ ? AF_INET6 : AF_INET;
+  Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
   const int socket = socketAt(family, SOCK_DGRAM, 0, netNs());
   if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
   setFirstOptions(socket);
