@@ -41,7 +41,7 @@ expect "a reason" grep -qx "udpEcho: bind: Cannot assign requested address" "$ou
 
 # A datagram there and back, with a client that is not ours; Ctrl-C ends it with its counters.
 for address in 127.0.0.1 ::1; do
-  stdbuf -oL "$programs/udpEcho" --netns "$ns" "$address" 7000 >"$output" 2>&1 &
+  "$programs/udpEcho" --netns "$ns" "$address" 7000 >"$output" 2>&1 &
   for _ in $(seq 100); do grep -q echoing "$output" && break; sleep 0.05; done
   case $address in *:*) peer=UDP6:[$address]:7000 ;; *) peer=UDP4:$address:7000 ;; esac
   answer=$(printf hello | ip netns exec "$ns" socat -t 1 - "$peer")
@@ -54,7 +54,7 @@ for address in 127.0.0.1 ::1; do
 done
 
 # Bound to every address, it answers from the one that was asked.
-stdbuf -oL "$programs/udpEcho" --netns "$ns" 0.0.0.0 7000 >"$output" 2>&1 &
+"$programs/udpEcho" --netns "$ns" 0.0.0.0 7000 >"$output" 2>&1 &
 for _ in $(seq 100); do grep -q echoing "$output" && break; sleep 0.05; done
 answer=$(printf hello | ip netns exec "$ns" socat -t 1 - UDP4:127.0.0.2:7000)
 expect "the answer from 127.0.0.2" [ "$answer" = hello ]
