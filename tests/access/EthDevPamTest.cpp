@@ -556,7 +556,7 @@ TEST_F(EthDevPamTest, ReactorsMayDisableReopenOrDropThePamAtAnyPoint) {
 }
 
 TEST_F(EthDevPamTest, SteadyStateAllocatesNothing) {
-  Pkt::Manager::cacheLimitIs(64);  // under AddressSanitizer nothing is kept unless asked for
+  Pkt::Manager::cacheLimitIs(1024);  // under AddressSanitizer nothing is kept unless asked for
   for (const bool bulk : {false, true}) {
     for (const U32 room : {1518u, 9018u}) {
       const auto red = opened(wire->red);

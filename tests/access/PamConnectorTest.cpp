@@ -242,7 +242,7 @@ TEST_F(PamConnectorTest, TracesItsRoad) {
 }
 
 TEST_F(PamConnectorTest, SteadyStateAllocatesNothing) {
-  Pkt::Manager::cacheLimitIs(64);  // under AddressSanitizer nothing is kept unless asked for
+  Pkt::Manager::cacheLimitIs(1024);  // under AddressSanitizer nothing is kept unless asked for
   const Kiv::Reactor pull(pam1->readableCount, [&] {
     while (pam1->rxPkt()) {
     }

@@ -503,7 +503,7 @@ TEST_P(UdpPamTest, AtTheDescriptorLimitOpeningFailsAndLaterWorks) {
 }
 
 TEST_P(UdpPamTest, SteadyStateAllocatesNothing) {
-  Pkt::Manager::cacheLimitIs(64);  // under AddressSanitizer nothing is kept unless asked for
+  Pkt::Manager::cacheLimitIs(1024);  // under AddressSanitizer nothing is kept unless asked for
   End server = opened(Mode::server);
   End client = opened(Mode::client);
   client.sendTo(loopback, server.pam->rxPort());
