@@ -75,10 +75,10 @@ class KIV_API Prefix : public detail::TextForms<Prefix> {
   friend constexpr bool operator==(const Prefix& a, const Prefix& b) noexcept {
     return a.address_ == b.address_ && a.len_ == b.len_;
   }
-  friend constexpr bool operator<(const Prefix& a, const Prefix& b) noexcept {
-    return a.sortKey() < b.sortKey();
+  /// Weak: two prefixes without length are neither less than each other nor, in general, equal.
+  friend constexpr std::weak_ordering operator<=>(const Prefix& a, const Prefix& b) noexcept {
+    return a.sortKey() <=> b.sortKey();
   }
-  friend constexpr bool operator>(const Prefix& a, const Prefix& b) noexcept { return b < a; }
 
  private:
   /// The order as a number: the last address covered, then how many bits are left open. A prefix ends no

@@ -418,11 +418,10 @@ TEST(Clock, MeetsDeadlinesBelowAMillisecondAndNeverEarly) {
 
 TEST(ActivityLoop, EachThreadHasItsOwnAndCountsMayCrossThem) {
   ptrThreadSafeIs(true);
-  Pair pair;
   const auto shared = makePtr<Clock>("shared");  // only its references are touched from the threads
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&pair, shared, mine = &loop()] {
+    threads.emplace_back([shared, mine = &loop()] {
       EXPECT_NE(&loop(), mine);
       for (int n = 0; n < 1000; ++n) const Ptr<Entity> copy = shared;
       const auto clock = makePtr<Clock>("clock");

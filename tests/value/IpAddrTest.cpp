@@ -339,6 +339,8 @@ TEST(Prefix, KnowsItsHosts) {
   EXPECT_TRUE(p.contains(ip("10.1.255.255")) && !p.contains(ip("10.2.0.0")) &&
               Prefix().contains(ip("1.2.3.4")));
   EXPECT_FALSE(marker.contains(ip("10.1.0.0")));
+  EXPECT_TRUE(Prefix("10.1.0.0/16") <= Prefix("10.0.0.0/8") &&
+              !(Prefix("10.0.0.0/8") <= Prefix("10.1.0.0/16")));
   EXPECT_TRUE(p.overlaps(Prefix("10.0.0.0/8")) && Prefix("10.0.0.0/8").overlaps(p));
   EXPECT_FALSE(p.overlaps(Prefix("10.2.0.0/16")) || p.overlaps(marker));
   EXPECT_TRUE(Prefix("10.0.0.1/32").isHost() && !p.isHost());

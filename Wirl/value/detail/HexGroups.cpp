@@ -126,8 +126,10 @@ Taken<U64> takeHexGroupsSsse3(const char* text, std::size_t size, Extent extent)
   const U32 separators =
       static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8(separator))));
   const bool dots = separator == '.';
-  if (!dots && separator != ':' && separator != '-') [[unlikely]]
-    return kNone;
+  if (!dots && separator != ':' && separator != '-') [[unlikely]] {
+    // A first group that fills the window may still be one, with zeros in front.
+    return first > 17 ? takeHexGroupsLoop({text, size}, 6).within(size, extent) : kNone;
+  }
 
   const U32 withoutSeparators = dots ? withoutLowest<2>(others) : withoutLowest<5>(others);
   const U32 ends = others ^ withoutLowest<1>(withoutSeparators);
