@@ -404,7 +404,8 @@ void ActivityLoop::simulatedTimeIs(bool on) {
 
 /// Keeps the thread's loop; those that are registered with it keep it too.
 struct ThreadLoop {
-  const Ptr<ActivityLoop> loop{new ActivityLoop};
+  ThreadLoop() : loop(new ActivityLoop) {}
+  const Ptr<ActivityLoop> loop;
 };
 
 ActivityLoop& activityLoop() {

@@ -23,8 +23,8 @@ namespace {
 
 /// Whether `holders` are all that hold the packet, and it can be received into.
 bool reusable(const Pkt& pkt, U32 holders, U32 room) {
-  return pkt.references() == holders && pkt.numIovecs() == 1 && pkt.maxSharedData() >= room &&
-         pkt.sharedBuffer()->references() == 1;
+  return pkt.references() == holders && pkt.numIovecs() == 1 && pkt.sharedBuffer() &&
+         pkt.maxSharedData() >= room && pkt.sharedBuffer()->references() == 1;
 }
 
 void makeRoom(Pkt& pkt, U32 room) {
