@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include "Kiv/Representation.h"
 #include "Wirl/value/NamespaceName.h"
 #include "Wirl/value/VrfName.h"
 #include "tests/value/TextTable.h"
@@ -10,6 +11,24 @@ namespace {
 using L3::VrfName;
 using table::messageOf;
 using Wirl::NamespaceName;
+
+struct Named {
+  VrfName vrf;
+  Kiv::U8 number = 0;
+  static constexpr auto representation() {
+    return Kiv::representation("Named", "Invalid Named", Kiv::field("vrf", &Named::vrf),
+                               Kiv::field("number", &Named::number));
+  }
+};
+
+TEST(VrfName, ReadsBackFromARepresentationWhateverIsInIt) {
+  for (const char* name : {"red", "", "it's", "red, 'number': 5})"}) {
+    Named back;
+    Kiv::representationIs(back, Kiv::representationOf(Named{VrfName(name), 7}));
+    EXPECT_EQ(back.vrf, VrfName(name));
+    EXPECT_EQ(back.number, 7);
+  }
+}
 
 TEST(VrfName, HoldsAHundredOctetsOfAnyKind) {
   const std::string longest(100, 'v');
