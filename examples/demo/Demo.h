@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+/// What the demo's parts share: the two namespaces, and agents, processes with an activity loop of their own.
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <functional>
+#include <string>
+
+#include "Wirl/Wirl.h"
+#include "examples/support/Example.h"
+
+namespace demo {
+
+/// Set by SIGINT and SIGTERM; the parts end early then.
+extern volatile sig_atomic_t interrupted;
+
+/// Prints one line, whole, whichever process says it.
+[[gnu::format(printf, 1, 2)]] void say(const char* format, ...);
+
+/// The namespaces ns-red, with 10.66.0.1 and fd66::1 on red0, and ns-blue, with .2 and ::2 on blue0, for as long
+/// as it lives.
+class World {
+ public:
+  World();
+  ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+};
+
+/// The parent's end of an agent, a process that does its work until it is asked to stop.
+class Agent {
+ public:
+  /// What an agent tells its parent: that it is ready, and in the end its counters.
+  class Report {
+   public:
+    explicit Report(int pipe) : pipe_(pipe) {}
+    void ready() const { tell("ready\n"); }
+    void counters(const Kiv::Entity& entity) const;
+
+   private:
+    void tell(const std::string& text) const;
+    const int pipe_;
+  };
+
+  /// `work` is the agent's whole life; it returns whether all went well.
+  explicit Agent(const std::function<bool(const Report&)>& work);
+  ~Agent();
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  void waitReady();
+  void stop() { kill(pid_, SIGTERM); }
+  /// Waits for the agent's end and adds its counters; whether it did its work.
+  bool finish(example::CounterTable* counters);
+
+ private:
+  pid_t pid_ = -1;
+  int pipe_ = -1;
+};
+
+// The parts, in the order of the demo: each says what it does, adds its agents' counters and returns whether all
+// went well.
+bool udp(example::CounterTable& counters);
+
+}  // namespace demo

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// The library at work: agents, each a process with an activity loop of its own, in the namespaces of the VRFs
+// red and blue, which a veth pair joins. The demo makes all of it and takes it away again.
+
+#include "examples/demo/Demo.h"
+
+namespace {
+
+// In the order of the layers.
+constexpr bool (*kParts[])(example::CounterTable& counters) = {
+    demo::udp,
+};
+
+int run() {
+  struct sigaction action {};
+  action.sa_handler = [](int) { demo::interrupted = 1; };
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+
+  const demo::World world;
+  demo::say("made the namespaces ns-red and ns-blue, joined by red0 and blue0");
+  example::CounterTable counters;
+  bool good = true;
+  for (const auto part : kParts) good = demo::interrupted == 0 && part(counters) && good;
+  demo::say("\ncounters");
+  counters.print();
+  std::fflush(stdout);
+  return demo::interrupted != 0 ? 130 : good ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char**) {
+  if (argc > 1) {
+    std::fputs("usage: wirlDemo\n  Shows the library at work in two namespaces that it makes.\n", stderr);
+    return 2;
+  }
+  try {
+    const int status = run();
+    demo::say(status == 0 ? "\nall of it worked; the namespaces are gone again"
+                          : "\nthe namespaces are gone again");
+    return status;
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "wirlDemo: %s\n", failure.what());
+    return demo::interrupted != 0 ? 130 : 1;
+  }
+}
