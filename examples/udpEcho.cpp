@@ -35,12 +35,9 @@ std::optional<Options> optionsOf(int argc, char** argv) {
     const std::string_view word = argv[i];
     if (word == "--quiet") {
       options.quiet = true;
-    } else if ((word == "--netns" || word == "--vrf") && i + 1 < argc) {
-      const std::string_view name = argv[++i];
-      const auto vrf = L3::VrfName::fromText(name);
-      const auto ns = Wirl::NamespaceName::fromText(name);
-      if (name.empty() || !(word == "--vrf" ? vrf.has_value() : ns.has_value())) return std::nullopt;
-      options.netNs = word == "--vrf" ? vrf->nsName() : *ns;
+    } else if (const auto netNs = example::netNsOf(word, argv[i + 1])) {
+      options.netNs = *netNs;
+      ++i;
     } else if (place == 0) {
       options.ip = Wirl::IpAddr::fromText(word);
       options.ip6 = Wirl::Ip6Addr::fromText(word);

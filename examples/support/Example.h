@@ -11,11 +11,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Kiv/Kiv.h"
+#include "Wirl/value/VrfName.h"
 
 namespace example {
 
@@ -44,6 +46,15 @@ class StopOnSignal {
   const Kiv::Ptr<Kiv::FileDescriptor> fd_ = Kiv::makePtr<Kiv::FileDescriptor>("signals");
   const Kiv::Reactor onSignal_{fd_->readableCount, [] { Kiv::activityLoop().stop(); }};
 };
+
+/// The namespace that the words "--netns NAME" or "--vrf NAME" say; nothing for other words.
+inline std::optional<Wirl::NamespaceName> netNsOf(std::string_view option, const char* name) {
+  if (!name || name[0] == '\0') return std::nullopt;
+  if (option == "--netns") return Wirl::NamespaceName::fromText(name);
+  const auto vrf = L3::VrfName::fromText(name);
+  if (option != "--vrf" || !vrf) return std::nullopt;
+  return vrf->nsName();
+}
 
 /// The name of an interface in the namespace that the socket was opened in, "?" when it is gone.
 inline std::string interfaceName(int socket, Kiv::U32 index) {

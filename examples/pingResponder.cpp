@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+// Answers pings in any namespace, in place of the kernel:
+//
+//   ip netns exec ns-red sysctl -w net.ipv4.icmp_echo_ignore_all=1
+//   pingResponder --netns ns-red
+//   ip netns exec ns-blue ping 10.0.0.1          in another shell
+
+#include <linux/filter.h>
+
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Wirl/Wirl.h"
+#include "examples/support/Example.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "usage: pingResponder [--netns NAME | --vrf NAME] [--ipv6] [--quiet]\n"
+    "  Answers pings to every address of a network namespace, until Ctrl-C.\n"
+    "  --netns NAME  of the network namespace NAME\n"
+    "  --vrf NAME    of the namespace of the VRF NAME\n"
+    "  --ipv6        those over IPv6, and not those over IPv4\n"
+    "  --quiet       prints nothing for each ping\n"
+    "  The kernel answers too, unless it is told to leave that alone, in the namespace:\n"
+    "    sysctl -w net.ipv4.icmp_echo_ignore_all=1      (IPv6: net.ipv6.icmp.echo_ignore_all=1)\n";
+
+struct Options {
+  Wirl::NamespaceName netNs{"default"};
+  bool ipv6 = false;
+  bool quiet = false;
+};
+
+std::optional<Options> optionsOf(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--ipv6") {
+      options.ipv6 = true;
+    } else if (word == "--quiet") {
+      options.quiet = true;
+    } else if (const auto netNs = example::netNsOf(word, argv[i + 1])) {
+      options.netNs = *netNs;
+      ++i;
+    } else {
+      return std::nullopt;
+    }
+  }
+  return options;
+}
+
+/// An echo message; the families number its types differently (RFC 792, RFC 4443).
+struct Echo {
+  Kiv::U8 type;
+  Kiv::U8 code;
+  Wirl::IpChecksum checksum;
+  Wirl::NetU16 id;
+  Wirl::NetU16 sequence;
+};
+static_assert(Wirl::isHeaderImage<Echo, 8>);
+
+struct EchoTypes {
+  Kiv::U8 request, reply;
+};
+constexpr EchoTypes kIcmp = {8, 0};
+constexpr EchoTypes kIcmp6 = {128, 129};
+
+/// Has the kernel give the socket of `pam` echo requests and nothing else. What it filters begins with the
+/// header of IPv4, but behind that of IPv6.
+void filterIs(Wirl::IpPam& pam, bool ipv6) {
+  using Wirl::IpFilter;
+  const auto headerLength = ipv6 ? IpFilter(BPF_LDX | BPF_IMM, 0, 0, 0)           // X = 0
+                                 : IpFilter(BPF_LDX | BPF_B | BPF_MSH, 0, 0, 0);  // X = 4 * (octet 0 & 0xf)
+  pam.rxFilterIs(0, headerLength);
+  pam.rxFilterIs(1, IpFilter(BPF_LD | BPF_B | BPF_IND, 0, 0, 0));  // A = octet X
+  pam.rxFilterIs(2, IpFilter(BPF_JMP | BPF_JEQ | BPF_K, 0, 1, ipv6 ? kIcmp6.request : kIcmp.request));
+  pam.rxFilterIs(3, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffffffff));  // the whole packet
+  pam.rxFilterIs(4, IpFilter(BPF_RET | BPF_K, 0, 0, 0));           // nothing
+}
+
+Kiv::Ptr<Wirl::RawIpPam> pamOf(const Options& options) {
+  using Is = Wirl::IpSocketOptions;
+  Kiv::Ptr<Wirl::RawIpPam> pam;
+  if (options.ipv6) {
+    pam = Wirl::ip6SocketPamFactory("pingResponder", Wirl::ipProtoIcmpv6, options.netNs);
+  } else {
+    pam = Wirl::ipSocketPamFactory("pingResponder", Wirl::ipProtoIcmp, options.netNs);
+  }
+  filterIs(*pam, options.ipv6);
+  pam->optionsIs(Is::ipAttachFilter | Is::ipPktInfo | Is::ipRecvTTL);
+  pam->maxRxPktDataIs(65535);
+  return pam;
+}
+
+/// Makes the reply out of a request over IPv4, which is still behind its header; false for a broken one.
+bool makeReply(Wirl::Pkt& pkt) {
+  const auto& header = *reinterpret_cast<const Wirl::IpHdr*>(pkt.front());
+  pkt.delSharedHeadData(header.headerBytes());  // the kernel lets no packet pass that is not so long
+  const auto length = static_cast<Kiv::U16>(pkt.bytes());
+  const auto* const message = reinterpret_cast<const char*>(pkt.front());
+  if (length < sizeof(Echo) || Wirl::ipChecksumCalc(message, length, 0).value() != 0) return false;
+  auto& echo = *reinterpret_cast<Echo*>(pkt.front());
+  echo.type = kIcmp.reply;
+  echo.checksum = Wirl::IpChecksum();
+  echo.checksum = Wirl::ipChecksumCalc(message, length, 0);
+  return true;
+}
+
+/// The same over IPv6, where the kernel leaves the header out and sees to the checksums.
+bool makeReply6(Wirl::Pkt& pkt) {
+  if (pkt.bytes() < sizeof(Echo)) return false;
+  reinterpret_cast<Echo*>(pkt.front())->type = kIcmp6.reply;
+  return true;
+}
+
+void answer(Wirl::RawIpPam& pam, const Options& options) {
+  while (const Wirl::Pkt::Ptr pkt = pam.rxPkt()) {
+    if (!(options.ipv6 ? makeReply6(*pkt) : makeReply(*pkt))) continue;
+    if (!options.quiet) {
+      const auto& echo = *reinterpret_cast<const Echo*>(pkt->front());
+      std::printf("ping %u from %s on %s: %u bytes, TTL %u\n", echo.sequence.value(),
+                  pam.rxSrcIpAddr().stringValue().c_str(),
+                  example::interfaceName(pam.fileDesc()->descriptor(), pam.rxIfIndex()).c_str(), pkt->bytes(),
+                  unsigned{pam.rxTTL()});
+      std::fflush(stdout);
+    }
+    pam.txDstIpAddrIs(pam.rxSrcIpAddr());
+    // From the address that was asked; the system chooses one where a group was.
+    pam.txSrcIpAddrIs(pam.rxDstIpAddr().isMulticast() ? Wirl::IpGenAddr() : pam.rxDstIpAddr());
+    // Link-local addresses are those of an interface; elsewhere the routes say where to.
+    pam.txIfIndexIs(pam.rxSrcIpAddr().isLinkLocal() ? pam.rxIfIndex() : 0);
+    pam.txPktIs(pkt);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  const std::optional<Options> options = optionsOf(argc, argv);
+  if (!options) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  const auto pam = pamOf(*options);
+  const Kiv::Reactor onReadable(pam->readableCount, [&] { answer(*pam, *options); });
+  pam->enabledIs(true);
+
+  const example::StopOnSignal signals;
+  std::printf("answering; Ctrl-C ends\n");
+  std::fflush(stdout);
+  Kiv::activityLoop().run();
+
+  example::CounterTable counters;
+  counters.add(*pam);
+  counters.print();
+  return 0;
+} catch (const Kiv::Exception& failure) {
+  std::fprintf(stderr, "pingResponder: %s\n", failure.what());
+  return 1;
+}
