@@ -1,0 +1,157 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/transport/TcpClientSm.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "Kiv/Trace.h"
+#include "Wirl/transport/detail/SockAddr.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("TcpClientSm");
+
+/// Whether both ends are one: the SYN met its own sender, and that was an answer.
+bool connectedToItself(int socket) {
+  detail::SockAddr local;
+  detail::SockAddr remote;
+  return getsockname(socket, local.get(), &local.length()) == 0 &&
+         getpeername(socket, remote.get(), &remote.length()) == 0 && local.port() == remote.port() &&
+         local.address() == remote.address();
+}
+
+}  // namespace
+
+TcpClientSm::TcpClientSm(Kiv::String name, Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory)
+    : TcpSm(std::move(name), std::move(factory)) {}
+
+TcpClientSm::~TcpClientSm() = default;
+
+void TcpClientSm::connectTimeoutIs(Kiv::Time time) {
+  checkPositive(time, "TcpClientSm::connectTimeout <= 0 not allowed");
+  connectTimeout.set(time);
+}
+
+void TcpClientSm::enabledIs(bool on) {
+  if (on && !enabled()) {
+    if (remoteAddr().isUnspecified()) {
+      throw Kiv::RangeException("TcpClientSm::remoteAddr unspecified not allowed");
+    }
+    if (remotePort() == 0) throw Kiv::RangeException("TcpClientSm::remotePort 0 not allowed");
+    if (localAddr().af() != AddressFamily::ipunknown && localAddr().af() != remoteAddr().af()) {
+      throw Kiv::RangeException("TcpClientSm::localAddr of another family than remoteAddr not allowed");
+    }
+  }
+  handle(on ? Event::enable : Event::disable);
+}
+
+void TcpClientSm::handle(Event event) {
+  std::optional<Event> pending = event;
+  while (pending) {
+    const std::optional<State> to = next(state(), *pending);
+    if (!to) break;
+    KIV_TRACE(trace, 5) << name() << ": " << state() << " -> " << *to << " on " << *pending;
+    put(state, *to);
+    pending = enter(*to);
+  }
+  notifyChanged();
+}
+
+/// What the states do. Returns the event that follows at once, if any.
+std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
+  watchDel();
+  deadlineDel();
+  const TcpFileDescriptor::PtrConst connecting = std::exchange(socket_, nullptr);
+  put(connection, TcpFileDescriptor::PtrConst());
+  switch (entered) {
+    case State::disabled:
+      backoffReset();
+      break;
+    case State::connecting:
+      put(attempts, attempts() + 1);
+      return tryToConnect(true);
+    case State::waiting:
+      backoffDeadlineIs();
+      break;
+    case State::connected:
+      backoffReset();
+      put(connects, connects() + 1);
+      put(connection, connecting);
+      break;
+  }
+  return std::nullopt;
+}
+
+/// Begins (`first`), or sees how it has gone; the event, if it is decided.
+std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
+  try {
+    if (first) open();
+    if (connectedNow()) return Event::established;
+    if (first) {
+      watchIs(socket_);
+      onWritable_ = Kiv::Reactor(watch()->writableCount, [this] {
+        if (const std::optional<Event> event = tryToConnect(false)) handle(*event);
+      });
+      watch()->notifyOnWritableIs(true);
+      watch()->enabledIs(true);
+      deadlineIs(connectTimeout());
+    }
+    return std::nullopt;
+  } catch (const Kiv::ErrnoException& failure) {
+    fail(failure);
+    return Event::failed;
+  }
+}
+
+void TcpClientSm::open() {
+  peer_ = remoteAddr();
+  peerPort_ = remotePort();
+  // Attributes may have changed since the machine was enabled.
+  if (peer_.isUnspecified()) throw Kiv::ErrnoException(EDESTADDRREQ, "connect");
+  socket_ = openSocket(peer_.af(), edgeTriggered(), false);
+}
+
+/// Asks by connect(2), which begins what has not begun, and tells what has become of what has.
+bool TcpClientSm::connectedNow() const {
+  const int fd = socket_->descriptor();
+  const detail::SockAddr peer(peer_, peerPort_, scopeOf(*socket_));
+  if (::connect(fd, peer.get(), peer.length()) == 0 || errno == EISCONN) {
+    if (connectedToItself(fd)) throw Kiv::ErrnoException(ECONNREFUSED, "connect");
+    return true;
+  }
+  if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR) return false;
+  throw Kiv::ErrnoException(errno, "connect");
+}
+
+void TcpClientSm::handleClock() {
+  if (state() == State::connecting) {
+    put(timeouts, timeouts() + 1);
+    fail(Kiv::ErrnoException(ETIMEDOUT, "connect"));
+  }
+  handle(Event::clock);
+}
+
+void TcpClientSm::fail(const Kiv::ErrnoException& failure) {
+  put(failures, failures() + 1);
+  failureIs(failure);
+}
+
+std::ostream& operator<<(std::ostream& out, TcpClientSm::State state) {
+  static constexpr const char* kNames[] = {"disabled", "connecting", "waiting", "connected"};
+  return out << kNames[static_cast<std::size_t>(state)];
+}
+
+std::ostream& operator<<(std::ostream& out, TcpClientSm::Event event) {
+  static constexpr const char* kNames[] = {"enable", "disable", "established", "failed", "clock", "lost"};
+  return out << kNames[static_cast<std::size_t>(event)];
+}
+
+Kiv::Ptr<TcpClientSm> tcpClientSmFactory(Kiv::String name) {
+  return Kiv::makePtr<TcpClientSm>(std::move(name));
+}
+
+}  // namespace Wirl

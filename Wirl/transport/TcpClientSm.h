@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <optional>
+#include <ostream>
+
+#include "Wirl/transport/TcpSm.h"
+
+namespace Wirl {
+
+/// Keeps one TCP connection to a server: connects, tries again after failures, hands the connected socket
+/// over, and connects anew when its user reports it lost.
+///
+///                      enabledIs(true)                 socket opened in netNs, bound, connect() under way
+///          disabled ───────────────────> connecting ───────────────────────────────────┐
+///                                        │       ^                                     │ established
+///                          failed, or    │       │ the delay                           │
+///                          connectTimeout│       │ is over                             v
+///                                        v       │          connectionDel()
+///                                       waiting  <──────────────────────────────── connected
+///
+///          from everywhere: enabledIs(false) ──> disabled
+///
+/// In use:
+///
+///     auto client = Wirl::tcpClientSmFactory("toCollector");
+///     client->remoteAddrIs(Wirl::IpGenAddr("10.0.0.1"));
+///     client->remotePortIs(7000);
+///     Kiv::Reactor onConnection(client->connection, [&] {
+///       if (client->connection()) pam = Wirl::simpleTcpPduPamFactory(client->connection(), factory);
+///     });
+///     client->enabledIs(true);
+///
+/// and when the Pam reports `rxErrorReason` or `txErrorReason`: drop it and call `connectionDel()`.
+///
+/// The machine watches the socket while it is connecting, and no longer: on the connection it is the user who
+/// watches. Both hold the socket, which closes, in order, when the last of them lets go; disabling the machine
+/// thus ends nothing that a user still holds.
+///
+/// Nothing is thrown for what the network or the system refuses, be it that the namespace or the interface is
+/// not there (yet): the reason stands in `lastErrorReason`, and the next try comes. A connection to itself,
+/// which TCP permits a client whose own port happens to be the one it calls, counts as refused.
+class KIV_API TcpClientSm final : public TcpSm {
+ public:
+  enum class State : Kiv::U8 { disabled, connecting, waiting, connected };
+  enum class Event : Kiv::U8 { enable, disable, established, failed, clock, lost };
+
+  KIV_ENTITY(TcpClientSm, TcpSm)
+  KIV_ATTR(IpGenAddr, remoteAddr)
+  /// In host order.
+  KIV_ATTR(U16, remotePort, 0)
+  /// How long one try may take; the system's own limit of some two minutes holds as well.
+  KIV_ATTR_READ(Kiv::Time, connectTimeout, std::chrono::seconds(10))
+  KIV_ATTR_READ(State, state, State::disabled)
+  /// The connected socket, non-blocking; null unless `connected`.
+  KIV_ATTR_READ(TcpFileDescriptor::PtrConst, connection)
+  KIV_ATTR_READ(U32, attempts, 0)
+  KIV_ATTR_READ(U32, connects, 0)
+  KIV_ATTR_READ(U32, failures, 0)
+  KIV_ATTR_READ(U32, timeouts, 0)  // of the failures
+
+  /// Registrations come from `factory`; null: the activity loop's.
+  explicit TcpClientSm(Kiv::String name, Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory = {});
+  ~TcpClientSm() override;
+
+  /// Throws `Kiv::RangeException` for a time that is not above zero.
+  void connectTimeoutIs(Kiv::Time time);
+
+  bool enabled() const noexcept { return state() != State::disabled; }
+  /// Begins to connect, or ends whatever is under way. Throws `Kiv::RangeException`, and stays disabled, when
+  /// there is no remote address or port, or the local address is of the other family.
+  void enabledIs(bool on);
+  /// The connection is of no more use: lets go of it and connects again, `backoffMin` from now. Does nothing
+  /// unless `connected`.
+  void connectionDel() { handle(Event::lost); }
+
+  /// The machine: what an event leads to, nothing where it is ignored.
+  static constexpr std::optional<State> next(State state, Event event) noexcept {
+    return following(kTransitions, state, event);
+  }
+
+ private:
+  static constexpr auto kTransitions = std::to_array<Transition<State, Event>>({
+      {State::disabled, Event::enable, State::connecting},
+      {State::connecting, Event::established, State::connected},
+      {State::connecting, Event::failed, State::waiting},
+      {State::connecting, Event::clock, State::waiting},
+      {State::connecting, Event::disable, State::disabled},
+      {State::waiting, Event::clock, State::connecting},
+      {State::waiting, Event::disable, State::disabled},
+      {State::connected, Event::lost, State::waiting},
+      {State::connected, Event::disable, State::disabled},
+  });
+
+  void handle(Event event);
+  std::optional<Event> enter(State entered);
+  std::optional<Event> tryToConnect(bool first);
+  void open();
+  bool connectedNow() const;
+  void handleClock() override;
+  void fail(const Kiv::ErrnoException& failure);
+  template <typename Attr, typename Value>
+  void put(Attr& attr, const Value& value) {
+    if (attr.store(value)) changed(attr.notifiees());
+  }
+
+  TcpFileDescriptor::PtrConst socket_;  // while connecting
+  IpGenAddr peer_;                      // to which it is
+  U16 peerPort_ = 0;
+  Kiv::Reactor onWritable_;
+};
+
+KIV_API std::ostream& operator<<(std::ostream& out, TcpClientSm::State state);
+KIV_API std::ostream& operator<<(std::ostream& out, TcpClientSm::Event event);
+
+/// Makes a machine on the activity loop.
+KIV_API Kiv::Ptr<TcpClientSm> tcpClientSmFactory(Kiv::String name);
+
+}  // namespace Wirl

@@ -1,0 +1,210 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/transport/TcpServerSm.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <utility>
+
+#include "Kiv/Trace.h"
+#include "Wirl/transport/detail/SockAddr.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("TcpServerSm");
+
+/// Failures of accept(2) that concern the one connection, which is gone then: the peer gave up, or its network
+/// failed.
+bool concernsOne(int error) {
+  switch (error) {
+    case ECONNABORTED:
+    case EINTR:
+    case EPROTO:
+    case EPERM:
+    case ENETDOWN:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+    case EHOSTUNREACH:
+    case ENONET:
+    case ENOPROTOOPT:
+    case EOPNOTSUPP:
+      return true;
+    default:
+      return false;
+  }
+}
+
+/// More of those in a row, and the machine pauses.
+constexpr int kFailuresInARow = 64;
+
+}  // namespace
+
+TcpServerConnection::TcpServerConnection(int descriptor, bool edgeTriggered, const IpGenAddr& peerAddr,
+                                         U16 peerPort, Kiv::Ptr<Counter> counter) noexcept
+    : TcpFileDescriptor(descriptor, edgeTriggered),
+      counter_(std::move(counter)),
+      peerAddr_(peerAddr),
+      peerPort_(peerPort) {
+  ++counter_->open;
+}
+
+TcpServerConnection::~TcpServerConnection() {
+  --counter_->open;
+  if (counter_->server) counter_->server->connectionClosed();
+}
+
+TcpServerSm::TcpServerSm(Kiv::String name, Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory)
+    : TcpSm(std::move(name), std::move(factory)), counter_(Kiv::makePtr<TcpServerConnection::Counter>()) {
+  counter_->server = this;
+}
+
+TcpServerSm::~TcpServerSm() {
+  counter_->server = nullptr;
+}
+
+void TcpServerSm::acceptPauseIs(Kiv::Time time) {
+  checkPositive(time, "TcpServerSm::acceptPause <= 0 not allowed");
+  acceptPause.set(time);
+}
+
+void TcpServerSm::enabledIs(bool on) {
+  if (on && !enabled() && localAddr().af() == AddressFamily::ipunknown) {
+    throw Kiv::RangeException("TcpServerSm::localAddr without family not allowed");
+  }
+  handle(on ? Event::enable : Event::disable);
+}
+
+void TcpServerSm::handle(Event event) {
+  std::optional<Event> pending = event;
+  while (pending) {
+    const std::optional<State> to = next(state(), *pending);
+    if (!to) break;
+    KIV_TRACE(trace, 5) << name() << ": " << state() << " -> " << *to << " on " << *pending;
+    put(state, *to);
+    pending = enter(*to);
+  }
+  notifyChanged();
+}
+
+/// What the states do. Returns the event that follows at once, if any.
+std::optional<TcpServerSm::Event> TcpServerSm::enter(State entered) {
+  watchDel();
+  deadlineDel();
+  switch (entered) {
+    case State::opening:
+      return open();
+    case State::listening:
+      return listen();
+    case State::full:
+      break;
+    case State::paused:
+      deadlineIs(acceptPause());
+      break;
+    case State::waiting:
+      backoffDeadlineIs();
+      socket_ = nullptr;
+      break;
+    case State::disabled:
+      backoffReset();
+      socket_ = nullptr;
+      put(listeningPort, U16{0});
+      break;
+  }
+  return std::nullopt;
+}
+
+std::optional<TcpServerSm::Event> TcpServerSm::open() {
+  try {
+    if (localAddr().af() == AddressFamily::ipunknown) throw Kiv::ErrnoException(EAFNOSUPPORT, "bind");
+    socket_ = openSocket(localAddr().af(), false, true);
+    const int queue = static_cast<int>(std::min(backlog(), U32{INT_MAX}));
+    if (::listen(socket_->descriptor(), queue) < 0) throw Kiv::ErrnoException(errno, "listen");
+  } catch (const Kiv::ErrnoException& failure) {
+    put(openErrors, openErrors() + 1);
+    failureIs(failure);
+    return Event::failed;
+  }
+  backoffReset();
+  detail::SockAddr local;
+  getsockname(socket_->descriptor(), local.get(), &local.length());
+  put(listeningPort, local.port());
+  return Event::opened;
+}
+
+std::optional<TcpServerSm::Event> TcpServerSm::listen() {
+  if (openConnections() >= maxConnections()) return Event::limit;
+  try {
+    watchIs(socket_);
+    onReadable_ = Kiv::Reactor(watch()->readableCount, [this] { readableCountInc(1); });
+    watch()->notifyOnReadableIs(true);
+    watch()->enabledIs(true);
+  } catch (const Kiv::ErrnoException& failure) {
+    failureIs(failure);
+    return Event::exhausted;
+  }
+  return std::nullopt;
+}
+
+TcpServerConnection::PtrConst TcpServerSm::accept() {
+  const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
+  for (int failed = 0; state() == State::listening;) {
+    detail::SockAddr peer;
+    // Not by TcpFileDescriptor::socketAccept(): the peer's address comes with the call.
+    const int fd = accept4(socket_->descriptor(), peer.get(), &peer.length(), SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) {
+      const TcpServerConnection::PtrConst connection(
+          new TcpServerConnection(fd, edgeTriggered(), peer.address(), peer.port(), counter_));
+      KIV_TRACE(trace, 5) << name() << ": " << peer.address() << " port " << peer.port() << " accepted as "
+                          << fd;
+      put(accepted, accepted() + 1);
+      // Also tells what has changed. A reactor to that may close connections, or all of it.
+      if (openConnections() >= maxConnections()) {
+        handle(Event::limit);
+      } else {
+        notifyChanged();
+      }
+      return connection;
+    }
+    const int error = errno;
+    if (error == EAGAIN) break;
+    put(acceptErrors, acceptErrors() + 1);
+    failureIs(Kiv::ErrnoException(error, "accept"));
+    if (!concernsOne(error) || ++failed == kFailuresInARow) {
+      handle(Event::exhausted);
+      return nullptr;
+    }
+  }
+  notifyChanged();
+  return nullptr;
+}
+
+/// Runs inside a destructor, under whatever let go of the connection: what follows waits for the loop.
+void TcpServerSm::connectionClosed() {
+  if (state() == State::full) deadlineIs(Kiv::Time::zero());
+}
+
+void TcpServerSm::handleMaxConnections() {
+  if (state() == State::full) deadlineIs(Kiv::Time::zero());
+  if (state() == State::listening && openConnections() >= maxConnections()) handle(Event::limit);
+}
+
+std::ostream& operator<<(std::ostream& out, TcpServerSm::State state) {
+  static constexpr const char* kNames[] = {"disabled", "opening", "waiting", "listening", "full", "paused"};
+  return out << kNames[static_cast<std::size_t>(state)];
+}
+
+std::ostream& operator<<(std::ostream& out, TcpServerSm::Event event) {
+  static constexpr const char* kNames[] = {"enable", "disable", "opened",   "failed",
+                                           "clock",  "limit",   "exhausted"};
+  return out << kNames[static_cast<std::size_t>(event)];
+}
+
+Kiv::Ptr<TcpServerSm> tcpServerSmFactory(Kiv::String name) {
+  return Kiv::makePtr<TcpServerSm>(std::move(name));
+}
+
+}  // namespace Wirl

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <array>
+#include <optional>
+#include <ostream>
+
+#include "Wirl/transport/TcpSm.h"
+
+namespace Wirl {
+
+class TcpServerSm;
+
+/// One accepted connection. It counts as open at its server until its last holder lets go of it.
+class KIV_API TcpServerConnection final : public TcpFileDescriptor {
+ public:
+  using PtrConst = Kiv::Ptr<const TcpServerConnection>;
+  ~TcpServerConnection() override;
+
+  const IpGenAddr& peerAddr() const noexcept { return peerAddr_; }
+  /// In host order.
+  U16 peerPort() const noexcept { return peerPort_; }
+
+ private:
+  friend class TcpServerSm;
+  struct Counter : Kiv::PtrInterface {
+    U32 open = 0;
+    TcpServerSm* server = nullptr;  // null once it is gone
+  };
+  TcpServerConnection(int descriptor, bool edgeTriggered, const IpGenAddr& peerAddr, U16 peerPort,
+                      Kiv::Ptr<Counter> counter) noexcept;
+
+  const Kiv::Ptr<Counter> counter_;
+  const IpGenAddr peerAddr_;
+  const U16 peerPort_;
+};
+
+/// Listens for TCP connections and hands them over, up to a number of open ones.
+///
+///          disabled ──enabledIs(true)──> opening      socket opened in netNs, bound, listening; decided at once
+///                                        │   ^  │
+///                                 failed │   │  └── opened ──┐
+///                                        v   │ delay over    v
+///                                       waiting           listening  <──┬───────────────────────┐
+///                                                          │     │      │ an open one           │ acceptPause
+///                                           maxConnections │     │      │ was closed            │ is over
+///                                           are open       v     │      │                       │
+///                                                         full ──┼──────┘                       │
+///                                                                │ accept() failed              │
+///                                                                └────────────────────────> paused
+///          from everywhere: enabledIs(false) ──> disabled
+///
+/// In use:
+///
+///     auto server = Wirl::tcpServerSmFactory("collector");
+///     server->localAddrIs(Wirl::IpGenAddr("10.0.0.1"));
+///     server->localPortIs(7000);
+///     Kiv::Reactor onReadable(server->readableCount, [&] {
+///       while (auto connection = server->accept()) peers.push_back(...);
+///     });
+///     server->enabledIs(true);
+///
+/// `readableCount` goes up while connections wait; as with a Pam the client pulls until null, inside its
+/// reactor, and is told again and again as long as it does not.
+///
+/// With `maxConnections` open the machine stops listening for events, not at the port: further connections are
+/// completed by the kernel and wait in its queue, of `backlog`, until one of the open ones is closed; what the
+/// queue does not hold, the kernel leaves unanswered, so that the peers try again.
+///
+/// When the process or the system is out of descriptors or memory, nothing is accepted for `acceptPause`, and
+/// those that wait are not lost. Connections that their peers gave up while they waited are skipped.
+///
+/// Nothing is thrown for what the system refuses, be it that the namespace, the interface or the address is not
+/// there (yet), or the port is taken: the reason stands in `lastErrorReason`, and the next try comes. Once it
+/// listens, the socket stays in its namespace, also when that loses its name.
+///
+/// Disabling closes the port; connections in its queue are reset by the kernel, those handed over live on and
+/// still count.
+class KIV_API TcpServerSm final : public TcpSm {
+ public:
+  enum class State : Kiv::U8 { disabled, opening, waiting, listening, full, paused };
+  enum class Event : Kiv::U8 { enable, disable, opened, failed, clock, limit, exhausted };
+
+  KIV_ENTITY(TcpServerSm, TcpSm)
+  /// Connections that wait to be accepted, as listen(2) has it; the system may have a lower limit.
+  KIV_ATTR(U32, backlog, 128)
+  /// Connections that may be open at a time; may change at any time, and closes none that is open.
+  KIV_ATTR_HOOK(U32, maxConnections, 0xffffffff, handleMaxConnections)
+  KIV_ATTR_READ(Kiv::Time, acceptPause, std::chrono::milliseconds(100))
+  KIV_ATTR_READ(State, state, State::disabled)
+  /// The local port in use (host order), also when the system chose it; 0 unless the port is open.
+  KIV_ATTR_READ(U16, listeningPort, 0)
+  KIV_ATTR_COUNTER(U32, readableCount)
+  KIV_ATTR_READ(U32, accepted, 0)
+  KIV_ATTR_READ(U32, acceptErrors, 0)
+  KIV_ATTR_READ(U32, openErrors, 0)
+  KIV_ATTR_DERIVED(U32, openConnections)
+
+  /// Registrations come from `factory`; null: the activity loop's.
+  explicit TcpServerSm(Kiv::String name, Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory = {});
+  ~TcpServerSm() override;
+
+  /// Throws `Kiv::RangeException` for a time that is not above zero.
+  void acceptPauseIs(Kiv::Time time);
+
+  bool enabled() const noexcept { return state() != State::disabled; }
+  /// Opens the port, or closes it. Throws `Kiv::RangeException`, and stays disabled, when the local address has
+  /// no family.
+  void enabledIs(bool on);
+
+  /// The next connection that waits, non-blocking; null when there is none, or none may be accepted now.
+  TcpServerConnection::PtrConst accept();
+  /// Connections handed over that somebody still holds.
+  U32 openConnections() const noexcept { return counter_->open; }
+
+  /// The machine: what an event leads to, nothing where it is ignored.
+  static constexpr std::optional<State> next(State state, Event event) noexcept {
+    return following(kTransitions, state, event);
+  }
+
+ private:
+  friend class TcpServerConnection;
+
+  static constexpr auto kTransitions = std::to_array<Transition<State, Event>>({
+      {State::disabled, Event::enable, State::opening},
+      {State::opening, Event::opened, State::listening},
+      {State::opening, Event::failed, State::waiting},
+      {State::waiting, Event::clock, State::opening},
+      {State::waiting, Event::disable, State::disabled},
+      {State::listening, Event::limit, State::full},
+      {State::listening, Event::exhausted, State::paused},
+      {State::listening, Event::disable, State::disabled},
+      {State::full, Event::clock, State::listening},
+      {State::full, Event::disable, State::disabled},
+      {State::paused, Event::clock, State::listening},
+      {State::paused, Event::disable, State::disabled},
+  });
+
+  void handle(Event event);
+  std::optional<Event> enter(State entered);
+  std::optional<Event> open();
+  std::optional<Event> listen();
+  void connectionClosed();
+  void handleMaxConnections();
+  void handleClock() override { handle(Event::clock); }
+  template <typename Attr, typename Value>
+  void put(Attr& attr, const Value& value) {
+    if (attr.store(value)) changed(attr.notifiees());
+  }
+
+  TcpFileDescriptor::PtrConst socket_;  // from opening to disabled
+  const Kiv::Ptr<TcpServerConnection::Counter> counter_;
+  Kiv::Reactor onReadable_;
+};
+
+KIV_API std::ostream& operator<<(std::ostream& out, TcpServerSm::State state);
+KIV_API std::ostream& operator<<(std::ostream& out, TcpServerSm::Event event);
+
+/// Makes a machine on the activity loop.
+KIV_API Kiv::Ptr<TcpServerSm> tcpServerSmFactory(Kiv::String name);
+
+}  // namespace Wirl

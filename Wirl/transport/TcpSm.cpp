@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/transport/TcpSm.h"
+
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "Kiv/Trace.h"
+#include "Wirl/transport/TcpFdKivc.h"
+#include "Wirl/transport/detail/SockAddr.h"
+
+namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("TcpSm");
+
+}  // namespace
+
+TcpSm::TcpSm(Kiv::String name, Factory factory)
+    : Entity(std::move(name)),
+      factory_(factory ? std::move(factory) : tcpFileDescriptorEventRegistrationFactoryKivcFactory()),
+      clock_(Kiv::makePtr<Kiv::Clock>(this->name())),
+      onClock_(clock_->expiredCount, [this] { handleClock(); }) {}
+
+TcpSm::~TcpSm() = default;
+
+void TcpSm::checkPositive(Kiv::Time time, const char* text) {
+  if (time <= Kiv::Time::zero()) throw Kiv::RangeException(text);
+}
+
+void TcpSm::backoffMinIs(Kiv::Time time) {
+  checkPositive(time, "TcpSm::backoffMin <= 0 not allowed");
+  backoffMin.set(time);
+}
+
+void TcpSm::backoffMaxIs(Kiv::Time time) {
+  checkPositive(time, "TcpSm::backoffMax <= 0 not allowed");
+  backoffMax.set(time);
+}
+
+TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool server) const {
+  TcpFileDescriptor::PtrConst socket = TcpFileDescriptor::socket(af, netNs(), edge);
+  if (!socket) throw Kiv::ErrnoException(errno, "socket");
+  const auto check = [](int result, const char* call) {
+    if (result != 0) throw Kiv::ErrnoException(errno, call);
+  };
+  const auto switchOn = [&socket](int level, int option) {
+    const int on = 1;
+    return setsockopt(socket->descriptor(), level, option, &on, sizeof(on));
+  };
+  // Former connections of the port that linger in the kernel are no reason to wait.
+  if (server || localPort() != 0) check(switchOn(SOL_SOCKET, SO_REUSEADDR), "setsockopt(SO_REUSEADDR)");
+  // A server of :: leaves the port of IPv4 to another one.
+  if (server && af == AddressFamily::ipv6) {
+    check(switchOn(IPPROTO_IPV6, IPV6_V6ONLY), "setsockopt(IPV6_V6ONLY)");
+  }
+  if (!interface().empty()) {
+    if (interface().bytes() >= IFNAMSIZ) throw Kiv::ErrnoException(ENODEV, "setsockopt(SO_BINDTODEVICE)");
+    check(setsockopt(socket->descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface().c_str(),
+                     static_cast<socklen_t>(interface().bytes())),
+          "setsockopt(SO_BINDTODEVICE)");
+  }
+  const bool addressed = localAddr().af() != AddressFamily::ipunknown;
+  if (addressed && localAddr().af() != af) throw Kiv::ErrnoException(EAFNOSUPPORT, "bind");
+  if (!addressed && localPort() == 0) return socket;
+  // The port that the system chooses for a client need only be free for the one destination; where an old
+  // kernel does not know this, ports run short earlier.
+  if (!server && localPort() == 0) switchOn(IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT);
+  const detail::SockAddr local(addressed ? localAddr() : IpGenAddr(af), localPort(), scopeOf(*socket));
+  check(bind(socket->descriptor(), local.get(), local.length()), "bind");
+  return socket;
+}
+
+U32 TcpSm::scopeOf(const TcpFileDescriptor& socket) const noexcept {
+  ifreq device{};
+  if (interface().empty() || interface().bytes() >= sizeof(device.ifr_name)) return 0;
+  std::copy(interface().begin(), interface().end(), device.ifr_name);
+  return ioctl(socket.descriptor(), SIOCGIFINDEX, &device) < 0 ? 0 : static_cast<U32>(device.ifr_ifindex);
+}
+
+void TcpSm::watchIs(const TcpFileDescriptor::PtrConst& socket) {
+  watch_ = factory_->createEventRegistration(socket);
+}
+
+void TcpSm::failureIs(const Kiv::ErrnoException& failure) {
+  KIV_TRACE(trace, 0) << name() << ": " << failure.what();
+  if (lastError.store(failure.error())) changed(lastError.notifiees());
+  if (lastErrorReason.store(failure.what())) changed(lastErrorReason.notifiees());
+}
+
+void TcpSm::notifyChanged() {
+  const Kiv::Ptr<TcpSm> alive(references() > 0 ? this : nullptr);
+  for (Kiv::NotifieeList* const notifiees : std::exchange(changed_, {})) notifiees->notify();
+}
+
+}  // namespace Wirl

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <algorithm>
+
+#include "Kiv/Time.h"
+
+namespace Wirl::detail {
+
+/// Delays between tries: they double from failure to failure, up to a cap, until a success resets them.
+class Backoff {
+ public:
+  /// The delay before the next try. `min` and `max` are above zero; where they disagree `max` holds.
+  constexpr Kiv::Time next(Kiv::Time min, Kiv::Time max) noexcept {
+    const Kiv::Time doubled = delay_ > max / 2 ? max : delay_ * 2;
+    return delay_ = std::min(std::max(doubled, min), max);
+  }
+  constexpr void reset() noexcept { delay_ = Kiv::Time::zero(); }
+
+ private:
+  Kiv::Time delay_{};
+};
+
+}  // namespace Wirl::detail
