@@ -1,3 +1,3 @@
-wirl_fuzz(ip6AddrFuzz value/ip6AddrFuzz.cpp)
-wirl_fuzz(ip6PrefixFuzz value/ip6PrefixFuzz.cpp)
-wirl_fuzz(ipGenFuzz value/ipGenFuzz.cpp)
+foreach(target IN ITEMS ethAddr ip6Addr ip6Prefix ipAddr ipGen name)
+  wirl_fuzz(${target}Fuzz value/${target}Fuzz.cpp)
+endforeach()

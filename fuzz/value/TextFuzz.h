@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "Kiv/Assert.h"
@@ -10,21 +14,26 @@
 
 namespace fuzz {
 
+/// The input where it lies, so that AddressSanitizer sees an octet read in front of it or behind it.
+inline std::string_view textOf(const unsigned char* data, std::size_t size) {
+  return {reinterpret_cast<const char*>(data), size};
+}
+
 /// What holds for every text that the parsers of a value type are given: the throwing and the other forms
-/// agree, what is refused changes nothing, what is read is printed and read again.
+/// agree, what is refused changes nothing, what is read is printed and read again. `before` is a value that
+/// differs from the default one.
 template <typename T>
-void checkText(std::string_view text) {
+void checkText(std::string_view text, const T& before) {
   const auto whole = T::fromText(text);
 
   std::string_view rest = text;
-  T front;
-  const T before = front;
+  T front = before;
   const Kiv::ParseError error = T::parse(rest, front);
   KIV_ASSERT(text.ends_with(rest));
-  KIV_ASSERT(!error || (rest == text && front == before));
+  KIV_ASSERT(!error || (rest.size() == text.size() && front == before));
   KIV_ASSERT(whole.has_value() == (!error && rest.empty()));
 
-  T thrown;
+  T thrown = before;
   try {
     thrown.stringValueIs(text);
     KIV_ASSERT(whole && thrown == *whole);
@@ -39,9 +48,24 @@ void checkText(std::string_view text) {
   const auto again = T::fromText(canonical);
   KIV_ASSERT(again && *again == front && again->hash() == front.hash());
   KIV_ASSERT(canonical.bytes() <= T::kTextMax);
-  char buffer[T::kTextMax + 1];
-  front.printToBuffer(buffer, sizeof(buffer));
-  KIV_ASSERT(canonical == std::string_view(buffer, std::strlen(buffer)));
+  for (const std::size_t size : {std::size_t{0}, std::size_t{1}, canonical.size(), canonical.size() + 1}) {
+    std::string buffer(T::kTextMax + 3, '#');
+    std::string expected = buffer;
+    const std::size_t stored = std::min(canonical.size(), size - 1);
+    if (size > 0) expected.replace(0, stored + 1, std::string(canonical).substr(0, stored) + '\0');
+    front.printToBuffer(buffer.data(), static_cast<unsigned>(size));
+    KIV_ASSERT(buffer == expected);
+  }
+}
+
+/// The number that the whole of a text is in decimal, at most 2^32; nothing when it is none.
+inline std::optional<std::uint64_t> numberOf(std::string_view text) {
+  std::uint64_t number = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    number = std::min(number * 10 + static_cast<std::uint64_t>(c - '0'), std::uint64_t{1} << 32);
+  }
+  return text.empty() ? std::nullopt : std::optional(number);
 }
 
 }  // namespace fuzz

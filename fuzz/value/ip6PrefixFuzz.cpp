@@ -5,10 +5,12 @@
 #include "fuzz/value/TextFuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
-  const std::string text(data, data + size);
-  fuzz::checkText<Wirl::Ip6Prefix>(text);
-  fuzz::checkText<Wirl::Ip6AddrWithMask>(text);
-  fuzz::checkText<Wirl::Ip6AddrWithFullMask>(text);
-  fuzz::checkText<Wirl::Ip6PrefixLen>(text);
+  using namespace Wirl;
+  const std::string_view text = fuzz::textOf(data, size);
+  const Ip6Addr address("9:8:7:6:5:4:3:2");
+  fuzz::checkText(text, Ip6Prefix(address, 128));
+  fuzz::checkText(text, Ip6AddrWithMask(address, 5));
+  fuzz::checkText(text, Ip6AddrWithFullMask(address, address));
+  fuzz::checkText(text, Ip6PrefixLen(5));
   return 0;
 }

@@ -6,12 +6,13 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   using namespace Wirl;
-  const std::string text(data, data + size);
-  fuzz::checkText<IpGenAddr>(text);
-  fuzz::checkText<IpGenPrefix>(text);
-  fuzz::checkText<IpGenAddrWithMask>(text);
-  fuzz::checkText<IpGenAddrWithFullMask>(text);
-  fuzz::checkText<IpGenAddrWithFullMask::PrefixLen>(text);
+  const std::string_view text = fuzz::textOf(data, size);
+  const IpAddr address(9, 8, 7, 6);
+  fuzz::checkText(text, IpGenAddr(address));
+  fuzz::checkText(text, IpGenPrefix(address, 32));
+  fuzz::checkText(text, IpGenAddrWithMask(address, 5));
+  fuzz::checkText(text, IpGenAddrWithFullMask(address, address));
+  fuzz::checkText(text, IpGenAddrWithFullMask::PrefixLen(5));
 
   // A generic address is what one of the families reads, and the family follows from the text alone.
   const auto generic = IpGenAddr::fromText(text);
