@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs udpEcho and wirlDemo as a user would.  Usage: udpExamplesTest.sh FOLDER-OF-THE-PROGRAMS
+# Runs udpEcho as a user would.  Usage: udpEchoTest.sh FOLDER-OF-THE-PROGRAMS
 set -uo pipefail
 programs=$1
 failures=0
@@ -31,7 +31,6 @@ for words in "" "127.0.0.1" "127.0.0.1 0" "127.0.0.1 65536" "127.0.0.1 7x" "loca
   expect "status 2 for '$words'" [ "$(status_of "$programs/udpEcho" $words)" = 2 ]
   expect "usage for '$words'" grep -q "^usage: udpEcho" "$output"
 done
-expect "status 2 of the demo" [ "$(status_of "$programs/wirlDemo" --help)" = 2 ]
 
 # What cannot be opened: one line that says so, and status 1.
 expect "status 1" [ "$(status_of "$programs/udpEcho" --netns ns-none 127.0.0.1 7000)" = 1 ]
@@ -60,15 +59,5 @@ answer=$(printf hello | ip netns exec "$ns" socat -t 1 - UDP4:127.0.0.2:7000)
 expect "the answer from 127.0.0.2" [ "$answer" = hello ]
 kill -INT %1
 wait %1
-
-# The demo, whole and interrupted: what it made is gone.
-expect "the demo's status" [ "$(status_of "$programs/wirlDemo")" = 0 ]
-expect "the demo's end" grep -q "all of it worked" "$output"
-"$programs/wirlDemo" >"$output" 2>&1 &
-for _ in $(seq 100); do grep -q "bytes from" "$output" && break; sleep 0.02; done
-kill -INT %1
-wait %1
-expect "status 130 after Ctrl-C" [ $? = 130 ]
-expect "no namespace left" [ ! -e /run/netns/ns-red -a ! -e /run/netns/ns-blue ]
 
 exit $((failures > 0))
