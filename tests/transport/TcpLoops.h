@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <ostream>
 #include <string>
 #include <system_error>
@@ -50,15 +51,22 @@ class PollLoop {
     friend class PollLoop;
     void handleEnabled() override {
       std::erase(loop_.all_, this);
-      toldReadable_ = -1;
+      told_ = -1;
       toldWritable_ = false;
       if (enabled()) loop_.all_.push_back(this);
     }
-    void handleNotifyOnReadable() override { toldReadable_ = -1; }
+    void handleNotifyOnReadable() override { told_ = -1; }
     void handleNotifyOnWritable() override { toldWritable_ = false; }
+    /// Octets that wait; other than any number of them when the stream has ended.
+    int waiting(short events) const {
+      int octets = 0;
+      ioctl(fileDescriptor()->descriptor(), FIONREAD, &octets);
+      return (events & (POLLRDHUP | POLLERR | POLLHUP)) != 0 ? -2 - octets : octets;
+    }
 
     PollLoop& loop_;
-    int toldReadable_ = -1;  // octets that were waiting, or -2 for the end of the stream
+    static constexpr int kTelling = std::numeric_limits<int>::min();
+    int told_ = -1;  // what was waiting when the owner had done with the last event
     bool toldWritable_ = false;
   };
 
@@ -78,16 +86,16 @@ class PollLoop {
       const auto there = [&] { return std::find(all_.begin(), all_.end(), each) != all_.end(); };
       const short failed = POLLERR | POLLHUP;
       if (there() && (fds[i].revents & (POLLIN | POLLRDHUP | failed)) && each->notifyOnReadable()) {
-        int waiting = 0;
-        ioctl(fds[i].fd, FIONREAD, &waiting);
-        if (fds[i].revents & (POLLRDHUP | failed)) waiting = -2 - waiting;
-        if (!each->fileDescriptor()->edgeTriggered() || waiting != each->toldReadable_) {
-          each->toldReadable_ = waiting;
+        if (!each->fileDescriptor()->edgeTriggered() || each->waiting(fds[i].revents) != each->told_) {
+          each->told_ = Registration::kTelling;
           each->handleReadable();
+          if (there() && each->told_ == Registration::kTelling) each->told_ = each->waiting(fds[i].revents);
         }
       }
-      if (there() && (fds[i].revents & (POLLOUT | failed)) && each->notifyOnWritable() &&
-          !(each->fileDescriptor()->edgeTriggered() && each->toldWritable_)) {
+      if (!there() || !each->notifyOnWritable()) continue;
+      if ((fds[i].revents & (POLLOUT | failed)) == 0) {
+        each->toldWritable_ = false;
+      } else if (!each->fileDescriptor()->edgeTriggered() || !each->toldWritable_) {
         each->toldWritable_ = true;
         each->handleWritable();
       }
@@ -122,18 +130,18 @@ class Loop {
     if (backend_.pollLoop) return Kiv::makePtr<PollLoop::Factory>(poll_);
     return tcpFileDescriptorEventRegistrationFactoryKivcFactory();
   }
+  /// Looks at `done` every few milliseconds at least: it may depend on sockets that no loop watches.
   bool runUntil(const std::function<bool()>& done, double seconds = 5) {
-    if (!backend_.pollLoop) return Kiv::activityLoop().runUntil(done, seconds);
     const auto limit = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!done()) {
       if (std::chrono::steady_clock::now() > limit) return false;
-      poll_.poll(5);
+      backend_.pollLoop ? poll_.poll(1) : void(Kiv::activityLoop().runUntil(done, 0.001));
     }
     return true;
   }
   /// Whatever is ready, and what comes of it.
   void settle() {
-    for (int i = 0; i < 5; ++i) backend_.pollLoop ? poll_.poll(1) : Kiv::activityLoop().poll();
+    for (int i = 0; i < 5; ++i) backend_.pollLoop ? poll_.poll(0) : Kiv::activityLoop().poll();
   }
 
  private:

@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/transport/SimpleTcpPduPam.h"
+
+namespace Wirl {
+
+SimpleTcpPduPam::~SimpleTcpPduPam() = default;
+
+U16 SimpleTcpPduPam::getPduSize() {
+  const Pkt::Ptr& pdu = rxPktHolderShadow();
+  if (!initialized() || !pdu || pdu->bytes() < kHeaderLength) return kHeaderLength;
+  return static_cast<U16>(pdu->rawByte(2) << 8 | pdu->rawByte(3));
+}
+
+Kiv::Ptr<SimpleTcpPduPam> simpleTcpPduPamFactory(
+    const TcpFileDescriptor::PtrConst& descriptor,
+    const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory) {
+  return Kiv::makePtr<SimpleTcpPduPam>(descriptor, factory);
+}
+
+}  // namespace Wirl
