@@ -40,6 +40,7 @@ tests() {
   local folder=$1 status=0 log total fail skip command
   shift
   log=$root/$folder/ctest
+  [ ! -e "$folder/configure.log" ] || sed -n 's/^-- \(.* left out.*\)/  \1/p' "$folder/configure.log"
   # What waits for the kernel on a busy machine may come too late once: such a test is tried again, and the log
   # shows both.
   command=(ctest --test-dir "$folder" -j "$jobs" --no-tests=error --output-on-failure --repeat until-pass:2)
