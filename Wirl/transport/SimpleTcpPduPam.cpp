@@ -7,8 +7,9 @@ SimpleTcpPduPam::~SimpleTcpPduPam() = default;
 
 U16 SimpleTcpPduPam::getPduSize() {
   const Pkt::Ptr& pdu = rxPktHolderShadow();
-  if (!initialized() || !pdu || pdu->bytes() < kHeaderLength) return kHeaderLength;
-  return static_cast<U16>(pdu->rawByte(2) << 8 | pdu->rawByte(3));
+  if (!initialized() || !pdu || pdu->frontBytes() < kHeaderLength) return kHeaderLength;
+  const U8* const header = pdu->front();
+  return static_cast<U16>(header[2] << 8 | header[3]);
 }
 
 Kiv::Ptr<SimpleTcpPduPam> simpleTcpPduPamFactory(

@@ -29,6 +29,8 @@ constexpr std::array<const char*, 4> kModeNames = {"tcpEnableModeNone", "tcpEnab
 constexpr std::array<const char*, 4> kResultNames = {"error", "readMoreData", "waitForMoreData",
                                                      "fullPduRead"};
 
+constexpr const char* kClosedByPeer = "Connection closed by peer";
+
 /// Queued packets that are sent by one call.
 constexpr unsigned kGather = detail::SendQueue::kKept;
 
@@ -257,9 +259,11 @@ void TcpPduPam::writeNotificationSet() {
   fd()->notifyOnWritableIs(on);
 }
 
+/// The caller keeps the Pam alive: this runs twice a PDU.
 void TcpPduPam::readableSet(bool value) {
   if (!readable.store(value)) return;
-  Kiv::detail::hookAndNotify(this, readable.notifiees(), [this] { handleReadable(); });
+  handleReadable();
+  readable.notifiees().notify();
 }
 
 void TcpPduPam::writableSet(bool value) {
@@ -290,57 +294,28 @@ U16 TcpPduPam::getPduSize() {
   KIV_ASSERT_AS(false, "0 && \"Need to implement getRemainingLength in a derived class\"");
 }
 
-void TcpPduPam::handleSocketReadable() {
-  if (!initialized() || fileDescriptor()->descriptor() < 0 || inReadEvent_) return;
-  if (readable()) {
-    KIV_ASSERT_AS(edgeTriggered(), "edgeTriggered()");
-    return;
-  }
-  const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
-  const auto end = [this] {
-    inReadEvent_ = false;
-    readNotificationSet();
-    if (!txQueue_.empty() && !blocked()) txFlush();
-  };
-  inReadEvent_ = true;
-  try {
-    if (readNextPdu() && fd()) readableCountInc(1);
-    if (pendingMode_ == tcpEnableModeWriteOnly && !receiving()) pendingModeApply();
-  } catch (...) {
-    end();
-    throw;
-  }
-  end();
-  // Reading that was switched off and on in between left octets of which the socket will not remind.
-  if (fd() && fd()->notifyOnReadable() && !readable() && !ahead_.empty()) handleSocketReadable();
+TcpPduPamReadReturn TcpPduPam::ReadOutcome::value() const {
+  if (!reason) return {result, {}};
+  return {result, error == 0 ? Kiv::String(reason) : Kiv::String(reason + std::to_string(error))};
 }
 
-bool TcpPduPam::readNextPdu() {
-  KIV_ASSERT_AS(fd() && fd()->notifyOnReadable(), "fd()->notifyOnReadable()");
-  if (readable()) return true;
-  for (;;) {
-    if (!rxPktHolderShadow_) startPdu();
-    const TcpPduPamReadReturn outcome = readFromSocket();
-    KIV_TRACE(trace, 8) << outcome;
-    switch (outcome.result) {
-      case TcpPduPamReadReturn::readMoreData:
-        break;
-      case TcpPduPamReadReturn::fullPduRead:
-        KIV_TRACE(trace, 9) << "PktData: 0x" << hexOf(*rxPktHolderShadow_);
-        readableSet(true);
-        return true;
-      case TcpPduPamReadReturn::waitForMoreData:
-        // A connection with nothing under way holds no packet.
-        if (rxPktHolderShadow_->empty()) {
-          rxPktHolderShadow_ = nullptr;
-          rxRemainingLength_ = 0;
-        }
-        return false;
-      case TcpPduPamReadReturn::error:
-        handleReadError(outcome.reason);
-        return false;
-    }
-  }
+// Traces of what happens with each read stand apart: the code around them is to stay small.
+
+[[gnu::cold]] void TcpPduPam::traceOutcome(const ReadOutcome& outcome) const {
+  KIV_TRACE(trace, 8) << outcome.value();
+}
+
+[[gnu::cold]] void TcpPduPam::tracePdu() const {
+  KIV_TRACE(trace, 9) << "PktData: 0x" << hexOf(*rxPktHolderShadow_);
+}
+
+[[gnu::cold]] void TcpPduPam::traceRead(U16 total, ssize_t count) const {
+  KIV_TRACE(trace, 8) << "pduTotalLength " << total << " ,dataRead " << count
+                      << " rxRemainingLength=" << rxRemainingLength_;
+}
+
+[[gnu::cold]] void TcpPduPam::traceSize(U16 total) const {
+  KIV_TRACE(trace, 8) << "PDU size: " << total << " Remaining: " << rxRemainingLength_;
 }
 
 void TcpPduPam::startPdu() {
@@ -363,50 +338,138 @@ void TcpPduPam::startPdu() {
   pkt->delSharedTailData(reserved);
 }
 
-ssize_t TcpPduPam::receive(U8* to, U16 length) {
+// Inline: the processor no longer foretells returns that come behind a system call, and each of them costs.
+
+inline ssize_t TcpPduPam::receive(U8* to, U16 length) {
+  if (!ahead_.empty()) return ahead_.take(to, length);
   const int socket = fileDescriptor()->descriptor();
   // One PDU an event means that the socket must keep the others, to remind of them.
-  if (!ahead_.empty() || (readAhead() && !readOnePktOnly())) {
-    return ahead_.receive(socket, to, length, edgeTriggered());
-  }
+  if (readAhead() && !readOnePktOnly()) return ahead_.receive(socket, to, length, edgeTriggered());
   return recv(socket, to, length, MSG_DONTWAIT);
 }
 
-TcpPduPamReadReturn TcpPduPam::readFromSocket() {
-  if (!rxPktHolderShadow_) return {TcpPduPamReadReturn::error, "Failed to allocate packet"};
+[[gnu::always_inline]] inline TcpPduPam::ReadOutcome TcpPduPam::readOnce() {
+  if (!rxPktHolderShadow_) return {TcpPduPamReadReturn::error, 0, "Failed to allocate packet"};
   Pkt& pkt = *rxPktHolderShadow_;
   const U16 wanted = rxRemainingLength_;
   const ssize_t received = receive(pkt.newSharedTailData(wanted), wanted);
-  const int error = errno;
-  const U16 count = received > 0 ? static_cast<U16>(received) : U16{0};
-  pkt.delSharedTailData(static_cast<U32>(wanted - count));
-  if (received == 0) return {TcpPduPamReadReturn::error, "Connection closed by peer"};
-  if (received < 0) {
-    if (error == EINTR) return {TcpPduPamReadReturn::readMoreData, {}};
-    if (error == EAGAIN) return {TcpPduPamReadReturn::waitForMoreData, {}};
-    return {TcpPduPamReadReturn::error, Kiv::String("Recv failed with " + std::to_string(error))};
+  if (received != wanted) [[unlikely]] {
+    const int error = errno;
+    pkt.delSharedTailData(received > 0 ? static_cast<U32>(wanted - received) : U32{wanted});
+    if (received == 0) return {TcpPduPamReadReturn::error, 0, kClosedByPeer};
+    if (received < 0) {
+      if (error == EINTR) return {TcpPduPamReadReturn::readMoreData};
+      if (error == EAGAIN) return {TcpPduPamReadReturn::waitForMoreData};
+      return {TcpPduPamReadReturn::error, error, "Recv failed with "};
+    }
   }
-  rxRemainingLength_ = static_cast<U16>(wanted - count);
+  rxRemainingLength_ = static_cast<U16>(wanted - received);
   const U16 total = getPduSize();
-  KIV_TRACE(trace, 8) << "pduTotalLength " << total << " ,dataRead " << count
-                      << " rxRemainingLength=" << rxRemainingLength_;
-  if (total > maxPduLength()) return {TcpPduPamReadReturn::error, "PDU length too big"};
-  const U32 here = pkt.bytes();
+  const bool traced = trace.enabled(8);
+  if (traced) [[unlikely]]
+    traceRead(total, received);
+  if (total > maxPduLength()) [[unlikely]]
+    return {TcpPduPamReadReturn::error, 0, "PDU length too big"};
+  const U32 here = pkt.frontBytes();
   rxRemainingLength_ = total > here ? static_cast<U16>(total - here) : U16{0};
-  KIV_TRACE(trace, 8) << "PDU size: " << total << " Remaining: " << rxRemainingLength_;
-  return {rxRemainingLength_ > 0 ? TcpPduPamReadReturn::readMoreData : TcpPduPamReadReturn::fullPduRead, {}};
+  if (traced) [[unlikely]]
+    traceSize(total);
+  return {rxRemainingLength_ > 0 ? TcpPduPamReadReturn::readMoreData : TcpPduPamReadReturn::fullPduRead};
 }
 
-void TcpPduPam::handleReadError(const Kiv::String& reason) {
+/// The caller keeps the Pam alive.
+[[gnu::always_inline]] inline bool TcpPduPam::readPdu() {
+  KIV_ASSERT_AS(fd() && fd()->notifyOnReadable(), "fd()->notifyOnReadable()");
+  if (readable()) return true;
+  for (;;) {
+    if (!rxPktHolderShadow_) startPdu();
+    const ReadOutcome outcome = readOnce();
+    if (trace.enabled(8)) [[unlikely]]
+      traceOutcome(outcome);
+    switch (outcome.result) {
+      case TcpPduPamReadReturn::readMoreData:
+        break;
+      case TcpPduPamReadReturn::fullPduRead:
+        if (trace.enabled(9)) [[unlikely]]
+          tracePdu();
+        readableSet(true);
+        return true;
+      case TcpPduPamReadReturn::waitForMoreData:
+        // A connection with nothing under way holds no packet.
+        if (rxPktHolderShadow_->empty()) {
+          rxPktHolderShadow_ = nullptr;
+          rxRemainingLength_ = 0;
+        }
+        return false;
+      case TcpPduPamReadReturn::error:
+        handleReadError(outcome);
+        return false;
+    }
+  }
+}
+
+bool TcpPduPam::readNextPdu() {
   const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
+  return readPdu();
+}
+
+TcpPduPamReadReturn TcpPduPam::readFromSocket() {
+  return readOnce().value();
+}
+
+void TcpPduPam::handleSocketReadable() {
+  if (!initialized() || fileDescriptor()->descriptor() < 0 || inReadEvent_) return;
+  if (readable()) {
+    KIV_ASSERT_AS(edgeTriggered(), "edgeTriggered()");
+    return;
+  }
+  const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
+  const auto end = [this] {
+    inReadEvent_ = false;
+    readNotificationSet();
+    if (!txQueue_.empty() && !blocked()) txFlush();
+  };
+  inReadEvent_ = true;
+  try {
+    if (readPdu() && fd()) readableCountInc(1);
+    if (pendingMode_ == tcpEnableModeWriteOnly && !receiving()) pendingModeApply();
+  } catch (...) {
+    end();
+    throw;
+  }
+  end();
+  // Reading that was switched off and on in between left octets of which the socket will not remind.
+  if (fd() && fd()->notifyOnReadable() && !readable() && !ahead_.empty()) handleSocketReadable();
+}
+
+void TcpPduPam::handleReadError(const ReadOutcome& outcome) {
+  const Kiv::String reason = outcome.value().reason;
   KIV_TRACE(trace, 0) << reason;
   rxPktHolderShadow_ = nullptr;
   rxRemainingLength_ = 0;
   ahead_.clear();
   rxErrorReason.store(reason);
   readNotificationSet();
-  if (reason != "Connection closed by peer") rxErrorsInc(1);
+  if (outcome.reason != kClosedByPeer) rxErrorsInc(1);
   rxErrorReason.notifiees().notify();
+}
+
+inline void TcpPduPam::readOn() {
+  readableSet(false);
+  if (!fd() || readable() || !readModeEnabled() || pendingMode_ == tcpEnableModeWriteOnly ||
+      !rxErrorReason().empty()) {
+    return;
+  }
+  if (readOnePktOnly() && ahead_.empty()) {
+    if (edgeTriggered()) {
+      // What waits behind it was reported already: ask for it anew.
+      fd()->notifyOnReadableIs(false);
+      readNotificationSet();
+    }
+    return;
+  }
+  if (!fd()->notifyOnReadable()) readNotificationSet();
+  readPdu();
 }
 
 void TcpPduPam::doGetRxPkt() {
@@ -423,24 +486,6 @@ void TcpPduPam::doGetRxPkt() {
     readOn();
   }
   rxPktHolderIs(std::exchange(pulled_, nullptr));
-}
-
-void TcpPduPam::readOn() {
-  readableSet(false);
-  if (!fd() || readable() || !readModeEnabled() || pendingMode_ == tcpEnableModeWriteOnly ||
-      !rxErrorReason().empty()) {
-    return;
-  }
-  if (readOnePktOnly() && ahead_.empty()) {
-    if (edgeTriggered()) {
-      // What waits behind it was reported already: ask for it anew.
-      fd()->notifyOnReadableIs(false);
-      readNotificationSet();
-    }
-    return;
-  }
-  if (!fd()->notifyOnReadable()) readNotificationSet();
-  readNextPdu();
 }
 
 // Sending

@@ -253,11 +253,24 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   void readNotificationSet();
   void writeNotificationSet();
 
+  /// What one read came to; `reason` is null unless it failed, `error` an errno behind it.
+  struct ReadOutcome {
+    TcpPduPamReadReturn::Result result;
+    int error = 0;
+    const char* reason = nullptr;
+    TcpPduPamReadReturn value() const;
+  };
+  void traceOutcome(const ReadOutcome& outcome) const;
+  void traceRead(U16 total, ssize_t count) const;
+  void traceSize(U16 total) const;
+  void tracePdu() const;
+  bool readPdu();
+  ReadOutcome readOnce();
   void startPdu();
   void readOn();
   ssize_t receive(U8* to, U16 length);
   bool receiving() const noexcept { return rxPktHolderShadow_ && !readable(); }
-  void handleReadError(const Kiv::String& reason);
+  void handleReadError(const ReadOutcome& outcome);
 
   bool blocked() const noexcept { return txBlocked_ || txPktHolderShadow_ || !txIov_.empty(); }
   bool sending() const noexcept { return blocked() || !txQueue_.empty(); }
