@@ -36,6 +36,11 @@ void TcpClientSm::connectTimeoutIs(Kiv::Time time) {
   connectTimeout.set(time);
 }
 
+void TcpClientSm::closeTimeoutIs(Kiv::Time time) {
+  checkPositive(time, "TcpClientSm::closeTimeout <= 0 not allowed");
+  closeTimeout.set(time);
+}
+
 void TcpClientSm::enabledIs(bool on) {
   if (on && !enabled()) {
     if (remoteAddr().isUnspecified()) {
@@ -66,7 +71,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
   watchDel();
   deadlineDel();
   const TcpFileDescriptor::PtrConst connecting = std::exchange(socket_, nullptr);
-  put(connection, TcpFileDescriptor::PtrConst());
+  if (entered != State::closing) put(connection, TcpFileDescriptor::PtrConst());
   switch (entered) {
     case State::disabled:
       backoffReset();
@@ -81,6 +86,11 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
       backoffReset();
       put(connects, connects() + 1);
       put(connection, connecting);
+      break;
+    case State::closing:
+      // Where it fails the connection is broken, as its user will find.
+      shutdown(connection()->descriptor(), SHUT_WR);
+      deadlineIs(closeTimeout());
       break;
   }
   return std::nullopt;
@@ -141,12 +151,13 @@ void TcpClientSm::fail(const Kiv::ErrnoException& failure) {
 }
 
 std::ostream& operator<<(std::ostream& out, TcpClientSm::State state) {
-  static constexpr const char* kNames[] = {"disabled", "connecting", "waiting", "connected"};
+  static constexpr const char* kNames[] = {"disabled", "connecting", "waiting", "connected", "closing"};
   return out << kNames[static_cast<std::size_t>(state)];
 }
 
 std::ostream& operator<<(std::ostream& out, TcpClientSm::Event event) {
-  static constexpr const char* kNames[] = {"enable", "disable", "established", "failed", "clock", "lost"};
+  static constexpr const char* kNames[] = {"enable", "disable", "established", "failed",
+                                           "clock",  "lost",    "close"};
   return out << kNames[static_cast<std::size_t>(event)];
 }
 

@@ -20,7 +20,8 @@ namespace Wirl {
 ///                                        v       │          connectionDel()
 ///                                       waiting  <──────────────────────────────── connected
 ///
-///          from everywhere: enabledIs(false) ──> disabled
+///          close() while connected ──> closing ──> disabled
+///          enabledIs(false), and close() elsewhere ──> disabled
 ///
 /// In use:
 ///
@@ -28,23 +29,28 @@ namespace Wirl {
 ///     client->remoteAddrIs(Wirl::IpGenAddr("10.0.0.1"));
 ///     client->remotePortIs(7000);
 ///     Kiv::Reactor onConnection(client->connection, [&] {
-///       if (client->connection()) pam = Wirl::simpleTcpPduPamFactory(client->connection(), factory);
+///       pam = client->connection() ? Wirl::simpleTcpPduPamFactory(client->connection(), factory) : nullptr;
 ///     });
 ///     client->enabledIs(true);
 ///
-/// and when the Pam reports `rxErrorReason` or `txErrorReason`: drop it and call `connectionDel()`.
+/// and when the Pam reports `rxErrorReason` or `txErrorReason`, call `connectionDel()`.
 ///
 /// The machine watches the socket while it is connecting, and no longer: on the connection it is the user who
-/// watches. Both hold the socket, which closes, in order, when the last of them lets go; disabling the machine
-/// thus ends nothing that a user still holds.
+/// watches. Both hold the socket, which closes when the last of them lets go; disabling the machine thus ends
+/// nothing that a user still holds.
+///
+/// To end without losing what is under way in either direction, call `close()`: it tells the peer that no more
+/// comes. When the peer has said all that it has to say it closes too, the user reports that end as ever, by
+/// `connectionDel()`, and the machine is disabled; after `closeTimeout` it is in any case. A socket that is
+/// closed while there is something to read resets the connection, and what the peer has not read yet is lost.
 ///
 /// Nothing is thrown for what the network or the system refuses, be it that the namespace or the interface is
 /// not there (yet): the reason stands in `lastErrorReason`, and the next try comes. A connection to itself,
 /// which TCP permits a client whose own port happens to be the one it calls, counts as refused.
 class KIV_API TcpClientSm final : public TcpSm {
  public:
-  enum class State : Kiv::U8 { disabled, connecting, waiting, connected };
-  enum class Event : Kiv::U8 { enable, disable, established, failed, clock, lost };
+  enum class State : Kiv::U8 { disabled, connecting, waiting, connected, closing };
+  enum class Event : Kiv::U8 { enable, disable, established, failed, clock, lost, close };
 
   KIV_ENTITY(TcpClientSm, TcpSm)
   KIV_ATTR(IpGenAddr, remoteAddr)
@@ -52,8 +58,10 @@ class KIV_API TcpClientSm final : public TcpSm {
   KIV_ATTR(U16, remotePort, 0)
   /// How long one try may take; the system's own limit of some two minutes holds as well.
   KIV_ATTR_READ(Kiv::Time, connectTimeout, std::chrono::seconds(10))
+  /// How long `close()` waits for the peer.
+  KIV_ATTR_READ(Kiv::Time, closeTimeout, std::chrono::seconds(5))
   KIV_ATTR_READ(State, state, State::disabled)
-  /// The connected socket, non-blocking; null unless `connected`.
+  /// The connected socket, non-blocking; null unless `connected` or `closing`.
   KIV_ATTR_READ(TcpFileDescriptor::PtrConst, connection)
   KIV_ATTR_READ(U32, attempts, 0)
   KIV_ATTR_READ(U32, connects, 0)
@@ -64,16 +72,19 @@ class KIV_API TcpClientSm final : public TcpSm {
   explicit TcpClientSm(Kiv::String name, Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory = {});
   ~TcpClientSm() override;
 
-  /// Throws `Kiv::RangeException` for a time that is not above zero.
+  /// Throw `Kiv::RangeException` for a time that is not above zero.
   void connectTimeoutIs(Kiv::Time time);
+  void closeTimeoutIs(Kiv::Time time);
 
   bool enabled() const noexcept { return state() != State::disabled; }
   /// Begins to connect, or ends whatever is under way. Throws `Kiv::RangeException`, and stays disabled, when
   /// there is no remote address or port, or the local address is of the other family.
   void enabledIs(bool on);
-  /// The connection is of no more use: lets go of it and connects again, `backoffMin` from now. Does nothing
-  /// unless `connected`.
+  /// The connection is of no more use: lets go of it and connects again, `backoffMin` from now, or ends when
+  /// `closing`. Does nothing without a connection.
   void connectionDel() { handle(Event::lost); }
+  /// Ends in order; see above. What the user has not given to the socket by then cannot be sent any more.
+  void close() { handle(Event::close); }
 
   /// The machine: what an event leads to, nothing where it is ignored.
   static constexpr std::optional<State> next(State state, Event event) noexcept {
@@ -87,10 +98,16 @@ class KIV_API TcpClientSm final : public TcpSm {
       {State::connecting, Event::failed, State::waiting},
       {State::connecting, Event::clock, State::waiting},
       {State::connecting, Event::disable, State::disabled},
+      {State::connecting, Event::close, State::disabled},
       {State::waiting, Event::clock, State::connecting},
       {State::waiting, Event::disable, State::disabled},
+      {State::waiting, Event::close, State::disabled},
       {State::connected, Event::lost, State::waiting},
       {State::connected, Event::disable, State::disabled},
+      {State::connected, Event::close, State::closing},
+      {State::closing, Event::lost, State::disabled},
+      {State::closing, Event::clock, State::disabled},
+      {State::closing, Event::disable, State::disabled},
   });
 
   void handle(Event event);

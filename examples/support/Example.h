@@ -113,9 +113,10 @@ class CounterTable {
   }
 
  private:
-  static constexpr const char* kColumns[] = {"txPkts",  "txPktCount",    "rxPkts",       "rxPktCount",
-                                             "txDrops", "txErrors",      "txErrno",      "rxErrors",
-                                             "rxDrops", "readableCount", "writableCount"};
+  static constexpr const char* kColumns[] = {"txPkts",     "txPktCount", "txBytes",       "rxPkts",
+                                             "rxPktCount", "rxBytes",    "txDrops",       "txErrors",
+                                             "txErrno",    "rxErrors",   "rxDrops",       "accepted",
+                                             "attempts",   "connects",   "readableCount", "writableCount"};
 
   struct Row final : Kiv::AttrVisitor {
     explicit Row(std::string name) : cells(std::size(kColumns) + 1, "-") { cells[0] = std::move(name); }

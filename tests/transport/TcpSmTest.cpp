@@ -23,7 +23,7 @@ Kiv::ActivityLoop& loop() {
   return Kiv::activityLoop();
 }
 bool soon(const std::function<bool()>& done) {
-  return loop().runUntil(done, 5);
+  return loop().runUntil(done, 10);
 }
 
 /// A server on a port of its own choice, and the connections that it was given.
@@ -93,8 +93,9 @@ TEST(TcpSm, TheMachinesCanBeDisabledAndHaveNoDeadEnd) {
     }
     for (const State state : resting) EXPECT_EQ(next(state, disable), State::disabled);
   };
-  check(TcpClientSm::next, 4, 6, TcpClientSm::Event::disable,
-        std::vector{ClientState::connecting, ClientState::waiting, ClientState::connected});
+  check(TcpClientSm::next, 5, 7, TcpClientSm::Event::disable,
+        std::vector{ClientState::connecting, ClientState::waiting, ClientState::connected,
+                    ClientState::closing});
   check(TcpServerSm::next, 6, 7, TcpServerSm::Event::disable,
         std::vector{ServerState::waiting, ServerState::listening, ServerState::full, ServerState::paused});
 }
@@ -123,6 +124,7 @@ TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
   refuses([&] { sm->backoffMinIs(0s); }, "TcpSm::backoffMin <= 0 not allowed");
   refuses([&] { sm->backoffMaxIs(-1s); }, "TcpSm::backoffMax <= 0 not allowed");
   refuses([&] { sm->connectTimeoutIs(0s); }, "TcpClientSm::connectTimeout <= 0 not allowed");
+  refuses([&] { sm->closeTimeoutIs(0s); }, "TcpClientSm::closeTimeout <= 0 not allowed");
   refuses([&] { server->acceptPauseIs(0s); }, "TcpServerSm::acceptPause <= 0 not allowed");
   EXPECT_FALSE(sm->enabled() || server->enabled());
   EXPECT_EQ(sm->backoffMin(), 500ms);
@@ -288,6 +290,35 @@ TEST(TcpSm, HandsTheSocketOverAndRunsOnOtherLoops) {
   server->enabledIs(false);
   sendAll(accepted[0], "still here");
   EXPECT_TRUE(soon([&] { return registration->readableCount() != 0; }));
+}
+
+TEST(TcpClientSm, ClosesInOrderOrInTime) {
+  const SimulatedTime simulated;
+  Server server;
+  server.open();
+  const auto sm = client(server.sm->listeningPort());
+  for (const bool answered : {true, false}) {
+    sm->close();  // of a disabled one: nothing
+    sm->enabledIs(true);
+    ASSERT_TRUE(connects(sm));
+    const Kiv::Time start = loop().now();
+    sm->close();
+    EXPECT_EQ(sm->state(), ClientState::closing);
+    ASSERT_TRUE(soon([&] { return !server.connections.empty(); }));
+    char octet = 0;
+    EXPECT_EQ(recv(server.connections[0]->descriptor(), &octet, 1, 0), 0);
+    sendAll(server.connections[0], "!");  // can still be said, and read
+    server.connections.clear();
+    EXPECT_EQ(recv(sm->connection()->descriptor(), &octet, 1, 0), 1);
+    if (answered) sm->connectionDel();
+    EXPECT_TRUE(soon([&] { return sm->state() == ClientState::disabled; }));
+    EXPECT_EQ(loop().now() - start, answered ? 0s : 5s);
+    EXPECT_EQ(sm->connection(), nullptr);
+  }
+  sm->remotePortIs(1);
+  sm->enabledIs(true);
+  sm->close();  // without a connection it is over at once
+  EXPECT_EQ(sm->state(), ClientState::disabled);
 }
 
 TEST(TcpServerSm, StopsAtTheLimitAndGoesOnWhenAConnectionCloses) {

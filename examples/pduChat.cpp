@@ -1,0 +1,497 @@
+// SPDX-License-Identifier: Apache-2.0
+// A chat over framed TCP, in any namespace:
+//
+//   pduChat server --vrf red 10.0.0.1 7000
+//   pduChat client --vrf blue --name ann 10.0.0.1 7000        in as many shells as there are people
+//   pduChat client --vrf blue --blast 64 10.0.0.1 7000        or: as many PDUs a second as go
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Wirl/Wirl.h"
+#include "examples/support/Example.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kUsage =
+    "usage: pduChat server [OPTION ...] ADDRESS PORT\n"
+    "       pduChat client [OPTION ...] ADDRESS PORT\n"
+    "  The server passes what one client says on to the others. A client sends the lines of its standard\n"
+    "  input and prints what the others say; it connects again when the server comes back.\n"
+    "  --netns NAME   in the network namespace NAME\n"
+    "  --vrf NAME     in the namespace of the VRF NAME\n"
+    "  --seconds N    ends after N seconds; so does Ctrl-C at any time\n"
+    "  --read-ahead   receives many PDUs with one read\n"
+    "  --queue N      gathers up to N PDUs into one write (default 64)\n"
+    "  --limit N      server: at most N clients at a time, others wait\n"
+    "  --name TEXT    client: who you are, up to 12 octets (default: guest)\n"
+    "  --from ADDRESS client: the address to come from\n"
+    "  --blast BYTES  client: no chat, but PDUs of 20 to 65535 bytes as fast as they go\n";
+
+struct Options {
+  bool server = false;
+  Wirl::NamespaceName netNs{"default"};
+  Wirl::IpGenAddr address;
+  Wirl::IpGenAddr from;
+  Kiv::U16 port = 0;
+  Kiv::U32 seconds = 0;
+  Kiv::U32 queue = 64;
+  Kiv::U32 limit = 1000;
+  Kiv::U16 blast = 0;
+  bool readAhead = false;
+  std::string name = "guest";
+};
+
+template <typename Number>
+bool take(std::string_view word, Number min, Number max, Number& out) {
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), out);
+  return error == std::errc() && end == word.data() + word.size() && out >= min && out <= max;
+}
+
+bool takeAddress(std::string_view word, Wirl::IpGenAddr& out) {
+  const auto address = Wirl::IpGenAddr::fromText(word);
+  out = address.value_or(Wirl::IpGenAddr());
+  return address.has_value();
+}
+
+std::optional<Options> optionsOf(int argc, char** argv) {
+  Options options;
+  if (argc < 4) return std::nullopt;
+  const std::string_view role = argv[1];
+  options.server = role == "server";
+  if (!options.server && role != "client") return std::nullopt;
+  for (int i = 2; i < argc - 2; ++i) {
+    const std::string_view word = argv[i];
+    if (word == "--read-ahead") {
+      options.readAhead = true;
+      continue;
+    }
+    if (i + 1 == argc - 2) return std::nullopt;
+    const std::string_view value = argv[++i];
+    bool good = false;
+    if (word == "--seconds") {
+      good = take(value, 1u, 1000000u, options.seconds);
+    } else if (word == "--queue") {
+      good = take(value, 1u, 100000u, options.queue);
+    } else if (word == "--limit") {
+      good = options.server && take(value, 0u, 1000000u, options.limit);
+    } else if (word == "--blast") {
+      good = !options.server && take<Kiv::U16>(value, 20, 65535, options.blast);
+    } else if (word == "--from") {
+      good = !options.server && takeAddress(value, options.from);
+    } else if (word == "--name") {
+      good = !options.server && !value.empty() && value.size() <= 12;
+      options.name = value;
+    } else if (const auto netNs = example::netNsOf(word, argv[i])) {
+      good = true;
+      options.netNs = *netNs;
+    }
+    if (!good) return std::nullopt;
+  }
+  if (!takeAddress(argv[argc - 2], options.address)) return std::nullopt;
+  if (!take<Kiv::U16>(argv[argc - 1], 1, 65535, options.port)) return std::nullopt;
+  return options;
+}
+
+/// What stands in front of each message. `SimpleTcpPduPam` knows of it where the length is.
+struct ChatHdr {
+  enum Kind : Kiv::U8 { text, blast };
+
+  Kiv::U8 version;
+  Kiv::U8 kind;
+  Wirl::NetU16 length;  // of the PDU, this header included
+  Wirl::NetU32 sequence;
+  std::array<char, 12> sender;  // filled up with zeros
+};
+static_assert(Wirl::isHeaderImage<ChatHdr, Wirl::SimpleTcpPduPam::kHeaderLength>);
+constexpr Kiv::U8 kVersion = 1;
+
+Wirl::Pkt::Ptr pduOf(ChatHdr::Kind kind, const std::string& sender, Kiv::U32 sequence, Kiv::U16 length) {
+  const auto& manager = Wirl::globalPktManager();
+  const Wirl::Pkt::Ptr pkt = length <= Wirl::Pkt::Manager::defaultBufferBytes_
+                                 ? manager->newPkt()
+                                 : manager->newPkt(manager->newSharedBuffer(length));
+  Kiv::U8* const pdu = pkt->newSharedHeadData(length);
+  std::memset(pdu, 0, length);  // nothing of what was in the memory before goes out
+  auto& header = *reinterpret_cast<ChatHdr*>(pdu);
+  header.version = kVersion;
+  header.kind = kind;
+  header.length = length;
+  header.sequence = sequence;
+  std::copy(sender.begin(), sender.end(), header.sender.begin());
+  return pkt;
+}
+
+/// Octets of a peer, fit for a terminal.
+std::string printable(std::string_view text) {
+  std::string result(text.substr(0, text.find('\0')));
+  for (char& octet : result) {
+    if (static_cast<unsigned char>(octet) < 0x20 || octet == 0x7f) octet = '?';
+  }
+  return result;
+}
+
+class Totals : public Kiv::Entity {
+ public:
+  KIV_ENTITY(Totals, Kiv::Entity)
+  KIV_ATTR_COUNTER(Kiv::U64, rxPkts)
+  KIV_ATTR_COUNTER(Kiv::U64, rxBytes)
+  KIV_ATTR_COUNTER(Kiv::U64, rxErrors)  // no messages of this chat, or out of order
+  KIV_ATTR_COUNTER(Kiv::U64, txPkts)
+  KIV_ATTR_COUNTER(Kiv::U64, txBytes)
+  KIV_ATTR_COUNTER(Kiv::U64, txDrops)  // for peers that do not keep up
+  using Entity::Entity;
+};
+
+/// Prints what a second brought, as long as it brought anything.
+class Rate {
+ public:
+  explicit Rate(const Totals& totals) : totals_(totals) { clock_->timeMinIs(clock_->loop().now() + 1s); }
+
+ private:
+  void tick() {
+    const Kiv::Time now = clock_->loop().now();
+    const double seconds = std::chrono::duration<double>(now - then_).count();
+    const auto line = [seconds](const char* way, Kiv::U64 pdus, Kiv::U64 bytes) {
+      if (pdus < 100) return;  // people
+      std::printf("%s %10.0f PDUs/s %9.2f MB/s\n", way, static_cast<double>(pdus) / seconds,
+                  static_cast<double>(bytes) / seconds / 1e6);
+      std::fflush(stdout);
+    };
+    line("sent    ", totals_.txPkts() - tx_, totals_.txBytes() - txBytes_);
+    line("received", totals_.rxPkts() - rx_, totals_.rxBytes() - rxBytes_);
+    then_ = now;
+    rx_ = totals_.rxPkts();
+    rxBytes_ = totals_.rxBytes();
+    tx_ = totals_.txPkts();
+    txBytes_ = totals_.txBytes();
+    clock_->timeMinIs(now + 1s);
+  }
+
+  const Totals& totals_;
+  const Kiv::Ptr<Kiv::Clock> clock_ = Kiv::makePtr<Kiv::Clock>("rate");
+  const Kiv::Reactor onClock_{clock_->expiredCount, [this] { tick(); }};
+  Kiv::Time then_ = clock_->loop().now();
+  Kiv::U64 rx_ = 0, rxBytes_ = 0, tx_ = 0, txBytes_ = 0;
+};
+
+/// One connection, at either end: PDUs in and out, counted, and the end of it told.
+class Chatter {
+ public:
+  Chatter(const Wirl::TcpFileDescriptor::PtrConst& connection, const Options& options, Totals& totals,
+          std::function<void(const Wirl::Pkt::Ptr&)> onPdu, std::function<void(const Kiv::String&)> onEnd)
+      : totals_(totals),
+        pam_(Wirl::simpleTcpPduPamFactory(connection,
+                                          Wirl::tcpFileDescriptorEventRegistrationFactoryKivcFactory())),
+        onReadable_(pam_->readableCount, [this, onPdu] { receive(onPdu); }),
+        onRxError_(pam_->rxErrorReason, [this, onEnd] { onEnd(pam_->rxErrorReason()); }),
+        onTxError_(pam_->txErrorReason, [this, onEnd] { onEnd(pam_->txErrorReason()); }) {
+    pam_->maxPduLengthIs(65535);
+    pam_->readAheadIs(options.readAhead);
+    pam_->txQueueLimitIs(options.queue);
+    pam_->enableModeIs(Wirl::tcpEnableModeReadWrite);
+  }
+
+  Wirl::SimpleTcpPduPam& pam() const noexcept { return *pam_; }
+  bool send(const Wirl::Pkt::Ptr& pdu) {
+    if (!pam_->writable()) return false;
+    totals_.txPktsInc(1);
+    totals_.txBytesInc(pdu->bytes());
+    pam_->txPktIs(pdu);
+    return true;
+  }
+
+ private:
+  void receive(const std::function<void(const Wirl::Pkt::Ptr&)>& onPdu) {
+    while (const Wirl::Pkt::Ptr pdu = pam_->rxPkt()) {
+      const auto& header = *reinterpret_cast<const ChatHdr*>(pdu->front());
+      totals_.rxPktsInc(1);
+      totals_.rxBytesInc(pdu->bytes());
+      const bool inOrder = header.kind != ChatHdr::blast || header.sequence.value() == expected_++;
+      if (header.version != kVersion || !inOrder) totals_.rxErrorsInc(1);
+      if (header.version == kVersion && header.kind == ChatHdr::text) onPdu(pdu);
+    }
+  }
+
+  Totals& totals_;
+  Kiv::U32 expected_ = 0;
+  const Kiv::Ptr<Wirl::SimpleTcpPduPam> pam_;
+  const Kiv::Reactor onReadable_;
+  const Kiv::Reactor onRxError_;
+  const Kiv::Reactor onTxError_;
+};
+
+/// "10.0.0.2 port 4000".
+std::string text(const Wirl::IpGenAddr& address, Kiv::U16 port) {
+  return std::string(address.stringValue()) + " port " + std::to_string(port);
+}
+
+/// Ends the loop after the time that was asked for, or on Ctrl-C.
+void run(const Options& options) {
+  const example::StopOnSignal signals;
+  if (options.seconds > 0) {
+    Kiv::activityLoop().runFor(options.seconds);
+  } else {
+    Kiv::activityLoop().run();
+  }
+}
+
+void printCounters(const Totals& totals, const Kiv::Entity& sm) {
+  example::CounterTable counters;
+  counters.add(totals);
+  counters.add(sm);
+  counters.print();
+}
+
+// The server
+// --------------------------------------------------------------------------------------------------
+
+class ChatServer {
+ public:
+  explicit ChatServer(const Options& options) : options_(options) {
+    sm_->localAddrIs(options.address);
+    sm_->localPortIs(options.port);
+    sm_->netNsIs(options.netNs);
+    sm_->maxConnectionsIs(options.limit);
+    sm_->enabledIs(true);
+  }
+  int work() {
+    if (sm_->lastError() != 0) {
+      std::fprintf(stderr, "pduChat: %s\n", sm_->lastErrorReason().c_str());
+      return 1;
+    }
+    std::printf("serving at %s; Ctrl-C ends\n", text(options_.address, options_.port).c_str());
+    std::fflush(stdout);
+    run(options_);
+    printCounters(*totals_, *sm_);
+    return 0;
+  }
+
+ private:
+  struct Peer {
+    std::string name;
+    std::optional<Chatter> chatter;
+    bool gone = false;
+  };
+
+  void accept() {
+    while (const auto connection = sm_->accept()) {
+      Peer& peer = peers_.emplace_back();
+      peer.name = text(connection->peerAddr(), connection->peerPort());
+      std::printf("%s came, %u here\n", peer.name.c_str(), sm_->openConnections());
+      std::fflush(stdout);
+      peer.chatter.emplace(
+          connection, options_, *totals_, [this, &peer](const auto& pdu) { passOn(peer, pdu); },
+          [this, &peer](const auto& reason) { end(peer, reason); });
+    }
+  }
+  void passOn(const Peer& from, const Wirl::Pkt::Ptr& pdu) {
+    for (Peer& peer : peers_) {
+      if (&peer == &from || peer.gone || !peer.chatter) continue;
+      if (!peer.chatter->send(pdu)) totals_->txDropsInc(1);
+    }
+  }
+  /// Comes from a peer's own Pam, also in the midst of passing on: it is put away when all that is over.
+  void end(Peer& peer, const Kiv::String& reason) {
+    if (peer.gone) return;
+    peer.gone = true;
+    std::printf("%s went: %s\n", peer.name.c_str(), reason.c_str());
+    std::fflush(stdout);
+    sweep_->timeMinIs(Kiv::activityLoop().now());
+  }
+
+  const Options& options_;
+  const Kiv::Ptr<Totals> totals_ = Kiv::makePtr<Totals>("PDUs");
+  const Kiv::Ptr<Wirl::TcpServerSm> sm_ = Wirl::tcpServerSmFactory("server");
+  const Kiv::Ptr<Kiv::Clock> sweep_ = Kiv::makePtr<Kiv::Clock>("sweep");
+  std::list<Peer> peers_;
+  const Kiv::Reactor onReadable_{sm_->readableCount, [this] { accept(); }};
+  const Kiv::Reactor onSweep_{sweep_->expiredCount,
+                              [this] { peers_.remove_if([](const Peer& peer) { return peer.gone; }); }};
+  const Rate rate_{*totals_};
+};
+
+// The client
+// --------------------------------------------------------------------------------------------------
+
+/// Lines of standard input, read while they are wanted.
+class Input {
+ public:
+  explicit Input(std::function<void()> onInput) : onInput_(std::move(onInput)) {
+    fd_->notifyOnReadableIs(false);
+    try {
+      fd_->descriptorIs(STDIN_FILENO);
+    } catch (const Kiv::ErrnoException&) {
+      pollable_ = false;  // a file: readable at any time
+    }
+  }
+  void wantedIs(bool wanted) {
+    wanted_ = wanted && !ended_;
+    if (pollable_) {
+      fd_->notifyOnReadableIs(wanted_);
+    } else {
+      clock_->timeMinIs(wanted_ ? Kiv::activityLoop().now() : Kiv::timeInfinite);
+    }
+  }
+  /// The next whole line, or piece of one that is too long.
+  std::optional<std::string> line() {
+    const std::size_t end = text_.find('\n');
+    const bool whole = end != std::string::npos && end <= kLongest;
+    if (!whole && text_.size() <= kLongest && !(ended_ && !text_.empty())) return std::nullopt;
+    std::string result = text_.substr(0, whole ? end : kLongest);
+    text_.erase(0, result.size() + (whole ? 1 : 0));
+    return result;
+  }
+  /// Whether there is no more, nor will be.
+  bool over() const noexcept { return ended_ && text_.empty(); }
+
+ private:
+  static constexpr std::size_t kLongest = 1000;
+
+  void read() {
+    if (!wanted_) return;
+    std::array<char, 1000> piece;
+    const ssize_t size = ::read(STDIN_FILENO, piece.data(), piece.size());
+    if (size > 0) text_.append(piece.data(), static_cast<std::size_t>(size));
+    if (size == 0 || (size < 0 && errno != EINTR && errno != EAGAIN)) ended_ = true;
+    wantedIs(true);
+    onInput_();
+  }
+
+  const std::function<void()> onInput_;
+  const Kiv::Ptr<Kiv::FileDescriptor> fd_ = Kiv::makePtr<Kiv::FileDescriptor>("stdin");
+  const Kiv::Ptr<Kiv::Clock> clock_ = Kiv::makePtr<Kiv::Clock>("stdin");
+  const Kiv::Reactor onReadable_{fd_->readableCount, [this] { read(); }};
+  const Kiv::Reactor onClock_{clock_->expiredCount, [this] { read(); }};
+  bool pollable_ = true;
+  bool wanted_ = false;
+  bool ended_ = false;
+  std::string text_;
+};
+
+class ChatClient {
+ public:
+  explicit ChatClient(const Options& options) : options_(options) {
+    sm_->remoteAddrIs(options.address);
+    sm_->remotePortIs(options.port);
+    sm_->localAddrIs(options.from);
+    sm_->netNsIs(options.netNs);
+    sm_->backoffMaxIs(5s);
+  }
+  int work() {
+    sm_->enabledIs(true);
+    run(options_);
+    sm_->enabledIs(false);
+    printCounters(*totals_, *sm_);
+    return totals_->rxErrors() == 0 ? 0 : 1;
+  }
+
+ private:
+  void connectionChanged() {
+    onWritable_.drop();
+    chatter_.reset();
+    input_.wantedIs(false);
+    if (!sm_->connection()) return;
+    std::printf("connected to %s\n", text(options_.address, options_.port).c_str());
+    std::fflush(stdout);
+    sequence_ = 0;
+    chatter_.emplace(
+        sm_->connection(), options_, *totals_,
+        [](const Wirl::Pkt::Ptr& pdu) {
+          const auto& header = *reinterpret_cast<const ChatHdr*>(pdu->front());
+          const std::string_view said(reinterpret_cast<const char*>(pdu->front()) + sizeof(header),
+                                      pdu->bytes() - sizeof(header));
+          std::printf("<%s> %s\n", printable({header.sender.data(), header.sender.size()}).c_str(),
+                      printable(said).c_str());
+          std::fflush(stdout);
+        },
+        [this](const Kiv::String& reason) {
+          if (lost_->timeMin() != Kiv::timeInfinite) return;
+          if (sm_->state() == Wirl::TcpClientSm::State::connected) {
+            std::printf("connection lost: %s\n", reason.c_str());
+            std::fflush(stdout);
+          }
+          lost_->timeMinIs(Kiv::activityLoop().now());
+        });
+    onWritable_ = Kiv::Reactor(chatter_->pam().writableCount, [this] { say(); });
+    say();
+  }
+  /// Sends what there is to send and the connection takes.
+  void say() {
+    if (!chatter_) return;
+    if (options_.blast > 0) {
+      blast();
+      return;
+    }
+    while (chatter_->pam().writable()) {
+      const std::optional<std::string> line = input_.line();
+      if (!line) break;
+      const auto pdu = pduOf(ChatHdr::text, options_.name, sequence_++,
+                             static_cast<Kiv::U16>(sizeof(ChatHdr) + line->size()));
+      std::copy(line->begin(), line->end(), pdu->front() + sizeof(ChatHdr));
+      chatter_->send(pdu);
+    }
+    input_.wantedIs(chatter_->pam().writable());
+    if (!input_.over()) return;
+    chatter_->pam().txFlush();
+    if (chatter_->pam().txQueued() == 0) {
+      sm_->close();
+    } else {
+      turn_->timeMinIs(Kiv::activityLoop().now() + 10ms);
+    }
+  }
+  /// A turn's worth; others of the loop have theirs in between.
+  void blast() {
+    for (int i = 0; i < 256 && chatter_->pam().writable(); ++i) {
+      chatter_->send(pduOf(ChatHdr::blast, options_.name, sequence_++, options_.blast));
+    }
+    chatter_->pam().txFlush();
+    if (chatter_->pam().writable()) turn_->timeMinIs(Kiv::activityLoop().now());
+  }
+
+  const Options& options_;
+  const Kiv::Ptr<Totals> totals_ = Kiv::makePtr<Totals>("PDUs");
+  const Kiv::Ptr<Wirl::TcpClientSm> sm_ = Wirl::tcpClientSmFactory("client");
+  const Kiv::Ptr<Kiv::Clock> turn_ = Kiv::makePtr<Kiv::Clock>("turn");
+  const Kiv::Ptr<Kiv::Clock> lost_ = Kiv::makePtr<Kiv::Clock>("lost");
+  Input input_{[this] { say(); }};
+  Kiv::U32 sequence_ = 0;
+  std::optional<Chatter> chatter_;
+  Kiv::Reactor onWritable_;
+  const Kiv::Reactor onConnection_{sm_->connection, [this] { connectionChanged(); }};
+  const Kiv::Reactor onState_{sm_->state, [this] {
+                                if (!sm_->enabled()) Kiv::activityLoop().stop();
+                              }};
+  const Kiv::Reactor onLost_{lost_->expiredCount, [this] { sm_->connectionDel(); }};
+  const Kiv::Reactor onTurn_{turn_->expiredCount, [this] { say(); }};
+  const Kiv::Reactor onFailure_{sm_->failures, [this] {
+                                  std::printf("%s; trying again\n", sm_->lastErrorReason().c_str());
+                                  std::fflush(stdout);
+                                }};
+  const Rate rate_{*totals_};
+};
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  const std::optional<Options> options = optionsOf(argc, argv);
+  if (!options) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  return options->server ? ChatServer(*options).work() : ChatClient(*options).work();
+} catch (const Kiv::Exception& failure) {
+  std::fprintf(stderr, "pduChat: %s\n", failure.what());
+  return 1;
+}
