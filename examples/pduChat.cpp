@@ -205,6 +205,7 @@ class Chatter {
 
   Wirl::SimpleTcpPduPam& pam() const noexcept { return *pam_; }
   bool send(const Wirl::Pkt::Ptr& pdu) {
+    if (!pam_->writable()) pam_->txFlush();  // the queue is full; the socket may not be
     if (!pam_->writable()) return false;
     totals_.txPktsInc(1);
     totals_.txBytesInc(pdu->bytes());
@@ -329,9 +330,9 @@ class ChatServer {
 class Input {
  public:
   explicit Input(std::function<void()> onInput) : onInput_(std::move(onInput)) {
-    fd_->notifyOnReadableIs(false);
     try {
       fd_->descriptorIs(STDIN_FILENO);
+      fd_->notifyOnReadableIs(false);
     } catch (const Kiv::ErrnoException&) {
       pollable_ = false;  // a file: readable at any time
     }
@@ -392,7 +393,10 @@ class ChatClient {
   int work() {
     sm_->enabledIs(true);
     run(options_);
-    sm_->enabledIs(false);
+    // In order: what is queued is sent, and the server has it all before the connection goes.
+    finishing_ = true;
+    say();
+    Kiv::activityLoop().runUntil([this] { return !sm_->enabled(); }, 6);
     printCounters(*totals_, *sm_);
     return totals_->rxErrors() == 0 ? 0 : 1;
   }
@@ -429,11 +433,18 @@ class ChatClient {
   }
   /// Sends what there is to send and the connection takes.
   void say() {
-    if (!chatter_) return;
-    if (options_.blast > 0) {
+    if (sm_->state() == Wirl::TcpClientSm::State::closing) return;
+    if (!chatter_) {
+      if (finishing_) sm_->close();
+    } else if (finishing_ || input_.over()) {
+      finish();
+    } else if (options_.blast > 0) {
       blast();
-      return;
+    } else {
+      sayLines();
     }
+  }
+  void sayLines() {
     while (chatter_->pam().writable()) {
       const std::optional<std::string> line = input_.line();
       if (!line) break;
@@ -443,7 +454,9 @@ class ChatClient {
       chatter_->send(pdu);
     }
     input_.wantedIs(chatter_->pam().writable());
-    if (!input_.over()) return;
+    if (input_.over()) finish();
+  }
+  void finish() {
     chatter_->pam().txFlush();
     if (chatter_->pam().txQueued() == 0) {
       sm_->close();
@@ -467,6 +480,7 @@ class ChatClient {
   const Kiv::Ptr<Kiv::Clock> lost_ = Kiv::makePtr<Kiv::Clock>("lost");
   Input input_{[this] { say(); }};
   Kiv::U32 sequence_ = 0;
+  bool finishing_ = false;
   std::optional<Chatter> chatter_;
   Kiv::Reactor onWritable_;
   const Kiv::Reactor onConnection_{sm_->connection, [this] { connectionChanged(); }};
