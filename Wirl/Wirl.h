@@ -44,6 +44,7 @@
 #include "Wirl/transport/TcpKeepaliveOptions.h"
 #include "Wirl/transport/TcpPduPam.h"
 #include "Wirl/transport/TcpServerSm.h"
+#include "Wirl/transport/TcpSm.h"
 #include "Wirl/transport/UdpPam.h"
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/EthAddr.h"
