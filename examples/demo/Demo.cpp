@@ -104,6 +104,16 @@ void Agent::Report::counters(const Kiv::Entity& entity) const {
   tell(table.lines());
 }
 
+bool Agent::Report::become(std::vector<std::string> words) const {
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  dup2(pipe_, STDOUT_FILENO);
+  execv(arguments[0], arguments.data());
+  say("cannot run %s: %s", arguments[0], std::strerror(errno));
+  return false;
+}
+
 void Agent::Report::tell(const std::string& text) const {
   if (write(pipe_, text.data(), text.size()) < 0) _exit(1);
 }

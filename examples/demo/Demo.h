@@ -7,7 +7,9 @@
 
 #include <csignal>
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "Wirl/Wirl.h"
 #include "examples/support/Example.h"
@@ -39,6 +41,8 @@ class Agent {
     explicit Report(int pipe) : pipe_(pipe) {}
     void ready() const { tell("ready\n"); }
     void counters(const Kiv::Entity& entity) const;
+    /// Turns into another program, ready once it prints a line. Returns, with false, only if it cannot.
+    bool become(std::vector<std::string> words) const;
 
    private:
     void tell(const std::string& text) const;
@@ -59,6 +63,24 @@ class Agent {
  private:
   pid_t pid_ = -1;
   int pipe_ = -1;
+};
+
+/// All that goes over the wire while it lives, captured by the example program frameTap.
+class Capture {
+ public:
+  Capture();
+  ~Capture();
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+
+  /// Ends it and shows what frameReport says of it; whether both did their work.
+  bool report();
+
+ private:
+  std::string fileName() const;
+
+  int file_ = -1;
+  std::optional<Agent> tap_;
 };
 
 // The parts, in the order of the demo: each says what it does, adds its agents' counters and returns whether all

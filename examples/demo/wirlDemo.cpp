@@ -19,9 +19,11 @@ int run() {
 
   const demo::World world;
   demo::say("made the namespaces ns-red and ns-blue, joined by red0 and blue0");
+  demo::Capture capture;
   example::CounterTable counters;
   bool good = true;
   for (const auto part : kParts) good = demo::interrupted == 0 && part(counters) && good;
+  good = demo::interrupted == 0 && capture.report() && good;
   demo::say("\ncounters");
   counters.print();
   std::fflush(stdout);

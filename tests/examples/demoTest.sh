@@ -26,6 +26,10 @@ expect "status 2 for words" [ $? = 2 ]
 expect "status 0" [ $? = 0 ]
 expect "all of it worked" grep -q "all of it worked" "$output"
 expect "nothing left" nothing_left
+if [ -x "$1/frameReport" ]; then
+  expect "its frames checked" grep -Eq "^noError +IPv6 Icmpv6 +[1-9]" "$output"
+  expect "no frame bad" [ -z "$(grep -E '^(bad|non|pkt|icmp6)' "$output")" ]
+fi
 
 # Ctrl-C while it sets up, while agents start and while they work: it ends at once and in order.
 for hundredths in 0 1 2 4 8 12 16 20 30 40; do
