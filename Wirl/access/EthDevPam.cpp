@@ -57,11 +57,6 @@ EthDevPam::~EthDevPam() = default;
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
-void EthDevPam::enabledIsImpl(bool on) {
-  if (!on) collectDrops();  // the kernel's count goes with the socket
-  PacketPam::enabledIsImpl(on);
-}
-
 /// The socket belongs to no protocol before it is bound, so that it receives nothing that it should not.
 void EthDevPam::configure() {
   ifreq device{};
@@ -169,23 +164,13 @@ void EthDevPam::checkSocketReadLimit() {
 
 void EthDevPam::doGetRxPkt() {
   if (fd() < 0) return;
-  const U32 room = std::min(maxRxPktData(), kMaxFrame);
-  Pkt::Ptr pkt = detail::rxPktFrom(spare_, room);
-  if (!pkt) return;
-  detail::RxSide side;
-  iovec piece = {pkt->front(), room};
   msghdr message;
-  side.prepare(message, piece);
-  const ssize_t received = recvmsg(fd(), &message, MSG_DONTWAIT);
-  if (received < 0) {
-    const int error = errno;
-    spare_ = std::move(pkt);
-    if (error != EAGAIN) receiveFailed("recvmsg", error);
+  detail::RxSide side;
+  Pkt::Ptr pkt = detail::receivePkt(spare_, fd(), std::min(maxRxPktData(), kMaxFrame), message, side);
+  if (!pkt) {
+    if (errno != 0 && errno != EAGAIN) receiveFailed("recvmsg", errno);
     return;
   }
-  pkt->delSharedTailData(room - static_cast<U32>(received));
-  // Buffers of that size are not recycled by others.
-  if (room > Pkt::Manager::defaultBufferBytes_) spare_ = pkt;
   publish(metadataOf(message, side, pkt.get()));
   rxPktCountInc(1);
   rxPktHolderIs(std::move(pkt));
@@ -227,29 +212,6 @@ void EthDevPam::publish(const EthRxMetadata& metadata) {
   rxPktTypeIs(metadata.pktType);
   rxFrameBytesIs(metadata.frameBytes);
   KIV_TRACE(trace, 8) << "Received frame of size " << metadata.frameBytes << " type " << metadata.pktType;
-}
-
-// The kernel's count
-// -----------------------------------------------------------------------------------------
-
-/// Reading the kernel's count clears it.
-void EthDevPam::collectDrops() const {
-  tpacket_stats counts{};
-  socklen_t length = sizeof(counts);
-  if (fd() < 0 || getsockopt(fd(), SOL_PACKET, PACKET_STATISTICS, &counts, &length) < 0) return;
-  if (counts.tp_drops == 0) return;
-  // What changes is where the sum is kept, not the sum.
-  const_cast<EthDevPam*>(this)->Pam::rxDropsIs(Pam::rxDrops() + counts.tp_drops);
-}
-
-U32 EthDevPam::rxDrops() const {
-  collectDrops();
-  return Pam::rxDrops();
-}
-
-void EthDevPam::rxDropsIs(U32 value) {
-  collectDrops();
-  Pam::rxDropsIs(value);
 }
 
 Kiv::Ptr<EthDevPam> ethDevPamFactory(Kiv::String name, Kiv::String devName, const NamespaceName& netNs) {

@@ -36,8 +36,7 @@ struct EthRxMetadata {
 /// Receiving: `rxPkt` gives one frame; `rxPktBulk` up to `socketReadLimit` with one system call, in the slots
 /// of `savedPacket` that `savedPacketRx` marks, the first ones. A packet of a batch may be kept: its slot
 /// gets another one for the next batch. A failed receive counts in `rxErrors`; an empty socket does so in
-/// bulk only. `rxDrops` is the kernel's count of frames for which the socket had no room, since the Pam was
-/// made.
+/// bulk only. `rxDrops` is the kernel's count of frames for which the socket had no room.
 ///
 /// When the device goes down, receiving fails once (ENETDOWN) and goes on by itself when it is up again. When
 /// it disappears, sends fail (ENXIO) and nothing is received until the Pam is disabled and enabled again.
@@ -74,15 +73,11 @@ class KIV_API EthDevPam final : public PacketPam {
   /// Of the frame in slot `index` of the latest batch; all 0 for a slot without one.
   EthRxMetadata rxMetadata(U16 index) const;
 
-  U32 rxDrops() const override;
-  void rxDropsIs(U32 value) override;
-
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
   void configure() override;
   void doGetRxPkt() override;
   S32 doGetBulkRxPkt() override;
-  void enabledIsImpl(bool on) override;
 
  private:
   void handlePromiscuous();
@@ -91,7 +86,6 @@ class KIV_API EthDevPam final : public PacketPam {
   void checkSocketReadLimit();
   void membershipIs(U16 type, bool join, const char* text);
   void bindToDevice();
-  void collectDrops() const;
   void receiveFailed(const char* call, int error);
   void publish(const EthRxMetadata& metadata);
 

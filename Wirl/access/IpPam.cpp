@@ -20,7 +20,7 @@ Kiv::TraceHandle trace("IpPam");
 }  // namespace
 
 IpPam::IpPam(Kiv::String name, IpProtocolNumber protocolNumber, const NamespaceName& ns)
-    : Pam(std::move(name)), protocol(protocolNumber), netNs(ns) {}
+    : SocketPam(std::move(name), close), protocol(protocolNumber), netNs(ns) {}
 
 IpPam::~IpPam() = default;
 
@@ -72,13 +72,13 @@ void IpPam::enableBulkReadIs(bool on) {
 
 Kiv::Ptr<Kiv::FileDescriptor> IpPam::fileDescIs(Kiv::String name) {
   auto made = Kiv::makePtr<Kiv::FileDescriptor>(std::move(name));
-  fileDesc.set(made);
+  SocketPam::fileDescIs(made);
   return made;
 }
 
 Kiv::Ptr<Kiv::FileDescriptor> IpPam::fileDescDel() {
   Kiv::Ptr<Kiv::FileDescriptor> former = fileDesc();
-  fileDesc.set(nullptr);
+  SocketPam::fileDescIs(nullptr);
   return former;
 }
 
@@ -115,7 +115,7 @@ void IpPam::doAttachBpfFilter(S32 socket) {
   }
   if (detail::attachFilter(socket, rxFilter()) == 0) return;
   const int error = errno;
-  if (fileDesc() && fileDesc()->descriptor() == socket) fileDesc()->descriptorIs(-1);
+  if (socket >= 0 && socket == fd()) closeAndThrow(error, "setsockopt(SO_ATTACH_FILTER)");
   if (socket >= 0) close(socket);
   throw Kiv::ErrnoException(error, "setsockopt(SO_ATTACH_FILTER)");
 }

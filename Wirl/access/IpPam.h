@@ -3,17 +3,14 @@
 
 #include <utility>
 
-#include "Kiv/FileDescriptor.h"
 #include "Wirl/access/IpFilter.h"
 #include "Wirl/access/IpSocketOptions.h"
 #include "Wirl/access/IpTrafficControl.h"
-#include "Wirl/access/Pam.h"
-#include "Wirl/access/PamFdSm.h"
+#include "Wirl/access/SocketPam.h"
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/value/IpDscp.h"
 #include "Wirl/value/IpGenAddr.h"
 #include "Wirl/value/IpTtl.h"
-#include "Wirl/value/NamespaceName.h"
 
 namespace Wirl {
 
@@ -35,9 +32,9 @@ using Kiv::U64;
 ///
 /// `socketReadLimitIs` and `priorityIs` store a value before they look at its range: one that is refused with
 /// an exception is stored all the same, and neither hook nor reactors have run.
-class KIV_API IpPam : public Pam {
+class KIV_API IpPam : public SocketPam {
  public:
-  KIV_ENTITY(IpPam, Pam)
+  KIV_ENTITY(IpPam, SocketPam)
   KIV_ATTR_READ(IpProtocolNumber, protocol)
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR_READ(IpSocketOptions, options)
@@ -64,8 +61,8 @@ class KIV_API IpPam : public Pam {
   KIV_ATTR_HOOK(U8, socketReadLimit, maxSocketReadLimit, checkSocketReadLimit)
   KIV_ATTR_HOOK(U32, priority, tcPrioBestEffort, checkPriority)
   KIV_ATTR_COUNTER(U64, rxPktCount)
-  KIV_ATTR_READ(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
-  KIV_ATTR_READ(Kiv::Ptr<PamFdSm>, fdSm)
+  KIV_ATTR_DERIVED(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
+  KIV_ATTR_DERIVED(Kiv::Ptr<PamFdSm>, fdSm)
 
   static constexpr U8 maxSocketReadLimit = 128;
   static constexpr U32 maxPriority = 15;
@@ -115,10 +112,6 @@ class KIV_API IpPam : public Pam {
   void doDetachBpfFilter();
 
  protected:
-  /// -1 without a socket.
-  S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
-  void fileDescIs(const Kiv::Ptr<Kiv::FileDescriptor>& made) { fileDesc.set(made); }
-  void fdSmIs(const Kiv::Ptr<PamFdSm>& sm) { fdSm.set(sm); }
   /// `enabledIs` of a derived class: stores the value if it differs, runs `hook`, notifies.
   template <std::invocable Hook>
   void enabledIsWith(bool on, Hook hook) {

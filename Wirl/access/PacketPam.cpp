@@ -7,12 +7,10 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "Kiv/ActivityLoop.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Wirl/access/deferClose.h"
-#include "Wirl/access/socketAt.h"
 
 namespace Wirl {
 
@@ -57,75 +55,22 @@ class FramePieces {
 
 }  // namespace
 
-PacketPam::PacketPam(Kiv::String name, const NamespaceName& ns) : Pam(std::move(name)), netNs(ns) {}
+PacketPam::PacketPam(Kiv::String name, const NamespaceName& ns)
+    : SocketPam(std::move(name), deferClose), netNs(ns) {}
 
 PacketPam::~PacketPam() {
-  doDelSocket();
+  closeSocket();
 }
 
 void PacketPam::enabledIsImpl(bool on) {
   if (!enabled.store(on)) return;
-  Kiv::detail::hookAndNotify(this, enabled.notifiees(), [this] {
-    if (enabled()) {
-      open();
-    } else {
-      doDelSocket();
-    }
-  });
-}
-
-/// Opens the socket; where that fails there is none, and `enabled` says so.
-void PacketPam::open() {
-  try {
-    Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
-    const int socket = socketAt(AF_PACKET, SOCK_RAW, 0, netNs());
-    if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
-    const auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());
-    // Nothing is watched before the socket is set up, so that no event precedes the first count.
-    opened->notifyOnReadableIs(false);
-    try {
-      opened->descriptorIs(socket);
-    } catch (...) {
-      deferClose(socket);
-      throw;
-    }
-    KIV_TRACE(trace, 5) << name() << ": socket fd is " << socket;
-    // What is notified of in here, the first counts above all, runs the clients' reactors, which may have
-    // closed or reopened the Pam by the time that they return.
-    fileDesc.set(opened);
-    if (fileDesc() != opened) return;
-    opened->nonBlockingIs(true);
-    configure();
-    if (fileDesc() != opened) return;
-    const Kiv::Ptr<PamFdSm> sm = newFdSm(opened);
-    if (fileDesc() == opened) fdSm.set(sm);
-  } catch (...) {
-    doDelSocket();
-    enabled.set(false);
-    throw;
-  }
-}
-
-void PacketPam::doDelSocket() noexcept {
-  fdSm.set(nullptr);
-  const Kiv::Ptr<Kiv::FileDescriptor> closing = fileDesc();
-  fileDesc.set(nullptr);
-  if (!closing) return;
-  const int socket = closing->descriptor();
-  closing->descriptorIs(-1);
-  if (socket >= 0) deferClose(socket);
-}
-
-void PacketPam::closeAndThrow(int error, const char* text) {
-  const int socket = fd();
-  fileDesc()->descriptorIs(-1);
-  deferClose(socket);
-  KIV_TRACE(trace, 0) << name() << ": " << text << " failed, errno: " << error;
-  throw Kiv::ErrnoException(error, text);
-}
-
-void PacketPam::setOption(int level, int option, const void* value, unsigned length, const char* text) {
-  if (setsockopt(fd(), level, option, value, length) < 0) closeAndThrow(errno, text);
+  const auto open = [this] {
+    openSocket(
+        AF_PACKET, 0, netNs(), [this] { configure(); },
+        [this](const Kiv::Ptr<Kiv::FileDescriptor>& opened) { return newFdSm(opened); });
+  };
+  Kiv::detail::hookAndNotify(this, enabled.notifiees(),
+                             [&] { reopen(on, open, [this] { enabled.set(false); }); });
 }
 
 Kiv::Ptr<PamFdSm> PacketPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {

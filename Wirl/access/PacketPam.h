@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "Kiv/FileDescriptor.h"
-#include "Wirl/access/Pam.h"
-#include "Wirl/access/PamFdSm.h"
-#include "Wirl/value/NamespaceName.h"
+#include "Wirl/access/SocketPam.h"
 
 struct sockaddr_ll;
 
@@ -23,14 +20,14 @@ using Kiv::U64;
 /// finds the socket full counts in `txDrops`, any other failure in `txErrors`, with `txErrno` in both cases;
 /// so does, before any system call, a send while disabled (EBADF) and one of a tag without two addresses in
 /// front (EINVAL). An interface that is down or gone shows in these counters, and nowhere else.
-class KIV_API PacketPam : public Pam {
+class KIV_API PacketPam : public SocketPam {
  public:
-  KIV_ENTITY(PacketPam, Pam)
+  KIV_ENTITY(PacketPam, SocketPam)
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR_READ(bool, enabled, false)
   KIV_ATTR_COUNTER(U64, txPktCount)
-  KIV_ATTR_READ(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
-  KIV_ATTR_READ(Kiv::Ptr<PamFdSm>, fdSm)
+  KIV_ATTR_DERIVED(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
+  KIV_ATTR_DERIVED(Kiv::Ptr<PamFdSm>, fdSm)
 
   ~PacketPam() override;
 
@@ -46,18 +43,10 @@ class KIV_API PacketPam : public Pam {
   virtual Kiv::Ptr<PamFdSm> newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd);
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
 
-  /// -1 without a socket.
-  S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
-  void doDelSocket() noexcept;
-  void setOption(int level, int option, const void* value, unsigned length, const char* text);
-  [[noreturn]] void closeAndThrow(int error, const char* text);
   /// Counts what is not sent, for the reason that `error` names.
   void refuse(int error);
   /// Sends on the interface that the socket is bound to, or `to`.
   void sendFrame(const Pkt& pkt, const sockaddr_ll* to);
-
- private:
-  void open();
 };
 
 }  // namespace Wirl

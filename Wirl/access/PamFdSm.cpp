@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/PamFdSm.h"
 
+#include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/ReqResponseRawTxPam.h"
 
 namespace Wirl {
 
@@ -12,6 +14,7 @@ Kiv::TraceHandle reqResponseTrace("ReqResponsePamFdSm");
 }  // namespace
 
 PamFdSm::PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) : fileDesc_(fd), pam_(pam) {
+  const Kiv::Ptr<Pam> alive(pam_->references() > 0 ? pam_ : nullptr);  // whatever the first count sets off
   pam_->readableCountInc(1);
   pam_->writableCountInc(1);
 }
@@ -55,11 +58,13 @@ ReqResponsePamFdSm::~ReqResponsePamFdSm() = default;
 void ReqResponsePamFdSm::handleWritable() {
   KIV_TRACE(reqResponseTrace, 0) << "ReqResponsePamFdSm::handleWritable";
   const Kiv::Ptr<ReqResponsePamFdSm> alive(this);  // also when a reactor to the switch drops it
-  if (fileDesc()) fileDesc()->notifyOnWritableIs(false);
+  const Kiv::Ptr<Kiv::FileDescriptor> fd = static_cast<ReqResponseRawTxPam*>(pam())->fileDesc();
+  if (fd) fd->notifyOnWritableIs(false);
   PamFdSm::handleWritable();
 }
 
 Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
+  KIV_ASSERT_AS(dynamic_cast<ReqResponseRawTxPam*>(pam), "dynamic_cast<ReqResponseRawTxPam*>(pam)");
   Kiv::Ptr<ReqResponsePamFdSm> sm(new ReqResponsePamFdSm(fd, pam));
   sm->hasNotificationActiveIs(true);
   return sm;

@@ -30,8 +30,6 @@ class KIV_API PamFdSm : public Kiv::PtrInterface {
   virtual void handleReadable();
   virtual void handleWritable();
 
-  const Kiv::Ptr<Kiv::FileDescriptor>& fileDesc() const noexcept { return fileDesc_; }
-
  private:
   friend KIV_API Kiv::Ptr<PamFdSm> PamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
@@ -46,7 +44,7 @@ class KIV_API PamFdSm : public Kiv::PtrInterface {
 KIV_API Kiv::Ptr<PamFdSm> PamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
 /// Reports one writable event for each time that the descriptor's writable notification is switched on: the
-/// event switches it off again before it is counted. For Pams that ask for room request by request.
+/// event switches it off again before it is counted. Arming it again is up to the Pam.
 class KIV_API ReqResponsePamFdSm final : public PamFdSm {
  public:
   ~ReqResponsePamFdSm() override;
@@ -60,6 +58,7 @@ class KIV_API ReqResponsePamFdSm final : public PamFdSm {
                                                                    Pam* pam);
 };
 
+/// The same for a `ReqResponseRawTxPam`, through which the descriptor is reached; another Pam ends the process.
 KIV_API Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
 }  // namespace Wirl

@@ -5,21 +5,19 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
-#include "Kiv/ActivityLoop.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/detail/attachFilter.h"
-#include "Wirl/access/socketAt.h"
 
 namespace Wirl {
 
@@ -32,41 +30,36 @@ Kiv::TraceHandle trace6("Ip6SocketPam");
 
 /// No IP packet is longer (without a jumbo payload).
 constexpr U32 kMaxPacket = 65535;
-constexpr int kAlertOff = -1;
 constexpr int kNone = -1;
 /// Errors taken off the error queue at a time.
 constexpr int kErrorsAtOnce = 64;
 
+/// An option that is on or off, as the families have it.
 struct SwitchedOption {
   IpSocketOptions::Option bit;
-  int option;
-  int on, off;
-  const char* text;
+  struct Name {
+    int option;
+    const char* text;
+    int on = 1, off = 0;
+  } v4, v6;
 };
 
-constexpr SwitchedOption kSwitched4[] = {
-    {IpSocketOptions::ipFreeBind, IP_FREEBIND, 1, 0, "setsockopt(IP_FREEBIND)"},
-    {IpSocketOptions::ipHdrIncl, IP_HDRINCL, 1, 0, "setsockopt(IP_HDRINCL)"},
-    {IpSocketOptions::ipMulticastLoop, IP_MULTICAST_LOOP, 1, 0, "setsockopt(IP_MULTICAST_LOOP)"},
-    {IpSocketOptions::ipPktInfo, IP_PKTINFO, 1, 0, "setsockopt(IP_PKTINFO)"},
-    {IpSocketOptions::ipRecvErr, IP_RECVERR, 1, 0, "setsockopt(IP_RECVERR)"},
-    {IpSocketOptions::ipRecvOrigDstAddr, IP_RECVORIGDSTADDR, 1, 0, "setsockopt(IP_RECVORIGDSTADDR)"},
-    {IpSocketOptions::ipRecvTOS, IP_RECVTOS, 1, 0, "setsockopt(IP_RECVTOS)"},
-    {IpSocketOptions::ipRecvTTL, IP_RECVTTL, 1, 0, "setsockopt(IP_RECVTTL)"},
-    {IpSocketOptions::ipRouterAlert, IP_ROUTER_ALERT, 1, 0, "setsockopt(IP_ROUTER_ALERT)"},
-    {IpSocketOptions::ipTransparent, IP_TRANSPARENT, 1, 0, "setsockopt(IP_TRANSPARENT)"}};
-
-constexpr SwitchedOption kSwitched6[] = {
-    {IpSocketOptions::ipFreeBind, IPV6_FREEBIND, 1, 0, "setsockopt(IPV6_FREEBIND)"},
-    {IpSocketOptions::ipHdrIncl, IPV6_HDRINCL, 1, 0, "setsockopt(IPV6_HDRINCL)"},
-    {IpSocketOptions::ipMulticastLoop, IPV6_MULTICAST_LOOP, 1, 0, "setsockopt(IPV6_MULTICAST_LOOP)"},
-    {IpSocketOptions::ipPktInfo, IPV6_RECVPKTINFO, 1, 0, "setsockopt(IPV6_RECVPKTINFO)"},
-    {IpSocketOptions::ipRecvErr, IPV6_RECVERR, 1, 0, "setsockopt(IPV6_RECVERR)"},
-    {IpSocketOptions::ipRecvOrigDstAddr, IPV6_RECVORIGDSTADDR, 1, 0, "setsockopt(IPV6_RECVORIGDSTADDR)"},
-    {IpSocketOptions::ipRecvTOS, IPV6_RECVTCLASS, 1, 0, "setsockopt(IPV6_RECVTCLASS)"},
-    {IpSocketOptions::ipRecvTTL, IPV6_RECVHOPLIMIT, 1, 0, "setsockopt(IPV6_RECVHOPLIMIT)"},
-    {IpSocketOptions::ipRouterAlert, IPV6_ROUTER_ALERT, 0, kAlertOff, "setsockopt(IPV6_ROUTER_ALERT)"},
-    {IpSocketOptions::ipTransparent, IPV6_TRANSPARENT, 1, 0, "setsockopt(IPV6_TRANSPARENT)"}};
+#define OPTION(name) \
+  { name, "setsockopt(" #name ")" }
+constexpr SwitchedOption kSwitched[] = {
+    {IpSocketOptions::ipFreeBind, OPTION(IP_FREEBIND), OPTION(IPV6_FREEBIND)},
+    {IpSocketOptions::ipHdrIncl, OPTION(IP_HDRINCL), OPTION(IPV6_HDRINCL)},
+    {IpSocketOptions::ipMulticastLoop, OPTION(IP_MULTICAST_LOOP), OPTION(IPV6_MULTICAST_LOOP)},
+    {IpSocketOptions::ipPktInfo, OPTION(IP_PKTINFO), OPTION(IPV6_RECVPKTINFO)},
+    {IpSocketOptions::ipRecvErr, OPTION(IP_RECVERR), OPTION(IPV6_RECVERR)},
+    {IpSocketOptions::ipRecvOrigDstAddr, OPTION(IP_RECVORIGDSTADDR), OPTION(IPV6_RECVORIGDSTADDR)},
+    {IpSocketOptions::ipRecvTOS, OPTION(IP_RECVTOS), OPTION(IPV6_RECVTCLASS)},
+    {IpSocketOptions::ipRecvTTL, OPTION(IP_RECVTTL), OPTION(IPV6_RECVHOPLIMIT)},
+    {IpSocketOptions::ipRouterAlert,
+     OPTION(IP_ROUTER_ALERT),
+     {IPV6_ROUTER_ALERT, "setsockopt(IPV6_ROUTER_ALERT)", 0, -1}},  // the value to be told of
+    {IpSocketOptions::ipTransparent, OPTION(IP_TRANSPARENT), OPTION(IPV6_TRANSPARENT)}};
+#undef OPTION
 
 /// Where a protocol over IPv6 has its checksum, in octets from its start. Nothing where that is not known, or
 /// where the kernel sees to it unasked.
@@ -107,58 +100,57 @@ void takeHeader(const Pkt& pkt, IpRxMetadata& metadata) {
   metadata.ttl = header[8];
 }
 
-IpRxMetadata metadata4Of(msghdr& message, const detail::RxSide& side, const Pkt& pkt) {
-  IpRxMetadata metadata;
-  metadata.flags = message.msg_flags;
-  metadata.srcIpAddr = addressOf(side.peerAs<sockaddr_in>().sin_addr);
-  takeHeader(pkt, metadata);
-  for (cmsghdr* each = CMSG_FIRSTHDR(&message); each; each = CMSG_NXTHDR(&message, each)) {
-    if (each->cmsg_level != IPPROTO_IP) continue;
-    switch (each->cmsg_type) {
-      case IP_PKTINFO: {
-        const auto info = dataOf<in_pktinfo>(*each);
-        metadata.ifIndex = static_cast<U32>(info.ipi_ifindex);
-        metadata.dstIpAddr = addressOf(info.ipi_addr);
-        break;
-      }
-      case IP_ORIGDSTADDR:
-        metadata.origDstIpAddr = addressOf(dataOf<sockaddr_in>(*each).sin_addr);
-        break;
-      case IP_TOS:
-        metadata.tos = dataOf<U8>(*each);
-        break;
-      case IP_TTL:
-        metadata.ttl = static_cast<U8>(dataOf<int>(*each));
-        break;
-      default:
-        break;
-    }
-  }
-  return metadata;
-}
+/// How a family tells of a packet: its control messages, and the address of a sockaddr and of packet
+/// information.
+struct Told4 {
+  static constexpr int kLevel = IPPROTO_IP;
+  static constexpr int kPktInfo = IP_PKTINFO, kOrigDst = IP_ORIGDSTADDR, kTos = IP_TOS, kTtl = IP_TTL;
+  using SockAddr = sockaddr_in;
+  using PktInfo = in_pktinfo;
+  using Tos = U8;
+  static IpAddr address(const SockAddr& of) { return addressOf(of.sin_addr); }
+  static IpAddr address(const PktInfo& of) { return addressOf(of.ipi_addr); }
+  static U32 ifIndex(const PktInfo& of) { return static_cast<U32>(of.ipi_ifindex); }
+};
+struct Told6 {
+  static constexpr int kLevel = IPPROTO_IPV6;
+  static constexpr int kPktInfo = IPV6_PKTINFO, kOrigDst = IPV6_ORIGDSTADDR, kTos = IPV6_TCLASS,
+                       kTtl = IPV6_HOPLIMIT;
+  using SockAddr = sockaddr_in6;
+  using PktInfo = in6_pktinfo;
+  using Tos = int;
+  static Ip6Addr address(const SockAddr& of) { return addressOf(of.sin6_addr); }
+  static Ip6Addr address(const PktInfo& of) { return addressOf(of.ipi6_addr); }
+  static U32 ifIndex(const PktInfo& of) { return of.ipi6_ifindex; }
+};
 
-IpRxMetadata metadata6Of(msghdr& message, const detail::RxSide& side, const Pkt&) {
+template <typename Told>
+IpRxMetadata metadataOf(msghdr& message, const detail::RxSide& side, const Pkt& pkt) {
   IpRxMetadata metadata;
   metadata.flags = message.msg_flags;
-  const auto peer = side.peerAs<sockaddr_in6>();
-  metadata.srcIpAddr = addressOf(peer.sin6_addr);
-  metadata.ifIndex = peer.sin6_scope_id;  // known without packet information where the source is link-local
+  const auto peer = side.peerAs<typename Told::SockAddr>();
+  metadata.srcIpAddr = Told::address(peer);
+  if constexpr (std::is_same_v<Told, Told4>) {
+    takeHeader(pkt, metadata);
+  } else {
+    metadata.ifIndex = peer.sin6_scope_id;  // known without packet information where the source is link-local
+  }
   for (cmsghdr* each = CMSG_FIRSTHDR(&message); each; each = CMSG_NXTHDR(&message, each)) {
-    if (each->cmsg_level != IPPROTO_IPV6) continue;
+    if (each->cmsg_level != Told::kLevel) continue;
     switch (each->cmsg_type) {
-      case IPV6_PKTINFO: {
-        const auto info = dataOf<in6_pktinfo>(*each);
-        metadata.ifIndex = info.ipi6_ifindex;
-        metadata.dstIpAddr = addressOf(info.ipi6_addr);
+      case Told::kPktInfo: {
+        const auto info = dataOf<typename Told::PktInfo>(*each);
+        metadata.ifIndex = Told::ifIndex(info);
+        metadata.dstIpAddr = Told::address(info);
         break;
       }
-      case IPV6_ORIGDSTADDR:
-        metadata.origDstIpAddr = addressOf(dataOf<sockaddr_in6>(*each).sin6_addr);
+      case Told::kOrigDst:
+        metadata.origDstIpAddr = Told::address(dataOf<typename Told::SockAddr>(*each));
         break;
-      case IPV6_TCLASS:
-        metadata.tos = static_cast<U8>(dataOf<int>(*each));
+      case Told::kTos:
+        metadata.tos = static_cast<U8>(dataOf<typename Told::Tos>(*each));
         break;
-      case IPV6_HOPLIMIT:
+      case Told::kTtl:
         metadata.ttl = static_cast<U8>(dataOf<int>(*each));
         break;
       default:
@@ -243,7 +235,7 @@ struct RawIpFamily {
   int level;
   const Kiv::TraceHandle& trace;
   const char* notEnabled;
-  const SwitchedOption (&switched)[10];
+  SwitchedOption::Name SwitchedOption::*switched;
   int tos, ttl, multicastTtl;
   int multicastAll;  // none for IPv6, whose raw sockets do not heed it
   const char *tosText, *ttlText, *multicastTtlText;
@@ -260,7 +252,7 @@ const detail::RawIpFamily RawIpPam::ipv4Family_ = {AddressFamily::ipv4,
                                                    IPPROTO_IP,
                                                    trace4,
                                                    "IpSocketPam not enabled. Aborting action",
-                                                   kSwitched4,
+                                                   &SwitchedOption::v4,
                                                    IP_TOS,
                                                    IP_TTL,
                                                    IP_MULTICAST_TTL,
@@ -270,7 +262,7 @@ const detail::RawIpFamily RawIpPam::ipv4Family_ = {AddressFamily::ipv4,
                                                    "setsockopt(IP_MULTICAST_TTL)",
                                                    20,
                                                    16,
-                                                   metadata4Of,
+                                                   metadataOf<Told4>,
                                                    address4,
                                                    join4};
 
@@ -279,7 +271,7 @@ const detail::RawIpFamily RawIpPam::ipv6Family_ = {AddressFamily::ipv6,
                                                    IPPROTO_IPV6,
                                                    trace6,
                                                    "Ip6SocketPam not enabled. Aborting action",
-                                                   kSwitched6,
+                                                   &SwitchedOption::v6,
                                                    IPV6_TCLASS,
                                                    IPV6_UNICAST_HOPS,
                                                    IPV6_MULTICAST_HOPS,
@@ -289,7 +281,7 @@ const detail::RawIpFamily RawIpPam::ipv6Family_ = {AddressFamily::ipv6,
                                                    "setsockopt(IPV6_MULTICAST_HOPS)",
                                                    40,
                                                    24,
-                                                   metadata6Of,
+                                                   metadataOf<Told6>,
                                                    address6,
                                                    join6};
 
@@ -298,71 +290,33 @@ RawIpPam::RawIpPam(Kiv::String name, IpProtocolNumber number, const NamespaceNam
     : IpPam(std::move(name), number, ns), family_(family) {}
 
 RawIpPam::~RawIpPam() {
-  doDelSocket();
+  closeSocket();
 }
 
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
 void RawIpPam::enabledIsImpl(bool on) {
-  enabledIsWith(on, [this] {
-    if (enabled()) {
-      open();
-    } else {
-      doDelSocket();
-    }
+  const auto open = [this] {
+    openSocket(
+        family_.domain, protocol(), netNs(), [this] { configure(); },
+        [this](const Kiv::Ptr<Kiv::FileDescriptor>& opened) { return PamFdSmIs(opened, this); });
+  };
+  enabledIsWith(on, [&] {
+    spare_ = nullptr;
+    batch_ = nullptr;
+    reopen(on, open, [this] { IpPam::enabledIsImpl(false); });
   });
 }
 
-/// Opens the socket; where that fails there is none, and `enabled` says so.
-void RawIpPam::open() {
-  try {
-    doNewSocket();
-  } catch (...) {
-    doDelSocket();
-    IpPam::enabledIsImpl(false);
-    throw;
-  }
-}
-
-void RawIpPam::doNewSocket() {
-  Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
-  const int socket = socketAt(family_.domain, SOCK_RAW, protocol(), netNs());
-  if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
-  const auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());
-  // Nothing is watched before the socket is set up, so that no event precedes the first count.
-  opened->notifyOnReadableIs(false);
-  try {
-    opened->descriptorIs(socket);
-  } catch (...) {
-    close(socket);
-    throw;
-  }
-  // What is notified of in here, the first counts above all, runs the clients' reactors, which may have closed
-  // or reopened the Pam by the time that they return.
-  fileDescIs(opened);
-  if (fileDesc() != opened) return;
-  opened->nonBlockingIs(true);
+void RawIpPam::configure() {
   if (options().has(IpSocketOptions::ipAttachFilter)) holdBackPackets();
   applyOptions(options() | IpSocketOptions::ipMulticastLoop, options());
   if (txTOS() != IpDscp()) handleTxTOS();
   if (txTTL() != IpTtl()) handleTxTTL();
   applyPriority();
-  KIV_TRACE(family_.trace, 5) << "Socket fd is " << socket << ", options are " << options();
-  opened->notifyOnReadableIs(true);
-  const Kiv::Ptr<PamFdSm> sm = PamFdSmIs(opened, this);
-  if (fileDesc() == opened) fdSmIs(sm);
-}
-
-void RawIpPam::doDelSocket() noexcept {
-  fdSmIs(nullptr);
-  if (const Kiv::Ptr<Kiv::FileDescriptor> closing = fileDescDel()) {
-    const int socket = closing->descriptor();
-    closing->descriptorIs(-1);
-    if (socket >= 0) close(socket);
-  }
-  spare_ = nullptr;
-  batch_ = nullptr;
+  KIV_TRACE(family_.trace, 5) << "Socket fd is " << fd() << ", options are " << options();
+  fileDesc()->notifyOnReadableIs(true);
 }
 
 /// The socket receives from the moment that it is there, with no filter yet. This keeps everything away until
@@ -376,20 +330,8 @@ void RawIpPam::holdBackPackets() {
   }
 }
 
-void RawIpPam::closeAndThrow(int error, const char* text) {
-  const int socket = fd();
-  fileDesc()->descriptorIs(-1);
-  close(socket);
-  KIV_TRACE(family_.trace, 0) << text << " failed, errno: " << error;
-  throw Kiv::ErrnoException(error, text);
-}
-
 // Options
 // ----------------------------------------------------------------------------------------------------
-
-void RawIpPam::setOption(int level, int option, int value, const char* text) {
-  if (setsockopt(fd(), level, option, &value, sizeof(value)) < 0) closeAndThrow(errno, text);
-}
 
 void RawIpPam::optionsIsImpl(U32 bits) {
   if (fd() >= 0) applyOptions(options() ^ bits, bits);
@@ -399,9 +341,10 @@ void RawIpPam::optionsIsImpl(U32 bits) {
 void RawIpPam::applyOptions(U32 changed, U32 bits) {
   const auto differs = [changed](IpSocketOptions::Option option) { return (changed & option) != 0; };
   const auto on = [bits](IpSocketOptions::Option option) { return (bits & option) != 0; };
-  for (const SwitchedOption& each : family_.switched) {
+  for (const SwitchedOption& each : kSwitched) {
+    const SwitchedOption::Name& name = each.*family_.switched;
     if (differs(each.bit)) {
-      setOption(family_.level, each.option, on(each.bit) ? each.on : each.off, each.text);
+      setOption(family_.level, name.option, on(each.bit) ? name.on : name.off, name.text);
     }
   }
   if (differs(IpSocketOptions::ipAttachFilter)) {
@@ -543,26 +486,14 @@ void RawIpPam::doGetRxPkt() {
 }
 
 void RawIpPam::receiveOne() {
-  const U32 room = std::min(maxRxPktData(), kMaxPacket);
-  Pkt::Ptr pkt = detail::rxPktFrom(spare_, room);
-  if (!pkt) {
+  msghdr message;
+  detail::RxSide side;
+  Pkt::Ptr pkt = detail::receivePkt(spare_, fd(), std::min(maxRxPktData(), kMaxPacket), message, side);
+  if (!pkt && errno == 0) {
     KIV_TRACE(family_.trace, 0) << "Failed to obtain new packet object";
     return;
   }
-  detail::RxSide side;
-  iovec piece = {pkt->front(), room};
-  msghdr message;
-  side.prepare(message, piece);
-  const ssize_t received = recvmsg(fd(), &message, MSG_DONTWAIT);
-  if (received < 0) {
-    const int error = errno;
-    spare_ = std::move(pkt);
-    receiveFailed("recvmsg", error);
-    return;
-  }
-  pkt->delSharedTailData(room - static_cast<U32>(received));
-  // Buffers of that size are not recycled by others.
-  if (room > Pkt::Manager::defaultBufferBytes_) spare_ = pkt;
+  if (!pkt) return receiveFailed("recvmsg", errno);
   publish(family_.metadataOf(message, side, *pkt));
   rxPktCountInc(1);
   rxPktHolderIs(std::move(pkt));

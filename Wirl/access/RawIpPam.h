@@ -94,14 +94,10 @@ class KIV_API RawIpPam : public IpPam {
   static const detail::RawIpFamily ipv6Family_;
 
  private:
-  void open();
-  void doNewSocket();
-  void doDelSocket() noexcept;
+  void configure();
   void holdBackPackets();
   void applyOptions(U32 changed, U32 bits);
-  void setOption(int level, int option, int value, const char* text);
   void applyPriority();
-  [[noreturn]] void closeAndThrow(int error, const char* text);
   void refuse(int error);
   IpGenAddr destinationOf(const Pkt& pkt) const;
   bool interfaceIs(U32& ifIndex);

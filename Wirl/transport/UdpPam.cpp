@@ -17,6 +17,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/socketAt.h"
 
 namespace Wirl {
@@ -24,6 +25,8 @@ namespace Wirl {
 namespace {
 
 Kiv::TraceHandle trace("UdpPam");
+
+using detail::dataOf;
 
 constexpr std::array<std::string_view, 4> kModeNames = {"disabled", "send", "client", "server"};
 
@@ -59,14 +62,6 @@ Ip6Addr addressOf(const in6_addr& octets) {
   Ip6Addr address;
   address.copyFromBuffer(octets.s6_addr);
   return address;
-}
-
-/// Copies a control message's data, whose alignment nobody promises.
-template <typename T>
-T dataOf(const cmsghdr& message) {
-  T data{};
-  std::memcpy(&data, CMSG_DATA(&message), std::min(sizeof(T), message.cmsg_len - CMSG_LEN(0)));
-  return data;
 }
 
 /// Room for one control message of type `T`.
@@ -130,8 +125,9 @@ void UdpPam::reopen() {
     if (turn == turn_ && mode() != Mode::disabled) doNewSocket(turn);
   } catch (...) {
     if (turn == turn_) {
-      doDelSocket();
+      const Closed closed = closeSocket();
       mode.set(Mode::disabled);
+      tell(closed);
     }
     throw;
   }
@@ -234,6 +230,8 @@ void UdpPam::handleTxTos() {
   if (failed == 0) return;
   const int error = errno;
   const int socket = fd();
+  collectDrops();
+  drops_.reset();
   fileDesc()->descriptorIs(-1);
   close(socket);
   KIV_TRACE(trace, 0) << (ipv6_ ? "Failed to set IPV6_TCLASS, errno: " : "Failed to set IP_TOS, errno: ")
@@ -242,18 +240,21 @@ void UdpPam::handleTxTos() {
 }
 
 void UdpPam::doDelSocket() {
-  const bool hadDescriptor = fileDesc() != nullptr;
-  const bool hadSm = fdSm() != nullptr;
-  const bool wasConnected = socketConnected();
-  closeSocket();
-  // Told when all of it is done: whoever hears of one finds the Pam closed.
-  if (hadSm) fdSm.notifiees().notify();
-  if (hadDescriptor) fileDesc.notifiees().notify();
-  if (wasConnected) socketConnected.notifiees().notify();
+  tell(closeSocket());
+}
+
+/// When all of it is done: whoever hears of one finds the Pam closed.
+void UdpPam::tell(Closed closed) {
+  if (closed.fdSm) fdSm.notifiees().notify();
+  if (closed.fileDesc) fileDesc.notifiees().notify();
+  if (closed.connection) socketConnected.notifiees().notify();
 }
 
 /// Closes without a word to the reactors.
-void UdpPam::closeSocket() noexcept {
+UdpPam::Closed UdpPam::closeSocket() noexcept {
+  const Closed closed = {fileDesc() != nullptr, fdSm() != nullptr, socketConnected()};
+  collectDrops();  // the kernel's count goes with the socket
+  drops_.reset();
   if (fdSm()) fdSm()->fileDescDel();  // whoever else holds it: it counts for this Pam no more
   fdSm.store(nullptr);
   socketConnected.store(false);
@@ -262,6 +263,23 @@ void UdpPam::closeSocket() noexcept {
     closing->descriptorIs(-1);
     if (socket >= 0) close(socket);
   }
+  return closed;
+}
+
+void UdpPam::collectDrops() const {
+  const U32 drops = drops_.sinceLast(fd());
+  // What changes is where the sum is kept, not the sum.
+  if (drops != 0) const_cast<UdpPam*>(this)->Pam::rxDropsIs(Pam::rxDrops() + drops);
+}
+
+U32 UdpPam::rxDrops() const {
+  collectDrops();
+  return Pam::rxDrops();
+}
+
+void UdpPam::rxDropsIs(U32 value) {
+  collectDrops();
+  Pam::rxDropsIs(value);
 }
 
 void UdpPam::fileDescIs(Kiv::String name) {
@@ -367,45 +385,34 @@ void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
 void UdpPam::doGetRxPkt() {
   if (!fdSm() && mode() == Mode::send) return;
   if (fd() < 0) return;
-  const U32 room = std::min(maxRxPktData(), kMaxDatagram);
-  const Pkt::Manager::Ptr& manager = globalPktManager();
-  const Pkt::Ptr pkt = room <= Pkt::Manager::defaultBufferBytes_
-                           ? manager->newPkt()
-                           : manager->newPkt(manager->newSharedBuffer(room));
-  pkt->newSharedHeadData(room);
-
-  sockaddr_storage peer;
-  alignas(cmsghdr) char control[256];
-  msghdr message{};
-  message.msg_name = &peer;
-  message.msg_namelen = sizeof(peer);
-  message.msg_iov = const_cast<iovec*>(pkt->iovecs());  // recvmsg() writes what it points to
-  message.msg_iovlen = pkt->numIovecs();
-  message.msg_control = control;
-  message.msg_controllen = sizeof(control);
-  const ssize_t received = recvmsg(fd(), &message, 0);
-  if (received < 0) {
+  msghdr message;
+  detail::RxSide side;
+  Pkt::Ptr pkt = detail::receivePkt(spare_, fd(), std::min(maxRxPktData(), kMaxDatagram), message, side);
+  if (!pkt) {
     const int error = errno;
     if (error == EAGAIN) return;
+    if (error == 0) {
+      KIV_TRACE(trace, 0) << "Failed to obtain new packet object";
+      return;
+    }
     KIV_TRACE(trace, 0) << "recvmsg failed with " << error << " (" << Kiv::errorText(error) << ") ";
     rxErrorsInc(1);
     return;
   }
-  pkt->delSharedTailData(room - static_cast<U32>(received));
-  KIV_TRACE(trace, 8) << "Received packet of size " << received;
-  if ((message.msg_flags & MSG_TRUNC) != 0) KIV_TRACE(trace, 0) << "Datagram truncated to " << received;
-  recordMetadata(message, peer);
+  KIV_TRACE(trace, 8) << "Received packet of size " << pkt->bytes();
+  if ((message.msg_flags & MSG_TRUNC) != 0) KIV_TRACE(trace, 0) << "Datagram truncated to " << pkt->bytes();
+  recordMetadata(message, side);
   rxPktsInc(1);
-  rxPktHolderIs(pkt);
+  rxPktHolderIs(std::move(pkt));
 }
 
-void UdpPam::recordMetadata(msghdr& message, const sockaddr_storage& peer) {
-  if (peer.ss_family == AF_INET6) {
-    const auto& from = reinterpret_cast<const sockaddr_in6&>(peer);
+void UdpPam::recordMetadata(msghdr& message, const detail::RxSide& side) {
+  if (ipv6_) {
+    const auto from = side.peerAs<sockaddr_in6>();
     rxSrcIp6AddrIs(addressOf(from.sin6_addr));
     rxSrcPortIs(ntohs(from.sin6_port));
   } else {
-    const auto& from = reinterpret_cast<const sockaddr_in&>(peer);
+    const auto from = side.peerAs<sockaddr_in>();
     rxSrcIpAddrIs(IpAddr::fromNetOrder(from.sin_addr.s_addr));
     rxSrcPortIs(ntohs(from.sin_port));
   }

@@ -9,6 +9,7 @@
 #include "Wirl/access/IpTrafficControl.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/access/PamFdSm.h"
+#include "Wirl/access/detail/SocketDrops.h"
 #include "Wirl/value/Ip6Addr.h"
 #include "Wirl/value/IpAddr.h"
 #include "Wirl/value/NamespaceName.h"
@@ -16,6 +17,10 @@
 namespace Wirl {
 
 using Kiv::U64;
+
+namespace detail {
+struct RxSide;
+}
 
 /// One UDP socket (RFC 768), IPv4 or IPv6, in a named network namespace, driven by its attributes.
 ///
@@ -38,7 +43,8 @@ using Kiv::U64;
 /// send connects the socket to the destination, which is fixed from then on until the socket is closed.
 ///
 /// Receiving: `rxPkt` gives one datagram a packet and sets the `rx...` attributes for it. A datagram longer
-/// than `maxRxPktData` is delivered cut to that.
+/// than `maxRxPktData` is delivered cut to that. `rxDrops` is the kernel's count of datagrams for which the
+/// sockets of this Pam had no room.
 class KIV_API UdpPam : public Pam {
  public:
   /// What the socket is for.
@@ -106,6 +112,9 @@ class KIV_API UdpPam : public Pam {
   /// multicast.
   int handleV4McastGroup(const Kiv::String& devName, IpAddr mcastAddr, bool join);
 
+  U32 rxDrops() const override;
+  void rxDropsIs(U32 value) override;
+
   /// The local port in use: that of the open socket once it has one, else `rxPortLocal`.
   U16 rxPort() const;
   void rxPortIs(U16 port) { rxPortLocalIs(port); }
@@ -122,13 +131,19 @@ class KIV_API UdpPam : public Pam {
     sockaddr_storage storage;
     socklen_t length;
   };
+  /// What there was to close, and so is to be told of.
+  struct Closed {
+    bool fileDesc, fdSm, connection;
+  };
 
   void reopen();
   void doNewSocket(U32 turn);
   void doBind();
   bool doConnect();
   void doDelSocket();
-  void closeSocket() noexcept;
+  Closed closeSocket() noexcept;
+  void tell(Closed closed);
+  void collectDrops() const;
   void fileDescIs(Kiv::String name);
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
   void assertNotConnected();
@@ -136,10 +151,12 @@ class KIV_API UdpPam : public Pam {
   int fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
   void setFirstOptions(int socket);
   SockAddr destination() const noexcept;
-  void recordMetadata(msghdr& message, const sockaddr_storage& peer);
+  void recordMetadata(msghdr& message, const detail::RxSide& side);
 
   bool ipv6_ = false;  // of the open socket, whatever ipv6En has been set to since
-  U32 turn_ = 0;       // of opening and closing: tells one who notified that somebody else went on
+  Pkt::Ptr spare_;     // for the next receive, if it is nobody else's then
+  mutable detail::SocketDrops drops_;
+  U32 turn_ = 0;  // of opening and closing: tells one who notified that somebody else went on
 };
 
 /// "UdpPam echo: mode=server 10.0.0.1:7000 TOS=0 Prio=0".

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "Kiv/Exception.h"
-#include "tests/support/Descriptors.h"
+#include "tests/access/PamConformance.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/TraceCapture.h"
 
@@ -45,7 +45,7 @@ std::string thrownBy(const std::function<void()>& action) {
 }
 
 TEST(IpPam, BeginsWithItsDefaultsAndOpensNothing) {
-  const std::size_t before = openDescriptors();
+  const std::size_t before = settledDescriptors();
   const auto pam = ipPamFactory("ospf", ipProtoOspf, NamespaceName("ns-red"));
   EXPECT_EQ(pam->name(), "ospf");
   EXPECT_EQ(pam->protocol(), ipProtoOspf);
@@ -57,7 +57,7 @@ TEST(IpPam, BeginsWithItsDefaultsAndOpensNothing) {
   pam->enabledIs(true);
   pam->optionsIs(Options::ipHdrIncl | Options::ipPktInfo);
   EXPECT_TRUE(pam->enabled());
-  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(settledDescriptors(), before);
   std::ostringstream table;
   dump(table, *pam);
   for (const char* cell : {"ipProtoOspf", "ns-red", "ipHdrIncl|ipPktInfo", "socketReadLimit", "fdSm"}) {
@@ -185,7 +185,7 @@ TEST(IpPam, TheFilterIsAttachedInTheOrderOfItsIndices) {
 
 TEST(IpPam, AProgramThatTheKernelRefusesCostsTheSocket) {
   Kiv::activityLoop();  // it has descriptors of its own
-  const std::size_t before = openDescriptors();
+  const std::size_t before = settledDescriptors();
   const auto pam = ipPamFactory("ip", ipProtoIcmp, NamespaceName());
   const auto fd = pam->fileDescIs("fd");
   const auto attach = [&] {
@@ -202,7 +202,7 @@ TEST(IpPam, AProgramThatTheKernelRefusesCostsTheSocket) {
     EXPECT_EQ(fd->descriptor(), -1);
   }
   EXPECT_EQ(pam->fileDescDel(), fd);
-  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(settledDescriptors(), before);
   EXPECT_EQ(thrownBy([&] { pam->doAttachBpfFilter(); }),
             "setsockopt(SO_ATTACH_FILTER) " + std::to_string(EBADF));
 }

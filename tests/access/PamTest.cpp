@@ -6,12 +6,10 @@
 #include <unistd.h>
 
 #include <deque>
-#include <sstream>
 #include <string>
 
 #include "Kiv/ActivityLoop.h"
 #include "Wirl/access/PamFdSm.h"
-#include "tests/support/TraceCapture.h"
 
 namespace Wirl {
 namespace {
@@ -92,11 +90,6 @@ TEST(Pam, TheBulkArraysGrowOnDemandAndEmptySlotBySlot) {
   EXPECT_EQ(pam->savedPackets(), 0u);
 }
 
-TEST(PamDeathTest, BulkReceivingNeedsADerivedClass) {
-  const auto pam = Kiv::makePtr<FakePam>();
-  EXPECT_DEATH(pam->rxPktBulk(), "Need to implement doGetBulkRxPkt in a derived class");
-}
-
 TEST(PamFdSm, CountsOnceOnBeingMadeAndThenEveryEvent) {
   Sockets sockets;
   const auto pam = Kiv::makePtr<FakePam>();
@@ -137,21 +130,9 @@ TEST(PamFdSm, MayBeDroppedFromWhatItSetsOff) {
   EXPECT_EQ(pam->log, "r1w1r2");
 }
 
-TEST(ReqResponsePamFdSm, GivesOneWritableEventPerArming) {
-  Sockets sockets;
+TEST(PamDeathTest, AReqResponsePamFdSmIsForItsClassOnly) {
   const auto pam = Kiv::makePtr<FakePam>();
-  const auto fd = Kiv::makePtr<Kiv::FileDescriptor>("fd");
-  fd->descriptorIs(sockets.ends[0]);
-  const auto sm = ReqResponsePamFdSmIs(fd, pam.get());
-  TraceCapture traces("ReqResponsePamFdSm/0");
-  for (U32 armings = 1; armings < 4; ++armings) {
-    fd->notifyOnWritableIs(true);
-    for (int pass = 0; pass < 3; ++pass) Kiv::activityLoop().poll();
-    EXPECT_EQ(pam->writableCount(), 1 + armings);
-    EXPECT_FALSE(fd->notifyOnWritable());
-  }
-  EXPECT_EQ(traces.lines(),
-            std::vector<std::string>(3, "ReqResponsePamFdSm/0:ReqResponsePamFdSm::handleWritable"));
+  EXPECT_DEATH(ReqResponsePamFdSmIs(nullptr, pam.get()), "dynamic_cast<ReqResponseRawTxPam\\*>\\(pam\\)");
 }
 
 }  // namespace

@@ -36,10 +36,24 @@ void makeRoom(Pkt& pkt, U32 room) {
 
 }  // namespace
 
-Pkt::Ptr rxPktFrom(Pkt::Ptr& last, U32 room) noexcept {
-  Pkt::Ptr pkt = std::move(last);
-  if (!pkt || !reusable(*pkt, 1, room)) return newRxPkt(room);
-  makeRoom(*pkt, room);
+Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, RxSide& side) noexcept {
+  Pkt::Ptr pkt = std::move(spare);
+  if (pkt && reusable(*pkt, 1, room)) {
+    makeRoom(*pkt, room);
+  } else if (pkt = newRxPkt(room); !pkt) {
+    errno = 0;
+    return nullptr;
+  }
+  iovec piece = {pkt->front(), room};
+  side.prepare(message, piece);
+  const ssize_t received = recvmsg(fd, &message, MSG_DONTWAIT);
+  if (received < 0) {
+    spare = std::move(pkt);
+    return nullptr;
+  }
+  pkt->delSharedTailData(room - static_cast<U32>(received));
+  // Buffers of that size are not recycled by others.
+  if (room > Pkt::Manager::defaultBufferBytes_) spare = pkt;
   return pkt;
 }
 

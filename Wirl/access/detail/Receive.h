@@ -15,9 +15,6 @@ namespace Wirl::detail {
 /// A packet whose data is `room` octets, contents undefined, to receive into; null when there is no memory.
 KIV_API Pkt::Ptr newRxPkt(U32 room) noexcept;
 
-/// A packet as `newRxPkt` gives, once more the one in `last` if nobody else holds it, or its buffer.
-KIV_API Pkt::Ptr rxPktFrom(Pkt::Ptr& last, U32 room) noexcept;
-
 /// A control message's data, whose alignment and length nobody promises.
 template <typename T>
 T dataOf(const cmsghdr& message) {
@@ -50,6 +47,11 @@ struct RxSide {
     return address;
   }
 };
+
+/// One non-blocking recvmsg of at most `room` octets, with what was told beside them in `side`, as `message`
+/// has it. Null when it fails, with errno, which is 0 where no packet could be had. `spare` is for the next
+/// receive: a packet that was made in vain, or one too large for others to recycle, if it is free by then.
+KIV_API Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, RxSide& side) noexcept;
 
 /// Batch receive into the saved packets of a Pam.
 ///

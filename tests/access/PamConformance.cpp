@@ -1,0 +1,441 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/access/PamConformance.h"
+
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+#include "Kiv/Kiv.h"
+#include "Wirl/access/deferClose.h"
+#include "tests/support/AllocationCounter.h"
+#include "tests/support/Descriptors.h"
+
+using namespace Wirl;
+
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(PamConformanceTest);
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(SocketPamConformanceTest);
+
+Pkt::Ptr PamBackend::pktOf(const std::string& payload) const {
+  const Pkt::Ptr pkt = globalPktManager()->newPkt(globalPktManager()->newSharedBuffer(1600));
+  pkt->stringValueIs(payload);
+  return pkt;
+}
+
+void receiveBufferIsSmall(int fd) {
+  const int small = 1;
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+}
+
+bool isRefused(const std::function<void()>& change) {
+  EXPECT_THROW(change(), Kiv::ErrnoException);
+  return true;
+}
+
+std::size_t settledDescriptors() {
+  while (deferCloseStats()->enqueued != deferCloseStats()->closed) usleep(100);
+  return openDescriptors();
+}
+
+void PamConformanceTest::SetUp() {
+  NetNsTest::SetUp();
+  if (IsSkipped() || HasFailure()) return;
+  ns = std::make_unique<NetNs>("lo");
+  renew();
+}
+
+void PamConformanceTest::renew() {
+  backend = nullptr;
+  backend = GetParam().make(NamespaceName(ns->name()));
+}
+
+void PamConformanceTest::open() {
+  backend->openIs(*backend->to, true);
+  backend->openIs(*backend->from, true);
+}
+
+std::string PamConformanceTest::receive(double seconds) {
+  Pkt::Ptr pkt;
+  Kiv::activityLoop().runUntil([&] { return (pkt = backend->pull(*backend->to)) != nullptr; }, seconds);
+  return pkt ? backend->payloadOf(*pkt) : "nothing";
+}
+
+bool PamConformanceTest::exchanges() {
+  for (int i = 0; i < 100; ++i) {
+    send("works");
+    if (receive(0.1) == "works") return true;
+  }
+  return false;
+}
+
+std::vector<PamBackend::Watch> PamConformanceTest::watches() const {
+  Pam& pam = *backend->subject();
+  std::vector<PamBackend::Watch> all = backend->attributes(pam);
+  all.emplace_back([&pam](auto action) { return Kiv::Reactor(pam.readableCount, action); });
+  all.emplace_back([&pam](auto action) { return Kiv::Reactor(pam.writableCount, action); });
+  return all;
+}
+
+// What every Pam promises ----------------------------------------------------------------------------------
+
+TEST_P(PamConformanceTest, ClientsPullWhatWasSentWholeInOrderAndOnce) {
+  open();
+  Pam& to = *backend->to;
+  EXPECT_EQ(backend->pull(to), nullptr);
+  const U32 before = to.readableCount();
+  std::vector<std::string> wanted, got;
+  for (const std::size_t size : {30u, 100u, 1400u}) {
+    for (const U32 ahead : {0u, 1u, 20u}) {  // in a second piece, in front
+      std::string text(size, 'x');
+      for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 7 + ahead);
+      const Pkt::Ptr whole = backend->pktOf(text);
+      const std::string octets = whole->stringValue();
+      const Pkt::Ptr pkt = globalPktManager()->newPkt();
+      pkt->stringValueIs(octets.substr(ahead));
+      if (ahead > 0) pkt->newPrivateHeadData(ahead);
+      for (U32 i = 0; i < ahead; ++i) pkt->rawByteIs(i, static_cast<U8>(octets[i]));
+      backend->from->txPktIs(pkt);
+      EXPECT_EQ(std::string(pkt->stringValue()), octets);  // the client's as before
+      wanted.push_back(text);
+    }
+  }
+  // It tells; pulling is up to the client.
+  EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return to.readableCount() > before; }, 5));
+  const auto drain = [&] {
+    while (const Pkt::Ptr pkt = backend->pull(to)) got.push_back(backend->payloadOf(*pkt));
+  };
+  drain();
+  const Kiv::Reactor client(to.readableCount, drain);
+  Kiv::activityLoop().runUntil([&] { return got.size() >= wanted.size(); }, 5);
+  EXPECT_TRUE(got == wanted);
+  // Then the loop is at rest.
+  Kiv::activityLoop().runFor(0.01);
+  const U32 events = to.readableCount();
+  Kiv::activityLoop().runFor(0.01);
+  EXPECT_EQ(to.readableCount(), events);
+  EXPECT_EQ(got.size(), wanted.size());
+}
+
+TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
+  enum Deed { close, reopen, drop, fail };
+  renew();
+  const std::size_t count = watches().size();
+  for (const Deed deed : {close, reopen, drop, fail}) {
+    for (std::size_t watch = 0; watch < count; ++watch) {
+      for (const bool opening : {true, false}) {
+        SCOPED_TRACE(testing::Message()
+                     << "deed " << deed << " attribute " << watch << " opening " << opening);
+        renew();
+        backend->openIs(backend->receives() ? *backend->from : *backend->to, true);
+        const std::size_t before = settledDescriptors();
+        Kiv::Ptr<Pam>& pam = backend->subject();
+        if (!opening) backend->openIs(*pam, true);
+        bool struck = false;
+        Kiv::Reactor reactor = watches()[watch]([&] {
+          if (std::exchange(struck, true)) return;
+          if (deed == fail) throw std::runtime_error("client");
+          if (deed == drop) {
+            backend->drop(pam);
+            return;
+          }
+          backend->openIs(*pam, false);
+          if (deed == reopen) backend->openIs(*pam, true);
+        });
+        // Opened, received by, failed to receive by, failed to send by, closed.
+        for (int step = 0; step < 5 && pam && !struck; ++step) {
+          try {
+            if (step == 0) backend->openIs(*pam, true);
+            if (step == 1) {
+              send("x");
+              const U32 counted = pam->readableCount();
+              const auto told = [&] { return struck || pam->readableCount() > counted; };
+              if (backend->receives()) Kiv::activityLoop().runUntil(told, 5);
+              if (pam) backend->pull(*pam);
+            }
+            const Fault noReceive(backend->receiveCall(), 1, ENOMEM);
+            const Fault noSend(Call::sendmsg, 1, ENOBUFS);
+            if (step == 2) backend->pull(*pam);
+            if (step == 3) pam->txPktIs(backend->pktOf("x"));
+            if (step == 4) backend->openIs(*pam, false);
+          } catch (const std::runtime_error&) {
+            EXPECT_EQ(deed, fail);
+          }
+        }
+        reactor = {};
+        EXPECT_TRUE(struck || !opening);
+        EXPECT_EQ(pam == nullptr, struck && deed == drop);
+        if (pam) {
+          backend->openIs(*pam, false);
+          EXPECT_EQ(settledDescriptors(), before);
+          open();
+          EXPECT_TRUE(exchanges());
+        } else {
+          EXPECT_EQ(settledDescriptors(), before);
+        }
+      }
+    }
+  }
+}
+
+TEST_P(PamConformanceTest, PacketsThatAreQueuedGoWithThePamAndNobodyIsTold) {
+  const std::size_t before = settledDescriptors();
+  open();
+  std::vector<Pkt::Ptr> sent;
+  for (int i = 0; i < 10; ++i) {
+    sent.push_back(backend->pktOf("waits"));
+    backend->from->txPktIs(sent.back());
+  }
+  std::vector<Kiv::Reactor> reactors;
+  for (const auto& watch : watches()) {
+    reactors.push_back(watch([] { ADD_FAILURE() << "told of its end"; }));
+  }
+  const Kiv::Ptr<Kiv::PtrInterface> kept = backend->fdSm(*backend->subject());
+  backend->drop(backend->to);
+  backend->drop(backend->from);
+  for (const Pkt::Ptr& pkt : sent) EXPECT_EQ(pkt->references(), 1u);
+  EXPECT_EQ(settledDescriptors(), before);
+  Kiv::activityLoop().runFor(0.01);
+  renew();
+  open();
+  EXPECT_TRUE(exchanges());
+}
+
+TEST_P(PamConformanceTest, AFloodFasterThanTheReaderLosesWhatIsCountedAndNothingElse) {
+  open();
+  backend->roomIsSmall();
+  const auto flood = [&] {
+    for (int i = 0; i < 1000; ++i) send("flood");
+    U32 got = 0;
+    while (receive(0.02) == "flood") ++got;
+    return got;
+  };
+  U32 got = flood();
+  EXPECT_GT(got, 0u);
+  EXPECT_LT(got, 1000u);
+  EXPECT_EQ(backend->to->rxDrops() + got, 1000u);
+  EXPECT_EQ(backend->to->rxDrops() + got, 1000u);  // reading it loses nothing
+  got += flood();
+  backend->openIs(*backend->to, false);
+  EXPECT_EQ(backend->to->rxDrops() + got, 2000u);
+  backend->openIs(*backend->to, true);
+  backend->roomIsSmall();
+  got += flood();
+  EXPECT_EQ(backend->to->rxDrops() + got, 3000u);
+  flood();
+  backend->to->rxDropsIs(7);
+  EXPECT_EQ(backend->to->rxDrops(), 7u);
+  EXPECT_EQ(backend->from->txErrors() + backend->from->txDrops(), 0u);
+  EXPECT_TRUE(exchanges());
+  const Fault unknown(Call::getsockopt, 1, ENOMEM);
+  EXPECT_EQ(backend->to->rxDrops(), 7u);
+}
+
+TEST_P(PamConformanceTest, SteadyStateAllocatesNothing) {
+  Pkt::Manager::cacheLimitIs(1024);  // under AddressSanitizer nothing is kept unless asked for
+  open();
+  struct {
+    U32 got = 0, wanted = 0;
+  } count;
+  const Kiv::Reactor drain(backend->to->readableCount, [&] {
+    while (backend->pull(*backend->to)) ++count.got;
+  });
+  const Pkt::Ptr pkt = backend->pktOf("steady");
+  const std::function<bool()> done = [&count] { return count.got >= count.wanted; };
+  const auto round = [&] {
+    count.wanted = count.got + 1;
+    backend->from->txPktIs(pkt);
+    ASSERT_TRUE(Kiv::activityLoop().runUntil(done, 5));
+  };
+  for (int i = 0; i < 10; ++i) round();
+  const AllocationCounter allocations;
+  for (int i = 0; i < 500; ++i) round();
+  EXPECT_EQ(allocations.allocations(), 0u);
+}
+
+TEST_P(PamConformanceTest, ProgrammingErrorsEndTheProcess) {
+  Pam& pam = *backend->subject();
+  if (const char* const text = backend->deathOfClosedSend()) {
+    EXPECT_DEATH(pam.txPktIs(backend->pktOf("x")), text);
+  }
+  open();
+  EXPECT_DEATH(pam.txPktIs(nullptr), "pkt");
+  if (!backend->hasBulk()) {
+    EXPECT_DEATH(pam.rxPktBulk(), "Need to implement doGetBulkRxPkt in a derived class");
+  }
+}
+
+// What those promise that own a socket ---------------------------------------------------------------------
+
+TEST_P(SocketPamConformanceTest, OpeningCountsBothOnceAndClosingNothing) {
+  Pam& pam = *backend->subject();
+  const std::size_t before = settledDescriptors();
+  std::string log;
+  const Kiv::Reactor onReadable(pam.readableCount, [&] { log += backend->isOpen(pam) ? "R" : "r"; });
+  const Kiv::Reactor onWritable(pam.writableCount, [&] { log += backend->isOpen(pam) ? "W" : "w"; });
+  for (U32 times = 1; times <= 3; ++times) {
+    EXPECT_EQ(backend->pull(pam), nullptr);
+    if (!backend->deathOfClosedSend()) {
+      pam.txPktIs(backend->pktOf("x"));
+      EXPECT_EQ(pam.txErrno(), EBADF);
+      EXPECT_EQ(pam.txErrors(), times);
+    }
+    EXPECT_EQ(pam.rxErrors(), 0u);
+    backend->openIs(pam, true);
+    backend->openIs(pam, true);
+    EXPECT_EQ(log, "RW");
+    EXPECT_EQ(pam.readableCount(), times);
+    EXPECT_EQ(pam.writableCount(), times);
+    EXPECT_EQ(settledDescriptors(), before + 1);
+    log.clear();
+    const Fault fault(Call::close, 1, times == 2 ? EINTR : EIO);  // it is closed all the same
+    backend->openIs(pam, false);
+    backend->openIs(pam, false);
+    EXPECT_EQ(settledDescriptors(), before);
+    EXPECT_EQ(log, "");
+  }
+}
+
+TEST_P(SocketPamConformanceTest, EveryFailedCallOfOpeningIsToldAndUndone) {
+  // What the manual pages list; the first setns only, since without the way back there is no going on.
+  const struct {
+    Call call;
+    std::vector<int> errors;
+  } rows[] = {
+      {Call::socket, {EACCES, EAFNOSUPPORT, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTONOSUPPORT}},
+      {Call::setsockopt, {EBADF, EDOM, EFAULT, EINVAL, ENOBUFS, ENOMEM, ENOPROTOOPT, ENOTSOCK, EPERM}},
+      {Call::bind, {EACCES, EADDRINUSE, EADDRNOTAVAIL, EBADF, EFAULT, EINVAL, ENODEV, ENOMEM, ENOTSOCK}},
+      {Call::fcntl, {EAGAIN, EBADF, EINVAL, EPERM}},
+      {Call::epoll_ctl, {EBADF, EEXIST, EINVAL, ENOENT, ENOMEM, ENOSPC, EPERM}},
+      {Call::open, {EACCES, EINTR, EMFILE, ENFILE, ENOENT, ENOMEM, EPERM}},
+      {Call::setns, {EBADF, EINVAL, ENOMEM, EPERM}}};
+  Pam& pam = *backend->subject();
+  const std::size_t before = settledDescriptors();
+  int failures = 0;
+  for (const auto& row : rows) {
+    unsigned calls = 0;
+    {
+      const Fault count(row.call);
+      backend->openIs(pam, true);
+      calls = row.call == Call::setns ? 1 : count.calls();
+    }
+    backend->openIs(pam, false);
+    const U32 counted = pam.readableCount();
+    for (unsigned nth = 1; nth <= calls; ++nth) {
+      for (const int error : row.errors) {
+        SCOPED_TRACE(testing::Message()
+                     << "call " << static_cast<int>(row.call) << " nth " << nth << " errno " << error);
+        const Fault fault(row.call, nth, error);
+        try {
+          backend->openIs(pam, true);
+          ADD_FAILURE() << "opened";
+        } catch (const Kiv::ErrnoException& failure) {
+          EXPECT_EQ(failure.error(), error);
+        }
+        EXPECT_FALSE(backend->isOpen(pam));
+        EXPECT_EQ(settledDescriptors(), before);
+        EXPECT_EQ(pam.readableCount(), counted);
+        ++failures;
+      }
+    }
+  }
+  EXPECT_GT(failures, 30);
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit tight = {3, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &tight);
+  EXPECT_THROW(backend->openIs(pam, true), Kiv::ErrnoException);
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(settledDescriptors(), before);
+  open();
+  EXPECT_TRUE(exchanges());
+}
+
+TEST_P(SocketPamConformanceTest, FailedSendsAndReceivesAreCountedAndNothingElse) {
+  open();
+  Pam& from = *backend->from;
+  const std::uint64_t sent = backend->sent(from);
+  U32 drops = 0, errors = 0;
+  for (const int error :
+       {EACCES,   EAGAIN, EALREADY, EBADF,      ECONNRESET, EDESTADDRREQ, EFAULT,   EHOSTUNREACH, EINTR,
+        EINVAL,   EIO,    EISCONN,  EMSGSIZE,   ENETDOWN,   ENETUNREACH,  ENOBUFS,  ENODEV,       ENOMEM,
+        ENOTCONN, ENXIO,  ENOTSOCK, EOPNOTSUPP, EPERM,      EPIPE,        ETIMEDOUT}) {
+    const Pkt::Ptr pkt = backend->pktOf("lost");
+    const Fault fault(Call::sendmsg, 1, error);
+    from.txPktIs(pkt);
+    drops += backend->lossOf(error) == PamBackend::Loss::drop;
+    errors += backend->lossOf(error) == PamBackend::Loss::error;
+    EXPECT_EQ(from.txErrno(), error);
+    EXPECT_EQ(from.txDrops(), drops);
+    EXPECT_EQ(from.txErrors(), errors);
+    EXPECT_EQ(backend->sent(from), sent);
+    EXPECT_EQ(pkt->references(), 1u);  // neither queued nor tried again
+  }
+  send("kept");
+  EXPECT_EQ(backend->sent(from), sent + 1);
+  Pam& to = *backend->to;
+  for (const int error : {EAGAIN, EBADF, ECONNREFUSED, ECONNRESET, EFAULT, EINTR, EINVAL, EIO, EMSGSIZE,
+                          ENETDOWN, ENOBUFS, ENOMEM, ENOTCONN, ENOTSOCK, EOPNOTSUPP, ETIMEDOUT}) {
+    const U32 before = to.rxErrors();
+    const Fault fault(backend->receiveCall(), 1, error);
+    EXPECT_EQ(backend->pull(to), nullptr);
+    EXPECT_EQ(to.rxErrors(), before + (backend->countsFailedReceive(error) ? 1 : 0)) << error;
+    EXPECT_FALSE(to.savedPacketRx(0));
+  }
+  EXPECT_EQ(receive(), "kept");
+  EXPECT_TRUE(backend->isOpen(from) && backend->isOpen(to));
+}
+
+TEST_P(SocketPamConformanceTest, AnOptionThatIsRefusedWhileOpenCostsTheSocketAndNothingElse) {
+  open();
+  Pam& pam = *backend->subject();
+  const std::size_t before = settledDescriptors();
+  backend->roomIsSmall();
+  for (int i = 0; i < 100; ++i) send("flood");
+  while (receive(0.02) == "flood") {
+  }
+  const U32 drops = backend->to->rxDrops();
+  EXPECT_GT(drops, 0u);
+  for (int i = 0; i < 100; ++i) send("flood");
+  {
+    const Fault fault(Call::setsockopt, 1, ENOMEM);
+    if (!backend->changeOption(pam)) return;  // has none
+  }
+  EXPECT_EQ(settledDescriptors(), before - 1);
+  EXPECT_GT(pam.rxDrops(), drops);
+  EXPECT_EQ(backend->pull(pam), nullptr);
+  pam.txPktIs(backend->pktOf("x"));
+  EXPECT_EQ(pam.txErrno(), EBADF);
+  backend->openIs(pam, false);
+  open();
+  EXPECT_TRUE(exchanges());
+}
+
+TEST_P(SocketPamConformanceTest, InterfaceAndNamespaceMayGoAndComeBack) {
+  open();
+  EXPECT_TRUE(exchanges());
+  ns->ip("link set lo down");
+  send("into the void");
+  EXPECT_EQ(receive(0.02), "nothing");
+  ns->ip("link set lo up");
+  EXPECT_TRUE(exchanges());
+
+  ns->del();  // its name; what is open stays
+  EXPECT_TRUE(exchanges());
+  Pam& pam = *backend->subject();
+  backend->openIs(pam, false);
+  try {
+    backend->openIs(pam, true);
+    ADD_FAILURE() << "opened";
+  } catch (const Kiv::ErrnoException& failure) {
+    EXPECT_EQ(failure.error(), ENOENT);
+  }
+  EXPECT_FALSE(backend->isOpen(pam));
+  backend->openIs(*backend->from, false);
+  backend->openIs(*backend->to, false);
+  ns = nullptr;
+  ns = std::make_unique<NetNs>("lo");
+  open();
+  EXPECT_TRUE(exchanges());
+}

@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Wirl/access/Pam.h"
+#include "Wirl/value/NamespaceName.h"
+#include "tests/support/FaultInjection.h"
+#include "tests/support/NetNs.h"
+
+/// Two Pams of a class that exchange packets, and what of the class the suite below has to know to hold it to
+/// what every Pam promises. A class joins by a backend of its own, in the tests of its room:
+///
+///     INSTANTIATE_TEST_SUITE_P(Udp, PamConformanceTest, testing::Values(PamClass{"UdpPam", makeBackend}));
+///
+/// and in `SocketPamConformanceTest`, too, if it opens and closes a socket.
+class PamBackend {
+ public:
+  /// How a send shows that did not work.
+  enum class Loss { uncounted, drop, error };
+  /// An attribute to which a reactor can be registered.
+  using Watch = std::function<Kiv::Reactor(std::function<void()>)>;
+
+  PamBackend() = default;
+  virtual ~PamBackend() = default;
+  PamBackend(const PamBackend&) = delete;
+  PamBackend& operator=(const PamBackend&) = delete;
+
+  /// Made, set up and closed; the only pointers. What `from` sends is received by `to`, which can send, too.
+  Kiv::Ptr<Wirl::Pam> from, to;
+  /// The one that the suite is about.
+  Kiv::Ptr<Wirl::Pam>& subject() { return receives() ? to : from; }
+
+  /// Whether it is about `to`; else that is but a witness, of another class.
+  virtual bool receives() const { return true; }
+  /// Lets go of an end for good.
+  virtual void drop(Kiv::Ptr<Wirl::Pam>& end) { end = nullptr; }
+  virtual void openIs(Wirl::Pam&, bool) {}
+  virtual bool isOpen(const Wirl::Pam&) const { return true; }
+  virtual Wirl::Pkt::Ptr pktOf(const std::string& payload) const;
+  virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
+  virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) const { return pam.rxPkt(); }
+  /// Attributes that change when the subject is opened, receives, fails to, fails to send and is closed,
+  /// besides the two counts.
+  virtual std::vector<Watch> attributes(Wirl::Pam&) const { return {}; }
+  /// Makes the room for packets that `to` did not pull yet as small as can be.
+  virtual void roomIsSmall() = 0;
+  virtual bool hasBulk() const { return false; }
+
+  // Of those with a socket:
+  virtual Call receiveCall() const { return Call::recvmsg; }
+  virtual Loss lossOf(int) const { return Loss::error; }
+  virtual bool countsFailedReceive(int) const { return true; }
+  /// What a send while closed dies of; null where it is counted as an error.
+  virtual const char* deathOfClosedSend() const { return nullptr; }
+  /// Sets what is an option of the socket, and catches the `ErrnoException` that there has to be; false where
+  /// the class has no such thing.
+  virtual bool changeOption(Wirl::Pam&) const { return false; }
+  virtual std::uint64_t sent(const Wirl::Pam&) const { return 0; }
+  virtual Kiv::Ptr<Kiv::PtrInterface> fdSm(const Wirl::Pam&) const { return nullptr; }
+};
+
+/// A backend of Pams that own a socket.
+template <typename P>
+class SocketPamBackend : public PamBackend {
+ public:
+  bool isOpen(const Wirl::Pam& pam) const override { return as(pam).fileDesc() != nullptr; }
+  Kiv::Ptr<Kiv::PtrInterface> fdSm(const Wirl::Pam& pam) const override { return as(pam).fdSm(); }
+  std::vector<Watch> attributes(Wirl::Pam& pam) const override {
+    auto& own = as(pam);
+    return {[&own](auto action) { return Kiv::Reactor(own.fileDesc, action); },
+            [&own](auto action) { return Kiv::Reactor(own.fdSm, action); },
+            [&own](auto action) { return Kiv::Reactor(own.txErrno, action); }};
+  }
+
+ protected:
+  static const P& as(const Wirl::Pam& pam) { return dynamic_cast<const P&>(pam); }
+  static P& as(Wirl::Pam& pam) { return dynamic_cast<P&>(pam); }
+};
+
+/// True, with the failure where there is none.
+bool isRefused(const std::function<void()>& change);
+
+/// As small as the kernel lets it be.
+void receiveBufferIsSmall(int fd);
+
+/// Descriptors of the process when the deferred closer has nothing left to do.
+std::size_t settledDescriptors();
+
+struct PamClass {
+  const char* name;
+  /// Sockets are to be in the namespace, whose loopback is their wire.
+  std::unique_ptr<PamBackend> (*make)(const Wirl::NamespaceName& ns);
+
+  friend void PrintTo(const PamClass& what, std::ostream* out) { *out << what.name; }
+  static std::string nameOf(const testing::TestParamInfo<PamClass>& info) { return info.param.name; }
+};
+
+class PamConformanceTest : public NetNsTest, public testing::WithParamInterface<PamClass> {
+ protected:
+  void SetUp() override;
+
+  /// Both ends anew.
+  void renew();
+  void open();
+  std::string receive(double seconds = 5);
+  void send(const std::string& payload) { backend->from->txPktIs(backend->pktOf(payload)); }
+  /// Whether what is sent arrives, be it at the second or third try.
+  bool exchanges();
+  std::vector<PamBackend::Watch> watches() const;
+
+  std::unique_ptr<NetNs> ns;
+  std::unique_ptr<PamBackend> backend;
+};
+
+class SocketPamConformanceTest : public PamConformanceTest {};
