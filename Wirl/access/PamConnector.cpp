@@ -146,6 +146,7 @@ Kiv::Ptr<PamConnectorPam> PamConnector::pam(const Kiv::String& name) const {
 }
 
 void PamConnector::pamIs(const Kiv::Ptr<PamConnectorPam>& pam) {
+  KIV_ASSERT_AS(pam, "pam");
   Kiv::Ptr<PamConnectorPam>& entry = pam_[pam->name()];
   if (entry == pam) return;
   if (const auto former = std::exchange(entry, pam)) former->cut();
