@@ -70,14 +70,6 @@ bool PamConformanceTest::exchanges() {
   return false;
 }
 
-std::vector<PamBackend::Watch> PamConformanceTest::watches() const {
-  Pam& pam = *backend->subject();
-  std::vector<PamBackend::Watch> all = backend->attributes(pam);
-  all.emplace_back([&pam](auto action) { return Kiv::Reactor(pam.readableCount, action); });
-  all.emplace_back([&pam](auto action) { return Kiv::Reactor(pam.writableCount, action); });
-  return all;
-}
-
 // What every Pam promises ----------------------------------------------------------------------------------
 
 TEST_P(PamConformanceTest, ClientsPullWhatWasSentWholeInOrderAndOnce) {
@@ -87,13 +79,13 @@ TEST_P(PamConformanceTest, ClientsPullWhatWasSentWholeInOrderAndOnce) {
   const U32 before = to.readableCount();
   std::vector<std::string> wanted, got;
   for (const std::size_t size : {30u, 100u, 1400u}) {
-    for (const U32 ahead : {0u, 1u, 20u}) {  // in a second piece, in front
+    for (U32 ahead : {0u, 1u, 20u}) {  // in a second piece, in front
+      if (!backend->gathers()) ahead = 0;
       std::string text(size, 'x');
       for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i * 7 + ahead);
       const Pkt::Ptr whole = backend->pktOf(text);
       const std::string octets = whole->stringValue();
-      const Pkt::Ptr pkt = globalPktManager()->newPkt();
-      pkt->stringValueIs(octets.substr(ahead));
+      const Pkt::Ptr pkt = backend->PamBackend::pktOf(octets.substr(ahead));
       if (ahead > 0) pkt->newPrivateHeadData(ahead);
       for (U32 i = 0; i < ahead; ++i) pkt->rawByteIs(i, static_cast<U8>(octets[i]));
       backend->from->txPktIs(pkt);
@@ -120,8 +112,9 @@ TEST_P(PamConformanceTest, ClientsPullWhatWasSentWholeInOrderAndOnce) {
 
 TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
   enum Deed { close, reopen, drop, fail };
-  renew();
   const std::size_t count = watches().size();
+  backend = nullptr;
+  const std::size_t none = settledDescriptors();
   for (const Deed deed : {close, reopen, drop, fail}) {
     for (std::size_t watch = 0; watch < count; ++watch) {
       for (const bool opening : {true, false}) {
@@ -171,16 +164,18 @@ TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
           EXPECT_EQ(settledDescriptors(), before);
           open();
           EXPECT_TRUE(exchanges());
-        } else {
-          EXPECT_EQ(settledDescriptors(), before);
         }
+        backend = nullptr;
+        EXPECT_EQ(settledDescriptors(), none);
       }
     }
   }
 }
 
 TEST_P(PamConformanceTest, PacketsThatAreQueuedGoWithThePamAndNobodyIsTold) {
+  backend = nullptr;
   const std::size_t before = settledDescriptors();
+  renew();
   open();
   std::vector<Pkt::Ptr> sent;
   for (int i = 0; i < 10; ++i) {
@@ -204,6 +199,7 @@ TEST_P(PamConformanceTest, PacketsThatAreQueuedGoWithThePamAndNobodyIsTold) {
 
 TEST_P(PamConformanceTest, AFloodFasterThanTheReaderLosesWhatIsCountedAndNothingElse) {
   open();
+  if (!backend->loses()) return;
   backend->roomIsSmall();
   const auto flood = [&] {
     for (int i = 0; i < 1000; ++i) send("flood");

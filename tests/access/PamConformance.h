@@ -45,12 +45,18 @@ class PamBackend {
   virtual Wirl::Pkt::Ptr pktOf(const std::string& payload) const;
   virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
   virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) const { return pam.rxPkt(); }
-  /// Attributes that change when the subject is opened, receives, fails to, fails to send and is closed,
-  /// besides the two counts.
-  virtual std::vector<Watch> attributes(Wirl::Pam&) const { return {}; }
+  /// Attributes that change when the subject is opened, receives, fails to, fails to send and is closed.
+  virtual std::vector<Watch> attributes(Wirl::Pam& pam) const {
+    return {[&pam](auto action) { return Kiv::Reactor(pam.readableCount, action); },
+            [&pam](auto action) { return Kiv::Reactor(pam.writableCount, action); }};
+  }
   /// Makes the room for packets that `to` did not pull yet as small as can be.
-  virtual void roomIsSmall() = 0;
+  virtual void roomIsSmall() {}
   virtual bool hasBulk() const { return false; }
+  /// Whether it sends packets of two pieces.
+  virtual bool gathers() const { return true; }
+  /// Whether it loses what there is no room for, instead of holding up the sender.
+  virtual bool loses() const { return true; }
 
   // Of those with a socket:
   virtual Call receiveCall() const { return Call::recvmsg; }
@@ -73,9 +79,11 @@ class SocketPamBackend : public PamBackend {
   Kiv::Ptr<Kiv::PtrInterface> fdSm(const Wirl::Pam& pam) const override { return as(pam).fdSm(); }
   std::vector<Watch> attributes(Wirl::Pam& pam) const override {
     auto& own = as(pam);
-    return {[&own](auto action) { return Kiv::Reactor(own.fileDesc, action); },
-            [&own](auto action) { return Kiv::Reactor(own.fdSm, action); },
-            [&own](auto action) { return Kiv::Reactor(own.txErrno, action); }};
+    auto all = PamBackend::attributes(pam);
+    all.emplace_back([&own](auto action) { return Kiv::Reactor(own.fileDesc, action); });
+    all.emplace_back([&own](auto action) { return Kiv::Reactor(own.fdSm, action); });
+    all.emplace_back([&own](auto action) { return Kiv::Reactor(own.txErrno, action); });
+    return all;
   }
 
  protected:
@@ -112,7 +120,7 @@ class PamConformanceTest : public NetNsTest, public testing::WithParamInterface<
   void send(const std::string& payload) { backend->from->txPktIs(backend->pktOf(payload)); }
   /// Whether what is sent arrives, be it at the second or third try.
   bool exchanges();
-  std::vector<PamBackend::Watch> watches() const;
+  std::vector<PamBackend::Watch> watches() const { return backend->attributes(*backend->subject()); }
 
   std::unique_ptr<NetNs> ns;
   std::unique_ptr<PamBackend> backend;

@@ -75,6 +75,7 @@ struct SlowToClose {
 
 class DeferCloseTest : public testing::Test {
  protected:
+  void SetUp() override { EXPECT_TRUE(allClosed()); }
   bool allClosed() const {
     return within(20s, [this] { return stats->enqueued == stats->closed; });
   }
