@@ -86,5 +86,6 @@ class Capture {
 // The parts, in the order of the demo: each says what it does, adds its agents' counters and returns whether all
 // went well.
 bool udp(example::CounterTable& counters);
+bool tcp(example::CounterTable& counters);
 
 }  // namespace demo

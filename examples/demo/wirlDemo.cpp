@@ -9,6 +9,7 @@ namespace {
 // In the order of the layers.
 constexpr bool (*kParts[])(example::CounterTable& counters) = {
     demo::udp,
+    demo::tcp,
 };
 
 int run() {
