@@ -16,12 +16,10 @@ namespace {
 Kiv::TraceHandle trace("TcpClientSm");
 
 /// Whether both ends are one: the SYN met its own sender, and that was an answer.
-bool connectedToItself(int socket) {
+bool connectedToItself(int socket, const detail::SockAddr& peer) {
   detail::SockAddr local;
-  detail::SockAddr remote;
-  return getsockname(socket, local.get(), &local.length()) == 0 &&
-         getpeername(socket, remote.get(), &remote.length()) == 0 && local.port() == remote.port() &&
-         local.address() == remote.address();
+  return getsockname(socket, local.get(), &local.length()) == 0 && local.port() == peer.port() &&
+         local.address() == peer.address();
 }
 
 }  // namespace
@@ -69,6 +67,7 @@ void TcpClientSm::handle(Event event) {
 /// What the states do. Returns the event that follows at once, if any.
 std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
   watchDel();
+  onWritable_.drop();
   deadlineDel();
   const TcpFileDescriptor::PtrConst connecting = std::exchange(socket_, nullptr);
   if (entered != State::closing) put(connection, TcpFileDescriptor::PtrConst());
@@ -130,7 +129,7 @@ bool TcpClientSm::connectedNow() const {
   const int fd = socket_->descriptor();
   const detail::SockAddr peer(peer_, peerPort_, scopeOf(*socket_));
   if (::connect(fd, peer.get(), peer.length()) == 0 || errno == EISCONN) {
-    if (connectedToItself(fd)) throw Kiv::ErrnoException(ECONNREFUSED, "connect");
+    if (connectedToItself(fd, peer)) throw Kiv::ErrnoException(ECONNREFUSED, "connect");
     return true;
   }
   if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR) return false;

@@ -93,6 +93,7 @@ void TcpServerSm::handle(Event event) {
 /// What the states do. Returns the event that follows at once, if any.
 std::optional<TcpServerSm::Event> TcpServerSm::enter(State entered) {
   watchDel();
+  onReadable_.drop();
   deadlineDel();
   switch (entered) {
     case State::opening:

@@ -21,13 +21,15 @@ namespace {
 
 Kiv::TraceHandle trace("TcpSm");
 
+/// For all machines; makes nothing but registrations of the thread that asks.
+TcpFileDescriptorEventRegistrationFactory& activityLoopFactory() {
+  static TcpFileDescriptorEventRegistrationFactoryKivc factory;
+  return factory;
+}
+
 }  // namespace
 
-TcpSm::TcpSm(Kiv::String name, Factory factory)
-    : Entity(std::move(name)),
-      factory_(factory ? std::move(factory) : tcpFileDescriptorEventRegistrationFactoryKivcFactory()),
-      clock_(Kiv::makePtr<Kiv::Clock>(this->name())),
-      onClock_(clock_->expiredCount, [this] { handleClock(); }) {}
+TcpSm::TcpSm(Kiv::String name, Factory factory) : Entity(std::move(name)), factory_(std::move(factory)) {}
 
 TcpSm::~TcpSm() = default;
 
@@ -86,7 +88,20 @@ U32 TcpSm::scopeOf(const TcpFileDescriptor& socket) const noexcept {
 }
 
 void TcpSm::watchIs(const TcpFileDescriptor::PtrConst& socket) {
-  watch_ = factory_->createEventRegistration(socket);
+  watch_ = (factory_ ? *factory_ : activityLoopFactory()).createEventRegistration(socket);
+}
+
+void TcpSm::deadlineIs(Kiv::Time delay) {
+  if (!clock_) {
+    clock_ = Kiv::makePtr<Kiv::Clock>(name());
+    onClock_ = Kiv::Reactor(clock_->expiredCount, [this] { handleClock(); });
+  }
+  clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), delay));
+}
+
+void TcpSm::deadlineDel() noexcept {
+  onClock_.drop();
+  clock_ = nullptr;
 }
 
 void TcpSm::failureIs(const Kiv::ErrnoException& failure) {
@@ -97,7 +112,8 @@ void TcpSm::failureIs(const Kiv::ErrnoException& failure) {
 
 void TcpSm::notifyChanged() {
   const Kiv::Ptr<TcpSm> alive(references() > 0 ? this : nullptr);
-  for (Kiv::NotifieeList* const notifiees : std::exchange(changed_, {})) notifiees->notify();
+  const std::vector<Kiv::NotifieeList*> all = std::exchange(changed_, {});
+  for (Kiv::NotifieeList* const notifiees : all) notifiees->notify();
 }
 
 }  // namespace Wirl

@@ -80,9 +80,9 @@ class KIV_API TcpSm : public Kiv::Entity {
   const Kiv::Ptr<TcpFileDescriptorEventRegistration>& watch() const noexcept { return watch_; }
   void watchDel() noexcept { watch_ = nullptr; }
 
-  Kiv::Clock& clock() noexcept { return *clock_; }
-  void deadlineIs(Kiv::Time delay) { clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), delay)); }
-  void deadlineDel() { clock_->timeMinIs(Kiv::timeInfinite); }
+  /// Runs `handleClock()` after `delay`, in place of a deadline that there is.
+  void deadlineIs(Kiv::Time delay);
+  void deadlineDel() noexcept;
   void backoffDeadlineIs() { deadlineIs(backoff_.next(backoffMin(), backoffMax())); }
   void backoffReset() noexcept { backoff_.reset(); }
 
@@ -96,8 +96,8 @@ class KIV_API TcpSm : public Kiv::Entity {
 
  private:
   const Factory factory_;
-  const Kiv::Ptr<Kiv::Clock> clock_;
-  const Kiv::Reactor onClock_;
+  Kiv::Ptr<Kiv::Clock> clock_;  // while there is a deadline
+  Kiv::Reactor onClock_;
   Kiv::Ptr<TcpFileDescriptorEventRegistration> watch_;
   detail::Backoff backoff_;
   std::vector<Kiv::NotifieeList*> changed_;

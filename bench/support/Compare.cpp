@@ -39,6 +39,11 @@ class Collector : public benchmark::BenchmarkReporter {
         errors[run.run_name.function_name] = run.error_message;
         continue;
       }
+      const auto bytes = run.counters.find("bytes");
+      if (bytes != run.counters.end()) {
+        sizes[run.run_name.function_name] = bytes->second;
+        continue;
+      }
       // A body may count several pieces of work an iteration.
       const auto items = run.counters.find("items_per_second");
       times[run.run_name.function_name].push_back(items != run.counters.end()
@@ -56,6 +61,7 @@ class Collector : public benchmark::BenchmarkReporter {
   }
 
   std::map<std::string, std::vector<double>> times;
+  std::map<std::string, double> sizes;
   std::map<std::string, std::string> errors;
 };
 
@@ -67,6 +73,10 @@ void print(const Row& row, Collector& results) {
       std::printf("%-58s | %s\n", row.work.c_str(), error->second.c_str());
       return;
     }
+  }
+  if (const auto size = results.sizes.find(oursName(row)); size != results.sizes.end()) {
+    std::printf("%-58s | %10.0f bytes\n", row.work.c_str(), size->second);
+    return;
   }
   if (ours == 0) return;  // filtered out
   if (row.peer.empty()) {

@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <functional>
+#include <list>
 #include <string>
 #include <vector>
 
+#include "Wirl/transport/SimpleTcpPduPam.h"
 #include "Wirl/transport/TcpClientSm.h"
 #include "Wirl/transport/TcpServerSm.h"
 #include "tests/support/Descriptors.h"
@@ -442,6 +445,70 @@ TEST(TcpServerSm, ReactorsMayDisableItOrLetGoOfIt) {
       loop().poll();
     }
   }
+}
+
+TEST(TcpSm, AThousandConnectionsOnOneLoop) {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const rlimit before = descriptors;
+  descriptors.rlim_cur = descriptors.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &descriptors);
+  const std::size_t count = std::min<std::size_t>(1000, descriptors.rlim_max / 2 - 50);
+  const auto factory = tcpFileDescriptorEventRegistrationFactoryKivcFactory();
+  struct End {
+    Kiv::Ptr<TcpClientSm> sm;
+    Kiv::Ptr<SimpleTcpPduPam> pam;
+    Kiv::Reactor onConnection, onReadable, onEnd;
+  };
+  const auto open = [&](End& end, const TcpFileDescriptor::PtrConst& fd, auto action) {
+    end.pam = simpleTcpPduPamFactory(fd, factory);
+    end.pam->maxPduLengthIs(100);
+    end.onReadable = Kiv::Reactor(end.pam->readableCount, [&end, action] {
+      while (const Pkt::Ptr pdu = end.pam->rxPkt()) action(end, pdu);
+    });
+    end.pam->enableModeIs(tcpEnableModeReadWrite);
+  };
+  const auto server = tcpServerSmFactory("server");
+  server->localAddrIs(IpGenAddr("127.0.0.1"));
+  server->backlogIs(1000);
+  server->maxConnectionsIs(static_cast<U32>(count * 3 / 5));  // the others wait for theirs to go
+  server->enabledIs(true);
+  std::list<End> serving;
+  const Kiv::Reactor onAccept(server->readableCount, [&] {
+    while (const auto connection = server->accept()) {
+      End& end = serving.emplace_back();
+      open(end, connection, [](End& echo, const Pkt::Ptr& pdu) { echo.pam->txPktIs(pdu); });
+      end.onEnd = Kiv::Reactor(end.pam->rxErrorReason,
+                               [&serving, each = std::prev(serving.end())] { serving.erase(each); });
+    }
+  });
+  std::list<End> clients(count);
+  std::size_t echoed = 0;
+  std::size_t closed = 0;
+  for (End& end : clients) {
+    end.sm = client(server->listeningPort());
+    end.onConnection = Kiv::Reactor(end.sm->connection, [&] {
+      if (!end.sm->connection()) return;
+      open(end, end.sm->connection(), [&](End& own, const Pkt::Ptr&) {
+        ++echoed;
+        own.sm->close();
+      });
+      end.onEnd = Kiv::Reactor(end.pam->rxErrorReason, [&] {
+        ++closed;
+        end.sm->connectionDel();
+      });
+      const Pkt::Ptr pdu = globalPktManager()->newPkt();
+      pdu->stringValueIs(std::string("\0\0\0\x40", 4) + std::string(60, 'x'));
+      end.pam->txPktIs(pdu);
+    });
+    end.sm->enabledIs(true);
+  }
+  EXPECT_TRUE(soon([&] { return closed == count; }));
+  EXPECT_EQ(echoed, count);
+  EXPECT_EQ(server->accepted(), count);
+  EXPECT_EQ(server->openConnections(), 0u);
+  EXPECT_EQ(server->acceptErrors(), 0u);
+  setrlimit(RLIMIT_NOFILE, &before);
 }
 
 class TcpSmNetNsTest : public NetNsTest {};
