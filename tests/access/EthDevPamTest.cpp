@@ -192,7 +192,8 @@ TEST_F(EthDevPamTest, TheKernelTellsApartWhatIsReceived) {
   });
   for (int i = 0; i < 20000; ++i) {
     blue->txPktIs(pktOf(frameOf(i % 100 == 0 ? "yes" : "no")));
-    if (i % 100 == 0) Kiv::activityLoop().poll();
+    // What the kernel itself cannot hold is not the filter's to lose.
+    if (i % 100 == 99) Kiv::activityLoop().runUntil([&] { return right == i / 100 + 1; }, 2);
   }
   blue->txPktIs(pktOf(frameOf("yes", kTo, "\x88\xcc")));  // another type
   Kiv::activityLoop().runUntil([&] { return right == 200; }, 2);

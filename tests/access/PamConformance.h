@@ -68,7 +68,10 @@ class PamBackend {
   /// the class has no such thing.
   virtual bool changeOption(Wirl::Pam&) const { return false; }
   virtual std::uint64_t sent(const Wirl::Pam&) const { return 0; }
-  virtual Kiv::Ptr<Kiv::PtrInterface> fdSm(const Wirl::Pam&) const { return nullptr; }
+  /// An event of the socket that comes late, for its descriptor object and state machine as they are now.
+  virtual std::function<void()> lateEvent(const Wirl::Pam&) const {
+    return [] {};
+  }
 };
 
 /// A backend of Pams that own a socket.
@@ -76,7 +79,12 @@ template <typename P>
 class SocketPamBackend : public PamBackend {
  public:
   bool isOpen(const Wirl::Pam& pam) const override { return as(pam).fileDesc() != nullptr; }
-  Kiv::Ptr<Kiv::PtrInterface> fdSm(const Wirl::Pam& pam) const override { return as(pam).fdSm(); }
+  std::function<void()> lateEvent(const Wirl::Pam& pam) const override {
+    return [fd = as(pam).fileDesc(), sm = as(pam).fdSm()] {
+      EXPECT_EQ(fd->descriptor(), -1);
+      fd->readableCountInc(1);
+    };
+  }
   std::vector<Watch> attributes(Wirl::Pam& pam) const override {
     auto& own = as(pam);
     auto all = PamBackend::attributes(pam);
