@@ -491,28 +491,17 @@ TEST_P(RawIpPamTest, WhatIcmpReportsIsTakenOffTheErrorQueueAndTheLoopComesToRest
   EXPECT_EQ(blue->readableCount(), events);
 }
 
-TEST_P(RawIpPamTest, TheInterfaceMayGoDownAndUpAndVanish) {
-  const Wire& mine = own();
-  wire = &mine;
+TEST_P(RawIpPamTest, TheInterfaceMayGoDownAndVanish) {
+  wire = &own();
   const PamPtr pam = sender();
-  const PamPtr peer = receiver();
-  mine.blue.ip("link set veth1 down");
-  pam->txPktIs(pktOf("down"));
-  EXPECT_EQ(pam->txErrors(), 1u);
-  EXPECT_EQ(pam->rxPkt(), nullptr);
-  mine.blue.ip("link set veth1 up");
-  if (v6) mine.blue.ip("addr add " + mine.veth.ip6B + "/64 dev veth1 nodad");
-  std::string got;
-  for (int i = 0; i < 100 && got != "again"; ++i) {
-    pam->txPktIs(pktOf("again"));
-    got = receive(peer, 0.05);
+  U32 errors = 0;
+  for (const char* what : {"set veth1 down", "del veth1"}) {
+    wire->blue.ip(std::string("link ") + what);
+    pam->txPktIs(pktOf("lost"));
+    EXPECT_EQ(pam->txErrors(), ++errors);
+    EXPECT_EQ(pam->rxPkt(), nullptr);
+    EXPECT_TRUE(pam->enabled());
   }
-  EXPECT_EQ(got, "again");
-  mine.blue.ip("link del veth1");
-  const U32 before = pam->txErrors();
-  pam->txPktIs(pktOf("gone"));
-  EXPECT_EQ(pam->txErrors(), before + 1);
-  EXPECT_TRUE(pam->enabled());
 }
 
 TEST_P(RawIpPamTest, TracesWhyNothingWasReceived) {

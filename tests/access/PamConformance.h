@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <functional>
 #include <memory>
@@ -16,7 +17,8 @@
 /// Two Pams of a class that exchange packets, and what of the class the suite below has to know to hold it to
 /// what every Pam promises. A class joins by a backend of its own, in the tests of its room:
 ///
-///     INSTANTIATE_TEST_SUITE_P(Udp, PamConformanceTest, testing::Values(PamClass{"UdpPam", makeBackend}));
+///     INSTANTIATE_TEST_SUITE_P(Udp, PamConformanceTest, testing::Values(pamClass<UdpBackend>("UdpPam")),
+///                              PamClass::nameOf);
 ///
 /// and in `SocketPamConformanceTest`, too, if it opens and closes a socket.
 class PamBackend {
@@ -25,6 +27,10 @@ class PamBackend {
   enum class Loss { uncounted, drop, error };
   /// An attribute to which a reactor can be registered.
   using Watch = std::function<Kiv::Reactor(std::function<void()>)>;
+  template <typename Attr>
+  static Watch on(Attr& attr) {
+    return [&attr](std::function<void()> action) { return Kiv::Reactor(attr, std::move(action)); };
+  }
 
   PamBackend() = default;
   virtual ~PamBackend() = default;
@@ -33,11 +39,10 @@ class PamBackend {
 
   /// Made, set up and closed; the only pointers. What `from` sends is received by `to`, which can send, too.
   Kiv::Ptr<Wirl::Pam> from, to;
-  /// The one that the suite is about.
+  /// The one that the suite is about: `to`, unless that is but a witness, of another class.
   Kiv::Ptr<Wirl::Pam>& subject() { return receives() ? to : from; }
-
-  /// Whether it is about `to`; else that is but a witness, of another class.
   virtual bool receives() const { return true; }
+
   /// Lets go of an end for good.
   virtual void drop(Kiv::Ptr<Wirl::Pam>& end) { end = nullptr; }
   virtual void openIs(Wirl::Pam&, bool) {}
@@ -47,8 +52,7 @@ class PamBackend {
   virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) const { return pam.rxPkt(); }
   /// Attributes that change when the subject is opened, receives, fails to, fails to send and is closed.
   virtual std::vector<Watch> attributes(Wirl::Pam& pam) const {
-    return {[&pam](auto action) { return Kiv::Reactor(pam.readableCount, action); },
-            [&pam](auto action) { return Kiv::Reactor(pam.writableCount, action); }};
+    return {on(pam.readableCount), on(pam.writableCount)};
   }
   /// Makes the room for packets that `to` did not pull yet as small as can be.
   virtual void roomIsSmall() {}
@@ -64,8 +68,7 @@ class PamBackend {
   virtual bool countsFailedReceive(int) const { return true; }
   /// What a send while closed dies of; null where it is counted as an error.
   virtual const char* deathOfClosedSend() const { return nullptr; }
-  /// Sets what is an option of the socket, and catches the `ErrnoException` that there has to be; false where
-  /// the class has no such thing.
+  /// Sets what is an option of the socket; false where the class has no such thing.
   virtual bool changeOption(Wirl::Pam&) const { return false; }
   virtual std::uint64_t sent(const Wirl::Pam&) const { return 0; }
   /// An event of the socket that comes late, for its descriptor object and state machine as they are now.
@@ -74,7 +77,7 @@ class PamBackend {
   }
 };
 
-/// A backend of Pams that own a socket.
+/// Of Pams that own a socket, as class `P` has it.
 template <typename P>
 class SocketPamBackend : public PamBackend {
  public:
@@ -87,26 +90,24 @@ class SocketPamBackend : public PamBackend {
   }
   std::vector<Watch> attributes(Wirl::Pam& pam) const override {
     auto& own = as(pam);
-    auto all = PamBackend::attributes(pam);
-    all.emplace_back([&own](auto action) { return Kiv::Reactor(own.fileDesc, action); });
-    all.emplace_back([&own](auto action) { return Kiv::Reactor(own.fdSm, action); });
-    all.emplace_back([&own](auto action) { return Kiv::Reactor(own.txErrno, action); });
-    return all;
+    return {on(pam.readableCount), on(pam.writableCount), on(pam.txErrno), on(own.fileDesc), on(own.fdSm)};
   }
+  void roomIsSmall() override { receiveBufferIsSmall(as(*to).fileDesc()->descriptor()); }
 
  protected:
   static const P& as(const Wirl::Pam& pam) { return dynamic_cast<const P&>(pam); }
   static P& as(Wirl::Pam& pam) { return dynamic_cast<P&>(pam); }
+  static std::vector<Watch> both(std::vector<Watch> some, const std::vector<Watch>& more) {
+    some.insert(some.end(), more.begin(), more.end());
+    return some;
+  }
+
+ private:
+  static void receiveBufferIsSmall(int fd) {
+    const int small = 1;  // the kernel makes it its minimum
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+  }
 };
-
-/// True, with the failure where there is none.
-bool isRefused(const std::function<void()>& change);
-
-/// As small as the kernel lets it be.
-void receiveBufferIsSmall(int fd);
-
-/// Descriptors of the process when the deferred closer has nothing left to do.
-std::size_t settledDescriptors();
 
 struct PamClass {
   const char* name;
@@ -116,6 +117,16 @@ struct PamClass {
   friend void PrintTo(const PamClass& what, std::ostream* out) { *out << what.name; }
   static std::string nameOf(const testing::TestParamInfo<PamClass>& info) { return info.param.name; }
 };
+
+template <typename Backend, auto... kVariation>
+PamClass pamClass(const char* name) {
+  return {name, [](const Wirl::NamespaceName& ns) -> std::unique_ptr<PamBackend> {
+            return std::make_unique<Backend>(ns, kVariation...);
+          }};
+}
+
+/// Descriptors of the process when the deferred closer has nothing left to do.
+std::size_t settledDescriptors();
 
 class PamConformanceTest : public NetNsTest, public testing::WithParamInterface<PamClass> {
  protected:

@@ -116,20 +116,6 @@ TEST(PamFdSm, CountsOnceOnBeingMadeAndThenEveryEvent) {
   EXPECT_EQ(pam->readableCount(), 5u);
 }
 
-TEST(PamFdSm, MayBeDroppedFromWhatItSetsOff) {
-  Sockets sockets;
-  const auto pam = Kiv::makePtr<FakePam>();
-  const auto fd = Kiv::makePtr<Kiv::FileDescriptor>("fd");
-  fd->notifyOnWritableIs(true);
-  fd->descriptorIs(sockets.ends[0]);
-  auto sm = PamFdSmIs(fd, pam.get());
-  const Kiv::Reactor onReadable(pam->readableCount, [&] { sm = nullptr; });
-  sockets.write();
-  Kiv::activityLoop().poll();
-  Kiv::activityLoop().poll();
-  EXPECT_EQ(pam->log, "r1w1r2");
-}
-
 TEST(PamDeathTest, AReqResponsePamFdSmIsForItsClassOnly) {
   const auto pam = Kiv::makePtr<FakePam>();
   EXPECT_DEATH(ReqResponsePamFdSmIs(nullptr, pam.get()), "dynamic_cast<ReqResponseRawTxPam\\*>\\(pam\\)");
