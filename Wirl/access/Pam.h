@@ -9,6 +9,10 @@
 
 namespace Wirl {
 
+namespace detail {
+class RxBatch;
+}
+
 using Kiv::S32;
 
 /// A packet access mechanism: moves packets between a descriptor (or, in process, another Pam) and its
@@ -99,8 +103,21 @@ class KIV_API Pam : public Kiv::Entity {
 
  protected:
   void rxPktHolderIs(Pkt::Ptr pkt) noexcept { rxPktHolder_ = std::move(pkt); }
+  /// The counts' `Inc(1)` for a caller who keeps the Pam alive meanwhile.
+  void countReadable() {
+    readableCount.store(readableCount() + 1);
+    handleReadableCount();
+    readableCount.notifiees().notify();
+  }
+  void countWritable() {
+    writableCount.store(writableCount() + 1);
+    handleWritableCount();
+    writableCount.notifiees().notify();
+  }
 
  private:
+  friend class detail::RxBatch;
+
   /// Keeps the Pam while it sends or receives: reactors to its counters may let go of it. None for one that
   /// no pointer holds.
   Kiv::Ptr<const Pam> alive() const { return Kiv::Ptr<const Pam>(references() > 0 ? this : nullptr); }

@@ -63,51 +63,51 @@ void PamConnectorPam::cut() noexcept {
 }
 
 Pkt::Ptr PamConnectorPam::inputQueue(U32 sequence) const {
-  return sequence - queue_.first < inputQueueLength() ? ring_[sequence % ring_.size()] : nullptr;
+  return sequence - queue_.first < inputQueueLength() ? ring_[sequence & (ring_.size() - 1)] : nullptr;
 }
 
 void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
   if (inputQueueLength() == ring_.size()) {
     std::vector<Pkt::Ptr> larger(std::max<std::size_t>(16, ring_.size() * 2));
     for (U32 at = queue_.first; at != queue_.next; ++at) {
-      larger[at % larger.size()] = std::move(ring_[at % ring_.size()]);
+      larger[at & (larger.size() - 1)] = std::move(ring_[at & (ring_.size() - 1)]);
     }
     ring_ = std::move(larger);
   }
-  ring_[queue_.next++ % ring_.size()] = std::move(pkt);
+  ring_[queue_.next++ & (ring_.size() - 1)] = std::move(pkt);
 }
 
 Pkt::Ptr PamConnectorPam::dequeue() {
   if (inputQueueLength() == 0) return nullptr;
-  return std::exchange(ring_[queue_.first++ % ring_.size()], nullptr);
+  return std::exchange(ring_[queue_.first++ & (ring_.size() - 1)], nullptr);
 }
 
 void PamConnectorPam::txPktIsImpl(const Pkt::Ptr& pkt) {
-  KIV_ASSERT_AS(otherEnd(), "otherEnd()");
+  const PamConnectorPam* const other = otherEnd();
+  KIV_ASSERT_AS(other, "otherEnd()");
   KIV_ASSERT_AS(pkt, "pkt != __null");
-  // A reactor to what follows may let go of the caller's pointer, and of the other end.
-  const Pkt::Ptr sending = pkt;
-  {
-    const Kiv::Ptr<PamConnectorPam> other(otherEnd());
-    if (other->inputQueueLength() > other->maxBuffer()) {
-      KIV_TRACE(trace, 2) << "Dropping packet";
-      other->rxDropsIs(other->rxDrops() + 1);
-      writableCountInc(1);
-      return;
-    }
-  }
+  if (other->inputQueueLength() > other->maxBuffer()) [[unlikely]]
+    return drop();
+  Pkt::Ptr sending = pkt;  // a reactor to what follows may let go of the caller's pointer
   show(sending);
-  if (!otherEnd()) {
+  if (!otherEnd()) [[unlikely]] {
     txErrnoIs(ENOTCONN);
     txErrorsInc(1);
     return;
   }
-  otherEnd()->enqueue(sending);
+  otherEnd()->enqueue(std::move(sending));
   KIV_TRACE(trace, 2) << "PamConnector: enqueue, total packets: " << otherEnd()->inputQueueLength();
   // The packet gets its tick also when a client's reactor throws.
   const AtEnd schedule([this] {
     if (pamConnector()) pamConnector()->doScheduleEvent();
   });
+  countWritable();
+}
+
+void PamConnectorPam::drop() {
+  const Kiv::Ptr<PamConnectorPam> other(otherEnd());  // whose reactors may remove it
+  KIV_TRACE(trace, 2) << "Dropping packet";
+  other->rxDropsIs(other->rxDrops() + 1);
   writableCountInc(1);
 }
 
@@ -204,7 +204,7 @@ void PamConnector::deliver(const char* name) {
   const U32 total = end->inputQueueLength();
   KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name << ", total packets: " << total;
   for (U32 i = 0; i < total && end->pamConnector() == this; ++i) {
-    end->readableCountInc(1);
+    end->countReadable();
     KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name
                         << ", remaining packets: " << end->inputQueueLength();
   }

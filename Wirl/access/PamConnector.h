@@ -66,6 +66,8 @@ class KIV_API PamConnectorPam final : public Pam {
 
   /// Lets the packet be seen as `peekPkt`, for this instant.
   void show(const Pkt::Ptr& pkt);
+  /// Counts a packet for which the other end has no room.
+  void drop();
   void enqueue(Pkt::Ptr pkt);
   Pkt::Ptr dequeue();
   /// Belongs to no connector any more, and is nobody's other end.

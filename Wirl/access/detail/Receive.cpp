@@ -59,26 +59,30 @@ Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, RxSide& 
 
 /// Makes slot `index` ready to receive into; false when there is no memory.
 bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
-  Pkt::Ptr pkt = pam.savedPacket(index);
-  // One reference is ours, the other the slot's.
-  if (!pkt || !reusable(*pkt, 2, room)) {
-    pkt = newRxPkt(room);
-    if (!pkt) return false;
-    pam.savedPacketIs(index, pkt);
+  iovec& piece = pieces_[index];
+  Pkt* pkt = index < pam.savedPacket_.size() ? pam.savedPacket_[index].get() : nullptr;
+  if (!pkt || !reusable(*pkt, 1, room)) {
+    const Pkt::Ptr fresh = newRxPkt(room);
+    if (!fresh) return false;
+    pam.savedPacketIs(index, fresh);
+    pkt = fresh.get();
   } else if (index < received_ || pkt->frontBytes() != room) {
     makeRoom(*pkt, room);
+  } else if (piece.iov_base == pkt->front() && piece.iov_len == room) {
+    return true;  // the latest batch did not come to it
   }
-  pieces_[index] = {pkt->front(), room};
-  sides_[index].prepare(messages_[index].msg_hdr, pieces_[index]);
+  piece = {pkt->front(), room};
+  sides_[index].prepare(messages_[index].msg_hdr, piece);
   return true;
 }
 
 S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
-  pam.savedPacketRxDelAll();
+  pam.savedPacketRx_.clear();
   if (messages_.size() < limit) {
     messages_.resize(limit);
-    pieces_.resize(limit);
+    pieces_.assign(limit, iovec{});  // nothing is ready: all of it has moved
     sides_.resize(limit);
+    pam.savedPacketRx_.reserve(limit);
   }
   U16 ready = 0;
   while (ready < limit && prepare(pam, ready, room)) ++ready;
@@ -90,10 +94,9 @@ S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
   const int received = recvmmsg(fd, messages_.data(), ready, MSG_DONTWAIT, nullptr);
   if (received <= 0) return received;
   received_ = static_cast<U16>(received);
-  pam.savedPacketRxIs(static_cast<U16>(received_ - 1), true);
+  pam.savedPacketRx_.assign(received_, true);
   for (U16 index = 0; index < received_; ++index) {
-    pam.savedPacketRxIs(index, true);
-    pam.savedPacket(index)->delSharedTailData(room - messages_[index].msg_len);
+    pam.savedPacket_[index]->delSharedTailData(room - messages_[index].msg_len);
   }
   return received;
 }
