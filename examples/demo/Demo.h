@@ -85,6 +85,9 @@ class Capture {
 
 // The parts, in the order of the demo: each says what it does, adds its agents' counters and returns whether all
 // went well.
+bool rawIp(example::CounterTable& counters);
+bool frames(example::CounterTable& counters);
+bool cable(example::CounterTable& counters);
 bool udp(example::CounterTable& counters);
 bool tcp(example::CounterTable& counters);
 

@@ -8,6 +8,9 @@ namespace {
 
 // In the order of the layers.
 constexpr bool (*kParts[])(example::CounterTable& counters) = {
+    demo::rawIp,
+    demo::frames,
+    demo::cable,
     demo::udp,
     demo::tcp,
 };
