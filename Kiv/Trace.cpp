@@ -134,6 +134,9 @@ void traceSinkIs(TraceSink sink) {
   TraceRegistry::instance().sinkIs(std::move(sink));
 }
 
+TraceStream::TraceStream(const TraceHandle& handle, unsigned level) noexcept
+    : handle_(handle), level_(level) {}
+
 TraceStream::~TraceStream() {
   TraceRegistry::instance().write(handle_.name(), level_, text_.str());
 }

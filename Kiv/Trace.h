@@ -54,8 +54,9 @@ KIV_API void traceSinkIs(TraceSink sink);
 /// One trace while it is being written; it goes to the sink when the stream ends.
 class KIV_API TraceStream {
  public:
-  TraceStream(const TraceHandle& handle, unsigned level) noexcept : handle_(handle), level_(level) {}
-  ~TraceStream();
+  // Cold: what is traced is kept out of the way of the code that is not.
+  [[gnu::cold]] TraceStream(const TraceHandle& handle, unsigned level) noexcept;
+  [[gnu::cold]] ~TraceStream();
   TraceStream(const TraceStream&) = delete;
   TraceStream& operator=(const TraceStream&) = delete;
 

@@ -59,6 +59,7 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
 
  private:
   void freeProgram() noexcept;
+  bool matchSlowly(const Pkt& pkt) const;  // in pieces, or traced
   const U8* gathered(const Pkt& pkt, U32& bytes) const;
 
   const Kiv::String name_;

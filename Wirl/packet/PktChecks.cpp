@@ -2,6 +2,7 @@
 #include "Wirl/packet/PktChecks.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -27,44 +28,129 @@ U32 wordAt(const U8* from) noexcept {
   return word;
 }
 
-PktErrors tooShort(U32 bytes, const char* which) {
-  KIV_TRACE(trace, 3) << "Packet has " << bytes << " bytes" << which << " which is less than needed";
-  return pktTooShort;
+/// `code`, and the trace that `say` writes. Out of the way: the code of a check is that of good packets.
+template <typename Say>
+[[gnu::noinline, gnu::cold]] PktErrors failed(PktErrors code, Say say) {
+  if (trace.enabled(3)) {
+    Kiv::TraceStream out(trace, 3);
+    say(out);
+  }
+  return code;
 }
 
-/// The Ethernet header, of the type, with a header of type `Next` whole behind it.
-template <typename Next>
-PktErrors checkEthHdr(Pkt& pkt, EthType type, EthHdr*& ethHdr) {
+PktErrors failed(PktErrors code, const char* text) {
+  return failed(code, [text](auto& out) { out << text; });
+}
+
+/// A check whose entry is traced.
+template <typename Check>
+[[gnu::noinline, gnu::cold]] PktErrors traced(const char* name, Check check) {
+  KIV_TRACE(trace, 8) << name;
+  return check();
+}
+
+PktErrors tooShort(U32 bytes, const char* which) {
+  return failed(pktTooShort, [bytes, which](auto& out) {
+    out << "Packet has " << bytes << " bytes" << which << " which is less than needed";
+  });
+}
+
+/// What the checks of a frame look at.
+struct Frame {
+  U8* front;
+  U32 frontBytes;
+  U32 bytes;
+};
+
+/// The Ethernet header, of the type, with a header of type `Next` whole behind it. `kTraced`: with level 8.
+template <bool kTraced, typename Next>
+[[gnu::always_inline]] inline PktErrors checkEthHdr(const Frame& frame, EthType type, EthHdr*& ethHdr) {
   constexpr U32 kNeeded = sizeof(EthHdr) + sizeof(Next);
-  if (pkt.bytes() < kNeeded) return tooShort(pkt.bytes(), "");
-  if (pkt.frontBytes() < kNeeded) return tooShort(pkt.frontBytes(), " in its first piece");
-  EthHdr* const found = hdrAt<EthHdr>(pkt.front(), 0);
+  if (frame.bytes < kNeeded) return tooShort(frame.bytes, "");
+  if (frame.frontBytes < kNeeded) return tooShort(frame.frontBytes, " in its first piece");
+  EthHdr* const found = hdrAt<EthHdr>(frame.front, 0);
   const U16 typeOrLen = found->typeOrLen();
   if (typeOrLen != type) {
-    KIV_TRACE(trace, 3) << "Type: " << std::hex << typeOrLen;
-    return wrongEthType;
+    return failed(wrongEthType, [typeOrLen](auto& out) { out << "Type: " << std::hex << typeOrLen; });
   }
-  KIV_TRACE(trace, 8) << "Got required Type: " << std::hex << typeOrLen << " src MAC: " << found->src()
-                      << " dst MAC: " << found->dst();
+  if constexpr (kTraced) {
+    KIV_TRACE(trace, 8) << "Got required Type: " << std::hex << typeOrLen << " src MAC: " << found->src()
+                        << " dst MAC: " << found->dst();
+  }
   ethHdr = found;
   return noError;
 }
 
-/// Whether the header's checksum is the one that the header has with that field at 0. The octets' order does
-/// not matter to a one's complement sum, as long as it is the same on both sides.
-bool ipChecksumIsRight(const IpHdr* ipHdr) noexcept {
+// Whether the header's checksum is the one that the header has with that field at 0. The octets' order does
+// not matter to a one's complement sum, as long as it is the same on both sides.
+
+[[gnu::noinline]] bool otherIpChecksumIsRight(const IpHdr* ipHdr) noexcept {
   constexpr U32 kChecksumWord = 8;  // offset of the word whose second half is the checksum
   const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
   U16 half[2];
   std::memcpy(half, octets + kChecksumWord, sizeof(half));
   U64 sum = 0;
-  if (const U32 bytes = ipHdr->headerBytes(); bytes == sizeof(IpHdr)) [[likely]] {
-    sum = U64{wordAt(octets)} + wordAt(octets + 4) + half[0] + wordAt(octets + 12) + wordAt(octets + 16);
-  } else {
-    for (U32 i = 0; i < bytes; i += 4) sum += i == kChecksumWord ? half[0] : wordAt(octets + i);
-  }
+  for (U32 i = 0; i < ipHdr->headerBytes(); i += 4) sum += i == kChecksumWord ? half[0] : wordAt(octets + i);
   while (sum > 0xffff) sum = (sum & 0xffff) + (sum >> 16);
   return half[1] == (sum ^ 0xffff);
+}
+
+/// Of a header that does not begin with 0.
+[[gnu::always_inline]] inline bool ipChecksumIsRight(const IpHdr* ipHdr) noexcept {
+  if (ipHdr->headerBytes() != sizeof(IpHdr)) [[unlikely]]
+    return otherIpChecksumIsRight(ipHdr);
+  // Summed with the field, a good header is all ones. The field itself is never that, since the others are not
+  // all 0.
+  const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
+  const U64 sum = U64{wordAt(octets)} + wordAt(octets + 4) + wordAt(octets + 8) + wordAt(octets + 12) +
+                  wordAt(octets + 16);
+  // Added to itself with the halves changed, a number has in its upper half the sum of both, carry included.
+  const auto half = static_cast<U32>((sum + std::rotl(sum, 32)) >> 32);
+  return (half + std::rotl(half, 16)) >> 16 == 0xffff && ipHdr->checksumU16() != 0xffff;
+}
+
+template <bool kTraced>
+[[gnu::always_inline]] inline PktErrors checkEthIp(const Frame& frame, EthHdr*& ethHdr, IpHdr*& ipHdr) {
+  if (const PktErrors error = checkEthHdr<kTraced, IpHdr>(frame, ethTypeIp, ethHdr); error != noError) {
+    return error;
+  }
+  IpHdr* const found = hdrAt<IpHdr>(frame.front, sizeof(EthHdr));
+  if (found->version() != IpHdr::ipVersion4) return failed(nonIpHdr, "Ip hdr is not IPv4");
+  if (found->headerBytes() > frame.frontBytes - sizeof(EthHdr)) {
+    return tooShort(frame.frontBytes, " in its first piece");
+  }
+  ipHdr = found;
+  const U32 present = frame.bytes - U32{sizeof(EthHdr)};
+  const U32 claimed = found->totalLenU16();
+  if (claimed > present) {
+    return failed(badIpPayloadLen, [present, claimed](auto& out) {
+      out << "IPv4 payload length is larger than the actual packet size" << present << " vs. " << claimed;
+    });
+  }
+  // The field need not be 0 meanwhile: nobody sees it, and a good packet is not written to.
+  if (!ipChecksumIsRight(found)) [[unlikely]] {
+    found->checksumU16Is(0);
+    return failed(badIpHdrChecksum, "IPv4 header checksum is invalid");
+  }
+  return noError;
+}
+
+template <bool kTraced>
+[[gnu::always_inline]] inline PktErrors checkEthIp6(const Frame& frame, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr) {
+  if (const PktErrors error = checkEthHdr<kTraced, Ip6Hdr>(frame, ethTypeIp6, ethHdr); error != noError) {
+    return error;
+  }
+  Ip6Hdr* const found = hdrAt<Ip6Hdr>(frame.front, sizeof(EthHdr));
+  if (found->version() != Ip6Hdr::ipVersion6) return failed(nonIp6Hdr, "Ip hdr is not IPv6");
+  ip6Hdr = found;
+  const U32 present = frame.bytes - U32{sizeof(EthHdr) + sizeof(Ip6Hdr)};
+  const U32 claimed = found->payloadLen();
+  if (claimed > present) {
+    return failed(badIp6PayloadLen, [present, claimed](auto& out) {
+      out << "IPv6 payload length is larger than the actual packet size. " << present << " vs. " << claimed;
+    });
+  }
+  return noError;
 }
 
 U32 icmp6PseudoHdrSum(const Ip6Hdr& ip6Hdr) {
@@ -75,12 +161,6 @@ U32 icmp6PseudoHdrSum(const Ip6Hdr& ip6Hdr) {
 IpChecksum icmp6Checksum(const Ip6Hdr& ip6Hdr, const Icmp6Hdr* icmp6Hdr) {
   return ipChecksumCalc(reinterpret_cast<const char*>(icmp6Hdr), ip6Hdr.payloadLen(),
                         icmp6PseudoHdrSum(ip6Hdr));
-}
-
-bool isIcmp6(const Ip6Hdr& ip6Hdr) {
-  if (ip6Hdr.protocol() == ipProtoIcmpv6) return true;
-  KIV_TRACE(trace, 3) << "Next header is not Icmp6";
-  return false;
 }
 
 /// Where options begin in a message of neighbour discovery, 0 for other messages.
@@ -111,6 +191,12 @@ bool inFirstPiece(const Pkt& pkt, const Ip6Hdr* ip6Hdr) {
          inFirstPiece(pkt, ip6Hdr, U32{sizeof(*ip6Hdr)} + ip6Hdr->payloadLen());
 }
 
+/// The message is as long as the payload, wherever it begins, and has its checksum field in any case.
+bool inFirstPiece(const Pkt& pkt, const Ip6Hdr* ip6Hdr, const Icmp6Hdr* icmp6Hdr) {
+  return inFirstPiece(pkt, ip6Hdr, sizeof(*ip6Hdr)) &&
+         inFirstPiece(pkt, icmp6Hdr, std::max(U32{ip6Hdr->payloadLen()}, U32{sizeof(*icmp6Hdr)}));
+}
+
 bool inFirstPiece(const Pkt& pkt, const IpHdr* ipHdr) {
   return inFirstPiece(pkt, ipHdr, sizeof(*ipHdr)) &&
          inFirstPiece(pkt, ipHdr, U32{std::max(ipHdr->totalLenU16(), ipHdr->headerBytes())});
@@ -122,74 +208,43 @@ PktErrors checkEthIpHdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, IpHdr*& ipHdr) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   ethHdr = nullptr;
   ipHdr = nullptr;
-  KIV_TRACE(trace, 8) << "checkEthIpHdr";
-  if (const PktErrors error = checkEthHdr<IpHdr>(*pkt, ethTypeIp, ethHdr); error != noError) return error;
-  IpHdr* const found = hdrAt<IpHdr>(ethHdr, sizeof(EthHdr));
-  if (found->version() != IpHdr::ipVersion4) {
-    KIV_TRACE(trace, 3) << "Ip hdr is not IPv4";
-    return nonIpHdr;
-  }
-  if (found->headerBytes() > pkt->frontBytes() - sizeof(EthHdr)) {
-    return tooShort(pkt->frontBytes(), " in its first piece");
-  }
-  ipHdr = found;
-  const U32 present = pkt->bytes() - U32{sizeof(EthHdr)};
-  if (found->totalLenU16() > present) {
-    KIV_TRACE(trace, 3) << "IPv4 payload length is larger than the actual packet size" << present << " vs. "
-                        << found->totalLenU16();
-    return badIpPayloadLen;
-  }
-  // The field need not be 0 meanwhile: nobody sees it, and a good packet is not written to.
-  if (!ipChecksumIsRight(found)) [[unlikely]] {
-    found->checksumU16Is(0);
-    KIV_TRACE(trace, 3) << "IPv4 header checksum is invalid";
-    return badIpHdrChecksum;
-  }
-  return noError;
+  const Frame frame = {pkt->front(), pkt->frontBytes(), pkt->bytes()};
+  if (trace.enabled(8)) [[unlikely]]
+    return traced("checkEthIpHdr",
+                  [&ethHdr, &ipHdr, frame] { return checkEthIp<true>(frame, ethHdr, ipHdr); });
+  return checkEthIp<false>(frame, ethHdr, ipHdr);
 }
 
 PktErrors checkEthIp6Hdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   ethHdr = nullptr;
   ip6Hdr = nullptr;
-  KIV_TRACE(trace, 8) << "checkEthIp6Hdr";
-  if (const PktErrors error = checkEthHdr<Ip6Hdr>(*pkt, ethTypeIp6, ethHdr); error != noError) return error;
-  Ip6Hdr* const found = hdrAt<Ip6Hdr>(ethHdr, sizeof(EthHdr));
-  if (found->version() != Ip6Hdr::ipVersion6) {
-    KIV_TRACE(trace, 3) << "Ip hdr is not IPv6";
-    return nonIp6Hdr;
-  }
-  ip6Hdr = found;
-  const U32 present = pkt->bytes() - U32{sizeof(EthHdr) + sizeof(Ip6Hdr)};
-  if (found->payloadLen() > present) {
-    KIV_TRACE(trace, 3) << "IPv6 payload length is larger than the actual packet size. " << present << " vs. "
-                        << found->payloadLen();
-    return badIp6PayloadLen;
-  }
-  return noError;
+  const Frame frame = {pkt->front(), pkt->frontBytes(), pkt->bytes()};
+  if (trace.enabled(8)) [[unlikely]]
+    return traced("checkEthIp6Hdr",
+                  [&ethHdr, &ip6Hdr, frame] { return checkEthIp6<true>(frame, ethHdr, ip6Hdr); });
+  return checkEthIp6<false>(frame, ethHdr, ip6Hdr);
 }
 
 PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
   icmp6Hdr = nullptr;
   KIV_TRACE(trace, 8) << "checkIcmp6CheckSum";
-  if (!isIcmp6(*ip6Hdr)) return nextHdrIsNotIcmp6;
+  if (ip6Hdr->protocol() != ipProtoIcmpv6) return failed(nextHdrIsNotIcmp6, "Next header is not Icmp6");
   if (ip6Hdr->payloadLen() < kMinIcmp6Bytes) {
-    KIV_TRACE(trace, 3) << "IP6 payload is too small to contain Icmp6";
-    return badIp6PayloadLen;
+    return failed(badIp6PayloadLen, "IP6 payload is too small to contain Icmp6");
   }
   icmp6Hdr = hdrAt<Icmp6Hdr>(ip6Hdr, sizeof(Ip6Hdr));
   const IpChecksum saved = icmp6Hdr->checksum();
   icmp6Hdr->checksumU16Is(0);
   if (icmp6Checksum(*ip6Hdr, icmp6Hdr) != saved) {
-    KIV_TRACE(trace, 3) << "Icmp6 checksum is invalid";
-    return badIcmp6Checksum;
+    return failed(badIcmp6Checksum, "Icmp6 checksum is invalid");
   }
   return noError;
 }
 
 PktErrors setIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr) {
   KIV_TRACE(trace, 8) << "setIcmp6CheckSum";
-  if (!isIcmp6(*ip6Hdr)) return nextHdrIsNotIcmp6;
+  if (ip6Hdr->protocol() != ipProtoIcmpv6) return failed(nextHdrIsNotIcmp6, "Next header is not Icmp6");
   icmp6Hdr->checksumU16Is(0);
   icmp6Hdr->checksumIs(icmp6Checksum(*ip6Hdr, icmp6Hdr));
   return noError;
@@ -200,13 +255,12 @@ PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*&
   option = nullptr;
   KIV_TRACE(trace, 8) << "getIcmp6Opt";
   const auto lenExceeds = [] {
-    KIV_TRACE(trace, 3) << "Option length exceeds pkt length.";
-    return icmp6OptLenExceedPayloadLen;
+    return failed(icmp6OptLenExceedPayloadLen, "Option length exceeds pkt length.");
   };
   const U32 offset = optionsOffset(icmp6Hdr->type());
   if (offset == 0) {
-    KIV_TRACE(trace, 3) << "Icmp6 type is not supported: " << icmp6Hdr->type();
-    return icmp6TypeNotSupported;
+    return failed(icmp6TypeNotSupported,
+                  [icmp6Hdr](auto& out) { out << "Icmp6 type is not supported: " << icmp6Hdr->type(); });
   }
   const U32 payload = ip6Hdr->payloadLen();
   U32 remaining = payload > offset ? payload - offset : 0;
@@ -215,8 +269,7 @@ PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*&
        at = hdrAt<Icmp6OptionCommonHdr>(at, at->bytes())) {
     if (at->bytes() > remaining) return lenExceeds();
     if (at->len() == 0) {
-      KIV_TRACE(trace, 3) << "Option length cannot be zero.";
-      return icmp6OptLenZero;
+      return failed(icmp6OptLenZero, "Option length cannot be zero.");
     }
     KIV_TRACE(trace, 8) << "Found option: " << unsigned{at->type()};
     if (at->type() == type) last = at;
@@ -231,18 +284,15 @@ PktErrors checkIpAhHdr(IpHdr* ipHdr, AhHdr*& ahHdr) {
   ahHdr = nullptr;
   KIV_TRACE(trace, 8) << "checkIpAhHdr";
   if (ipHdr->protocol() != ipProtoAh) {
-    KIV_TRACE(trace, 3) << "Next header is not AH";
-    return nextHdrIsNotAh;
+    return failed(nextHdrIsNotAh, "Next header is not AH");
   }
   const U16 payload = ipHdr->payloadLen();
   if (payload < sizeof(AhHdr)) {
-    KIV_TRACE(trace, 3) << "packet is too short to contain an AH header.";
-    return badAhLen;
+    return failed(badAhLen, "packet is too short to contain an AH header.");
   }
   AhHdr* const found = hdrAt<AhHdr>(ipHdr, ipHdr->headerBytes());
   if (found->headerBytes() >= payload) {
-    KIV_TRACE(trace, 3) << "packet is too short to contain Authentication Data.";
-    return badAhLen;
+    return failed(badAhLen, "packet is too short to contain Authentication Data.");
   }
   ahHdr = found;
   return noError;
@@ -290,16 +340,13 @@ PktErrors checkIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icm
 }
 
 PktErrors setIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr) {
-  // The message is as long as the payload, wherever it begins, and has its checksum field in any case.
-  const U32 bytes = std::max(U32{ip6Hdr->payloadLen()}, U32{sizeof(Icmp6Hdr)});
-  return inFirstPiece(*pkt, icmp6Hdr, bytes) ? setIcmp6CheckSum(ip6Hdr, icmp6Hdr) : pktTooShort;
+  return inFirstPiece(*pkt, ip6Hdr, icmp6Hdr) ? setIcmp6CheckSum(ip6Hdr, icmp6Hdr) : pktTooShort;
 }
 
 PktErrors getIcmp6Opt(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*& option,
                       Icmp6OptionTypeNumber type) {
   option = nullptr;
-  const U32 bytes = std::max(U32{ip6Hdr->payloadLen()}, U32{sizeof(Icmp6Hdr)});
-  return inFirstPiece(*pkt, icmp6Hdr, bytes) ? getIcmp6Opt(ip6Hdr, icmp6Hdr, option, type) : pktTooShort;
+  return inFirstPiece(*pkt, ip6Hdr, icmp6Hdr) ? getIcmp6Opt(ip6Hdr, icmp6Hdr, option, type) : pktTooShort;
 }
 
 PktErrors checkIpAhHdr(const Pkt::Ptr& pkt, IpHdr* ipHdr, AhHdr*& ahHdr) {

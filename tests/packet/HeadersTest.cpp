@@ -2,24 +2,22 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
-#include <new>
+#include <array>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "Kiv/Exception.h"
 #include "Wirl/packet/EthType.h"
-#include "Wirl/packet/Ethernet.h"
-#include "Wirl/packet/Ip6Hdr.h"
-#include "Wirl/packet/IpHdr.h"
+#include "tests/packet/Frames.h"
+#include "tests/packet/HdrFields.h"
 
 namespace {
 
 using namespace Wirl;
 
-using Octets = std::vector<U8>;
+using hdr::Octets;
 
 template <typename Hdr>
 Octets octetsOf(const Hdr& hdr) {
@@ -33,129 +31,61 @@ Pkt::Ptr pktOf(const Octets& octets) {
   return pkt;
 }
 
-/// One field of a header: a setter and its getter, and the bits of the header that are the field's, counted from
-/// the most significant one of octet 0 as the drawings in RFCs do.
-template <typename Hdr>
-struct Field {
-  const char* name;
-  std::function<void(Hdr&)> set;
-  std::function<U64(const Hdr&)> get;
-  U64 value;
-  std::size_t firstBit, bits;
-};
-// clang-format off
-#define FIELD(name, argument, value, firstBit, bits)                                                   \
-  {#name, [](auto& hdr) { hdr.name##Is(argument); }, [](const auto& hdr) { return number(hdr.name()); }, \
-   value, firstBit, bits}
-// clang-format on
-
-template <typename T>
-U64 number(const T& value) {
-  if constexpr (requires { value.octets(); }) {
-    U64 sum = 0;  // of an address: its last octets
-    for (const U8 octet : value.octets()) sum = sum << 8 | octet;
-    return sum;
-  } else if constexpr (requires { value.value(); }) {
-    return value.value();
-  } else {
-    return value;
-  }
-}
-
 /// At every offset of a word, among set and among clear bits, a setter writes its bits and no other.
-template <typename Hdr>
-void testFields(const std::vector<Field<Hdr>>& fields) {
-  for (const auto& field : fields) {
-    for (std::size_t trial = 0; trial < 16; ++trial) {
-      const std::size_t offset = trial / 2;
-      SCOPED_TRACE(testing::Message() << field.name << " at offset " << offset);
-      Octets memory(offset + sizeof(Hdr) + 8, static_cast<U8>(trial % 2 ? 0xff : 0));
-      Octets expected = memory;
-      for (std::size_t i = 0; i < field.bits; ++i) {
-        const std::size_t bit = offset * 8 + field.firstBit + i;
-        const U64 set = field.bits - i > 64 ? 0 : field.value >> (field.bits - 1 - i) & 1;
-        U8& octet = expected[bit / 8];
-        octet = static_cast<U8>((octet & ~(0x80 >> bit % 8)) | static_cast<int>(set) << (7 - bit % 8));
+TEST(Headers, SettersReplaceTheirFieldsOnly) {
+  for (const auto& header : hdr::headers()) {
+    for (const auto& field : header.fields) {
+      for (U32 trial = 0; trial < 48; ++trial) {
+        const U32 offset = trial / 6;
+        const U64 value = std::array<U64, 3>{0, ~U64{0}, 0x9182'3456'789a'bcd5}[trial / 2 % 3];
+        SCOPED_TRACE(testing::Message() << header.name << "::" << field.name << " at offset " << offset);
+        Octets memory(offset + header.bytes + 8, static_cast<U8>(trial % 2 ? 0xff : 0));
+        const Octets expected = hdr::withField(memory, offset, field, value);
+        field.set(memory.data() + offset, value);
+        EXPECT_EQ(memory, expected);
+        if (field.get) {
+          EXPECT_EQ(field.get(memory.data() + offset), hdr::fieldValue(field, value));
+        }
       }
-      auto* const hdr = reinterpret_cast<Hdr*>(memory.data() + offset);
-      field.set(*hdr);
-      EXPECT_EQ(memory, expected);
-      EXPECT_EQ(field.get(*hdr), field.value);
     }
   }
 }
 
-const EthAddr kMac(0x91, 2, 3, 4, 5, 0x96);
-constexpr U64 kMacNumber = 0x910203040596;
-const Ip6Addr kIp6(0, 0x8102030405060789);
-constexpr U64 kIp6Number = 0x8102030405060789;
-
-TEST(EthernetHeaders, SettersReplaceTheirFieldsOnly) {
-  testFields<EthHdr>({FIELD(dst, kMac, kMacNumber, 0, 48), FIELD(src, kMac, kMacNumber, 48, 48),
-                      FIELD(typeOrLen, 0x8234, 0x8234, 96, 16)});
-  testFields<Eth8021QHdr>({FIELD(tagControl, Eth8021QTagControl(5, true, 0xfabc), 0xbabc, 0, 16),
-                           FIELD(typeOrLen, 0x8234, 0x8234, 16, 16)});
-  testFields<Eth8022LlcHdr>(
-      {FIELD(dsap, 0x42, 0x42, 0, 8), FIELD(ssap, 0x42, 0x42, 8, 8), FIELD(control, 3, 3, 16, 8)});
-  testFields<Eth8022SnapHdr>(
-      {FIELD(orgCode, 0xff923456, 0x923456, 0, 24), FIELD(localCode, 0x810b, 0x810b, 24, 16)});
-  testFields<MimHdr>({FIELD(serviceIntfEthType, 0x88e7, 0x88e7, 0, 16),
-                      FIELD(serviceIntfTag, 0x92345678, 0x92345678, 16, 32),
-                      FIELD(reserved, 0x7f, 0x7f, 16, 8), FIELD(isid, 0x1ffffff, 0xffffff, 24, 24),
-                      FIELD(isid, 0x1800001, 0x800001, 24, 24)});
-}
-
-TEST(IpHeaders, SettersReplaceTheirFieldsOnly) {
-  testFields<IpHdr>({FIELD(version, 0x54, 4, 0, 4),
-                     FIELD(headerLen, 0x56, 6, 4, 4),
-                     FIELD(tos, 0xb9, 0xb9, 8, 8),
-                     FIELD(dscp, IpDscp(46), 46, 8, 6),
-                     FIELD(ecn, 6, 2, 14, 2),
-                     FIELD(totalLen, 0x8234, 0x8234, 16, 16),
-                     FIELD(idU16, 0x8234, 0x8234, 32, 16),
-                     FIELD(reservedFragFlag, true, 1, 48, 1),
-                     FIELD(reservedFragFlag, false, 0, 48, 1),
-                     FIELD(dontFrag, true, 1, 49, 1),
-                     FIELD(dontFrag, false, 0, 49, 1),
-                     FIELD(moreFrag, true, 1, 50, 1),
-                     FIELD(moreFrag, false, 0, 50, 1),
-                     FIELD(fragmentOffset, 0xf234, 0x1234, 51, 13),
-                     FIELD(fragmentOffsetAndFlags, IpFragmentOffsetAndFlags(0x5234), 0x5234, 48, 16),
-                     FIELD(ttl, 64, 64, 64, 8),
-                     FIELD(protocol, 4, 4, 72, 8),
-                     FIELD(protocolNum, ipProtoOspf, 89, 72, 8),
-                     FIELD(checksumU16, 0x8234, 0x8234, 80, 16),
-                     FIELD(checksum, IpChecksum(U16{0x8234}), 0x8234, 80, 16),
-                     FIELD(src, IpAddr(129, 2, 3, 4), 0x81020304, 96, 32),
-                     FIELD(dst, IpAddr(129, 2, 3, 4), 0x81020304, 128, 32)});
-  testFields<IpHdrOptionCommon>({FIELD(copied, true, 1, 0, 1), FIELD(copied, false, 0, 0, 1),
-                                 FIELD(optionClass, 6, 2, 1, 2), FIELD(number, 0x34, 0x14, 3, 5)});
-  testFields<Ip6Hdr>({FIELD(version, 0x16, 6, 0, 4), FIELD(trafficClass, 0xab, 0xab, 4, 8),
-                      FIELD(flowLabel, 0xfffcdef1, 0xcdef1, 12, 20),
-                      FIELD(payloadLen, 0x8234, 0x8234, 32, 16), FIELD(protocol, 50, 50, 48, 8),
-                      FIELD(protocolNum, ipProtoIcmpv6, 58, 48, 8), FIELD(hopLimit, 255, 255, 56, 8),
-                      FIELD(src, kIp6, kIp6Number, 64, 128), FIELD(dst, kIp6, kIp6Number, 192, 128)});
-}
-
 TEST(Headers, AreConstructedZeroOrWellFormed) {
-  const auto made = []<typename Hdr>(std::in_place_type_t<Hdr>) {
-    alignas(Hdr) U8 memory[sizeof(Hdr)];
-    std::memset(memory, 0xaa, sizeof(memory));  // a forgotten octet shows
-    return octetsOf(*new (memory) Hdr);
+  const std::map<std::string_view, std::pair<U32, std::string>> wellFormed = {
+      {"EthHdr", {14, ""}},
+      {"Eth8021QHdr", {4, ""}},
+      {"Eth8022LlcHdr", {3, ""}},
+      {"Eth8022SnapHdr", {5, ""}},
+      {"MimHdr", {6, ""}},
+      {"IpHdr", {20, ""}},
+      {"IpHdrOptionCommon", {1, ""}},
+      {"IpHdrRouterAlertOption", {4, "9404"}},
+      {"Ip6Hdr", {40, ""}},
+      {"Ip6HdrOptionCommon", {2, ""}},
+      {"Ip6HdrPad1", {1, ""}},
+      {"Ip6HdrPadN", {2, "01"}},
+      {"Ip6HdrRouterAlertOption", {6, "0000 0502"}},
+      {"UdpHdr", {8, ""}},
+      {"AhHdr", {12, ""}},
+      {"Icmp6Hdr", {4, ""}},
+      {"Icmp6OptionCommonHdr", {2, ""}},
+      {"Icmp6RsHdr", {8, "85"}},
+      {"Icmp6RaHdr", {16, "86"}},
+      {"Icmp6NsHdr", {24, "87"}},
+      {"Icmp6NaHdr", {24, "88"}},
+      {"Icmp6LinkLayerAddrOptionHdr", {8, "0101"}},
+      {"Icmp6PrefixInfoOptionHdr", {32, "0304"}},
+      {"Icmp6MtuOptionHdr", {8, "0501"}},
   };
-  EXPECT_EQ(made(std::in_place_type<EthHdr>), Octets(14));
-  EXPECT_EQ(made(std::in_place_type<Eth8021QHdr>), Octets(4));
-  EXPECT_EQ(made(std::in_place_type<Eth8022LlcHdr>), Octets(3));
-  EXPECT_EQ(made(std::in_place_type<Eth8022SnapHdr>), Octets(5));
-  EXPECT_EQ(made(std::in_place_type<MimHdr>), Octets(6));
-  EXPECT_EQ(made(std::in_place_type<IpHdr>), Octets(20));
-  EXPECT_EQ(made(std::in_place_type<IpHdrOptionCommon>), Octets(1));
-  EXPECT_EQ(made(std::in_place_type<IpHdrRouterAlertOption>), (Octets{148, 4, 0, 0}));
-  EXPECT_EQ(made(std::in_place_type<Ip6Hdr>), Octets(40));
-  EXPECT_EQ(made(std::in_place_type<Ip6HdrOptionCommon>), Octets(2));
-  EXPECT_EQ(made(std::in_place_type<Ip6HdrPad1>), Octets(1));
-  EXPECT_EQ(made(std::in_place_type<Ip6HdrPadN>), (Octets{1, 0}));
-  EXPECT_EQ(made(std::in_place_type<Ip6HdrRouterAlertOption>), (Octets{0, 0, 5, 2, 0, 0}));
+  EXPECT_EQ(hdr::headers().size(), wellFormed.size());
+  for (const auto& header : hdr::headers()) {
+    const auto& [bytes, begin] = wellFormed.at(header.name);
+    const std::string octets = frames::octets(begin);
+    Octets expected(octets.begin(), octets.end());
+    expected.resize(bytes);
+    EXPECT_EQ(header.made, expected) << header.name;
+  }
 }
 
 TEST(EthernetHeaders, LlcAndSnapAreToldByTheirValues) {
@@ -291,32 +221,14 @@ TEST(Headers, AWrapperFollowsThePacketWhenToldTo) {
 }
 
 TEST(HeadersDeathTest, AHeaderLiesWholeInTheFirstPiece) {
-  const struct {
-    const char* name;
-    std::size_t bytes;
-    std::function<void(const Pkt::Ptr&, U32)> bind;
-  } rows[] = {
-      {"EthHdr", 14, ethHdrWrapperFactory},
-      {"Eth8021QHdr", 4, eth8021QHdrWrapperFactory},
-      {"Eth8022LlcHdr", 3, eth8022LlcHdrWrapperFactory},
-      {"Eth8022SnapHdr", 5, eth8022SnapHdrWrapperFactory},
-      {"MimHdr", 6, mimHdrWrapperFactory},
-      {"IpHdr", 20, ipHdrWrapperFactory},
-      {"IpHdrOptionCommon", 1, ipHdrOptionCommonWrapperFactory},
-      {"IpHdrRouterAlertOption", 4, ipHdrRouterAlertOptionWrapperFactory},
-      {"Ip6Hdr", 40, ip6HdrWrapperFactory},
-      {"Ip6HdrOptionCommon", 2, ip6HdrOptionCommonWrapperFactory},
-      {"Ip6HdrRouterAlertOption", 6, ip6HdrRouterAlertOptionWrapperFactory},
-      {"Ip6HdrPad1", 1, ip6HdrPad1WrapperFactory},
-      {"Ip6HdrPadN", 2, ip6HdrPadNWrapperFactory},
-  };
-  for (const auto& row : rows) {
+  for (const auto& header : hdr::headers()) {
+    if (!header.bind) continue;
     const std::string condition =
-        "assertion failed: ( offset_ + sizeof( " + std::string(row.name) + " ) ) <= pkt_->frontBytes()\n";
-    const Pkt::Ptr fits = pktOf(Octets(row.bytes + 1));
-    row.bind(fits, 1);
-    EXPECT_DEATH(row.bind(fits, 2), testing::HasSubstr(condition));
-    EXPECT_DEATH(row.bind(fits, 0u - static_cast<U32>(row.bytes)), testing::HasSubstr(condition)) << "wraps";
+        "assertion failed: ( offset_ + sizeof( " + std::string(header.name) + " ) ) <= pkt_->frontBytes()\n";
+    const Pkt::Ptr fits = pktOf(Octets(header.bytes + 1));
+    EXPECT_EQ(header.bind(fits, 1), fits->front() + 1);
+    EXPECT_DEATH(header.bind(fits, 2), testing::HasSubstr(condition));
+    EXPECT_DEATH(header.bind(fits, 0u - header.bytes), testing::HasSubstr(condition)) << "wraps";
   }
   const Pkt::Ptr inTwo = pktOf(Octets(20));
   inTwo->newPrivateHeadData(13);
@@ -467,6 +379,25 @@ TEST(HeaderValues, WordsComeApartAndTogether) {
   const Eth8021QTagControl tag(0xb123);
   EXPECT_TRUE(tag == Eth8021QTagControl(5, true, 0x123) && tag < Eth8021QTagControl(0xb124));
   EXPECT_TRUE(Eth8021QTagControl(0xb0ff) < tag);
+}
+
+TEST(UpperHeaders, LengthsTheyTell) {
+  UdpHdr udp;
+  for (const U16 bytes : std::initializer_list<U16>{0, 7, 8, 0x0506}) {
+    udp.lenIs(bytes);
+    EXPECT_EQ(udp.payloadLen(), bytes < 8 ? 0 : bytes - 8);
+  }
+  AhHdr ah;
+  EXPECT_EQ(ah.headerBytes(), 8);
+  ah.payloadLenIs(255);
+  EXPECT_EQ(ah.headerBytes(), 1028);
+}
+
+TEST(UpperHeaders, NumbersWithoutANameAreNumbers) {
+  EXPECT_EQ(testing::PrintToString(icmp6TypeRedirect), "icmp6TypeRedirect");
+  EXPECT_EQ(testing::PrintToString(static_cast<Icmp6TypeNumber>(200)), "200");
+  EXPECT_EQ(testing::PrintToString(icmp6OptMtu), "icmp6OptMtu");
+  EXPECT_EQ(testing::PrintToString(static_cast<Icmp6OptionTypeNumber>(6)), "6");
 }
 
 TEST(EthTypes, TextsAreTheMembersNames) {

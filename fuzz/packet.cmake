@@ -1,0 +1,7 @@
+wirl_fuzz(checksumFuzz packet/checksumFuzz.cpp)
+wirl_fuzz(headersFuzz packet/headersFuzz.cpp)
+wirl_fuzz(pktChecksFuzz packet/pktChecksFuzz.cpp)
+if(WIRL_WITH_FILTERS)
+  wirl_fuzz(bpfFilterFuzz packet/bpfFilterFuzz.cpp)
+  target_link_libraries(bpfFilterFuzz PRIVATE Pcap::Pcap)
+endif()
