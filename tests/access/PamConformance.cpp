@@ -101,11 +101,11 @@ TEST_P(PamConformanceTest, ClientsPullWhatWasSentWholeInOrderAndOnce) {
 }
 
 TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
-  enum Deed { close, reopen, drop, fail };
+  enum Deed { shut, reopen, drop, fail };
   const std::size_t count = watches().size();
   backend = nullptr;
   const std::size_t none = settledDescriptors();
-  for (const Deed deed : {close, reopen, drop, fail}) {
+  for (const Deed deed : {shut, reopen, drop, fail}) {
     for (std::size_t watch = 0; watch < count; ++watch) {
       for (const bool opening : {true, false}) {
         SCOPED_TRACE(testing::Message()
