@@ -78,16 +78,9 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
 
   /// Six groups of hexadecimal digits joined by colons or by hyphens, or three joined by full stops; any
   /// number of leading zeros.
-  static Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept {
-    const auto taken = take(text, detail::Extent::front);
-    if (taken.length == 0) [[unlikely]]
-      return kTrailingText;
-    out = fromWord(taken.octets);
-    text.remove_prefix(taken.length);
-    return nullptr;
-  }
+  static Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept;
   static std::optional<EthAddr> fromText(std::string_view text) noexcept {
-    const auto taken = take(text, detail::Extent::whole);
+    const auto taken = take(text);
     if (taken.length == 0) [[unlikely]]
       return std::nullopt;
     return fromWord(taken.octets);
@@ -115,7 +108,8 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
   }
 
  private:
-  static detail::Taken<Kiv::U64> take(std::string_view text, detail::Extent extent) noexcept;
+  /// All of a text.
+  static detail::Taken take(std::string_view text) noexcept;
 
   /// From its octets as a number, the first one least significant.
   static constexpr EthAddr fromWord(Kiv::U64 word) noexcept {

@@ -106,7 +106,7 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
     const auto taken = take(text, detail::Extent::front);
     if (taken.length == 0) [[unlikely]]
       return kTrailingText;
-    out = fromWord(taken.octets);
+    out = fromWord(static_cast<Kiv::U32>(taken.octets));
     text.remove_prefix(taken.length);
     return nullptr;
   }
@@ -114,7 +114,7 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
     const auto taken = take(text, detail::Extent::whole);
     if (taken.length == 0) [[unlikely]]
       return std::nullopt;
-    return fromWord(taken.octets);
+    return fromWord(static_cast<Kiv::U32>(taken.octets));
   }
   unsigned writeText(char* out) const noexcept;
 
@@ -126,7 +126,7 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
   }
 
  private:
-  static detail::Taken<Kiv::U32> take(std::string_view text, detail::Extent extent) noexcept;
+  static detail::Taken take(std::string_view text, detail::Extent extent) noexcept;
 
   static constexpr IpAddr fromWord(Kiv::U32 word) noexcept {
     return fromNetOrder(std::endian::native == std::endian::little ? word : __builtin_bswap32(word));

@@ -2,6 +2,7 @@
 #include "Wirl/value/detail/DottedText.h"
 
 #include <bit>
+#include <cstring>
 
 #include "Wirl/value/detail/LittleEndian.h"
 
@@ -31,11 +32,11 @@ struct OctetTexts {
 };
 constexpr OctetTexts kOctets;
 
-constexpr Taken<U32> kNone{0, 0};
+constexpr Taken kNone{0, 0};
 
 }  // namespace
 
-Taken<U32> takeDottedLoop(std::string_view text) noexcept {
+Taken takeDottedLoop(std::string_view text) noexcept {
   const char* at = text.data();
   const char* const end = at + text.size();
   U32 octets = 0;
@@ -56,9 +57,26 @@ Taken<U32> takeDottedLoop(std::string_view text) noexcept {
   return {octets, static_cast<std::size_t>(at - text.data())};
 }
 
+[[gnu::noinline]] Taken takeDottedPlainly(std::string_view text, Extent extent) noexcept {
+  return takeDottedLoop(text).within(text.size(), extent);
+}
+
 #if WIRL_HAS_SSSE3
 
 namespace {
+
+/// As 1.2.3.4: octets of one digit, all of a text of seven characters.
+Taken takeFourDigits(const char* text) noexcept {
+  U32 front;
+  U32 back;
+  std::memcpy(&front, text, 4);
+  std::memcpy(&back, text + 3, 4);
+  // What is 0 to 9 for a digit in its place, 0 for a full stop; a sum behind a larger one may be wrong too.
+  const U64 values = (front | U64{back} << 24) ^ 0x0030'2e30'2e30'2e30;
+  if (((values | (values + 0x0076'0076'0076'0076)) & 0x0080'ff80'ff80'ff80) != 0) return kNone;
+  const U64 pairs = values | values >> 8;
+  return {static_cast<U32>((pairs & 0xffff) | (pairs >> 16 & 0xffff'0000)), 7};
+}
 
 /// The ways to lay out four octets of one to three digits: 81. A layout is known by the mask of where its
 /// octets end, and found by a hash of that mask that has no collisions (a collision does not compile).
@@ -93,43 +111,60 @@ constexpr Layouts kLayouts;
 
 }  // namespace
 
-Taken<U32> takeDottedSsse3(const char* text, std::size_t size, Extent extent) noexcept {
-  if (size < 7) return kNone;  // shorter than 0.0.0.0
-  const __m128i characters = loadText16(text, size);
-  const __m128i digitsAt =
-      _mm_cmplt_epi8(_mm_add_epi8(characters, _mm_set1_epi8(static_cast<char>(0x80 - '0'))),
-                     _mm_set1_epi8(static_cast<char>(0x80 + 10)));
-  const U32 digits = static_cast<U32>(_mm_movemask_epi8(digitsAt));
-  const U32 dots = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('.'))));
+namespace {
 
-  // The first four characters that are no digits end the octets; a set bit 16 stands for those not looked at.
-  const U32 others = ~digits;
-  const U32 without1 = others & (others - 1);
-  const U32 without2 = without1 & (without1 - 1);
-  const U32 without3 = without2 & (without2 - 1);
-  const U32 ends = others ^ (without3 & (without3 - 1));
+/// An address of `end` characters, the first ones of `characters`; `dots` are those in it.
+WIRL_SSSE3 inline Taken takeLayout(__m128i characters, std::size_t end, U32 dots, std::string_view text,
+                                   Extent extent) noexcept {
+  const U32 ends = dots | 1u << end;
   const U32 slot = Layouts::slot(ends);
-  const std::size_t end = static_cast<std::size_t>(std::countr_zero(without3));
-  const bool goesOn = extent == Extent::whole && end != size;
-  const U32 misplaced =
-      (kLayouts.ends[slot] ^ ends) | ((others ^ without3) & ~dots) | static_cast<U32>(goesOn);
-
-  // Of a text that is misplaced this makes nothing of use, and does no harm: one branch decides over both.
+  // Of a text that has no such layout this makes nothing of use, and does no harm: one branch decides.
   const __m128i places =
-      _mm_shuffle_epi8(_mm_and_si128(characters, _mm_set1_epi8(0x0f)),
+      _mm_shuffle_epi8(_mm_xor_si128(characters, _mm_set1_epi8('0')),
                        _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot])));
-  const __m128i sums =
+  const __m128i octets =
       _mm_madd_epi16(_mm_maddubs_epi16(places, _mm_set1_epi32(0x0001'0a64)), _mm_set1_epi16(1));
-  const __m128i octets = _mm_packs_epi32(sums, sums);
-  const U32 tooLarge = static_cast<U32>(_mm_movemask_epi8(_mm_cmpgt_epi16(octets, _mm_set1_epi16(255))));
-  if ((misplaced | tooLarge) == 0) [[likely]] {
-    return {static_cast<U32>(_mm_cvtsi128_si32(_mm_packus_epi16(octets, octets))), end};
+  const __m128i noDigits = _mm_adds_epu8(places, _mm_set1_epi8(0x80 - 10));
+  const __m128i tooLarge = _mm_cmpgt_epi32(octets, _mm_set1_epi32(255));
+  const U32 wrong = static_cast<U32>(_mm_movemask_epi8(_mm_or_si128(noDigits, tooLarge)));
+  if (((kLayouts.ends[slot] ^ ends) | wrong) == 0) [[likely]] {
+    const __m128i words = _mm_packs_epi32(octets, octets);
+    return {static_cast<U32>(_mm_cvtsi128_si32(_mm_packus_epi16(words, words))), end};
   }
   // An octet of more than three digits may still be one, with zeros in front; nothing else can.
   const U32 zeros = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('0'))));
-  const U32 starts = digits & ~(digits << 1);
-  const bool leadingZeros = (starts & zeros & digits >> 1 & digits >> 2 & digits >> 3) != 0;
-  return leadingZeros ? takeDottedLoop({text, size}).within(size, extent) : kNone;
+  const U32 twoTo = ~ends & ~ends << 1;
+  const U32 fourTo = twoTo & twoTo << 2;
+  if ((zeros << 3 & fourTo) == 0) [[likely]]
+    return kNone;
+  return takeDottedPlainly(text, extent);
+}
+
+WIRL_SSSE3 inline U32 dotsOf(__m128i characters) noexcept {
+  return static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('.'))));
+}
+
+}  // namespace
+
+Taken takeDottedSsse3(const char* text, std::size_t size) noexcept {
+  if (size == 7) return takeFourDigits(text);
+  if (size > 15) return takeDottedPlainly({text, size}, Extent::whole);
+  const __m128i characters = loadText8to16(size < 8 ? kNuls + 8 : text, size);
+  return takeLayout(characters, size, dotsOf(characters), {text, size}, Extent::whole);
+}
+
+Taken takeDottedFrontSsse3(const char* text, std::size_t size) noexcept {
+  if (size < 7) return kNone;
+  const __m128i characters = loadText16(text, size);
+  const __m128i digits =
+      _mm_cmplt_epi8(_mm_add_epi8(characters, _mm_set1_epi8(static_cast<char>(0x80 - '0'))),
+                     _mm_set1_epi8(static_cast<char>(0x80 + 10)));
+  // The fourth character that is no digit ends the address; a set bit 16 stands for those not looked at.
+  U32 others = ~static_cast<U32>(_mm_movemask_epi8(digits));
+  for (unsigned i = 0; i < 3; ++i) others &= others - 1;
+  const auto end = static_cast<std::size_t>(std::countr_zero(others));
+  if (end > 15) return takeDottedPlainly({text, size}, Extent::front);
+  return takeLayout(characters, end, dotsOf(characters) & ((1u << end) - 1), {text, size}, Extent::front);
 }
 
 #endif

@@ -15,17 +15,22 @@ using DottedOctets = std::array<Kiv::U8, 4>;
 
 // Reading dotted decimal from the front of a text, each function in its own way.
 
-Taken<Kiv::U32> takeDottedLoop(std::string_view text) noexcept;
+Taken takeDottedLoop(std::string_view text) noexcept;
+/// The same, apart so that what calls it last keeps no registers for it.
+Taken takeDottedPlainly(std::string_view text, Extent extent) noexcept;
 #if WIRL_HAS_SSSE3
-WIRL_SSSE3 Taken<Kiv::U32> takeDottedSsse3(const char* text, std::size_t size, Extent extent) noexcept;
+/// All of a text, or nothing.
+WIRL_SSSE3 Taken takeDottedSsse3(const char* text, std::size_t size) noexcept;
+WIRL_SSSE3 Taken takeDottedFrontSsse3(const char* text, std::size_t size) noexcept;
 #endif
 
-inline Taken<Kiv::U32> takeDotted(std::string_view text, Extent extent) noexcept {
+inline Taken takeDotted(std::string_view text, Extent extent) noexcept {
 #if WIRL_HAS_SSSE3
   if (hasSsse3()) [[likely]]
-    return takeDottedSsse3(text.data(), text.size(), extent);
+    return extent == Extent::whole ? takeDottedSsse3(text.data(), text.size())
+                                   : takeDottedFrontSsse3(text.data(), text.size());
 #endif
-  return takeDottedLoop(text).within(text.size(), extent);
+  return takeDottedPlainly(text, extent);
 }
 
 /// Writes dotted decimal and a NUL, 16 octets at most; returns the length without the NUL.

@@ -13,7 +13,7 @@ using Kiv::U32;
 using Kiv::U64;
 using Kiv::U8;
 
-constexpr Taken<U64> kNone{0, 0};
+constexpr Taken kNone{0, 0};
 constexpr U8 kNoDigit = 0xff;
 
 /// What each character counts as a hexadecimal digit, and each octet's two digits, the first least
@@ -48,7 +48,7 @@ U64 threeOctets(const U8* octets) noexcept {
 
 }  // namespace
 
-Taken<U64> takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept {
+Taken takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept {
   const char* at = text.data();
   const char* const end = at + text.size();
   U64 taken = 0;
@@ -77,103 +77,136 @@ Taken<U64> takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept {
   }
 }
 
+[[gnu::noinline]] Taken takeHexGroupsPlainly(std::string_view text) noexcept {
+  return takeHexGroupsLoop(text, 6).within(text.size(), Extent::whole);
+}
+
 #if WIRL_HAS_SSSE3
 
 namespace {
 
-// Masks have a bit a character.
+/// The two ways to join groups: octets by colons or hyphens, pairs of octets by full stops.
+enum Form : U8 { kOctets = 0, kPairs = 1, kNoForm = 2 };
 
-template <unsigned N>
-constexpr U32 withoutLowest(U32 bits) noexcept {
-  for (unsigned i = 0; i < N; ++i) bits &= bits - 1;
-  return bits;
+constexpr auto kFormOf = [] {
+  std::array<U8, 256> forms{};
+  forms.fill(kNoForm);
+  forms[':'] = forms['-'] = kOctets;
+  forms['.'] = kPairs;
+  return forms;
+}();
+
+/// The ways to lay out six groups of one or two digits, or three of one to four: 64 each. A layout is known by
+/// the mask of its separators and of the text's end, and found by a hash of that mask that has no collisions (a
+/// collision does not compile).
+struct Layouts {
+  static constexpr U32 slot(U32 form, U32 mask) { return form << 8 | mask * 0x310c'1663u >> 24; }
+
+  /// Where the digits come from, but for the seventeenth character; then nothing.
+  alignas(16) std::array<std::array<U8, 16>, 512> shuffle{};
+  std::array<U32, 768> mask{};  // kNoForm has none
+
+  constexpr Layouts() {
+    for (U32 form = kOctets; form <= kPairs; ++form) {
+      const U32 groups = form == kOctets ? 6 : 3;
+      const U32 places = 12 / groups;
+      for (U32 layout = 0; layout < 64; ++layout) {
+        const auto digits = [&](U32 group) {
+          U32 rest = layout;
+          for (; group > 0; --group) rest /= places;
+          return rest % places + 1;
+        };
+        U32 size = groups - 1;
+        for (U32 group = 0; group < groups; ++group) size += digits(group);
+        if (size < 8) continue;
+        std::array<U8, 16> from{};
+        from.fill(0x80);
+        U32 bits = 1u << size;
+        U32 at = 0;
+        for (U32 group = 0; group < groups; ++group) {
+          for (U32 i = places - digits(group); i < places; ++i, ++at) {
+            if (at < 16) from[group * places + i] = static_cast<U8>(at);
+          }
+          if (group + 1 < groups) bits |= 1u << at;
+          ++at;
+        }
+        if (mask[slot(form, bits)] != 0) throw "two layouts in one slot";
+        mask[slot(form, bits)] = bits;
+        shuffle[slot(form, bits)] = from;
+      }
+    }
+  }
+};
+constexpr Layouts kLayouts;
+
+WIRL_SSSE3 inline U32 whereIs(__m128i characters, char what) noexcept {
+  return static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8(what))));
 }
 
-/// The first eight octets from the values of their digits.
-WIRL_SSSE3 inline U64 octetsOf(__m128i digits) noexcept {
-  const __m128i octets = _mm_maddubs_epi16(digits, _mm_set1_epi16(0x0110));
-  U64 word;
-  _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
-  return word;
+/// The values of hexadecimal digits; more than fifteen for every other character.
+WIRL_SSSE3 inline __m128i hexValues(__m128i characters) noexcept {
+  // 0xf0 and the value of a decimal digit, less for what is below; what is above wraps to less.
+  const __m128i decimal =
+      _mm_subs_epu8(_mm_add_epi8(characters, _mm_set1_epi8(static_cast<char>(0xff - '9'))), _mm_set1_epi8(6));
+  const __m128i letter =
+      _mm_sub_epi8(_mm_and_si128(characters, _mm_set1_epi8(static_cast<char>(0xdf))), _mm_set1_epi8('A'));
+  return _mm_min_epu8(_mm_sub_epi8(decimal, _mm_set1_epi8(static_cast<char>(0xf0))),
+                      _mm_adds_epu8(letter, _mm_set1_epi8(10)));
+}
+
+/// A mask of all or nothing: compilers make a branch of a choice between numbers, but not of this.
+constexpr U32 onlyIf(bool condition) noexcept {
+  return 0u - static_cast<U32>(condition);
+}
+
+/// The bytes above fifteen.
+WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
+  return static_cast<U32>(_mm_movemask_epi8(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 16))));
 }
 
 }  // namespace
 
-Taken<U64> takeHexGroupsSsse3(const char* text, std::size_t size, Extent extent) noexcept {
-  // Where the groups of an address in full end.
-  constexpr U32 kColonEnds = 1u << 2 | 1u << 5 | 1u << 8 | 1u << 11 | 1u << 14 | 1u << 17;
-  constexpr U32 kDotEnds = 1u << 4 | 1u << 9 | 1u << 14;
-  if (size < 5) return kNone;  // shorter than 0.0.0
-  const __m128i characters = loadText16(text, size);
-  const __m128i decimal = _mm_sub_epi8(characters, _mm_set1_epi8('0'));
-  const __m128i letter = _mm_sub_epi8(_mm_or_si128(characters, _mm_set1_epi8(0x20)), _mm_set1_epi8('a'));
-  const __m128i isDecimal = _mm_cmpeq_epi8(_mm_min_epu8(decimal, _mm_set1_epi8(9)), decimal);
-  const __m128i isLetter = _mm_cmpeq_epi8(_mm_min_epu8(letter, _mm_set1_epi8(5)), letter);
-  const __m128i values = _mm_or_si128(_mm_and_si128(isDecimal, decimal),
-                                      _mm_and_si128(isLetter, _mm_add_epi8(letter, _mm_set1_epi8(10))));
-  U32 digits = static_cast<U32>(_mm_movemask_epi8(_mm_or_si128(isDecimal, isLetter)));
-  // Six groups of two digits end before character 17: two characters are looked at behind the window.
-  U8 digit16 = kNoDigit;
-  if (size > 16) {
-    digit16 = hexValue(text[16]);
-    digits |= static_cast<U32>(digit16 != kNoDigit) << 16;
-    if (size > 17) digits |= static_cast<U32>(hexValue(text[17]) != kNoDigit) << 17;
+Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
+  if (size < 8) {
+    // Three short groups joined by full stops, or nothing.
+    const char* const start = size > 4 ? text : kNuls;
+    const bool stop = (start[1] == '.') | (start[2] == '.') | (start[3] == '.');
+    return stop ? takeHexGroupsPlainly({text, size}) : kNone;
   }
-
-  const U32 others = ~digits;
-  const unsigned first = static_cast<unsigned>(std::countr_zero(others));
-  const char separator = text[first < size ? first : 0];  // a digit when there is none
-  const U32 separators =
-      static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8(separator))));
-  const bool dots = separator == '.';
-  if (!dots && separator != ':' && separator != '-') [[unlikely]] {
-    // A first group that fills the window may still be one, with zeros in front.
-    return first > 17 ? takeHexGroupsLoop({text, size}, 6).within(size, extent) : kNone;
+  // Which form a text has, how long its groups are and what is wrong with it cannot be predicted: there is no
+  // branch on any of it before it is known whether this is an address.
+  const __m128i characters = loadText8to16(text, size < 16 ? size : 16);
+  const __m128i values = hexValues(characters);
+  // No group of an address that is laid out in one of the ways is longer than four digits.
+  const U32 foreign = noDigits(values);
+  const auto first = static_cast<unsigned>(std::countr_zero(foreign | 1u << 4));
+  const char separator = text[first];
+  const U32 form = kFormOf[static_cast<U8>(separator)];
+  const U32 mask = whereIs(characters, separator) | 1u << (size < 18 ? size : 18);
+  const U32 slot = Layouts::slot(form, mask);
+  const __m128i places = _mm_shuffle_epi8(
+      values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
+  // The seventeenth character, which the window does not have.
+  const U32 digit16 = hexValue(text[16 & onlyIf(size > 16)]) & onlyIf(size > 16);
+  if (((kLayouts.mask[slot] ^ mask) | noDigits(places) | digit16 >> 4) == 0) [[likely]] {
+    const __m128i octets = _mm_maddubs_epi16(places, _mm_set1_epi16(0x0110));
+    U64 word;
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
+    return {word | U64{digit16} << 40, size};
   }
-
-  const U32 withoutSeparators = dots ? withoutLowest<2>(others) : withoutLowest<5>(others);
-  const U32 ends = others ^ withoutLowest<1>(withoutSeparators);
-  const U32 foreign = (others ^ withoutSeparators) & ~separators;
-  const unsigned end = static_cast<unsigned>(std::countr_zero(withoutSeparators));
-  const bool goesOn = extent == Extent::whole && end != size;
-  if (foreign == 0 && !goesOn) [[likely]] {
-    if (ends == kColonEnds && !dots) [[likely]] {
-      const __m128i low = _mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 12, 13, 15, -1, -1, -1, -1, -1);
-      return {octetsOf(_mm_shuffle_epi8(values, low)) | U64{digit16} << 40, 17};
-    }
-    if (ends == kDotEnds && dots) {
-      const __m128i places = _mm_setr_epi8(0, 1, 2, 3, 5, 6, 7, 8, 10, 11, 12, 13, -1, -1, -1, -1);
-      return {octetsOf(_mm_shuffle_epi8(values, places)), 14};
-    }
-  }
-
-  // Within the window, a character that is neither digit nor separator, the text's end or an empty group is the
-  // end of every hope.
-  const U32 starts = (others ^ withoutSeparators) << 1 | 1;
-  if (((foreign | (starts & others)) & 0xffff) != 0) return kNone;
-  const U32 used = digits & ((1u << end) - 1);
-  const U32 threeFrom = used & used >> 1 & used >> 2;
-  const U32 tooManyFrom = dots ? threeFrom & threeFrom >> 2 : threeFrom;
-  if (tooManyFrom != 0) {
-    // More digits than a group has are right when zeros lead them, and never else.
-    const U32 zeros = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('0'))));
-    if ((tooManyFrom & starts & ~zeros & 0xffff) != 0) return kNone;
-    return takeHexGroupsLoop({text, size}, 6).within(size, extent);
-  }
-  if (goesOn) return kNone;
-  if (dots) return takeHexGroupsLoop({text, size}, 6);
-  // Groups of one or two digits. Each character with the one before it, which counts nothing when it is a
-  // separator, is an octet where a group ends.
-  alignas(16) U8 pairs[16];
-  _mm_store_si128(reinterpret_cast<__m128i*>(pairs),
-                  _mm_or_si128(values, _mm_slli_si128(_mm_slli_epi16(values, 4), 1)));
-  U64 octets = 0;
-  U32 left = others;
-  for (unsigned i = 0; i < 6; ++i) {
-    octets |= U64{pairs[std::countr_zero(left) - 1]} << 8 * i;
-    left = withoutLowest<1>(left);
-  }
-  return {octets, end};
+  // A group of more digits than it should have may still be one, with zeros in front; nothing else can. None of
+  // six groups begins behind character 15 but behind such a one.
+  const U32 digit17 = hexValue(text[17 & onlyIf(size > 17)]);
+  const U32 beyond = (1u << 16 & onlyIf(size > 16) & onlyIf(digit16 < 16)) |
+                     (1u << 17 & onlyIf(size > 17) & onlyIf(digit17 < 16));
+  const U32 digits = (~foreign & 0xffff) | beyond;
+  const U32 zeros = whereIs(characters, '0') & ~(digits << 1);
+  const U32 threeFrom = digits & digits >> 1 & digits >> 2;
+  const U32 fiveFrom = threeFrom & threeFrom >> 2;
+  const U32 longFrom = (form == kOctets ? threeFrom : fiveFrom);
+  if ((zeros & longFrom) == 0) [[likely]]
+    return kNone;
+  return takeHexGroupsPlainly({text, size});
 }
 
 #endif

@@ -18,18 +18,21 @@ using EuiOctets = std::array<Kiv::U8, 8>;
 // hyphens (an octet each) or all by full stops (two octets each).
 
 /// Six or eight octets.
-Taken<Kiv::U64> takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept;
+Taken takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept;
+/// Six octets that are all of a text, by that loop; apart so that what calls it last keeps no registers for it.
+Taken takeHexGroupsPlainly(std::string_view text) noexcept;
 #if WIRL_HAS_SSSE3
-/// Six octets.
-WIRL_SSSE3 Taken<Kiv::U64> takeHexGroupsSsse3(const char* text, std::size_t size, Extent extent) noexcept;
+/// Six octets that are all of a text.
+WIRL_SSSE3 Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept;
 #endif
 
-inline Taken<Kiv::U64> takeEthAddr(std::string_view text, Extent extent) noexcept {
+/// All of a text, or nothing, in the best way that the machine has.
+inline Taken takeEthAddr(std::string_view text) noexcept {
 #if WIRL_HAS_SSSE3
   if (hasSsse3()) [[likely]]
-    return takeHexGroupsSsse3(text.data(), text.size(), extent);
+    return takeHexGroupsSsse3(text.data(), text.size());
 #endif
-  return takeHexGroupsLoop(text, 6).within(text.size(), extent);
+  return takeHexGroupsPlainly(text);
 }
 
 /// Two digits an octet, joined by colons, and a NUL; returns the length without the NUL.

@@ -32,6 +32,19 @@ inline bool hasSsse3() noexcept {
 // The address and the size of a text go apart here: GCC for 32-bit x86 would read a string_view in one load,
 // which waits for the two stores that it came by.
 
+/// NULs to load in the place of a text that is too short. Which texts are cannot be predicted, so that a branch
+/// would cost more; compilers choose a pointer without one when they cannot see what is behind it.
+extern const char kNuls[16];
+
+/// A text of eight to sixteen characters, and zeros.
+WIRL_SSSE3 inline __m128i loadText8to16(const char* at, std::size_t size) noexcept {
+  // Two overlapping halves; the second without what the first has.
+  const auto from = [](const char* place) { return reinterpret_cast<const __m128i*>(place); };
+  const __m128i shift = _mm_cvtsi32_si128(static_cast<int>(128 - 8 * size));
+  return _mm_unpacklo_epi64(_mm_loadl_epi64(from(at)),
+                            _mm_srl_epi64(_mm_loadl_epi64(from(at + size - 8)), shift));
+}
+
 /// The first sixteen characters of a text of at least four, zeros behind its end. Reads nothing outside.
 WIRL_SSSE3 inline __m128i loadText16(const char* at, std::size_t size) noexcept {
   const auto load4 = [](const char* from) {
@@ -39,16 +52,11 @@ WIRL_SSSE3 inline __m128i loadText16(const char* at, std::size_t size) noexcept 
     std::memcpy(&word, from, sizeof(word));
     return word;
   };
-  const auto bits = [](std::size_t octets) { return static_cast<int>(8 * octets); };
-  const auto from = [](const char* place) { return reinterpret_cast<const __m128i*>(place); };
-  if (size >= 16) return _mm_loadu_si128(from(at));
-  if (size >= 8) {
-    // Two overlapping halves; the second without what the first has.
-    return _mm_unpacklo_epi64(_mm_loadl_epi64(from(at)), _mm_srl_epi64(_mm_loadl_epi64(from(at + size - 8)),
-                                                                       _mm_cvtsi32_si128(bits(16 - size))));
-  }
-  return _mm_or_si128(_mm_cvtsi32_si128(load4(at)), _mm_sll_epi64(_mm_cvtsi32_si128(load4(at + size - 4)),
-                                                                  _mm_cvtsi32_si128(bits(size - 4))));
+  if (size >= 16) return loadText8to16(at, 16);
+  if (size >= 8) return loadText8to16(at, size);
+  const __m128i shift = _mm_cvtsi32_si128(static_cast<int>(8 * size - 32));
+  return _mm_or_si128(_mm_cvtsi32_si128(load4(at)),
+                      _mm_sll_epi64(_mm_cvtsi32_si128(load4(at + size - 4)), shift));
 }
 
 #endif

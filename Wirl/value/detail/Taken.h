@@ -3,6 +3,8 @@
 
 #include <cstddef>
 
+#include "Kiv/Types.h"
+
 namespace Wirl::detail {
 
 /// Whether text may follow what is read.
@@ -10,9 +12,8 @@ enum class Extent { front, whole };
 
 /// What stood at the front of a text: octets as a number, the first one least significant, and how many
 /// characters they took; none when they were not there. Small enough to be returned in registers.
-template <typename Number>
 struct Taken {
-  Number octets;
+  Kiv::U64 octets;
   std::size_t length;
 
   /// Itself, but nothing when there is more text and none may follow.

@@ -4,7 +4,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Wirl/value/detail/Simd.h"
+
 namespace Wirl::detail {
+
+#if WIRL_HAS_SSSE3
+extern const char kNuls[16] = {};
+#endif
 
 void throwRange(Kiv::ParseError error) {
   throw Kiv::RangeException(error);
