@@ -41,6 +41,12 @@ struct Verdict {
         if (!striking && index >= fault->nth_ && index - fault->nth_ < fault->times_) striking = fault;
       }
       if (!striking) return;
+      if (striking->decide_) {
+        const Mishap mishap = striking->decide_();
+        error = mishap.error;
+        limit = mishap.limit;
+        return;
+      }
       error = striking->error_;
       limit = striking->limit_;
       before = striking->before_;
@@ -88,6 +94,11 @@ Fault::Fault(Call call, unsigned nth, ShortCount count, unsigned times)
 
 Fault::Fault(Call call, unsigned nth, std::function<void()> before)
     : call_(call), nth_(nth), times_(1), before_(std::move(before)) {
+  add(this);
+}
+
+Fault::Fault(Call call, std::function<Mishap()> decide)
+    : call_(call), nth_(1), times_(kForEver), decide_(std::move(decide)) {
   add(this);
 }
 

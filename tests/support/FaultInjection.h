@@ -40,6 +40,12 @@ struct ShortCount {
   std::size_t count;
 };
 
+/// What happens to one call: it fails with `error`, else moves no more than `limit` octets.
+struct Mishap {
+  int error = 0;
+  std::size_t limit = ~std::size_t{0};
+};
+
 /// While it lives, one call of its kind goes wrong:
 ///
 ///     Fault fault(Call::sendmsg, 1, ENOBUFS);          // the next sendmsg fails
@@ -59,6 +65,8 @@ class Fault {
   Fault(Call call, unsigned nth, ShortCount count, unsigned times = 1);
   /// Runs `before` on the thread of the `nth` call, then makes the call.
   Fault(Call call, unsigned nth, std::function<void()> before);
+  /// Has `decide` say for each call what happens to it; it must not make such calls itself.
+  Fault(Call call, std::function<Mishap()> decide);
   ~Fault();
   Fault(const Fault&) = delete;
   Fault& operator=(const Fault&) = delete;
@@ -75,5 +83,6 @@ class Fault {
   const int error_ = 0;
   const std::size_t limit_ = ~std::size_t{0};
   const std::function<void()> before_;
+  const std::function<Mishap()> decide_;
   std::atomic<unsigned> calls_{0};
 };

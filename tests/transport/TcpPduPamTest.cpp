@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 
+#include <malloc.h>
 #include <limits>
 #include <map>
+#include <memory>
 #include <numeric>
 #include <sstream>
 
@@ -754,6 +756,60 @@ TEST(TcpPduPam, TracesItsRoad) {
   for (auto& line : expected) line = "TcpPduPam/" + line;
   EXPECT_EQ(traces.lines(), expected);
 }
+
+#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__)
+TEST(TcpPduPam, AnIdleConnectionCostsLessThanTwoKibibytes) {
+  constexpr std::size_t kConnections = 240;
+  const auto heap = [] {
+    const auto info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+  };
+  Pkt::Manager::cacheLimitIs(0);
+  auto tried = variations();
+  std::erase_if(tried, [](const auto& variation) { return variation.backend.pollLoop; });
+  tried.insert(tried.begin(), tried[0]);  // once for the tables of the loop, which grow in steps
+  for (std::size_t row = 0; row < tried.size(); ++row) {
+    const Variation& variation = tried[row];
+    SCOPED_TRACE(variation);
+    struct Connection {
+      Kiv::Ptr<SimpleTcpPduPam> pam;
+      Kiv::Reactor drain;
+    };
+    Loop loop(variation.backend);
+    std::vector<std::pair<TcpFileDescriptor::PtrConst, TcpFileDescriptor::PtrConst>> ends;
+    for (std::size_t i = 0; i < kConnections; ++i) ends.push_back(connected(loop.edge()));
+    std::vector<Connection> all(kConnections);
+    std::size_t before = 0;
+    for (std::size_t i = 0; i < kConnections; ++i) {
+      if (i == kConnections / 2) before = heap();  // what all share is there by then
+      auto& [pam, drain] = all[i];
+      pam = simpleTcpPduPamFactory(ends[i].first, loop.factory());
+      pam->maxPduLengthIs(4000);
+      pam->readAheadIs(variation.readAhead);
+      pam->txQueueLimitIs(variation.queue);
+      drain = Kiv::Reactor(pam->readableCount, [end = pam.get()] {
+        while (const Pkt::Ptr pdu = end->rxPkt()) end->txPktIs(pdu);
+      });
+      pam->enableModeIs(tcpEnableModeReadWrite);
+      for (int rounds = 0; rounds < 2; ++rounds) {
+        sendAll(ends[i].second, pduOf(3000));
+        char octets[3000];
+        std::size_t echoed = 0;
+        ASSERT_TRUE(loop.runUntil([&] {
+          const ssize_t n = recv(ends[i].second->descriptor(), octets, sizeof(octets), 0);
+          return (echoed += n > 0 ? static_cast<std::size_t>(n) : 0) == sizeof(octets);
+        }));
+      }
+    }
+    const std::size_t each = (heap() - before) / (kConnections / 2) + sizeof(TcpFileDescriptor);
+    if (row > 0) {
+      EXPECT_LT(each, 2048u);
+    }
+    RecordProperty("octetsOf" + testing::PrintToString(variation), std::to_string(each));
+  }
+  Pkt::Manager::cacheLimitIs(1024);
+}
+#endif
 
 TEST(TcpPduPam, SteadyStateAllocatesNothing) {
   Pkt::Manager::cacheLimitIs(1024);  // under AddressSanitizer nothing is kept unless asked for
