@@ -368,9 +368,10 @@ inline ssize_t TcpPduPam::receive(U8* to, U16 length) {
   const bool traced = trace.enabled(8);
   if (traced) [[unlikely]]
     traceRead(total, received);
-  if (total > maxPduLength()) [[unlikely]]
-    return {TcpPduPamReadReturn::error, 0, "PDU length too big"};
+  // Neither the length nor what is here already: a header that is itself too long has any length field.
   const U32 here = pkt.frontBytes();
+  if (std::max<U32>(total, here) > maxPduLength()) [[unlikely]]
+    return {TcpPduPamReadReturn::error, 0, "PDU length too big"};
   rxRemainingLength_ = total > here ? static_cast<U16>(total - here) : U16{0};
   if (traced) [[unlikely]]
     traceSize(total);

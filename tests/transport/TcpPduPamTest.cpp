@@ -3,9 +3,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <netinet/tcp.h>
 
-#include <malloc.h>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <map>
 #include <memory>
@@ -16,6 +18,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/TraceCapture.h"
+#include "tests/transport/OwnFraming.h"
 #include "tests/transport/TcpPdus.h"
 
 namespace Wirl {
@@ -77,6 +80,7 @@ TEST_P(TcpPduPamTest, AnOverlongPduEndsReadingBehindThoseBeforeIt) {
       {1000, pduOf(20, 0xffff), 0},
       {65535, pduOf(20, 0xffff), 0},  // the longest there is: waited for
       {19, "x", 0},                   // a header too long, known with the first octet
+      {19, pduOf(20, 5), 0},          // whatever its length field says
       {0, "x", 0},
   };
   for (const auto& row : rows) {
@@ -613,6 +617,49 @@ TEST(TcpPduPam, CarriesWhateverFramingAClassTellsAndNoneByItself) {
   none->handleSocketReadable();
   none->handleSocketWritable();
   EXPECT_EQ(none->readableCount(), 0u);
+}
+
+TEST(TcpPduPam, FramingOfOnesOwnTakesTenLines) {
+  const auto read = [](const std::string& path) {
+    std::ifstream file(WIRL_SOURCE_DIR "/" + path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::string code = read("tests/transport/OwnFraming.h");
+  const std::string shown = code.substr(code.find("class BgpPam"));
+  EXPECT_THAT(read("docs/framing.md"), testing::HasSubstr("```cpp\n" + shown + "```\n"));
+  EXPECT_LE(std::count(shown.begin(), shown.end(), '\n'), 10);
+
+  for (const auto& variation : variations()) {
+    SCOPED_TRACE(variation);
+    const Backend& backend = variation.backend;
+    Loop loop(backend);
+    const auto ends = connected(backend.edge);
+    const auto pam = Kiv::makePtr<BgpPam>(ends.first, loop.factory());
+    pam->maxPduLengthIs(4096);
+    pam->readAheadIs(variation.readAhead);
+    std::vector<std::string> received;
+    const Kiv::Reactor onReadable(pam->readableCount, [&] {
+      while (const Pkt::Ptr pdu = pam->rxPkt()) received.push_back(pdu->stringValue());
+    });
+    pam->enableModeIs(tcpEnableModeReadWrite);
+    std::vector<std::string> sent;
+    for (const std::size_t size : {19u, 23u, 4096u, 29u}) {
+      std::string pdu(size, '\xff');
+      pdu[16] = static_cast<char>(size >> 8);
+      pdu[17] = static_cast<char>(size);
+      sent.push_back(pdu);
+    }
+    sent.push_back(std::string(16, '\xff') + std::string("\0\5\4", 3));  // a length that is too small
+    const std::string stream = std::accumulate(sent.begin(), sent.end(), std::string());
+    for (std::size_t at = 0; at < stream.size(); at += 18) {
+      sendAll(ends.second, std::string_view(stream).substr(at, 18));
+      if (at % 5 == 0) loop.settle();
+    }
+    EXPECT_TRUE(loop.runUntil([&] { return received.size() >= sent.size(); }));
+    EXPECT_EQ(received, sent);
+    sendAll(ends.second, std::string(19, '\xff'));  // 65535
+    EXPECT_TRUE(loop.runUntil([&] { return pam->rxErrorReason() == "PDU length too big"; }));
+  }
 }
 
 TEST(TcpPduPamDeathTest, BreachesOfTheCallingOrderEndTheProcess) {

@@ -1,0 +1,1 @@
+wirl_fuzz(tcpPduFuzz transport/tcpPduFuzz.cpp)
