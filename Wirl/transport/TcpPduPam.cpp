@@ -17,6 +17,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirl/transport/detail/PduBuffers.h"
 
 namespace Wirl {
 
@@ -319,12 +320,9 @@ TcpPduPamReadReturn TcpPduPam::ReadOutcome::value() const {
 }
 
 void TcpPduPam::startPdu() {
-  const Pkt::Manager::Ptr& manager = globalPktManager();
   const U32 room = maxPduLength();
   try {
-    rxPktHolderShadow_ = room <= Pkt::Manager::defaultBufferBytes_
-                             ? manager->newPkt()
-                             : manager->newPkt(manager->newSharedBuffer(room));
+    rxPktHolderShadow_ = detail::newPduPkt(room);
   } catch (const std::bad_alloc&) {
     return;  // the read will say so
   }
@@ -552,12 +550,13 @@ void TcpPduPam::sendRestOfPkt() {
     return;
   }
   const std::size_t count = static_cast<std::size_t>(sent);
-  txNext_ += count;
-  txRemaining_ -= count;
-  if (txRemaining_ == 0) {
+  if (count >= txRemaining_) {
+    KIV_ASSERT_AS(count == txRemaining_, "ret == txRemainingLength()");
     KIV_TRACE(trace, 8) << "Sent " << count << " bytes";
     writeCompleteAndSpaceAvailable();
   } else {
+    txNext_ += count;
+    txRemaining_ -= count;
     KIV_TRACE(trace, 8) << "Partial send " << count << " bytes. Remaining to send " << txRemaining_;
     outOfWriteSpace();
   }
