@@ -14,7 +14,7 @@ namespace {
 constexpr U32 kFactoryBufferBytes = 10000;
 constexpr U32 kMacAddrsBytes = 12;
 
-// With a default-size buffer each, about 1.8 MB a thread.
+// Each of the three stores may be full: 2,048 packets and as many buffers, at most 3.7 MB a thread.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr U32 kCacheLimit = 0;
 #elif defined(__has_feature)

@@ -43,8 +43,7 @@ using Kiv::U8;
 /// buffer holds belongs to the buffer; which of its bytes a packet shows belongs to the packet and stays as
 /// it is when another one grows or shrinks. A packet's own next change of its shared data starts from the
 /// buffer's range, and so includes what others put there: holders that want different headers on one payload
-/// put them into their private areas. Whoever shrinks a shared range and grows it again may write over bytes
-/// that another holder shows.
+/// put them into their private areas. Shrinking and growing again may write over what another holder shows.
 ///
 /// Ownership. Packets and buffers live as long as a `Kiv::Ptr` refers to them. Data in a buffer is never
 /// moved: growth that does not fit takes this packet, and no other, to a new buffer.
@@ -54,8 +53,9 @@ using Kiv::U8;
 /// back at once, the rest when the thread ends. Nothing is cleared: new bytes have undefined contents until
 /// written. Under AddressSanitizer the limit is 0, so that a use after the release is seen.
 ///
-/// Threads. One thread owns a packet at a time, without locks. Packets may be handed to another thread, and
-/// released there, when reference counts are atomic (`Kiv::ptrThreadSafeIs`).
+/// Threads. One thread owns a packet at a time, without locks; another may get it when counts are atomic
+/// (`Kiv::ptrThreadSafeIs`). Packets over one buffer may then be in several threads, to be read, copied and
+/// given private head data; for a change of shared data, its range or its bytes, one must have them all.
 ///
 /// Invariant: the buffer's range lies in the buffer, the private data in its area; a packet with a shared
 /// buffer has a valid piece. It is checked on lengths, before anything is changed; a violation ends the

@@ -354,13 +354,21 @@ TEST_F(PktRecycling, TheSteadyStateAllocatesNothing) {
 }
 
 TEST_F(PktRecycling, APacketAndItsBufferServeApart) {
-  manager().newPkt();
+  pktOf("old");
   const AllocationCounter counter;
-  EXPECT_EQ(manager().newSharedBuffer()->size(), 1536u);
+  EXPECT_EQ(manager().newSharedBuffer()->headroom(), 1536u);  // whatever was in it
   EXPECT_EQ(manager().newPkt(nullptr)->numIovecs(), 0u);
   EXPECT_EQ(manager().newPkt(manager().newSharedBuffer())->numIovecs(), 1u);
   EXPECT_EQ(manager().newPkt(nullptr)->numIovecs(), 0u);
   EXPECT_EQ(counter.allocations(), 0u);
+}
+
+TEST_F(PktRecycling, OnlyBuffersOfDefaultSizeAreKept) {
+  pktFactory();
+  EXPECT_EQ(Pkt::Manager::cachedBuffers(), 0u);
+  EXPECT_EQ(manager().newPkt()->maxSharedData(), 1536u);
+  EXPECT_EQ(Pkt::Manager::cachedBuffers(), 1u);
+  EXPECT_EQ(headroom(pktFactory()), 10000u);
 }
 
 TEST_F(PktRecycling, ABurstLeavesNoMoreThanTheLimit) {
@@ -414,6 +422,29 @@ TEST_F(PktRecycling, PacketsMayBeReleasedOnAnotherThread) {
   other.join();  // and frees what it kept: a leak checker would tell
   EXPECT_EQ(source->sharedBuffer()->references(), 1u);
   Kiv::ptrThreadSafeIs(false);
+}
+
+// Made before the thread's store and destroyed after it, which was not empty.
+struct LateOfThread {
+  Pkt::Ptr pkt;
+  ~LateOfThread() {
+    EXPECT_EQ(text(manager().newShallowCopy(pkt)), "late");
+    pkt = pktOf("later still");
+    EXPECT_EQ(Pkt::Manager::cachedPkts() + Pkt::Manager::cachedBuffers(), 0u);
+  }
+};
+
+TEST(PktLate, AThreadsLastPacketsFindItsStoreClosed) {
+  std::thread([] {
+    static thread_local LateOfThread late;
+    late.pkt = nullptr;
+    Pkt::Manager::cacheLimitIs(4);
+    std::vector<Pkt::Ptr> kept;
+    for (int i = 0; i < 4; ++i) kept.push_back(pktOf("kept"));
+    late.pkt = pktOf("late");
+    kept.clear();
+    EXPECT_EQ(Pkt::Manager::cachedPkts(), 4u);
+  }).join();
 }
 
 // Released behind the end of main, when the thread's store is closed.
