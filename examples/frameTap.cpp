@@ -154,7 +154,8 @@ class Tap {
     octets_ += metadata.frameBytes;
     out_ += metadata.pktType == PACKET_OUTGOING;
     tagged_ += pkt->tciPresent();
-    // The tag came beside the frame. Filter and file want it where it was on the wire, the checks do not.
+    // The tag came beside the frame. Filter and file want it where it was on the wire, the checks do not; they
+    // come last, since they clear the checksums that they look at.
     const bool restored = Wirl::maybeRestoreVlanTag(pkt);
     if (filter_ && !filter_->match(pkt)) return;
     passed_ += 1;

@@ -10,9 +10,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <deque>
-#include <optional>
+#include <functional>
 
 #include "Kiv/Kiv.h"
 #include "Wirl/access/EthDevPam.h"
@@ -220,43 +221,77 @@ void receiveBare(State& state) {
   close(fd);
 }
 
-void moveByConnector(State& state) {
+/// The thread's loop in simulated time, while it lives.
+struct SimulatedTime {
+  SimulatedTime() { loop.simulatedTimeIs(true); }
+  ~SimulatedTime() { loop.simulatedTimeIs(false); }
   Kiv::ActivityLoop& loop = Kiv::activityLoop();
-  loop.simulatedTimeIs(true);
-  {
-    const auto cable = Wirl::PamConnectorIs(Kiv::makePtr<Kiv::Clock>("cable"));
-    cable->handleInitializedBase();
-    const auto pam0 = cable->pam("pam0");
-    const auto pam1 = cable->pam("pam1");
-    const Wirl::Pkt::Ptr pkt = Wirl::globalPktManager()->newPkt();
-    int pulled = 0;
-    const Kiv::Reactor pull(pam1->readableCount, [&] {
-      if (const Wirl::Pkt::Ptr got = pam1->rxPkt()) ++pulled;  // there is one for each count
-    });
-    for (auto _ : state) {
-      pulled = 0;
-      for (int i = 0; i < kBurst; ++i) pam0->txPktIs(pkt);
-      loop.runUntil([&] { return pulled == kBurst; }, 1);
-    }
-    if (pulled != kBurst) state.SkipWithError("packets lost");
-    state.SetItemsProcessed(state.iterations() * kBurst);
+};
+
+/// Sends `Packets`, runs the loop to the tick, pulls them.
+template <int Packets>
+void moveByConnector(State& state) {
+  const SimulatedTime time;
+  const auto cable = Wirl::PamConnectorIs(Kiv::makePtr<Kiv::Clock>("cable"));
+  cable->handleInitializedBase();
+  const auto pam0 = cable->pam("pam0");
+  const auto pam1 = cable->pam("pam1");
+  const Wirl::Pkt::Ptr pkt = Wirl::globalPktManager()->newPkt();
+  int pulled = 0;
+  const Kiv::Reactor pull(pam1->readableCount, [&] {
+    if (const Wirl::Pkt::Ptr got = pam1->rxPkt()) ++pulled;  // there is one for each count
+  });
+  const std::function<bool()> done = [&] { return pulled == Packets; };
+  for (auto _ : state) {
+    pulled = 0;
+    for (int i = 0; i < Packets; ++i) pam0->txPktIs(pkt);
+    time.loop.runUntil(done, 1);
   }
-  loop.simulatedTimeIs(false);
+  if (pulled != Packets) state.SkipWithError("packets lost");
+  state.SetItemsProcessed(state.iterations() * Packets);
 }
 
+/// Takes all that is in the queue out.
+int drain(std::deque<Wirl::Pkt::Ptr>& queue) {
+  int pulled = 0;
+  for (; !queue.empty(); ++pulled) {
+    Wirl::Pkt::Ptr got = std::move(queue.front());
+    queue.pop_front();
+    benchmark::DoNotOptimize(got);
+  }
+  return pulled;
+}
+
+/// A queue of pointers and nothing else: no clock, no counts, nobody who is told.
+template <int Packets>
 void moveByDeque(State& state) {
   std::deque<Wirl::Pkt::Ptr> queue;
   const Wirl::Pkt::Ptr pkt = Wirl::globalPktManager()->newPkt();
   for (auto _ : state) {
-    for (int i = 0; i < kBurst; ++i) queue.push_back(pkt);
+    for (int i = 0; i < Packets; ++i) queue.push_back(pkt);
     benchmark::ClobberMemory();
-    while (!queue.empty()) {
-      Wirl::Pkt::Ptr got = std::move(queue.front());
-      queue.pop_front();
-      benchmark::DoNotOptimize(got);
-    }
+    drain(queue);
   }
-  state.SetItemsProcessed(state.iterations() * kBurst);
+  state.SetItemsProcessed(state.iterations() * Packets);
+}
+
+/// The same, drained at a tick of the same clock as the connector has.
+template <int Packets>
+void moveByDequeAtTick(State& state) {
+  const SimulatedTime time;
+  const auto clock = Kiv::makePtr<Kiv::Clock>("cable");
+  std::deque<Wirl::Pkt::Ptr> queue;
+  const Wirl::Pkt::Ptr pkt = Wirl::globalPktManager()->newPkt();
+  int pulled = 0;
+  const Kiv::Reactor onTick(clock->expiredCount, [&] { pulled += drain(queue); });
+  const std::function<bool()> done = [&] { return pulled == Packets; };
+  for (auto _ : state) {
+    pulled = 0;
+    for (int i = 0; i < Packets; ++i) queue.push_back(pkt);
+    clock->timeMinIs(time.loop.now() + std::chrono::microseconds(977));
+    time.loop.runUntil(done, 1);
+  }
+  state.SetItemsProcessed(state.iterations() * Packets);
 }
 
 BENCH_ROWS {
@@ -268,8 +303,10 @@ BENCH_ROWS {
                  receiveBare<Frames>, bench::atMost(1.2));
   bench::compare("EthDevPam: receive 64 bytes, batch", receiveBatch<Frames>, "single", receiveSingle<Frames>,
                  bench::atMost(0.85));
-  bench::compare("PamConnector: move a packet, 128 a tick", moveByConnector, "std::deque of Ptr", moveByDeque,
-                 bench::atMost(3));
+  bench::compare("PamConnector: move a packet, 128 a tick", moveByConnector<128>, "std::deque, no tick",
+                 moveByDeque<128>, bench::atMost(3));
+  bench::compare("PamConnector: move a packet, 16 a tick", moveByConnector<16>, "std::deque and a clock",
+                 moveByDequeAtTick<16>, bench::atMost(3));
 }
 
 }  // namespace
