@@ -41,6 +41,9 @@ bool concernsOne(int error) {
 /// More of those in a row, and the machine pauses.
 constexpr int kFailuresInARow = 64;
 
+/// More connections than those of one event wait for the next.
+constexpr U32 kAcceptsOfEvent = 256;
+
 }  // namespace
 
 TcpServerConnection::TcpServerConnection(int descriptor, bool edgeTriggered, const IpGenAddr& peerAddr,
@@ -140,7 +143,11 @@ std::optional<TcpServerSm::Event> TcpServerSm::listen() {
   if (openConnections() >= maxConnections()) return Event::limit;
   try {
     watchIs(socket_);
-    onReadable_ = Kiv::Reactor(watch()->readableCount, [this] { readableCountInc(1); });
+    acceptedOfEvent_ = 0;
+    onReadable_ = Kiv::Reactor(watch()->readableCount, [this] {
+      acceptedOfEvent_ = 0;
+      readableCountInc(1);
+    });
     watch()->notifyOnReadableIs(true);
     watch()->enabledIs(true);
   } catch (const Kiv::ErrnoException& failure) {
@@ -152,7 +159,7 @@ std::optional<TcpServerSm::Event> TcpServerSm::listen() {
 
 TcpServerConnection::PtrConst TcpServerSm::accept() {
   const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
-  for (int failed = 0; state() == State::listening;) {
+  for (int failed = 0; state() == State::listening && acceptedOfEvent_ < kAcceptsOfEvent;) {
     detail::SockAddr peer;
     // Not by TcpFileDescriptor::socketAccept(): the peer's address comes with the call.
     const int fd = accept4(socket_->descriptor(), peer.get(), &peer.length(), SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -161,6 +168,7 @@ TcpServerConnection::PtrConst TcpServerSm::accept() {
           new TcpServerConnection(fd, edgeTriggered(), peer.address(), peer.port(), counter_));
       KIV_TRACE(trace, 5) << name() << ": " << peer.address() << " port " << peer.port() << " accepted as "
                           << fd;
+      ++acceptedOfEvent_;
       put(accepted, accepted() + 1);
       // Also tells what has changed. A reactor to that may close connections, or all of it.
       if (openConnections() >= maxConnections()) {

@@ -4,6 +4,8 @@
 
 #include <functional>
 #include <list>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -447,6 +449,64 @@ TEST(TcpServerSm, ReactorsMayDisableItOrLetGoOfIt) {
   }
 }
 
+TEST(TcpSm, WhateverHappensTheSocketsAreThoseOfTheStates) {
+  const SimulatedTime simulated;
+  std::mt19937 random(7);
+  const auto below = [&random](unsigned bound) { return static_cast<unsigned>(random() % bound); };
+  const std::size_t none = openDescriptors();
+  {
+    Server server;
+    server.sm->localPortIs([] {
+      Server other;
+      other.open();
+      return other.sm->listeningPort();
+    }());
+    const auto sm = client(server.sm->localPort());
+    sm->backoffMinIs(1ms);
+    sm->closeTimeoutIs(20ms);
+    const Call calls[] = {Call::socket, Call::connect, Call::accept4, Call::epoll_ctl, Call::bind};
+    for (int step = 0; step < 3000; ++step) {
+      SCOPED_TRACE(step);
+      std::optional<Fault> fault;
+      if (below(3) == 0) fault.emplace(calls[below(5)], 1 + below(2), below(2) ? EMFILE : ECONNABORTED);
+      switch (below(8)) {
+        case 0:
+          server.sm->enabledIs(below(4) != 0);
+          break;
+        case 1:
+          sm->enabledIs(below(4) != 0);
+          break;
+        case 2:
+          sm->connectionDel();
+          break;
+        case 3:
+          sm->close();
+          break;
+        case 4:
+          server.sm->maxConnectionsIs(below(4));
+          break;
+        case 5:
+          server.connections.clear();
+          break;
+        default:
+          loop().runFor(0.001 * below(10));
+          break;
+      }
+      const ClientState client = sm->state();
+      const bool connected = client == ClientState::connected || client == ClientState::closing;
+      ASSERT_EQ(sm->connection() != nullptr, connected);
+      ASSERT_EQ(server.sm->openConnections(), server.connections.size());
+      const ServerState at = server.sm->state();
+      const bool listens = at != ServerState::disabled && at != ServerState::waiting;
+      ASSERT_EQ(openDescriptors(),
+                none + server.connections.size() + listens + connected + (client == ClientState::connecting));
+    }
+    EXPECT_GT(sm->connects(), 50u);
+    EXPECT_GT(server.sm->accepted(), 50u);
+  }
+  EXPECT_EQ(openDescriptors(), none);
+}
+
 TEST(TcpSm, AThousandConnectionsOnOneLoop) {
   rlimit descriptors{};
   getrlimit(RLIMIT_NOFILE, &descriptors);
@@ -475,12 +535,14 @@ TEST(TcpSm, AThousandConnectionsOnOneLoop) {
   server->enabledIs(true);
   std::list<End> serving;
   const Kiv::Reactor onAccept(server->readableCount, [&] {
+    const U32 atFirst = server->accepted();
     while (const auto connection = server->accept()) {
       End& end = serving.emplace_back();
       open(end, connection, [](End& echo, const Pkt::Ptr& pdu) { echo.pam->txPktIs(pdu); });
       end.onEnd = Kiv::Reactor(end.pam->rxErrorReason,
                                [&serving, each = std::prev(serving.end())] { serving.erase(each); });
     }
+    EXPECT_LE(server->accepted() - atFirst, 256u);  // the loop has others to serve
   });
   std::list<End> clients(count);
   std::size_t echoed = 0;
