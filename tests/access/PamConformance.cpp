@@ -101,15 +101,15 @@ TEST_P(PamConformanceTest, ClientsPullWhatWasSentWholeInOrderAndOnce) {
 }
 
 TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
-  enum Deed { shut, reopen, drop, fail };
+  enum class Deed { close, reopen, drop, fail };
   const std::size_t count = watches().size();
   backend = nullptr;
   const std::size_t none = settledDescriptors();
-  for (const Deed deed : {shut, reopen, drop, fail}) {
+  for (const Deed deed : {Deed::close, Deed::reopen, Deed::drop, Deed::fail}) {
     for (std::size_t watch = 0; watch < count; ++watch) {
       for (const bool opening : {true, false}) {
-        SCOPED_TRACE(testing::Message()
-                     << "deed " << deed << " attribute " << watch << " opening " << opening);
+        SCOPED_TRACE(testing::Message() << "deed " << static_cast<int>(deed) << " attribute " << watch
+                                        << " opening " << opening);
         renew();
         backend->openIs(backend->receives() ? *backend->from : *backend->to, true);
         const std::size_t before = settledDescriptors();
@@ -118,13 +118,13 @@ TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
         bool struck = false;
         Kiv::Reactor reactor = watches()[watch]([&] {
           if (std::exchange(struck, true)) return;
-          if (deed == fail) throw std::runtime_error("client");
-          if (deed == drop) {
+          if (deed == Deed::fail) throw std::runtime_error("client");
+          if (deed == Deed::drop) {
             backend->drop(pam);
             return;
           }
           backend->openIs(*pam, false);
-          if (deed == reopen) backend->openIs(*pam, true);
+          if (deed == Deed::reopen) backend->openIs(*pam, true);
         });
         // Opened, received by, failed to receive by, failed to send by, closed.
         for (int step = 0; step < 5 && pam && !struck; ++step) {
@@ -143,12 +143,12 @@ TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
             if (step == 3) pam->txPktIs(backend->pktOf("x"));
             if (step == 4) backend->openIs(*pam, false);
           } catch (const std::runtime_error&) {
-            EXPECT_EQ(deed, fail);
+            EXPECT_EQ(deed, Deed::fail);
           }
         }
         reactor = {};
         EXPECT_TRUE(struck || !opening);
-        EXPECT_EQ(pam == nullptr, struck && deed == drop);
+        EXPECT_EQ(pam == nullptr, struck && deed == Deed::drop);
         if (pam) {
           backend->openIs(*pam, false);
           EXPECT_EQ(settledDescriptors(), before);
@@ -208,11 +208,17 @@ TEST_P(PamConformanceTest, AFloodFasterThanTheReaderLosesWhatIsCountedAndNothing
   EXPECT_LT(got, sent);
   EXPECT_EQ(to.rxDrops() + got, sent);
   EXPECT_EQ(to.rxDrops() + got, sent);  // reading it loses nothing
-  flood();
+  // What was lost by the time that it is closed is counted then.
+  for (int i = 0; i < 200; ++i) send("flood");
+  Kiv::activityLoop().runFor(0.02);
   backend->openIs(to, false);
-  EXPECT_EQ(to.rxDrops() + got, sent);
+  EXPECT_GT(to.rxDrops() + got, sent);
   backend->openIs(to, true);
+  while (backend->pull(to)) {
+  }
+  to.rxDropsIs(0);
   backend->roomIsSmall();
+  sent = got = 0;
   flood();
   EXPECT_EQ(to.rxDrops() + got, sent);
   to.rxDropsIs(7);
