@@ -150,6 +150,7 @@ TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
         EXPECT_TRUE(struck || !opening);
         EXPECT_EQ(pam == nullptr, struck && deed == Deed::drop);
         if (pam) {
+          EXPECT_TRUE(backend->isWhole(*pam));
           backend->openIs(*pam, false);
           EXPECT_EQ(settledDescriptors(), before);
           open();

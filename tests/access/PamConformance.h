@@ -47,6 +47,8 @@ class PamBackend {
   virtual void drop(Kiv::Ptr<Wirl::Pam>& end) { end = nullptr; }
   virtual void openIs(Wirl::Pam&, bool) {}
   virtual bool isOpen(const Wirl::Pam&) const { return true; }
+  /// Whether what belongs to an open Pam is all there, or nothing of it.
+  virtual bool isWhole(const Wirl::Pam&) const { return true; }
   virtual Wirl::Pkt::Ptr pktOf(const std::string& payload) const;
   virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
   virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) const { return pam.rxPkt(); }
@@ -82,6 +84,9 @@ template <typename P>
 class SocketPamBackend : public PamBackend {
  public:
   bool isOpen(const Wirl::Pam& pam) const override { return as(pam).fileDesc() != nullptr; }
+  bool isWhole(const Wirl::Pam& pam) const override {
+    return (as(pam).fileDesc() == nullptr) == (as(pam).fdSm() == nullptr);
+  }
   std::function<void()> lateEvent(const Wirl::Pam& pam) const override {
     return [fd = as(pam).fileDesc(), sm = as(pam).fdSm()] {
       EXPECT_EQ(fd->descriptor(), -1);
