@@ -114,6 +114,11 @@ TEST(PktChecks, EthIp) {
            {badIpPayloadLen, false, false},
            "IPv4 payload length is larger than the actual packet size46 vs. 65535"},
           {with(good, 24, "66bd"), {badIpHdrChecksum, false, false}, "IPv4 header checksum is invalid"},
+          // A checksum of 0 is not the other zero.
+          {with(with(good, 18, "66bd"), 24, "0000"), {noError, false, false}, ""},
+          {with(with(good, 18, "66bd"), 24, "ffff"),
+           {badIpHdrChecksum, false, false},
+           "IPv4 header checksum is invalid"},
           {with(optioned, 37, "01"), {badIpHdrChecksum, false, false}, "IPv4 header checksum is invalid"},
       });
 }
