@@ -49,9 +49,6 @@ bool hasNamespace(State& state) {
 
 /// What is received: raw IP packets or frames.
 struct Ip {
-  using Peer = sockaddr_in;
-  static constexpr int kLevel = IPPROTO_IP;
-
   static Kiv::Ptr<Wirl::IpSocketPam> pam() {
     using Is = Wirl::IpSocketOptions;
     auto pam = Wirl::ipSocketPamFactory("bench", static_cast<Wirl::IpProtocolNumber>(kProtocol),
@@ -102,8 +99,7 @@ struct Ip {
 
 struct Frames {
   static Kiv::Ptr<Wirl::EthDevPam> pam() {
-    auto pam = Wirl::ethDevPamFactory("bench", "lo", Wirl::NamespaceName("default"));
-    return pam;
+    return Wirl::ethDevPamFactory("bench", "lo", Wirl::NamespaceName("default"));
   }
   static void bulkIs(Wirl::EthDevPam&) {}
   static Kiv::U64 drainBatch(const Wirl::EthDevPam& pam) {
