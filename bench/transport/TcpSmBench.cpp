@@ -188,9 +188,9 @@ void memory(State& state, bool atServer) {
 
 BENCH_ROWS {
   bench::compare("TCP: connect, accept and close by the state machines", connectOurs, "bare epoll loop",
-                 connectFloor, bench::atMost(1.5));
+                 connectFloor, bench::atMost(1.4));
   bench::state("TCP: memory of an idle connection at the server", [](State& state) { memory(state, true); });
-  bench::state("TCP: memory of an idle connection at the client, its machine included",
+  bench::state("TCP: memory of an idle connection, client with machine",
                [](State& state) { memory(state, false); });
 }
 

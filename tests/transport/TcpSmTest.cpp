@@ -80,31 +80,6 @@ TEST(TcpBackoff, DoublesUpToTheCapAndNeverWraps) {
   EXPECT_EQ(backoff.next(1s, Kiv::timeInfinite), Kiv::timeInfinite);
 }
 
-TEST(TcpSm, TheMachinesCanBeDisabledAndHaveNoDeadEnd) {
-  // From each state there is a way back to each state; resting ones are left by `disable` at once.
-  const auto check = [](auto next, unsigned states, unsigned events, auto disable, auto resting) {
-    using State = typename decltype(resting)::value_type;
-    for (unsigned from = 0; from < states; ++from) {
-      std::vector<char> reached(states, 0);
-      const std::function<void(unsigned)> walk = [&](unsigned state) {
-        if (std::exchange(reached[state], 1)) return;
-        for (unsigned event = 0; event < events; ++event) {
-          const auto to = next(static_cast<State>(state), static_cast<decltype(disable)>(event));
-          if (to) walk(static_cast<unsigned>(*to));
-        }
-      };
-      walk(from);
-      EXPECT_EQ(std::count(reached.begin(), reached.end(), 1), states) << from;
-    }
-    for (const State state : resting) EXPECT_EQ(next(state, disable), State::disabled);
-  };
-  check(TcpClientSm::next, 5, 7, TcpClientSm::Event::disable,
-        std::vector{ClientState::connecting, ClientState::waiting, ClientState::connected,
-                    ClientState::closing});
-  check(TcpServerSm::next, 6, 7, TcpServerSm::Event::disable,
-        std::vector{ServerState::waiting, ServerState::listening, ServerState::full, ServerState::paused});
-}
-
 TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
   const auto sm = tcpClientSmFactory("client");
   const auto server = tcpServerSmFactory("server");
