@@ -133,9 +133,8 @@ WIRL_SSSE3 inline Taken takeLayout(__m128i characters, std::size_t end, U32 dots
   }
   // An octet of more than three digits may still be one, with zeros in front; nothing else can.
   const U32 zeros = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('0'))));
-  const U32 twoTo = ~ends & ~ends << 1;
-  const U32 fourTo = twoTo & twoTo << 2;
-  if ((zeros << 3 & fourTo) == 0) [[likely]]
+  const U32 leading = zeros & (ends << 1 | 1);
+  if ((leading << 3 & ~(ends | ends << 1 | ends << 2)) == 0) [[likely]]
     return kNone;
   return takeDottedPlainly(text, extent);
 }
@@ -149,7 +148,7 @@ WIRL_SSSE3 inline U32 dotsOf(__m128i characters) noexcept {
 Taken takeDottedSsse3(const char* text, std::size_t size) noexcept {
   if (size == 7) return takeFourDigits(text);
   if (size > 15) return takeDottedPlainly({text, size}, Extent::whole);
-  const __m128i characters = loadText8to16(size < 8 ? kNuls + 8 : text, size);
+  const __m128i characters = loadText8to16(orNuls(size < 8, text), size);
   return takeLayout(characters, size, dotsOf(characters), {text, size}, Extent::whole);
 }
 

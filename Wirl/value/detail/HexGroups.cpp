@@ -154,11 +154,6 @@ WIRL_SSSE3 inline __m128i hexValues(__m128i characters) noexcept {
                       _mm_adds_epu8(letter, _mm_set1_epi8(10)));
 }
 
-/// A mask of all or nothing: compilers make a branch of a choice between numbers, but not of this.
-constexpr U32 onlyIf(bool condition) noexcept {
-  return 0u - static_cast<U32>(condition);
-}
-
 /// The bytes above fifteen.
 WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
   return static_cast<U32>(_mm_movemask_epi8(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 16))));
@@ -167,27 +162,22 @@ WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
 }  // namespace
 
 Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
-  if (size < 8) {
-    // Three short groups joined by full stops, or nothing.
-    const char* const start = size > 4 ? text : kNuls;
-    const bool stop = (start[1] == '.') | (start[2] == '.') | (start[3] == '.');
-    return stop ? takeHexGroupsPlainly({text, size}) : kNone;
-  }
   // Which form a text has, how long its groups are and what is wrong with it cannot be predicted: there is no
   // branch on any of it before it is known whether this is an address.
-  const __m128i characters = loadText8to16(text, size < 16 ? size : 16);
+  const char* const from = orNuls(size < 8, text);
+  const __m128i characters = loadText8to16(from, size < 16 ? size : 16);
   const __m128i values = hexValues(characters);
   // No group of an address that is laid out in one of the ways is longer than four digits.
   const U32 foreign = noDigits(values);
   const auto first = static_cast<unsigned>(std::countr_zero(foreign | 1u << 4));
-  const char separator = text[first];
+  const char separator = from[first];
   const U32 form = kFormOf[static_cast<U8>(separator)];
   const U32 mask = whereIs(characters, separator) | 1u << (size < 18 ? size : 18);
   const U32 slot = Layouts::slot(form, mask);
   const __m128i places = _mm_shuffle_epi8(
       values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
   // The seventeenth character, which the window does not have.
-  const U32 digit16 = hexValue(text[16 & onlyIf(size > 16)]) & onlyIf(size > 16);
+  const U32 digit16 = hexValue(from[16 & onlyIf(size > 16)]) & onlyIf(size > 16);
   if (((kLayouts.mask[slot] ^ mask) | noDigits(places) | digit16 >> 4) == 0) [[likely]] {
     const __m128i octets = _mm_maddubs_epi16(places, _mm_set1_epi16(0x0110));
     U64 word;
@@ -196,15 +186,19 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
   }
   // A group of more digits than it should have may still be one, with zeros in front; nothing else can. None of
   // six groups begins behind character 15 but behind such a one.
-  const U32 digit17 = hexValue(text[17 & onlyIf(size > 17)]);
+  const U32 digit17 = hexValue(from[17 & onlyIf(size > 17)]);
   const U32 beyond = (1u << 16 & onlyIf(size > 16) & onlyIf(digit16 < 16)) |
                      (1u << 17 & onlyIf(size > 17) & onlyIf(digit17 < 16));
   const U32 digits = (~foreign & 0xffff) | beyond;
   const U32 zeros = whereIs(characters, '0') & ~(digits << 1);
   const U32 threeFrom = digits & digits >> 1 & digits >> 2;
-  const U32 fiveFrom = threeFrom & threeFrom >> 2;
-  const U32 longFrom = (form == kOctets ? threeFrom : fiveFrom);
-  if ((zeros & longFrom) == 0) [[likely]]
+  const U32 longFrom = threeFrom & (threeFrom >> 2 | onlyIf(form == kOctets));
+  // So may three short groups joined by full stops, of five to seven characters.
+  U32 front;
+  std::memcpy(&front, orNuls(size < 5, text), sizeof(front));
+  const U32 noStops = front ^ 0x2e2e'2e2e;
+  const U32 stops = (noStops - 0x0101'0101) & ~noStops & 0x8080'8080 & onlyIf(size < 8);
+  if (((zeros & longFrom) | stops) == 0) [[likely]]
     return kNone;
   return takeHexGroupsPlainly({text, size});
 }

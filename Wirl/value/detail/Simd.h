@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "Kiv/Types.h"
@@ -32,9 +33,20 @@ inline bool hasSsse3() noexcept {
 // The address and the size of a text go apart here: GCC for 32-bit x86 would read a string_view in one load,
 // which waits for the two stores that it came by.
 
-/// NULs to load in the place of a text that is too short. Which texts are cannot be predicted, so that a branch
-/// would cost more; compilers choose a pointer without one when they cannot see what is behind it.
+/// A mask of all or nothing: compilers make a branch of a choice between numbers, but not of this.
+constexpr Kiv::U32 onlyIf(bool condition) noexcept {
+  return 0u - static_cast<Kiv::U32>(condition);
+}
+
+/// NULs to load in the place of a text that is too short.
 extern const char kNuls[16];
+
+/// `text`, or the middle of the NULs. Which texts are too short cannot be predicted: there is no branch here.
+inline const char* orNuls(bool tooShort, const char* text) noexcept {
+  const auto nuls = reinterpret_cast<std::uintptr_t>(kNuls + 8);
+  const auto at = reinterpret_cast<std::uintptr_t>(text);
+  return reinterpret_cast<const char*>(at ^ ((at ^ nuls) & (0 - static_cast<std::uintptr_t>(tooShort))));
+}
 
 /// A text of eight to sixteen characters, and zeros.
 WIRL_SSSE3 inline __m128i loadText8to16(const char* at, std::size_t size) noexcept {
