@@ -85,7 +85,7 @@ Finding inspectIp(const Pkt::Ptr& pkt) {
     upper = {reinterpret_cast<const char*>(ip) + ip->headerBytes(), ip->payloadLen()};
     if (protocol == ipProtoAh) {
       AhHdr* ah = nullptr;
-      found.code = checkIpAhHdr(ip, ah);
+      found.code = checkIpAhHdr(pkt, ip, ah);
     }
   }
   found.ends = endsOf(ip->src(), ip->dst(), protocol, upper);
@@ -93,14 +93,14 @@ Finding inspectIp(const Pkt::Ptr& pkt) {
 }
 
 /// The message behind its IPv6 header: the checksum, and the options of the messages that have some.
-void inspectIcmp6(Ip6Hdr* ip6, Finding& found) {
+void inspectIcmp6(const Pkt::Ptr& pkt, Ip6Hdr* ip6, Finding& found) {
   Icmp6Hdr* icmp6 = nullptr;
-  found.code = checkIcmp6CheckSum(ip6, icmp6);
+  found.code = checkIcmp6CheckSum(pkt, ip6, icmp6);
   if (found.code != noError) return;
   const std::string_view type = icmp6TypeNumberText(icmp6->type());
   if (!type.empty()) found.more = " " + std::string(type.substr(std::strlen("icmp6Type")));
   Icmp6OptionCommonHdr* option = nullptr;
-  const PktErrors code = getIcmp6Opt(ip6, icmp6, option, icmp6OptSrcLinkLayerAddr);
+  const PktErrors code = getIcmp6Opt(pkt, ip6, icmp6, option, icmp6OptSrcLinkLayerAddr);
   if (code != icmp6TypeNotSupported) found.code = code;
 }
 
@@ -121,7 +121,7 @@ Finding inspectIp6(const Pkt::Ptr& pkt) {
       upper = {hdr, reinterpret_cast<const char*>(ip6) + bytes};
       break;
     }
-    if (ip6->protocol() == ipProtoIcmpv6) inspectIcmp6(ip6, found);
+    if (ip6->protocol() == ipProtoIcmpv6) inspectIcmp6(pkt, ip6, found);
   }
   found.protocol += " " + protocolName(protocol);
   found.ends = endsOf(ip6->src(), ip6->dst(), protocol, upper);

@@ -155,6 +155,15 @@ void Pkt::moveToBuffer(U32 size, U32 tailroom) {
   updateSharedIovec();
 }
 
+void Pkt::keepShownData() {
+  SharedBuffer& shared = buffer();
+  if (shown_ == shared.data_) return;
+  const SharedBuffer::Ptr own = globalPktManager()->newSharedBuffer(shared.size_);
+  own->data_ = shown_;
+  std::memcpy(own->data(), sharedFront(), shown_.bytes());
+  sharedBuffer_ = own;
+}
+
 U8* Pkt::newPrivateHeadData(U32 n) {
   const bool begins = fields_.privateBytes == 0;
   KIV_ASSERT_AS(!begins || fields_.firstIoVec != 0, "firstIoVec_ != 0");

@@ -42,8 +42,8 @@ using Kiv::U8;
 /// Sharing. `Manager::newShallowCopy` makes a packet over the same buffer and copies no byte. Which data the
 /// buffer holds belongs to the buffer; which of its bytes a packet shows belongs to the packet and stays as
 /// it is when another one grows or shrinks. A packet's own next change of its shared data starts from the
-/// buffer's range, and so includes what others put there: holders that want different headers on one payload
-/// put them into their private areas. Shrinking and growing again may write over what another holder shows.
+/// buffer's range, and so includes what others put there, unless `keepShownData` is asked for first: holders
+/// that want different headers on one payload put them into their private areas. Shrinking and growing again may write over what another holder shows.
 ///
 /// Ownership. Packets and buffers live as long as a `Kiv::Ptr` refers to them. Data in a buffer is never
 /// moved: growth that does not fit takes this packet, and no other, to a new buffer.
@@ -116,6 +116,9 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void sharedBufferIs(Kiv::Ptr<SharedBuffer> buffer);
   /// Makes the whole shared buffer headroom again, for the next receive.
   void resetSharedData();
+  /// For a change that is to start from what this packet shows: where another holder has changed the buffer's
+  /// range, the shown bytes move to a buffer of this packet's own, of the same size.
+  void keepShownData();
 
   // Contents.
 
@@ -185,6 +188,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
     constexpr Range(U32 offset, U32 bytes) noexcept : word_(U64{bytes} << 32 | offset) {}
     constexpr U32 offset() const noexcept { return static_cast<U32>(word_); }
     constexpr U32 bytes() const noexcept { return static_cast<U32>(word_ >> 32); }
+    friend constexpr bool operator==(Range, Range) noexcept = default;
     /// `n` is at most the offset.
     constexpr Range headGrown(U32 n) const noexcept {
       Range grown;

@@ -116,10 +116,9 @@ template <bool kTraced>
   }
   IpHdr* const found = hdrAt<IpHdr>(frame.front, sizeof(EthHdr));
   if (found->version() != IpHdr::ipVersion4) return failed(nonIpHdr, "Ip hdr is not IPv4");
-  if (found->headerBytes() > frame.frontBytes - sizeof(EthHdr)) {
-    return tooShort(frame.frontBytes, " in its first piece");
-  }
-  ipHdr = found;
+  const bool whole = found->headerBytes() <= frame.frontBytes - sizeof(EthHdr);
+  if (whole) [[likely]]
+    ipHdr = found;
   const U32 present = frame.bytes - U32{sizeof(EthHdr)};
   const U32 claimed = found->totalLenU16();
   if (claimed > present) {
@@ -127,6 +126,8 @@ template <bool kTraced>
       out << "IPv4 payload length is larger than the actual packet size" << present << " vs. " << claimed;
     });
   }
+  // Only the checksum asks for the options.
+  if (!whole) return tooShort(frame.frontBytes, " in its first piece");
   // The field need not be 0 meanwhile: nobody sees it, and a good packet is not written to.
   if (!ipChecksumIsRight(found)) [[unlikely]] {
     found->checksumU16Is(0);
@@ -264,7 +265,6 @@ PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*&
   }
   const U32 payload = ip6Hdr->payloadLen();
   U32 remaining = payload > offset ? payload - offset : 0;
-  Icmp6OptionCommonHdr* last = nullptr;
   for (auto* at = hdrAt<Icmp6OptionCommonHdr>(icmp6Hdr, offset); remaining >= sizeof(*at);
        at = hdrAt<Icmp6OptionCommonHdr>(at, at->bytes())) {
     if (at->bytes() > remaining) return lenExceeds();
@@ -272,11 +272,10 @@ PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*&
       return failed(icmp6OptLenZero, "Option length cannot be zero.");
     }
     KIV_TRACE(trace, 8) << "Found option: " << unsigned{at->type()};
-    if (at->type() == type) last = at;
+    if (at->type() == type) option = at;
     remaining -= at->bytes();
     if (remaining == sizeof(*at)) return lenExceeds();
   }
-  option = last;
   return noError;
 }
 
@@ -290,11 +289,10 @@ PktErrors checkIpAhHdr(IpHdr* ipHdr, AhHdr*& ahHdr) {
   if (payload < sizeof(AhHdr)) {
     return failed(badAhLen, "packet is too short to contain an AH header.");
   }
-  AhHdr* const found = hdrAt<AhHdr>(ipHdr, ipHdr->headerBytes());
-  if (found->headerBytes() >= payload) {
+  ahHdr = hdrAt<AhHdr>(ipHdr, ipHdr->headerBytes());
+  if (ahHdr->headerBytes() >= payload) {
     return failed(badAhLen, "packet is too short to contain Authentication Data.");
   }
-  ahHdr = found;
   return noError;
 }
 

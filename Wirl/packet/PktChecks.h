@@ -13,8 +13,9 @@ namespace Wirl {
 
 // What a receive path asks before it trusts the headers of a packet. Bad contents are told by the code that
 // is returned and by a trace (handle "PktChecks": failures at level 3, entries at level 8), never by an
-// exception. No field of a packet can make a check read or write outside of it. A header pointer is set once
-// the header was found whole and of the right kind; it is null from the first check that fails on.
+// exception. A check that gets the packet reads and writes nothing outside of its first piece, whatever its
+// fields say. A header pointer is set once the header was found whole and of the right kind; it is null from
+// the first check that fails on.
 
 // Checks of a frame, from the front of the packet. The headers must lie whole in the packet's first piece;
 // what is behind them may be in either.
@@ -31,9 +32,10 @@ KIV_API PktErrors checkEthIpHdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, IpHdr*& ip
 KIV_API PktErrors checkEthIp6Hdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr);
 
 // Checks of what an IP header carries. The header must have passed the check above: its length field, found
-// right there, is what bounds these. It bounds them in the one piece that the header lies in, as packets that
-// were received do. For a packet that may have its datagram in two pieces there are the forms that take the
-// packet too: they return `pktTooShort` where the datagram is not all in the first piece, and change nothing.
+// right there, is what bounds these. Take the forms with the packet: they return `pktTooShort` where the
+// datagram is not all in the packet's first piece, and change nothing then. The forms without are for a packet
+// that is known to lie in one piece, as received ones do. They cannot see where a piece ends: of a datagram in
+// two pieces they read, and those of the ICMPv6 checksum write, the memory that follows the first one.
 
 /// The checksum of the ICMPv6 message right behind the IPv6 header; extension headers are not skipped. The
 /// checksum field is 0 afterwards. Codes: `nextHdrIsNotIcmp6`, `badIp6PayloadLen` (fewer than 4 bytes),
@@ -49,14 +51,15 @@ KIV_API PktErrors setIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr
 /// The last option of a type in a neighbour solicitation, neighbour advertisement or router solicitation that
 /// passed `checkIcmp6CheckSum`; null, with `noError`, when there is none. The whole option, as long as it
 /// says, lies in the message; whether that is long enough for its type is still to be looked at. Codes:
-/// `icmp6TypeNotSupported`, `icmp6OptLenExceedPayloadLen`, `icmp6OptLenZero`; the option is null then.
+/// `icmp6TypeNotSupported`, `icmp6OptLenExceedPayloadLen`, `icmp6OptLenZero`; where a bad option ends the
+/// search, the last one in front of it is given all the same.
 KIV_API PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*& option,
                               Icmp6OptionTypeNumber type);
 KIV_API PktErrors getIcmp6Opt(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr,
                               Icmp6OptionCommonHdr*& option, Icmp6OptionTypeNumber type);
 
 /// The authentication header behind an IPv4 header, with its authentication data and at least one byte behind
-/// them. Codes: `nextHdrIsNotAh`, `badAhLen`.
+/// them. Codes: `nextHdrIsNotAh`, `badAhLen`; the header pointer is set where only the data are too short.
 KIV_API PktErrors checkIpAhHdr(IpHdr* ipHdr, AhHdr*& ahHdr);
 KIV_API PktErrors checkIpAhHdr(const Pkt::Ptr& pkt, IpHdr* ipHdr, AhHdr*& ahHdr);
 

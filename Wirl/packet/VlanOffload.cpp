@@ -36,13 +36,14 @@ bool hasVlanTagToOffload(const Pkt& pkt) {
 bool maybeOffloadAnyVlanTag(const Pkt::Ptr& pkt) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   if (!hasVlanTagToOffload(*pkt)) return false;
+  const U32 fromPrivate = std::min(privateBytes(*pkt), kTag);
+  if (fromPrivate < kTag) pkt->keepShownData();
   pkt->newSeparateVlanTag(word(*pkt, kAddresses + 2), word(*pkt, kAddresses));
   if (pkt->frontBytes() >= kAddresses + kTag) {
     std::memmove(pkt->front() + kTag, pkt->front(), kAddresses);
   } else {
     for (U32 i = kAddresses; i-- > 0;) pkt->rawByteIs(i + kTag, pkt->rawByte(i));
   }
-  const U32 fromPrivate = std::min(privateBytes(*pkt), kTag);
   if (fromPrivate > 0) pkt->delPrivateHeadData(fromPrivate);
   if (fromPrivate < kTag) pkt->delSharedHeadData(kTag - fromPrivate);
   return true;
@@ -57,6 +58,7 @@ bool maybeRestoreVlanTag(const Pkt::Ptr& pkt) {
   if (inPrivate > 0 && inPrivate <= Pkt::privateBufferSize_ - kTag) {
     pkt->newPrivateHeadData(kTag);
   } else if (pkt->sharedBuffer()) {
+    pkt->keepShownData();
     pkt->newSharedHeadData(kTag);
     gap = inPrivate;
   } else {

@@ -6,14 +6,15 @@
 namespace Wirl {
 
 /// Moving a VLAN tag (IEEE 802.1Q) between the bytes of an Ethernet frame and the packet's separate tag. The
-/// bytes move in place: whoever shares the packet's buffer sees it.
+/// bytes move in place: whoever shares the packet's buffer sees it. What the packet shows is what counts: where
+/// another holder has changed the buffer's range, the packet gets a buffer of its own first.
 
 /// Whether `maybeOffloadAnyVlanTag` would move a tag: the frame has at least 18 bytes, an outermost tag of
 /// type 0x8100, 0x88a8 or 0x9100 behind the two addresses, and no separate tag.
 KIV_API bool hasVlanTagToOffload(const Pkt& pkt);
 
 /// Moves the outermost tag out of the frame into the separate tag; true when it did. Anything else than the
-/// above is left alone.
+/// above is left alone. Out of 4 or fewer private bytes it leaves an empty first piece, as shrinking does.
 KIV_API bool maybeOffloadAnyVlanTag(const Pkt::Ptr& pkt);
 
 /// Puts the separate tag back behind the two addresses; true when it did. A packet without a separate tag or

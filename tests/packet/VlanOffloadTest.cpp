@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
 namespace {
@@ -66,6 +67,38 @@ TEST(VlanOffload, RestoresATagInFrontOfAnyPieces) {
   const std::string wire = emptied->stringValueMaybeWithVlan();
   ASSERT_TRUE(maybeRestoreVlanTag(emptied));
   EXPECT_EQ(std::string(emptied->stringValue()), wire);
+}
+
+TEST(VlanOffload, MovesTheTagOfWhatThePacketShowsWhoeverChangedTheBuffer) {
+  using namespace std::string_literals;
+  const std::string frame = frameOf(40, "\x81\x00\x20\x05\x08\x00"s);
+  const std::function<void(Pkt&)> changes[] = {
+      [](Pkt&) {},
+      [](Pkt& other) { other.newSharedHeadData(20); },
+      [](Pkt& other) { other.newSharedTailData(20); },
+      [](Pkt& other) { other.delSharedHeadData(other.bytes() - 1); },
+      [](Pkt& other) { other.delSharedTailData(other.bytes() - 1); },
+      [](Pkt& other) { other.resetSharedData(); },
+  };
+  const Pkt::Manager& manager = *globalPktManager();
+  for (const auto& change : changes) {
+    SCOPED_TRACE(&change - changes);
+    for (const U32 inPrivate : {0u, 3u, 30u}) {
+      const Pkt::Ptr other = pktOf(frame.substr(inPrivate), 0);
+      const Pkt::Ptr pkt = manager.newShallowCopy(other);
+      if (inPrivate > 0) frame.copy(reinterpret_cast<char*>(pkt->newPrivateHeadData(inPrivate)), inPrivate);
+      change(*other);
+      const std::string others = other->stringValue();
+      ASSERT_TRUE(maybeOffloadAnyVlanTag(pkt));
+      EXPECT_EQ(std::string(pkt->stringValue()), frame.substr(0, 12) + frame.substr(16));
+      if (other->sharedBuffer() != pkt->sharedBuffer()) {
+        EXPECT_EQ(std::string(other->stringValue()), others);
+      }
+      other->newSharedHeadData(1);
+      ASSERT_TRUE(maybeRestoreVlanTag(pkt));
+      EXPECT_EQ(std::string(pkt->stringValue()), frame);
+    }
+  }
 }
 
 TEST(VlanOffload, LeavesAloneWhatItCannotMove) {
