@@ -159,6 +159,20 @@ WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
   return static_cast<U32>(_mm_movemask_epi8(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 16))));
 }
 
+/// Whether a text that is laid out in none of the ways may be an address all the same: has a group of more
+/// digits than it should have with a zero in front, of `zeros`, or is of three short groups and full stops.
+/// `foreign` are those of the first sixteen characters that are no digits.
+[[gnu::noinline]] bool mayBeLong(U32 form, U32 foreign, U32 zeros, std::string_view text) noexcept {
+  if (text.size() < 8) return text.substr(1, 3).find('.') != std::string_view::npos;
+  U32 digits = ~foreign & 0xffff;
+  // None of six groups begins behind character 15 but behind such a one.
+  for (std::size_t at = 16; at < text.size() && at < 18; ++at) {
+    digits |= static_cast<U32>(hexValue(text[at]) != kNoDigit) << at;
+  }
+  const U32 threeFrom = digits & digits >> 1 & digits >> 2;
+  return (zeros & threeFrom & (threeFrom >> 2 | onlyIf(form == kOctets))) != 0;
+}
+
 }  // namespace
 
 Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
@@ -172,7 +186,8 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
   const auto first = static_cast<unsigned>(std::countr_zero(foreign | 1u << 4));
   const char separator = from[first];
   const U32 form = kFormOf[static_cast<U8>(separator)];
-  const U32 mask = whereIs(characters, separator) | 1u << (size < 18 ? size : 18);
+  const U32 end = 1u << (size < 18 ? size : 18);
+  const U32 mask = whereIs(characters, separator) | end;
   const U32 slot = Layouts::slot(form, mask);
   const __m128i places = _mm_shuffle_epi8(
       values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
@@ -184,23 +199,13 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
     return {word | U64{digit16} << 40, size};
   }
-  // A group of more digits than it should have may still be one, with zeros in front; nothing else can. None of
-  // six groups begins behind character 15 but behind such a one.
-  const U32 digit17 = hexValue(from[17 & onlyIf(size > 17)]);
-  const U32 beyond = (1u << 16 & onlyIf(size > 16) & onlyIf(digit16 < 16)) |
-                     (1u << 17 & onlyIf(size > 17) & onlyIf(digit17 < 16));
-  const U32 digits = (~foreign & 0xffff) | beyond;
-  const U32 zeros = whereIs(characters, '0') & ~(digits << 1);
-  const U32 threeFrom = digits & digits >> 1 & digits >> 2;
-  const U32 longFrom = threeFrom & (threeFrom >> 2 | onlyIf(form == kOctets));
-  // So may three short groups joined by full stops, of five to seven characters.
-  U32 front;
-  std::memcpy(&front, orNuls(size < 5, text), sizeof(front));
-  const U32 noStops = front ^ 0x2e2e'2e2e;
-  const U32 stops = (noStops - 0x0101'0101) & ~noStops & 0x8080'8080 & onlyIf(size < 8);
-  if (((zeros & longFrom) | stops) == 0) [[likely]]
+  // A group of more digits than it should have may still be one, with zeros in front; so may three short groups
+  // joined by full stops; nothing else can. First a test of few steps that leaves little over.
+  const U32 ends = foreign | end;
+  const U32 zeros = whereIs(characters, '0') & (ends << 1 | 1);
+  if (((zeros << 2 & ~(ends | ends << 1)) | onlyIf(size - 5 < 3)) == 0) [[likely]]
     return kNone;
-  return takeHexGroupsPlainly({text, size});
+  return mayBeLong(form, foreign, zeros, {text, size}) ? takeHexGroupsPlainly({text, size}) : kNone;
 }
 
 #endif
