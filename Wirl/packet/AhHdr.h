@@ -10,8 +10,10 @@ namespace Wirl {
 /// IP authentication header, without the authentication data behind it (RFC 4302).
 class AhHdr {
  public:
-  /// As the octet says, also where it has no name.
-  IpProtocolNumber nextHdrNum() const noexcept { return static_cast<IpProtocolNumber>(nextHdr_); }
+  /// Next header: the octet, and its name.
+  U8 nextHdr() const noexcept { return nextHdr_; }
+  void nextHdrIs(U8 protocol) noexcept { nextHdr_ = protocol; }
+  IpProtocolNumber nextHdrNum() const noexcept { return ipProtocolNumberOf(nextHdr_); }
   void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdr_ = protocol; }
   /// In words of 4 bytes, less 2.
   U8 payloadLen() const noexcept { return payloadLen_; }

@@ -42,6 +42,13 @@ constexpr std::optional<Enum> fromText(const Name<Enum> (&names)[Size], std::str
 
 }  // namespace
 
+EthType ethTypeOf(Kiv::U16 number) noexcept {
+  for (const auto& name : kTypes) {
+    if (name.value == number) return name.value;
+  }
+  return ethTypeUnknown;
+}
+
 std::string_view ethTypeText(EthType type) noexcept {
   return textOf(kTypes, type, kTypes[0].text);
 }

@@ -34,6 +34,8 @@ enum EthSubType : Kiv::U16 {
   ethSubTypeL2HeaderTimestamping = 3,
 };
 
+/// The member of that number; `ethTypeUnknown` where there is none.
+KIV_API EthType ethTypeOf(Kiv::U16 number) noexcept;
 /// The member's name; that of `ethTypeUnknown` for a value without one.
 KIV_API std::string_view ethTypeText(EthType type) noexcept;
 /// The type that the whole of `text` names, or nothing.

@@ -232,8 +232,9 @@ class KIV_API MimHdrWrapper final : public HdrWrapper<MimHdrWrapper, MimHdr> {
   U32 isid() const noexcept { return header()->isid(); }
   /// Cut to 24 bits; the flags stay.
   void isidIs(U32 isid) noexcept { header()->isidIs(isid); }
-  EthType serviceIntfEthType() const noexcept { return static_cast<EthType>(serviceEthTypeU16()); }
+  EthType serviceIntfEthType() const noexcept { return ethTypeOf(serviceEthTypeU16()); }
   void serviceIntfEthTypeIs(EthType type) noexcept { header()->serviceIntfEthTypeIs(type); }
+  /// The same, also where it has no name.
   U16 serviceEthTypeU16() const noexcept { return header()->serviceIntfEthType(); }
   U32 serviceIntfTag() const noexcept { return header()->serviceIntfTag(); }
   void serviceIntfTagIs(U32 tag) noexcept { header()->serviceIntfTagIs(tag); }

@@ -39,14 +39,18 @@ struct Joined {
   static constexpr const char* text = array.data();
 };
 
-/// What composite values of headers offer as text: the framework's representation.
+/// What composite values of headers offer besides their `value()`: the framework's representation as text, and
+/// a hash.
 template <typename T>
 class CompositeForms {
  public:
+  using Composite = T;
+
   Kiv::String stringValue() const { return Kiv::representationOf(static_cast<const T&>(*this)); }
   /// Throws `Kiv::RangeException` with the reason, and changes nothing, for a text that is none.
   void stringValueIs(std::string_view text) { Kiv::representationIs(static_cast<T&>(*this), text); }
   friend std::ostream& operator<<(std::ostream& out, const T& value) { return out << value.stringValue(); }
+  constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(static_cast<const T&>(*this).value()); }
   friend constexpr auto operator<=>(const CompositeForms&, const CompositeForms&) noexcept = default;
 };
 
@@ -100,4 +104,10 @@ struct std::hash<Wirl::HdrNumber<Name, Int, Bits>> {
   std::size_t operator()(const Wirl::HdrNumber<Name, Int, Bits>& value) const noexcept {
     return value.hash();
   }
+};
+
+template <typename T>
+requires std::same_as<typename T::Composite, T>
+struct std::hash<T> {
+  std::size_t operator()(const T& value) const noexcept { return value.hash(); }
 };

@@ -25,6 +25,13 @@ constexpr Name kNames[] = {
 
 }  // namespace
 
+IpProtocolNumber ipProtocolNumberOf(Kiv::U8 octet) noexcept {
+  for (const Name& name : kNames) {
+    if (name.number == octet) return name.number;
+  }
+  return ipProtoUnknown;
+}
+
 std::string_view ipProtocolNumberText(IpProtocolNumber protocol) noexcept {
   for (const Name& name : kNames) {
     if (name.number == protocol) return name.text;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
 
 namespace Wirl {
@@ -228,6 +229,7 @@ PktErrors checkEthIp6Hdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr) 
 }
 
 PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
   icmp6Hdr = nullptr;
   KIV_TRACE(trace, 8) << "checkIcmp6CheckSum";
   if (ip6Hdr->protocol() != ipProtoIcmpv6) return failed(nextHdrIsNotIcmp6, "Next header is not Icmp6");
@@ -244,6 +246,8 @@ PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
 }
 
 PktErrors setIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr) {
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
+  KIV_ASSERT_AS(icmp6Hdr, "icmp6Hdr != 0");
   KIV_TRACE(trace, 8) << "setIcmp6CheckSum";
   if (ip6Hdr->protocol() != ipProtoIcmpv6) return failed(nextHdrIsNotIcmp6, "Next header is not Icmp6");
   icmp6Hdr->checksumU16Is(0);
@@ -253,6 +257,8 @@ PktErrors setIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr) {
 
 PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*& option,
                       Icmp6OptionTypeNumber type) {
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
+  KIV_ASSERT_AS(icmp6Hdr, "icmp6Hdr != 0");
   option = nullptr;
   KIV_TRACE(trace, 8) << "getIcmp6Opt";
   const auto lenExceeds = [] {
@@ -280,6 +286,7 @@ PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*&
 }
 
 PktErrors checkIpAhHdr(IpHdr* ipHdr, AhHdr*& ahHdr) {
+  KIV_ASSERT_AS(ipHdr, "ipHdr != 0");
   ahHdr = nullptr;
   KIV_TRACE(trace, 8) << "checkIpAhHdr";
   if (ipHdr->protocol() != ipProtoAh) {
@@ -297,6 +304,8 @@ PktErrors checkIpAhHdr(IpHdr* ipHdr, AhHdr*& ahHdr) {
 }
 
 PktErrors getNextProtoHdr(Ip6Hdr* ip6Hdr, U32 bytes, char** hdr, U32 protocol) {
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
+  KIV_ASSERT_AS(hdr, "hdr != 0");
   *hdr = nullptr;
   KIV_TRACE(trace, 8) << "getNextProtoHdr";
   if (bytes < sizeof(Ip6Hdr)) return tooShort(bytes, " of an IPv6 datagram");
@@ -333,21 +342,31 @@ PktErrors getNextProtoHdr(Ip6Hdr* ip6Hdr, U32 bytes, char** hdr, U32 protocol) {
 // With the packet.
 
 PktErrors checkIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
+  KIV_ASSERT_AS(pkt, "pkt != 0");
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
   icmp6Hdr = nullptr;
   return inFirstPiece(*pkt, ip6Hdr) ? checkIcmp6CheckSum(ip6Hdr, icmp6Hdr) : pktTooShort;
 }
 
 PktErrors setIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr) {
+  KIV_ASSERT_AS(pkt, "pkt != 0");
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
+  KIV_ASSERT_AS(icmp6Hdr, "icmp6Hdr != 0");
   return inFirstPiece(*pkt, ip6Hdr, icmp6Hdr) ? setIcmp6CheckSum(ip6Hdr, icmp6Hdr) : pktTooShort;
 }
 
 PktErrors getIcmp6Opt(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*& option,
                       Icmp6OptionTypeNumber type) {
+  KIV_ASSERT_AS(pkt, "pkt != 0");
+  KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
+  KIV_ASSERT_AS(icmp6Hdr, "icmp6Hdr != 0");
   option = nullptr;
   return inFirstPiece(*pkt, ip6Hdr, icmp6Hdr) ? getIcmp6Opt(ip6Hdr, icmp6Hdr, option, type) : pktTooShort;
 }
 
 PktErrors checkIpAhHdr(const Pkt::Ptr& pkt, IpHdr* ipHdr, AhHdr*& ahHdr) {
+  KIV_ASSERT_AS(pkt, "pkt != 0");
+  KIV_ASSERT_AS(ipHdr, "ipHdr != 0");
   ahHdr = nullptr;
   return inFirstPiece(*pkt, ipHdr) ? checkIpAhHdr(ipHdr, ahHdr) : pktTooShort;
 }

@@ -15,7 +15,7 @@ namespace Wirl {
 // is returned and by a trace (handle "PktChecks": failures at level 3, entries at level 8), never by an
 // exception. A check that gets the packet reads and writes nothing outside of its first piece, whatever its
 // fields say. A header pointer is set once the header was found whole and of the right kind; it is null from
-// the first check that fails on.
+// the first check that fails on. A null packet or header ends the process.
 
 // Checks of a frame, from the front of the packet. The headers must lie whole in the packet's first piece;
 // what is behind them may be in either.

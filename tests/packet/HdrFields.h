@@ -146,7 +146,7 @@ inline const std::vector<Header>& headers() {
             FIELD(srcPort, 0, 16), FIELD(dstPort, 16, 16), FIELD(len, 32, 16), FIELD(checksum, 48, 16),
             FIELD(checksumU16, 48, 16)),
       BOUND(AhHdr, ahHdrWrapperFactory,
-            FIELD(nextHdrNum, 0, 8), FIELD(payloadLen, 8, 8), FIELD(reserved, 16, 16), FIELD(spi, 32, 32),
+            FIELD(nextHdr, 0, 8), SETTER(nextHdrNum, 0, 8), FIELD(payloadLen, 8, 8), FIELD(reserved, 16, 16), FIELD(spi, 32, 32),
             FIELD(sequenceNum, 64, 32)),
       BOUND(Icmp6Hdr, icmp6HdrWrapperFactory,
             FIELD(type, 0, 8), FIELD(code, 8, 8), FIELD(checksum, 16, 16), FIELD(checksumU16, 16, 16)),

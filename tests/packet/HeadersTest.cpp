@@ -6,6 +6,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "Kiv/Exception.h"
@@ -203,6 +204,9 @@ TEST(Headers, WrappersForwardTheirHeadersFields) {
   mim->serviceIntfEthTypeIs(ethTypeDot1ah);
   mim->isidIs(0x1000001);
   EXPECT_TRUE(mim->serviceIntfEthType() == ethTypeDot1ah && mim->serviceEthTypeU16() == 0x88e7);
+  mim->header()->serviceIntfEthTypeIs(0x1234);
+  EXPECT_TRUE(mim->serviceIntfEthType() == ethTypeUnknown && mim->serviceEthTypeU16() == 0x1234);
+  mim->serviceIntfEthTypeIs(ethTypeDot1ah);
   EXPECT_TRUE(mim->isid() == 1 && mim->serviceIntfTag() == 0xff000001);
   EXPECT_EQ(pkt->bytesValue(), (Octets{0xaa, 0xaa, 3, 0x12, 0x34, 0x56, 0x78, 0x9a, 0x88, 0xe7,
                                        0xff, 0,    0, 1,    0xff, 0xff, 0xff, 0xff, 0xff, 0xff}));
@@ -379,6 +383,12 @@ TEST(HeaderValues, WordsComeApartAndTogether) {
   const Eth8021QTagControl tag(0xb123);
   EXPECT_TRUE(tag == Eth8021QTagControl(5, true, 0x123) && tag < Eth8021QTagControl(0xb124));
   EXPECT_TRUE(Eth8021QTagControl(0xb0ff) < tag);
+  EXPECT_EQ(tag.hash(), Kiv::hashMix(0xb123));
+  EXPECT_EQ(std::hash<IpFlags>()(IpFlags(5)), Kiv::hashMix(5));
+  const std::unordered_set<IpVersionTrafficClassAndFlowLabel> words{
+      IpVersionTrafficClassAndFlowLabel(1), IpVersionTrafficClassAndFlowLabel(0x60000001),
+      IpVersionTrafficClassAndFlowLabel(1)};
+  EXPECT_EQ(words.size(), 2u);
 }
 
 TEST(UpperHeaders, LengthsTheyTell) {
@@ -391,6 +401,10 @@ TEST(UpperHeaders, LengthsTheyTell) {
   EXPECT_EQ(ah.headerBytes(), 8);
   ah.payloadLenIs(255);
   EXPECT_EQ(ah.headerBytes(), 1028);
+  ah.nextHdrIs(ipProtoEsp);
+  EXPECT_EQ(ah.nextHdrNum(), ipProtoEsp);
+  ah.nextHdrIs(200);
+  EXPECT_EQ(ah.nextHdrNum(), ipProtoUnknown);
 }
 
 TEST(UpperHeaders, NumbersWithoutANameAreNumbers) {

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <functional>
 #include <random>
 
 #include "tests/packet/Frames.h"
@@ -159,15 +160,6 @@ TEST(PktChecks, HeadersLieWholeInTheFirstPiece) {
   }
 }
 
-TEST(PktChecks, TracesEntriesAndWhatWasFound) {
-  const TraceCapture traces("PktChecks/8");
-  verdictOf(checkEthIpHdr, frames::packet(frames::kUdp));
-  EXPECT_THAT(traces.lines(),
-              ElementsAre("PktChecks/8:checkEthIpHdr",
-                          "PktChecks/8:Got required Type: 800 src MAC: 0a:00:00:00:00:02 dst MAC: "
-                          "0a:00:00:00:00:01"));
-}
-
 TEST(PktChecks, IpChecksumIsThatOfTheFieldAtZero) {
   std::mt19937 random(4711);
   const auto anyOctet = [&] { return static_cast<char>(random()); };
@@ -201,6 +193,58 @@ struct Icmp6Packet {
 Icmp6Packet icmp6Packet(std::string_view frame, U32 split = 0) {
   const auto pkt = frames::packet(frame, split);
   return {pkt, reinterpret_cast<Ip6Hdr*>(pkt->front() + 14), reinterpret_cast<Icmp6Hdr*>(pkt->front() + 54)};
+}
+
+TEST(PktChecks, TraceEntriesAndWhatWasFound) {
+  const auto ns = icmp6Packet(kNs);
+  auto* const ipHdr = reinterpret_cast<IpHdr*>(ns.ip6Hdr);
+  Icmp6Hdr* icmp6Hdr = nullptr;
+  Icmp6OptionCommonHdr* option = nullptr;
+  AhHdr* ahHdr = nullptr;
+  char* hdr = nullptr;
+  const TraceCapture traces("PktChecks/8");
+  verdictOf(checkEthIpHdr, frames::packet(frames::kUdp));
+  verdictOf(checkEthIp6Hdr, ns.pkt);
+  checkIcmp6CheckSum(ns.pkt, ns.ip6Hdr, icmp6Hdr);
+  setIcmp6CheckSum(ns.pkt, ns.ip6Hdr, ns.icmp6Hdr);
+  getIcmp6Opt(ns.pkt, ns.ip6Hdr, ns.icmp6Hdr, option, icmp6OptSrcLinkLayerAddr);
+  checkIpAhHdr(ns.pkt, ipHdr, ahHdr);
+  getNextProtoHdr(ns.ip6Hdr, 72, &hdr, ipProtoTcp);
+  const std::string at = "PktChecks/8:";
+  EXPECT_THAT(
+      traces.lines(),
+      ElementsAre(at + "checkEthIpHdr",
+                  at + "Got required Type: 800 src MAC: 0a:00:00:00:00:02 dst MAC: 0a:00:00:00:00:01",
+                  at + "checkEthIp6Hdr",
+                  at + "Got required Type: 86dd src MAC: 00:0c:29:76:6c:14 dst MAC: 33:33:ff:76:6c:14",
+                  at + "checkIcmp6CheckSum", at + "setIcmp6CheckSum", at + "getIcmp6Opt",
+                  at + "Found option: 1", at + "checkIpAhHdr", at + "getNextProtoHdr"));
+}
+
+TEST(PktChecksDeathTest, AskForPacketsAndHeaders) {
+  const auto ns = icmp6Packet(kNs);
+  Icmp6Hdr* icmp6Hdr = nullptr;
+  Icmp6OptionCommonHdr* option = nullptr;
+  AhHdr* ahHdr = nullptr;
+  char* hdr = nullptr;
+  const struct {
+    std::function<void()> misuse;
+    const char* condition;
+  } rows[] = {
+      {[&] { verdictOf(checkEthIpHdr, nullptr); }, "pkt != 0"},
+      {[&] { verdictOf(checkEthIp6Hdr, nullptr); }, "pkt != 0"},
+      {[&] { checkIcmp6CheckSum(nullptr, ns.ip6Hdr, icmp6Hdr); }, "pkt != 0"},
+      {[&] { checkIcmp6CheckSum(ns.pkt, nullptr, icmp6Hdr); }, "ip6Hdr != 0"},
+      {[&] { setIcmp6CheckSum(nullptr, ns.ip6Hdr, ns.icmp6Hdr); }, "pkt != 0"},
+      {[&] { setIcmp6CheckSum(ns.ip6Hdr, nullptr); }, "icmp6Hdr != 0"},
+      {[&] { getIcmp6Opt(nullptr, ns.ip6Hdr, ns.icmp6Hdr, option, icmp6OptMtu); }, "pkt != 0"},
+      {[&] { getIcmp6Opt(ns.pkt, ns.ip6Hdr, nullptr, option, icmp6OptMtu); }, "icmp6Hdr != 0"},
+      {[&] { checkIpAhHdr(nullptr, reinterpret_cast<IpHdr*>(ns.ip6Hdr), ahHdr); }, "pkt != 0"},
+      {[&] { checkIpAhHdr(nullptr, ahHdr); }, "ipHdr != 0"},
+      {[&] { getNextProtoHdr(nullptr, 40, &hdr, 0); }, "ip6Hdr != 0"},
+      {[&] { getNextProtoHdr(ns.ip6Hdr, 40, nullptr, 0); }, "hdr != 0"},
+  };
+  for (const auto& row : rows) EXPECT_DEATH(row.misuse(), row.condition);
 }
 
 TEST(PktChecks, Icmp6CheckSum) {
@@ -238,7 +282,9 @@ TEST(PktChecks, Icmp6CheckSum) {
   EXPECT_EQ(setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr), noError);
   EXPECT_NE(made.icmp6Hdr->checksumU16(), 0x4d4e);
   made.ip6Hdr->protocolIs(6);
+  const TraceCapture traces("*/3");
   EXPECT_EQ(setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr), nextHdrIsNotIcmp6);
+  EXPECT_THAT(traces.lines(), ElementsAre("PktChecks/3:Next header is not Icmp6"));
 }
 
 TEST(PktChecks, DatagramsInTwoPiecesAreRefusedByTheFormsWithThePacket) {
@@ -263,7 +309,12 @@ TEST(PktChecks, DatagramsInTwoPiecesAreRefusedByTheFormsWithThePacket) {
   EXPECT_EQ(checkIcmp6CheckSum(echo.pkt, echo.ip6Hdr, icmp6Hdr), noError);
   const auto made = icmp6Packet(kNs.substr(0, 54));  // its length field was never checked
   Icmp6Hdr* found = nullptr;
+  const TraceCapture traces("*/3");
   EXPECT_EQ(checkIcmp6CheckSum(made.pkt, made.ip6Hdr, found), pktTooShort);
+  EXPECT_EQ(verdictOf(checkEthIpHdr, frames::packet(frames::kUdp, 33)).code, pktTooShort);
+  EXPECT_THAT(traces.lines(),
+              ElementsAre("PktChecks/3:Packet has 54 bytes in its first piece which is less than needed",
+                          "PktChecks/3:Packet has 33 bytes in its first piece which is less than needed"));
 }
 
 TEST(PktChecks, Icmp6Options) {
@@ -316,10 +367,6 @@ TEST(PktChecks, Icmp6Options) {
   const auto made = icmp6Packet(with(kNs, 18, "0004").substr(0, 58));
   Icmp6OptionCommonHdr* option = nullptr;
   EXPECT_EQ(getIcmp6Opt(made.ip6Hdr, made.icmp6Hdr, option, icmp6OptSrcLinkLayerAddr), noError);
-  const TraceCapture traces("*/8");
-  const auto whole = icmp6Packet(kNs);
-  getIcmp6Opt(whole.ip6Hdr, whole.icmp6Hdr, option, icmp6OptSrcLinkLayerAddr);
-  EXPECT_THAT(traces.lines(), ElementsAre("PktChecks/8:getIcmp6Opt", "PktChecks/8:Found option: 1"));
 }
 
 TEST(PktChecks, IpAh) {
