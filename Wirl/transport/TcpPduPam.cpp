@@ -31,6 +31,7 @@ constexpr std::array<const char*, 4> kResultNames = {"error", "readMoreData", "w
                                                      "fullPduRead"};
 
 constexpr const char* kClosedByPeer = "Connection closed by peer";
+constexpr const char* kNotWatched = "Readable notification failed with ";
 
 /// Queued packets that are sent by one call.
 constexpr unsigned kGather = detail::SendQueue::kKept;
@@ -156,10 +157,10 @@ void TcpPduPam::handleKeepaliveOptions() {
       return true;
     const int error = errno;
     KIV_TRACE(trace, 0) << "Setsockopt failed with " << error;
-    tcpOptErrorReason.store(Kiv::String(std::string("setsockopt() error while setting ") + name + ": " +
-                                        Kiv::errorText(error).c_str()));
+    const bool news = tcpOptErrorReason.store(Kiv::String(std::string("setsockopt() error while setting ") +
+                                                          name + ": " + Kiv::errorText(error).c_str()));
     tcpOptErrorsInc(1);
-    tcpOptErrorReason.notifiees().notify();
+    if (news) tcpOptErrorReason.notifiees().notify();
     return false;
   };
   const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
@@ -176,7 +177,7 @@ void TcpPduPam::handleKeepaliveOptions() {
     KIV_TRACE(trace, 5) << "Setsockopt(): TCP Keepalive enabled "
                         << "( idletime: " << options.idleTime()
                         << ", probeinterval: " << options.probeInterval()
-                        << ", probetime: " << options.probeCount() << " )";
+                        << ", probetime: " << options.probeCount();
   }
 }
 
@@ -193,6 +194,7 @@ void TcpPduPam::enableModeIs(TcpPduPamEnableMode mode) {
                 "pendingEnableReadOnlyOrWriteOnlyMode_ != TcpPduPamEnableMode::tcpEnableModeReadOnly_");
   KIV_ASSERT_AS(mode != tcpEnableModeWriteOnly || pendingMode_ != mode,
                 "pendingEnableReadOnlyOrWriteOnlyMode_ != TcpPduPamEnableMode::tcpEnableModeWriteOnly_");
+  const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
   if (mode == tcpEnableModeReadOnly && writeModeEnabled() && sending()) {
     KIV_TRACE(trace, 5) << "Waiting for txPkt before setting enabled to " << mode;
     pendingMode_ = mode;
@@ -204,39 +206,64 @@ void TcpPduPam::enableModeIs(TcpPduPamEnableMode mode) {
     pendingMode_ = mode;
     return;
   }
-  pendingMode_ = tcpEnableModeNone;
-  modeSet(mode);
+  const bool change = mode != enableMode();
+  if (change) {
+    modeStore(mode);
+  } else {
+    pendingMode_ = tcpEnableModeNone;
+  }
+  modeTell(change);
 }
 
 void TcpPduPam::pendingModeApply() {
-  const TcpPduPamEnableMode mode = std::exchange(pendingMode_, tcpEnableModeNone);
+  const TcpPduPamEnableMode mode = pendingMode_;
   KIV_TRACE(trace, 5) << (mode == tcpEnableModeReadOnly
                               ? "pending txPkt complete, setting enabledMode to readOnly"
                               : "pending rxPkt complete, setting enabledMode to writeOnly");
-  modeSet(mode);
+  try {
+    modeStore(mode);
+  } catch (const Kiv::ErrnoException& failure) {
+    pendingMode_ = tcpEnableModeNone;
+    if (mode == tcpEnableModeReadOnly) return handleWriteError(failure.error());
+    return handleReadError({TcpPduPamReadReturn::error, failure.error(), kNotWatched});
+  }
+  modeTell(true);
 }
 
-void TcpPduPam::modeSet(TcpPduPamEnableMode mode) {
-  const TcpPduPamEnableMode former = enableMode();
-  if (mode == former) {
-    writableSet(roomToSend());  // a request that was pending may have been withdrawn
-    return;
-  }
+void TcpPduPam::pendingWriteOnlyApply() {
+  if (pendingMode_ == tcpEnableModeWriteOnly && !receiving()) pendingModeApply();
+}
+
+/// All or nothing: throws with everything as it was when the loop refuses.
+void TcpPduPam::modeStore(TcpPduPamEnableMode mode) {
   KIV_TRACE(trace, 5) << "Setting enabled to " << mode;
-  const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
+  const TcpPduPamEnableMode former = enableMode();
   enableMode.store(mode);
   try {
     readNotificationSet();
     writeNotificationSet();
-  } catch (...) {
+  } catch (const Kiv::ErrnoException&) {
     enableMode.store(former);
+    try {
+      readNotificationSet();  // the one that was not refused
+      writeNotificationSet();
+    } catch (const Kiv::ErrnoException&) {
+    }
     throw;
   }
-  const bool enabledChanged = enabled.store(mode != tcpEnableModeNone);
-  enableMode.notifiees().notify();
-  if (enabledChanged) enabled.notifiees().notify();
-  // Each of these may have led on to another mode, or to the end.
-  if (enableMode() != mode || !fd()) return;
+  pendingMode_ = tcpEnableModeNone;
+}
+
+/// Tells of the mode and begins with what it allows.
+void TcpPduPam::modeTell(bool change) {
+  const TcpPduPamEnableMode mode = enableMode();
+  if (change) {
+    const bool enabledChanged = enabled.store(mode != tcpEnableModeNone);
+    enableMode.notifiees().notify();
+    if (enabledChanged) enabled.notifiees().notify();
+    // Each of these may have led on to another mode, or to the end.
+    if (enableMode() != mode || !fd()) return;
+  }
   writableSet(roomToSend());
   if (enableMode() != mode || !fd() || !fd()->notifyOnReadable()) return;
   if (edgeTriggered()) {
@@ -255,36 +282,65 @@ void TcpPduPam::readNotificationSet() {
 
 void TcpPduPam::writeNotificationSet() {
   if (!fd()) return;
-  const bool on = writeModeEnabled() && (blocked() || (!txQueue_.empty() && !inReadEvent_));
+  // What is in flight is finished in any mode; what is queued waits for one that writes.
+  const bool queued = txBlocked_ || (!txQueue_.empty() && !inReadEvent_);
+  const bool on = inFlight() || (writeModeEnabled() && queued);
   if (on) tcpPduFdSm()->writableIsWatched();
   fd()->notifyOnWritableIs(on);
 }
 
-/// The caller keeps the Pam alive: this runs twice a PDU.
+// Outside of a setter nobody could do anything with an exception: a refusal counts as a failure of the
+// direction. `anew`, an edge-triggered loop reports once more what it has reported.
+
+void TcpPduPam::readNotificationUpdate(bool anew) {
+  if (!fd()) return;
+  try {
+    if (anew) fd()->notifyOnReadableIs(false);
+    readNotificationSet();
+  } catch (const Kiv::ErrnoException& failure) {
+    handleReadError({TcpPduPamReadReturn::error, failure.error(), kNotWatched});
+  }
+}
+
+void TcpPduPam::writeNotificationUpdate(bool anew) {
+  if (!fd()) return;
+  try {
+    if (anew) fd()->notifyOnWritableIs(false);
+    writeNotificationSet();
+  } catch (const Kiv::ErrnoException& failure) {
+    handleWriteError(failure.error());
+  }
+}
+
+// The callers of these keep the Pam alive.
+
 void TcpPduPam::readableSet(bool value) {
   if (!readable.store(value)) return;
+  // In an event the user is about to pull: the registration learns what is left of it at the end.
+  if (!inReadEvent_) readNotificationUpdate();
   handleReadable();
   readable.notifiees().notify();
 }
 
 void TcpPduPam::writableSet(bool value) {
   if (!writable.store(value)) return;
-  Kiv::detail::hookAndNotify(this, writable.notifiees(), [this] { handleWritable(); });
+  if (value) writableCountInc(1);
+  handleWritable();
+  writable.notifiees().notify();
 }
 
-void TcpPduPam::writeLengthSet(std::size_t length) {
-  if (!writeLength.store(static_cast<U16>(std::min<std::size_t>(length, 0xffff)))) return;
-  Kiv::detail::hookAndNotify(this, writeLength.notifiees(), [this] { handleWriteLength(); });
+bool TcpPduPam::writeLengthStore(std::size_t length) {
+  return writeLength.store(static_cast<U16>(std::min<std::size_t>(length, 0xffff)));
 }
 
-void TcpPduPam::handleReadable() {
-  // In an event the user is about to pull: the registration learns what is left of it at the end.
-  if (!inReadEvent_) readNotificationSet();
+void TcpPduPam::writeLengthTell() {
+  handleWriteLength();
+  writeLength.notifiees().notify();
 }
 
-void TcpPduPam::handleWritable() {
-  if (writable()) writableCountInc(1);
-}
+void TcpPduPam::handleReadable() {}
+
+void TcpPduPam::handleWritable() {}
 
 void TcpPduPam::handleWriteLength() {}
 
@@ -322,18 +378,18 @@ TcpPduPamReadReturn TcpPduPam::ReadOutcome::value() const {
 void TcpPduPam::startPdu() {
   const U32 room = maxPduLength();
   try {
-    rxPktHolderShadow_ = detail::newPduPkt(room);
+    const Pkt::Ptr& pkt = rxPktHolderShadow_ = detail::newPduPkt(room);
+    KIV_ASSERT_AS(pkt->maxSharedData() >= maxPduLength(), "pkt->maxSharedData() >= maxPduLength()");
+    rxRemainingLength_ = getPduSize();
+    KIV_ASSERT_AS(rxRemainingLength_ > 0, "getPduSize() > 0");
+    // The data is to grow at its tail, from a place behind which all of it fits.
+    const U32 reserved = std::max<U32>(room, rxRemainingLength_);
+    pkt->newSharedHeadData(reserved);
+    pkt->delSharedTailData(reserved);
   } catch (const std::bad_alloc&) {
-    return;  // the read will say so
+    rxPktHolderShadow_ = nullptr;  // the read will say so
+    rxRemainingLength_ = 0;
   }
-  const Pkt::Ptr& pkt = rxPktHolderShadow_;
-  KIV_ASSERT_AS(pkt->maxSharedData() >= maxPduLength(), "pkt->maxSharedData() >= maxPduLength()");
-  rxRemainingLength_ = getPduSize();
-  KIV_ASSERT_AS(rxRemainingLength_ > 0, "getPduSize() > 0");
-  // The data is to grow at its tail, from a place behind which all of it fits.
-  const U32 reserved = std::max<U32>(room, rxRemainingLength_);
-  pkt->newSharedHeadData(reserved);
-  pkt->delSharedTailData(reserved);
 }
 
 // Inline: the processor no longer foretells returns that come behind a system call, and each of them costs.
@@ -378,8 +434,8 @@ inline ssize_t TcpPduPam::receive(U8* to, U16 length) {
 
 /// The caller keeps the Pam alive.
 [[gnu::always_inline]] inline bool TcpPduPam::readPdu() {
-  KIV_ASSERT_AS(fd() && fd()->notifyOnReadable(), "fd()->notifyOnReadable()");
   if (readable()) return true;
+  KIV_ASSERT_AS(fd() && fd()->notifyOnReadable(), "fd()->notifyOnReadable()");
   for (;;) {
     if (!rxPktHolderShadow_) startPdu();
     const ReadOutcome outcome = readOnce();
@@ -409,7 +465,9 @@ inline ssize_t TcpPduPam::receive(U8* to, U16 length) {
 
 bool TcpPduPam::readNextPdu() {
   const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
-  return readPdu();
+  const bool whole = readPdu();
+  pendingWriteOnlyApply();
+  return whole;
 }
 
 TcpPduPamReadReturn TcpPduPam::readFromSocket() {
@@ -417,7 +475,11 @@ TcpPduPamReadReturn TcpPduPam::readFromSocket() {
 }
 
 void TcpPduPam::handleSocketReadable() {
-  if (!initialized() || fileDescriptor()->descriptor() < 0 || inReadEvent_) return;
+  if (!initialized() || fileDescriptor()->descriptor() < 0 || !rxErrorReason().empty()) return;
+  if (inReadEvent_) {
+    readAgain_ = true;
+    return;
+  }
   if (readable()) {
     KIV_ASSERT_AS(edgeTriggered(), "edgeTriggered()");
     return;
@@ -425,65 +487,68 @@ void TcpPduPam::handleSocketReadable() {
   const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
   const auto end = [this] {
     inReadEvent_ = false;
-    readNotificationSet();
-    if (!txQueue_.empty() && !blocked()) txFlush();
+    readNotificationUpdate();
+    if (!txQueue_.empty()) txFlush();
   };
   inReadEvent_ = true;
   try {
-    if (readPdu() && fd()) readableCountInc(1);
-    if (pendingMode_ == tcpEnableModeWriteOnly && !receiving()) pendingModeApply();
+    // Once, but for reactors that make it possible to read on: by pulling one PDU of those that were read
+    // ahead, by switching reading off and on. The socket may not remind of what they left.
+    do {
+      readAgain_ = false;
+      if (readPdu() && fd()) readableCountInc(1);
+      pendingWriteOnlyApply();
+    } while (fd() && fd()->notifyOnReadable() && !readable() && (readAgain_ || !ahead_.empty()));
   } catch (...) {
     end();
     throw;
   }
   end();
-  // Reading that was switched off and on in between left octets of which the socket will not remind.
-  if (fd() && fd()->notifyOnReadable() && !readable() && !ahead_.empty()) handleSocketReadable();
 }
 
 void TcpPduPam::handleReadError(const ReadOutcome& outcome) {
+  if (!rxErrorReason().empty()) return;
   const Kiv::String reason = outcome.value().reason;
   KIV_TRACE(trace, 0) << reason;
-  rxPktHolderShadow_ = nullptr;
-  rxRemainingLength_ = 0;
+  if (receiving()) {
+    rxPktHolderShadow_ = nullptr;
+    rxRemainingLength_ = 0;
+  }
   ahead_.clear();
   rxErrorReason.store(reason);
-  readNotificationSet();
+  readNotificationUpdate();
   if (outcome.reason != kClosedByPeer) rxErrorsInc(1);
   rxErrorReason.notifiees().notify();
 }
 
 inline void TcpPduPam::readOn() {
-  readableSet(false);
-  if (!fd() || readable() || !readModeEnabled() || pendingMode_ == tcpEnableModeWriteOnly ||
-      !rxErrorReason().empty()) {
-    return;
+  if (!fd() || readable() || !readModeEnabled() || pendingMode_ == tcpEnableModeWriteOnly) return;
+  if (!fd()->notifyOnReadable()) readNotificationUpdate();
+  if (!rxErrorReason().empty()) return;
+  if (!readOnePktOnly()) {
+    readPdu();
+  } else if (!ahead_.empty()) {
+    handleSocketReadable();
+  } else if (edgeTriggered()) {
+    readNotificationUpdate(true);  // what waits behind it was reported already
   }
-  if (readOnePktOnly() && ahead_.empty()) {
-    if (edgeTriggered()) {
-      // What waits behind it was reported already: ask for it anew.
-      fd()->notifyOnReadableIs(false);
-      readNotificationSet();
-    }
-    return;
-  }
-  if (!fd()->notifyOnReadable()) readNotificationSet();
-  readPdu();
 }
 
 void TcpPduPam::doGetRxPkt() {
   if (inPull_) return;  // a reactor that pulls inside a pull would be given the later PDU first
-  if (!pulled_) {
-    if (!readable()) return;
+  const bool kept = pulled_ != nullptr;
+  if (!kept && !readable()) return;
+  inPull_ = true;
+  const struct End {
+    bool& inPull;
+    ~End() { inPull = false; }
+  } end{inPull_};
+  if (!kept) {
     pulled_ = std::exchange(rxPktHolderShadow_, nullptr);
     rxRemainingLength_ = 0;
-    inPull_ = true;
-    const struct End {
-      bool& inPull;
-      ~End() { inPull = false; }
-    } end{inPull_};
-    readOn();
+    readableSet(false);
   }
+  readOn();
   rxPktHolderIs(std::exchange(pulled_, nullptr));
 }
 
@@ -493,7 +558,7 @@ void TcpPduPam::doGetRxPkt() {
 bool TcpPduPam::roomToSend() const noexcept {
   if (!fd() || !writeModeEnabled() || pendingMode_ == tcpEnableModeReadOnly) return false;
   if (txQueueLimit() == 0) return !sending();
-  if (txPktHolderShadow_ || !txIov_.empty()) return false;
+  if (inFlight()) return false;
   // Once full, the queue takes more when half of it is gone.
   return txQueue_.size() < (writable() ? txQueueLimit() : txQueueLimit() / 2 + 1);
 }
@@ -503,6 +568,7 @@ void TcpPduPam::handleTxQueueLimit() {
 }
 
 void TcpPduPam::txPktIsImpl(const Pkt::Ptr& pkt) {
+  const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
   KIV_ASSERT_AS(pkt && pkt->sharedBuffer() && pkt->sharedBuffer()->dataBytes() <= maxPduLength() &&
                     pkt->bytes() <= maxPduLength(),
                 "pkt->sharedBuffer()->dataBytes() <= maxPduLength()");
@@ -537,20 +603,19 @@ void TcpPduPam::sendPkt(const Pkt::Ptr& pkt) {
   sendRestOfPkt();
 }
 
+// A send is over, with all its bookkeeping, before anyone is told of its length: reactors may send as well.
+
 void TcpPduPam::sendRestOfPkt() {
-  writeLengthSet(txRemaining_);
-  if (!txPktHolderShadow_) return;  // a reactor has cleaned up
+  const bool news = writeLengthStore(txRemaining_);
   ssize_t sent;
   do {
     sent = send(fileDescriptor()->descriptor(), txNext_, txRemaining_, MSG_DONTWAIT | MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   if (sent < 0 && errno == EAGAIN) sent = 0;
+  const std::size_t count = static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
   if (sent < 0) {
     handleWriteError(errno);
-    return;
-  }
-  const std::size_t count = static_cast<std::size_t>(sent);
-  if (count >= txRemaining_) {
+  } else if (count >= txRemaining_) {
     KIV_ASSERT_AS(count == txRemaining_, "ret == txRemainingLength()");
     KIV_TRACE(trace, 8) << "Sent " << count << " bytes";
     writeCompleteAndSpaceAvailable();
@@ -560,11 +625,11 @@ void TcpPduPam::sendRestOfPkt() {
     KIV_TRACE(trace, 8) << "Partial send " << count << " bytes. Remaining to send " << txRemaining_;
     outOfWriteSpace();
   }
+  if (news) writeLengthTell();
 }
 
 void TcpPduPam::sendIov(const SocketIovec* iov, U16 iovLen) {
   KIV_ASSERT_AS(!txIovHolderShadow(), "!txIovHolderShadow()");
-  KIV_ASSERT_AS(writable(), "writable()");
   KIV_TRACE(trace, 8) << "iovLen: " << iovLen;
   std::size_t total = 0;
   for (U16 i = 0; i < iovLen; ++i) {
@@ -575,6 +640,7 @@ void TcpPduPam::sendIov(const SocketIovec* iov, U16 iovLen) {
     KIV_TRACE(trace, 8) << "Nothing to send";
     return;
   }
+  KIV_ASSERT_AS(writable(), "writable()");
   if (txQueueLimit() > 0) {
     KIV_ASSERT_AS(total <= Pkt::maxBufferBytes_, "total <= Pkt::maxBufferBytes_");
     const Pkt::Manager::Ptr& manager = globalPktManager();
@@ -588,28 +654,35 @@ void TcpPduPam::sendIov(const SocketIovec* iov, U16 iovLen) {
     return;
   }
   txRemaining_ = total;
-  sendPieces(iov, iovLen);
+  sendRestOfIov(iov, iovLen);
 }
 
-void TcpPduPam::sendPieces(const SocketIovec* iov, std::size_t count) {
-  writeLengthSet(txRemaining_);
-  if (txRemaining_ == 0) return;  // a reactor has cleaned up
-  const std::size_t iovLen = count;
+void TcpPduPam::sendRestOfIov(const SocketIovec* iov, std::size_t count) {
+  const bool news = writeLengthStore(txRemaining_);
+  const int error = sendPieces(iov, count);
+  if (error != 0) {
+    handleWriteError(error);
+  } else if (txRemaining_ == 0) {
+    writeCompleteAndSpaceAvailable();
+  } else {
+    outOfWriteSpace();
+  }
+  if (news) writeLengthTell();
+}
+
+/// Returns 0 with what was not sent in `txIov_`, else the errno. `iov` may be what is there.
+int TcpPduPam::sendPieces(const SocketIovec* iov, std::size_t iovLen) {
   for (std::size_t curr = 0;;) {
     const std::size_t batch = std::min<std::size_t>(iovLen - curr, IOV_MAX);
     std::size_t asked = 0;
     for (std::size_t i = curr; i < curr + batch; ++i) asked += iov[i].iov_len;
     const ssize_t sent = sendGathered(fileDescriptor()->descriptor(), iov + curr, batch);
-    if (sent < 0) {
-      handleWriteError(errno);
-      return;
-    }
+    if (sent < 0) return errno;
     std::size_t offset = static_cast<std::size_t>(sent);
     txRemaining_ -= offset;
     if (txRemaining_ == 0) {
       KIV_TRACE(trace, 8) << "Sent " << sent << " bytes";
-      writeCompleteAndSpaceAvailable();
-      return;
+      return 0;
     }
     if (offset == asked) {
       curr += batch;
@@ -621,66 +694,56 @@ void TcpPduPam::sendPieces(const SocketIovec* iov, std::size_t count) {
       KIV_ASSERT_AS(curr < iovLen, "curr < iovLen");
     }
     KIV_TRACE(trace, 8) << "Partial send " << sent << " bytes. Curr iovec: " << curr;
-    std::vector<SocketIovec> rest(iov + curr, iov + iovLen);
-    rest[0].iov_base = static_cast<U8*>(rest[0].iov_base) + offset;
-    rest[0].iov_len -= offset;
-    txIov_ = std::move(rest);
-    outOfWriteSpace();
-    return;
+    try {
+      std::vector<SocketIovec> rest(iov + curr, iov + iovLen);
+      rest[0].iov_base = static_cast<U8*>(rest[0].iov_base) + offset;
+      rest[0].iov_len -= offset;
+      txIov_ = std::move(rest);
+    } catch (const std::bad_alloc&) {
+      return ENOMEM;  // a part is out, and the rest cannot be remembered
+    }
+    return 0;
   }
 }
 
 void TcpPduPam::enqueue(const Pkt& pkt) {
   txQueue_.push(pkt);
-  const U32 enough = std::min<U32>(kGather, txQueueLimit());
-  if (txQueue_.size() >= enough && !blocked()) {
+  if (txQueue_.size() >= std::min<U32>(kGather, txQueueLimit())) {
     txFlush();
-  } else if (!inReadEvent_ && !blocked()) {
-    try {
-      writeNotificationSet();
-    } catch (const Kiv::ErrnoException& failure) {
-      handleWriteError(failure.error());
-    }
+  } else if (!inReadEvent_) {
+    writeNotificationUpdate();
   }
   writableSet(roomToSend());
 }
 
 void TcpPduPam::txFlush() {
-  if (!fd() || !writeModeEnabled() || blocked()) return;
   const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
-  while (!txQueue_.empty()) {
+  while (fd() && writeModeEnabled() && !blocked() && !txQueue_.empty()) {
     SocketIovec pieces[kGather];
     std::size_t asked = 0;
-    txQueue_.gather(pieces, kGather, asked);
-    writeLengthSet(asked);
-    if (!fd() || !writeModeEnabled() || blocked()) return;  // a reactor's doing
     const unsigned count = txQueue_.gather(pieces, kGather, asked);
+    const bool news = writeLengthStore(asked);
     const ssize_t sent = sendGathered(fileDescriptor()->descriptor(), pieces, count);
     if (sent < 0) {
       handleWriteError(errno);
-      return;
+    } else {
+      txQueue_.sent(static_cast<std::size_t>(sent));
+      if (static_cast<std::size_t>(sent) == asked) {
+        KIV_TRACE(trace, 8) << "Sent " << sent << " bytes";
+      } else {
+        KIV_TRACE(trace, 8) << "Partial send " << sent << " bytes. Queued packets: " << txQueue_.size();
+        txBlocked_ = true;
+        outOfWriteSpace();
+      }
     }
-    txQueue_.sent(static_cast<std::size_t>(sent));
-    if (static_cast<std::size_t>(sent) < asked) {
-      KIV_TRACE(trace, 8) << "Partial send " << sent << " bytes. Queued packets: " << txQueue_.size();
-      txBlocked_ = true;
-      outOfWriteSpace();
-      return;
-    }
-    KIV_TRACE(trace, 8) << "Sent " << sent << " bytes";
+    if (news) writeLengthTell();
   }
-  writeCompleteAndSpaceAvailable();
+  if (!blocked()) spaceAvailable();
 }
 
 void TcpPduPam::outOfWriteSpace() {
-  try {
-    // The socket may have got room since, or have taken less than it had room for: ask for the edge anew.
-    if (edgeTriggered() && fd()) fd()->notifyOnWritableIs(false);
-    writeNotificationSet();
-  } catch (const Kiv::ErrnoException& failure) {
-    handleWriteError(failure.error());
-    return;
-  }
+  // The socket may have got room since, or have taken less than it had room for: ask for the edge anew.
+  writeNotificationUpdate(edgeTriggered());
   writableSet(roomToSend());
 }
 
@@ -690,16 +753,15 @@ void TcpPduPam::writeCompleteAndSpaceAvailable() {
   txNext_ = nullptr;
   txIov_ = {};
   txRemaining_ = 0;
-  if (!txQueue_.empty()) {
-    txFlush();  // what was queued behind it
-    return;
-  }
-  writeNotificationSet();
-  if (pendingMode_ == tcpEnableModeReadOnly) {
-    pendingModeApply();
-  } else {
-    writableSet(roomToSend());
-  }
+  txQueue_.empty() ? spaceAvailable() : txFlush();
+}
+
+void TcpPduPam::spaceAvailable() {
+  if (!fd()) return;
+  const auto ending = [this] { return pendingMode_ == tcpEnableModeReadOnly && txQueue_.empty(); };
+  writableSet(ending() || roomToSend());
+  writeNotificationUpdate();
+  if (ending()) pendingModeApply();
 }
 
 void TcpPduPam::handleSocketWritable() {
@@ -709,14 +771,13 @@ void TcpPduPam::handleSocketWritable() {
   if (txPktHolderShadow_) {
     sendRestOfPkt();
   } else if (!txIov_.empty()) {
-    sendPieces(txIov_.data(), txIov_.size());
+    sendRestOfIov(txIov_.data(), txIov_.size());
   } else {
     txFlush();
   }
 }
 
 void TcpPduPam::handleWriteError(int error) {
-  const Kiv::Ptr<TcpPduPam> alive(references() > 0 ? this : nullptr);
   KIV_TRACE(trace, 0) << "Send failed with " << error;
   txErrorReason.store(Kiv::errorText(error));  // before anyone hears of it and sends more
   cleanup();

@@ -245,13 +245,18 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   void handleKeepaliveOptions();
   void handleTxQueueLimit();
 
-  void modeSet(TcpPduPamEnableMode mode);
+  void modeStore(TcpPduPamEnableMode mode);
+  void modeTell(bool change);
   void pendingModeApply();
-  void readableSet(bool value);
-  void writableSet(bool value);
-  void writeLengthSet(std::size_t length);
+  void pendingWriteOnlyApply();
   void readNotificationSet();
   void writeNotificationSet();
+  void readNotificationUpdate(bool anew = false);
+  void writeNotificationUpdate(bool anew = false);
+  void readableSet(bool value);
+  void writableSet(bool value);
+  bool writeLengthStore(std::size_t length);
+  void writeLengthTell();
 
   /// What one read came to; `reason` is null unless it failed, `error` an errno behind it.
   struct ReadOutcome {
@@ -272,13 +277,16 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   bool receiving() const noexcept { return rxPktHolderShadow_ && !readable(); }
   void handleReadError(const ReadOutcome& outcome);
 
-  bool blocked() const noexcept { return txBlocked_ || txPktHolderShadow_ || !txIov_.empty(); }
+  bool inFlight() const noexcept { return txPktHolderShadow_ || !txIov_.empty(); }
+  bool blocked() const noexcept { return txBlocked_ || inFlight(); }
   bool sending() const noexcept { return blocked() || !txQueue_.empty(); }
   bool roomToSend() const noexcept;
   void sendRestOfPkt();
-  void sendPieces(const SocketIovec* iov, std::size_t count);
+  void sendRestOfIov(const SocketIovec* iov, std::size_t count);
+  int sendPieces(const SocketIovec* iov, std::size_t iovLen);
   void enqueue(const Pkt& pkt);
   void writeCompleteAndSpaceAvailable();
+  void spaceAvailable();
   void outOfWriteSpace();
   void handleWriteError(int error);
   void drop() noexcept;
@@ -295,6 +303,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   U16 rxRemainingLength_ = 0;
   TcpPduPamEnableMode pendingMode_ = tcpEnableModeNone;
   bool inReadEvent_ = false;
+  bool readAgain_ = false;  // before that is over
   bool inPull_ = false;
   bool txBlocked_ = false;  // the queue has met a full socket
 };

@@ -8,6 +8,15 @@
 
 namespace {
 constinit thread_local std::uint64_t made = 0;
+constinit thread_local std::size_t refusedFrom = ~std::size_t{0};
+}  // namespace
+
+AllocationRefusal::AllocationRefusal(std::size_t from) noexcept {
+  refusedFrom = from;
+}
+
+AllocationRefusal::~AllocationRefusal() {
+  refusedFrom = ~std::size_t{0};
 }
 
 AllocationCounter::AllocationCounter() noexcept : atStart_(total()) {
@@ -29,6 +38,8 @@ std::uint64_t AllocationCounter::total() noexcept {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || HAS_FEATURE(address_sanitizer) || \
     HAS_FEATURE(thread_sanitizer)
 
+const bool AllocationRefusal::works = false;
+
 // A sanitizer brings an allocator of its own, and hooks into it.
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*onMalloc)(const volatile void*, std::size_t),
                                                          void (*onFree)(const volatile void*));
@@ -40,6 +51,8 @@ namespace {
 
 #else
 
+const bool AllocationRefusal::works = true;
+
 // These take the place of the C library's own for the whole program, operator new included, which calls them.
 extern "C" {
 void* __libc_malloc(std::size_t);
@@ -49,6 +62,10 @@ void* __libc_memalign(std::size_t, std::size_t);
 
 void* malloc(std::size_t size) noexcept {
   ++made;
+  if (size >= refusedFrom) {
+    errno = ENOMEM;
+    return nullptr;
+  }
   return __libc_malloc(size);
 }
 void* calloc(std::size_t count, std::size_t size) noexcept {

@@ -6,6 +6,7 @@
 #include <malloc.h>
 #include <netinet/tcp.h>
 
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -37,6 +38,18 @@ class TcpPduPamTest : public testing::TestWithParam<Variation> {
   const U32 queue = GetParam().queue;
 };
 INSTANTIATE_TEST_SUITE_P(Variations, TcpPduPamTest, testing::ValuesIn(variations()),
+                         testing::PrintToStringParamName());
+
+/// Where the system can refuse to watch a socket.
+using TcpPduPamLoopTest = TcpPduPamTest;
+INSTANTIATE_TEST_SUITE_P(Variations, TcpPduPamLoopTest, testing::ValuesIn(variationsWhere([](const auto& v) {
+                           return !v.backend.pollLoop;
+                         })),
+                         testing::PrintToStringParamName());
+
+using TcpPduPamQueueTest = TcpPduPamTest;
+INSTANTIATE_TEST_SUITE_P(Variations, TcpPduPamQueueTest,
+                         testing::ValuesIn(variationsWhere([](const auto& v) { return v.queue > 0; })),
                          testing::PrintToStringParamName());
 
 // Receiving ------------------------------------------------------------------------------------------------
@@ -146,6 +159,7 @@ TEST_P(TcpPduPamTest, AFailedReadGivesItsErrnoAndASignalNone) {
     const Fault fault(Call::recv, 1, error, 3);
     if (error == EINTR || error == EAGAIN) {
       EXPECT_TRUE(end.receives(1));
+      EXPECT_GT(fault.calls(), 3u);
       EXPECT_EQ(end.pam->rxErrors(), 0u);
     } else {
       EXPECT_TRUE(end.loop.runUntil([&] { return !end.pam->rxErrorReason().empty(); }));
@@ -170,22 +184,84 @@ TEST_P(TcpPduPamTest, MakesTheReadsItIsMeantTo) {
 }
 
 TEST_P(TcpPduPamTest, OnePduAnEventLeavesTheOthersForTheNext) {
+  for (const bool fromTheStart : {true, false}) {
+    PamEnd end(GetParam());
+    end.pam->readOnePktOnlyIs(fromTheStart);
+    end.drainIs(false);
+    std::vector<std::string> each;
+    const Kiv::Reactor onReadable(end.pam->readableCount, [&] {
+      int got = 0;
+      for (; const Pkt::Ptr pdu = end.pam->rxPkt(); ++got) {
+        if (each.size() == 1) end.pam->readOnePktOnlyIs(true);
+        each.push_back(pdu->stringValue());
+      }
+      EXPECT_LE(got, each.size() <= 3 && !fromTheStart ? 3 : 1);  // the one behind is held already
+    });
+    for (int i = 0; i < 6; ++i) end.peerSends(pduOf(static_cast<std::size_t>(30 + i)));
+    end.open();
+    EXPECT_TRUE(end.loop.runUntil([&] { return each.size() == 6; }));
+    EXPECT_EQ(end.pam->readableCount(), fromTheStart ? 6u : 4u);
+  }
+}
+
+TEST_P(TcpPduPamTest, APendingWriteOnlyMayBeTakenBackInItsEvent) {
+  for (const auto mode : {tcpEnableModeReadWrite, tcpEnableModeReadOnly}) {
+    PamEnd end(GetParam());
+    end.drainIs(false);
+    const Kiv::Reactor onReadable(end.pam->readableCount, [&] {
+      while (const Pkt::Ptr pdu = end.pam->rxPkt()) {
+        end.received.push_back(pdu->stringValue());
+        if (end.received.size() == 1) end.pam->enableModeIs(mode);
+      }
+    });
+    end.open();
+    end.peerSends(pduOf(100).substr(0, 60));
+    EXPECT_TRUE(end.loop.runUntil([&] { return end.pam->rxRemainingLength() == 40; }));
+    end.pam->enableModeIs(tcpEnableModeWriteOnly);
+    end.peerSends(pduOf(100).substr(60) + pduOf(50));
+    EXPECT_TRUE(end.receives(2));
+  }
+}
+
+TEST_P(TcpPduPamTest, SwitchingModesAroundEachPullTakesNoStack) {
   PamEnd end(GetParam());
-  end.pam->readOnePktOnlyIs(true);
   end.drainIs(false);
-  std::vector<std::string> each;
+  std::size_t got = 0;
+  std::vector<std::uintptr_t> depths;
   const Kiv::Reactor onReadable(end.pam->readableCount, [&] {
-    int got = 0;
-    while (const Pkt::Ptr pdu = end.pam->rxPkt()) {
-      ++got;
-      each.push_back(pdu->stringValue());
-    }
-    EXPECT_EQ(got, 1);
+    depths.push_back(reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)));
+    end.pam->enableModeIs(tcpEnableModeWriteOnly);
+    got += end.pam->rxPkt() != nullptr;
+    end.pam->enableModeIs(tcpEnableModeReadWrite);
   });
+  std::string stream;
+  for (int i = 0; i < 2500; ++i) stream += pduOf(21);
+  end.peerSends(stream);
   end.open();
-  for (int i = 0; i < 5; ++i) end.peerSends(pduOf(static_cast<std::size_t>(30 + i)));
-  EXPECT_TRUE(end.loop.runUntil([&] { return each.size() == 5; }));
-  EXPECT_EQ(end.pam->readableCount(), 5u);
+  EXPECT_TRUE(end.loop.runUntil([&] { return got == 2500; }));
+  const auto [low, high] = std::minmax_element(depths.begin(), depths.end());
+  EXPECT_LT(*high - *low, 4096u);
+}
+
+TEST_P(TcpPduPamTest, WithoutMemoryNothingIsReadAheadAndNoPduIsMade) {
+  if (!AllocationRefusal::works) GTEST_SKIP() << "no allocation can be refused here";
+  PamEnd other(GetParam());  // has the thread's buffer in use
+  other.pam->readAheadIs(true);
+  other.drainIs(false);
+  other.peerSends(pduOf(50) + pduOf(60));
+  other.open();
+  EXPECT_TRUE(other.loop.runUntil([&] { return other.pam->readable(); }));
+  PamEnd end(GetParam());
+  end.open();
+  const AllocationRefusal refusal(60000);
+  end.peerSends(pduOf(50) + pduOf(60));
+  EXPECT_TRUE(end.receives(2));
+  EXPECT_EQ(end.received[0] + end.received[1], pduOf(50) + pduOf(60));
+  end.pam->maxPduLengthIs(65521);
+  end.peerSends(pduOf(50));
+  EXPECT_TRUE(end.loop.runUntil([&] { return !end.pam->rxErrorReason().empty(); }));
+  EXPECT_EQ(end.pam->rxErrorReason(), "Failed to allocate packet");
+  EXPECT_EQ(end.pam->rxPktHolderShadow(), nullptr);
 }
 
 TEST_P(TcpPduPamTest, SwitchingReadAheadAndOnePduOnlyInMidstreamLosesNothing) {
@@ -341,6 +417,41 @@ TEST_P(TcpPduPamTest, GatheredPiecesOfAnyNumberAndLengthKeepTheirOrder) {
   }
 }
 
+TEST_P(TcpPduPamTest, AReactorToTheWriteLengthMaySend) {
+  for (const bool gathered : {false, true}) {
+    for (const std::size_t taken : {10u, 100u}) {
+      PamEnd end(GetParam());
+      end.open();
+      std::string sent;
+      std::string text = pduOf(50);
+      const auto sendOne = [&] {
+        sent += text;
+        const SocketIovec iov[] = {{text.data(), 7}, {text.data() + 7, text.size() - 7}};
+        gathered ? end.pam->txIovIs(iov, 2) : end.pam->txPktIs(pktOf(text));
+      };
+      int more = 3;
+      const Kiv::Reactor reactor(end.pam->writeLength, [&] {
+        if (!end.pam->txIovHolderShadow() && !end.pam->txPktHolderShadow()) end.pam->handleSocketWritable();
+        if (end.pam->writable() && more > 0) {
+          --more;
+          text.resize(text.size() + 1);  // what was sent is out, and may move
+          sendOne();
+        }
+      });
+      {
+        const Fault fault(queue || gathered ? Call::sendmsg : Call::send, 1, ShortCount{taken}, 2);
+        sendOne();
+        end.pam->txFlush();
+      }
+      EXPECT_TRUE(
+          end.loop.runUntil([&] { return more == 0 && end.pam->writable() && end.pam->txQueued() == 0; }, 2));
+      EXPECT_TRUE(end.peerReceives(sent.size()) == sent);
+      char octet;
+      EXPECT_LT(recv(end.peer(), &octet, 1, 0), 0) << "more than was sent";
+    }
+  }
+}
+
 TEST_P(TcpPduPamTest, AFailedSendGivesItsReasonAndTearsDown) {
   for (const bool gathered : {false, true}) {
     PamEnd end(GetParam());
@@ -372,8 +483,7 @@ TEST_P(TcpPduPamTest, AFailedSendGivesItsReasonAndTearsDown) {
   }
 }
 
-TEST_P(TcpPduPamTest, WhatAClientQueuesInAnEventGoesOutTogether) {
-  if (queue == 0) return;
+TEST_P(TcpPduPamQueueTest, WhatAClientQueuesInAnEventGoesOutTogether) {
   PamEnd end(GetParam());
   end.pam->txQueueLimitIs(1000);
   end.drainIs(false);
@@ -395,6 +505,91 @@ TEST_P(TcpPduPamTest, WhatAClientQueuesInAnEventGoesOutTogether) {
   EXPECT_TRUE(end.peerReceives(all.size()) == all);
   EXPECT_EQ(sends.calls(), 1u + 4u);
   EXPECT_EQ(end.pam->writableCount(), 1u);
+}
+
+class Hookless final : public SimpleTcpPduPam {
+ public:
+  using SimpleTcpPduPam::SimpleTcpPduPam;
+
+ private:
+  void handleReadable() override {}
+  void handleWritable() override {}
+  void handleWriteLength() override {}
+};
+
+TEST_P(TcpPduPamTest, TheHooksAreTheUsersAlone) {
+  PamEnd end(GetParam(), kSmall, kSmall);
+  end.pamIs<Hookless>(GetParam());
+  end.drainIs(false);
+  end.open();
+  end.peerSends(pduOf(30) + pduOf(40) + pduOf(50));
+  EXPECT_TRUE(end.loop.runUntil([&] { return end.pam->readable(); }));
+  EXPECT_NE(end.pam->rxPkt(), nullptr);  // outside of an event
+  end.loop.settle();
+  end.pull();
+  EXPECT_THAT(end.received, ElementsAre(pduOf(40), pduOf(50)));
+  const std::string sent = end.fill();
+  EXPECT_TRUE(end.peerReceives(sent.size()) == sent);
+  EXPECT_TRUE(end.loop.runUntil([&] { return end.pam->writable(); }));
+  EXPECT_EQ(end.pam->writableCount(), 2u);
+}
+
+// What the loop refuses -------------------------------------------------------------------------------------
+
+TEST_P(TcpPduPamLoopTest, ARefusedNotificationFailsTheDirectionAndThrowsNothing) {
+  {
+    PamEnd end(GetParam());
+    end.drainIs(false);
+    end.pam->readOnePktOnlyIs(true);
+    end.open();
+    end.peerSends(pduOf(50) + pduOf(60));
+    EXPECT_TRUE(end.loop.runUntil([&] { return end.pam->readable(); }));
+    const Fault fault(Call::epoll_ctl, edge ? 2 : 1, ENOMEM);  // edge-triggered, off and on
+    end.pull();
+    EXPECT_THAT(end.received, ElementsAre(pduOf(50)));
+    EXPECT_EQ(end.pam->rxErrorReason(), "Readable notification failed with 12");
+    EXPECT_FALSE(end.pam->fd()->notifyOnReadable());
+  }
+  PamEnd end(GetParam(), kSmall, kSmall);
+  end.open();
+  end.fill();
+  const Fault fault(Call::epoll_ctl, 1, ENOMEM);
+  EXPECT_TRUE(end.loop.runUntil([&] {
+    char octets[4096];
+    while (recv(end.peer(), octets, sizeof(octets), 0) > 0) {
+    }
+    return !end.pam->txErrorReason().empty();
+  }));
+  EXPECT_EQ(end.pam->txErrorReason(), "Cannot allocate memory");
+}
+
+TEST_P(TcpPduPamLoopTest, ARefusedModeLeavesAllAsItWas) {
+  for (unsigned nth = 1; nth <= 2; ++nth) {
+    PamEnd end(GetParam(), kSmall, kSmall);
+    end.open();
+    end.fill();
+    end.pam->enableModeIs(tcpEnableModeNone);
+    end.peerSends(pduOf(40));
+    const bool writable = end.pam->fd()->notifyOnWritable();
+    {
+      const Fault fault(Call::epoll_ctl, nth, ENOMEM);
+      if (nth > (queue ? 2 : 1)) break;  // the packet in flight is watched already
+      EXPECT_THROW(end.pam->enableModeIs(tcpEnableModeReadWrite), Kiv::ErrnoException);
+    }
+    EXPECT_EQ(end.pam->enableMode(), tcpEnableModeNone);
+    EXPECT_FALSE(end.pam->fd()->notifyOnReadable());
+    EXPECT_EQ(end.pam->fd()->notifyOnWritable(), writable);
+  }
+  PamEnd end(GetParam(), kSmall, kSmall);
+  end.pam->enableModeIs(tcpEnableModeWriteOnly);
+  end.fill();
+  end.pam->enableModeIs(tcpEnableModeReadOnly);
+  {
+    const Fault fault(Call::epoll_ctl, 1, ENOMEM);
+    EXPECT_THROW(end.pam->enableModeIs(tcpEnableModeReadWrite), Kiv::ErrnoException);
+  }
+  EXPECT_EQ(end.pam->enableMode(), tcpEnableModeWriteOnly);
+  EXPECT_EQ(end.pam->pendingEnableReadOnlyOrWriteOnlyMode(), tcpEnableModeReadOnly);
 }
 
 // Modes ----------------------------------------------------------------------------------------------------
@@ -720,7 +915,7 @@ TEST(TcpPduPam, KeepaliveIsAppliedAndItsFailuresAreCounted) {
   EXPECT_THAT(
       traces.lines(),
       ElementsAre(
-          "TcpPduPam/5:Setsockopt(): TCP Keepalive enabled ( idletime: 7, probeinterval: 3, probetime: 5 )",
+          "TcpPduPam/5:Setsockopt(): TCP Keepalive enabled ( idletime: 7, probeinterval: 3, probetime: 5",
           "TcpPduPam/5:Setsockopt(): TCP Keepalive disabled"));
   const char* const names[] = {"SO_KEEPALIVE", "TCP_KEEPIDLE", "TCP_KEEPINTVL", "TCP_KEEPCNT"};
   for (unsigned i = 0; i < 5; ++i) {

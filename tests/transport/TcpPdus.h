@@ -50,12 +50,24 @@ inline std::vector<Variation> variations() {
   return all;
 }
 
+template <typename Predicate>
+std::vector<Variation> variationsWhere(Predicate predicate) {
+  auto all = variations();
+  std::erase_if(all, [&](const Variation& each) { return !predicate(each); });
+  return all;
+}
+
 /// The Pam of one end of a connection, drained into `received` as a client does; the peer is a plain socket.
 class PamEnd {
  public:
   explicit PamEnd(const Variation& variation, int sendBuffer = 0, int receiveBuffer = 0)
       : loop(variation.backend), ends(connected(loop.edge(), sendBuffer, receiveBuffer)) {
-    pam = simpleTcpPduPamFactory(ends.first, loop.factory());
+    pamIs<SimpleTcpPduPam>(variation);
+  }
+  template <typename OnePam>
+  void pamIs(const Variation& variation) {
+    pam = nullptr;  // only one can watch the socket
+    pam = Kiv::makePtr<OnePam>(ends.first, loop.factory());
     pam->readAheadIs(variation.readAhead);
     pam->txQueueLimitIs(variation.queue);
     pam->maxPduLengthIs(4000);

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <new>
 
 namespace Wirl::detail {
 
@@ -21,7 +22,7 @@ thread_local Spare spare;
 
 Buffer newBuffer() {
   if (!spareGone && spare.buffer) return std::move(spare.buffer);
-  return Buffer(new Kiv::U8[ReadAhead::kBytes]);  // not cleared: it is read into
+  return Buffer(new (std::nothrow) Kiv::U8[ReadAhead::kBytes]);  // not cleared: it is read into
 }
 
 }  // namespace
@@ -39,6 +40,7 @@ ssize_t ReadAhead::receive(int fd, Kiv::U8* to, std::size_t length, bool toTheEn
     return -1;
   }
   buffer_ = newBuffer();
+  if (!buffer_) return recv(fd, to, length, MSG_DONTWAIT);
   const ssize_t received = recv(fd, buffer_.get(), kBytes, MSG_DONTWAIT);
   if (received <= 0) {
     const int error = errno;

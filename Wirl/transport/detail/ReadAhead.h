@@ -36,7 +36,8 @@ class ReadAhead {
       release();
     return static_cast<ssize_t>(count);
   }
-  /// As recv(2) with MSG_DONTWAIT, while nothing is here: it reads all that fits, and gives what was asked for.
+  /// As recv(2) with MSG_DONTWAIT, while nothing is here: it reads all that fits, and gives what was asked for;
+  /// without memory for that it reads no more than was asked for.
   /// Unless `toTheEnd`, it believes a short read that the socket is empty, and answers the next call EAGAIN
   /// without asking.
   ssize_t receive(int fd, Kiv::U8* to, std::size_t length, bool toTheEnd);
