@@ -119,8 +119,8 @@ class KIV_API TcpPduPamBase : public Pam {
 /// begins behind it. One above `maxPduLength` ends the connection: the stream cannot be cut any more.
 ///
 /// Sending. Allowed while `writable()`; sending at another time ends the process. A packet handed over
-/// belongs to the Pam: its bytes must not be changed until `writable()` again. With `txQueueLimit` set,
-/// packets are queued up to that many, and go out together: at the end of the readable event in whose reactor
+/// belongs to the Pam: its bytes must not be changed until `writable()` again and, with `txQueueLimit`,
+/// `txQueued()` is 0. With `txQueueLimit` set, packets are queued up to that many, and go out together: at the end of the readable event in whose reactor
 /// they were sent, else when the socket is next reported writable; `txFlush()` does it at once. `writable()`
 /// then tells whether the queue takes another one.
 ///
@@ -129,13 +129,17 @@ class KIV_API TcpPduPamBase : public Pam {
 /// tears everything down, as `cleanup()` does; packets sent after it count as `txErrors`. The owner of the
 /// connection reacts to these attributes, and replaces the Pam.
 ///
+/// What the loop refuses (memory to watch the socket with) is a failure of the direction, but for
+/// `enableModeIs`, which throws it and changes nothing.
+///
 /// Modes. Switching to read-only while a packet is being sent waits until it is sent; to write-only while a
 /// PDU is being received, until it is there. No PDU is cut in two, also by switching to none: what was begun
-/// goes on when the direction is enabled again.
+/// goes on when the direction is enabled again, and a packet in flight is finished in any mode.
 ///
 /// Memory. A Pam between two PDUs holds no packet and no buffer.
 ///
-/// Reactors may disable, clean up or let go of the Pam at any point. Single-threaded, on the loop that
+/// Reactors may switch modes, send, clean up or let go of the Pam at any point. What one throws leaves through
+/// the caller or the loop, and no PDU is lost: pull on until null. Single-threaded, on the loop that
 /// watches the socket.
 class KIV_API TcpPduPam : public TcpPduPamBase {
  public:
@@ -172,7 +176,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
  protected:
   virtual void sendPkt(const Pkt::Ptr& pkt);
   virtual void sendIov(const SocketIovec* iov, U16 iovLen);
-  /// Reactors of `readable`, `writable` and `writeLength`.
+  /// Reactors of `readable`, `writable` and `writeLength`, before those from outside. Empty here.
   virtual void handleReadable();
   virtual void handleWritable();
   virtual void handleWriteLength();
@@ -187,7 +191,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   virtual void dumpDerivedState(std::ostream& out) const;
 
   /// Switches the directions; see above. A value that is no mode, and a read-only or write-only request while
-  /// the same one is pending, end the process.
+  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, when the loop
+  /// refuses to watch the socket.
   void enableModeIs(TcpPduPamEnableMode mode);
   TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const noexcept { return pendingMode_; }
   /// True for any mode but none. Setting it enables both directions, unless one is enabled already, or none.
