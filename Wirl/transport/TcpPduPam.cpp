@@ -760,7 +760,7 @@ void TcpPduPam::spaceAvailable() {
   if (!fd()) return;
   const auto ending = [this] { return pendingMode_ == tcpEnableModeReadOnly && txQueue_.empty(); };
   writableSet(ending() || roomToSend());
-  writeNotificationUpdate();
+  writeNotificationUpdate(edgeTriggered());  // anew for what its reactors have queued: the edge is spent
   if (ending()) pendingModeApply();
 }
 

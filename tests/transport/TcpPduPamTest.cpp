@@ -592,6 +592,20 @@ TEST_P(TcpPduPamLoopTest, ARefusedModeLeavesAllAsItWas) {
   EXPECT_EQ(end.pam->pendingEnableReadOnlyOrWriteOnlyMode(), tcpEnableModeReadOnly);
 }
 
+TEST_P(TcpPduPamQueueTest, WhatIsQueuedOnceThereIsRoomGoesOutToo) {
+  PamEnd end(GetParam());
+  end.pam->txQueueLimitIs(2);
+  end.open();
+  const Fault fault(Call::sendmsg, 1, EAGAIN);
+  std::string sent = end.fill(40);
+  EXPECT_EQ(end.pam->txQueued(), 2u);
+  const Kiv::Reactor onWritable(end.pam->writableCount, [&] {
+    sent += pduOf(30);
+    end.pam->txPktIs(pktOf(pduOf(30)));
+  });
+  EXPECT_TRUE(end.peerReceives(sent.size() + 30) == sent);
+}
+
 // Modes ----------------------------------------------------------------------------------------------------
 
 TEST_P(TcpPduPamTest, EachModeReadsAndWritesAsItSays) {
