@@ -18,6 +18,7 @@
 #include "Wirl/access/RawIpPam.h"
 #include "Wirl/access/RawTxPam.h"
 #include "Wirl/access/ReqResponseRawTxPam.h"
+#include "Wirl/access/SocketPam.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"
 #include "Wirl/packet/AhHdr.h"
