@@ -215,9 +215,9 @@ template <std::size_t count>
   Word words = 0;
   for (; bytes >= 8 * kWord; bytes -= 8 * kWord) takeWords<8>(words, data);
   if ((bytes & 4 * kWord) != 0) takeWords<4>(words, data);
-  if ((bytes & 2 * kWord) != 0) takeWords<2>(words, data);
-  if ((bytes & kWord) != 0) takeWords<1>(words, data);
-  if (bytes % kWord != 0) {
+  if (bytes % (4 * kWord) != 0) {
+    if ((bytes & 2 * kWord) != 0) takeWords<2>(words, data);
+    if ((bytes & kWord) != 0) takeWords<1>(words, data);
     if (kWord == 8 && (bytes & 4) != 0) {
       rest += load<U32>(data);
       data += 4;

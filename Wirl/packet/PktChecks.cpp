@@ -29,7 +29,7 @@ U32 wordAt(const U8* from) noexcept {
   return word;
 }
 
-/// `code`, and the trace that `say` writes. Out of the way: the code of a check is that of good packets.
+/// `code`, and the trace that `say` writes.
 template <typename Say>
 [[gnu::noinline, gnu::cold]] PktErrors failed(PktErrors code, Say say) {
   if (trace.enabled(3)) {
@@ -41,13 +41,6 @@ template <typename Say>
 
 PktErrors failed(PktErrors code, const char* text) {
   return failed(code, [text](auto& out) { out << text; });
-}
-
-/// A check whose entry is traced.
-template <typename Check>
-[[gnu::noinline, gnu::cold]] PktErrors traced(const char* name, Check check) {
-  KIV_TRACE(trace, 8) << name;
-  return check();
 }
 
 PktErrors tooShort(U32 bytes, const char* which) {
@@ -63,12 +56,19 @@ struct Frame {
   U32 bytes;
 };
 
-/// The Ethernet header, of the type, with a header of type `Next` whole behind it. `kTraced`: with level 8.
-template <bool kTraced, typename Next>
-[[gnu::always_inline]] inline PktErrors checkEthHdr(const Frame& frame, EthType type, EthHdr*& ethHdr) {
+PktErrors tooShort(const Frame& frame, U32 needed) {
+  if (frame.bytes < needed) return tooShort(frame.bytes, "");
+  return tooShort(frame.frontBytes, " in its first piece");
+}
+
+/// The Ethernet header, of the type, with a header of type `Next` whole behind it, and what `checkNext` says
+/// of that. `kTraced`: with level 8. (The rest is an argument, and not what the caller goes on with, so that
+/// every failure ends the check by a jump, and good packets save no registers for it.)
+template <bool kTraced, typename Next, typename CheckNext>
+[[gnu::always_inline]] inline PktErrors checkEthHdr(const Frame& frame, EthType type, EthHdr*& ethHdr,
+                                                    CheckNext checkNext) {
   constexpr U32 kNeeded = sizeof(EthHdr) + sizeof(Next);
-  if (frame.bytes < kNeeded) return tooShort(frame.bytes, "");
-  if (frame.frontBytes < kNeeded) return tooShort(frame.frontBytes, " in its first piece");
+  if (frame.frontBytes < kNeeded) return tooShort(frame, kNeeded);
   EthHdr* const found = hdrAt<EthHdr>(frame.front, 0);
   const U16 typeOrLen = found->typeOrLen();
   if (typeOrLen != type) {
@@ -79,13 +79,14 @@ template <bool kTraced, typename Next>
                         << " dst MAC: " << found->dst();
   }
   ethHdr = found;
-  return noError;
+  return checkNext(hdrAt<Next>(frame.front, sizeof(EthHdr)));
 }
 
 // Whether the header's checksum is the one that the header has with that field at 0. The octets' order does
 // not matter to a one's complement sum, as long as it is the same on both sides.
 
-[[gnu::noinline]] bool otherIpChecksumIsRight(const IpHdr* ipHdr) noexcept {
+/// Of a header of any length, which a wrong checksum leaves with a field of 0.
+[[gnu::noinline]] PktErrors checkIpChecksum(IpHdr* ipHdr) {
   constexpr U32 kChecksumWord = 8;  // offset of the word whose second half is the checksum
   const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
   U16 half[2];
@@ -93,13 +94,13 @@ template <bool kTraced, typename Next>
   U64 sum = 0;
   for (U32 i = 0; i < ipHdr->headerBytes(); i += 4) sum += i == kChecksumWord ? half[0] : wordAt(octets + i);
   while (sum > 0xffff) sum = (sum & 0xffff) + (sum >> 16);
-  return half[1] == (sum ^ 0xffff);
+  if (half[1] == (sum ^ 0xffff)) return noError;
+  ipHdr->checksumU16Is(0);
+  return failed(badIpHdrChecksum, "IPv4 header checksum is invalid");
 }
 
-/// Of a header that does not begin with 0.
+/// Of a header of 20 bytes that does not begin with 0.
 [[gnu::always_inline]] inline bool ipChecksumIsRight(const IpHdr* ipHdr) noexcept {
-  if (ipHdr->headerBytes() != sizeof(IpHdr)) [[unlikely]]
-    return otherIpChecksumIsRight(ipHdr);
   // Summed with the field, a good header is all ones. The field itself is never that, since the others are not
   // all 0.
   const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
@@ -112,47 +113,58 @@ template <bool kTraced, typename Next>
 
 template <bool kTraced>
 [[gnu::always_inline]] inline PktErrors checkEthIp(const Frame& frame, EthHdr*& ethHdr, IpHdr*& ipHdr) {
-  if (const PktErrors error = checkEthHdr<kTraced, IpHdr>(frame, ethTypeIp, ethHdr); error != noError) {
-    return error;
-  }
-  IpHdr* const found = hdrAt<IpHdr>(frame.front, sizeof(EthHdr));
-  if (found->version() != IpHdr::ipVersion4) return failed(nonIpHdr, "Ip hdr is not IPv4");
-  const bool whole = found->headerBytes() <= frame.frontBytes - sizeof(EthHdr);
-  if (whole) [[likely]]
-    ipHdr = found;
-  const U32 present = frame.bytes - U32{sizeof(EthHdr)};
-  const U32 claimed = found->totalLenU16();
-  if (claimed > present) {
-    return failed(badIpPayloadLen, [present, claimed](auto& out) {
-      out << "IPv4 payload length is larger than the actual packet size" << present << " vs. " << claimed;
-    });
-  }
-  // Only the checksum asks for the options.
-  if (!whole) return tooShort(frame.frontBytes, " in its first piece");
-  // The field need not be 0 meanwhile: nobody sees it, and a good packet is not written to.
-  if (!ipChecksumIsRight(found)) [[unlikely]] {
-    found->checksumU16Is(0);
-    return failed(badIpHdrChecksum, "IPv4 header checksum is invalid");
-  }
-  return noError;
+  return checkEthHdr<kTraced, IpHdr>(frame, ethTypeIp, ethHdr, [&frame, &ipHdr](IpHdr* found) {
+    const U32 headerBytes = found->headerBytes();
+    if (found->version() != IpHdr::ipVersion4) return failed(nonIpHdr, "Ip hdr is not IPv4");
+    const bool whole = headerBytes <= frame.frontBytes - U32{sizeof(EthHdr)};
+    if (whole) [[likely]]
+      ipHdr = found;
+    const U32 present = frame.bytes - U32{sizeof(EthHdr)};
+    const U32 claimed = found->totalLenU16();
+    if (claimed > present) {
+      return failed(badIpPayloadLen, [present, claimed](auto& out) {
+        out << "IPv4 payload length is larger than the actual packet size" << present << " vs. " << claimed;
+      });
+    }
+    // Only the checksum asks for the options.
+    if (!whole) return tooShort(frame.frontBytes, " in its first piece");
+    // The field need not be 0 meanwhile: nobody sees it, and a good packet is not written to.
+    if (headerBytes == sizeof(IpHdr) && ipChecksumIsRight(found)) [[likely]]
+      return noError;
+    return checkIpChecksum(found);
+  });
 }
 
 template <bool kTraced>
 [[gnu::always_inline]] inline PktErrors checkEthIp6(const Frame& frame, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr) {
-  if (const PktErrors error = checkEthHdr<kTraced, Ip6Hdr>(frame, ethTypeIp6, ethHdr); error != noError) {
-    return error;
-  }
-  Ip6Hdr* const found = hdrAt<Ip6Hdr>(frame.front, sizeof(EthHdr));
-  if (found->version() != Ip6Hdr::ipVersion6) return failed(nonIp6Hdr, "Ip hdr is not IPv6");
-  ip6Hdr = found;
-  const U32 present = frame.bytes - U32{sizeof(EthHdr) + sizeof(Ip6Hdr)};
-  const U32 claimed = found->payloadLen();
-  if (claimed > present) {
-    return failed(badIp6PayloadLen, [present, claimed](auto& out) {
-      out << "IPv6 payload length is larger than the actual packet size. " << present << " vs. " << claimed;
-    });
-  }
-  return noError;
+  return checkEthHdr<kTraced, Ip6Hdr>(frame, ethTypeIp6, ethHdr, [&frame, &ip6Hdr](Ip6Hdr* found) {
+    if (found->version() != Ip6Hdr::ipVersion6) return failed(nonIp6Hdr, "Ip hdr is not IPv6");
+    ip6Hdr = found;
+    const U32 present = frame.bytes - U32{sizeof(EthHdr) + sizeof(Ip6Hdr)};
+    const U32 claimed = found->payloadLen();
+    if (claimed > present) {
+      return failed(badIp6PayloadLen, [present, claimed](auto& out) {
+        out << "IPv6 payload length is larger than the actual packet size. " << present << " vs. " << claimed;
+      });
+    }
+    return noError;
+  });
+}
+
+Frame frameOf(Pkt& pkt) {
+  return {pkt.front(), pkt.frontBytes(), pkt.bytes()};
+}
+
+// Out of the way: the functions that are called are the code of good packets, with tracing off.
+
+[[gnu::noinline, gnu::cold]] PktErrors tracedCheckEthIp(Pkt& pkt, EthHdr*& ethHdr, IpHdr*& ipHdr) {
+  KIV_TRACE(trace, 8) << "checkEthIpHdr";
+  return checkEthIp<true>(frameOf(pkt), ethHdr, ipHdr);
+}
+
+[[gnu::noinline, gnu::cold]] PktErrors tracedCheckEthIp6(Pkt& pkt, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr) {
+  KIV_TRACE(trace, 8) << "checkEthIp6Hdr";
+  return checkEthIp6<true>(frameOf(pkt), ethHdr, ip6Hdr);
 }
 
 U32 icmp6PseudoHdrSum(const Ip6Hdr& ip6Hdr) {
@@ -210,22 +222,18 @@ PktErrors checkEthIpHdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, IpHdr*& ipHdr) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   ethHdr = nullptr;
   ipHdr = nullptr;
-  const Frame frame = {pkt->front(), pkt->frontBytes(), pkt->bytes()};
   if (trace.enabled(8)) [[unlikely]]
-    return traced("checkEthIpHdr",
-                  [&ethHdr, &ipHdr, frame] { return checkEthIp<true>(frame, ethHdr, ipHdr); });
-  return checkEthIp<false>(frame, ethHdr, ipHdr);
+    return tracedCheckEthIp(*pkt, ethHdr, ipHdr);
+  return checkEthIp<false>(frameOf(*pkt), ethHdr, ipHdr);
 }
 
 PktErrors checkEthIp6Hdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, Ip6Hdr*& ip6Hdr) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   ethHdr = nullptr;
   ip6Hdr = nullptr;
-  const Frame frame = {pkt->front(), pkt->frontBytes(), pkt->bytes()};
   if (trace.enabled(8)) [[unlikely]]
-    return traced("checkEthIp6Hdr",
-                  [&ethHdr, &ip6Hdr, frame] { return checkEthIp6<true>(frame, ethHdr, ip6Hdr); });
-  return checkEthIp6<false>(frame, ethHdr, ip6Hdr);
+    return tracedCheckEthIp6(*pkt, ethHdr, ip6Hdr);
+  return checkEthIp6<false>(frameOf(*pkt), ethHdr, ip6Hdr);
 }
 
 PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {

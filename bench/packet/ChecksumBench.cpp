@@ -34,7 +34,8 @@ bench::Body calc(Kiv::U16 bytes) {
   };
 }
 
-/// What a machine without the wider instruction sets runs.
+/// What a machine without the wider instruction sets runs. Up to 255 bytes all of them do the same: the rows
+/// above.
 bench::Body portable(Kiv::U16 bytes) {
   return [bytes](benchmark::State& state) {
     const auto sum = detail::checksumKernels().front().sum;
@@ -43,7 +44,9 @@ bench::Body portable(Kiv::U16 bytes) {
     for (auto _ : state) {
       benchmark::DoNotOptimize(data);
       benchmark::DoNotOptimize(length);
-      benchmark::DoNotOptimize(sum(data, length));
+      Kiv::U32 total = sum(data, length);
+      while (total >> 16 != 0) total = (total & 0xffff) + (total >> 16);
+      benchmark::DoNotOptimize(static_cast<Kiv::U16>(~total));
     }
   };
 }
@@ -53,7 +56,8 @@ bench::Body peer(Kiv::U16 bytes) {
 }
 
 BENCH_ROWS {
-  for (const Kiv::U16 bytes : std::initializer_list<Kiv::U16>{20, 40, 64, 128, 256, 576, 1500, 9000}) {
+  for (const Kiv::U16 bytes :
+       std::initializer_list<Kiv::U16>{20, 32, 40, 63, 64, 98, 127, 128, 160, 190, 256, 576, 1500, 9000}) {
     const auto target = bench::timesFaster(bytes >= 576 ? 2.0 : 1.0);
     bench::compare("Checksum: " + std::to_string(bytes) + " bytes", calc(bytes), "DPDK rte_raw_cksum",
                    peer(bytes), target);
