@@ -35,20 +35,6 @@ void checkAddress(std::string_view text) {
   KIV_ASSERT(!ours || ours->netOrder() == theirs.s_addr);
 }
 
-struct Parts {
-  IpAddr address;
-  std::uint64_t number;
-};
-
-/// The address in front of the first separator and the number behind it, where the text is made so.
-std::optional<Parts> joined(std::string_view text, char separator, std::uint64_t max) {
-  const std::size_t at = std::min(text.find(separator), text.size());
-  const auto address = IpAddr::fromText(text.substr(0, at));
-  const auto number = at < text.size() ? fuzz::numberOf(text.substr(at + 1)) : std::nullopt;
-  if (!address || !number || *number > max) return std::nullopt;
-  return Parts{*address, *number};
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
@@ -61,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   fuzz::checkText(text, IpAndPort(address, 5));
   checkAddress(text);
 
-  const auto withLen = joined(text, '/', ~std::uint64_t{0});
+  const auto withLen = fuzz::joined<IpAddr>(text, '/', ~std::uint64_t{0});
   const auto withMask = IpAddrWithMask::fromText(text);
   KIV_ASSERT(withMask.has_value() == withLen.has_value());
   KIV_ASSERT(!withMask || (withMask->address() == withLen->address &&
@@ -71,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
              (withLen && withLen->number <= 32 &&
               (Kiv::U64{withLen->address.hostOrder()} << withLen->number & 0xffff'ffff) == 0));
   KIV_ASSERT(!prefix || (prefix->address() == withLen->address && prefix->len() == withLen->number));
-  const auto withPort = joined(text, ':', 0xffff);
+  const auto withPort = fuzz::joined<IpAddr>(text, ':', 0xffff);
   const auto endpoint = text.starts_with("Value(") ? std::nullopt : IpAndPort::fromText(text);
   KIV_ASSERT(endpoint.has_value() == withPort.has_value());
   KIV_ASSERT(!endpoint || (endpoint->ip() == withPort->address && endpoint->port() == withPort->number));

@@ -57,6 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   fuzz::checkText(text, IpTtl(5));
   fuzz::checkText(text, IpDscp(5));
   const auto af = addressFamilyFromText(text);
+  KIV_ASSERT(af.has_value() == (text == "ipunknown" || text == "ipv4" || text == "ipv6"));
   KIV_ASSERT(!af || addressFamilyText(*af) == text);
 
   // A name from outside cannot break out of the representation that it stands in.

@@ -87,6 +87,45 @@ run 0 ''
 err='addressTool: line 1: Invalid IpGenAddr'
 run 1 '1.2.3.4\0\n'
 
+# Lines as a table, whose bad one is left out.
+out='address                    type                 mapped                  multicast          what holds
+169.254.1.1                IpAddr               ::ffff:169.254.1.1                         unicast linkLocal
+127.0.0.0/32               Prefix               ::ffff:127.0.0.0/128                       unicast private loopback loopbackBase host
+224.0.0.13                 IpAddr               ::ffff:224.0.0.13       01:00:5e:00:00:0d  multicast reservedMulticast pimRouters
+255.255.255.255            IpAddr               ::ffff:255.255.255.255                     private broadcast
+240.0.0.1/4                IpAddrWithMask       ::ffff:240.0.0.1/100                       unicast reserved
+::ffff:1.2.3.4             Ip6Addr              1.2.3.4                 ff02::1:ff02:304   unicast globalUnicast v4MappedV6
+::ffff:1.2.3.4/95          Ip6AddrWithMask                                                 unicast globalUnicast v4MappedV6
+2001:db8::1/ffff:0:ffff::  Ip6AddrWithFullMask                                             unicast globalUnicast
+ff0e::d/16                 Ip6AddrWithMask                              33:33:00:00:00:0d  multicast routableMulticast
+ff02::d                    Ip6Addr                                      33:33:00:00:00:0d  linkLocal multicast linkLocalMulticast pimRouters
+fe80::1                    Ip6Addr                                      ff02::1:ff00:1     unicast linkLocal linkLocalUnicast linkLocalUnicast2
+fec0::/10                  Ip6Prefix                                                       unicast globalUnicast siteLocal
+fd00::1                    Ip6Addr                                      ff02::1:ff00:1     unicast globalUnicast uniqueLocal
+::                         Ip6Addr                                                         unspecified unicast
+ff:ff:ff:ff:ff:ff          EthAddr                                                         broadcast
+33:33:00:00:00:01          EthAddr                                                         multicast ip6Multicast
+01:80:c2:00:00:0e          EthAddr                                                         multicast ieeeLinkConstrained'
+err='addressTool: line 3: Invalid IPv4 address'
+run 1 '169.254.1.1\n127.0.0.0/32\n10.0.0/8\n224.0.0.13\n255.255.255.255\n240.0.0.1/4\n::ffff:1.2.3.4\n::ffff:1.2.3.4/95\n'\
+'2001:db8::1/ffff:0:ffff::\nFF0E::d/16\nff02::d\nfe80::1\nfec0::/10\nfd00::1\n0::0\nff-ff-ff-ff-ff-ff\n33:33:0:0:0:1\n'\
+'0180.c200.000e\n'
+
+# Words, as JSON.
+out='[
+  {
+    "number": 2,
+    "text": "00:00:00:00:00:01",
+    "type": "EthAddr",
+    "predicates": [
+      "unicast"
+    ],
+    "linkLocal": "fe80::200:ff:fe00:1"
+  }
+]'
+err='addressTool: text 1: Invalid IpAddr'
+run 1 '' --json 1.2.3 0-0-0-0-0-1
+
 # Wrong options: the usage, and status 2.
 for words in -x --jsn "1.2.3.4 --table" -; do
   # shellcheck disable=SC2086
