@@ -119,12 +119,16 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
 
   std::string stream;
   Result result;
-  unsigned pull = 0;  // PDUs to take in an event; 3: until null
+  unsigned pull = 0;   // PDUs to take in an event; 3: until null
+  bool shake = false;  // switches the mode between them
   const auto take = [&] {
     for (unsigned i = 0; i < pull || pull == 3; ++i) {
       const auto pdu = pam->rxPkt();
       if (!pdu) return;
       result.pdus.push_back(pdu->stringValue());
+      if (!shake || !pam->enabled()) continue;
+      pam->enableModeIs(Wirl::tcpEnableModeWriteOnly);
+      pam->enableModeIs(Wirl::tcpEnableModeReadWrite);
     }
   };
   const Kiv::Reactor onReadable(pam->readableCount, take);
@@ -141,6 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     switch (op & 7) {
       case 0:
         pull = op >> 3 & 3;
+        shake = op & 0x20;
         take();
         break;
       case 1:

@@ -720,7 +720,7 @@ TEST_P(TcpPduPamTest, APendingModeCanBeWithdrawnAndNoneOnlyPauses) {
 
 // Clients that do what they like ---------------------------------------------------------------------------
 
-TEST_P(TcpPduPamTest, ReactorsMayDisableCleanUpOrLetGoAtAnyPoint) {
+TEST_P(TcpPduPamTest, ReactorsMayDoWhatTheyLikeAtAnyPoint) {
   enum Point {
     readableCount,
     readable,
@@ -737,7 +737,20 @@ TEST_P(TcpPduPamTest, ReactorsMayDisableCleanUpOrLetGoAtAnyPoint) {
     enabled,
     points
   };
-  enum Action { disable, readOnly, writeOnly, cleanUp, letGo, pull, actions };
+  enum Action {
+    disable,
+    readOnly,
+    writeOnly,
+    pull,
+    pause,
+    withdraw,
+    sendMore,
+    throwOut,
+    cleanUp,
+    letGo,
+    actions
+  };
+  struct Thrown {};
   const std::size_t before = openDescriptors();
   for (int point = 0; point < points; ++point) {
     for (int action = 0; action < actions; ++action) {
@@ -745,6 +758,21 @@ TEST_P(TcpPduPamTest, ReactorsMayDisableCleanUpOrLetGoAtAnyPoint) {
       PamEnd end(GetParam(), kSmall, kSmall);
       SimpleTcpPduPam& pam = *end.pam;
       int ran = 0;
+      std::string sent;
+      const auto sendOne = [&](std::size_t size) {
+        sent += pduOf(size);
+        end.pam->txPktIs(pktOf(pduOf(size)));
+      };
+      const auto pullAll = [&] {
+        while (end.pam) {
+          const Pkt::Ptr pdu = end.pam->rxPkt();
+          if (!pdu) return;
+          end.received.push_back(pdu->stringValue());
+        }
+      };
+      const auto pullOne = [&] {
+        if (const Pkt::Ptr pdu = end.pam->rxPkt()) end.received.push_back(pdu->stringValue());
+      };
       const auto act = [&] {
         if (++ran != 1 || !end.pam) return;
         const auto modeIs = [&](TcpPduPamEnableMode mode) {
@@ -761,15 +789,40 @@ TEST_P(TcpPduPamTest, ReactorsMayDisableCleanUpOrLetGoAtAnyPoint) {
             return end.pam->cleanup();
           case letGo:
             return void(end.pam = nullptr);
+          case pause:
+            modeIs(tcpEnableModeNone);
+            pullOne();
+            return end.open();
+          case withdraw:
+            modeIs(tcpEnableModeWriteOnly);
+            modeIs(tcpEnableModeReadOnly);
+            return end.open();
+          case sendMore:
+            if (end.pam->writable()) sendOne(77);
+            return;
+          case throwOut:
+            throw Thrown();
           default:
-            return void(end.pam->rxPkt());
+            return pullOne();
         }
       };
-      end.drainIs(false);
-      end.onReadable = Kiv::Reactor(pam.readableCount, [&] {
-        while (end.pam && end.pam->rxPkt()) {
+      const auto step = [&](const auto& work) {
+        try {
+          work();
+        } catch (const Thrown&) {
         }
-      });
+      };
+      const auto settle = [&] { step([&] { end.loop.settle(); }); };
+      // A client goes on where its reactor had left it.
+      const auto resume = [&] {
+        if (!end.pam || !end.pam->initialized()) return;
+        step([&] { end.open(); });
+        step([&] { end.open(); });
+        step(pullAll);
+        step(pullAll);
+      };
+      end.drainIs(false);
+      end.onReadable = Kiv::Reactor(pam.readableCount, pullAll);
       std::map<int, Kiv::Reactor> reactors;
       const auto watch = [&](int at, const auto& attribute) {
         if (at == point) reactors[at] = Kiv::Reactor(attribute, act);
@@ -788,17 +841,40 @@ TEST_P(TcpPduPamTest, ReactorsMayDisableCleanUpOrLetGoAtAnyPoint) {
       watch(enableMode, pam.enableMode);
       watch(enabled, pam.enabled);
       end.peerSends(pduOf(30) + pduOf(40));
-      end.pam->enableModeIs(tcpEnableModeReadWrite);
+      step([&] { end.open(); });
+      settle();
+      resume();
       end.peerSends(pduOf(50, 0xffff));
-      while (end.pam && end.pam->writable()) end.pam->txPktIs(pktOf(pduOf(4000)));
-      end.loop.settle();
-      char octets[65536];
-      for (int i = 0; i < 3; ++i) {
-        while (recv(end.peer(), octets, sizeof(octets), 0) > 0) end.loop.settle();
+      step([&] {
+        while (end.pam && end.pam->writable()) sendOne(4000);
+      });
+      settle();
+      resume();
+      std::string arrived;
+      const auto peerReads = [&] {
+        char octets[65536];
+        for (ssize_t n; (n = recv(end.peer(), octets, sizeof(octets), 0)) > 0; settle())
+          arrived.append(octets, static_cast<std::size_t>(n));
+      };
+      for (int i = 0; i < 3; ++i, settle()) {
+        peerReads();
+        resume();
+      }
+      const std::string pulled = std::accumulate(end.received.begin(), end.received.end(), std::string());
+      if (end.pam && end.pam->initialized()) {
+        EXPECT_TRUE(pulled == pduOf(30) + pduOf(40));
+        EXPECT_TRUE(end.loop.runUntil([&] {
+          peerReads();
+          return arrived.size() >= sent.size();
+        }));
+        EXPECT_TRUE(arrived == sent);
+      } else {
+        EXPECT_TRUE((pduOf(30) + pduOf(40)).starts_with(pulled));
+        EXPECT_TRUE(sent.starts_with(arrived));
       }
       end.ends.second = nullptr;
-      for (int i = 0; i < 3 && end.pam && end.pam->writable(); ++i) end.pam->txPktIs(pktOf(pduOf(21)));
-      for (int i = 0; i < 3; ++i) end.loop.settle();
+      for (int i = 0; i < 3 && end.pam && end.pam->writable(); ++i) step([&] { sendOne(21); });
+      for (int i = 0; i < 3; ++i) settle();
       if (point != txErrors && point != txErrorReason) {
         EXPECT_GT(ran, 0);
       }
@@ -807,11 +883,23 @@ TEST_P(TcpPduPamTest, ReactorsMayDisableCleanUpOrLetGoAtAnyPoint) {
   EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST_P(TcpPduPamTest, AReactorThatThrowsInsideAPullLosesNothing) {
+  PamEnd end(GetParam());
+  end.peerSends(pduOf(30) + pduOf(40) + pduOf(50));
+  bool thrown = false;
+  const Kiv::Reactor onReadable(end.pam->readable, [&] {
+    if (!end.pam->readable() && !std::exchange(thrown, true)) throw std::exchange(thrown, true);
+  });
+  EXPECT_THROW(end.open(); end.loop.settle(), bool);
+  end.pull();
+  EXPECT_THAT(end.received, ElementsAre(pduOf(30), pduOf(40), pduOf(50)));
+}
+
 // Variations do not matter to these ------------------------------------------------------------------------
 
 const Variation kPlain = variations()[0];
 
-TEST(TcpPduPam, CarriesWhateverFramingAClassTellsAndNoneByItself) {
+TEST(TcpPduPam, CalledOutOfTurnItSaysWhyOrDoesNothing) {
   const PamEnd end(kPlain);
   const auto plain = Kiv::makePtr<TcpPduPam>(connected(false).first, end.pam->fdFactory());
   EXPECT_DEATH(plain->getPduSize(), "0 && \"Need to implement getRemainingLength in a derived class\"");
@@ -826,6 +914,11 @@ TEST(TcpPduPam, CarriesWhateverFramingAClassTellsAndNoneByItself) {
   none->handleSocketReadable();
   none->handleSocketWritable();
   EXPECT_EQ(none->readableCount(), 0u);
+  end.pam->enableModeIs(tcpEnableModeReadWrite);
+  end.pam->cleanup();
+  end.pam->handleSocketReadable();
+  end.pam->handleSocketWritable();
+  EXPECT_EQ(end.pam->rxErrorReason() + end.pam->txErrorReason(), "");
 }
 
 TEST(TcpPduPam, FramingOfOnesOwnTakesTenLines) {
@@ -942,7 +1035,11 @@ TEST(TcpPduPam, KeepaliveIsAppliedAndItsFailuresAreCounted) {
     EXPECT_EQ(fault.calls(), disabling ? 1 : i + 1);  // the others are not tried
   }
   EXPECT_THAT(traces.lines(), Contains("TcpPduPam/0:Setsockopt failed with 1"));
+  int told = 0;
+  const Kiv::Reactor onReason(end.pam->tcpOptErrorReason, [&] { ++told; });
+  end.pam->keepaliveOptsIs(TcpKeepaliveOptions(true, 0xfffffffe, 1, 1));
   end.pam->keepaliveOptsIs(TcpKeepaliveOptions(true, 0xffffffff, 1, 1));
+  EXPECT_EQ(told, 1);
   EXPECT_EQ(end.pam->tcpOptErrorReason(), "setsockopt() error while setting TCP_KEEPIDLE: Invalid argument");
 }
 
