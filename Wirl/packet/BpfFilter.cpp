@@ -73,6 +73,8 @@ void BpfFilter::handleFilterString() {
   const bool compiled = compilePcapFilter(bpfFilterString_);
   KIV_ASSERT_AS(compiled, "false");
   bpfFilter_ = bpfFilterHolder_.get();
+  // Not cleared: the memory that no packet needs is never touched.
+  if (!gathered_) gathered_.reset(new U8[kMaxGatheredBytes]);
   KIV_TRACE(trace, 6) << "Constructed bpf filter for " << name_;
 }
 
@@ -117,15 +119,14 @@ bool BpfFilter::matchSlowly(const Pkt& pkt) const {
 
 const U8* BpfFilter::gathered(const Pkt& pkt, U32& bytes) const {
   bytes = std::min(bytes, kMaxGatheredBytes);
-  if (gathered_.size() < bytes) gathered_.resize(bytes);
   U32 filled = 0;
   const struct iovec* const pieces = pkt.iovecs();
   for (U32 i = 0; i < pkt.numIovecs() && filled < bytes; ++i) {
     const U32 n = std::min(static_cast<U32>(pieces[i].iov_len), bytes - filled);
-    std::memcpy(gathered_.data() + filled, pieces[i].iov_base, n);
+    std::memcpy(gathered_.get() + filled, pieces[i].iov_base, n);
     filled += n;
   }
-  return gathered_.data();
+  return gathered_.get();
 }
 
 }  // namespace Wirl

@@ -4,7 +4,6 @@
 #include <memory>
 #include <optional>
 #include <string_view>
-#include <vector>
 
 #include "Kiv/Ptr.h"
 #include "Kiv/String.h"
@@ -67,7 +66,8 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   bpf_program* bpfFilter_ = nullptr;  // null or the holder
   const std::unique_ptr<bpf_program> bpfFilterHolder_;
   bool initialized_ = false;
-  mutable std::vector<U8> gathered_;  // scratch for packets in two pieces; grows, so that it is not made anew
+  std::unique_ptr<U8[]>
+      gathered_;  // kMaxGatheredBytes for packets in two pieces, made with the first program
 };
 
 KIV_API BpfFilter::Ptr bpfFilterFactory(Kiv::String name);

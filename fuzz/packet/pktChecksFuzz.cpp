@@ -82,18 +82,20 @@ std::pair<PktErrors, std::optional<std::size_t>> plainNextProtoHdr(const std::st
 }
 
 void checkIp4(const Pkt::Ptr& pkt, std::string frame) {
-  EthHdr* ethHdr = nullptr;
-  IpHdr* ipHdr = nullptr;
+  EthHdr* ethHdr = reinterpret_cast<EthHdr*>(&frame);  // stale ones
+  IpHdr* ipHdr = reinterpret_cast<IpHdr*>(&frame);
   const PktErrors code = checkEthIpHdr(pkt, ethHdr, ipHdr);
   KIV_ASSERT(code == plainEthIp(frame, pkt->frontBytes()));
   if (code == badIpHdrChecksum) wordIs(frame, 24, 0);
   KIV_ASSERT(pkt->stringValue() == frame);
-  KIV_ASSERT(!ethHdr || reinterpret_cast<U8*>(ethHdr) == pkt->front());
-  KIV_ASSERT(!ipHdr || (ethHdr && reinterpret_cast<U8*>(ipHdr) == pkt->front() + 14));
-  KIV_ASSERT(code != noError || ipHdr);
+  const bool hasEth = pkt->frontBytes() >= 34 && word(frame, 12) == 0x0800;
+  const bool hasIp =
+      hasEth && octet(frame, 14) >> 4 == 4 && pkt->frontBytes() >= 14 + (octet(frame, 14) & 15) * 4u;
+  KIV_ASSERT(reinterpret_cast<U8*>(ethHdr) == (hasEth ? pkt->front() : nullptr));
+  KIV_ASSERT(reinterpret_cast<U8*>(ipHdr) == (hasIp ? pkt->front() + 14 : nullptr));
   if (!ipHdr) return;
 
-  AhHdr* ahHdr = nullptr;
+  AhHdr* ahHdr = reinterpret_cast<AhHdr*>(&frame);
   const PktErrors ahCode = checkIpAhHdr(pkt, ipHdr, ahHdr);
   const std::string datagram = firstPiece(*pkt).substr(14);
   const std::size_t header = ipHdr->headerBytes();
@@ -113,12 +115,14 @@ void checkIp4(const Pkt::Ptr& pkt, std::string frame) {
 }
 
 void checkIp6(const Pkt::Ptr& pkt, std::string frame, U8 optionType, U32 protocol) {
-  EthHdr* ethHdr = nullptr;
-  Ip6Hdr* ip6Hdr = nullptr;
+  EthHdr* ethHdr = reinterpret_cast<EthHdr*>(&frame);
+  Ip6Hdr* ip6Hdr = reinterpret_cast<Ip6Hdr*>(&frame);
   const PktErrors code = checkEthIp6Hdr(pkt, ethHdr, ip6Hdr);
   KIV_ASSERT(code == plainEthIp6(frame, pkt->frontBytes()));
-  KIV_ASSERT(!ip6Hdr || (ethHdr && reinterpret_cast<U8*>(ip6Hdr) == pkt->front() + 14));
-  KIV_ASSERT(code != noError || ip6Hdr);
+  const bool hasEth = pkt->frontBytes() >= 54 && word(frame, 12) == 0x86dd;
+  KIV_ASSERT(reinterpret_cast<U8*>(ethHdr) == (hasEth ? pkt->front() : nullptr));
+  KIV_ASSERT(reinterpret_cast<U8*>(ip6Hdr) ==
+             (hasEth && octet(frame, 14) >> 4 == 6 ? pkt->front() + 14 : nullptr));
   if (!ip6Hdr) return;
 
   const std::string piece = firstPiece(*pkt);
@@ -130,13 +134,21 @@ void checkIp6(const Pkt::Ptr& pkt, std::string frame, U8 optionType, U32 protoco
   KIV_ASSERT(hdr == (next.second ? reinterpret_cast<char*>(ip6Hdr) + *next.second : nullptr));
 
   const bool whole = datagram.size() >= 40 + payload;
-  Icmp6Hdr* icmp6Hdr = nullptr;
+  Icmp6Hdr* icmp6Hdr = reinterpret_cast<Icmp6Hdr*>(&frame);
   const PktErrors icmpCode = checkIcmp6CheckSum(pkt, ip6Hdr, icmp6Hdr);
   if (!whole || octet(datagram, 6) != 58 || payload < 4) {
     KIV_ASSERT(icmpCode == (!whole                     ? pktTooShort
                             : octet(datagram, 6) != 58 ? nextHdrIsNotIcmp6
                                                        : badIp6PayloadLen));
     KIV_ASSERT(!icmp6Hdr && pkt->stringValue() == frame);
+    // Sets the field of a payload however short; whatever the code, it writes nothing else.
+    icmp6Hdr = reinterpret_cast<Icmp6Hdr*>(pkt->front() + 54);
+    const bool fits = datagram.size() >= 40 + std::max(payload, sizeof(Icmp6Hdr));
+    const PktErrors setCode = setIcmp6CheckSum(pkt, ip6Hdr, icmp6Hdr);
+    KIV_ASSERT(setCode == (!fits ? pktTooShort : octet(datagram, 6) != 58 ? nextHdrIsNotIcmp6 : noError));
+    std::string left = pkt->stringValue();
+    if (setCode == noError) left.replace(56, 2, frame, 56, 2);
+    KIV_ASSERT(left == frame);
     return;
   }
   const U16 right = plainIcmp6Checksum(datagram);
@@ -145,7 +157,7 @@ void checkIp6(const Pkt::Ptr& pkt, std::string frame, U8 optionType, U32 protoco
   wordIs(frame, 56, 0);
   KIV_ASSERT(pkt->stringValue() == frame);
 
-  Icmp6OptionCommonHdr* option = nullptr;
+  Icmp6OptionCommonHdr* option = reinterpret_cast<Icmp6OptionCommonHdr*>(&frame);
   const auto expected = plainIcmp6Opt(datagram.substr(40, payload), optionType);
   KIV_ASSERT(getIcmp6Opt(pkt, ip6Hdr, icmp6Hdr, option, static_cast<Icmp6OptionTypeNumber>(optionType)) ==
              expected.first);
@@ -164,7 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   Input input(data, size);
   const U8 mend = input.octet();
   const U8 optionType = input.octet();
-  const U32 protocol = input.octet();
+  const U32 protocol = input.octet() | ((mend & 16) != 0 ? 0x100u : 0u);
   Input shape = input;
   input.number<U16>();
   std::string frame = input.rest();

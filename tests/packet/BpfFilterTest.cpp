@@ -64,10 +64,9 @@ TEST(BpfFilter, SeesThroughPieces) {
   const auto behind = filter("ether[60] == 0x78");
   for (U32 split = 0; split <= 60; ++split) {
     const auto pkt = frames::packet(frames::kUdp, split);
+    const AllocationCounter counter;
     EXPECT_TRUE(last->match(pkt)) << split;
     EXPECT_FALSE(behind->match(pkt)) << split;
-    const AllocationCounter counter;
-    EXPECT_TRUE(last->match(pkt));
     EXPECT_EQ(counter.allocations(), 0u) << split;
   }
   // A first piece that became empty.
