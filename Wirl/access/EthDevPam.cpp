@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -57,19 +58,35 @@ EthDevPam::~EthDevPam() = default;
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
-/// The socket belongs to no protocol before it is bound, so that it receives nothing that it should not.
 void EthDevPam::configure() {
+  const U32 formerIndex = ifIndex();
+  const EthAddr formerAddress = ethAddr();
+  try {
+    setUp();
+  } catch (...) {
+    ifIndex.store(formerIndex);  // as was last told
+    ethAddr.store(formerAddress);
+    throw;
+  }
+  // Told of when the socket is as it should be: from here on reactors may do anything.
+  const bool addressChanged = ethAddr() != formerAddress;
+  if (ifIndex() != formerIndex) ifIndex.notifiees().notify();
+  if (addressChanged) ethAddr.notifiees().notify();
+}
+
+/// The socket belongs to no protocol before it is bound, so that it receives nothing that it should not.
+void EthDevPam::setUp() {
   ifreq device{};
   if (devName().bytes() >= sizeof(device.ifr_name)) throw Kiv::ErrnoException(ENODEV, "ioctl(SIOCGIFINDEX)");
   std::copy(devName().begin(), devName().end(), device.ifr_name);
   if (ioctl(fd(), SIOCGIFINDEX, &device) < 0) throw Kiv::ErrnoException(errno, "ioctl(SIOCGIFINDEX)");
-  const bool indexChanged = ifIndex.store(static_cast<U32>(device.ifr_ifindex));
+  ifIndex.store(static_cast<U32>(device.ifr_ifindex));
   if (ioctl(fd(), SIOCGIFHWADDR, &device) < 0) throw Kiv::ErrnoException(errno, "ioctl(SIOCGIFHWADDR)");
   EthAddr address;
   unsigned char octets[6];
   std::memcpy(octets, device.ifr_hwaddr.sa_data, sizeof(octets));
   address.copyFromBuffer(octets);
-  const bool addressChanged = ethAddr.store(address);
+  ethAddr.store(address);
 
   const int on = 1;
   setOption(SOL_PACKET, PACKET_AUXDATA, &on, sizeof(on), "setsockopt(PACKET_AUXDATA)");
@@ -85,9 +102,6 @@ void EthDevPam::configure() {
   if (allMulticast()) handleAllMulticast();
   bindToDevice();
   fileDesc()->notifyOnReadableIs(true);
-  // Told of when the socket is as it should be: from here on reactors may do anything.
-  if (indexChanged) ifIndex.notifiees().notify();
-  if (addressChanged) ethAddr.notifiees().notify();
 }
 
 void EthDevPam::bindToDevice() {
@@ -181,9 +195,10 @@ S32 EthDevPam::doGetBulkRxPkt() {
     savedPacketRxDelAll();
     return 0;
   }
-  if (!batch_) batch_ = std::make_unique<detail::RxBatch>();
+  if (!batch_) batch_.reset(new (std::nothrow) detail::RxBatch);
   const U16 limit = std::clamp<U16>(socketReadLimit(), 1, maxSocketReadLimit);
-  const S32 received = batch_->receive(*this, fd(), limit, std::min(maxRxPktData(), kMaxFrame));
+  const U32 room = std::min(maxRxPktData(), kMaxFrame);
+  const S32 received = batch_ ? batch_->receive(*this, fd(), limit, room) : 0;
   if (received < 0) {
     receiveFailed("recvmmsg", errno);
     return 0;

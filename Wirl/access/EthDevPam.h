@@ -66,8 +66,7 @@ class KIV_API EthDevPam final : public PacketPam {
   ~EthDevPam() override;
 
   /// Has the device take in frames for another address of its own, or a group, or no longer. Returns 0 or an
-  /// errno: ENODEV without a socket or device, EADDRNOTAVAIL for one that it was not to take in. Goes with
-  /// the socket.
+  /// errno: ENODEV without a socket or device. Leaving what was not joined is no error. Goes with the socket.
   S32 handleMembership(const EthAddr& address, bool join);
 
   /// Of the frame in slot `index` of the latest batch; all 0 for a slot without one.
@@ -76,6 +75,7 @@ class KIV_API EthDevPam final : public PacketPam {
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
   void configure() override;
+  void setUp();
   void doGetRxPkt() override;
   S32 doGetBulkRxPkt() override;
 

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "Kiv/Assert.h"
@@ -58,19 +57,19 @@ void IpPam::checkPriority() {
 void IpPam::enableBulkReadIs(bool on) {
   if (on == enableBulkRead()) return;
   if (on) {
-    for (bulkSlots_ = 0; bulkSlots_ < socketReadLimit(); ++bulkSlots_) {
-      savedPacketIs(bulkSlots_, globalPktManager()->newPkt());
+    for (U16 index = 0; index < socketReadLimit(); ++index) {
+      savedPacketIs(index, globalPktManager()->newPkt());
     }
   } else {
     // The limit may have been changed meanwhile: nothing that was made is to stay behind.
-    const U16 end = std::max<U16>(socketReadLimit(), bulkSlots_);
-    for (U16 index = 0; index < end; ++index) savedPacketDel(index);
-    bulkSlots_ = 0;
+    for (U32 index = 0; index < savedPackets(); ++index) savedPacketDel(static_cast<U16>(index));
+    savedPacketRxDelAll();
   }
   enableBulkRead.set(on);
 }
 
 Kiv::Ptr<Kiv::FileDescriptor> IpPam::fileDescIs(Kiv::String name) {
+  KIV_ASSERT_AS(fd() < 0, "fd() < 0");
   auto made = Kiv::makePtr<Kiv::FileDescriptor>(std::move(name));
   SocketPam::fileDescIs(made);
   return made;
@@ -103,10 +102,14 @@ void IpPam::rxFilterDelAll() {
   rxFilter.set({});
 }
 
-void IpPam::doAttachBpfFilter(S32 socket) {
+void IpPam::checkRxFilter() const {
   if (rxFilter().empty()) {
     throw Kiv::ErrnoException(EINVAL, "SO_ATTACH_FILTER option must be supplied with a valid filter");
   }
+}
+
+void IpPam::doAttachBpfFilter(S32 socket) {
+  checkRxFilter();
   KIV_TRACE(trace, 8) << "Filter is: ";
   for (const auto& [index, each] : rxFilter()) {
     KIV_TRACE(trace, 8) << "Filter[" << index << "] is "
@@ -114,10 +117,7 @@ void IpPam::doAttachBpfFilter(S32 socket) {
                         << " k: " << each.k();
   }
   if (detail::attachFilter(socket, rxFilter()) == 0) return;
-  const int error = errno;
-  if (socket >= 0 && socket == fd()) closeAndThrow(error, "setsockopt(SO_ATTACH_FILTER)");
-  if (socket >= 0) close(socket);
-  throw Kiv::ErrnoException(error, "setsockopt(SO_ATTACH_FILTER)");
+  closeAndThrow(errno, "setsockopt(SO_ATTACH_FILTER)", socket);
 }
 
 void IpPam::doAttachBpfFilter() {

@@ -95,15 +95,16 @@ class KIV_API IpPam : public SocketPam {
 
   void enableBulkReadIs(bool on);
 
-  /// Makes the descriptor object, in place of a former one, and returns it.
+  /// Makes the descriptor object, in place of a former one, and returns it. A former one must not have a
+  /// descriptor any more, which would be lost (`fileDescDel` hands it out).
   Kiv::Ptr<Kiv::FileDescriptor> fileDescIs(Kiv::String name);
   /// Lets go of it and returns it, null if there was none. Closes nothing.
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
 
   /// Attaches the program `rxFilter` to a socket. Throws `Kiv::ErrnoException`: EINVAL "SO_ATTACH_FILTER
   /// option must be supplied with a valid filter" when there is no instruction;
-  /// "setsockopt(SO_ATTACH_FILTER)" when the kernel refuses the program, and then the socket is closed and no
-  /// longer watched.
+  /// "setsockopt(SO_ATTACH_FILTER)" when the kernel refuses the program, and then the socket is closed, and so
+  /// is that of `fileDesc`, which reads -1.
   void doAttachBpfFilter(S32 fd);
   /// The same for the socket of `fileDesc`.
   void doAttachBpfFilter();
@@ -112,17 +113,23 @@ class KIV_API IpPam : public SocketPam {
   void doDetachBpfFilter();
 
  protected:
+  /// Throws what `doAttachBpfFilter` does where there is no instruction.
+  void checkRxFilter() const;
+
   /// `enabledIs` of a derived class: stores the value if it differs, runs `hook`, notifies.
   template <std::invocable Hook>
   void enabledIsWith(bool on, Hook hook) {
     if (enabled.store(on)) Kiv::detail::hookAndNotify(this, enabled.notifiees(), std::move(hook));
   }
+  /// For a hook that throws, and so leaves it to itself to tell: it is not enabled.
+  void notEnabled() {
+    enabled.store(false);
+    enabled.notifiees().notify();
+  }
 
  private:
   void checkSocketReadLimit();
   void checkPriority();
-
-  U16 bulkSlots_ = 0;  // that were made
 };
 
 /// Makes one that configures and opens nothing.

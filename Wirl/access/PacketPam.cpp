@@ -69,8 +69,11 @@ void PacketPam::enabledIsImpl(bool on) {
         AF_PACKET, 0, netNs(), [this] { configure(); },
         [this](const Kiv::Ptr<Kiv::FileDescriptor>& opened) { return newFdSm(opened); });
   };
-  Kiv::detail::hookAndNotify(this, enabled.notifiees(),
-                             [&] { reopen(on, open, [this] { enabled.set(false); }); });
+  const auto failed = [this] {
+    enabled.store(false);
+    enabled.notifiees().notify();
+  };
+  Kiv::detail::hookAndNotify(this, enabled.notifiees(), [&] { reopen(on, open, failed); });
 }
 
 Kiv::Ptr<PamFdSm> PacketPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {

@@ -30,9 +30,9 @@ class AtEnd {
   Action action_;
 };
 
-/// The packet, or a copy of its bytes where someone else would see them change.
-Pkt::Ptr ownedAlone(Pkt::Ptr pkt) {
-  if (pkt->references() == 1 && (!pkt->sharedBuffer() || pkt->sharedBuffer()->references() == 1)) return pkt;
+/// The packet itself, or a copy where its bytes are those of other packets, too, which would see them move.
+Pkt::Ptr withBytesOfItsOwn(Pkt::Ptr pkt) {
+  if (!pkt->sharedBuffer() || pkt->sharedBuffer()->references() == 1) return pkt;
   const Pkt::Manager& manager = *globalPktManager();
   const U32 room = std::max(pkt->bytes(), Pkt::Manager::defaultBufferBytes_);
   Pkt::Ptr copy = manager.newPkt(manager.newSharedBuffer(room));
@@ -112,7 +112,7 @@ void PamConnectorPam::drop() {
 }
 
 void PamConnectorPam::show(const Pkt::Ptr& pkt) {
-  if (peekPkt.notifiees().empty()) {  // with nobody to see it in between, `peekPkt` stays null
+  if (peekPkt.notifiees().empty() && peekPktCount.notifiees().empty()) {  // nobody to see it in between
     peekPktCountInc(1);
     return;
   }
@@ -124,7 +124,7 @@ void PamConnectorPam::show(const Pkt::Ptr& pkt) {
 void PamConnectorPam::doGetRxPkt() {
   Pkt::Ptr pkt = dequeue();
   if (pkt && pamConnector() && pamConnector()->separateVlanTagHdr() && hasVlanTagToOffload(*pkt)) {
-    pkt = ownedAlone(std::move(pkt));
+    pkt = withBytesOfItsOwn(std::move(pkt));
     maybeOffloadAnyVlanTag(pkt);
   }
   rxPktHolderIs(std::move(pkt));
@@ -147,9 +147,11 @@ Kiv::Ptr<PamConnectorPam> PamConnector::pam(const Kiv::String& name) const {
 
 void PamConnector::pamIs(const Kiv::Ptr<PamConnectorPam>& pam) {
   KIV_ASSERT_AS(pam, "pam");
-  Kiv::Ptr<PamConnectorPam>& entry = pam_[pam->name()];
-  if (entry == pam) return;
-  if (const auto former = std::exchange(entry, pam)) former->cut();
+  KIV_ASSERT_AS(!pam->pamConnector() || pam->pamConnector() == this, "pam->pamConnector() == this");
+  const Kiv::Ptr<PamConnectorPam> former = std::exchange(pam_[pam->name()], pam);
+  if (former && former != pam) former->cut();
+  pam->pamConnector_ = this;
+  scheduleWhatIsQueued();
 }
 
 void PamConnector::pamDel(const Kiv::String& name) {
@@ -157,10 +159,11 @@ void PamConnector::pamDel(const Kiv::String& name) {
   if (!removed) return;
   pam_.erase(removed->name());
   removed->cut();
+  scheduleWhatIsQueued();  // the end may be in the middle of a send, and can see to its tick no more
 }
 
 void PamConnector::pamDelAll() {
-  while (!pam_.empty()) pamDel(pam_.begin()->first);
+  while (!pam_.empty()) pam_.extract(pam_.begin()).mapped()->cut();
 }
 
 void PamConnector::handleInitializedBase() {
@@ -183,6 +186,13 @@ void PamConnector::doScheduleEvent() {
   clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), kTick));
 }
 
+void PamConnector::scheduleWhatIsQueued() {
+  if (!initialized()) return;
+  for (const auto& each : pam_) {
+    if (each.second->inputQueueLength() > 0) doScheduleEvent();
+  }
+}
+
 void PamConnector::handleClock() {
   if (!initialized()) return;
   const Kiv::Ptr<PamConnector> alive(this);
@@ -191,9 +201,7 @@ void PamConnector::handleClock() {
     deliver("pam1");
   } catch (...) {
     // A client's reactor threw. What was not told of yet is told of at another tick.
-    for (const auto& each : pam_) {
-      if (each.second->inputQueueLength() > 0) doScheduleEvent();
-    }
+    scheduleWhatIsQueued();
     throw;
   }
 }

@@ -100,14 +100,15 @@ class KIV_API PamConnector : public Kiv::PtrInterface {
 
   const Kiv::Ptr<Kiv::Clock>& clock() const noexcept { return clock_; }
   bool initialized() const noexcept { return initialized_; }
-  /// Whether a VLAN tag in a packet's bytes becomes its separate tag when the packet is received. A packet
-  /// that someone else holds too is copied first.
+  /// Whether a VLAN tag in a packet's bytes becomes its separate tag when the packet is received. That is
+  /// done to the packet itself, also where the sender still holds it, but to a copy where its buffer is that
+  /// of other packets, too.
   bool separateVlanTagHdr() const noexcept { return separateVlanTagHdr_; }
   void separateVlanTagHdrIs(bool separate) noexcept { separateVlanTagHdr_ = separate; }
 
   /// The ends by name; null for a name that there is not.
   Kiv::Ptr<PamConnectorPam> pam(const Kiv::String& name) const;
-  /// Enters an end under its name; one that had the name is removed.
+  /// Enters an end under its name, one of no other connector; one that had the name is removed.
   void pamIs(const Kiv::Ptr<PamConnectorPam>& pam);
   /// Removes an end: it belongs to no connector then, and its other end has none.
   void pamDel(const Kiv::String& name);
@@ -126,6 +127,7 @@ class KIV_API PamConnector : public Kiv::PtrInterface {
 
   explicit PamConnector(const Kiv::Ptr<Kiv::Clock>& clock);
   void deliver(const char* name);
+  void scheduleWhatIsQueued();
 
   const Kiv::Ptr<Kiv::Clock> clock_;
   std::map<Kiv::String, Kiv::Ptr<PamConnectorPam>> pam_;

@@ -57,10 +57,12 @@ ReqResponsePamFdSm::~ReqResponsePamFdSm() = default;
 
 void ReqResponsePamFdSm::handleWritable() {
   KIV_TRACE(reqResponseTrace, 0) << "ReqResponsePamFdSm::handleWritable";
-  const Kiv::Ptr<ReqResponsePamFdSm> alive(this);  // also when a reactor to the switch drops it
+  // Reactors to the switch may close or drop the Pam, and this with it.
+  const Kiv::Ptr<ReqResponsePamFdSm> alive(this);
+  const Kiv::Ptr<Pam> pamAlive(pam()->references() > 0 ? pam() : nullptr);
   const Kiv::Ptr<Kiv::FileDescriptor> fd = static_cast<ReqResponseRawTxPam*>(pam())->fileDesc();
   if (fd) fd->notifyOnWritableIs(false);
-  PamFdSm::handleWritable();
+  if (hasFileDesc()) PamFdSm::handleWritable();
 }
 
 Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {

@@ -27,6 +27,7 @@ class KIV_API PamFdSm : public Kiv::PtrInterface {
  protected:
   PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
+  bool hasFileDesc() const noexcept { return fileDesc_ != nullptr; }
   virtual void handleReadable();
   virtual void handleWritable();
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <type_traits>
 #include <vector>
@@ -305,7 +306,7 @@ void RawIpPam::enabledIsImpl(bool on) {
   enabledIsWith(on, [&] {
     spare_ = nullptr;
     batch_ = nullptr;
-    reopen(on, open, [this] { IpPam::enabledIsImpl(false); });
+    reopen(on, open, [this] { notEnabled(); });
   });
 }
 
@@ -341,6 +342,8 @@ void RawIpPam::optionsIsImpl(U32 bits) {
 void RawIpPam::applyOptions(U32 changed, U32 bits) {
   const auto differs = [changed](IpSocketOptions::Option option) { return (changed & option) != 0; };
   const auto on = [bits](IpSocketOptions::Option option) { return (bits & option) != 0; };
+  // What can be refused without asking the kernel is, before anything has changed.
+  if (differs(IpSocketOptions::ipAttachFilter) && on(IpSocketOptions::ipAttachFilter)) checkRxFilter();
   for (const SwitchedOption& each : kSwitched) {
     const SwitchedOption::Name& name = each.*family_.switched;
     if (differs(each.bit)) {
@@ -350,8 +353,8 @@ void RawIpPam::applyOptions(U32 changed, U32 bits) {
   if (differs(IpSocketOptions::ipAttachFilter)) {
     if (on(IpSocketOptions::ipAttachFilter)) {
       doAttachBpfFilter();
-    } else {
-      doDetachBpfFilter();
+    } else if (detail::detachFilter(fd()) < 0 && errno != ENOENT) {  // the client may have detached it
+      closeAndThrow(errno, "setsockopt(SO_DETACH_FILTER)");
     }
   }
   if (differs(IpSocketOptions::ipRcvBuf) && on(IpSocketOptions::ipRcvBuf)) {
@@ -359,8 +362,9 @@ void RawIpPam::applyOptions(U32 changed, U32 bits) {
     setOption(SOL_SOCKET, SO_RCVBUFFORCE, size, "setsockopt(SO_RCVBUFFORCE)");
   }
   if (differs(IpSocketOptions::ipPriority)) {
-    const int value = on(IpSocketOptions::ipPriority) ? static_cast<int>(priority()) : 0;
-    setOption(SOL_SOCKET, SO_PRIORITY, value, "setsockopt(SO_PRIORITY)");
+    const U32 wanted = on(IpSocketOptions::ipPriority) ? priority() : 0;
+    const int value = static_cast<int>(wanted);
+    if (wanted <= maxPriority) setOption(SOL_SOCKET, SO_PRIORITY, value, "setsockopt(SO_PRIORITY)");
   }
   if (differs(IpSocketOptions::ipv6Checksum) && family_.af == AddressFamily::ipv6 &&
       protocol() != ipProtoIcmpv6) {
@@ -388,6 +392,7 @@ void RawIpPam::handlePriority() {
 }
 
 void RawIpPam::applyPriority() {
+  if (priority() > maxPriority) return;  // was refused, and is but stored
   if (priority() != 0 || options().has(IpSocketOptions::ipPriority)) handlePriority();
 }
 
@@ -489,25 +494,22 @@ void RawIpPam::receiveOne() {
   msghdr message;
   detail::RxSide side;
   Pkt::Ptr pkt = detail::receivePkt(spare_, fd(), std::min(maxRxPktData(), kMaxPacket), message, side);
-  if (!pkt && errno == 0) {
-    KIV_TRACE(family_.trace, 0) << "Failed to obtain new packet object";
-    return;
-  }
-  if (!pkt) return receiveFailed("recvmsg", errno);
+  if (!pkt) return errno == 0 ? noPkt() : receiveFailed("recvmsg", errno);
   publish(family_.metadataOf(message, side, *pkt));
   rxPktCountInc(1);
   rxPktHolderIs(std::move(pkt));
 }
 
 void RawIpPam::receiveBatch() {
-  if (!batch_) batch_ = std::make_unique<detail::RxBatch>();
+  if (!batch_) batch_.reset(new (std::nothrow) detail::RxBatch);
   const U16 limit = std::clamp<U16>(socketReadLimit(), 1, maxSocketReadLimit);
-  const S32 received = batch_->receive(*this, fd(), limit, std::min(maxRxPktData(), kMaxPacket));
+  const U32 room = std::min(maxRxPktData(), kMaxPacket);
+  const S32 received = batch_ ? batch_->receive(*this, fd(), limit, room) : 0;
   if (received < 0) {
     receiveFailed("recvmmsg", errno);
     return;
   }
-  if (received == 0) return;
+  if (received == 0) return noPkt();
   const auto last = static_cast<U16>(received - 1);
   Pkt::Ptr pkt = savedPacket(last);
   publish(rxMetadata(last));
@@ -519,6 +521,10 @@ IpRxMetadata RawIpPam::rxMetadata(U16 index) const {
   const Pkt::Ptr pkt = savedPacket(index);
   if (!batch_ || index >= batch_->received() || !pkt) return {};
   return family_.metadataOf(batch_->message(index), batch_->side(index), *pkt);
+}
+
+void RawIpPam::noPkt() {
+  KIV_TRACE(family_.trace, 0) << "Failed to obtain new packet object";
 }
 
 void RawIpPam::receiveFailed(const char* call, int error) {

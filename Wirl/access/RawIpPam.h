@@ -103,6 +103,7 @@ class KIV_API RawIpPam : public IpPam {
   bool interfaceIs(U32& ifIndex);
   void receiveOne();
   void receiveBatch();
+  void noPkt();
   void receiveFailed(const char* call, int error);
   void drainErrorQueue();
   void publish(const IpRxMetadata& metadata);

@@ -49,29 +49,44 @@ SocketPam::Closed SocketPam::closeSocket() noexcept {
   fdSm.store(nullptr);
   fileDesc.store(nullptr);
   if (sm) sm->fileDescDel();  // whoever else holds it: it counts for this Pam no more
-  if (closing) {
-    const int socket = closing->descriptor();
-    closing->descriptorIs(-1);
-    if (socket >= 0) close_(socket);
-  }
-  return {closing != nullptr, sm != nullptr};
+  return {closing != nullptr, sm != nullptr, closeDescriptor(closing)};
 }
 
-void SocketPam::tell(Closed closed) {
-  if (closed.fdSm) fdSm.notifiees().notify();
-  if (closed.fileDesc) fileDesc.notifiees().notify();
+std::exception_ptr SocketPam::closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing) noexcept {
+  if (!closing) return nullptr;
+  const int socket = closing->descriptor();
+  std::exception_ptr thrown;
+  try {
+    closing->descriptorIs(-1);
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  if (socket >= 0) close_(socket);
+  return thrown;
+}
+
+void SocketPam::tell(const Closed& closed) {
+  const auto tellFdSm = [&] {
+    if (closed.fdSm) fdSm.notifiees().notify();
+  };
+  detail::doBoth(tellFdSm, [&] {
+    if (closed.fileDesc) fileDesc.notifiees().notify();
+  });
+  if (closed.thrown) std::rethrow_exception(closed.thrown);
 }
 
 void SocketPam::setOption(int level, int option, const void* value, socklen_t length, const char* text) {
   if (setsockopt(fd(), level, option, value, length) < 0) closeAndThrow(errno, text);
 }
 
-void SocketPam::closeAndThrow(int error, const char* text) {
+void SocketPam::closeAndThrow(int error, const char* text, int other) {
+  // Reactors to the descriptor may let go of the Pam. What they throw gives way to the failure.
+  const Kiv::Ptr<SocketPam> alive(references() > 0 ? this : nullptr);
   collectDrops();
   drops_.reset();
-  const int socket = fd();
-  fileDesc()->descriptorIs(-1);
-  close_(socket);
+  if (other == fd()) other = -1;
+  closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()));
+  if (other >= 0) close_(other);
   KIV_TRACE(trace, 0) << name() << ": " << text << " failed, errno: " << error;
   throw Kiv::ErrnoException(error, text);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <concepts>
+#include <exception>
 
 #include "Kiv/FileDescriptor.h"
 #include "Wirl/access/Pam.h"
@@ -10,6 +11,25 @@
 #include "Wirl/value/NamespaceName.h"
 
 namespace Wirl {
+
+namespace detail {
+
+/// Does both, the second also where the first throws; what was thrown first leaves.
+template <std::invocable First, std::invocable Second>
+void doBoth(First first, Second second) {
+  try {
+    first();
+  } catch (...) {
+    try {
+      second();
+    } catch (...) {
+    }
+    throw;
+  }
+  second();
+}
+
+}  // namespace detail
 
 /// What the Pams that own a socket share: its descriptor object and state machine, how it is opened and
 /// closed, and the kernel's count of what it had no room for.
@@ -36,7 +56,7 @@ class KIV_API SocketPam : public Pam {
   S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
 
   /// Closes the socket, if there is one, and if `on` says so has `open` open another. Where that throws there
-  /// is none, and `failed` is to put on record that the Pam is not open.
+  /// is none, and `failed` is to put on record, and tell, that the Pam is not open.
   template <std::invocable Open, std::invocable Failed>
   void reopen(bool on, Open open, Failed failed) {
     const U32 turn = ++turn_;
@@ -46,8 +66,7 @@ class KIV_API SocketPam : public Pam {
     } catch (...) {
       if (turn == turn_) {
         const Closed closed = closeSocket();
-        failed();
-        tell(closed);
+        detail::doBoth(failed, [&] { tell(closed); });
       }
       throw;
     }
@@ -72,21 +91,24 @@ class KIV_API SocketPam : public Pam {
   void setOption(int level, int option, int value, const char* text) {
     setOption(level, option, &value, sizeof(value), text);
   }
-  /// The descriptor object stays, and reads -1.
-  [[noreturn]] void closeAndThrow(int error, const char* text);
+  /// The descriptor object, if there is one, stays, and reads -1. Closes `other`, too, if it is another one.
+  [[noreturn]] void closeAndThrow(int error, const char* text, int other = -1);
 
   void fileDescIs(const Kiv::Ptr<Kiv::FileDescriptor>& made) { fileDesc.set(made); }
 
   /// What there was to close, and so is to be told of.
   struct Closed {
     bool fileDesc, fdSm;
+    std::exception_ptr thrown;  // by a reactor to the descriptor object
   };
-  /// Closes without a word to the reactors. The destructor of a class that opens does so.
+  /// Closes without a word to the reactors of the Pam. The destructor of a class that opens does so.
   Closed closeSocket() noexcept;
 
  private:
   Kiv::Ptr<Kiv::FileDescriptor> newSocket(int domain, int protocol, const NamespaceName& ns);
-  void tell(Closed closed);
+  void tell(const Closed& closed);
+  /// Closes the socket of the descriptor object, which reads -1 then; returns what its reactors throw.
+  std::exception_ptr closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing) noexcept;
   void collectDrops() const;
 
   int (*const close_)(int);

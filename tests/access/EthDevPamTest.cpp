@@ -276,6 +276,13 @@ TEST_F(EthDevPamTest, ABatchHasItsTagsAndMetadataSlotBySlot) {
   EXPECT_EQ(slots(""), "1:d....");
   EXPECT_EQ(slots("Tefg"), "4:T9efg.");  // a tag in one batch is no tag in the next
   EXPECT_EQ(red->rxPktCount(), 9u);
+  // Nor in slots that a smaller limit left out meanwhile, with packets that need no more room.
+  red->maxRxPktDataIs(40);
+  EXPECT_EQ(slots("TTTT"), "4:T9T9T9T9.");
+  red->socketReadLimitIs(2);
+  EXPECT_EQ(slots("TT"), "2:T9T9...");
+  red->socketReadLimitIs(4);
+  EXPECT_EQ(slots("abcd"), "4:abcd.");
 }
 
 TEST_F(EthDevPamTest, EveryFailedStepOfOpeningThrowsItsText) {
@@ -295,10 +302,17 @@ TEST_F(EthDevPamTest, EveryFailedStepOfOpeningThrowsItsText) {
   pam->rxBufIs(100000);
   pam->promiscuousIs(true);
   pam->allMulticastIs(true);
+  int told = 0;
+  const Kiv::Reactor onIndex(pam->ifIndex, [&] { ++told; });
+  const Kiv::Reactor onAddress(pam->ethAddr, [&] { ++told; });
   for (const auto& row : rows) {
     const Fault fault(row.call, row.nth, ENOMEM);
     EXPECT_EQ(failureOf([&] { pam->enabledIs(true); }), row.text);
+    EXPECT_EQ(pam->ifIndex(), 0u);
   }
+  EXPECT_EQ(told, 0);
+  pam->enabledIs(true);
+  EXPECT_EQ(told, 2);
   for (const char* device : {"nosuchdevice", "", "a name longer than any device's"}) {
     const auto other = ethDevPamFactory("pam", device, Wire::nameOf(wire->red));
     EXPECT_EQ(failureOf([&] { other->enabledIs(true); }), "ioctl(SIOCGIFINDEX) 19") << device;
@@ -356,6 +370,26 @@ TEST_F(EthDevPamTest, RawTxPamsSendByInterfaceIndexAndTellOnceWhenThereIsRoom) {
   const U64 sent = raw->txPktCount();
   raw->txPktIs(pktOf(frameOf("room")));
   EXPECT_EQ(raw->txPktCount(), sent + 1);
+}
+
+TEST_F(EthDevPamTest, ReactorsToTheSwitchOfAnArmingMayCloseOrDropThePam) {
+  for (const bool drop : {false, true}) {
+    auto raw = reqResponseRawTxPamFactory("raw", Wire::nameOf(wire->blue));
+    raw->enabledIs(true);
+    raw->requestWritable();
+    int counted = 0;
+    const Kiv::Reactor count(raw->writableCount, [&] { ++counted; });
+    const Kiv::Reactor onSwitch(raw->fileDesc()->notifyOnWritable, [&] {
+      if (drop) {
+        raw = nullptr;
+      } else if (raw->enabled()) {
+        raw->enabledIs(false);
+      }
+    });
+    Kiv::activityLoop().runFor(0.01);
+    EXPECT_EQ(raw == nullptr, drop);
+    EXPECT_EQ(counted, drop ? 1 : 0);
+  }
 }
 
 TEST_F(EthDevPamTest, TheDeviceMayVanishAndComeBack) {

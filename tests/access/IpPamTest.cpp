@@ -111,15 +111,23 @@ TEST(IpPam, BatchReceiveHasAPacketForEachSlotWhileItIsOn) {
   pam->enableBulkReadIs(true);
   EXPECT_EQ(pam->savedPacket(0), first);
   pam->socketReadLimitIs(2);
+  pam->savedPacketIs(7, first);  // as a batch of a larger limit does
   pam->enableBulkReadIs(false);
-  for (U16 i = 0; i < 4; ++i) EXPECT_EQ(pam->savedPacket(i), nullptr);
+  for (U16 i = 0; i < 8; ++i) EXPECT_EQ(pam->savedPacket(i), nullptr);
   EXPECT_EQ(changes, 2u);
 }
 
-TEST(IpPamDeathTest, ReceivingNeedsADerivedClass) {
+TEST(IpPamDeathTest, ProgrammingErrorsEndTheProcess) {
   const auto pam = ipPamFactory("ip", ipProtoIcmp, NamespaceName());
   EXPECT_DEATH(pam->rxPkt(), "IpPam doesn't use this interface\\.");
   EXPECT_DEATH(pam->rxPktBulk(), "Need to implement doGetBulkRxPkt in a derived class");
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const auto fd = pam->fileDescIs("fd");
+  fd->descriptorIs(ends[0]);
+  EXPECT_DEATH(pam->fileDescIs("another"), "fd\\(\\) < 0");
+  fd->descriptorIs(-1);
+  for (const int end : ends) close(end);
 }
 
 struct Datagrams {
@@ -201,6 +209,13 @@ TEST(IpPam, AProgramThatTheKernelRefusesCostsTheSocket) {
     EXPECT_EQ(attach(), "setsockopt(SO_ATTACH_FILTER) " + std::to_string(error));
     EXPECT_EQ(fd->descriptor(), -1);
   }
+  // Also where it was meant for another one.
+  pam->rxFilterIs(0, IpFilter(0xffff, 0, 0, 0));
+  fd->descriptorIs(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const int other = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(thrownBy([&] { pam->doAttachBpfFilter(other); }),
+            "setsockopt(SO_ATTACH_FILTER) " + std::to_string(EINVAL));
+  EXPECT_EQ(fd->descriptor(), -1);
   EXPECT_EQ(pam->fileDescDel(), fd);
   EXPECT_EQ(settledDescriptors(), before);
   EXPECT_EQ(thrownBy([&] { pam->doAttachBpfFilter(); }),

@@ -13,7 +13,9 @@
 
 #include "Kiv/Kiv.h"
 #include "Wirl/access/Ip6SocketPam.h"
+#include "tests/access/PamConformance.h"
 #include "tests/access/Wire.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/Program.h"
 #include "tests/support/TraceCapture.h"
@@ -203,9 +205,56 @@ TEST_P(RawIpPamTest, TheOtherOptionsTakeTheirValuesFromTheAttributes) {
   pam->txTOSIs(16);
   EXPECT_EQ(priority(), 0);  // 0 is kept, too, where it is asked for
   EXPECT_THROW(pam->priorityIs(16), Kiv::RangeException);
+  pam->txTOSIs(17);
+  EXPECT_NE(priority(), 16);  // which stays stored
+  pam->enabledIs(false);
+  pam->enabledIs(true);
+  EXPECT_NE(priority(), 16);
   pam->priorityIs(3);
   pam->optionsIs(0);
   EXPECT_EQ(priority(), 0);
+}
+
+TEST_P(RawIpPamTest, AFilterOptionThatIsRefusedChangesNothingAndOneThatIsGoneCanBeSwitchedOff) {
+  const PamPtr pam = receiver();
+  const int pktInfo = v6 ? IPV6_RECVPKTINFO : IP_PKTINFO;
+  EXPECT_EQ(failureOf([&] { pam->optionsIs(Options::ipPktInfo | Options::ipAttachFilter); }),
+            "SO_ATTACH_FILTER option must be supplied with a valid filter 22");
+  EXPECT_EQ(optionOf(pam, level(), pktInfo), 0);
+  pam->rxFilterIs(0, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffff));
+  pam->optionsIs(Options::ipAttachFilter);
+  pam->doDetachBpfFilter();
+  EXPECT_EQ(failureOf([&] { pam->optionsIs(Options::ipPktInfo); }), "");
+  EXPECT_EQ(optionOf(pam, level(), pktInfo), 1);
+  pam->optionsIs(Options::ipAttachFilter);
+  const Fault fault(Call::setsockopt, 1, EPERM);
+  EXPECT_EQ(failureOf([&] { pam->optionsIs(0); }), "setsockopt(SO_DETACH_FILTER) 1");
+  EXPECT_EQ(pam->fileDesc()->descriptor(), -1);
+}
+
+TEST_P(RawIpPamTest, ReactorsToTheClosingMayDropThePamOrThrow) {
+  const std::size_t before = settledDescriptors();
+  PamPtr pam = receiver();
+  pam->rxFilterIs(0, IpFilter(0xffff, 0, 0, 0));
+  {
+    const Kiv::Reactor drop(pam->fileDesc()->descriptor, [&] { pam = nullptr; });
+    RawIpPam& dropped = *pam;
+    EXPECT_EQ(failureOf([&] { dropped.optionsIs(Options::ipAttachFilter); }),
+              "setsockopt(SO_ATTACH_FILTER) 22");
+    EXPECT_EQ(pam, nullptr);
+  }
+  const auto fail = [] { throw std::runtime_error("client"); };
+  for (const bool descriptor : {false, true}) {
+    pam = receiver();
+    std::string told;
+    const Kiv::Reactor onFileDesc(pam->fileDesc, [&] { told += "f"; });
+    const Kiv::Reactor onEnabled(pam->enabled, [&] { told += pam->enabled() ? "E" : "e"; });
+    const Kiv::Reactor failing =
+        descriptor ? Kiv::Reactor(pam->fileDesc()->descriptor, fail) : Kiv::Reactor(pam->fdSm, fail);
+    EXPECT_THROW(pam->enabledIs(false), std::runtime_error);
+    EXPECT_EQ(told, "fe");
+    EXPECT_EQ(settledDescriptors(), before);
+  }
 }
 
 TEST_P(RawIpPamTest, EveryFailedStepOfOpeningThrowsItsText) {
@@ -409,7 +458,23 @@ TEST_P(RawIpPamTest, ABatchFillsTheSlotsAndLeavesAloneWhatClientsHold) {
   send({"j", "k", "l"});
   EXPECT_NE(red->rxPkt(), nullptr);
   EXPECT_EQ(slots(), "jkl...");
+  // Nor does what was told in slots that a smaller limit left out meanwhile.
+  red->maxRxPktDataIs(static_cast<U32>(headerBytes()) + 1);
+  red->optionsIs(0);
+  send({"a", "b", "c", "d"});
+  EXPECT_NE(red->rxPkt(), nullptr);
+  red->socketReadLimitIs(2);
+  send({"e", "f"});
+  EXPECT_NE(red->rxPkt(), nullptr);
+  red->socketReadLimitIs(4);
+  red->optionsIs(Options::ipPktInfo);
+  send({"g", "h", "i", "j"});
+  EXPECT_NE(red->rxPkt(), nullptr);
+  EXPECT_EQ(slots(), "ghij..");
+  for (U16 i = 0; i < 4; ++i) EXPECT_EQ(red->rxMetadata(i).ifIndex, wire->indexRed) << i;
+  red->maxRxPktDataIs(4000);
   red->enableBulkReadIs(false);
+  EXPECT_EQ(slots(), "......");
   send({"single"});
   EXPECT_EQ(receive(red), "single");
 }
@@ -515,11 +580,23 @@ TEST_P(RawIpPamTest, TracesWhyNothingWasReceived) {
     const Fault fault(Call::recvmsg, 1, error);
     EXPECT_EQ(pam->rxPkt(), nullptr);
   }
+  pam->maxRxPktDataIs(60000);
+  for (const bool batches : {false, true}) {
+    pam->enableBulkReadIs(batches);
+    const U32 errors = pam->rxErrors();
+    for (const std::size_t refused : {4000u, 60000u}) {  // what the batch needs, what the packets need
+      const AllocationRefusal none(refused);
+      EXPECT_EQ(AllocationRefusal::works ? pam->rxPkt() : nullptr, nullptr);
+    }
+    EXPECT_EQ(pam->rxErrors(), errors);
+  }
   pam->enabledIs(false);
   EXPECT_EQ(pam->rxPkt(), nullptr);
-  EXPECT_THAT(traces.lines(),
-              testing::ElementsAre(handle + "/0:recvmsg failed with 12",
-                                   handle + "/3:" + handle + " not enabled. Aborting action"));
+  const std::string noPkt = handle + "/0:Failed to obtain new packet object";
+  std::vector<std::string> lines = traces.lines();
+  EXPECT_EQ(std::erase(lines, noPkt), AllocationRefusal::works ? 4u : 0u);
+  EXPECT_THAT(lines, testing::ElementsAre(handle + "/0:recvmsg failed with 12",
+                                          handle + "/3:" + handle + " not enabled. Aborting action"));
 }
 
 class RawIpPeersTest : public RawIpPamTest {};

@@ -130,6 +130,11 @@ TEST_F(PamConnectorTest, ObserversSeeEveryPacketQueuedAtTheMomentOfSending) {
   for (const char* text : {"a", "b", "dropped"}) pam0->txPktIs(pktOf(text));
   EXPECT_THAT(seen, ElementsAre("a", "b"));
   EXPECT_EQ(pam0->peekPkt(), nullptr);
+  Pkt::PtrConst counted;
+  const Kiv::Reactor other(pam1->peekPktCount, [&] { counted = pam1->peekPkt(); });
+  const Pkt::Ptr sent = pktOf("c");
+  pam1->txPktIs(sent);
+  EXPECT_EQ(counted, sent);
 }
 
 TEST_F(PamConnectorTest, TagsAreTakenOutOfTheBytesWhereThatIsAskedFor) {
@@ -138,18 +143,20 @@ TEST_F(PamConnectorTest, TagsAreTakenOutOfTheBytesWhereThatIsAskedFor) {
   pam0->txPktIs(pktOf(frame));
   EXPECT_EQ(pulled(pam1), frame);
   cable->separateVlanTagHdrIs(true);
+  const Pkt::Ptr itself = pktOf(frame);
   const Pkt::Ptr held = pktOf(frame);
-  pam0->txPktIs(held);
+  pam0->txPktIs(itself);
   pam0->txPktIs(globalPktManager()->newShallowCopy(held));
   pam0->txPktIs(pktOf(frame));
   for (int i = 0; i < 3; ++i) {
     const Pkt::Ptr pkt = pam1->rxPkt();
+    EXPECT_EQ(pkt == itself, i == 0);  // although the sender has it, too
     EXPECT_EQ(std::string(pkt->stringValue()), bare);
     EXPECT_TRUE(pkt->tciPresent());
     EXPECT_EQ(pkt->vlanTpid(), 0x8100);
     EXPECT_EQ(pkt->tciField(), 0x2007);
   }
-  EXPECT_EQ(std::string(held->stringValue()), frame);  // the sender's own is not touched
+  EXPECT_EQ(std::string(held->stringValue()), frame);  // whose bytes were those of the second one
   const Pkt::Ptr untagged = pktOf(bare);
   pam0->txPktIs(untagged);
   EXPECT_EQ(pam1->rxPkt(), untagged);
@@ -189,6 +196,20 @@ TEST_F(PamConnectorTest, ReactorsMaySendRemoveAndDropAnything) {
     EXPECT_EQ(pam0->txErrors(), 1u);
     EXPECT_EQ(pam1->inputQueueLength(), 0u);
   }
+  {
+    cable = PamConnectorIs(clock);
+    cable->handleInitializedBase();
+    const auto left = cable->pam("pam1");
+    const auto removed = cable->pam("pam0");
+    const Kiv::Reactor remove(removed->writableCount, [&] { cable->pamDel("pam0"); });
+    removed->txPktIs(pktOf("told of all the same"));
+    tick();
+    EXPECT_EQ(left->readableCount(), 1u);
+    left->pamConnector()->pamDel("pam1");
+    cable->pamIs(left);  // belongs to it again, and is told of what it still has
+    tick();
+    EXPECT_EQ(left->readableCount(), 2u);
+  }
   cable = PamConnectorIs(clock);
   cable->handleInitializedBase();
   for (int i = 0; i < 3; ++i) cable->pam("pam0")->txPktIs(pktOf("x"));
@@ -199,7 +220,7 @@ TEST_F(PamConnectorTest, ReactorsMaySendRemoveAndDropAnything) {
   });
   tick();
   EXPECT_EQ(ran, 3u);  // a tick that has begun is finished
-  EXPECT_EQ(clock->expiredCount(), 3u);
+  EXPECT_EQ(clock->expiredCount(), 5u);
 }
 
 TEST_F(PamConnectorTest, WhatAReactorThrowsCostsNoPacket) {
@@ -244,6 +265,7 @@ using PamConnectorDeathTest = PamConnectorTest;
 
 TEST_F(PamConnectorDeathTest, ProgrammingErrorsEndTheProcess) {
   EXPECT_DEATH(pam0->txPktIs(nullptr), "pkt != __null");
+  EXPECT_DEATH(PamConnectorIs(clock)->pamIs(pam0), "pam->pamConnector\\(\\) == this");
   cable->pamDel("pam1");
   EXPECT_DEATH(pam0->txPktIs(pktOf("x")), "otherEnd\\(\\)");
   EXPECT_DEATH(PamConnectorIs(clock)->doScheduleEvent(), "initialized\\(\\)");

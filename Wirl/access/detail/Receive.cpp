@@ -66,10 +66,10 @@ bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
     if (!fresh) return false;
     pam.savedPacketIs(index, fresh);
     pkt = fresh.get();
-  } else if (index < received_ || pkt->frontBytes() != room) {
+  } else if (index < stale_ || pkt->frontBytes() != room) {
     makeRoom(*pkt, room);
   } else if (piece.iov_base == pkt->front() && piece.iov_len == room) {
-    return true;  // the latest batch did not come to it
+    return true;  // no batch has come to it
   }
   piece = {pkt->front(), room};
   sides_[index].prepare(messages_[index].msg_hdr, piece);
@@ -78,22 +78,25 @@ bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
 
 S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
   pam.savedPacketRx_.clear();
-  if (messages_.size() < limit) {
-    messages_.resize(limit);
-    pieces_.assign(limit, iovec{});  // nothing is ready: all of it has moved
-    sides_.resize(limit);
-    pam.savedPacketRx_.reserve(limit);
-  }
-  U16 ready = 0;
-  while (ready < limit && prepare(pam, ready, room)) ++ready;
   received_ = 0;
-  if (ready == 0) {
-    errno = ENOMEM;
-    return -1;
+  U16 ready = 0;
+  try {
+    if (sides_.size() < limit) {
+      messages_.resize(limit);
+      pieces_.assign(limit, iovec{});  // nothing is ready: all of it has moved
+      pam.savedPacketRx_.reserve(limit);
+      sides_.resize(limit);
+    }
+    while (ready < limit && prepare(pam, ready, room)) ++ready;
+  } catch (const std::bad_alloc&) {
+    // What is ready is enough.
   }
+  if (ready >= stale_) stale_ = 0;
+  if (ready == 0) return 0;
   const int received = recvmmsg(fd, messages_.data(), ready, MSG_DONTWAIT, nullptr);
   if (received <= 0) return received;
   received_ = static_cast<U16>(received);
+  stale_ = std::max(stale_, received_);
   pam.savedPacketRx_.assign(received_, true);
   for (U16 index = 0; index < received_; ++index) {
     pam.savedPacket_[index]->delSharedTailData(room - messages_[index].msg_len);

@@ -61,7 +61,7 @@ KIV_API Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, 
 class KIV_API RxBatch {
  public:
   /// One non-blocking recvmmsg of at most `limit` packets of at most `room` octets. Returns its result, with
-  /// errno: the number of packets received. They stand, cut to their lengths, in the slots from 0 on, whose
+  /// errno: the number of packets received, and 0, without a call, where no packet could be had. They stand, cut to their lengths, in the slots from 0 on, whose
   /// `savedPacketRx` is true, as that of no other slot is.
   S32 receive(Pam& pam, int fd, U16 limit, U32 room);
   /// Packets in the latest batch.
@@ -77,6 +77,7 @@ class KIV_API RxBatch {
   std::vector<iovec> pieces_;
   std::vector<RxSide> sides_;
   U16 received_ = 0;
+  U16 stale_ = 0;  // end of the slots that were received into and not made ready again
 };
 
 }  // namespace Wirl::detail
