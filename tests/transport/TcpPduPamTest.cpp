@@ -244,7 +244,6 @@ TEST_P(TcpPduPamTest, SwitchingModesAroundEachPullTakesNoStack) {
 }
 
 TEST_P(TcpPduPamTest, WithoutMemoryNothingIsReadAheadAndNoPduIsMade) {
-  if (!AllocationRefusal::works) GTEST_SKIP() << "no allocation can be refused here";
   PamEnd other(GetParam());  // has the thread's buffer in use
   other.pam->readAheadIs(true);
   other.drainIs(false);
@@ -257,6 +256,7 @@ TEST_P(TcpPduPamTest, WithoutMemoryNothingIsReadAheadAndNoPduIsMade) {
   end.peerSends(pduOf(50) + pduOf(60));
   EXPECT_TRUE(end.receives(2));
   EXPECT_EQ(end.received[0] + end.received[1], pduOf(50) + pduOf(60));
+  if (!AllocationRefusal::works) return;  // a sanitizer's allocator knows no refusal
   end.pam->maxPduLengthIs(65521);
   end.peerSends(pduOf(50));
   EXPECT_TRUE(end.loop.runUntil([&] { return !end.pam->rxErrorReason().empty(); }));
