@@ -6,6 +6,8 @@
 #include <optional>
 #include <string_view>
 
+#include "Wirl/value/AddressFamily.h"
+
 // For programs that use the fmt library: every value type formats as its `stringValue()`, with fill, width
 // and precision as strings have them, as in fmt::format("{:>18}", prefix). Include it beside the types; no
 // other header does.
@@ -39,5 +41,14 @@ struct fmt::formatter<T> : fmt::formatter<fmt::string_view> {
       const auto& text = value.stringValue();
       return fmt::formatter<fmt::string_view>::format({text.data(), text.size()}, context);
     }
+  }
+};
+
+template <>
+struct fmt::formatter<Wirl::AddressFamily> : fmt::formatter<fmt::string_view> {
+  template <typename Context>
+  auto format(Wirl::AddressFamily af, Context& context) const {
+    const std::string_view text = Wirl::addressFamilyText(af);
+    return fmt::formatter<fmt::string_view>::format({text.data(), text.size()}, context);
   }
 };

@@ -28,7 +28,7 @@ Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, Ip6PrefixLen value) {
 Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, Ip6PrefixLen& value) {
   Kiv::U8 octet = 0;
   log >> octet;
-  value = Ip6PrefixLen(unsigned{octet});
+  value = Ip6PrefixLen(octet);
   return log;
 }
 

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <compare>
+#include <concepts>
 #include <functional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
@@ -25,9 +27,10 @@ class KIV_API Ip6PrefixLen : public detail::TextForms<Ip6PrefixLen> {
       "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed";
 
   constexpr Ip6PrefixLen() noexcept = default;
-  /// A value above `invalid` throws `Kiv::RangeException`.
-  constexpr Ip6PrefixLen(unsigned value) : value_(static_cast<Kiv::U8>(value)) {
-    if (value > invalid) [[unlikely]]
+  /// A value outside `min` to `invalid` throws `Kiv::RangeException`.
+  template <std::integral T>
+  constexpr Ip6PrefixLen(T value) : value_(static_cast<Kiv::U8>(value)) {
+    if (std::cmp_less(value, min) || std::cmp_greater(value, invalid)) [[unlikely]]
       detail::throwRange(kOutOfRange);
   }
   /// From its decimal number; throws `Kiv::RangeException`.

@@ -57,12 +57,16 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
 
   constexpr bool isZero() const noexcept { return hostOrder() == 0; }
   constexpr bool isAny() const noexcept { return isZero(); }
+  constexpr bool isUnspecified() const noexcept { return isZero(); }
   /// 0.0.0.0/8.
   constexpr bool isThisNetwork() const noexcept { return octets_[0] == 0; }
   /// 224.0.0.0/4.
   constexpr bool isMulticast() const noexcept { return octets_[0] >> 4 == 0xe; }
   /// 224.0.0.0/24, the groups that stay on their link.
   constexpr bool isReservedMulticast() const noexcept { return hostOrder() >> 8 == 0xe0'0000; }
+  constexpr bool isLinkLocalMulticast() const noexcept { return isReservedMulticast(); }
+  /// Every other group.
+  constexpr bool isRoutableMulticast() const noexcept { return isMulticast() && !isReservedMulticast(); }
   /// 224.0.0.13.
   constexpr bool isPimRouters() const noexcept { return hostOrder() == 0xe000'000d; }
   /// Neither multicast nor broadcast: 0.0.0.0 and 240.0.0.0/4 count as unicast.

@@ -7,6 +7,7 @@
 #include <compare>
 #include <functional>
 #include <string_view>
+#include <type_traits>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
@@ -68,6 +69,7 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
   }
 
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept { return Kiv::SeededHash(seed).add(value_).value(); }
   friend constexpr auto operator<=>(const IpDscp&, const IpDscp&) noexcept = default;
   friend Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpDscp dscp) { return log << dscp.value_; }
   /// A number above 63 throws `Kiv::RangeException`.
@@ -104,6 +106,8 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
 
   Kiv::U8 value_ = 0;
 };
+
+static_assert(std::is_trivially_copyable_v<IpDscp> && sizeof(IpDscp) == 1);
 
 }  // namespace Wirl
 

@@ -26,6 +26,18 @@ Kiv::ParseError IpGenAddr::parse(std::string_view& text, IpGenAddr& out) noexcep
   return kTrailingText;
 }
 
+std::optional<IpGenAddr> IpGenAddr::fromText(std::string_view text) noexcept {
+  switch (detail::familyOfText(text)) {
+    case AddressFamily::ipv4:
+      return IpAddr::fromText(text);
+    case AddressFamily::ipv6:
+      return Ip6Addr::fromText(text);
+    case AddressFamily::ipunknown:
+      break;
+  }
+  return std::nullopt;
+}
+
 unsigned IpGenAddr::writeText(char* out) const noexcept {
   return isV4() ? v4Addr().writeText(out) : storage_.writeText(out);
 }

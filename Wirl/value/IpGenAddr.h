@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <functional>
+#include <optional>
 #include <string_view>
 #include <type_traits>
 
@@ -94,18 +95,17 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr> {
     return isV4() ? v4Addr().isLoopback() : storage_.isLoopback();
   }
   constexpr bool isLoopbackBase() const noexcept { return isV4() && v4Addr().isLoopbackBase(); }
-  constexpr bool isUnspecified() const noexcept { return storage_.isUnspecified(); }
+  constexpr bool isUnspecified() const noexcept {
+    return isV4() ? v4Addr().isUnspecified() : storage_.isUnspecified();
+  }
   constexpr bool isPimRouters() const noexcept {
     return isV4() ? v4Addr().isPimRouters() : storage_.isPimRouters();
   }
-  /// Of `ipv4`: multicast outside 224.0.0.0/24.
   constexpr bool isRoutableMulticast() const noexcept {
-    return isV4() ? v4Addr().isMulticast() && !v4Addr().isReservedMulticast()
-                  : storage_.isRoutableMulticast();
+    return isV4() ? v4Addr().isRoutableMulticast() : storage_.isRoutableMulticast();
   }
-  /// Of `ipv4`: 224.0.0.0/24.
   constexpr bool isLinkLocalMulticast() const noexcept {
-    return isV4() ? v4Addr().isReservedMulticast() : storage_.isLinkLocalMulticast();
+    return isV4() ? v4Addr().isLinkLocalMulticast() : storage_.isLinkLocalMulticast();
   }
   /// 0.0.0.0, and never ::.
   constexpr bool isAny() const noexcept { return isV4() && v4Addr().isAny(); }
@@ -117,6 +117,8 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr> {
 
   /// An IPv6 address when its first colon is before its first full stop, else an IPv4 address.
   static Kiv::ParseError parse(std::string_view& text, IpGenAddr& out) noexcept;
+  /// Finds no reason for a refusal, which takes as long as several addresses.
+  static std::optional<IpGenAddr> fromText(std::string_view text) noexcept;
   /// The text of the family; :: for `ipunknown`.
   unsigned writeText(char* out) const noexcept;
 

@@ -113,12 +113,23 @@ unsigned IpGenAddrWithFullMask::PrefixLen::writeText(char* out) const noexcept {
   return static_cast<unsigned>(end - out);
 }
 
+Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpGenAddrWithFullMask::PrefixLen value) {
+  return log << value.value();
+}
+
 Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithMask& value) {
   return log << value.ipGenAddr() << value.len();
 }
 
 Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithFullMask& value) {
   return log << value.address() << value.mask();
+}
+
+Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithFullMask::PrefixLen& value) {
+  Kiv::S32 len = 0;
+  log >> len;
+  value = IpGenAddrWithFullMask::PrefixLen(len);
+  return log;
 }
 
 Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithMask& value) {

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <compare>
+#include <concepts>
 #include <functional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
@@ -79,8 +81,9 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
 
     constexpr PrefixLen() noexcept = default;
     /// A value outside `invalid` to `max` throws `Kiv::RangeException`.
-    constexpr PrefixLen(Kiv::S32 value) : value_(value) {
-      if (value < invalid || value > max) [[unlikely]]
+    template <std::integral T>
+    constexpr PrefixLen(T value) : value_(static_cast<Kiv::S32>(value)) {
+      if (std::cmp_less(value, invalid) || std::cmp_greater(value, max)) [[unlikely]]
         detail::throwRange(kOutOfRange);
     }
     /// From its decimal number; throws `Kiv::RangeException`.
@@ -117,7 +120,10 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   constexpr IpGenAddrWithFullMask(IpAddr address, IpAddr mask) noexcept : address_(address), mask_(mask) {}
   constexpr IpGenAddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask) noexcept
       : address_(address), mask_(mask) {}
-  /// The mask of a length. One that the family does not have throws `Kiv::RangeException`.
+  /// The mask of a length. One that the family does not have throws `Kiv::RangeException`; so does `invalid`.
+  /// The unknown family has length 0 only.
+  constexpr IpGenAddrWithFullMask(const IpGenAddr& address, PrefixLen len)
+      : address_(address), mask_(maskOf(address.af(), static_cast<unsigned>(len.value()))) {}
   constexpr IpGenAddrWithFullMask(IpAddr address, unsigned len) : address_(address), mask_(v4Mask(len)) {}
   constexpr IpGenAddrWithFullMask(const Ip6Addr& address, unsigned len)
       : address_(address), mask_(v6Mask(len)) {}
@@ -132,7 +138,7 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
     // Of an IPv4 mask the octets behind the first four are zero: it has no more leading ones than 32.
     const unsigned ones = mask_.storage().longestCommonPrefix(~Ip6Addr());
     if (mask_.storage() != Ip6Addr::maskOfLength(ones)) return PrefixLen::invalid;
-    return static_cast<Kiv::S32>(ones);
+    return ones;
   }
   constexpr bool hasPrefixRepr() const { return prefixLen() != PrefixLen::invalid; }
 
@@ -162,22 +168,37 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
       detail::throwRange("Invalid IPv6 prefix");
     return Ip6Addr::maskOfLength(len);
   }
+  static constexpr IpGenAddr maskOf(AddressFamily af, unsigned len) {
+    if (af == AddressFamily::ipv4) return v4Mask(len);
+    if (af == AddressFamily::ipv6) return v6Mask(len);
+    if (len != 0) [[unlikely]]
+      detail::throwRange(kTrailingText);
+    return IpGenAddr();
+  }
 
   IpGenAddr address_;
   IpGenAddr mask_;
 };
 
+static_assert(std::is_trivially_copyable_v<IpGenAddrWithFullMask::PrefixLen> &&
+              sizeof(IpGenAddrWithFullMask::PrefixLen) == 4);
 static_assert(std::is_trivially_copyable_v<IpGenAddrWithMask> && sizeof(IpGenAddrWithMask) == 24);
 static_assert(std::is_trivially_copyable_v<IpGenAddrWithFullMask> && sizeof(IpGenAddrWithFullMask) == 40);
 
+KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpGenAddrWithFullMask::PrefixLen value);
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithMask& value);
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithFullMask& value);
 /// What no constructor accepts throws `Kiv::RangeException`.
+KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithFullMask::PrefixLen& value);
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithMask& value);
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithFullMask& value);
 
 }  // namespace Wirl
 
+template <>
+struct std::hash<Wirl::IpGenAddrWithFullMask::PrefixLen> {
+  std::size_t operator()(Wirl::IpGenAddrWithFullMask::PrefixLen value) const noexcept { return value.hash(); }
+};
 template <>
 struct std::hash<Wirl::IpGenAddrWithMask> {
   std::size_t operator()(const Wirl::IpGenAddrWithMask& value) const noexcept { return value.hash(); }

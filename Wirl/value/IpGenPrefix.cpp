@@ -36,7 +36,18 @@ Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value) {
   IpGenAddr address;
   Kiv::U32 len = 0;
   log >> address >> len;
-  value = IpGenPrefix(IpGenPrefix::Unchecked(), address, len);
+  // Only what a constructor makes: unchecked are no more than the values of the types of a family.
+  switch (address.af()) {
+    case AddressFamily::ipv4:
+      value = Prefix(address.v4Addr(), len);
+      break;
+    case AddressFamily::ipv6:
+      value = Ip6Prefix(address.v6Addr(), len);
+      break;
+    case AddressFamily::ipunknown:
+      value = IpGenPrefix(address, len);
+      break;
+  }
   return log;
 }
 

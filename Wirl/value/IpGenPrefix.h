@@ -112,12 +112,6 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::GenTextForms<
   friend constexpr auto operator<=>(const IpGenPrefix&, const IpGenPrefix&) noexcept = default;
 
  private:
-  friend Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value);
-
-  struct Unchecked {};
-  constexpr IpGenPrefix(Unchecked, const IpGenAddr& address, Kiv::U32 len) noexcept
-      : IpGenPrefixBase(address, len) {}
-
   static constexpr IpGenAddr addressOfWords(AddressFamily af, const std::array<Kiv::U32, 4>& words) {
     const auto half = [&](unsigned i) { return Kiv::U64{words[i]} << 32 | words[i + 1]; };
     const Ip6Addr storage(half(0), half(2));
@@ -133,7 +127,8 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::GenTextForms<
 static_assert(std::is_trivially_copyable_v<IpGenPrefix> && sizeof(IpGenPrefix) == 24);
 
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefix& value);
-/// A bad address throws `Kiv::RangeException`; length and host bits are taken as they are.
+/// What is no `Prefix` or `Ip6Prefix` of the family, or a bit behind the length of the unknown family, throws
+/// `Kiv::RangeException`.
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value);
 
 }  // namespace Wirl

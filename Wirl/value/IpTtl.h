@@ -5,6 +5,7 @@
 #include <compare>
 #include <functional>
 #include <string_view>
+#include <type_traits>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
@@ -42,6 +43,7 @@ class KIV_API IpTtl : public detail::TextForms<IpTtl> {
   }
 
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept { return Kiv::SeededHash(seed).add(value_).value(); }
   friend constexpr auto operator<=>(const IpTtl&, const IpTtl&) noexcept = default;
   friend Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpTtl ttl) { return log << ttl.value_; }
   friend Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpTtl& ttl) { return log >> ttl.value_; }
@@ -49,6 +51,8 @@ class KIV_API IpTtl : public detail::TextForms<IpTtl> {
  private:
   Kiv::U8 value_ = 0;
 };
+
+static_assert(std::is_trivially_copyable_v<IpTtl> && sizeof(IpTtl) == 1);
 
 }  // namespace Wirl
 

@@ -227,6 +227,7 @@ TEST(Ip6Addr, ViewsAreOfOneStorage) {
   table::expectRefused(before, "Ip6AddrU8Key::value < 0 or > 15 not allowed", {"16", "18446744073709551616"});
   table::expectRefused(before, "Invalid Ip6AddrU8Key", {"-1", "1 "});
   table::expectReads<Ip6AddrU8Key>({"0", "015 -> 15"});
+  table::expectOrdered<Ip6AddrU8Key>({0, 1, 15});
 }
 
 TEST(Ip6Addr, Predicates) {

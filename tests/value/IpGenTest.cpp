@@ -212,6 +212,23 @@ TEST(IpGenPrefix, OrderHashAndLog) {
     ascending.emplace_back(std::string_view(text));
   }
   table::expectOrdered(ascending);
+  // From the log comes what a constructor makes, as a prefix without length and IPv6 host bits, and no more.
+  const auto readBack = [](const IpGenAddr& address, Kiv::U32 len) {
+    Kiv::NboAttrLog log;
+    log << address << len;
+    IpGenPrefix read(ip6AddrMld, 128);
+    try {
+      log >> read;
+    } catch (const Kiv::RangeException&) {
+      EXPECT_EQ(read, IpGenPrefix(ip6AddrMld, 128));
+      return std::string("refused");
+    }
+    return std::string(read.stringValue());
+  };
+  EXPECT_EQ(readBack(IpAddr(1, 2, 3, 4), Prefix::kNoLen), "1.2.3.4/4294967295");
+  EXPECT_EQ(readBack(ip6AddrLoopback, 64), "::1/64");
+  for (const Kiv::U32 len : {31u, 33u, 77u}) EXPECT_EQ(readBack(IpAddr(10, 0, 0, 1), len), "refused");
+  EXPECT_EQ(readBack(IpGenAddr(), 129), "refused");
   EXPECT_EQ(ascending[2].hash(9), Kiv::SeededHash(9).add(1).add(Ip6Addr("a00::").hash()).add(8).value());
 }
 
@@ -262,12 +279,27 @@ TEST(IpGenAddrWithFullMask, TextsAndConstructors) {
   EXPECT_EQ(rangeMessage([] { (void)T(ip6AddrZero, 129); }), "Invalid IPv6 prefix");
   EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("1.2.3.4"), IpGenAddr("::")); }),
             "Invalid IPv4/IPv6 address");
+  for (const T& value : {T(), T(IpAddr(1, 2, 3, 4), 8), T(ip6AddrMld, 77)}) {
+    EXPECT_EQ(T(value.address(), value.prefixLen()), value);
+  }
+  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("1.2.3.4"), 33); }), "Invalid IPv4 prefix length");
+  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("::"), T::PrefixLen::invalid); }), "Invalid IPv6 prefix");
+  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr(), 1); }), "Invalid IPv4/IPv6 address");
   table::expectOrdered<T>(
       {T(), T(IpAddr(1, 2, 3, 4), 0), T(IpAddr(1, 2, 3, 4), 8), T(IpAddr(1, 2, 3, 5), 0), T(ip6AddrZero, 1)});
 
   constexpr auto kRange = "PrefixLen::value < PrefixLen::invalid or > PrefixLen::max not allowed";
   EXPECT_EQ(rangeMessage([] { (void)T::PrefixLen(-2); }), kRange);
   EXPECT_EQ(rangeMessage([] { (void)T::PrefixLen(129); }), kRange);
+  EXPECT_EQ(rangeMessage([] { (void)T::PrefixLen(0xffff'ffffu); }), kRange);
+  EXPECT_EQ(rangeMessage([] { (void)T::PrefixLen(Kiv::U64{1} << 32); }), kRange);
+  EXPECT_EQ(rangeMessage([] {
+              Kiv::NboAttrLog log(table::logged(Kiv::S32{-2}));
+              T::PrefixLen read;
+              log >> read;
+            }),
+            kRange);
+  table::expectOrdered<T::PrefixLen>({-1, 0, 1, 128});
   table::expectReads<T::PrefixLen>({"-1", "0", "128"});
   const T::PrefixLen len(5);
   table::expectRefused(len, kRange, {"129", "-2"});
