@@ -2,7 +2,9 @@
 #include "Wirl/value/EthAddr.h"
 
 #include <gtest/gtest.h>
+#include <netinet/ether.h>
 
+#include <algorithm>
 #include <optional>
 #include <random>
 
@@ -90,6 +92,51 @@ TEST(EthAddr, RefusesEveryOtherText) {
                                      {"1000000000000000000000000000000a:00:00:00:00:01", invalid},
                                      {"10000000000000001.2.3", invalid},
                                  });
+}
+
+std::optional<EthAddr> readByTheCLibrary(const std::string& text) {
+  ether_addr octets;
+  if (!ether_aton_r(text.c_str(), &octets)) return std::nullopt;
+  EthAddr address;
+  address.copyFromBuffer(octets.ether_addr_octet);
+  return address;
+}
+
+TEST(EthAddr, AgreesWithTheCLibrary) {
+  using namespace std::string_view_literals;
+  table::expectDiffers<EthAddr>(readByTheCLibrary, {{"1-2-3-4-5-6", "1:2:3:4:5:6", ""},
+                                                    {"102.304.506", "1:2:3:4:5:6", ""},
+                                                    {"001:2:3:4:5:6", "1:2:3:4:5:6", ""},
+                                                    {"1:2:3:4:5:0f6", "1:2:3:4:5:f6", "1:2:3:4:5:f"},
+                                                    {"1:2:3:4:5:1f6", "", "1:2:3:4:5:1f"},
+                                                    {"1:2:3:4:5:06:7", "", "1:2:3:4:5:6"},
+                                                    {"1:2:3:4:5:6 ", "", "1:2:3:4:5:6"},
+                                                    {"1:2:3:4:5:06x", "", "1:2:3:4:5:6"},
+                                                    {"1:2:3:4:5:6\0"sv, "", "1:2:3:4:5:6"}});
+  // Colons, and at most six groups of at most two digits: both read the same, or neither reads any.
+  std::mt19937 random(20261121);
+  const auto below = [&](unsigned bound) { return static_cast<unsigned>(random() % bound); };
+  unsigned read = 0;
+  for (int round = 0; round < 50'000; ++round) {
+    std::string text;
+    for (unsigned left = below(8) ? 6 : below(6); left > 0; --left) {
+      for (unsigned digits = below(40) ? 1 + below(2) : 0; digits > 0; --digits) {
+        text += below(100) ? "0123456789abcdefABCDEF"[below(22)] : "g/@G`:\x7f"[below(7)];
+      }
+      if (left > 1) text += ':';
+    }
+    if (std::count(text.begin(), text.end(), ':') > 5) continue;
+    const auto ours = EthAddr::fromText(text);
+    ASSERT_EQ(ours, readByTheCLibrary(text)) << text;
+    if (!ours) continue;
+    ++read;
+    ether_addr octets;
+    char printed[18];
+    ours->copyToBuffer(octets.ether_addr_octet);
+    ASSERT_EQ(EthAddr::fromText(ether_ntoa_r(&octets, printed)), ours);
+    ASSERT_EQ(readByTheCLibrary(std::string(ours->stringValue())), ours);
+  }
+  EXPECT_GT(read, 20'000u);
 }
 
 TEST(EthAddr, ClassifiesAddresses) {

@@ -14,6 +14,7 @@
 namespace {
 
 using namespace Wirl;
+using namespace std::string_view_literals;
 
 template <typename... Args>
 std::string rangeMessage(Args&&... args) {
@@ -36,9 +37,10 @@ TEST(IpGenAddr, Texts) {
   table::expectReads<IpGenAddr>({"10.0.0.1", "0.0.0.0"});
   table::expectReads<IpGenAddr>({"::", "::ffff:1.2.3.4", "FE80::1 -> fe80::1"}, true);
   const auto before = IpGenAddr(IpAddr(9, 9, 9, 9));
-  table::expectRefused(before, "Invalid IpGenAddr",
-                       {"", "abc", "12/1.2.3.4", "1.2.3.4.5", "1.2.3.4 ", "::1/64"});
-  table::expectRefused(before, "Invalid IpAddr", {"1.2.3", "1.2.3:4"});
+  table::expectRefused(
+      before, "Invalid IpGenAddr",
+      {"", "abc", "12/1.2.3.4", "1.2.3.4.5", "1.2.3.4 ", "::1/64", "1.2.3.4\0"sv, "::1\0"sv});
+  table::expectRefused(before, "Invalid IpAddr", {"1.2.3", "1.2.3:4", "1.2\0.3.4"sv});
   table::expectRefused(before, "Ip6Addr: incomplete ipv6 address", {"1:2"});
   table::expectRefused(before, "Ip6Addr: hex digit expected", {" ::1"});
   const IpGenAddr empty{std::string_view()};
@@ -143,19 +145,23 @@ TEST(IpGenAddr, OrderHashAndLog) {
 }
 
 TEST(IpGenPrefix, Texts) {
-  table::expectReads<IpGenPrefix>({"10.0.0.0/8", "0.0.0.0/0", "1.2.3.4/032 -> 1.2.3.4/32"});
+  table::expectReads<IpGenPrefix>({"10.0.0.0/8", "0.0.0.0/0", "1.2.3.4/032 -> 1.2.3.4/32",
+                                   "10.0.0.0/000000000000000000000000000008 -> 10.0.0.0/8"});
   table::expectReads<IpGenPrefix>(
       {"2001:DB8::/32 -> 2001:db8::/32", "::/0", "::ffff:1.2.3.4/128", "fe80::1/64"}, true);
   constexpr auto kNoLen = "premature end of Prefix type";
   const auto before = IpGenPrefix("9.0.0.0/8");
-  table::expectRefused(before, "Invalid prefix",
-                       {"", "/24", "10/8.0.0.0", "abc", "10.0.0.0/8 ", "2001:db8::/32/"});
+  table::expectRefused(
+      before, "Invalid prefix",
+      {"", "/24", "10/8.0.0.0", "abc", "10.0.0.0/8 ", "2001:db8::/32/", "10.0.0.0/8\0"sv, "::/8\0"sv});
   table::expectRefused(before, "Invalid IpAddr", {"10.0.0/8"});
   table::expectRefused(before, kNoLen, {"10.0.0.0", "10.0.0.0/", "10.0.0.0/x", "2001:db8::", "2001:db8::/"});
   table::expectRefused(before, "Ip6Addr: incomplete ipv6 address", {"2001:db8/32"});
   table::expectRefused(before, "Invalid Prefix - non-zero after prefixlen",
-                       {"10.0.0.1/24", "10.0.0.0/33", "10.0.0.0/4294967295", "10.0.0.0/4294967304"});
-  table::expectRefused(before, "Ip6AddrWithMask: prefix too long", {"::/129"});
+                       {"10.0.0.1/24", "10.0.0.0/33", "10.0.0.0/4294967295", "10.0.0.0/4294967304",
+                        "10.0.0.0/100000000000000000000000000008"});
+  table::expectRefused(before, "Ip6AddrWithMask: prefix too long",
+                       {"::/129", "::/100000000000000000000000000008"});
 }
 
 TEST(IpGenPrefix, ConstructorsCheck) {
@@ -233,15 +239,19 @@ TEST(IpGenPrefix, OrderHashAndLog) {
 }
 
 TEST(IpGenAddrWithMask, TextsAndConstructors) {
-  table::expectReads<IpGenAddrWithMask>({"10.1.2.3/24", "10.1.2.3/0"});
+  table::expectReads<IpGenAddrWithMask>(
+      {"10.1.2.3/24", "10.1.2.3/0", "10.1.2.3/000000000000000000000000000008 -> 10.1.2.3/8"});
   table::expectReads<IpGenAddrWithMask>({"FE80::1/64 -> fe80::1/64", "::/128"}, true);
   const auto before = IpGenAddrWithMask("9.0.0.1/8");
   table::expectRefused(before, "Invalid IpGenAddr", {"", "/24"});
   table::expectRefused(before, "Invalid IpAddr", {"10.1.2/24"});
   table::expectRefused(before, "premature end of Prefix type", {"10.1.2.3", "fe80::1/"});
-  table::expectRefused(before, "Invalid IPv4 Prefix Length", {"10.1.2.3/33", "10.1.2.3/4294967320"});
-  table::expectRefused(before, "Invalid IPv6 Prefix Length", {"fe80::1/129"});
-  table::expectRefused(before, "Invalid IpGenAddrWithMask", {"10.1.2.3/24 "});
+  table::expectRefused(before, "Invalid IPv4 Prefix Length",
+                       {"10.1.2.3/33", "10.1.2.3/4294967320", "10.1.2.3/100000000000000000000000000008"});
+  table::expectRefused(before, "Invalid IPv6 Prefix Length",
+                       {"fe80::1/129", "fe80::1/100000000000000000000000000008"});
+  table::expectRefused(before, "Invalid IpGenAddrWithMask",
+                       {"10.1.2.3/24 ", "10.1.2.3/24\0"sv, "fe80::1/64\0"sv});
   EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(IpAddr(1, 2, 3, 4), 33); }),
             "Invalid IPv4 Prefix Length");
   EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(ip6AddrZero, 129); }), "Invalid IPv6 Prefix Length");
@@ -255,20 +265,23 @@ TEST(IpGenAddrWithMask, TextsAndConstructors) {
 
 TEST(IpGenAddrWithFullMask, TextsAndConstructors) {
   using T = IpGenAddrWithFullMask;
-  table::expectReads<T>(
-      {"10.1.2.3/255.255.255.0 -> 10.1.2.3/24", "10.1.2.3/24", "10.1.2.3/0", "10.1.2.3/255.0.255.0"});
+  table::expectReads<T>({"10.1.2.3/255.255.255.0 -> 10.1.2.3/24", "10.1.2.3/24", "10.1.2.3/0",
+                         "10.1.2.3/255.0.255.0", "10.1.2.3/000000000000000000000000000008 -> 10.1.2.3/8"});
   table::expectReads<T>(
       {"fe80::1/ffff:ffff:: -> fe80::1/32", "fe80::1/128", "::ffff:1.2.3.4/::ffff:255.0.255.0"}, true);
   const T before(IpAddr(9, 9, 9, 9), 9);
-  table::expectRefused(before, "Invalid IPv4/IPv6 address", {"", "10", "10/1.2.3.4", "10.1.2.3/24 "});
+  table::expectRefused(before, "Invalid IPv4/IPv6 address",
+                       {"", "10", "10/1.2.3.4", "10.1.2.3/24 ", "10.1.2.3/24\0"sv, "fe80::1/ff::\0"sv});
   table::expectRefused(before, "Invalid IPv4 address", {"10.1.2/24"});
   table::expectRefused(before, "Invalid IPv6 address", {"1:2/24"});
   table::expectRefused(before, "premature end of Prefix type", {"10.1.2.3", "10.1.2.3/", "fe80::1"});
   table::expectRefused(before, "Invalid IPv4 mask", {"10.1.2.3/255.0.0", "10.1.2.3/ff::"});
   table::expectRefused(before, "Invalid IPv4 prefix", {"10.1.2.3/x"});
-  table::expectRefused(before, "Invalid IPv4 prefix length", {"10.1.2.3/33", "10.1.2.3/4294967297"});
+  table::expectRefused(before, "Invalid IPv4 prefix length",
+                       {"10.1.2.3/33", "10.1.2.3/4294967297", "10.1.2.3/100000000000000000000000000008"});
   table::expectRefused(before, "Invalid IPv6 mask", {"fe80::1/255.0.0.0", "fe80::1/f:"});
-  table::expectRefused(before, "Invalid IPv6 prefix", {"fe80::1/ff", "fe80::1/129"});
+  table::expectRefused(before, "Invalid IPv6 prefix",
+                       {"fe80::1/ff", "fe80::1/129", "fe80::1/100000000000000000000000000008"});
   for (unsigned len = 0; len <= 32; ++len) {
     EXPECT_EQ(T(IpAddr(1, 2, 3, 4), len).prefixLen().value(), static_cast<int>(len));
   }
@@ -302,8 +315,8 @@ TEST(IpGenAddrWithFullMask, TextsAndConstructors) {
   table::expectOrdered<T::PrefixLen>({-1, 0, 1, 128});
   table::expectReads<T::PrefixLen>({"-1", "0", "128"});
   const T::PrefixLen len(5);
-  table::expectRefused(len, kRange, {"129", "-2"});
-  table::expectRefused(len, "Invalid PrefixLen", {"-", "1x"});
+  table::expectRefused(len, kRange, {"129", "-2", "999999999999999999999999999999", "-18446744073709551615"});
+  table::expectRefused(len, "Invalid PrefixLen", {"-", "1x", "5\0"sv});
 }
 
 TEST(IpGenPrefixColl, IsASetThatReactorsCanWatch) {

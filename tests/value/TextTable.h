@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <string>
@@ -96,6 +97,24 @@ void expectRejected(const T& before, std::initializer_list<Rejected> rows) {
     } else {
       EXPECT_FALSE(rest.empty()) << "the throwing form must have failed over text left behind";
     }
+  }
+}
+
+/// What another library reads otherwise; the empty text stands for nothing read.
+struct Difference {
+  std::string_view text;
+  std::string_view ours;
+  std::string_view theirs;
+};
+
+/// `theirs` gives what the other library reads of a text.
+template <typename T, typename Theirs>
+void expectDiffers(Theirs theirs, std::initializer_list<Difference> rows) {
+  const auto value = [](std::string_view text) { return text.empty() ? std::nullopt : T::fromText(text); };
+  for (const auto& row : rows) {
+    EXPECT_NE(value(row.ours), value(row.theirs)) << row.text;
+    EXPECT_EQ(T::fromText(row.text), value(row.ours)) << row.text;
+    EXPECT_EQ(theirs(std::string(row.text)), value(row.theirs)) << row.text;
   }
 }
 
