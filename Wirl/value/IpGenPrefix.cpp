@@ -28,7 +28,7 @@ unsigned IpGenPrefixBase::writeText(char* out) const noexcept {
   return length + detail::writeNumber('/', len_, out + length);
 }
 
-Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefix& value) {
+Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefixBase& value) {
   return log << value.ipGenAddr() << value.len();
 }
 

@@ -20,7 +20,7 @@ namespace Wirl {
 ///
 /// Ordered by family, then by address as a number, then by length, the shorter first: 10.0.0.0/8 sorts before
 /// 10.0.0.0/16. Deliberately not the order of `Prefix` and `Ip6Prefix`.
-class KIV_API IpGenPrefixBase {
+class KIV_API IpGenPrefixBase : public detail::GenPrintForms<IpGenPrefixBase> {
  public:
   static constexpr unsigned kTextMax = Ip6Addr::kTextMax + 11;
 
@@ -69,7 +69,7 @@ class KIV_API IpGenPrefixBase {
 };
 
 /// An IPv4 or an IPv6 prefix, tagged by its family. Default `ipunknown` with length 0.
-class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::GenTextForms<IpGenPrefix> {
+class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::ReadForms<IpGenPrefix> {
  public:
   using IpGenPrefixBase::kTextMax;
   static constexpr Kiv::ParseError kTrailingText = "Invalid prefix";
@@ -126,13 +126,17 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::GenTextForms<
 
 static_assert(std::is_trivially_copyable_v<IpGenPrefix> && sizeof(IpGenPrefix) == 24);
 
-KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefix& value);
+KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefixBase& value);
 /// What is no `Prefix` or `Ip6Prefix` of the family, or a bit behind the length of the unknown family, throws
 /// `Kiv::RangeException`.
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value);
 
 }  // namespace Wirl
 
+template <>
+struct std::hash<Wirl::IpGenPrefixBase> {
+  std::size_t operator()(const Wirl::IpGenPrefixBase& value) const noexcept { return value.hash(); }
+};
 template <>
 struct std::hash<Wirl::IpGenPrefix> {
   std::size_t operator()(const Wirl::IpGenPrefix& value) const noexcept { return value.hash(); }

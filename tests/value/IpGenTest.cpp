@@ -218,6 +218,11 @@ TEST(IpGenPrefix, OrderHashAndLog) {
     ascending.emplace_back(std::string_view(text));
   }
   table::expectOrdered(ascending);
+  const IpGenPrefixBase& base = ascending[2];
+  table::expectPrints(base, "10.0.0.0/8");
+  EXPECT_EQ(table::streamed(base), "10.0.0.0/8");
+  EXPECT_EQ(table::logged(base), table::logged(ascending[2]));
+  EXPECT_EQ(std::hash<IpGenPrefixBase>()(base), base.hash());
   // From the log comes what a constructor makes, as a prefix without length and IPv6 host bits, and no more.
   const auto readBack = [](const IpGenAddr& address, Kiv::U32 len) {
     Kiv::NboAttrLog log;

@@ -12,17 +12,26 @@ namespace Wirl::detail {
 /// What a generic text without a slash and a length or mask behind the address is refused with.
 inline constexpr char kLenExpected[] = "premature end of Prefix type";
 
-/// `TextForms` of the generic types, whose `printToBuffer` returns what the one of the family does.
+/// `PrintForms` of the generic types, whose `printToBuffer` returns what the one of the family does.
 template <typename T>
-class GenTextForms : public TextForms<T> {
+class GenPrintForms : public PrintForms<T> {
  public:
   /// Writes the canonical text, cut off to `size` - 1 characters, and a NUL; nothing for size 0. Returns the
   /// length of the whole text for `ipv4`, otherwise the number of characters written. Allocates nothing and
   /// touches no octet behind the NUL.
   unsigned printToBuffer(char* buffer, unsigned size) const noexcept {
-    const unsigned length = TextForms<T>::printToBuffer(buffer, size);
+    const unsigned length = PrintForms<T>::printToBuffer(buffer, size);
     return static_cast<const T&>(*this).af() == AddressFamily::ipv4 ? length : lengthWritten(length, size);
   }
+
+  friend constexpr auto operator<=>(const GenPrintForms&, const GenPrintForms&) noexcept = default;
+};
+
+/// `TextForms` of the generic types.
+template <typename T>
+class GenTextForms : public ReadForms<T>, public GenPrintForms<T> {
+ public:
+  friend constexpr auto operator<=>(const GenTextForms&, const GenTextForms&) noexcept = default;
 };
 
 /// The family of an address at the front of `text`: that of the first colon or full stop. Unknown when there

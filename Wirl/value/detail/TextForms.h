@@ -19,33 +19,10 @@ namespace Wirl::detail {
 /// the whole text.
 KIV_API unsigned printTruncated(std::string_view text, char* buffer, unsigned size) noexcept;
 
-/// What a value type offers as text, made of four members of its own:
-///
-///     static Kiv::ParseError parse(std::string_view& text, T& out) noexcept;  // from the front; see Kiv
-///     unsigned writeText(char* out) const noexcept;    // the text and a NUL, no octet more; its length
-///     static constexpr unsigned kTextMax;              // the longest text, without its NUL
-///     static constexpr Kiv::ParseError kTrailingText;  // why text behind the value is refused
+/// What a value type prints, made of `writeText` and `kTextMax` of its own; see `TextForms`.
 template <typename T>
-class TextForms {
+class PrintForms {
  public:
-  /// The value that the whole of `text` stands for, or nothing.
-  static std::optional<T> fromText(std::string_view text) noexcept {
-    T value;
-    if (T::parse(text, value) || !text.empty()) [[unlikely]]
-      return std::nullopt;
-    return value;
-  }
-
-  /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
-  /// changes nothing, when there is none.
-  void stringValueIs(std::string_view text) {
-    T value;
-    Kiv::ParseError error = T::parse(text, value);
-    if (!error && !text.empty()) error = T::kTrailingText;
-    if (error) throwRange(error);
-    static_cast<T&>(*this) = value;
-  }
-
   /// The canonical text.
   Kiv::String stringValue() const {
     char text[T::kTextMax + 1];
@@ -75,10 +52,47 @@ class TextForms {
   }
 
   // There is nothing in here to compare: what lets a value type default its own comparisons.
-  friend constexpr auto operator<=>(const TextForms&, const TextForms&) noexcept = default;
+  friend constexpr auto operator<=>(const PrintForms&, const PrintForms&) noexcept = default;
 
  private:
   const T& self() const noexcept { return static_cast<const T&>(*this); }
+};
+
+/// What a value type reads, made of `parse` and `kTrailingText` of its own; see `TextForms`.
+template <typename T>
+class ReadForms {
+ public:
+  /// The value that the whole of `text` stands for, or nothing.
+  static std::optional<T> fromText(std::string_view text) noexcept {
+    T value;
+    if (T::parse(text, value) || !text.empty()) [[unlikely]]
+      return std::nullopt;
+    return value;
+  }
+
+  /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
+  /// changes nothing, when there is none.
+  void stringValueIs(std::string_view text) {
+    T value;
+    Kiv::ParseError error = T::parse(text, value);
+    if (!error && !text.empty()) error = T::kTrailingText;
+    if (error) throwRange(error);
+    static_cast<T&>(*this) = value;
+  }
+
+  friend constexpr auto operator<=>(const ReadForms&, const ReadForms&) noexcept = default;
+};
+
+/// What a value type offers as text, made of four members of its own:
+///
+///     static Kiv::ParseError parse(std::string_view& text, T& out) noexcept;  // from the front; see Kiv
+///     unsigned writeText(char* out) const noexcept;    // the text and a NUL, no octet more; its length
+///     static constexpr unsigned kTextMax;              // the longest text, without its NUL
+///     static constexpr Kiv::ParseError kTrailingText;  // why text behind the value is refused
+template <typename T>
+class TextForms : public ReadForms<T>, public PrintForms<T> {
+ public:
+  friend constexpr auto operator<=>(const TextForms&, const TextForms&) noexcept = default;
 };
 
 }  // namespace Wirl::detail
