@@ -263,9 +263,9 @@ TEST(Clock, FiresInOrderOfTimeAndOfSetting) {
 
 TEST(Clock, CanBeSetMovedAndCancelledFromReactors) {
   const Simulated time;
-  Ptr<Clock> clocks[4];
-  for (auto& clock : clocks) clock = clockAt(time.start + 1ms);
-  auto& [a, cancelled, destroyed, moved] = clocks;
+  const Time due = time.start + 1ms;
+  const auto a = clockAt(due), cancelled = clockAt(due), moved = clockAt(due);
+  auto destroyed = clockAt(due);
   int again = 0;
   const Reactor onA(a->expiredCount, [&] {
     cancelled->timeMinIs(timeInfinite);  // due in this same pass
