@@ -49,20 +49,7 @@ SocketPam::Closed SocketPam::closeSocket() noexcept {
   fdSm.store(nullptr);
   fileDesc.store(nullptr);
   if (sm) sm->fileDescDel();  // whoever else holds it: it counts for this Pam no more
-  return {closing != nullptr, sm != nullptr, closeDescriptor(closing)};
-}
-
-std::exception_ptr SocketPam::closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing) noexcept {
-  if (!closing) return nullptr;
-  const int socket = closing->descriptor();
-  std::exception_ptr thrown;
-  try {
-    closing->descriptorIs(-1);
-  } catch (...) {
-    thrown = std::current_exception();
-  }
-  if (socket >= 0) close_(socket);
-  return thrown;
+  return {closing != nullptr, sm != nullptr, detail::closeDescriptor(closing, close_)};
 }
 
 void SocketPam::tell(const Closed& closed) {
@@ -85,7 +72,7 @@ void SocketPam::closeAndThrow(int error, const char* text, int other) {
   collectDrops();
   drops_.reset();
   if (other == fd()) other = -1;
-  closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()));
+  detail::closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), close_);
   if (other >= 0) close_(other);
   KIV_TRACE(trace, 0) << name() << ": " << text << " failed, errno: " << error;
   throw Kiv::ErrnoException(error, text);

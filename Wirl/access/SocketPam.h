@@ -8,28 +8,10 @@
 #include "Wirl/access/Pam.h"
 #include "Wirl/access/PamFdSm.h"
 #include "Wirl/access/detail/SocketDrops.h"
+#include "Wirl/access/detail/closeDescriptor.h"
 #include "Wirl/value/NamespaceName.h"
 
 namespace Wirl {
-
-namespace detail {
-
-/// Does both, the second also where the first throws; what was thrown first leaves.
-template <std::invocable First, std::invocable Second>
-void doBoth(First first, Second second) {
-  try {
-    first();
-  } catch (...) {
-    try {
-      second();
-    } catch (...) {
-    }
-    throw;
-  }
-  second();
-}
-
-}  // namespace detail
 
 /// What the Pams that own a socket share: its descriptor object and state machine, how it is opened and
 /// closed, and the kernel's count of what it had no room for.
@@ -107,8 +89,6 @@ class KIV_API SocketPam : public Pam {
  private:
   Kiv::Ptr<Kiv::FileDescriptor> newSocket(int domain, int protocol, const NamespaceName& ns);
   void tell(const Closed& closed);
-  /// Closes the socket of the descriptor object, which reads -1 then; returns what its reactors throw.
-  std::exception_ptr closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing) noexcept;
   void collectDrops() const;
 
   int (*const close_)(int);

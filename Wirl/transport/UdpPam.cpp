@@ -18,6 +18,7 @@
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Wirl/access/detail/Receive.h"
+#include "Wirl/access/detail/closeDescriptor.h"
 #include "Wirl/access/socketAt.h"
 
 namespace Wirl {
@@ -126,8 +127,7 @@ void UdpPam::reopen() {
   } catch (...) {
     if (turn == turn_) {
       const Closed closed = closeSocket();
-      mode.set(Mode::disabled);
-      tell(closed);
+      detail::doBoth([&] { mode.set(Mode::disabled); }, [&] { tell(closed); });
     }
     throw;
   }
@@ -229,11 +229,9 @@ void UdpPam::handleTxTos() {
                            : setOption(fd(), IPPROTO_IP, IP_TOS, U8{txTos()});
   if (failed == 0) return;
   const int error = errno;
-  const int socket = fd();
   collectDrops();
   drops_.reset();
-  fileDesc()->descriptorIs(-1);
-  close(socket);
+  detail::closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), close);
   KIV_TRACE(trace, 0) << (ipv6_ ? "Failed to set IPV6_TCLASS, errno: " : "Failed to set IP_TOS, errno: ")
                       << error;
   throw Kiv::ErrnoException(error, ipv6_ ? "setsockopt(IPV6_TCLASS)" : "setsockopt(IP_TOS)");
@@ -244,25 +242,30 @@ void UdpPam::doDelSocket() {
 }
 
 /// When all of it is done: whoever hears of one finds the Pam closed.
-void UdpPam::tell(Closed closed) {
-  if (closed.fdSm) fdSm.notifiees().notify();
-  if (closed.fileDesc) fileDesc.notifiees().notify();
-  if (closed.connection) socketConnected.notifiees().notify();
+void UdpPam::tell(const Closed& closed) {
+  const auto tellFdSm = [&] {
+    if (closed.fdSm) fdSm.notifiees().notify();
+  };
+  const auto tellFileDesc = [&] {
+    if (closed.fileDesc) fileDesc.notifiees().notify();
+  };
+  detail::doBoth(tellFdSm, [&] {
+    detail::doBoth(tellFileDesc, [&] {
+      if (closed.connection) socketConnected.notifiees().notify();
+    });
+  });
+  if (closed.thrown) std::rethrow_exception(closed.thrown);
 }
 
 /// Closes without a word to the reactors.
 UdpPam::Closed UdpPam::closeSocket() noexcept {
-  const Closed closed = {fileDesc() != nullptr, fdSm() != nullptr, socketConnected()};
+  Closed closed = {fileDesc() != nullptr, fdSm() != nullptr, socketConnected(), nullptr};
   collectDrops();  // the kernel's count goes with the socket
   drops_.reset();
   if (fdSm()) fdSm()->fileDescDel();  // whoever else holds it: it counts for this Pam no more
   fdSm.store(nullptr);
   socketConnected.store(false);
-  if (const Kiv::Ptr<Kiv::FileDescriptor> closing = fileDescDel()) {
-    const int socket = closing->descriptor();
-    closing->descriptorIs(-1);
-    if (socket >= 0) close(socket);
-  }
+  closed.thrown = detail::closeDescriptor(fileDescDel(), close);
   return closed;
 }
 

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <exception>
 #include <ostream>
 
 #include "Kiv/FileDescriptor.h"
@@ -134,6 +135,7 @@ class KIV_API UdpPam : public Pam {
   /// What there was to close, and so is to be told of.
   struct Closed {
     bool fileDesc, fdSm, connection;
+    std::exception_ptr thrown;  // by a reactor to the descriptor object
   };
 
   void reopen();
@@ -142,7 +144,7 @@ class KIV_API UdpPam : public Pam {
   bool doConnect();
   void doDelSocket();
   Closed closeSocket() noexcept;
-  void tell(Closed closed);
+  void tell(const Closed& closed);
   void collectDrops() const;
   void fileDescIs(Kiv::String name);
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();

@@ -291,6 +291,8 @@ TEST_F(EthDevPamTest, EveryFailedStepOfOpeningThrowsItsText) {
     unsigned nth;
     const char* text;
   } rows[] = {{Call::socket, 1, "socket 12"},
+              {Call::ioctl, 1, "ioctl(SIOCGIFINDEX) 12"},
+              {Call::ioctl, 2, "ioctl(SIOCGIFHWADDR) 12"},
               {Call::setsockopt, 1, "setsockopt(PACKET_AUXDATA) 12"},
               {Call::setsockopt, 2, "setsockopt(PACKET_IGNORE_OUTGOING) 12"},
               {Call::setsockopt, 3, "setsockopt(SO_RCVBUFFORCE) 12"},

@@ -300,9 +300,11 @@ TEST_P(RawIpPamTest, WhatCannotBeSentIsRefusedAndCounted) {
               {other, IpGenAddr(), "", EAFNOSUPPORT},
               {addressRed, other, "", EAFNOSUPPORT},
               {addressRed, IpGenAddr(), "nosuchdevice", ENODEV},
-              {addressRed, IpGenAddr(), "a name longer than any device's", ENODEV}};
+              {addressRed, IpGenAddr(), "a name longer than any device's", ENODEV},
+              {addressRed, IpGenAddr(), "veth1", ENOMEM}};
   U32 refused = 0;
   const Fault calls(Call::sendmsg);
+  const Fault lookUp(Call::ioctl, 2, ENOMEM);
   for (const auto& row : rows) {
     blue->txDstIpAddrIs(row.to);
     blue->txSrcIpAddrIs(row.from);

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <concepts>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Kiv/FileDescriptor.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/value/NamespaceName.h"
 #include "tests/support/FaultInjection.h"
@@ -24,7 +26,7 @@
 class PamBackend {
  public:
   /// How a send shows that did not work.
-  enum class Loss { uncounted, drop, error };
+  enum class Loss { uncounted, drop, error, sent };
   /// An attribute to which a reactor can be registered.
   using Watch = std::function<Kiv::Reactor(std::function<void()>)>;
   template <typename Attr>
@@ -51,13 +53,18 @@ class PamBackend {
   virtual bool isWhole(const Wirl::Pam&) const { return true; }
   virtual Wirl::Pkt::Ptr pktOf(const std::string& payload) const;
   virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
-  virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) const { return pam.rxPkt(); }
-  /// Attributes that change when the subject is opened, receives, fails to, fails to send and is closed.
+  /// The next packet; of those that receive in batches, one after the other.
+  virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) { return pam.rxPkt(); }
+  /// Attributes that change when the subject is opened, asks for a writable event, receives, fails to, fails to
+  /// send and is closed.
   virtual std::vector<Watch> attributes(Wirl::Pam& pam) const {
     return {on(pam.readableCount), on(pam.writableCount)};
   }
+  virtual void askForWritable(Wirl::Pam&) {}
   /// Makes the room for packets that `to` did not pull yet as small as can be.
   virtual void roomIsSmall() {}
+  /// Those of its descriptor object, which outlives it and so tells of its end.
+  virtual std::vector<Watch> descriptorAttributes(Wirl::Pam&) const { return {}; }
   virtual bool hasBulk() const { return false; }
   /// Whether it sends packets of two pieces.
   virtual bool gathers() const { return true; }
@@ -97,9 +104,37 @@ class SocketPamBackend : public PamBackend {
     auto& own = as(pam);
     return {on(pam.readableCount), on(pam.writableCount), on(pam.txErrno), on(own.fileDesc), on(own.fdSm)};
   }
+  std::vector<Watch> descriptorAttributes(Wirl::Pam& pam) const override {
+    return {ofFileDesc(as(pam), &Kiv::FileDescriptor::descriptor)};
+  }
   void roomIsSmall() override { receiveBufferIsSmall(as(*to).fileDesc()->descriptor()); }
 
  protected:
+  /// An attribute of the descriptor object, of this one or the next.
+  template <typename Attr>
+  static Watch ofFileDesc(P& pam, Attr Kiv::FileDescriptor::*attr) {
+    return [&pam, attr](const std::function<void()>& action) {
+      const auto inner = std::make_shared<Kiv::Reactor>();
+      const auto follow = [&pam, attr, action, inner] {
+        if (const auto& fileDesc = pam.fileDesc()) *inner = Kiv::Reactor((*fileDesc).*attr, action);
+      };
+      follow();
+      return Kiv::Reactor(pam.fileDesc, follow);
+    };
+  }
+  /// One of the batch that `receive` receives (it says how many), the first of those that are not pulled yet.
+  template <std::invocable Receive>
+  Wirl::Pkt::Ptr pullFromBatch(Wirl::Pam& pam, Receive receive) {
+    const Kiv::Ptr<Wirl::Pam> alive(&pam);
+    if (batch_.empty()) {
+      for (auto slot = static_cast<Kiv::U16>(receive()); slot-- > 0;) batch_.push_back(pam.savedPacket(slot));
+    }
+    if (batch_.empty()) return nullptr;
+    const Wirl::Pkt::Ptr pkt = batch_.back();
+    batch_.pop_back();
+    return pkt;
+  }
+
   static const P& as(const Wirl::Pam& pam) { return dynamic_cast<const P&>(pam); }
   static P& as(Wirl::Pam& pam) { return dynamic_cast<P&>(pam); }
   static std::vector<Watch> both(std::vector<Watch> some, const std::vector<Watch>& more) {
@@ -112,6 +147,8 @@ class SocketPamBackend : public PamBackend {
     const int small = 1;  // the kernel makes it its minimum
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
   }
+
+  std::vector<Wirl::Pkt::Ptr> batch_;  // the next one last
 };
 
 struct PamClass {
@@ -144,7 +181,11 @@ class PamConformanceTest : public NetNsTest, public testing::WithParamInterface<
   void send(const std::string& payload) { backend->from->txPktIs(backend->pktOf(payload)); }
   /// Whether what is sent arrives, be it at the second or third try.
   bool exchanges();
-  std::vector<PamBackend::Watch> watches() const { return backend->attributes(*backend->subject()); }
+  std::vector<PamBackend::Watch> watches() const {
+    auto all = backend->attributes(*backend->subject());
+    for (auto& watch : backend->descriptorAttributes(*backend->subject())) all.push_back(std::move(watch));
+    return all;
+  }
 
   std::unique_ptr<NetNs> ns;
   std::unique_ptr<PamBackend> backend;

@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::string_literals;
 
-/// Raw IP of either family, in batches (of one packet) or not.
+/// Raw IP of either family, in batches (of four packets) or not.
 class RawIpBackend final : public SocketPamBackend<RawIpPam> {
  public:
   RawIpBackend(const NamespaceName& ns, bool v6, bool batches) : v6_(v6), batches_(batches) {
@@ -23,7 +23,7 @@ class RawIpBackend final : public SocketPamBackend<RawIpPam> {
                           : Kiv::Ptr<RawIpPam>(ipSocketPamFactory("end", kProtocol, ns));
       pam->txDstIpAddrIs(IpGenAddr(v6 ? "::1" : "127.0.0.1"));
       if (v6) pam->maxRxPktDataIs(9000);
-      if (batches) pam->socketReadLimitIs(1);
+      if (batches) pam->socketReadLimitIs(4);
       pam->enableBulkReadIs(batches);
       *end = pam;
     }
@@ -34,8 +34,17 @@ class RawIpBackend final : public SocketPamBackend<RawIpPam> {
   }
   std::vector<Watch> attributes(Pam& pam) const override {
     auto& own = as(pam);
-    return both(SocketPamBackend::attributes(pam),
-                {on(own.rxSrcIpAddr), on(own.rxPktCount), on(own.rxErrors), on(own.txErrors)});
+    return both(SocketPamBackend::attributes(pam), {on(own.enabled), on(own.rxSrcIpAddr), on(own.rxPktCount),
+                                                    on(own.rxErrors), on(own.txErrors)});
+  }
+  Pkt::Ptr pull(Pam& pam) override {
+    if (!batches_) return pam.rxPkt();
+    return pullFromBatch(pam, [&pam] {
+      int received = 0;
+      for (bool any = pam.rxPkt() != nullptr; any && pam.savedPacketRx(static_cast<U16>(received));)
+        ++received;
+      return received;
+    });
   }
   Call receiveCall() const override { return batches_ ? Call::recvmmsg : Call::recvmsg; }
   const char* deathOfClosedSend() const override { return "enabled\\(\\)"; }
@@ -57,6 +66,9 @@ class PacketBackend : public SocketPamBackend<PacketPam> {
   std::string payloadOf(const Pkt& pkt) const override {
     return std::string(pkt.stringValue()).substr(header_.size());
   }
+  std::vector<Watch> attributes(Pam& pam) const override {
+    return both(SocketPamBackend::attributes(pam), {on(as(pam).enabled)});
+  }
   Loss lossOf(int error) const override { return error == EAGAIN ? Loss::drop : Loss::error; }
   bool countsFailedReceive(int error) const override { return error != EAGAIN; }
   std::uint64_t sent(const Pam& pam) const override { return as(pam).txPktCount(); }
@@ -77,14 +89,12 @@ class EthDevBackend final : public PacketBackend {
   EthDevBackend(const NamespaceName& ns, bool batches) : batches_(batches) {
     from = device(ns);
     const auto pam = device(ns);
-    if (batches) pam->socketReadLimitIs(1);
+    if (batches) pam->socketReadLimitIs(4);
     if (batches) pam->maxRxPktDataIs(9018);
     to = pam;
   }
-  Pkt::Ptr pull(Pam& pam) const override {
-    if (!batches_) return pam.rxPkt();
-    const bool received = pam.rxPktBulk() > 0;
-    return received && (&pam == to.get() || &pam == from.get()) ? pam.savedPacket(0) : nullptr;
+  Pkt::Ptr pull(Pam& pam) override {
+    return batches_ ? pullFromBatch(pam, [&pam] { return pam.rxPktBulk(); }) : pam.rxPkt();
   }
   std::vector<Watch> attributes(Pam& pam) const override {
     auto& own = dynamic_cast<EthDevPam&>(pam);
@@ -113,13 +123,26 @@ class RawTxBackend final : public PacketBackend {
     to = device(ns);
   }
   bool receives() const override { return false; }
+  std::vector<Watch> descriptorAttributes(Pam& pam) const override {
+    auto all = PacketBackend::descriptorAttributes(pam);
+    if (std::is_same_v<P, ReqResponseRawTxPam>) {
+      all.push_back(ofFileDesc(as(pam), &Kiv::FileDescriptor::notifyOnWritable));
+    }
+    return all;
+  }
+  void askForWritable(Pam& pam) override {
+    if (auto* const asking = dynamic_cast<ReqResponseRawTxPam*>(&pam)) asking->requestWritable();
+  }
 };
 
+/// What moves is a payload, or a tagged frame whose tag is taken out.
 class ConnectorBackend final : public PamBackend {
  public:
-  explicit ConnectorBackend(const NamespaceName&) {
+  ConnectorBackend(const NamespaceName&, bool tags)
+      : header_(tags ? "ddddddssssss\x81\0\x20\x07\x08\0"s : "") {
     Kiv::activityLoop().simulatedTimeIs(true);
     cable_->handleInitializedBase();
+    cable_->separateVlanTagHdrIs(tags);
     from = cable_->pam("pam0");
     to = cable_->pam("pam1");
   }
@@ -128,9 +151,25 @@ class ConnectorBackend final : public PamBackend {
     cable_->pamDel(end->name());
     end = nullptr;
   }
+  Pkt::Ptr pktOf(const std::string& payload) const override { return PamBackend::pktOf(header_ + payload); }
+  std::string payloadOf(const Pkt& pkt) const override {
+    EXPECT_EQ(pkt.tciPresent() ? pkt.tciField() : 0, header_.empty() ? 0 : 0x2007);
+    return std::string(pkt.stringValue()).substr(header_.empty() ? 0 : header_.size() - 4);
+  }
+  std::vector<Watch> attributes(Pam&) const override {
+    std::vector<Watch> all;
+    for (const Kiv::Ptr<Pam>& end : {to, from}) {
+      auto& own = dynamic_cast<PamConnectorPam&>(*end);
+      const Watch ofEnd[] = {on(own.readableCount), on(own.writableCount), on(own.peekPkt),
+                             on(own.peekPktCount)};
+      all.insert(all.end(), end == from ? ofEnd + 1 : ofEnd, std::end(ofEnd));
+    }
+    return all;
+  }
   void roomIsSmall() override { dynamic_cast<PamConnectorPam&>(*to).maxBufferIs(2); }
 
  private:
+  const std::string header_;
   const Kiv::Ptr<PamConnector> cable_ = PamConnectorIs(Kiv::makePtr<Kiv::Clock>("cable"));
 };
 
@@ -138,6 +177,7 @@ const std::vector<PamClass> kSocketPams = {
     pamClass<RawIpBackend, false, false>("IpSocketPam"),
     pamClass<RawIpBackend, false, true>("IpSocketPamInBatches"),
     pamClass<RawIpBackend, true, false>("Ip6SocketPam"),
+    pamClass<RawIpBackend, true, true>("Ip6SocketPamInBatches"),
     pamClass<EthDevBackend, false>("EthDevPam"),
     pamClass<EthDevBackend, true>("EthDevPamInBatches"),
     pamClass<RawTxBackend<RawTxPam>>("RawTxPam"),
@@ -145,7 +185,9 @@ const std::vector<PamClass> kSocketPams = {
 INSTANTIATE_TEST_SUITE_P(Access, SocketPamConformanceTest, testing::ValuesIn(kSocketPams), PamClass::nameOf);
 INSTANTIATE_TEST_SUITE_P(Access, PamConformanceTest, testing::ValuesIn(kSocketPams), PamClass::nameOf);
 INSTANTIATE_TEST_SUITE_P(Cable, PamConformanceTest,
-                         testing::Values(pamClass<ConnectorBackend>("PamConnector")), PamClass::nameOf);
+                         testing::Values(pamClass<ConnectorBackend, false>("PamConnector"),
+                                         pamClass<ConnectorBackend, true>("PamConnectorOfTags")),
+                         PamClass::nameOf);
 
 }  // namespace
 }  // namespace Wirl

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <sys/types.h>
@@ -161,6 +162,16 @@ WRAPPER(int, fcntl, int fd, int command, ...) {
   void* const argument = va_arg(list, void*);  // an int, too, takes one slot
   va_end(list);
   return __real_fcntl(fd, command, argument);
+}
+
+WRAPPER(int, ioctl, int fd, unsigned long request, ...) {
+  const Verdict verdict(Call::ioctl);
+  if (verdict.error) return verdict.failure();
+  va_list list;
+  va_start(list, request);
+  void* const argument = va_arg(list, void*);
+  va_end(list);
+  return __real_ioctl(fd, request, argument);
 }
 
 WRAPPER(int, open, const char* path, int flags, ...) {

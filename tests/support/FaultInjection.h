@@ -18,6 +18,7 @@ enum class Call {
   epoll_wait,
   fcntl,
   getsockopt,
+  ioctl,
   open,
   openat,
   pthread_create,

@@ -28,9 +28,11 @@ class UdpBackend final : public SocketPamBackend<UdpPam> {
   }
   std::vector<Watch> attributes(Pam& pam) const override {
     auto& own = as(pam);
-    return both(SocketPamBackend::attributes(pam), {on(own.rxSrcPort), on(own.rxPkts), on(own.rxErrors)});
+    return both(SocketPamBackend::attributes(pam),
+                {on(own.mode), on(own.rxSrcPort), on(own.rxPkts), on(own.rxErrors)});
   }
-  Loss lossOf(int) const override { return Loss::uncounted; }
+  /// A refusal is about an earlier datagram.
+  Loss lossOf(int error) const override { return error == ECONNREFUSED ? Loss::sent : Loss::uncounted; }
   bool countsFailedReceive(int error) const override { return error != EAGAIN; }
   const char* deathOfClosedSend() const override { return "mode\\(\\) != disabled\\(\\)"; }
   bool changeOption(Pam& pam) const override {
