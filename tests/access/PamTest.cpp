@@ -2,14 +2,13 @@
 #include "Wirl/access/Pam.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <deque>
 #include <string>
 
 #include "Kiv/ActivityLoop.h"
 #include "Wirl/access/PamFdSm.h"
+#include "tests/support/SocketPair.h"
 
 namespace Wirl {
 namespace {
@@ -31,15 +30,6 @@ class FakePam final : public Pam {
   }
 };
 
-struct Sockets {
-  Sockets() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0); }
-  ~Sockets() {
-    for (int end : ends) close(end);
-  }
-  void write() { EXPECT_EQ(::write(ends[1], "x", 1), 1); }
-  int ends[2];
-};
-
 TEST(Pam, CountersRunTheHookThenTheReactorsAndOnlyOnAChange) {
   const auto pam = Kiv::makePtr<FakePam>();
   const Kiv::Reactor onReadable(pam->readableCount, [&] { pam->log += "R"; });
@@ -49,11 +39,8 @@ TEST(Pam, CountersRunTheHookThenTheReactorsAndOnlyOnAChange) {
   EXPECT_EQ(pam->writableCountInc(1), 1u);
   pam->readableCountIs(2);
   EXPECT_EQ(pam->log, "r2Rw1");
-  int errors = 0;
-  const Kiv::Reactor onErrors(pam->txErrors, [&] { ++errors; });
   EXPECT_EQ(pam->txErrorsInc(~0u), ~0u);
   EXPECT_EQ(pam->txErrorsInc(2), 1u);
-  EXPECT_EQ(errors, 2);
   pam->rxDropsIs(5);
   EXPECT_EQ(pam->rxDrops(), 5u);
 }
@@ -75,10 +62,10 @@ TEST(Pam, TheBulkArraysGrowOnDemandAndEmptySlotBySlot) {
   pam->savedPacketIs(3, pkt);
   pam->savedPacketRxIs(65535, true);
   EXPECT_EQ(pam->savedPackets(), 4u);
-  EXPECT_EQ(pam->savedPacket(3), pkt);
-  EXPECT_EQ(pam->savedPacket(0), nullptr);
-  EXPECT_EQ(pam->savedPacket(65535), nullptr);
-  EXPECT_TRUE(pam->savedPacketRx(65535) && !pam->savedPacketRx(3));
+  for (const U16 slot : {U16{0}, U16{3}, U16{65535}}) {
+    EXPECT_EQ(pam->savedPacket(slot), slot == 3 ? pkt : nullptr);
+    EXPECT_EQ(pam->savedPacketRx(slot), slot == 65535);
+  }
   pam->savedPacketDel(3);
   pam->savedPacketDel(1000);
   pam->savedPacketRxDel(65535);
@@ -91,29 +78,29 @@ TEST(Pam, TheBulkArraysGrowOnDemandAndEmptySlotBySlot) {
 }
 
 TEST(PamFdSm, CountsOnceOnBeingMadeAndThenEveryEvent) {
-  Sockets sockets;
+  const SocketPair sockets;
   const auto pam = Kiv::makePtr<FakePam>();
+  const auto logged = [&] {
+    Kiv::activityLoop().poll();
+    return std::exchange(pam->log, "");
+  };
   const auto fd = Kiv::makePtr<Kiv::FileDescriptor>("fd");
   fd->descriptorIs(sockets.ends[0]);
   auto sm = PamFdSmIs(fd, pam.get());
-  EXPECT_EQ(pam->log, "r1w1");
+  EXPECT_EQ(logged(), "r1w1");
   sockets.write();
-  Kiv::activityLoop().poll();
+  EXPECT_EQ(logged(), "r2");
   fd->notifyOnWritableIs(true);
-  Kiv::activityLoop().poll();
-  EXPECT_EQ(pam->log, "r1w1r2r3w2");
+  EXPECT_EQ(logged(), "r3w2");
   sm->hasNotificationActiveIs(false);
-  Kiv::activityLoop().poll();
-  EXPECT_EQ(pam->readableCount(), 3u);
+  EXPECT_EQ(logged(), "");
   sm->hasNotificationActiveIs(true);
-  Kiv::activityLoop().poll();
-  EXPECT_EQ(pam->readableCount(), 4u);
+  EXPECT_EQ(logged(), "r4w3");
   EXPECT_EQ(sm->fileDescDel(), fd);
   EXPECT_EQ(sm->fileDescDel(), nullptr);
-  Kiv::activityLoop().poll();
-  EXPECT_EQ(pam->readableCount(), 4u);
+  EXPECT_EQ(logged(), "");
   EXPECT_EQ(PamFdSmIs(nullptr, pam.get())->fileDescDel(), nullptr);
-  EXPECT_EQ(pam->readableCount(), 5u);
+  EXPECT_EQ(logged(), "r5w4");
 }
 
 TEST(PamDeathTest, AReqResponsePamFdSmIsForItsClassOnly) {
