@@ -2,6 +2,7 @@
 #pragma once
 
 #include <concepts>
+#include <memory>
 #include <ostream>
 #include <sstream>
 #include <string_view>
@@ -48,6 +49,41 @@ class Attr {
 
   T value_{};
   mutable NotifieeList notifiees_;
+};
+
+/// An attribute that keeps its default, and is watched by nobody, on most entities of its class: it takes a
+/// pointer's room until then, and the rest from the heap. `Default` gives what it is at first.
+template <typename T, typename Owner, const T& (*Default)() noexcept>
+class RareAttr {
+ public:
+  RareAttr() = default;
+  RareAttr(const RareAttr&) = delete;
+  RareAttr& operator=(const RareAttr&) = delete;
+
+  AttrValue<T> operator()() const noexcept { return cell_ ? cell_->value : Default(); }
+  NotifieeList& notifiees() const { return cell().notifiees; }
+
+ private:
+  friend Owner;
+
+  struct Cell {
+    T value = Default();
+    NotifieeList notifiees;
+  };
+  Cell& cell() const {
+    if (!cell_) cell_ = std::make_unique<Cell>();
+    return *cell_;
+  }
+  bool store(AttrValue<T> value) {
+    if ((*this)() == value) return false;
+    cell().value = value;
+    return true;
+  }
+  void set(AttrValue<T> value) {
+    if (store(value)) cell_->notifiees.notify();
+  }
+
+  mutable std::unique_ptr<Cell> cell_;
 };
 
 /// Takes the attributes of an entity one by one, base classes first, in the order of declaration.
@@ -176,6 +212,20 @@ String textOf(const T& value) {
 /// An attribute: type, name and, if it is not the type's own, default.
 #define KIV_ATTR(Type, name, ...)               \
   KIV_ATTR_READ(Type, name, __VA_ARGS__)        \
+  void name##Is(::Kiv::AttrValue<Type> value) { \
+    name.set(value);                            \
+  }
+
+/// The same two for attributes that few entities of the class change or have watched: see `RareAttr`.
+#define KIV_ATTR_RARE_READ(Type, name, ...)                  \
+  static const Type& name##Default() noexcept {              \
+    static const Type& value = *new const Type{__VA_ARGS__}; \
+    return value;                                            \
+  }                                                          \
+  ::Kiv::RareAttr<Type, Self, name##Default> name;           \
+  KIV_ATTR_DERIVED(Type, name)
+#define KIV_ATTR_RARE(Type, name, ...)          \
+  KIV_ATTR_RARE_READ(Type, name, __VA_ARGS__)   \
   void name##Is(::Kiv::AttrValue<Type> value) { \
     name.set(value);                            \
   }

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Kiv/Reactor.h"
 
-#include <algorithm>
 #include <memory>
 
 namespace Kiv {
@@ -9,39 +8,63 @@ namespace Kiv {
 using detail::Notifiee;
 using detail::NotifieeTable;
 
+void NotifieeTable::append(Notifiee* notifiee) noexcept {
+  notifiee->next = last ? std::exchange(last->next, notifiee) : notifiee;
+  last = notifiee;
+}
+
+template <typename Condition>
+Notifiee* NotifieeTable::takeOut(Condition condition) noexcept {
+  Notifiee* all = std::exchange(last->next, nullptr);
+  last = nullptr;
+  Notifiee* taken = nullptr;
+  Notifiee** tail = &taken;
+  while (Notifiee* const each = all) {
+    all = std::exchange(each->next, nullptr);
+    if (condition(*each)) {
+      *tail = each;
+      tail = &each->next;
+    } else {
+      append(each);
+    }
+  }
+  return taken;
+}
+
 void NotifieeTable::tidy() noexcept {
   untidy = false;
-  std::vector<std::unique_ptr<Notifiee>> dead;
-  std::erase_if(notifiees, [&](Notifiee* notifiee) {
-    if (notifiee->abandoned) dead.emplace_back(notifiee);
-    return notifiee->abandoned;
+  Notifiee* dead = takeOut([this](Notifiee& each) {
+    if (!owner) each.table = nullptr;  // it may belong to a Reactor that outlives the attribute
+    return each.abandoned;
   });
-  if (!owner) {
-    // What is left belongs to Reactors that outlived the attribute.
-    for (Notifiee* notifiee : notifiees) notifiee->table = nullptr;
-    delete this;
-  } else if (notifiees.empty()) {
-    owner->table_ = nullptr;
-    delete this;
-  }
+  if (!owner) last = nullptr;
+  goIfEmpty();
   // The closures go last: what they hold may hold the attribute.
+  while (dead) delete std::exchange(dead, dead->next);
+}
+
+void NotifieeTable::goIfEmpty() noexcept {
+  if (last) return;
+  if (owner) owner->table_ = nullptr;
+  delete this;
 }
 
 void NotifieeList::add(Notifiee* notifiee) {
-  std::unique_ptr<NotifieeTable> fresh;
-  if (!table_) fresh = std::make_unique<NotifieeTable>();
-  NotifieeTable* const table = table_ ? table_ : fresh.get();
-  table->notifiees.push_back(notifiee);
-  notifiee->table = table;
-  if (fresh) {
-    table_ = fresh.release();
+  if (!table_) {
+    table_ = new NotifieeTable;
     table_->owner = this;
   }
+  table_->append(notifiee);
+  notifiee->table = table_;
 }
 
 void NotifieeList::ownerGone() noexcept {
   table_->owner = nullptr;
-  for (Notifiee* notifiee : table_->notifiees) notifiee->live = false;
+  Notifiee* each = table_->last;
+  do {
+    each->live = false;
+    each = each->next;
+  } while (each != table_->last);
   if (table_->notifying) {
     table_->untidy = true;
   } else {
@@ -65,8 +88,8 @@ void Reactor::drop() noexcept {
     table.untidy = true;
     return;
   }
-  std::erase(table.notifiees, notifiee.get());
-  if (table.notifiees.empty()) table.tidy();
+  table.takeOut([&](const Notifiee& each) { return &each == notifiee.get(); });
+  table.goIfEmpty();
 }
 
 bool Reactor::registered() const noexcept {

@@ -4,7 +4,6 @@
 #include <concepts>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "Kiv/Types.h"
 
@@ -23,6 +22,7 @@ struct Notifiee {
   virtual void run() = 0;
 
   NotifieeTable* table = nullptr;  // null when what it watched is gone
+  Notifiee* next = nullptr;        // in there; behind the last comes the first
   bool live = true;                // runs at the next change
   bool abandoned = false;          // its Reactor is gone, the table deletes it
 };
@@ -38,22 +38,28 @@ struct NotifieeOf final : Notifiee {
 /// only: an attribute that nobody watches carries a null pointer. Outlives its attribute when that is
 /// destroyed by one of its own reactors.
 struct NotifieeTable {
-  std::vector<Notifiee*> notifiees;
+  Notifiee* last = nullptr;       // of a ring; there is no table without a registration
   NotifieeList* owner = nullptr;  // null once the attribute is gone
   bool notifying = false;
   bool untidy = false;  // dead entries to sweep when the notification is over
 
   void notify() {
     const Notification running(*this);
-    // By index and up to the size at the start: reactors may append (those wait for the next change) and
-    // drop (those are only marked) while this goes on.
-    const std::size_t count = notifiees.size();
-    for (std::size_t i = 0; i < count; ++i) {
-      if (notifiees[i]->live) notifiees[i]->run();
+    // Up to the one that is last at the start: reactors may append (those wait for the next change) and drop
+    // (those are only marked) while this goes on.
+    Notifiee* const end = last;
+    for (Notifiee* each = end->next;; each = each->next) {
+      if (each->live) each->run();
+      if (each == end) break;
     }
   }
 
+  void append(Notifiee* notifiee) noexcept;
+  /// Takes out those for which `condition` holds, and returns them as a chain.
+  template <typename Condition>
+  Notifiee* takeOut(Condition condition) noexcept;
   KIV_API void tidy() noexcept;
+  void goIfEmpty() noexcept;
 
  private:
   /// Marks the table as being notified; also when a reactor throws, what was put off is done at the end.

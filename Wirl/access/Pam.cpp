@@ -29,30 +29,37 @@ S32 Pam::doGetBulkRxPkt() {
   KIV_ASSERT_AS(false, "Need to implement doGetBulkRxPkt in a derived class");
 }
 
+Pam::Saved& Pam::saved() {
+  if (!saved_) saved_ = std::make_unique<Saved>();
+  return *saved_;
+}
+
 void Pam::savedPacketIs(U16 index, const Pkt::Ptr& pkt) {
-  if (index >= savedPacket_.size()) savedPacket_.resize(index + std::size_t{1});
-  savedPacket_[index] = pkt;
+  auto& packets = saved().packets;
+  if (index >= packets.size()) packets.resize(index + std::size_t{1});
+  packets[index] = pkt;
 }
 
 void Pam::savedPacketDel(U16 index) {
-  if (index < savedPacket_.size()) savedPacket_[index] = nullptr;
+  if (index < savedPackets()) saved_->packets[index] = nullptr;
 }
 
 void Pam::savedPacketDelAll() {
-  savedPacket_.clear();
+  if (saved_) saved_->packets.clear();
 }
 
 void Pam::savedPacketRxIs(U16 index, bool received) {
-  if (index >= savedPacketRx_.size()) savedPacketRx_.resize(index + std::size_t{1});
-  savedPacketRx_[index] = received;
+  auto& all = saved().received;
+  if (index >= all.size()) all.resize(index + std::size_t{1});
+  all[index] = received;
 }
 
 void Pam::savedPacketRxDel(U16 index) {
-  if (index < savedPacketRx_.size()) savedPacketRx_[index] = false;
+  if (savedPacketRx(index)) saved_->received[index] = false;
 }
 
 void Pam::savedPacketRxDelAll() {
-  savedPacketRx_.clear();
+  if (saved_) saved_->received.clear();
 }
 
 }  // namespace Wirl

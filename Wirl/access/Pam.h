@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -88,15 +89,15 @@ class KIV_API Pam : public Kiv::Entity {
 
   /// The buffers of bulk receiving, one a slot. Setting a slot beyond the end grows the array; reading there
   /// gives null (false).
-  U32 savedPackets() const noexcept { return static_cast<U32>(savedPacket_.size()); }
-  Pkt::Ptr savedPacket(U16 index) const {
-    return index < savedPacket_.size() ? savedPacket_[index] : nullptr;
-  }
+  U32 savedPackets() const noexcept { return saved_ ? static_cast<U32>(saved_->packets.size()) : 0; }
+  Pkt::Ptr savedPacket(U16 index) const { return index < savedPackets() ? saved_->packets[index] : nullptr; }
   void savedPacketIs(U16 index, const Pkt::Ptr& pkt);
   void savedPacketDel(U16 index);
   void savedPacketDelAll();
   /// Whether the slot holds a packet of the latest batch.
-  bool savedPacketRx(U16 index) const { return index < savedPacketRx_.size() && savedPacketRx_[index]; }
+  bool savedPacketRx(U16 index) const {
+    return saved_ && index < saved_->received.size() && saved_->received[index];
+  }
   void savedPacketRxIs(U16 index, bool received);
   void savedPacketRxDel(U16 index);
   void savedPacketRxDelAll();
@@ -118,14 +119,20 @@ class KIV_API Pam : public Kiv::Entity {
  private:
   friend class detail::RxBatch;
 
+  /// Of those that receive in batches.
+  struct Saved {
+    std::vector<Pkt::Ptr> packets;
+    std::vector<bool> received;
+  };
+  Saved& saved();
+
   /// Keeps the Pam while it sends or receives: reactors to its counters may let go of it. None for one that
   /// no pointer holds.
   Kiv::Ptr<const Pam> alive() const { return Kiv::Ptr<const Pam>(references() > 0 ? this : nullptr); }
 
   mutable Pkt::Ptr rxPktHolder_;
   U32 rxDropsHolder_ = 0;
-  std::vector<Pkt::Ptr> savedPacket_;
-  std::vector<bool> savedPacketRx_;
+  std::unique_ptr<Saved> saved_;
 };
 
 }  // namespace Wirl

@@ -67,9 +67,8 @@ void TcpClientSm::handle(Event event) {
 /// What the states do. Returns the event that follows at once, if any.
 std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
   watchDel();
-  onWritable_.drop();
   deadlineDel();
-  const TcpFileDescriptor::PtrConst connecting = std::exchange(socket_, nullptr);
+  const std::unique_ptr<Try> former = std::move(try_);
   if (entered != State::closing) put(connection, TcpFileDescriptor::PtrConst());
   switch (entered) {
     case State::disabled:
@@ -84,7 +83,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
     case State::connected:
       backoffReset();
       put(connects, connects() + 1);
-      put(connection, connecting);
+      put(connection, former->socket);
       break;
     case State::closing:
       // Where it fails the connection is broken, as its user will find.
@@ -101,8 +100,8 @@ std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
     if (first) open();
     if (connectedNow()) return Event::established;
     if (first) {
-      watchIs(socket_);
-      onWritable_ = Kiv::Reactor(watch()->writableCount, [this] {
+      watchIs(try_->socket);
+      try_->onWritable = Kiv::Reactor(watch()->writableCount, [this] {
         if (const std::optional<Event> event = tryToConnect(false)) handle(*event);
       });
       watch()->notifyOnWritableIs(true);
@@ -117,17 +116,15 @@ std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
 }
 
 void TcpClientSm::open() {
-  peer_ = remoteAddr();
-  peerPort_ = remotePort();
   // Attributes may have changed since the machine was enabled.
-  if (peer_.isUnspecified()) throw Kiv::ErrnoException(EDESTADDRREQ, "connect");
-  socket_ = openSocket(peer_.af(), edgeTriggered(), false);
+  if (remoteAddr().isUnspecified()) throw Kiv::ErrnoException(EDESTADDRREQ, "connect");
+  try_.reset(new Try{openSocket(remoteAddr().af(), edgeTriggered(), false), remoteAddr(), remotePort(), {}});
 }
 
 /// Asks by connect(2), which begins what has not begun, and tells what has become of what has.
 bool TcpClientSm::connectedNow() const {
-  const int fd = socket_->descriptor();
-  const detail::SockAddr peer(peer_, peerPort_, scopeOf(*socket_));
+  const int fd = try_->socket->descriptor();
+  const detail::SockAddr peer(try_->peer, try_->port, scopeOf(*try_->socket));
   if (::connect(fd, peer.get(), peer.length()) == 0 || errno == EISCONN) {
     if (connectedToItself(fd, peer)) throw Kiv::ErrnoException(ECONNREFUSED, "connect");
     return true;

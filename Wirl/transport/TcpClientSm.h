@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <optional>
 #include <ostream>
 
@@ -57,9 +58,9 @@ class KIV_API TcpClientSm final : public TcpSm {
   /// In host order.
   KIV_ATTR(U16, remotePort, 0)
   /// How long one try may take; the system's own limit of some two minutes holds as well.
-  KIV_ATTR_READ(Kiv::Time, connectTimeout, std::chrono::seconds(10))
+  KIV_ATTR_RARE_READ(Kiv::Time, connectTimeout, std::chrono::seconds(10))
   /// How long `close()` waits for the peer.
-  KIV_ATTR_READ(Kiv::Time, closeTimeout, std::chrono::seconds(5))
+  KIV_ATTR_RARE_READ(Kiv::Time, closeTimeout, std::chrono::seconds(5))
   KIV_ATTR_READ(State, state, State::disabled)
   /// The connected socket, non-blocking; null unless `connected` or `closing`.
   KIV_ATTR_READ(TcpFileDescriptor::PtrConst, connection)
@@ -122,10 +123,14 @@ class KIV_API TcpClientSm final : public TcpSm {
     if (attr.store(value)) changed(attr.notifiees());
   }
 
-  TcpFileDescriptor::PtrConst socket_;  // while connecting
-  IpGenAddr peer_;                      // to which it is
-  U16 peerPort_ = 0;
-  Kiv::Reactor onWritable_;
+  /// One try to connect.
+  struct Try {
+    TcpFileDescriptor::PtrConst socket;
+    IpGenAddr peer;
+    U16 port;
+    Kiv::Reactor onWritable;
+  };
+  std::unique_ptr<Try> try_;  // while connecting
 };
 
 KIV_API std::ostream& operator<<(std::ostream& out, TcpClientSm::State state);

@@ -7,17 +7,16 @@ using KivcSm = TcpFileDescriptorEventRegistrationKivcSm;
 
 KivcSm::TcpFileDescriptorEventRegistrationKivcSm(Kiv::FileDescriptor& fileDesc,
                                                  TcpFileDescriptorEventRegistrationKivc& registration)
-    : fileDesc_(fileDesc),
-      registration_(registration),
+    : registration_(registration),
       onReadable_(fileDesc.readableCount, [this] { registration_.handleReadable(); }) {
-  if (fileDesc.notifyOnWritable()) writableIsWatched();
+  if (fileDesc.notifyOnWritable()) writableIsWatched(fileDesc);
 }
 
 KivcSm::~TcpFileDescriptorEventRegistrationKivcSm() = default;
 
-void KivcSm::writableIsWatched() {
+void KivcSm::writableIsWatched(Kiv::FileDescriptor& fileDesc) {
   if (onWritable_.registered()) return;
-  onWritable_ = Kiv::Reactor(fileDesc_.writableCount, [this] { registration_.handleWritable(); });
+  onWritable_ = Kiv::Reactor(fileDesc.writableCount, [this] { registration_.handleWritable(); });
 }
 
 TcpFileDescriptorEventRegistrationKivc::TcpFileDescriptorEventRegistrationKivc(
@@ -70,7 +69,7 @@ void TcpFileDescriptorEventRegistrationKivc::handleNotifyOnWritable() {
   if (!fileDesc()) return;
   const bool on = notifyOnWritable();
   try {
-    if (on) sm_->writableIsWatched();
+    if (on) sm_->writableIsWatched(*fileDesc());
     fileDesc()->notifyOnWritableIs(on);
   } catch (...) {
     notifyOnWritableIs(!on);

@@ -17,10 +17,9 @@ class KIV_API TcpFileDescriptorEventRegistrationKivcSm final : public Kiv::PtrIn
   ~TcpFileDescriptorEventRegistrationKivcSm() override;
 
   /// Reacts to writable events from now on. Most registrations never ask for one, and spare the reactor.
-  void writableIsWatched();
+  void writableIsWatched(Kiv::FileDescriptor& fileDesc);
 
  private:
-  Kiv::FileDescriptor& fileDesc_;
   TcpFileDescriptorEventRegistrationKivc& registration_;
   Kiv::Reactor onReadable_;
   Kiv::Reactor onWritable_;

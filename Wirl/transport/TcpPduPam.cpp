@@ -78,13 +78,13 @@ std::ostream& operator<<(std::ostream& out, const TcpPduPamReadReturn& outcome) 
 // ----------------------------------------------------------------------
 
 TcpPduFdSm::TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam)
-    : fd_(fd), pam_(pam), onReadable_(fd.readableCount, [this] { pam_.socketReadableCountInc(1); }) {}
+    : pam_(pam), onReadable_(fd.readableCount, [this] { pam_.socketReadableCountInc(1); }) {}
 
 TcpPduFdSm::~TcpPduFdSm() = default;
 
 void TcpPduFdSm::writableIsWatched() {
   if (onWritable_.registered()) return;
-  onWritable_ = Kiv::Reactor(fd_.writableCount, [this] { pam_.socketWritableCountInc(1); });
+  onWritable_ = Kiv::Reactor(pam_.fd()->writableCount, [this] { pam_.socketWritableCountInc(1); });
 }
 
 TcpPduPamBase::TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
@@ -143,7 +143,7 @@ void TcpPduPam::drop() noexcept {
   ahead_.clear();
   txPktHolderShadow_ = nullptr;
   txBuffer_ = nullptr;
-  txIov_ = {};
+  txIov_ = nullptr;
   txQueue_.clear();
   txRemaining_ = 0;
   txBlocked_ = false;
@@ -695,9 +695,10 @@ int TcpPduPam::sendPieces(const SocketIovec* iov, std::size_t iovLen) {
     }
     KIV_TRACE(trace, 8) << "Partial send " << sent << " bytes. Curr iovec: " << curr;
     try {
-      std::vector<SocketIovec> rest(iov + curr, iov + iovLen);
-      rest[0].iov_base = static_cast<U8*>(rest[0].iov_base) + offset;
-      rest[0].iov_len -= offset;
+      auto rest = std::make_unique<std::vector<SocketIovec>>(iov + curr, iov + iovLen);
+      SocketIovec& first = rest->front();
+      first.iov_base = static_cast<U8*>(first.iov_base) + offset;
+      first.iov_len -= offset;
       txIov_ = std::move(rest);
     } catch (const std::bad_alloc&) {
       return ENOMEM;  // a part is out, and the rest cannot be remembered
@@ -751,7 +752,7 @@ void TcpPduPam::writeCompleteAndSpaceAvailable() {
   txPktHolderShadow_ = nullptr;
   txBuffer_ = nullptr;
   txNext_ = nullptr;
-  txIov_ = {};
+  txIov_ = nullptr;
   txRemaining_ = 0;
   txQueue_.empty() ? spaceAvailable() : txFlush();
 }
@@ -770,8 +771,8 @@ void TcpPduPam::handleSocketWritable() {
   txBlocked_ = false;
   if (txPktHolderShadow_) {
     sendRestOfPkt();
-  } else if (!txIov_.empty()) {
-    sendRestOfIov(txIov_.data(), txIov_.size());
+  } else if (txIov_) {
+    sendRestOfIov(txIov_->data(), txIov_->size());
   } else {
     txFlush();
   }

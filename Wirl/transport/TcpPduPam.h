@@ -3,6 +3,7 @@
 
 #include <sys/uio.h>
 
+#include <memory>
 #include <ostream>
 #include <vector>
 
@@ -51,7 +52,6 @@ class KIV_API TcpPduFdSm final : public Kiv::PtrInterface {
   void writableIsWatched();
 
  private:
-  TcpFileDescriptorEventRegistration& fd_;
   TcpPduPamBase& pam_;
   Kiv::Reactor onReadable_;
   Kiv::Reactor onWritable_;
@@ -155,9 +155,9 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_HOOK(U32, txQueueLimit, 0, handleTxQueueLimit)
   KIV_ATTR_READ(bool, readable, false)  // a whole PDU is held
   KIV_ATTR_READ(bool, writable, false)  // a packet may be sent
-  KIV_ATTR_READ(Kiv::String, rxErrorReason)
-  KIV_ATTR_READ(Kiv::String, txErrorReason)
-  KIV_ATTR_READ(Kiv::String, tcpOptErrorReason)
+  KIV_ATTR_RARE_READ(Kiv::String, rxErrorReason)
+  KIV_ATTR_RARE_READ(Kiv::String, txErrorReason)
+  KIV_ATTR_RARE_READ(Kiv::String, tcpOptErrorReason)
   KIV_ATTR_COUNTER(U32, tcpOptErrors)
   KIV_ATTR_DERIVED(Pkt::Ptr, rxPktHolderShadow)
   KIV_ATTR_DERIVED(U16, rxRemainingLength)
@@ -233,8 +233,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// The packet that was sent in part.
   const Pkt::Ptr& txPktHolderShadow() const noexcept { return txPktHolderShadow_; }
   /// The rest of the pieces that were sent in part; null when there is none.
-  const SocketIovec* txIovHolderShadow() const noexcept { return txIov_.empty() ? nullptr : txIov_.data(); }
-  U16 txIovLenHolderShadow() const noexcept { return static_cast<U16>(txIov_.size()); }
+  const SocketIovec* txIovHolderShadow() const noexcept { return txIov_ ? txIov_->data() : nullptr; }
+  U16 txIovLenHolderShadow() const noexcept { return txIov_ ? static_cast<U16>(txIov_->size()) : 0; }
   U32 txQueued() const noexcept { return txQueue_.size(); }
   /// Octets that the packet or the pieces sent in part lack; 65535 when there are more.
   U16 txRemainingLength() const noexcept {
@@ -282,7 +282,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   bool receiving() const noexcept { return rxPktHolderShadow_ && !readable(); }
   void handleReadError(const ReadOutcome& outcome);
 
-  bool inFlight() const noexcept { return txPktHolderShadow_ || !txIov_.empty(); }
+  bool inFlight() const noexcept { return txPktHolderShadow_ || txIov_; }
   bool blocked() const noexcept { return txBlocked_ || inFlight(); }
   bool sending() const noexcept { return blocked() || !txQueue_.empty(); }
   bool roomToSend() const noexcept;
@@ -302,7 +302,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   Pkt::Ptr txPktHolderShadow_;
   Pkt::SharedBuffer::Ptr txBuffer_;  // of that packet, whatever its holders do with it
   const U8* txNext_ = nullptr;       // in there
-  std::vector<SocketIovec> txIov_;
+  std::unique_ptr<std::vector<SocketIovec>> txIov_;
   detail::SendQueue txQueue_;
   std::size_t txRemaining_ = 0;
   U16 rxRemainingLength_ = 0;

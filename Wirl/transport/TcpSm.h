@@ -29,20 +29,20 @@ class KIV_API TcpSm : public Kiv::Entity {
  public:
   KIV_ENTITY(TcpSm, Kiv::Entity)
   /// Where the socket is bound; `ipunknown`, and port 0 (in host order): the system's choice.
-  KIV_ATTR(IpGenAddr, localAddr)
+  KIV_ATTR_RARE(IpGenAddr, localAddr)
   KIV_ATTR(U16, localPort, 0)
   /// The interface that the socket is tied to, also the scope of link-local addresses; empty: none.
-  KIV_ATTR(Kiv::String, interface)
-  KIV_ATTR(NamespaceName, netNs, NamespaceName("default"))
+  KIV_ATTR_RARE(Kiv::String, interface)
+  KIV_ATTR_RARE(NamespaceName, netNs, NamespaceName("default"))
   /// How the connections report readiness.
   KIV_ATTR(bool, edgeTriggered, false)
   /// After a failure the next try waits `backoffMin`, then twice as long each time, but no longer than
   /// `backoffMax`; a success brings the delay back.
-  KIV_ATTR_READ(Kiv::Time, backoffMin, std::chrono::milliseconds(500))
-  KIV_ATTR_READ(Kiv::Time, backoffMax, std::chrono::seconds(30))
+  KIV_ATTR_RARE_READ(Kiv::Time, backoffMin, std::chrono::milliseconds(500))
+  KIV_ATTR_RARE_READ(Kiv::Time, backoffMax, std::chrono::seconds(30))
   /// The errno of the last failure, and the call and text, as "connect: Connection refused". They stay.
-  KIV_ATTR_READ(S32, lastError, 0)
-  KIV_ATTR_READ(Kiv::String, lastErrorReason)
+  KIV_ATTR_RARE_READ(S32, lastError, 0)
+  KIV_ATTR_RARE_READ(Kiv::String, lastErrorReason)
 
   /// Throw `Kiv::RangeException` for a time that is not above zero.
   void backoffMinIs(Kiv::Time time);

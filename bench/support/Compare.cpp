@@ -75,7 +75,12 @@ void print(const Row& row, Collector& results) {
     }
   }
   if (const auto size = results.sizes.find(oursName(row)); size != results.sizes.end()) {
-    std::printf("%-58s | %10.0f bytes\n", row.work.c_str(), size->second);
+    std::printf("%-58s | %10.0f bytes", row.work.c_str(), size->second);
+    if (row.target.bound > 0) {
+      std::printf(" | %*s<= %5.0f | %s", 62, "", row.target.bound,
+                  size->second <= row.target.bound ? "reached" : "MISSED");
+    }
+    std::printf("\n");
     return;
   }
   if (ours == 0) return;  // filtered out
@@ -103,8 +108,8 @@ void compare(std::string work, Body ours, std::string peer, Body theirs, Target 
   add(peerName(rows().back()), theirs);
 }
 
-void state(std::string work, Body body) {
-  rows().push_back({std::move(work), "", {}});
+void state(std::string work, Body body, double limit) {
+  rows().push_back({std::move(work), "", atMost(limit)});
   add(oursName(rows().back()), body);
 }
 

@@ -26,8 +26,9 @@ inline Target timesFaster(double ratio) {
 /// interleaved. Call it before main, through `BENCH_ROWS`.
 void compare(std::string work, Body ours, std::string peer, Body theirs, Target target);
 
-/// A figure with no peer, for the table's foot: the time, or the counter "bytes" where the body sets it.
-void state(std::string work, Body body);
+/// A figure with no peer, for the table's foot: the time, or the counter "bytes" where the body sets it, of
+/// which there may be `limit`.
+void state(std::string work, Body body, double limit = 0);
 
 struct Rows {
   explicit Rows(void (*add)()) { add(); }

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <list>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -19,7 +21,7 @@ class Lamp : public Entity {
   KIV_ATTR(bool, lit, true)
   KIV_ATTR_HOOK(U8, level, 200, handleLevel)
   KIV_ATTR_COUNTER(U32, clicks)
-  KIV_ATTR(String, label, "none")
+  KIV_ATTR_RARE(String, label, "none")
   KIV_ATTR(Ptr<Entity>, socket)
   KIV_ATTR_DERIVED(int, watts)
 
@@ -178,6 +180,48 @@ TEST_F(ReactorTest, DroppingAClosureThatHoldsTheEntityIsSafe) {
   lamp = nullptr;
   last->clicksInc(1);  // its own last reference goes with the closure, after it has run
   EXPECT_EQ(deaths, 2);
+}
+
+TEST(Attr, ARareOneKeepsItsDefaultUntilItIsSetOrWatched) {
+  const auto lamp = makePtr<Lamp>("lamp"), other = makePtr<Lamp>("other");
+  int runs = 0;
+  lamp->labelIs("none");  // as it is
+  Reactor watching(lamp->label, [&] { ++runs; });
+  EXPECT_EQ(lamp->label(), "none");
+  for (const char* const label : {"none", "x", "x", "none"}) lamp->labelIs(label);
+  EXPECT_EQ(runs, 2);
+  lamp->labelIs("y");
+  EXPECT_EQ(lamp->label() + other->label(), "ynone");
+}
+
+TEST(Reactor, ManyComeAndGoInAnyOrderAlsoWhileTheyRun) {
+  const auto lamp = makePtr<Lamp>("lamp");
+  std::mt19937 random(3);
+  std::list<std::pair<int, Reactor>> all;  // in the order of registration
+  std::vector<int> ran;
+  int next = 0;
+  const auto change = [&] {
+    if (random() % 2 == 0) {
+      const int number = next++;
+      auto& [key, reactor] = all.emplace_back(number, Reactor());
+      reactor = Reactor(lamp->clicks, [&, number] { ran.push_back(number); });
+    } else if (!all.empty()) {
+      all.erase(std::next(all.begin(), static_cast<int>(random() % all.size())));
+    }
+  };
+  const auto running = [&] {
+    std::vector<int> keys;
+    for (const auto& each : all) keys.push_back(each.first);
+    return keys;
+  };
+  for (int round = 0; round < 500; ++round) {
+    for (unsigned i = random() % 4; i > 0; --i) change();
+    ran.clear();
+    lamp->clicksInc(1);
+    ASSERT_EQ(ran, running());
+    const Reactor changing(lamp->clicks, [&] { change(), change(), change(); });
+    lamp->clicksInc(1);
+  }
 }
 
 TEST_F(ReactorTest, WhatItThrowsLeavesThroughTheSetterAndLeavesTheListUsable) {

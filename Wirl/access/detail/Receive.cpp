@@ -60,7 +60,7 @@ Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, RxSide& 
 /// Makes slot `index` ready to receive into; false when there is no memory.
 bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
   iovec& piece = pieces_[index];
-  Pkt* pkt = index < pam.savedPacket_.size() ? pam.savedPacket_[index].get() : nullptr;
+  Pkt* pkt = index < pam.savedPackets() ? pam.saved_->packets[index].get() : nullptr;
   if (!pkt || !reusable(*pkt, 1, room)) {
     const Pkt::Ptr fresh = newRxPkt(room);
     if (!fresh) return false;
@@ -77,14 +77,14 @@ bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
 }
 
 S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
-  pam.savedPacketRx_.clear();
+  pam.savedPacketRxDelAll();
   received_ = 0;
   U16 ready = 0;
   try {
     if (sides_.size() < limit) {
       messages_.resize(limit);
       pieces_.assign(limit, iovec{});  // nothing is ready: all of it has moved
-      pam.savedPacketRx_.reserve(limit);
+      pam.saved().received.reserve(limit);
       sides_.resize(limit);
     }
     while (ready < limit && prepare(pam, ready, room)) ++ready;
@@ -97,9 +97,9 @@ S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
   if (received <= 0) return received;
   received_ = static_cast<U16>(received);
   stale_ = std::max(stale_, received_);
-  pam.savedPacketRx_.assign(received_, true);
+  pam.saved_->received.assign(received_, true);
   for (U16 index = 0; index < received_; ++index) {
-    pam.savedPacket_[index]->delSharedTailData(room - messages_[index].msg_len);
+    pam.saved_->packets[index]->delSharedTailData(room - messages_[index].msg_len);
   }
   return received;
 }

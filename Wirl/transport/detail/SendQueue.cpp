@@ -5,16 +5,16 @@
 
 namespace Wirl::detail {
 
-void SendQueue::clear() noexcept {
-  pieces_.clear();
-  first_ = 0;
+void SendQueue::push(const Pkt& pkt) {
+  if (!queue_) queue_ = std::make_unique<Queue>();
+  queue_->pieces.push_back({pkt.sharedBuffer(), pkt.front(), pkt.frontBytes()});
 }
 
 unsigned SendQueue::gather(struct ::iovec* out, unsigned max, std::size_t& bytes) const noexcept {
   const unsigned count = std::min(size(), max);
   bytes = 0;
   for (unsigned i = 0; i < count; ++i) {
-    const Piece& piece = pieces_[first_ + i];
+    const Piece& piece = queue_->pieces[queue_->first + i];
     out[i] = {const_cast<U8*>(piece.data), piece.bytes};
     bytes += piece.bytes;
   }
@@ -22,20 +22,22 @@ unsigned SendQueue::gather(struct ::iovec* out, unsigned max, std::size_t& bytes
 }
 
 void SendQueue::sent(std::size_t bytes) noexcept {
-  while (first_ < pieces_.size() && pieces_[first_].bytes <= bytes) {
-    bytes -= pieces_[first_].bytes;
-    pieces_[first_].buffer = nullptr;
-    ++first_;
+  if (!queue_) return;
+  auto& [pieces, first] = *queue_;
+  while (first < pieces.size() && pieces[first].bytes <= bytes) {
+    bytes -= pieces[first].bytes;
+    pieces[first].buffer = nullptr;
+    ++first;
   }
-  if (bytes > 0 && first_ < pieces_.size()) {
-    pieces_[first_].data += bytes;
-    pieces_[first_].bytes -= static_cast<U32>(bytes);
+  if (bytes > 0 && first < pieces.size()) {
+    pieces[first].data += bytes;
+    pieces[first].bytes -= static_cast<U32>(bytes);
   }
   // Moves the rest down no more often than it has sent as many.
-  if (first_ * 2 >= pieces_.size()) {
-    pieces_.erase(pieces_.begin(), pieces_.begin() + static_cast<std::ptrdiff_t>(first_));
-    first_ = 0;
-    if (pieces_.capacity() > kKept && pieces_.empty()) std::vector<Piece>().swap(pieces_);
+  if (first * 2 >= pieces.size()) {
+    pieces.erase(pieces.begin(), pieces.begin() + static_cast<std::ptrdiff_t>(first));
+    first = 0;
+    if (pieces.capacity() > kKept && pieces.empty()) std::vector<Piece>().swap(pieces);
   }
 }
 

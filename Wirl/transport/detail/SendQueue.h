@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 
 #include <cstddef>
+#include <memory>
 #include <vector>
 
 #include "Wirl/packet/Pkt.h"
@@ -16,11 +17,11 @@ class SendQueue {
  public:
   static constexpr std::size_t kKept = 64;
 
-  bool empty() const noexcept { return first_ == pieces_.size(); }
-  U32 size() const noexcept { return static_cast<U32>(pieces_.size() - first_); }
-  void clear() noexcept;
+  bool empty() const noexcept { return size() == 0; }
+  U32 size() const noexcept { return queue_ ? static_cast<U32>(queue_->pieces.size() - queue_->first) : 0; }
+  void clear() noexcept { queue_ = nullptr; }
   /// A packet of one piece, in its shared buffer.
-  void push(const Pkt& pkt) { pieces_.push_back({pkt.sharedBuffer(), pkt.front(), pkt.frontBytes()}); }
+  void push(const Pkt& pkt);
   /// Describes the first of them in `out`, at most `max`; returns how many, and their octets in `bytes`.
   unsigned gather(struct ::iovec* out, unsigned max, std::size_t& bytes) const noexcept;
   /// Takes `bytes` off the front.
@@ -32,8 +33,11 @@ class SendQueue {
     const U8* data;
     U32 bytes;
   };
-  std::vector<Piece> pieces_;
-  std::size_t first_ = 0;
+  struct Queue {
+    std::vector<Piece> pieces;
+    std::size_t first = 0;
+  };
+  std::unique_ptr<Queue> queue_;
 };
 
 }  // namespace Wirl::detail
