@@ -8,13 +8,12 @@
 #include <utility>
 
 #include "Kiv/Assert.h"
-#include "Kiv/Trace.h"
 
 namespace Wirl {
 
-namespace {
+const Kiv::TraceHandle BpfFilter::trace_("BpfFilter");
 
-Kiv::TraceHandle trace("BpfFilter");
+namespace {
 
 constexpr int kSnapshotBytes = 65535;
 
@@ -65,29 +64,30 @@ void BpfFilter::bpfFilterStringIs(Kiv::String expression) {
 void BpfFilter::handleFilterString() {
   if (initialized_ && bpfFilter_) {
     freeProgram();
-    KIV_TRACE(trace, 7) << "Freed " << name_;
+    KIV_TRACE(trace_, 7) << "Freed " << name_;
   }
-  bpfFilter_ = nullptr;
+  useProgram(nullptr);
   initialized_ = true;
   if (bpfFilterString_.empty()) return;
   const bool compiled = compilePcapFilter(bpfFilterString_);
   KIV_ASSERT_AS(compiled, "false");
-  bpfFilter_ = bpfFilterHolder_.get();
   // Not cleared: the memory that no packet needs is never touched.
   if (!gathered_) gathered_.reset(new U8[kMaxGatheredBytes]);
-  KIV_TRACE(trace, 6) << "Constructed bpf filter for " << name_;
+  useProgram(bpfFilterHolder_.get());
+  KIV_TRACE(trace_, 6) << "Constructed bpf filter for " << name_;
 }
 
 bool BpfFilter::compilePcapFilter(Kiv::String expression) {
-  KIV_TRACE(trace, 7) << name_ << " compiling " << expression;
+  KIV_TRACE(trace_, 7) << name_ << " compiling " << expression;
   bpf_program program{};
   if (const auto error = compile(expression, program)) {
-    KIV_TRACE(trace, 7) << name_ << " compilation failed with error: " << *error;
+    KIV_TRACE(trace_, 7) << name_ << " compilation failed with error: " << *error;
     pcap_freecode(&program);
     return false;
   }
   freeProgram();
   *bpfFilterHolder_ = program;
+  useProgram(bpfFilter_);
   return true;
 }
 
@@ -95,25 +95,22 @@ void BpfFilter::freeProgram() noexcept {
   pcap_freecode(bpfFilterHolder_.get());  // of an empty one: nothing
 }
 
-bool BpfFilter::match(const Pkt::Ptr& pkt) const {
-  KIV_ASSERT_AS(pkt, "pkt != 0");
-  const bpf_program* const program = bpfFilter_;
-  if (!program) return false;
-  if (pkt->numIovecs() != 1 || trace.enabled(6)) [[unlikely]]
-    return matchSlowly(*pkt);
-  const U32 bytes = pkt->bytes();
-  // As below, without a header to pass the length in: it would cost as much as a short program.
-  return bpf_filter(program->bf_insns, pkt->front(), bytes, bytes) != 0;
+void BpfFilter::useProgram(bpf_program* program) noexcept {
+  bpfFilter_ = program;
+  program_ = program ? program->bf_insns : nullptr;
+  // Not pcap_offline_filter: a header to pass the length in would cost as much as a short program.
+  run_ = program ? bpf_filter : [](const bpf_insn*, const U8*, U32, U32) { return 0u; };
 }
 
 bool BpfFilter::matchSlowly(const Pkt& pkt) const {
+  if (!bpfFilter_) return false;
   U32 present = pkt.bytes();
   const U8* const data = pkt.frontBytes() == present ? pkt.front() : gathered(pkt, present);
   pcap_pkthdr header{};
   header.caplen = present;
   header.len = pkt.bytes();
   const int result = pcap_offline_filter(bpfFilter_, &header, data);
-  KIV_TRACE(trace, 6) << "Did filter " << name_ << " match? " << result;
+  KIV_TRACE(trace_, 6) << "Did filter " << name_ << " match? " << result;
   return result != 0;
 }
 

@@ -7,9 +7,12 @@
 
 #include "Kiv/Ptr.h"
 #include "Kiv/String.h"
+#include "Kiv/Trace.h"
 #include "Wirl/packet/Pkt.h"
 
-struct bpf_program;  // libpcap's: a user of filters needs none of its headers
+// libpcap's: a user of filters needs none of its headers.
+struct bpf_insn;
+struct bpf_program;
 
 namespace Wirl {
 
@@ -57,9 +60,20 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   bool match(const Pkt::Ptr& pkt) const;
 
  private:
+  /// Runs a program over as many bytes as there are, of as many as there were, as libpcap's `bpf_filter` does.
+  using Run = unsigned (*)(const bpf_insn* program, const unsigned char* data, unsigned wireBytes,
+                           unsigned bytes);
+
   void freeProgram() noexcept;
-  bool matchSlowly(const Pkt& pkt) const;  // in pieces, or traced
+  void useProgram(bpf_program* program) noexcept;
+  [[gnu::cold]] bool matchSlowly(const Pkt& pkt) const;  // in pieces, or traced
   const U8* gathered(const Pkt& pkt, U32& bytes) const;
+
+  static const Kiv::TraceHandle trace_;
+
+  // What a match reads, from whichever program is in use. Through a pointer: a user need not link libpcap.
+  Run run_ = nullptr;
+  const bpf_insn* program_ = nullptr;
 
   const Kiv::String name_;
   Kiv::String bpfFilterString_;
@@ -71,5 +85,14 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
 };
 
 KIV_API BpfFilter::Ptr bpfFilterFactory(Kiv::String name);
+
+// Inline: a short program takes hardly longer than a call.
+inline bool BpfFilter::match(const Pkt::Ptr& pkt) const {
+  KIV_ASSERT_AS(pkt, "pkt != 0");
+  const U32 bytes = pkt->bytes();
+  if (pkt->frontBytes() != bytes || trace_.enabled(6)) [[unlikely]]
+    return matchSlowly(*pkt);
+  return run_(program_, pkt->front(), bytes, bytes) != 0;
+}
 
 }  // namespace Wirl
