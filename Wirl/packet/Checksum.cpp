@@ -32,15 +32,88 @@ template <typename Word>
   return word;
 }
 
-// Exact sums. The octets of words are added up apart, the first ones and the second ones, so that neither the
-// machine's order of octets nor a carry between words matters. As many words as a vector holds go at once, in
-// lanes of 16 bits, which are full after 257 rounds. The vectors are the compiler's own: one source for every
-// instruction set.
+// Exact sums. As many words as a vector holds go at once, in lanes of 16 bits: the words as the machine reads
+// them, modulo 2^16, and apart from them their upper octets. What the lower octets add up to is the difference.
+// So neither the machine's order of octets nor a carry between words matters. The vectors are the compiler's
+// own: one source for every instruction set.
 
+constexpr std::size_t kVector = 16;  // the smallest
+constexpr std::size_t kShort = 255;  // up to here the smallest is the fastest
+#if defined(__i386__) && !defined(__SSE2__)
+constexpr bool kHasVectors = false;  // they are in the kernels only
+#else
+constexpr bool kHasVectors = true;
+#endif
+
+/// Takes what is wanted from a vector that reaches further back.
+struct LastOctets {
+  constexpr LastOctets() noexcept {
+    for (std::size_t i = kZeros; i < sizeof(octets); ++i) octets[i] = 0xff;
+  }
+  static constexpr std::size_t kZeros = 64;
+  U8 octets[2 * kZeros]{};
+};
+constexpr LastOctets kLastOctets;
+
+/// Sums of the octets of words.
 template <std::size_t Size>
-struct Lanes {
-  typedef U16 Words __attribute__((vector_size(Size)));
+class Lanes {
+ public:
   typedef U32 Pairs __attribute__((vector_size(Size)));
+
+  /// A lane then holds less than 2^15.
+  static constexpr std::size_t kMost = 128;
+
+  /// Takes vectors and goes behind them.
+  template <int count>
+  [[gnu::always_inline]] void take(const U8*& data) noexcept {
+    for (int i = 0; i < count; ++i, data += Size) {
+      Words words;
+      std::memcpy(&words, data, Size);
+      add(words);
+    }
+  }
+  /// The last `bytes` of the vector that ends at `end`.
+  [[gnu::always_inline]] void takeLast(const U8* end, std::size_t bytes) noexcept {
+    Words words;
+    Words mask;
+    std::memcpy(&words, end - Size, Size);
+    std::memcpy(&mask, kLastOctets.octets + LastOctets::kZeros - Size + bytes, Size);
+    words &= mask;
+    add(words);
+  }
+  [[gnu::always_inline]] void take(const Lanes& other) noexcept {
+    words_ += other.words_;
+    upper_ += other.upper_;
+  }
+  /// The sums of words; which lane has which does not matter.
+  [[gnu::always_inline]] void addTo(Pairs& total) const noexcept {
+    const Words lower = words_ - (upper_ << 8);
+    const Words& first = kBigEndian ? upper_ : lower;
+    const Words& second = kBigEndian ? lower : upper_;
+#ifdef __SSE2__
+    if constexpr (Size == sizeof(__m128i)) {
+      total += reinterpret_cast<Pairs>(_mm_madd_epi16(reinterpret_cast<__m128i>(first), _mm_set1_epi16(256)));
+      total += reinterpret_cast<Pairs>(_mm_madd_epi16(reinterpret_cast<__m128i>(second), _mm_set1_epi16(1)));
+      return;
+    }
+#endif
+    const Pairs firsts = reinterpret_cast<Pairs>(first);
+    const Pairs seconds = reinterpret_cast<Pairs>(second);
+    total += ((firsts & 0xffff) + (firsts >> 16)) << 8;
+    total += (seconds & 0xffff) + (seconds >> 16);
+  }
+
+ private:
+  typedef U16 Words __attribute__((vector_size(Size)));
+
+  [[gnu::always_inline]] void add(const Words& words) noexcept {
+    words_ += words;
+    upper_ += words >> 8;
+  }
+
+  Words words_{};
+  Words upper_{};
 };
 
 template <std::size_t Size>
@@ -55,62 +128,74 @@ template <std::size_t Size>
   }
 }
 
-/// Fewer than 16 bytes.
+/// At most one vector.
 [[gnu::always_inline]] inline U32 sumOfFewWords(const U8* data, std::size_t bytes) noexcept {
-  if (bytes == 0) return 0;
   constexpr U64 kOctets = 0x00ff00ff00ff00ff;
   constexpr U64 kWords = 0x0000ffff0000ffff;
-  U64 eight = 0;
-  U64 four = 0;
-  U64 two = 0;
-  if (bytes & 8) {
-    eight = load<U64>(data);
-    data += 8;
-  }
-  if (bytes & 4) {
-    four = load<U32>(data);
+  U64 low = 0;
+  U64 high = 0;
+  const auto take = [&](U64 words) {
+    low += words & kOctets;
+    high += words >> 8 & kOctets;
+  };
+  for (; bytes >= 8; bytes -= 8, data += 8) take(load<U64>(data));
+  if ((bytes & 4) != 0) {
+    take(load<U32>(data));
     data += 4;
   }
-  if (bytes & 2) two = load<U16>(data);
-  const U64 low = (eight & kOctets) + (four & kOctets) + (two & kOctets);
-  const U64 high = (eight >> 8 & kOctets) + (four >> 8 & kOctets) + (two >> 8);
+  if ((bytes & 2) != 0) take(load<U16>(data));
   const U64 lows = (low & kWords) + (low >> 16 & kWords);
   const U64 highs = (high & kWords) + (high >> 16 & kWords);
   const U64 sums = kBigEndian ? (highs << 8) + lows : (lows << 8) + highs;
   return static_cast<U32>(sums) + static_cast<U32>(sums >> 32);
 }
 
-/// What fills vectors of `Size`, then smaller ones.
+/// What is worth a vector, but not the call of a wider one.
+[[gnu::always_inline]] inline bool forVectorsAtHand(std::size_t bytes) noexcept {
+  return kHasVectors && bytes > kVector && bytes <= kShort && bytes % 2 == 0;
+}
+
+/// More than one vector and at most kShort bytes.
+[[gnu::always_inline]] inline U32 sumOfShort(const U8* data, std::size_t bytes) noexcept {
+  Lanes<kVector> lanes;
+  // The last vector goes first: it may be one of which only a part is new.
+  const std::size_t others = bytes - 1;
+  lanes.takeLast(data + bytes, others % kVector + 1);
+  lanes.take<1>(data);
+  if (const std::size_t rest = others / kVector - 1; rest != 0) {
+    if ((rest & 8) != 0) lanes.take<8>(data);
+    if ((rest & 4) != 0) lanes.take<4>(data);
+    if ((rest & 2) != 0) lanes.take<2>(data);
+    if ((rest & 1) != 0) lanes.take<1>(data);
+  }
+  Lanes<kVector>::Pairs total{};
+  lanes.addTo(total);
+  return sumOfLanes<kVector>(total);
+}
+
 template <std::size_t Size>
 [[gnu::always_inline]] inline U32 sumOfWords(const U8* data, std::size_t bytes) noexcept {
-  using Words = typename Lanes<Size>::Words;
-  using Pairs = typename Lanes<Size>::Pairs;
-  U32 sum = 0;
-  if (bytes >= Size) {
-    Pairs total{};
-    do {
-      std::size_t rounds = std::min<std::size_t>(bytes / Size, 256);
-      bytes -= rounds * Size;
-      Words first{};
-      Words second{};
+  if (bytes <= kVector) return sumOfFewWords(data, bytes);
+  if (bytes <= kShort) return sumOfShort(data, bytes);
+  typename Lanes<Size>::Pairs total{};
+  // Two, so that an addition need not wait for the one before.
+  Lanes<Size> even;
+  Lanes<Size> odd;
+  even.takeLast(data + bytes, (bytes - 1) % Size + 1);
+  std::size_t rest = (bytes - 1) / Size;
+  if (rest % 2 != 0) odd.template take<1>(data);
+  for (rest /= 2;;) {
+    std::size_t rounds = std::min(rest, Lanes<Size>::kMost / 2 - 1);
+    rest -= rounds;
 #pragma GCC unroll 4
-      for (; rounds != 0; --rounds, data += Size) {
-        Words words;
-        std::memcpy(&words, data, Size);
-        first += kBigEndian ? words >> 8 : words & 0xff;
-        second += kBigEndian ? words & 0xff : words >> 8;
-      }
-      const Pairs firsts = (reinterpret_cast<Pairs>(first) & 0xffff) + (reinterpret_cast<Pairs>(first) >> 16);
-      const Pairs seconds =
-          (reinterpret_cast<Pairs>(second) & 0xffff) + (reinterpret_cast<Pairs>(second) >> 16);
-      total += (firsts << 8) + seconds;
-    } while (bytes >= Size);
-    sum = sumOfLanes<Size>(total);
-  }
-  if constexpr (Size > 16) {
-    return sum + sumOfWords<Size / 2>(data, bytes);
-  } else {
-    return sum + sumOfFewWords(data, bytes);
+    for (; rounds != 0; --rounds) {
+      even.template take<1>(data);
+      odd.template take<1>(data);
+    }
+    even.take(odd);
+    even.addTo(total);
+    if (rest == 0) return sumOfLanes<Size>(total);
+    even = odd = {};
   }
 }
 
@@ -167,9 +252,8 @@ U32 chooseAndSum(const U8* data, std::size_t bytes) noexcept {
   return best(data, bytes);
 }
 
-// For what is too short to be worth a vector, and where only the folded sum matters: words of the machine's
-// own size and order, whose carries count as ones, since 2^16 is 1 in this arithmetic.
-constexpr std::size_t kShort = 255;
+// For what is very short or odd, and where only the folded sum matters: words of the machine's own size and order, whose
+// carries count as ones, since 2^16 is 1 in this arithmetic.
 constexpr std::size_t kIpHdr = 20;
 using Word = std::conditional_t<sizeof(void*) == 8, unsigned long long, unsigned>;
 using Carry = unsigned char;
@@ -187,18 +271,20 @@ constexpr std::size_t kWord = sizeof(Word);
 #endif
 }
 
-/// The octets of the checksum, in memory order, from a sum of words.
-[[gnu::always_inline]] inline U16 finished(U64 sum) noexcept {
+/// From a sum of words, in the order of octets that these are in.
+[[gnu::always_inline]] inline U16 checksumOf(U32 sum) noexcept {
   // Added to itself with the halves changed, a number has in its upper half the sum of both, carry included.
-  const auto half = static_cast<U32>((sum + std::rotl(sum, 32)) >> 32);
-  return static_cast<U16>(~(half + std::rotl(half, 16)) >> 16);
+  return static_cast<U16>(~(sum + std::rotl(sum, 16)) >> 16);
+}
+[[gnu::always_inline]] inline U16 checksumOf(U64 sum) noexcept {
+  return checksumOf(static_cast<U32>((sum + std::rotl(sum, 32)) >> 32));
 }
 
 /// Of an IPv4 header without options, the most frequent one.
 [[gnu::always_inline]] inline U16 ipHdrChecksum(const U8* data, U64 start) noexcept {
   U64 sum = start;
   for (std::size_t i = 0; i < kIpHdr; i += 4) sum += load<U32>(data + i);
-  return finished(sum);
+  return checksumOf(sum);
 }
 
 /// Adds `count` words, carries and all, and goes behind them.
@@ -230,24 +316,32 @@ template <std::size_t count>
   }
   U64 sum = words;
   sum += __builtin_add_overflow(sum, rest, &sum);
-  return finished(sum);
+  return checksumOf(sum);
 }
 
 [[gnu::noinline]] IpChecksum longChecksum(const char* data, U16 len, U32 sum) noexcept {
   sum += sumOfEven.load(std::memory_order_relaxed)(reinterpret_cast<const U8*>(data), len & ~1u);
   if (len % 2 != 0) sum += U32{static_cast<U8>(data[len - 1])} << 8;
-  while (sum >> 16 != 0) sum = (sum & 0xffff) + (sum >> 16);
-  return IpChecksum(static_cast<U16>(sum ^ 0xffff));
+  return IpChecksum(checksumOf(sum));
+}
+
+[[gnu::noinline]] U32 otherChunk(const char* data, U16 len, U32 sum) {
+  KIV_ASSERT_AS(len % 2 == 0, "(len % 2) == 0");
+  return sum + sumOfEven.load(std::memory_order_relaxed)(reinterpret_cast<const U8*>(data), len);
 }
 
 }  // namespace
 
 U32 ipChecksumChunk(const char* data, U16 len, U32 sum) {
-  KIV_ASSERT_AS(len % 2 == 0, "(len % 2) == 0");
-  return sum + sumOfEven.load(std::memory_order_relaxed)(reinterpret_cast<const U8*>(data), len);
+  if (!forVectorsAtHand(len)) return otherChunk(data, len, sum);
+  return sum + sumOfShort(reinterpret_cast<const U8*>(data), len);
 }
 
 IpChecksum ipChecksumCalc(const char* data, U16 len, U32 sum) {
+  if (forVectorsAtHand(len) && len != kIpHdr) {
+    sum += sumOfShort(reinterpret_cast<const U8*>(data), len);
+    return IpChecksum(checksumOf(sum));
+  }
   // Data adds less than 2^31, so that nothing is cut off here as it is from a larger start.
   if (len > kShort || sum > 0x7fffffff) [[unlikely]]
     return longChecksum(data, len, sum);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <optional>
 
+#include "Kiv/Trace.h"
 #include "Wirl/packet/PktChecks.h"
 #include "fuzz/packet/FuzzPkt.h"
 
@@ -177,6 +178,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   const U8 mend = input.octet();
   const U8 optionType = input.octet();
   const U32 protocol = input.octet() | ((mend & 16) != 0 ? 0x100u : 0u);
+  // What is traced of a hostile frame is made, and thrown away.
+  static bool traced = false;
+  if (traced != ((mend & 32) != 0)) {
+    traced = !traced;
+    Kiv::traceSinkIs([](auto...) {});
+    Kiv::traceIs(traced ? "*/0-9" : "");
+  }
   Input shape = input;
   input.number<U16>();
   std::string frame = input.rest();
