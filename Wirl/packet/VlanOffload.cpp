@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/packet/VlanOffload.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace Wirl {
@@ -36,16 +35,22 @@ bool hasVlanTagToOffload(const Pkt& pkt) {
 bool maybeOffloadAnyVlanTag(const Pkt::Ptr& pkt) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   if (!hasVlanTagToOffload(*pkt)) return false;
-  const U32 fromPrivate = std::min(privateBytes(*pkt), kTag);
-  if (fromPrivate < kTag) pkt->keepShownData();
+  // Private data must not become empty: it could not be begun again.
+  const U32 inPrivate = privateBytes(*pkt);
+  const bool outOfPrivate = inPrivate > kTag;
+  const U32 staying = outOfPrivate ? 0 : inPrivate;
+  if (!outOfPrivate) pkt->keepShownData();
   pkt->newSeparateVlanTag(word(*pkt, kAddresses + 2), word(*pkt, kAddresses));
   if (pkt->frontBytes() >= kAddresses + kTag) {
     std::memmove(pkt->front() + kTag, pkt->front(), kAddresses);
   } else {
-    for (U32 i = kAddresses; i-- > 0;) pkt->rawByteIs(i + kTag, pkt->rawByte(i));
+    for (U32 i = kAddresses; i-- > staying;) pkt->rawByteIs(i + kTag, pkt->rawByte(i));
   }
-  if (fromPrivate > 0) pkt->delPrivateHeadData(fromPrivate);
-  if (fromPrivate < kTag) pkt->delSharedHeadData(kTag - fromPrivate);
+  if (outOfPrivate) {
+    pkt->delPrivateHeadData(kTag);
+  } else {
+    pkt->delSharedHeadData(kTag);
+  }
   return true;
 }
 

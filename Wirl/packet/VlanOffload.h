@@ -14,7 +14,8 @@ namespace Wirl {
 KIV_API bool hasVlanTagToOffload(const Pkt& pkt);
 
 /// Moves the outermost tag out of the frame into the separate tag; true when it did. Anything else than the
-/// above is left alone. Out of 4 or fewer private bytes it leaves an empty first piece, as shrinking does.
+/// above is left alone. Private head data loses 4 bytes where it has more; where not, it stays, and the shared
+/// data loses them.
 KIV_API bool maybeOffloadAnyVlanTag(const Pkt::Ptr& pkt);
 
 /// Puts the separate tag back behind the two addresses; true when it did. A packet without a separate tag or

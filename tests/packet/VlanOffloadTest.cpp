@@ -39,6 +39,7 @@ TEST(VlanOffload, MovesTheOutermostTagOutAndBackWhereverItLies) {
           ASSERT_TRUE(maybeOffloadAnyVlanTag(pkt));
           EXPECT_EQ(std::string(pkt->stringValue()), frame.substr(0, 12) + frame.substr(16));
           EXPECT_EQ(std::string(pkt->stringValueMaybeWithVlan()), frame);
+          EXPECT_EQ(pkt->frontBytes(), inPrivate > 4 ? inPrivate - 4 : inPrivate > 0 ? inPrivate : size - 4);
           EXPECT_FALSE(maybeOffloadAnyVlanTag(pkt));  // one tag at a time, also where another one follows
           ASSERT_TRUE(maybeRestoreVlanTag(pkt));
           EXPECT_EQ(std::string(pkt->stringValue()), frame);
