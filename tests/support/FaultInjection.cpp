@@ -56,8 +56,7 @@ struct Verdict {
   }
 
   /// The failure of a call that returns -1 and sets errno.
-  template <typename Result = int>
-  Result failure() const {
+  int failure() const {
     errno = error;
     return -1;
   }
@@ -115,32 +114,35 @@ Fault::~Fault() {
   extern "C" result __wrap_##name(__VA_ARGS__); \
   extern "C" result __wrap_##name(__VA_ARGS__)
 
-// A call that fails or does not.
-#define PLAIN(name, parameters, arguments)       \
-  WRAPPER(int, name, UNPACK parameters) {        \
-    const Verdict verdict(Call::name);           \
-    if (verdict.error) return verdict.failure(); \
-    return __real_##name arguments;              \
+// A call that fails or does not; what it moves is cut to the limit in its arguments.
+#define PLAIN(result, name, parameters, arguments) \
+  WRAPPER(result, name, UNPACK parameters) {       \
+    const Verdict verdict(Call::name);             \
+    if (verdict.error) return verdict.failure();   \
+    return __real_##name arguments;                \
   }
 #define UNPACK(...) __VA_ARGS__
 
-PLAIN(accept, (int fd, sockaddr* peer, socklen_t* length), (fd, peer, length))
-PLAIN(accept4, (int fd, sockaddr* peer, socklen_t* length, int flags), (fd, peer, length, flags))
-PLAIN(bind, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
-PLAIN(connect, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
-PLAIN(epoll_create1, (int flags), (flags))
-PLAIN(epoll_ctl, (int fd, int operation, int watched, epoll_event* event), (fd, operation, watched, event))
-PLAIN(epoll_pwait2, (int fd, epoll_event* events, int count, const timespec* timeout, const sigset_t* mask),
+PLAIN(int, accept, (int fd, sockaddr* peer, socklen_t* length), (fd, peer, length))
+PLAIN(int, accept4, (int fd, sockaddr* peer, socklen_t* length, int flags), (fd, peer, length, flags))
+PLAIN(int, bind, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
+PLAIN(int, connect, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
+PLAIN(int, epoll_create1, (int flags), (flags))
+PLAIN(int, epoll_ctl, (int fd, int operation, int watched, epoll_event* event),
+      (fd, operation, watched, event))
+PLAIN(int, epoll_pwait2,
+      (int fd, epoll_event* events, int count, const timespec* timeout, const sigset_t* mask),
       (fd, events, count, timeout, mask))
-PLAIN(epoll_wait, (int fd, epoll_event* events, int count, int timeout), (fd, events, count, timeout))
-PLAIN(getsockopt, (int fd, int level, int option, void* value, socklen_t* length),
+PLAIN(int, epoll_wait, (int fd, epoll_event* events, int count, int timeout), (fd, events, count, timeout))
+PLAIN(int, getsockopt, (int fd, int level, int option, void* value, socklen_t* length),
       (fd, level, option, value, length))
-PLAIN(setns, (int fd, int type), (fd, type))
-PLAIN(setsockopt, (int fd, int level, int option, const void* value, socklen_t length),
+PLAIN(int, setns, (int fd, int type), (fd, type))
+PLAIN(int, setsockopt, (int fd, int level, int option, const void* value, socklen_t length),
       (fd, level, option, value, length))
-PLAIN(socket, (int family, int type, int protocol), (family, type, protocol))
-PLAIN(timerfd_create, (int clock, int flags), (clock, flags))
-PLAIN(timerfd_settime, (int fd, int flags, const itimerspec* value, itimerspec* old), (fd, flags, value, old))
+PLAIN(int, socket, (int family, int type, int protocol), (family, type, protocol))
+PLAIN(int, timerfd_create, (int clock, int flags), (clock, flags))
+PLAIN(int, timerfd_settime, (int fd, int flags, const itimerspec* value, itimerspec* old),
+      (fd, flags, value, old))
 
 WRAPPER(int, close, int fd) {
   const Verdict verdict(Call::close);
@@ -154,25 +156,19 @@ WRAPPER(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes
   return verdict.error ? verdict.error : __real_pthread_create(thread, attributes, run, argument);
 }
 
-WRAPPER(int, fcntl, int fd, int command, ...) {
-  const Verdict verdict(Call::fcntl);
-  if (verdict.error) return verdict.failure();
-  va_list list;
-  va_start(list, command);
-  void* const argument = va_arg(list, void*);  // an int, too, takes one slot
-  va_end(list);
-  return __real_fcntl(fd, command, argument);
-}
-
-WRAPPER(int, ioctl, int fd, unsigned long request, ...) {
-  const Verdict verdict(Call::ioctl);
-  if (verdict.error) return verdict.failure();
-  va_list list;
-  va_start(list, request);
-  void* const argument = va_arg(list, void*);
-  va_end(list);
-  return __real_ioctl(fd, request, argument);
-}
+// A call whose last argument may be missing; an int, too, takes one slot.
+#define WITH_ARGUMENT(name, type)                \
+  WRAPPER(int, name, int fd, type what, ...) {   \
+    const Verdict verdict(Call::name);           \
+    if (verdict.error) return verdict.failure(); \
+    va_list list;                                \
+    va_start(list, what);                        \
+    void* const argument = va_arg(list, void*);  \
+    va_end(list);                                \
+    return __real_##name(fd, what, argument);    \
+  }
+WITH_ARGUMENT(fcntl, int)
+WITH_ARGUMENT(ioctl, unsigned long)
 
 WRAPPER(int, open, const char* path, int flags, ...) {
   const Verdict verdict(Call::open);
@@ -194,21 +190,14 @@ WRAPPER(int, openat, int directory, const char* path, int flags, ...) {
   return __real_openat(directory, path, flags, mode);
 }
 
-WRAPPER(ssize_t, send, int fd, const void* data, std::size_t size, int flags) {
-  const Verdict verdict(Call::send);
-  if (verdict.error) return verdict.failure<ssize_t>();
-  return __real_send(fd, data, std::min(size, verdict.limit), flags);
-}
-
-WRAPPER(ssize_t, recv, int fd, void* data, std::size_t size, int flags) {
-  const Verdict verdict(Call::recv);
-  if (verdict.error) return verdict.failure<ssize_t>();
-  return __real_recv(fd, data, std::min(size, verdict.limit), flags);
-}
+PLAIN(ssize_t, send, (int fd, const void* data, std::size_t size, int flags),
+      (fd, data, std::min(size, verdict.limit), flags))
+PLAIN(ssize_t, recv, (int fd, void* data, std::size_t size, int flags),
+      (fd, data, std::min(size, verdict.limit), flags))
 
 WRAPPER(ssize_t, sendmsg, int fd, const msghdr* message, int flags) {
   const Verdict verdict(Call::sendmsg);
-  if (verdict.error) return verdict.failure<ssize_t>();
+  if (verdict.error) return verdict.failure();
   if (!verdict.isShort()) return __real_sendmsg(fd, message, flags);
   std::vector<iovec> pieces = verdict.shortened(message->msg_iov, message->msg_iovlen);
   msghdr less = *message;
@@ -218,7 +207,7 @@ WRAPPER(ssize_t, sendmsg, int fd, const msghdr* message, int flags) {
 
 WRAPPER(ssize_t, recvmsg, int fd, msghdr* message, int flags) {
   const Verdict verdict(Call::recvmsg);
-  if (verdict.error) return verdict.failure<ssize_t>();
+  if (verdict.error) return verdict.failure();
   if (!verdict.isShort()) return __real_recvmsg(fd, message, flags);
   std::vector<iovec> pieces = verdict.shortened(message->msg_iov, message->msg_iovlen);
   iovec* const whole = std::exchange(message->msg_iov, pieces.data());
@@ -227,16 +216,12 @@ WRAPPER(ssize_t, recvmsg, int fd, msghdr* message, int flags) {
   return result;
 }
 
-WRAPPER(int, recvmmsg, int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout) {
-  const Verdict verdict(Call::recvmmsg);
-  if (verdict.error) return verdict.failure();
-  const auto most = static_cast<unsigned>(std::min<std::size_t>(count, verdict.limit));
-  return __real_recvmmsg(fd, messages, most, flags, timeout);
-}
+PLAIN(int, recvmmsg, (int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout),
+      (fd, messages, static_cast<unsigned>(std::min<std::size_t>(count, verdict.limit)), flags, timeout))
 
 WRAPPER(ssize_t, writev, int fd, const iovec* pieces, int count) {
   const Verdict verdict(Call::writev);
-  if (verdict.error) return verdict.failure<ssize_t>();
+  if (verdict.error) return verdict.failure();
   if (!verdict.isShort()) return __real_writev(fd, pieces, count);
   const std::vector<iovec> less = verdict.shortened(pieces, static_cast<std::size_t>(count));
   return __real_writev(fd, less.data(), count);

@@ -6,34 +6,13 @@
 #include <functional>
 
 /// The system calls that can be made to fail, in the library and in the test program itself, on any thread.
+// clang-format off
 enum class Call {
-  accept,
-  accept4,
-  bind,
-  close,
-  connect,
-  epoll_create1,
-  epoll_ctl,
-  epoll_pwait2,
-  epoll_wait,
-  fcntl,
-  getsockopt,
-  ioctl,
-  open,
-  openat,
-  pthread_create,
-  recv,
-  recvmmsg,
-  recvmsg,
-  send,
-  sendmsg,
-  setns,
-  setsockopt,
-  socket,
-  timerfd_create,
-  timerfd_settime,
-  writev
+  accept, accept4, bind, close, connect, epoll_create1, epoll_ctl, epoll_pwait2, epoll_wait, fcntl,
+  getsockopt, ioctl, open, openat, pthread_create, recv, recvmmsg, recvmsg, send, sendmsg, setns,
+  setsockopt, socket, timerfd_create, timerfd_settime, writev
 };
+// clang-format on
 
 /// A count of octets (of messages with recvmmsg) that a call is not to exceed, whatever it is asked for.
 /// Applies to the calls that move data; the others ignore it.

@@ -28,62 +28,23 @@ IpAddr ip(std::string_view text) {
 }
 
 TEST(IpAddr, ReadsDottedDecimal) {
-  table::expectAccepted<IpAddr>({
-      {"0.0.0.0", "0.0.0.0"},
-      {"10.0.0.1", "10.0.0.1"},
-      {"255.255.255.255", "255.255.255.255"},
-      {"9.10.99.100", "9.10.99.100"},
-      {"010.001.000.001", "10.1.0.1"},
-      {"0000255.0.0.08", "255.0.0.8"},
-      {"1.2.3.000000000000000000000000000000000004", "1.2.3.4"},
-      {"00000000000000000000000000000000000000.2.3.4", "0.2.3.4"},
-  });
+  table::expectReads<IpAddr>({"0.0.0.0", "10.0.0.1", "255.255.255.255", "9.10.99.100",
+                              "010.001.000.001 -> 10.1.0.1", "0000255.0.0.08 -> 255.0.0.8",
+                              "1.2.3.000000000000000000000000000000000004 -> 1.2.3.4",
+                              "00000000000000000000000000000000000000.2.3.4 -> 0.2.3.4"});
 }
 
 TEST(IpAddr, RefusesEveryOtherText) {
-  const auto invalid = "Invalid IpAddr"sv;
-  table::expectRejected<IpAddr>(ip("9.8.7.6"), {{"", invalid},
-                                                {"1", invalid},
-                                                {"1.", invalid},
-                                                {"10.1", invalid},
-                                                {"10.0.0", invalid},
-                                                {"10.0.0.", invalid},
-                                                {"1.2.3.4.", invalid},
-                                                {"1.2.3.4.5", invalid},
-                                                {"1..2.3", invalid},
-                                                {".1.2.3", invalid},
-                                                {"1.2..3.4", invalid},
-                                                {"256.0.0.1", invalid},
-                                                {"1.2.3.256", invalid},
-                                                {"1.300.3.4", invalid},
-                                                {"1.2.999.4", invalid},
-                                                {"1.2.3.1000", invalid},
-                                                {"0256.1.1.1", invalid},
-                                                {" 1.2.3.4", invalid},
-                                                {"1.2.3.4 ", invalid},
-                                                {"1.2.3.4\n", invalid},
-                                                {"1. 2.3.4", invalid},
-                                                {"1.2.3.4\0"sv, invalid},
-                                                {"1.2\0.3.4"sv, invalid},
-                                                {"\0"sv, invalid},
-                                                {"a.b.c.d", invalid},
-                                                {"0x1.2.3.4", invalid},
-                                                {"1.2.3.4a", invalid},
-                                                {"+1.2.3.4", invalid},
-                                                {"-1.2.3.4", invalid},
-                                                {"1,2,3,4", invalid},
-                                                {"1/2.3.4", invalid},
-                                                {"1.2.3:4", invalid},
-                                                {"\xb1.2.3.4", invalid},
-                                                {"1234567890", invalid},
-                                                {"1.2.3.\xff", invalid},
-                                                {"...", invalid},
-                                                {"1.2.3.4/24", invalid},
-                                                // Octets that would fit if they wrapped at 8, 32 or 64 bits.
-                                                {"257.0.0.1", invalid},
-                                                {"4294967297.0.0.1", invalid},
-                                                {"18446744073709551617.0.0.1", invalid},
-                                                {"1.2.3.100000000000000000000000000001", invalid}});
+  table::expectRefused<IpAddr>(
+      ip("9.8.7.6"), "Invalid IpAddr",
+      {"", "1", "1.", "10.1", "10.0.0", "10.0.0.", "1.2.3.4.", "1.2.3.4.5", "1..2.3", ".1.2.3", "1.2..3.4",
+       "256.0.0.1", "1.2.3.256", "1.300.3.4", "1.2.999.4", "1.2.3.1000", "0256.1.1.1", " 1.2.3.4", "1.2.3.4 ",
+       "1.2.3.4\n", "1. 2.3.4", "1.2.3.4\0"sv, "1.2\0.3.4"sv, "\0"sv, "a.b.c.d", "0x1.2.3.4", "1.2.3.4a",
+       "+1.2.3.4", "-1.2.3.4", "1,2,3,4", "1/2.3.4", "1.2.3:4", "\xb1.2.3.4", "1234567890", "1.2.3.\xff",
+       "...", "1.2.3.4/24",
+       // Octets that would fit if they wrapped at 8, 32 or 64 bits.
+       "257.0.0.1", "4294967297.0.0.1", "18446744073709551617.0.0.1",
+       "1.2.3.100000000000000000000000000001"});
 }
 
 /// The grammar as it is written down: octets and the characters read.
@@ -171,61 +132,38 @@ TEST(IpAddr, ClassifiesAddresses) {
   // Zero and any, this network, multicast, reserved multicast, PIM routers, unicast, broadcast, loopback,
   // loopback base, link-local, private.
   const char kinds[] = "ZTMRPUBLbKp";
-  const struct {
-    const char* text;
-    const char* holds;
-  } rows[] = {
-      {"0.0.0.0", "ZTU"},
-      {"0.0.0.1", "TU"},
-      {"0.255.255.255", "TU"},
-      {"1.0.0.0", "U"},
-      {"224.0.0.0", "MR"},
-      {"224.0.0.13", "MRP"},
-      {"224.0.0.255", "MR"},
-      {"224.0.1.0", "M"},
-      {"225.0.0.13", "M"},
-      {"239.255.255.255", "Mp"},
-      {"223.255.255.255", "Up"},
-      {"240.0.0.1", "U"},
-      {"255.255.255.255", "Bp"},
-      {"255.255.255.254", "Up"},
-      {"127.0.0.0", "ULbp"},
-      {"127.0.0.1", "ULp"},
-      {"127.255.255.255", "ULp"},
-      {"126.255.255.255", "Up"},
-      {"169.254.0.0", "UK"},
-      {"169.254.255.255", "UK"},
-      {"169.253.255.255", "U"},
-      {"169.255.0.0", "U"},
+  const std::pair<const char*, std::vector<std::string_view>> rows[] = {
+      {"ZTU", {"0.0.0.0"}},
+      {"TU", {"0.0.0.1", "0.255.255.255"}},
+      {"U", {"1.0.0.0", "240.0.0.1", "169.253.255.255", "169.255.0.0"}},
+      {"MR", {"224.0.0.0", "224.0.0.255"}},
+      {"MRP", {"224.0.0.13"}},
+      {"M", {"224.0.1.0", "225.0.0.13"}},
+      {"Mp", {"239.255.255.255"}},
+      {"Up", {"223.255.255.255", "255.255.255.254", "126.255.255.255"}},
+      {"Bp", {"255.255.255.255"}},
+      {"ULbp", {"127.0.0.0"}},
+      {"ULp", {"127.0.0.1", "127.255.255.255"}},
+      {"UK", {"169.254.0.0", "169.254.255.255"}},
       // All bits of 10.0.0.0, 172.16.0.0 or 192.168.0.0 make an address private, whatever else is set.
-      {"10.1.2.3", "Up"},
-      {"11.0.0.1", "Up"},
-      {"42.0.0.1", "Up"},
-      {"9.255.255.255", "U"},
-      {"172.16.0.0", "Up"},
-      {"172.20.0.1", "Up"},
-      {"172.32.0.1", "U"},
-      {"172.48.0.1", "Up"},
-      {"172.15.0.1", "U"},
-      {"192.168.1.1", "Up"},
-      {"192.169.0.0", "Up"},
-      {"192.167.255.255", "U"},
-      {"193.168.0.0", "Up"},
-      {"8.8.8.8", "U"},
-      {"2.0.0.0", "U"},
-  };
-  for (const auto& row : rows) {
-    const IpAddr a(row.text);
-    const bool holds[] = {a.isZero(),         a.isThisNetwork(), a.isMulticast(), a.isReservedMulticast(),
-                          a.isPimRouters(),   a.isUnicast(),     a.isBroadcast(), a.isLoopback(),
-                          a.isLoopbackBase(), a.isLinkLocal(),   a.isPrivate()};
-    std::string seen;
-    for (std::size_t i = 0; i < std::size(holds); ++i) {
-      if (holds[i]) seen += kinds[i];
+      {"Up",
+       {"10.1.2.3", "11.0.0.1", "42.0.0.1", "172.16.0.0", "172.20.0.1", "172.48.0.1", "192.168.1.1",
+        "192.169.0.0", "193.168.0.0"}},
+      {"U", {"9.255.255.255", "172.32.0.1", "172.15.0.1", "192.167.255.255", "8.8.8.8", "2.0.0.0"}}};
+  for (const auto& [expected, addresses] : rows) {
+    for (const std::string_view text : addresses) {
+      const IpAddr a(text);
+      const bool holds[] = {a.isZero(),         a.isThisNetwork(), a.isMulticast(), a.isReservedMulticast(),
+                            a.isPimRouters(),   a.isUnicast(),     a.isBroadcast(), a.isLoopback(),
+                            a.isLoopbackBase(), a.isLinkLocal(),   a.isPrivate()};
+      std::string seen;
+      for (std::size_t i = 0; i < std::size(holds); ++i) {
+        if (holds[i]) seen += kinds[i];
+      }
+      EXPECT_EQ(seen, expected) << a;
+      EXPECT_EQ(a.isAny(), a.isZero());
+      EXPECT_EQ(a.isLinkLocalUnicast(), a.isLinkLocal());
     }
-    EXPECT_EQ(seen, row.holds) << row.text;
-    EXPECT_EQ(a.isAny(), a.isZero());
-    EXPECT_EQ(a.isLinkLocalUnicast(), a.isLinkLocal());
   }
 }
 
@@ -288,39 +226,18 @@ TEST(IpAddr, ConvertsAndCompares) {
 }
 
 TEST(Prefix, ReadsAddressAndLength) {
-  table::expectAccepted<Prefix>({{"10.1.0.0/16", "10.1.0.0/16"},
-                                 {"0.0.0.0/0", "0.0.0.0/0"},
-                                 {"255.255.255.255/32", "255.255.255.255/32"},
-                                 {"128.0.0.0/000000000000000000000001", "128.0.0.0/1"}});
-  const auto address = "Invalid IpAddr"sv;
-  const auto length = "premature end of Prefix type"sv;
-  const auto host = "Invalid Prefix - non-zero after prefixlen"sv;
-  table::expectRejected<Prefix>(Prefix("10.0.0.0/8"),
-                                {{"", address},
-                                 {"10.0.0/8", address},
-                                 {"/8", address},
-                                 {" 10.0.0.0/8", address},
-                                 {"256.0.0.0/8", address},
-                                 {"10.0.0.0", length},
-                                 {"10.0.0.0/", length},
-                                 {"10.0.0.0/x", length},
-                                 {"10.0.0.0 /8", length},
-                                 {"10.0.0.0/ 8", length},
-                                 {"10.0.0.0/-8", length},
-                                 {"10.0.0.0\0/8"sv, length},
-                                 {"10.0.0.0.0/8", length},
-                                 {"10.1.0.1/16", host},
-                                 {"1.0.0.0/0", host},
-                                 {"10.0.0.1/31", host},
-                                 {"10.0.0.0/33", host},
-                                 {"10.0.0.0/255.0.0.0", host},
-                                 {"10.0.0.0/8 ", host},
-                                 {"10.0.0.0/8/8", host},
-                                 {"10.0.0.0/8\0"sv, host},
-                                 // The marker of no length, and lengths that would be 8 if they wrapped.
-                                 {"10.0.0.0/4294967295", host},
-                                 {"10.0.0.0/4294967304", host},
-                                 {"10.0.0.0/18446744073709551624", host}});
+  table::expectReads<Prefix>({"10.1.0.0/16", "0.0.0.0/0", "255.255.255.255/32",
+                              "128.0.0.0/000000000000000000000001 -> 128.0.0.0/1"});
+  const Prefix before("10.0.0.0/8");
+  table::expectRefused(before, "Invalid IpAddr", {"", "10.0.0/8", "/8", " 10.0.0.0/8", "256.0.0.0/8"});
+  table::expectRefused(before, "premature end of Prefix type",
+                       {"10.0.0.0", "10.0.0.0/", "10.0.0.0/x", "10.0.0.0 /8", "10.0.0.0/ 8", "10.0.0.0/-8",
+                        "10.0.0.0\0/8"sv, "10.0.0.0.0/8"});
+  table::expectRefused(before, "Invalid Prefix - non-zero after prefixlen",
+                       {"10.1.0.1/16", "1.0.0.0/0", "10.0.0.1/31", "10.0.0.0/33", "10.0.0.0/255.0.0.0",
+                        "10.0.0.0/8 ", "10.0.0.0/8/8", "10.0.0.0/8\0"sv,
+                        // The marker of no length, and lengths that would be 8 if they wrapped.
+                        "10.0.0.0/4294967295", "10.0.0.0/4294967304", "10.0.0.0/18446744073709551624"});
   EXPECT_EQ(table::streamed(Prefix(ip("10.1.2.3"), Prefix::kNoLen)), "10.1.2.3/4294967295");
 }
 
@@ -393,20 +310,14 @@ TEST(Prefix, SortsTheMoreSpecificFirst) {
 }
 
 TEST(IpAddrWithMask, KeepsHostBitsAndEveryLength) {
-  table::expectAccepted<IpAddrWithMask>({{"10.1.2.3/24", "10.1.2.3/24"},
-                                         {"10.1.2.3/40", "10.1.2.3/40"},
-                                         {"10.1.2.3/0", "10.1.2.3/0"},
-                                         {"1.2.3.4/4294967295", "1.2.3.4/4294967295"},
-                                         // Never wraps, however many digits there are.
-                                         {"1.2.3.4/4294967296", "1.2.3.4/4294967295"},
-                                         {"1.2.3.4/100000000000000000000000000008", "1.2.3.4/4294967295"}});
-  table::expectRejected<IpAddrWithMask>(IpAddrWithMask("1.2.3.4/5"),
-                                        {{"", "Invalid IpAddr"},
-                                         {"10.1.2/24", "Invalid IpAddr"},
-                                         {"10.1.2.3", "premature end of Prefix type"},
-                                         {"10.1.2.3/", "premature end of Prefix type"},
-                                         {"10.1.2.3/24 ", "Invalid IpAddrWithMask"},
-                                         {"10.1.2.3/24.", "Invalid IpAddrWithMask"}});
+  table::expectReads<IpAddrWithMask>({"10.1.2.3/24", "10.1.2.3/40", "10.1.2.3/0", "1.2.3.4/4294967295",
+                                      // Never wraps, however many digits there are.
+                                      "1.2.3.4/4294967296 -> 1.2.3.4/4294967295",
+                                      "1.2.3.4/100000000000000000000000000008 -> 1.2.3.4/4294967295"});
+  const IpAddrWithMask before("1.2.3.4/5");
+  table::expectRefused(before, "Invalid IpAddr", {"", "10.1.2/24"});
+  table::expectRefused(before, "premature end of Prefix type", {"10.1.2.3", "10.1.2.3/"});
+  table::expectRefused(before, "Invalid IpAddrWithMask", {"10.1.2.3/24 ", "10.1.2.3/24."});
   table::expectOrdered<IpAddrWithMask>({IpAddrWithMask("9.0.0.0/32"), IpAddrWithMask("10.0.0.0/8"),
                                         IpAddrWithMask("10.0.0.0/16"), IpAddrWithMask("10.0.0.0/4294967295"),
                                         IpAddrWithMask("10.0.0.1/0")});
@@ -421,19 +332,15 @@ TEST(IpAddrWithMask, KeepsHostBitsAndEveryLength) {
 
 TEST(IpAddrWithFullMask, PrintsAndReadsItsRepresentation) {
   const auto text = "Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 4278255360})"sv;
-  table::expectAccepted<IpAddrWithFullMask>({{text, text}});
+  table::expectReads<IpAddrWithFullMask>({text});
   EXPECT_EQ(table::streamed(IpAddrWithFullMask(ip("10.1.2.3"), 0xff00ff00)), text);
-  const auto invalid = "Invalid IpAddrWithFullMask"sv;
-  table::expectRejected<IpAddrWithFullMask>(
-      IpAddrWithFullMask(text),
-      {{"", invalid},
-       {"10.1.2.3/8", invalid},
-       {"Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 1}) ", invalid},
-       {"Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3,'mask': 1})", invalid},
-       {"Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2, 'mask': 1})", "Invalid IpAddr"},
-       {"Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 4294967296})",
-        "Integer out of range"},
-       {"Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': -1})", "Invalid integer"}});
+  const IpAddrWithFullMask before(text);
+  const std::string type = "Value('Wirl::IpAddrWithFullMask', ** {'address': ";
+  table::expectRefused(before, "Invalid IpAddrWithFullMask",
+                       {"", "10.1.2.3/8", type + "10.1.2.3, 'mask': 1}) ", type + "10.1.2.3,'mask': 1})"});
+  table::expectRefused(before, "Invalid IpAddr", {type + "10.1.2, 'mask': 1})"});
+  table::expectRefused(before, "Integer out of range", {type + "10.1.2.3, 'mask': 4294967296})"});
+  table::expectRefused(before, "Invalid integer", {type + "10.1.2.3, 'mask': -1})"});
   table::expectOrdered<IpAddrWithFullMask>(
       {{ip("9.0.0.0"), ~0u}, {ip("10.0.0.0"), 0}, {ip("10.0.0.0"), 0xff}, {ip("10.0.0.0"), 0xff000000}});
   EXPECT_EQ(table::logged(IpAddrWithFullMask(ip("10.1.2.3"), 0xff000000)),
@@ -441,22 +348,19 @@ TEST(IpAddrWithFullMask, PrintsAndReadsItsRepresentation) {
 }
 
 TEST(IpAndPort, ReadsBothTextForms) {
-  const auto text = "Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179})"sv;
-  table::expectAccepted<IpAndPort>(
-      {{"10.0.0.1:179", "10.0.0.1:179"}, {"10.0.0.1:065535", "10.0.0.1:65535"}, {text, "10.0.0.1:179"}});
+  const std::string text = "Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179})";
+  table::expectReads<IpAndPort>(
+      {"10.0.0.1:179", "10.0.0.1:065535 -> 10.0.0.1:65535", text + " -> 10.0.0.1:179"});
   EXPECT_EQ(table::streamed(IpAndPort(ip("10.0.0.1"), 179)), text);
   EXPECT_EQ(Kiv::representationOf(IpAndPort(ip("10.0.0.1"), 179)), text);
-  table::expectRejected<IpAndPort>(
-      IpAndPort(ip("1.2.3.4"), 5),
-      {{"10.0.0:1", "Invalid IpAddr"},
-       {"10.0.0.1", "Invalid IpAndPort"},
-       {"10.0.0.1:", "Invalid IpAndPort"},
-       {"10.0.0.1:65536", "Invalid IpAndPort"},
-       {"10.0.0.1:18446744073709551617", "Invalid IpAndPort"},
-       {"10.0.0.1:179 ", "Invalid IpAndPort"},
-       {"Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 65536})", "Integer out of range"},
-       {"Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179}", "Invalid IpAndPort"},
-       {"Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179})x", "Invalid IpAndPort"}});
+  const IpAndPort before(ip("1.2.3.4"), 5);
+  table::expectRefused(before, "Invalid IpAddr", {"10.0.0:1"});
+  table::expectRefused(before, "Invalid IpAndPort",
+                       {"10.0.0.1", "10.0.0.1:", "10.0.0.1:65536", "10.0.0.1:18446744073709551617",
+                        "10.0.0.1:179 ", "Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179}",
+                        "Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179})x"});
+  table::expectRefused(before, "Integer out of range",
+                       {"Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 65536})"});
   table::expectOrdered<IpAndPort>(
       {{ip("9.0.0.0"), 9}, {ip("10.0.0.0"), 0}, {ip("10.0.0.0"), 65535}, {ip("11.0.0.0"), 1}});
   EXPECT_EQ(table::logged(IpAndPort(ip("10.0.0.1"), 179)), (Kiv::Bytes{10, 0, 0, 1, 0, 179}));

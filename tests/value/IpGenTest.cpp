@@ -174,19 +174,14 @@ TEST(IpGenPrefix, ConstructorsCheck) {
       {[] { (void)IpGenPrefix(ip6AddrLoopback, 127); }, kHostBits},
       {[] { (void)IpGenPrefix(IpGenAddr("10.0.0.1"), 31); }, kHostBits},
       {[] { (void)IpGenPrefix(IpGenAddr(), 129); }, "Invalid IPv6 Prefix Length"},
-      {[] {
-         (void)IpGenPrefix(AddressFamily::ipv4, 8, {0x0a00'0000, 0, 0, 1});
-       },
-       kHostBits},
-      {[] {
-         (void)IpGenPrefix(AddressFamily::ipv6, 8, {0x0a00'0000, 0, 0, 1});
-       },
-       kHostBits},
-      {[] {
-         (void)IpGenPrefix(AddressFamily::ipunknown, 128, {0, 0, 0, 1});
-       },
-       kHostBits},
   };
+  for (const auto af : {AddressFamily::ipv4, AddressFamily::ipv6, AddressFamily::ipunknown}) {
+    const unsigned len = af == AddressFamily::ipunknown ? 128 : 8;
+    EXPECT_EQ(rangeMessage([&] {
+                (void)IpGenPrefix(af, len, {len == 8 ? 0x0a00'0000u : 0u, 0, 0, 1});
+              }),
+              kHostBits);
+  }
   for (const auto& [make, message] : failures) EXPECT_EQ(rangeMessage(make), message);
   EXPECT_EQ(IpGenPrefix(AddressFamily::ipv4, 8, {0x0a00'0000, 0, 0, 0}), IpGenPrefix("10.0.0.0/8"));
   EXPECT_EQ(IpGenPrefix(AddressFamily::ipv6, 128, {0x2001'0db8, 1, 2, 3}),
