@@ -146,15 +146,7 @@ int main(int argc, char** argv) try {
   const auto pam = pamOf(*options);
   const Kiv::Reactor onReadable(pam->readableCount, [&] { answer(*pam, *options); });
   pam->enabledIs(true);
-
-  const example::StopOnSignal signals;
-  std::printf("answering; Ctrl-C ends\n");
-  std::fflush(stdout);
-  Kiv::activityLoop().run();
-
-  example::CounterTable counters;
-  counters.add(*pam);
-  counters.print();
+  example::runUntilStopped("answering", *pam);
   return 0;
 } catch (const Kiv::Exception& failure) {
   std::fprintf(stderr, "pingResponder: %s\n", failure.what());

@@ -97,15 +97,7 @@ int main(int argc, char** argv) try {
   pam->maxRxPktDataIs(65535);
   const Kiv::Reactor onReadable(pam->readableCount, [&] { echo(*pam, options->quiet); });
   pam->modeIs(Wirl::UdpPam::Mode::server);
-
-  const example::StopOnSignal signals;
-  std::printf("echoing; Ctrl-C ends\n");
-  std::fflush(stdout);
-  Kiv::activityLoop().run();
-
-  example::CounterTable counters;
-  counters.add(*pam);
-  counters.print();
+  example::runUntilStopped("echoing", *pam);
   return 0;
 } catch (const Kiv::Exception& failure) {
   std::fprintf(stderr, "udpEcho: %s\n", failure.what());

@@ -88,14 +88,11 @@ void EthDevPam::setUp() {
   address.copyFromBuffer(octets);
   ethAddr.store(address);
 
-  const int on = 1;
-  setOption(SOL_PACKET, PACKET_AUXDATA, &on, sizeof(on), "setsockopt(PACKET_AUXDATA)");
-  if (!rxOutgoing()) {
-    setOption(SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof(on), "setsockopt(PACKET_IGNORE_OUTGOING)");
-  }
+  setOption(SOL_PACKET, PACKET_AUXDATA, 1, "setsockopt(PACKET_AUXDATA)");
+  if (!rxOutgoing()) setOption(SOL_PACKET, PACKET_IGNORE_OUTGOING, 1, "setsockopt(PACKET_IGNORE_OUTGOING)");
   if (rxBuf() != 0) {
     const int size = static_cast<int>(std::min<U32>(rxBuf(), INT_MAX));
-    setOption(SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size), "setsockopt(SO_RCVBUFFORCE)");
+    setOption(SOL_SOCKET, SO_RCVBUFFORCE, size, "setsockopt(SO_RCVBUFFORCE)");
   }
   handleRxFilter();
   if (promiscuous()) handlePromiscuous();

@@ -9,10 +9,6 @@ Pam::Pam(Kiv::String name) : Entity(std::move(name)) {}
 
 Pam::~Pam() = default;
 
-void Pam::handleReadableCount() {}
-
-void Pam::handleWritableCount() {}
-
 U32 Pam::rxDrops() const {
   return rxDropsHolder_;
 }

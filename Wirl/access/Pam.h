@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <concepts>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -51,8 +52,8 @@ class KIV_API Pam : public Kiv::Entity {
   ~Pam() override;
 
  protected:
-  virtual void handleReadableCount();
-  virtual void handleWritableCount();
+  virtual void handleReadableCount() {}
+  virtual void handleWritableCount() {}
 
  public:
   /// Packets lost on receive; a class may report its kernel's count instead of the stored one.
@@ -79,7 +80,7 @@ class KIV_API Pam : public Kiv::Entity {
     const Kiv::Ptr<const Pam> guard = alive();
     // Receiving changes the slot and the counters and nothing that a holder of a const Pam can rely on.
     const_cast<Pam*>(this)->doGetRxPkt();
-    return std::exchange(rxPktHolder_, nullptr);
+    return std::move(rxPktHolder_);
   }
   /// Receives a batch; the packets stand in slot i of `savedPacket` wherever `savedPacketRx(i)` is true.
   S32 rxPktBulk() const {
@@ -104,16 +105,19 @@ class KIV_API Pam : public Kiv::Entity {
 
  protected:
   void rxPktHolderIs(Pkt::Ptr pkt) noexcept { rxPktHolder_ = std::move(pkt); }
-  /// The counts' `Inc(1)` for a caller who keeps the Pam alive meanwhile.
-  void countReadable() {
-    readableCount.store(readableCount() + 1);
-    handleReadableCount();
-    readableCount.notifiees().notify();
+  /// The counts' `Inc(1)` for a caller who keeps the Pam alive meanwhile, and knows its class: the hook of a
+  /// final one is called directly.
+  template <std::derived_from<Pam> P>
+  static void countReadable(P& pam) {
+    pam.readableCount.store(pam.readableCount() + 1);
+    pam.handleReadableCount();
+    pam.readableCount.notifiees().notify();
   }
-  void countWritable() {
-    writableCount.store(writableCount() + 1);
-    handleWritableCount();
-    writableCount.notifiees().notify();
+  template <std::derived_from<Pam> P>
+  static void countWritable(P& pam) {
+    pam.writableCount.store(pam.writableCount() + 1);
+    pam.handleWritableCount();
+    pam.writableCount.notifiees().notify();
   }
 
  private:

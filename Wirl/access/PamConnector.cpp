@@ -63,45 +63,42 @@ void PamConnectorPam::cut() noexcept {
 }
 
 Pkt::Ptr PamConnectorPam::inputQueue(U32 sequence) const {
-  return sequence - queue_.first < inputQueueLength() ? ring_[sequence & (ring_.size() - 1)] : nullptr;
+  return sequence - queue_.first < inputQueueLength() ? ring_[sequence & mask_] : nullptr;
 }
 
-void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
-  if (inputQueueLength() == ring_.size()) {
-    std::vector<Pkt::Ptr> larger(std::max<std::size_t>(16, ring_.size() * 2));
-    for (U32 at = queue_.first; at != queue_.next; ++at) {
-      larger[at & (larger.size() - 1)] = std::move(ring_[at & (ring_.size() - 1)]);
-    }
-    ring_ = std::move(larger);
-  }
-  ring_[queue_.next++ & (ring_.size() - 1)] = std::move(pkt);
+inline void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
+  if (inputQueueLength() > mask_) [[unlikely]]
+    grow();
+  ring_[queue_.next++ & mask_] = std::move(pkt);
 }
 
-Pkt::Ptr PamConnectorPam::dequeue() {
-  if (inputQueueLength() == 0) return nullptr;
-  return std::exchange(ring_[queue_.first++ & (ring_.size() - 1)], nullptr);
+void PamConnectorPam::grow() {
+  std::vector<Pkt::Ptr> larger(ring_.size() * 2);
+  const U32 mask = mask_ * 2 + 1;
+  for (U32 at = queue_.first; at != queue_.next; ++at) larger[at & mask] = std::move(ring_[at & mask_]);
+  ring_ = std::move(larger);
+  mask_ = mask;
 }
 
 void PamConnectorPam::txPktIsImpl(const Pkt::Ptr& pkt) {
-  const PamConnectorPam* const other = otherEnd();
-  KIV_ASSERT_AS(other, "otherEnd()");
+  KIV_ASSERT_AS(otherEnd(), "otherEnd()");
   KIV_ASSERT_AS(pkt, "pkt != __null");
-  if (other->inputQueueLength() > other->maxBuffer()) [[unlikely]]
+  if (otherEnd()->inputQueueLength() > otherEnd()->maxBuffer()) [[unlikely]]
     return drop();
   Pkt::Ptr sending = pkt;  // a reactor to what follows may let go of the caller's pointer
-  show(sending);
-  if (!otherEnd()) [[unlikely]] {
-    txErrnoIs(ENOTCONN);
-    txErrorsInc(1);
+  if (peekPkt.notifiees().empty() && peekPktCount.notifiees().empty()) {  // nobody to see it in between
+    peekPktCount.store(peekPktCount() + 1);
+  } else if (!show(sending)) {
     return;
   }
   otherEnd()->enqueue(std::move(sending));
-  KIV_TRACE(trace, 2) << "PamConnector: enqueue, total packets: " << otherEnd()->inputQueueLength();
+  if (trace.enabled(2)) [[unlikely]]
+    traceEnqueued();
   // The packet gets its tick also when a client's reactor throws.
   const AtEnd schedule([this] {
     if (pamConnector()) pamConnector()->doScheduleEvent();
   });
-  countWritable();
+  countWritable(*this);
 }
 
 void PamConnectorPam::drop() {
@@ -111,22 +108,32 @@ void PamConnectorPam::drop() {
   writableCountInc(1);
 }
 
-void PamConnectorPam::show(const Pkt::Ptr& pkt) {
-  if (peekPkt.notifiees().empty() && peekPktCount.notifiees().empty()) {  // nobody to see it in between
+bool PamConnectorPam::show(const Pkt::Ptr& pkt) {
+  {
+    const AtEnd hide([this] { peekPkt.set(nullptr); });
+    peekPkt.set(pkt);
     peekPktCountInc(1);
-    return;
   }
-  const AtEnd hide([this] { peekPkt.set(nullptr); });
-  peekPkt.set(pkt);
-  peekPktCountInc(1);
+  if (otherEnd()) return true;
+  txErrnoIs(ENOTCONN);
+  txErrorsInc(1);
+  return false;
+}
+
+void PamConnectorPam::traceEnqueued() {
+  KIV_TRACE(trace, 2) << "PamConnector: enqueue, total packets: " << otherEnd()->inputQueueLength();
+}
+
+void PamConnectorPam::separateTag(Pkt::Ptr& pkt) {
+  if (!hasVlanTagToOffload(*pkt)) return;
+  pkt = withBytesOfItsOwn(std::move(pkt));
+  maybeOffloadAnyVlanTag(pkt);
 }
 
 void PamConnectorPam::doGetRxPkt() {
-  Pkt::Ptr pkt = dequeue();
-  if (pkt && pamConnector() && pamConnector()->separateVlanTagHdr() && hasVlanTagToOffload(*pkt)) {
-    pkt = withBytesOfItsOwn(std::move(pkt));
-    maybeOffloadAnyVlanTag(pkt);
-  }
+  if (inputQueueLength() == 0) return;
+  Pkt::Ptr pkt = std::move(ring_[queue_.first++ & mask_]);
+  if (pamConnector() && pamConnector()->separateVlanTagHdr()) separateTag(pkt);
   rxPktHolderIs(std::move(pkt));
 }
 
@@ -182,8 +189,8 @@ void PamConnector::handleInitializedBase() {
 
 void PamConnector::doScheduleEvent() {
   KIV_ASSERT_AS(initialized(), "initialized()");
-  if (clock_->timeMin() != Kiv::timeInfinite) return;
-  clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), kTick));
+  if (clock_->timeMin() == Kiv::timeInfinite) [[unlikely]]
+    clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), kTick));
 }
 
 void PamConnector::scheduleWhatIsQueued() {
@@ -212,7 +219,7 @@ void PamConnector::deliver(const char* name) {
   const U32 total = end->inputQueueLength();
   KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name << ", total packets: " << total;
   for (U32 i = 0; i < total && end->pamConnector() == this; ++i) {
-    end->countReadable();
+    PamConnectorPam::countReadable(*end);
     KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name
                         << ", remaining packets: " << end->inputQueueLength();
   }

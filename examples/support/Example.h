@@ -130,4 +130,15 @@ class CounterTable {
   std::vector<std::vector<std::string>> rows_;
 };
 
+/// Says what it is doing, runs the activity loop until it is stopped, and prints the counters of `pam`.
+inline void runUntilStopped(const char* doing, const Kiv::Entity& pam) {
+  const StopOnSignal signals;
+  std::printf("%s; Ctrl-C ends\n", doing);
+  std::fflush(stdout);
+  Kiv::activityLoop().run();
+  CounterTable counters;
+  counters.add(pam);
+  counters.print();
+}
+
 }  // namespace example
