@@ -252,7 +252,7 @@ U32 chooseAndSum(const U8* data, std::size_t bytes) noexcept {
   return best(data, bytes);
 }
 
-// For what is very short or odd, and where only the folded sum matters: words of the machine's own size and order, whose
+// For what is short or odd, and where only the folded sum matters: words of the machine's own size and order, whose
 // carries count as ones, since 2^16 is 1 in this arithmetic.
 constexpr std::size_t kIpHdr = 20;
 using Word = std::conditional_t<sizeof(void*) == 8, unsigned long long, unsigned>;
@@ -325,6 +325,21 @@ template <std::size_t count>
   return IpChecksum(checksumOf(sum));
 }
 
+// Data adds less than 2^31, so that nothing is cut off from a start like that, as it is from a larger one.
+constexpr U32 kMostToStart = 0x7fffffff;
+
+/// In the order that words in memory have.
+[[gnu::always_inline]] inline U32 startOf(U32 sum) noexcept {
+  return kBigEndian ? sum : __builtin_bswap32(sum);
+}
+
+[[gnu::noinline]] IpChecksum otherChecksum(const char* data, U16 len, U32 sum) noexcept {
+  if (len > kShort || sum > kMostToStart) [[unlikely]]
+    return longChecksum(data, len, sum);
+  const auto* const octets = reinterpret_cast<const U8*>(data);
+  return IpChecksum(std::bit_cast<NetU16>(shortChecksum(octets, len, startOf(sum))));
+}
+
 [[gnu::noinline]] U32 otherChunk(const char* data, U16 len, U32 sum) {
   KIV_ASSERT_AS(len % 2 == 0, "(len % 2) == 0");
   return sum + sumOfEven.load(std::memory_order_relaxed)(reinterpret_cast<const U8*>(data), len);
@@ -332,23 +347,19 @@ template <std::size_t count>
 
 }  // namespace
 
-U32 ipChecksumChunk(const char* data, U16 len, U32 sum) {
+// Aligned: where they happen to lie takes up to two thirds more time otherwise.
+
+[[gnu::aligned(64)]] U32 ipChecksumChunk(const char* data, U16 len, U32 sum) {
   if (!forVectorsAtHand(len)) return otherChunk(data, len, sum);
   return sum + sumOfShort(reinterpret_cast<const U8*>(data), len);
 }
 
-IpChecksum ipChecksumCalc(const char* data, U16 len, U32 sum) {
-  if (forVectorsAtHand(len) && len != kIpHdr) {
-    sum += sumOfShort(reinterpret_cast<const U8*>(data), len);
-    return IpChecksum(checksumOf(sum));
-  }
-  // Data adds less than 2^31, so that nothing is cut off here as it is from a larger start.
-  if (len > kShort || sum > 0x7fffffff) [[unlikely]]
-    return longChecksum(data, len, sum);
+[[gnu::aligned(64)]] IpChecksum ipChecksumCalc(const char* data, U16 len, U32 sum) {
   const auto* const octets = reinterpret_cast<const U8*>(data);
-  const U32 start = kBigEndian ? sum : __builtin_bswap32(sum);
-  return IpChecksum(std::bit_cast<NetU16>(len == kIpHdr ? ipHdrChecksum(octets, start)
-                                                        : shortChecksum(octets, len, start)));
+  if (len == kIpHdr && sum <= kMostToStart)
+    return IpChecksum(std::bit_cast<NetU16>(ipHdrChecksum(octets, startOf(sum))));
+  if (!forVectorsAtHand(len)) return otherChecksum(data, len, sum);
+  return IpChecksum(checksumOf(sum + sumOfShort(octets, len)));
 }
 
 std::ostream& operator<<(std::ostream& out, IpChecksum checksum) {
