@@ -46,6 +46,7 @@ using Predicates = std::vector<std::pair<const char*, bool (T::*)() const noexce
 
 const Predicates<IpAddr> kIpAddr = {
     {"any", &IpAddr::isAny},
+    {"unspecified", &IpAddr::isUnspecified},
     {"thisNetwork", &IpAddr::isThisNetwork},
     {"unicast", &IpAddr::isUnicast},
     {"private", &IpAddr::isPrivate},
@@ -54,6 +55,8 @@ const Predicates<IpAddr> kIpAddr = {
     {"linkLocal", &IpAddr::isLinkLocal},
     {"multicast", &IpAddr::isMulticast},
     {"reservedMulticast", &IpAddr::isReservedMulticast},
+    {"linkLocalMulticast", &IpAddr::isLinkLocalMulticast},
+    {"routableMulticast", &IpAddr::isRoutableMulticast},
     {"pimRouters", &IpAddr::isPimRouters},
     {"reserved", &IpAddr::isReserved},
     {"broadcast", &IpAddr::isBroadcast},

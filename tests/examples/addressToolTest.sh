@@ -24,12 +24,12 @@ out='address              type                mapped                   multicast
 10.1.2.3/24          IpAddrWithMask      ::ffff:10.1.2.3/120                         unicast private
 10.0.0.0/8           Prefix              ::ffff:10.0.0.0/104                         unicast private
 ff02::1              Ip6Addr                                      33:33:00:00:00:01  linkLocal multicast linkLocalMulticast
-239.1.1.1            IpAddr              ::ffff:239.1.1.1         01:00:5e:01:01:01  private multicast
+239.1.1.1            IpAddr              ::ffff:239.1.1.1         01:00:5e:01:01:01  private multicast routableMulticast
 ::ffff:1.2.3.0/120   Ip6Prefix           1.2.3.0/24                                  unicast globalUnicast v4MappedV6
 2001:db8::1          Ip6Addr                                      ff02::1:ff00:1     unicast globalUnicast
 1.2.3.4/255.0.255.0  IpAddrWithFullMask  ::ffff:1.2.3.4                              unicast
 00:1c:73:0a:0b:0c    EthAddr             fe80::21c:73ff:fe0a:b0c                     unicast
-0.0.0.0/0            Prefix              ::ffff:0.0.0.0/96                           any thisNetwork unicast defaultRoute
+0.0.0.0/0            Prefix              ::ffff:0.0.0.0/96                           any unspecified thisNetwork unicast defaultRoute
 ::1/128              Ip6Prefix                                                       unicast loopback host'
 err=
 run 0 '' 10.1.2.3/24 10.0.0.0/8 FF02::1 239.1.1.1 ::ffff:1.2.3.0/120 2001:DB8:0::1 1.2.3.4/255.0.255.0 \
@@ -37,7 +37,7 @@ run 0 '' 10.1.2.3/24 10.0.0.0/8 FF02::1 239.1.1.1 ::ffff:1.2.3.0/120 2001:DB8:0:
 
 # A bad text gets its number and message, and the rest is still done.
 out='address     type    mapped              multicast  what holds
-0.0.0.0/32  Prefix  ::ffff:0.0.0.0/128             any thisNetwork unicast host'
+0.0.0.0/32  Prefix  ::ffff:0.0.0.0/128             any unspecified thisNetwork unicast host'
 err="addressTool: text 1: Invalid IpGenAddr
 addressTool: text 2: Invalid IpAddr
 addressTool: text 3: Invalid IPv4 prefix length
@@ -53,7 +53,8 @@ out='[
     "type": "IpAddr",
     "predicates": [
       "private",
-      "multicast"
+      "multicast",
+      "routableMulticast"
     ],
     "mapped": "::ffff:239.0.0.1",
     "multicastMac": "01:00:5e:00:00:01"
@@ -91,7 +92,7 @@ run 1 '1.2.3.4\0\n'
 out='address                    type                 mapped                  multicast          what holds
 169.254.1.1                IpAddr               ::ffff:169.254.1.1                         unicast linkLocal
 127.0.0.0/32               Prefix               ::ffff:127.0.0.0/128                       unicast private loopback loopbackBase host
-224.0.0.13                 IpAddr               ::ffff:224.0.0.13       01:00:5e:00:00:0d  multicast reservedMulticast pimRouters
+224.0.0.13                 IpAddr               ::ffff:224.0.0.13       01:00:5e:00:00:0d  multicast reservedMulticast linkLocalMulticast pimRouters
 255.255.255.255            IpAddr               ::ffff:255.255.255.255                     private broadcast
 240.0.0.1/4                IpAddrWithMask       ::ffff:240.0.0.1/100                       unicast reserved
 ::ffff:1.2.3.4             Ip6Addr              1.2.3.4                 ff02::1:ff02:304   unicast globalUnicast v4MappedV6

@@ -78,32 +78,41 @@ Taken takeFourDigits(const char* text) noexcept {
   return {static_cast<U32>((pairs & 0xffff) | (pairs >> 16 & 0xffff'0000)), 7};
 }
 
-/// The ways to lay out four octets of one to three digits: 81. A layout is known by the mask of where its
-/// octets end, and found by a hash of that mask that has no collisions (a collision does not compile).
+/// The ways to lay out four octets of one to three digits: 81. A layout is known by the set of places, of
+/// sixteen, that have no digit, and found by a hash of that set that has no collisions (a collision does not
+/// compile).
 struct Layouts {
-  static constexpr U32 slot(U32 ends) { return ends * 0xa9a2'122du >> 24; }
+  static constexpr U32 slot(U32 others) { return others * 0xe3cf'fe0du >> 24; }
+  /// Everything from the end of an address on.
+  static constexpr U32 from(std::size_t end) { return 0xffffu << end; }
 
   /// Where the hundreds, tens and ones of each octet come from; then nothing.
   alignas(16) std::array<std::array<U8, 16>, 256> shuffle{};
-  std::array<U16, 256> ends{};
+  std::array<U16, 256> others{};
+  std::array<U16, 256> hundreds{};  // places
 
   constexpr Layouts() {
     for (U32 layout = 0; layout < 81; ++layout) {
-      std::array<U8, 16> from{};
+      std::array<U8, 16> places{};
       U32 mask = 0;
+      U32 threes = 0;
       U8 at = 0;
       for (U32 i = 0, rest = layout; i < 4; ++i, rest /= 3) {
         const U32 digits = rest % 3 + 1;
+        const U32 skipped = 3 - digits;
         for (U32 place = 0; place < 4; ++place) {
-          const U32 skipped = 3 - digits;
-          from[4 * i + place] = place < skipped || place == 3 ? 0x80 : static_cast<U8>(at + place - skipped);
+          places[4 * i + place] =
+              place < skipped || place == 3 ? 0x80 : static_cast<U8>(at + place - skipped);
         }
+        threes |= U32{digits == 3} << at;
         at = static_cast<U8>(at + digits);
-        mask |= 1u << at++;
+        mask |= i < 3 ? 1u << at : from(at);
+        ++at;
       }
-      if (ends[slot(mask)] != 0) throw "two layouts in one slot";
-      ends[slot(mask)] = static_cast<U16>(mask);
-      shuffle[slot(mask)] = from;
+      if (others[slot(mask)] != 0) throw "two layouts in one slot";
+      others[slot(mask)] = static_cast<U16>(mask);
+      hundreds[slot(mask)] = static_cast<U16>(threes);
+      shuffle[slot(mask)] = places;
     }
   }
 };
@@ -113,34 +122,43 @@ constexpr Layouts kLayouts;
 
 namespace {
 
-/// An address of `end` characters, the first ones of `characters`; `dots` are those in it.
-WIRL_SSSE3 inline Taken takeLayout(__m128i characters, std::size_t end, U32 dots, std::string_view text,
-                                   Extent extent) noexcept {
-  const U32 ends = dots | 1u << end;
-  const U32 slot = Layouts::slot(ends);
-  // Of a text that has no such layout this makes nothing of use, and does no harm: one branch decides.
-  const __m128i places =
-      _mm_shuffle_epi8(_mm_xor_si128(characters, _mm_set1_epi8('0')),
-                       _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot])));
-  const __m128i octets =
-      _mm_madd_epi16(_mm_maddubs_epi16(places, _mm_set1_epi32(0x0001'0a64)), _mm_set1_epi16(1));
-  const __m128i noDigits = _mm_adds_epu8(places, _mm_set1_epi8(0x80 - 10));
-  const __m128i tooLarge = _mm_cmpgt_epi32(octets, _mm_set1_epi32(255));
-  const U32 wrong = static_cast<U32>(_mm_movemask_epi8(_mm_or_si128(noDigits, tooLarge)));
-  if (((kLayouts.ends[slot] ^ ends) | wrong) == 0) [[likely]] {
-    const __m128i words = _mm_packs_epi32(octets, octets);
-    return {static_cast<U32>(_mm_cvtsi128_si32(_mm_packus_epi16(words, words))), end};
-  }
-  // An octet of more than three digits may still be one, with zeros in front; nothing else can.
-  const U32 zeros = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('0'))));
-  const U32 leading = zeros & (ends << 1 | 1);
-  if ((leading << 3 & ~(ends | ends << 1 | ends << 2)) == 0) [[likely]]
-    return kNone;
-  return takeDottedPlainly(text, extent);
+WIRL_SSSE3 inline U32 maskOf(__m128i bytes) noexcept {
+  return static_cast<U32>(_mm_movemask_epi8(bytes));
 }
 
-WIRL_SSSE3 inline U32 dotsOf(__m128i characters) noexcept {
-  return static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(characters, _mm_set1_epi8('.'))));
+/// Characters as digits, 0 to 9, and which of them are none.
+struct Digits {
+  __m128i values;
+  U32 others;
+
+  WIRL_SSSE3 explicit Digits(__m128i characters) noexcept
+      : values(_mm_xor_si128(characters, _mm_set1_epi8('0'))),
+        others(maskOf(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 10)))) {}
+  WIRL_SSSE3 U32 dots() const noexcept { return maskOf(_mm_cmpeq_epi8(values, _mm_set1_epi8('.' ^ '0'))); }
+};
+
+/// An address whose places without a digit are `others`, and should be `ends`.
+WIRL_SSSE3 inline Taken takeLayout(const Digits& digits, U32 others, U32 ends, std::size_t end,
+                                   std::string_view text, Extent extent) noexcept {
+  const U32 slot = Layouts::slot(ends);
+  const U32 aboveTwo = maskOf(_mm_cmpgt_epi8(digits.values, _mm_set1_epi8(2)));
+  const U32 wrong = (others ^ ends) | (kLayouts.others[slot] ^ ends);
+  if (static_cast<U16>(wrong | (aboveTwo & kLayouts.hundreds[slot])) == 0) [[likely]] {
+    const __m128i places = _mm_shuffle_epi8(
+        digits.values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot])));
+    const __m128i octets =
+        _mm_madd_epi16(_mm_maddubs_epi16(places, _mm_set1_epi32(0x0001'0a64)), _mm_set1_epi16(1));
+    const bool fits = maskOf(_mm_cmpgt_epi32(octets, _mm_set1_epi32(255))) == 0;
+    const __m128i words = _mm_packs_epi32(octets, octets);
+    return {static_cast<U32>(_mm_cvtsi128_si32(_mm_packus_epi16(words, words))), fits ? end : 0};
+  }
+  // An octet of more than three digits may still be one, with zeros in front; nothing else can.
+  const U32 zeros = maskOf(_mm_cmpeq_epi8(digits.values, _mm_setzero_si128()));
+  const U32 digitsToo = ~others;
+  // A zero and three more digits.
+  if (((((zeros << 1 & digitsToo) << 1) & digitsToo) << 1 & digitsToo) == 0) [[likely]]
+    return {ends, 0};  // of no octets, whatever stands there
+  return takeDottedPlainly(text, extent);
 }
 
 }  // namespace
@@ -148,22 +166,21 @@ WIRL_SSSE3 inline U32 dotsOf(__m128i characters) noexcept {
 Taken takeDottedSsse3(const char* text, std::size_t size) noexcept {
   if (size == 7) return takeFourDigits(text);
   if (size > 15) return takeDottedPlainly({text, size}, Extent::whole);
-  const __m128i characters = loadText8to16(orNuls(size < 8, text), size);
-  return takeLayout(characters, size, dotsOf(characters), {text, size}, Extent::whole);
+  const Digits digits(loadText8to16(orNuls(size < 8, text), size));
+  return takeLayout(digits, digits.others, digits.dots() | Layouts::from(size), size, {text, size},
+                    Extent::whole);
 }
 
 Taken takeDottedFrontSsse3(const char* text, std::size_t size) noexcept {
   if (size < 7) return kNone;
-  const __m128i characters = loadText16(text, size);
-  const __m128i digits =
-      _mm_cmplt_epi8(_mm_add_epi8(characters, _mm_set1_epi8(static_cast<char>(0x80 - '0'))),
-                     _mm_set1_epi8(static_cast<char>(0x80 + 10)));
+  const Digits digits(loadText16(text, size));
   // The fourth character that is no digit ends the address; a set bit 16 stands for those not looked at.
-  U32 others = ~static_cast<U32>(_mm_movemask_epi8(digits));
+  U32 others = digits.others | 0x1'0000;
   for (unsigned i = 0; i < 3; ++i) others &= others - 1;
   const auto end = static_cast<std::size_t>(std::countr_zero(others));
   if (end > 15) return takeDottedPlainly({text, size}, Extent::front);
-  return takeLayout(characters, end, dotsOf(characters) & ((1u << end) - 1), {text, size}, Extent::front);
+  const U32 behind = Layouts::from(end);
+  return takeLayout(digits, digits.others | behind, digits.dots() | behind, end, {text, size}, Extent::front);
 }
 
 #endif

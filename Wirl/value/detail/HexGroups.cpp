@@ -163,7 +163,7 @@ WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
 /// digits than it should have with a zero in front, of `zeros`, or is of three short groups and full stops.
 /// `foreign` are those of the first sixteen characters that are no digits.
 [[gnu::noinline]] bool mayBeLong(U32 form, U32 foreign, U32 zeros, std::string_view text) noexcept {
-  if (text.size() < 8) return text.substr(1, 3).find('.') != std::string_view::npos;
+  if (text.size() < 8) return text[1] == '.' || text[2] == '.' || text[3] == '.';
   U32 digits = ~foreign & 0xffff;
   // None of six groups begins behind character 15 but behind such a one.
   for (std::size_t at = 16; at < text.size() && at < 18; ++at) {
@@ -189,21 +189,25 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
   const U32 end = 1u << (size < 18 ? size : 18);
   const U32 mask = whereIs(characters, separator) | end;
   const U32 slot = Layouts::slot(form, mask);
-  const __m128i places = _mm_shuffle_epi8(
-      values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
-  // The seventeenth character, which the window does not have.
-  const U32 digit16 = hexValue(from[16 & onlyIf(size > 16)]) & onlyIf(size > 16);
-  if (((kLayouts.mask[slot] ^ mask) | noDigits(places) | digit16 >> 4) == 0) [[likely]] {
+  // The window does not have the seventeenth character; no address ends with anything but a digit.
+  const U32 last = hexValue((from + size)[-1]);
+  const U32 strange = (foreign ^ mask) & (end - 1);
+  if (((kLayouts.mask[slot] ^ mask) | strange | last >> 4) == 0) [[likely]] {
+    const __m128i places = _mm_shuffle_epi8(
+        values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
     const __m128i octets = _mm_maddubs_epi16(places, _mm_set1_epi16(0x0110));
     U64 word;
     _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
-    return {word | U64{digit16} << 40, size};
+    return {word | U64{last & onlyIf(size > 16)} << 40, size};
   }
-  // A group of more digits than it should have may still be one, with zeros in front; so may three short groups
-  // joined by full stops; nothing else can. First a test of few steps that leaves little over.
+  // A group of more digits than it should have may still be one, with zeros in front: three digits where they
+  // should be two, five where they should be four. So may three short groups joined by full stops; nothing else
+  // can. First a test of few steps that leaves little over.
   const U32 ends = foreign | end;
   const U32 zeros = whereIs(characters, '0') & (ends << 1 | 1);
-  if (((zeros << 2 & ~(ends | ends << 1)) | onlyIf(size - 5 < 3)) == 0) [[likely]]
+  const U32 beyond = (ends >> 3 | ends >> 4) & onlyIf(form != kOctets);
+  const U32 leading = zeros & ~(ends >> 1 | ends >> 2 | beyond) & onlyIf(last < 16);
+  if ((leading | onlyIf(size - 5 < 3)) == 0) [[likely]]
     return kNone;
   return mayBeLong(form, foreign, zeros, {text, size}) ? takeHexGroupsPlainly({text, size}) : kNone;
 }
