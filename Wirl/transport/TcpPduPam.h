@@ -7,10 +7,8 @@
 #include <ostream>
 #include <vector>
 
-#include "Kiv/Reactor.h"
-#include "Wirl/access/Pam.h"
-#include "Wirl/transport/TcpFd.h"
 #include "Wirl/transport/TcpKeepaliveOptions.h"
+#include "Wirl/transport/TcpPduPamBase.h"
 #include "Wirl/transport/detail/ReadAhead.h"
 #include "Wirl/transport/detail/SendQueue.h"
 
@@ -40,64 +38,6 @@ struct KIV_API TcpPduPamReadReturn {
   friend KIV_API std::ostream& operator<<(std::ostream& out, const TcpPduPamReadReturn& outcome);
 };
 
-class TcpPduPamBase;
-
-/// Turns the counts of a registration into those of its Pam.
-class KIV_API TcpPduFdSm final : public Kiv::PtrInterface {
- public:
-  TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam);
-  ~TcpPduFdSm() override;
-
-  /// Reacts to writable events from now on. Most connections never ask for one, and spare the reactor.
-  void writableIsWatched();
-
- private:
-  TcpPduPamBase& pam_;
-  Kiv::Reactor onReadable_;
-  Kiv::Reactor onWritable_;
-};
-
-/// A Pam over a connected, non-blocking TCP socket, on whatever event loop the factory stands for.
-class KIV_API TcpPduPamBase : public Pam {
- public:
-  KIV_ENTITY(TcpPduPamBase, Pam)
-  KIV_ATTR_DERIVED(TcpFileDescriptor::PtrConst, fileDescriptor)
-  KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>, fdFactory)
-  KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistration>, fd)
-  KIV_ATTR_DERIVED(Kiv::Ptr<TcpPduFdSm>, tcpPduFdSm)
-  KIV_ATTR_HOOK(U32, socketReadableCount, 0, handleSocketReadable)
-  KIV_ATTR_INC(U32, socketReadableCount)
-  KIV_ATTR_HOOK(U32, socketWritableCount, 0, handleSocketWritable)
-  KIV_ATTR_INC(U32, socketWritableCount)
-
-  ~TcpPduPamBase() override;
-
-  const TcpFileDescriptor::PtrConst& fileDescriptor() const noexcept { return fileDescriptor_; }
-  const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdFactory() const noexcept { return fdFactory_; }
-  /// The registration; null once the connection is torn down.
-  const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd() const noexcept { return fd_; }
-  const Kiv::Ptr<TcpPduFdSm>& tcpPduFdSm() const noexcept { return tcpPduFdSm_; }
-  bool levelTriggered() const noexcept { return !edgeTriggered(); }
-  bool edgeTriggered() const noexcept { return fileDescriptor_->edgeTriggered(); }
-
-  /// The socket has something to read, or may have: the registration's events.
-  virtual void handleSocketReadable() = 0;
-  virtual void handleSocketWritable() = 0;
-
- protected:
-  TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
-                const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory);
-
-  /// Replaces the registration and what reacts to it; null lets go of both.
-  void fdIs(const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd);
-
- private:
-  const TcpFileDescriptor::PtrConst fileDescriptor_;
-  const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory_;
-  Kiv::Ptr<TcpFileDescriptorEventRegistration> fd_;
-  Kiv::Ptr<TcpPduFdSm> tcpPduFdSm_;
-};
-
 /// Carries PDUs, messages that tell their own length, over one TCP connection: cuts the received stream into
 /// whole PDUs and sends whole packets. Derive from it and say where the length stands, in `getPduSize()`.
 ///
@@ -120,9 +60,9 @@ class KIV_API TcpPduPamBase : public Pam {
 ///
 /// Sending. Allowed while `writable()`; sending at another time ends the process. A packet handed over
 /// belongs to the Pam: its bytes must not be changed until `writable()` again and, with `txQueueLimit`,
-/// `txQueued()` is 0. With `txQueueLimit` set, packets are queued up to that many, and go out together: at the end of the readable event in whose reactor
-/// they were sent, else when the socket is next reported writable; `txFlush()` does it at once. `writable()`
-/// then tells whether the queue takes another one.
+/// `txQueued()` is 0. With `txQueueLimit` set, packets are queued up to that many, and go out together: at
+/// the end of the readable event in whose reactor they were sent, else when the socket is next reported
+/// writable; `txFlush()` does it at once. `writable()` then tells whether the queue takes another one.
 ///
 /// Failures throw nothing. The end of the stream and a failed read set `rxErrorReason`, and reading is over,
 /// while sending may go on; a PDU that was not whole is not delivered. A failed send sets `txErrorReason` and
@@ -138,8 +78,8 @@ class KIV_API TcpPduPamBase : public Pam {
 ///
 /// Memory. A Pam between two PDUs holds no packet and no buffer.
 ///
-/// Reactors may switch modes, send, clean up or let go of the Pam at any point. What one throws leaves through
-/// the caller or the loop, and no PDU is lost: pull on until null. Single-threaded, on the loop that
+/// Reactors may switch modes, send, clean up or let go of the Pam at any point. What one throws leaves
+/// through the caller or the loop, and no PDU is lost: pull on until null. Single-threaded, on the loop that
 /// watches the socket.
 class KIV_API TcpPduPam : public TcpPduPamBase {
  public:
@@ -191,8 +131,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   virtual void dumpDerivedState(std::ostream& out) const;
 
   /// Switches the directions; see above. A value that is no mode, and a read-only or write-only request while
-  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, when the loop
-  /// refuses to watch the socket.
+  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, when the
+  /// loop refuses to watch the socket.
   void enableModeIs(TcpPduPamEnableMode mode);
   TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const noexcept { return pendingMode_; }
   /// True for any mode but none. Setting it enables both directions, unless one is enabled already, or none.

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/transport/TcpPduPamBase.h"
+
+#include <utility>
+
+#include "Kiv/Assert.h"
+
+namespace Wirl {
+
+TcpPduFdSm::TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam)
+    : pam_(pam), onReadable_(fd.readableCount, [this] { pam_.socketReadableCountInc(1); }) {}
+
+TcpPduFdSm::~TcpPduFdSm() = default;
+
+void TcpPduFdSm::writableIsWatched() {
+  if (onWritable_.registered()) return;
+  onWritable_ = Kiv::Reactor(pam_.fd()->writableCount, [this] { pam_.socketWritableCountInc(1); });
+}
+
+TcpPduPamBase::TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
+                             const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory)
+    : Pam("TcpPduPam"), fileDescriptor_(descriptor), fdFactory_(factory) {
+  KIV_ASSERT_AS(fileDescriptor_, "fileDescriptor");
+  KIV_ASSERT_AS(fdFactory_, "fdFactory");
+  const auto registration = fdFactory_->createEventRegistration(fileDescriptor_);
+  KIV_ASSERT_AS(registration, "fd");
+  fdIs(registration);
+}
+
+TcpPduPamBase::~TcpPduPamBase() {
+  fdIs(nullptr);
+}
+
+void TcpPduPamBase::fdIs(const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd) {
+  tcpPduFdSm_ = nullptr;
+  if (const auto former = std::exchange(fd_, nullptr)) former->handleDel();
+  if (!fd) return;
+  tcpPduFdSm_ = Kiv::makePtr<TcpPduFdSm>(*fd, *this);
+  fd_ = fd;
+}
+
+}  // namespace Wirl

@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Kiv/Reactor.h"
+#include "Wirl/access/Pam.h"
+#include "Wirl/transport/TcpFd.h"
+
+namespace Wirl {
+
+class TcpPduPamBase;
+
+/// Turns the counts of a registration into those of its Pam.
+class KIV_API TcpPduFdSm final : public Kiv::PtrInterface {
+ public:
+  TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam);
+  ~TcpPduFdSm() override;
+
+  /// Reacts to writable events from now on. Most connections never ask for one, and spare the reactor.
+  void writableIsWatched();
+
+ private:
+  TcpPduPamBase& pam_;
+  Kiv::Reactor onReadable_;
+  Kiv::Reactor onWritable_;
+};
+
+/// A Pam over a connected, non-blocking TCP socket, on whatever event loop the factory stands for.
+class KIV_API TcpPduPamBase : public Pam {
+ public:
+  KIV_ENTITY(TcpPduPamBase, Pam)
+  KIV_ATTR_DERIVED(TcpFileDescriptor::PtrConst, fileDescriptor)
+  KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>, fdFactory)
+  KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistration>, fd)
+  KIV_ATTR_DERIVED(Kiv::Ptr<TcpPduFdSm>, tcpPduFdSm)
+  KIV_ATTR_HOOK(U32, socketReadableCount, 0, handleSocketReadable)
+  KIV_ATTR_INC(U32, socketReadableCount)
+  KIV_ATTR_HOOK(U32, socketWritableCount, 0, handleSocketWritable)
+  KIV_ATTR_INC(U32, socketWritableCount)
+
+  ~TcpPduPamBase() override;
+
+  const TcpFileDescriptor::PtrConst& fileDescriptor() const noexcept { return fileDescriptor_; }
+  const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdFactory() const noexcept { return fdFactory_; }
+  /// The registration; null once the connection is torn down.
+  const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd() const noexcept { return fd_; }
+  const Kiv::Ptr<TcpPduFdSm>& tcpPduFdSm() const noexcept { return tcpPduFdSm_; }
+  bool levelTriggered() const noexcept { return !edgeTriggered(); }
+  bool edgeTriggered() const noexcept { return fileDescriptor_->edgeTriggered(); }
+
+  /// The socket has something to read, or may have: the registration's events.
+  virtual void handleSocketReadable() = 0;
+  virtual void handleSocketWritable() = 0;
+
+ protected:
+  TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
+                const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory);
+
+  /// Replaces the registration and what reacts to it; null lets go of both.
+  void fdIs(const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd);
+
+ private:
+  const TcpFileDescriptor::PtrConst fileDescriptor_;
+  const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory_;
+  Kiv::Ptr<TcpFileDescriptorEventRegistration> fd_;
+  Kiv::Ptr<TcpPduFdSm> tcpPduFdSm_;
+};
+
+}  // namespace Wirl
