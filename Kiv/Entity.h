@@ -36,6 +36,7 @@ class Attr {
 
  private:
   friend Owner;
+  friend class Entity;
 
   /// False, and nothing stored, when the value is what it was.
   bool store(AttrValue<T> value) {
@@ -65,6 +66,7 @@ class RareAttr {
 
  private:
   friend Owner;
+  friend class Entity;
 
   struct Cell {
     T value = Default();
@@ -130,6 +132,14 @@ class KIV_API Entity : public PtrInterface {
   const String& name() const noexcept { return name_; }
   /// Shows every attribute to `visitor`.
   virtual void visitAttrs(AttrVisitor& visitor) const;
+
+ protected:
+  /// Stores in an attribute of the entity's and notifies nobody, for a base class that does so later. False
+  /// when the value is what it was.
+  template <typename AnyAttr, typename Value>
+  static bool storeAttr(AnyAttr& attr, const Value& value) {
+    return attr.store(value);
+  }
 
  private:
   String name_;

@@ -6,14 +6,11 @@
 #include <cerrno>
 #include <utility>
 
-#include "Kiv/Trace.h"
 #include "Wirl/transport/detail/SockAddr.h"
 
 namespace Wirl {
 
 namespace {
-
-Kiv::TraceHandle trace("TcpClientSm");
 
 /// Whether both ends are one: the SYN met its own sender, and that was an answer.
 bool connectedToItself(int socket, const detail::SockAddr& peer) {
@@ -49,19 +46,13 @@ void TcpClientSm::enabledIs(bool on) {
       throw Kiv::RangeException("TcpClientSm::localAddr of another family than remoteAddr not allowed");
     }
   }
-  handle(on ? Event::enable : Event::disable);
+  again_ = on && state() == State::closing;
+  drive(*this, on ? Event::enable : Event::disable);
 }
 
-void TcpClientSm::handle(Event event) {
-  std::optional<Event> pending = event;
-  while (pending) {
-    const std::optional<State> to = next(state(), *pending);
-    if (!to) break;
-    KIV_TRACE(trace, 5) << name() << ": " << state() << " -> " << *to << " on " << *pending;
-    put(state, *to);
-    pending = enter(*to);
-  }
-  notifyChanged();
+void TcpClientSm::close() {
+  again_ = false;
+  drive(*this, Event::close);
 }
 
 /// What the states do. Returns the event that follows at once, if any.
@@ -73,6 +64,8 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
   switch (entered) {
     case State::disabled:
       backoffReset();
+      if (std::exchange(again_, false)) return Event::enable;
+      clockDel();
       break;
     case State::connecting:
       put(attempts, attempts() + 1);
@@ -84,6 +77,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
       backoffReset();
       put(connects, connects() + 1);
       put(connection, former->socket);
+      clockDel();
       break;
     case State::closing:
       // Where it fails the connection is broken, as its user will find.
@@ -102,22 +96,23 @@ std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
     if (first) {
       watchIs(try_->socket);
       try_->onWritable = Kiv::Reactor(watch()->writableCount, [this] {
-        if (const std::optional<Event> event = tryToConnect(false)) handle(*event);
+        if (const std::optional<Event> event = tryToConnect(false)) drive(*this, *event);
       });
       watch()->notifyOnWritableIs(true);
       watch()->enabledIs(true);
       deadlineIs(connectTimeout());
     }
     return std::nullopt;
-  } catch (const Kiv::ErrnoException& failure) {
-    fail(failure);
+  } catch (...) {
+    put(failures, failures() + 1);
+    failureIs();
     return Event::failed;
   }
 }
 
 void TcpClientSm::open() {
   // Attributes may have changed since the machine was enabled.
-  if (remoteAddr().isUnspecified()) throw Kiv::ErrnoException(EDESTADDRREQ, "connect");
+  if (remoteAddr().isUnspecified() || remotePort() == 0) throw Kiv::ErrnoException(EDESTADDRREQ, "connect");
   try_.reset(new Try{openSocket(remoteAddr().af(), edgeTriggered(), false), remoteAddr(), remotePort(), {}});
 }
 
@@ -126,24 +121,30 @@ bool TcpClientSm::connectedNow() const {
   const int fd = try_->socket->descriptor();
   const detail::SockAddr peer(try_->peer, try_->port, scopeOf(*try_->socket));
   if (::connect(fd, peer.get(), peer.length()) == 0 || errno == EISCONN) {
-    if (connectedToItself(fd, peer)) throw Kiv::ErrnoException(ECONNREFUSED, "connect");
-    return true;
+    if (!connectedToItself(fd, peer)) return true;
+    const linger abort = {1, 0};  // or it would keep the port for a minute after it is closed
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+    throw Kiv::ErrnoException(ECONNREFUSED, "connect");
   }
   if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR) return false;
   throw Kiv::ErrnoException(errno, "connect");
 }
 
 void TcpClientSm::handleClock() {
+  Event event = Event::clock;
   if (state() == State::connecting) {
-    put(timeouts, timeouts() + 1);
-    fail(Kiv::ErrnoException(ETIMEDOUT, "connect"));
+    // What the kernel has decided, unseen so far, stands.
+    if (const std::optional<Event> decided = tryToConnect(false)) {
+      event = *decided;
+    } else {
+      put(timeouts, timeouts() + 1);
+      put(failures, failures() + 1);
+      failureIs(Kiv::ErrnoException(ETIMEDOUT, "connect"));
+    }
+  } else if (state() == State::closing) {
+    failureIs(Kiv::ErrnoException(ETIMEDOUT, "close"));
   }
-  handle(Event::clock);
-}
-
-void TcpClientSm::fail(const Kiv::ErrnoException& failure) {
-  put(failures, failures() + 1);
-  failureIs(failure);
+  drive(*this, event);
 }
 
 std::ostream& operator<<(std::ostream& out, TcpClientSm::State state) {

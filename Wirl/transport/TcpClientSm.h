@@ -40,10 +40,13 @@ namespace Wirl {
 /// watches. Both hold the socket, which closes when the last of them lets go; disabling the machine thus ends
 /// nothing that a user still holds.
 ///
-/// To end without losing what is under way in either direction, call `close()`: it tells the peer that no more
-/// comes. When the peer has said all that it has to say it closes too, the user reports that end as ever, by
-/// `connectionDel()`, and the machine is disabled; after `closeTimeout` it is in any case. A socket that is
-/// closed while there is something to read resets the connection, and what the peer has not read yet is lost.
+/// To end without losing what is under way in either direction, call `close()` once the Pam has sent all that
+/// it was given (`writable()` is on and `txQueued()` is 0; what it still holds would be cut): it tells the
+/// peer that no more comes. When the peer has said all that it has to say it closes too, the user reports that
+/// end as ever, by `connectionDel()`, and the machine is disabled; after `closeTimeout` it is in any case, and
+/// `lastErrorReason` says so. Whoever was told of the peer's end before calls `connectionDel()` right after
+/// `close()`. A socket that is closed while there is something to read resets the connection, and what the
+/// peer has not read yet is lost. A machine that is enabled anew while it closes connects when that is over.
 ///
 /// Nothing is thrown for what the network or the system refuses, be it that the namespace or the interface is
 /// not there (yet): the reason stands in `lastErrorReason`, and the next try comes. A connection to itself,
@@ -83,9 +86,9 @@ class KIV_API TcpClientSm final : public TcpSm {
   void enabledIs(bool on);
   /// The connection is of no more use: lets go of it and connects again, `backoffMin` from now, or ends when
   /// `closing`. Does nothing without a connection.
-  void connectionDel() { handle(Event::lost); }
+  void connectionDel() { drive(*this, Event::lost); }
   /// Ends in order; see above. What the user has not given to the socket by then cannot be sent any more.
-  void close() { handle(Event::close); }
+  void close();
 
   /// The machine: what an event leads to, nothing where it is ignored.
   static constexpr std::optional<State> next(State state, Event event) noexcept {
@@ -111,17 +114,13 @@ class KIV_API TcpClientSm final : public TcpSm {
       {State::closing, Event::disable, State::disabled},
   });
 
-  void handle(Event event);
+  friend class TcpSm;
+
   std::optional<Event> enter(State entered);
   std::optional<Event> tryToConnect(bool first);
   void open();
   bool connectedNow() const;
   void handleClock() override;
-  void fail(const Kiv::ErrnoException& failure);
-  template <typename Attr, typename Value>
-  void put(Attr& attr, const Value& value) {
-    if (attr.store(value)) changed(attr.notifiees());
-  }
 
   /// One try to connect.
   struct Try {
@@ -131,6 +130,7 @@ class KIV_API TcpClientSm final : public TcpSm {
     Kiv::Reactor onWritable;
   };
   std::unique_ptr<Try> try_;  // while connecting
+  bool again_ = false;        // enabled anew while closing
 };
 
 KIV_API std::ostream& operator<<(std::ostream& out, TcpClientSm::State state);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
@@ -16,6 +17,16 @@ namespace Wirl {
 namespace {
 
 Kiv::TraceHandle trace("TcpFd");
+
+/// Null, with the descriptor closed and errno set, without memory.
+TcpFileDescriptor::PtrConst owned(int fd, bool edgeTriggered) {
+  const TcpFileDescriptor::PtrConst owner(new (std::nothrow) TcpFileDescriptor(fd, edgeTriggered));
+  if (!owner) {
+    close(fd);
+    errno = ENOMEM;
+  }
+  return owner;
+}
 
 }  // namespace
 
@@ -38,7 +49,7 @@ TcpFileDescriptor::PtrConst TcpFileDescriptor::socket(AddressFamily af, const Na
   }
   KIV_TRACE(trace, 5) << "Socket: af=" << af << " networkNamespace=" << ns << " descriptor=" << fd
                       << " edgeTriggered=" << edgeTriggered;
-  return Kiv::makePtr<TcpFileDescriptor>(fd, edgeTriggered);
+  return owned(fd, edgeTriggered);
 }
 
 TcpFileDescriptor::PtrConst TcpFileDescriptor::socketAccept(const PtrConst& serverFd, AddressFamily af,
@@ -49,7 +60,7 @@ TcpFileDescriptor::PtrConst TcpFileDescriptor::socketAccept(const PtrConst& serv
   KIV_TRACE(trace, 5) << "Accept: serverFileDescriptor=" << serverFd->descriptor() << " af=" << af
                       << " networkNamespace=" << ns << " descriptor=" << fd
                       << " edgeTriggered=" << edgeTriggered;
-  return Kiv::makePtr<TcpFileDescriptor>(fd, edgeTriggered);
+  return owned(fd, edgeTriggered);
 }
 
 TcpFileDescriptorEventRegistration::TcpFileDescriptorEventRegistration(

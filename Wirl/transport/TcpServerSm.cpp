@@ -2,20 +2,19 @@
 #include "Wirl/transport/TcpServerSm.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <new>
 #include <utility>
 
-#include "Kiv/Trace.h"
 #include "Wirl/transport/detail/SockAddr.h"
 
 namespace Wirl {
 
 namespace {
-
-Kiv::TraceHandle trace("TcpServerSm");
 
 /// Failures of accept(2) that concern the one connection, which is gone then: the peer gave up, or its network
 /// failed.
@@ -36,6 +35,11 @@ bool concernsOne(int error) {
     default:
       return false;
   }
+}
+
+/// Failures that do not pass: it is no listening socket any more (shut down or destroyed by someone).
+bool endsTheSocket(int error) {
+  return error == EINVAL || error == EBADF || error == ENOTSOCK;
 }
 
 /// More of those in a row, and the machine pauses.
@@ -78,19 +82,7 @@ void TcpServerSm::enabledIs(bool on) {
   if (on && !enabled() && localAddr().af() == AddressFamily::ipunknown) {
     throw Kiv::RangeException("TcpServerSm::localAddr without family not allowed");
   }
-  handle(on ? Event::enable : Event::disable);
-}
-
-void TcpServerSm::handle(Event event) {
-  std::optional<Event> pending = event;
-  while (pending) {
-    const std::optional<State> to = next(state(), *pending);
-    if (!to) break;
-    KIV_TRACE(trace, 5) << name() << ": " << state() << " -> " << *to << " on " << *pending;
-    put(state, *to);
-    pending = enter(*to);
-  }
-  notifyChanged();
+  drive(*this, on ? Event::enable : Event::disable);
 }
 
 /// What the states do. Returns the event that follows at once, if any.
@@ -111,9 +103,11 @@ std::optional<TcpServerSm::Event> TcpServerSm::enter(State entered) {
     case State::waiting:
       backoffDeadlineIs();
       socket_ = nullptr;
+      put(listeningPort, U16{0});
       break;
     case State::disabled:
       backoffReset();
+      clockDel();
       socket_ = nullptr;
       put(listeningPort, U16{0});
       break;
@@ -127,9 +121,9 @@ std::optional<TcpServerSm::Event> TcpServerSm::open() {
     socket_ = openSocket(localAddr().af(), false, true);
     const int queue = static_cast<int>(std::min(backlog(), U32{INT_MAX}));
     if (::listen(socket_->descriptor(), queue) < 0) throw Kiv::ErrnoException(errno, "listen");
-  } catch (const Kiv::ErrnoException& failure) {
+  } catch (...) {
     put(openErrors, openErrors() + 1);
-    failureIs(failure);
+    failureIs();
     return Event::failed;
   }
   backoffReset();
@@ -145,13 +139,16 @@ std::optional<TcpServerSm::Event> TcpServerSm::listen() {
     watchIs(socket_);
     acceptedOfEvent_ = 0;
     onReadable_ = Kiv::Reactor(watch()->readableCount, [this] {
+      const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
       acceptedOfEvent_ = 0;
-      readableCountInc(1);
+      put(readableCount, readableCount() + 1);
+      notifyChanged();
     });
     watch()->notifyOnReadableIs(true);
     watch()->enabledIs(true);
-  } catch (const Kiv::ErrnoException& failure) {
-    failureIs(failure);
+  } catch (...) {
+    put(acceptErrors, acceptErrors() + 1);
+    failureIs();
     return Event::exhausted;
   }
   return std::nullopt;
@@ -159,32 +156,34 @@ std::optional<TcpServerSm::Event> TcpServerSm::listen() {
 
 TcpServerConnection::PtrConst TcpServerSm::accept() {
   const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
+  notifyChanged();
+  prepare();
   for (int failed = 0; state() == State::listening && acceptedOfEvent_ < kAcceptsOfEvent;) {
     detail::SockAddr peer;
     // Not by TcpFileDescriptor::socketAccept(): the peer's address comes with the call.
     const int fd = accept4(socket_->descriptor(), peer.get(), &peer.length(), SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd >= 0) {
       const TcpServerConnection::PtrConst connection(
-          new TcpServerConnection(fd, edgeTriggered(), peer.address(), peer.port(), counter_));
-      KIV_TRACE(trace, 5) << name() << ": " << peer.address() << " port " << peer.port() << " accepted as "
-                          << fd;
-      ++acceptedOfEvent_;
-      put(accepted, accepted() + 1);
-      // Also tells what has changed. A reactor to that may close connections, or all of it.
-      if (openConnections() >= maxConnections()) {
-        handle(Event::limit);
-      } else {
-        notifyChanged();
+          new (std::nothrow) TcpServerConnection(fd, edgeTriggered(), peer.address(), peer.port(), counter_));
+      if (connection) {
+        KIV_TRACE(trace(), 5) << name() << ": " << peer.address() << " port " << peer.port()
+                              << " accepted as " << fd;
+        ++acceptedOfEvent_;
+        put(accepted, accepted() + 1);
+        if (openConnections() >= maxConnections()) step(*this, Event::limit);
+        return connection;
       }
-      return connection;
+      ::close(fd);
+      errno = ENOMEM;
     }
     const int error = errno;
     if (error == EAGAIN) break;
     put(acceptErrors, acceptErrors() + 1);
     failureIs(Kiv::ErrnoException(error, "accept"));
-    if (!concernsOne(error) || ++failed == kFailuresInARow) {
-      handle(Event::exhausted);
-      return nullptr;
+    if (endsTheSocket(error)) {
+      step(*this, Event::failed);
+    } else if (!concernsOne(error) || ++failed == kFailuresInARow) {
+      step(*this, Event::exhausted);
     }
   }
   notifyChanged();
@@ -192,13 +191,18 @@ TcpServerConnection::PtrConst TcpServerSm::accept() {
 }
 
 /// Runs inside a destructor, under whatever let go of the connection: what follows waits for the loop.
-void TcpServerSm::connectionClosed() {
-  if (state() == State::full) deadlineIs(Kiv::Time::zero());
+void TcpServerSm::connectionClosed() noexcept {
+  if (state() != State::full) return;
+  try {
+    deadlineIs(Kiv::Time::zero());
+  } catch (const std::bad_alloc&) {
+    // The next one that closes tells.
+  }
 }
 
 void TcpServerSm::handleMaxConnections() {
   if (state() == State::full) deadlineIs(Kiv::Time::zero());
-  if (state() == State::listening && openConnections() >= maxConnections()) handle(Event::limit);
+  if (state() == State::listening && openConnections() >= maxConnections()) drive(*this, Event::limit);
 }
 
 std::ostream& operator<<(std::ostream& out, TcpServerSm::State state) {

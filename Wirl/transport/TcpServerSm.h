@@ -48,6 +48,7 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 ///                                                         full ──┼──────┘                       │
 ///                                                                │ accept() failed              │
 ///                                                                └────────────────────────> paused
+///          listening: the socket is of no more use ──> waiting
 ///          from everywhere: enabledIs(false) ──> disabled
 ///
 /// In use:
@@ -73,7 +74,8 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 ///
 /// Nothing is thrown for what the system refuses, be it that the namespace, the interface or the address is not
 /// there (yet), or the port is taken: the reason stands in `lastErrorReason`, and the next try comes. Once it
-/// listens, the socket stays in its namespace, also when that loses its name.
+/// listens, the socket stays in its namespace, also when that loses its name, and at the interface that it was
+/// tied to: for one that was deleted and made anew, disable and enable the machine.
 ///
 /// Disabling closes the port; connections in its queue are reset by the kernel, those handed over live on and
 /// still count.
@@ -109,7 +111,9 @@ class KIV_API TcpServerSm final : public TcpSm {
   /// no family.
   void enabledIs(bool on);
 
-  /// The next connection that waits, non-blocking; null when there is none, or none may be accepted now.
+  /// The next connection that waits, non-blocking; null when there is none, or none may be accepted now. What
+  /// it changes is told by the next call, at the latest at the end of the event: a reactor that throws thus
+  /// leaves no connection without an owner.
   TcpServerConnection::PtrConst accept();
   /// Connections handed over that somebody still holds.
   U32 openConnections() const noexcept { return counter_->open; }
@@ -126,10 +130,12 @@ class KIV_API TcpServerSm final : public TcpSm {
       {State::disabled, Event::enable, State::opening},
       {State::opening, Event::opened, State::listening},
       {State::opening, Event::failed, State::waiting},
+      {State::opening, Event::disable, State::disabled},
       {State::waiting, Event::clock, State::opening},
       {State::waiting, Event::disable, State::disabled},
       {State::listening, Event::limit, State::full},
       {State::listening, Event::exhausted, State::paused},
+      {State::listening, Event::failed, State::waiting},
       {State::listening, Event::disable, State::disabled},
       {State::full, Event::clock, State::listening},
       {State::full, Event::disable, State::disabled},
@@ -137,17 +143,14 @@ class KIV_API TcpServerSm final : public TcpSm {
       {State::paused, Event::disable, State::disabled},
   });
 
-  void handle(Event event);
+  friend class TcpSm;
+
   std::optional<Event> enter(State entered);
   std::optional<Event> open();
   std::optional<Event> listen();
-  void connectionClosed();
+  void connectionClosed() noexcept;
   void handleMaxConnections();
-  void handleClock() override { handle(Event::clock); }
-  template <typename Attr, typename Value>
-  void put(Attr& attr, const Value& value) {
-    if (attr.store(value)) changed(attr.notifiees());
-  }
+  void handleClock() override { drive(*this, Event::clock); }
 
   TcpFileDescriptor::PtrConst socket_;  // from opening to disabled
   U32 acceptedOfEvent_ = 0;

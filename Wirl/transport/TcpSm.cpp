@@ -9,9 +9,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <new>
+#include <system_error>
 #include <utility>
 
-#include "Kiv/Trace.h"
 #include "Wirl/transport/TcpFdKivc.h"
 #include "Wirl/transport/detail/SockAddr.h"
 
@@ -19,7 +21,8 @@ namespace Wirl {
 
 namespace {
 
-Kiv::TraceHandle trace("TcpSm");
+/// Attributes that one transition may change.
+constexpr std::size_t kMostChanges = 8;
 
 /// For all machines; makes nothing but registrations of the thread that asks.
 TcpFileDescriptorEventRegistrationFactory& activityLoopFactory() {
@@ -29,7 +32,9 @@ TcpFileDescriptorEventRegistrationFactory& activityLoopFactory() {
 
 }  // namespace
 
-TcpSm::TcpSm(Kiv::String name, Factory factory) : Entity(std::move(name)), factory_(std::move(factory)) {}
+TcpSm::TcpSm(Kiv::String name, Factory factory) : Entity(std::move(name)), factory_(std::move(factory)) {
+  Kiv::activityLoop();
+}
 
 TcpSm::~TcpSm() = default;
 
@@ -91,29 +96,78 @@ void TcpSm::watchIs(const TcpFileDescriptor::PtrConst& socket) {
   watch_ = (factory_ ? *factory_ : activityLoopFactory()).createEventRegistration(socket);
 }
 
+void TcpSm::prepare() {
+  changed_.reserve(kMostChanges);
+  if (clock_) return;
+  const auto clock = Kiv::makePtr<Kiv::Clock>(name());
+  onClock_ = Kiv::Reactor(clock->expiredCount, [this] { handleClock(); });
+  clock_ = clock;
+}
+
 void TcpSm::deadlineIs(Kiv::Time delay) {
-  if (!clock_) {
-    clock_ = Kiv::makePtr<Kiv::Clock>(name());
-    onClock_ = Kiv::Reactor(clock_->expiredCount, [this] { handleClock(); });
-  }
   clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), delay));
 }
 
-void TcpSm::deadlineDel() noexcept {
+void TcpSm::deadlineDel() {
+  if (clock_) clock_->timeMinIs(Kiv::timeInfinite);
+}
+
+void TcpSm::clockDel() noexcept {
   onClock_.drop();
   clock_ = nullptr;
 }
 
-void TcpSm::failureIs(const Kiv::ErrnoException& failure) {
-  KIV_TRACE(trace, 0) << name() << ": " << failure.what();
-  if (lastError.store(failure.error())) changed(lastError.notifiees());
-  if (lastErrorReason.store(failure.what())) changed(lastErrorReason.notifiees());
+void TcpSm::failureIs(int error, const char* reason) noexcept {
+  try {
+    KIV_TRACE(trace(), 0) << name() << ": " << reason;
+    put(lastError, error);
+    put(lastErrorReason, Kiv::String(reason));
+  } catch (const std::bad_alloc&) {
+    // It failed all the same.
+  }
+}
+
+void TcpSm::failureIs() noexcept {
+  try {
+    throw;
+  } catch (const Kiv::ErrnoException& failure) {
+    failureIs(failure);
+  } catch (const std::system_error& failure) {
+    failureIs(failure.code().value(), failure.what());
+  } catch (const std::bad_alloc&) {
+    failureIs(ENOMEM, "Cannot allocate memory");
+  } catch (const std::exception& failure) {
+    failureIs(0, failure.what());
+  } catch (...) {
+    failureIs(0, "unknown exception");
+  }
+}
+
+Kiv::TraceHandle& TcpSm::trace() noexcept {
+  static Kiv::TraceHandle handle("TcpSm");
+  return handle;
+}
+
+void TcpSm::changed(Kiv::NotifieeList& notifiees) {
+  if (std::find(changed_.begin(), changed_.end(), &notifiees) == changed_.end()) {
+    changed_.push_back(&notifiees);
+  }
 }
 
 void TcpSm::notifyChanged() {
   const Kiv::Ptr<TcpSm> alive(references() > 0 ? this : nullptr);
-  const std::vector<Kiv::NotifieeList*> all = std::exchange(changed_, {});
-  for (Kiv::NotifieeList* const notifiees : all) notifiees->notify();
+  std::exception_ptr thrown;
+  do {
+    const std::vector<Kiv::NotifieeList*> all = std::exchange(changed_, {});
+    for (Kiv::NotifieeList* const notifiees : all) {
+      try {
+        notifiees->notify();
+      } catch (...) {
+        if (!thrown) thrown = std::current_exception();
+      }
+    }
+  } while (!changed_.empty());
+  if (thrown) std::rethrow_exception(thrown);
 }
 
 }  // namespace Wirl

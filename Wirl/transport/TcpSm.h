@@ -10,6 +10,7 @@
 #include "Kiv/Entity.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Reactor.h"
+#include "Kiv/Trace.h"
 #include "Wirl/transport/TcpFd.h"
 #include "Wirl/transport/detail/Backoff.h"
 #include "Wirl/value/IpGenAddr.h"
@@ -22,9 +23,15 @@ namespace Wirl {
 /// Each is driven by its table of transitions: an event that the table has no row for in the present state is
 /// ignored. What a state does stands in one switch, run on entering it; leaving one always ends the watch on
 /// its socket and its deadline. Attributes change first, all of them, and reactors run when the machine has
-/// come to rest: they may set anything, disable the machine or let go of the last pointer to it.
+/// come to rest, once for each attribute that is not what it was (a try that fails at once leaves `state` as it
+/// was, and shows in `attempts` and `failures`): they may set anything, disable the machine or let go of the
+/// last pointer to it. When one throws, the others run before the exception leaves.
 ///
-/// The attributes here that can be set are read when a socket is opened. They may be changed at any time.
+/// Whatever goes wrong when a socket is opened or watched, be it an exception of a user's factory, is a failure
+/// like those of the network: the next try comes.
+///
+/// The attributes that can be set may be changed at any time. Those of the socket are read when one is opened,
+/// times when a wait of their kind begins, a server's `edgeTriggered` with each connection.
 class KIV_API TcpSm : public Kiv::Entity {
  public:
   KIV_ENTITY(TcpSm, Kiv::Entity)
@@ -37,7 +44,7 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// How the connections report readiness.
   KIV_ATTR(bool, edgeTriggered, false)
   /// After a failure the next try waits `backoffMin`, then twice as long each time, but no longer than
-  /// `backoffMax`; a success brings the delay back.
+  /// `backoffMax`; a success brings the delay back. Nothing random is added.
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMin, std::chrono::milliseconds(500))
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMax, std::chrono::seconds(30))
   /// The errno of the last failure, and the call and text, as "connect: Connection refused". They stay.
@@ -67,8 +74,36 @@ class KIV_API TcpSm : public Kiv::Entity {
     return std::nullopt;
   }
 
-  /// Null for `factory`: on the activity loop. Deadlines are clocks of the activity loop in any case.
+  /// Null for `factory`: on the activity loop. Deadlines are clocks of the activity loop in any case, which
+  /// is made here, and throws `Kiv::ErrnoException` where it cannot be.
   TcpSm(Kiv::String name, Factory factory);
+
+  /// Takes `machine`, which is this one, through what its table says: from event to event until it rests.
+  template <typename Machine>
+  void step(Machine& machine, typename Machine::Event event) {
+    const auto former = machine.state();
+    for (std::optional pending = event; pending;) {
+      const auto to = Machine::next(machine.state(), *pending);
+      if (!to) break;
+      KIV_TRACE(trace(), 5) << name() << ": " << machine.state() << " -> " << *to << " on " << *pending;
+      storeAttr(machine.state, *to);
+      pending = machine.enter(*to);
+    }
+    if (machine.state() != former) changed(machine.state.notifiees());
+  }
+  /// The same, and tells.
+  template <typename Machine>
+  void drive(Machine& machine, typename Machine::Event event) {
+    if (Machine::next(machine.state(), event)) {
+      prepare();
+      step(machine, event);
+    }
+    notifyChanged();
+  }
+  template <typename Attr, typename Value>
+  void put(Attr& attr, const Value& value) {
+    if (storeAttr(attr, value)) changed(attr.notifiees());
+  }
 
   virtual void handleClock() = 0;
 
@@ -80,23 +115,33 @@ class KIV_API TcpSm : public Kiv::Entity {
   const Kiv::Ptr<TcpFileDescriptorEventRegistration>& watch() const noexcept { return watch_; }
   void watchDel() noexcept { watch_ = nullptr; }
 
+  /// Makes what a transition needs to come to its end, so that it does not begin without memory for that.
+  void prepare();
   /// Runs `handleClock()` after `delay`, in place of a deadline that there is.
   void deadlineIs(Kiv::Time delay);
-  void deadlineDel() noexcept;
+  void deadlineDel();
+  /// For states that rest without one: gives its memory back.
+  void clockDel() noexcept;
   void backoffDeadlineIs() { deadlineIs(backoff_.next(backoffMin(), backoffMax())); }
   void backoffReset() noexcept { backoff_.reset(); }
 
-  void failureIs(const Kiv::ErrnoException& failure);
+  void failureIs(const Kiv::ErrnoException& failure) noexcept { failureIs(failure.error(), failure.what()); }
+  /// Of the exception that is being handled, whichever it is.
+  void failureIs() noexcept;
   /// Throws `Kiv::RangeException` with the text unless `time` is above zero.
   static void checkPositive(Kiv::Time time, const char* text);
 
   /// Keeps reactors waiting until the machine rests: `notifyChanged()`.
-  void changed(Kiv::NotifieeList& notifiees) { changed_.push_back(&notifiees); }
+  void changed(Kiv::NotifieeList& notifiees);
   void notifyChanged();
 
+  static Kiv::TraceHandle& trace() noexcept;
+
  private:
+  void failureIs(int error, const char* reason) noexcept;
+
   const Factory factory_;
-  Kiv::Ptr<Kiv::Clock> clock_;  // while there is a deadline
+  Kiv::Ptr<Kiv::Clock> clock_;
   Kiv::Reactor onClock_;
   Kiv::Ptr<TcpFileDescriptorEventRegistration> watch_;
   detail::Backoff backoff_;

@@ -2,16 +2,20 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <fstream>
 #include <functional>
 #include <list>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Wirl/transport/SimpleTcpPduPam.h"
 #include "Wirl/transport/TcpClientSm.h"
 #include "Wirl/transport/TcpServerSm.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/NetNs.h"
@@ -293,7 +297,20 @@ TEST(TcpClientSm, ClosesInOrderOrInTime) {
     if (answered) sm->connectionDel();
     EXPECT_TRUE(soon([&] { return sm->state() == ClientState::disabled; }));
     EXPECT_EQ(loop().now() - start, answered ? 0s : 5s);
+    EXPECT_EQ(sm->lastErrorReason(), answered ? "" : "close: Connection timed out");
     EXPECT_EQ(sm->connection(), nullptr);
+  }
+  // Enabled anew meanwhile, it connects when that is over; unless it was ended again.
+  for (const bool ended : {false, true}) {
+    sm->enabledIs(true);
+    ASSERT_TRUE(connects(sm));
+    sm->close();
+    sm->enabledIs(true);
+    if (ended) sm->close();
+    EXPECT_EQ(sm->state(), ClientState::closing);
+    sm->connectionDel();
+    EXPECT_EQ(sm->enabled(), !ended);
+    sm->enabledIs(false);
   }
   sm->remotePortIs(1);
   sm->enabledIs(true);
@@ -548,6 +565,134 @@ TEST(TcpSm, AThousandConnectionsOnOneLoop) {
   setrlimit(RLIMIT_NOFILE, &before);
 }
 
+TEST(TcpSm, AReactorThatThrowsKeepsNothingFromTheOthers) {
+  Server server;
+  server.open();
+  const auto sm = client(server.sm->listeningPort());
+  int thrown = 0;
+  const auto throwOnce = [&] {
+    if (thrown++ % 2 == 0) throw thrown;
+  };
+  int told = 0;
+  const Kiv::Reactor onConnection(sm->connection, [&] { ++told; });
+  const Kiv::Reactor onConnects(sm->connects, throwOnce), onAccepted(server.sm->accepted, throwOnce);
+  sm->enabledIs(true);
+  for (int i = 0; i < 9 && (told == 0 || server.connections.empty()); ++i) {
+    try {
+      loop().runFor(0.1);
+    } catch (int) {
+    }
+  }
+  EXPECT_EQ(thrown, 2);
+  EXPECT_EQ(told, 1);
+  EXPECT_EQ(server.connections.size(), 1u);
+  EXPECT_EQ(server.sm->openConnections(), 1u);
+}
+
+TEST(TcpSm, TellsOncePerRestAndOnlyOfWhatIsAnother) {
+  const SimulatedTime simulated;
+  const auto sm = client(1, "127.0.0.1", "ns-t-none");
+  sm->backoffMaxIs(1s);
+  int states = 0, attempts = 0;
+  const Kiv::Reactor onState(sm->state, [&] { ++states; }), onAttempts(sm->attempts, [&] { ++attempts; });
+  sm->enabledIs(true);
+  loop().runFor(9.4);
+  EXPECT_EQ(states, 1);
+  EXPECT_EQ(attempts, 10);
+}
+
+struct BadFactory final : TcpFileDescriptorEventRegistrationFactory {
+  Kiv::Ptr<TcpFileDescriptorEventRegistration> createEventRegistration(
+      const TcpFileDescriptor::PtrConst& fd) override {
+    if (left-- > 0) throw std::runtime_error("not today");
+    return tcpFileDescriptorEventRegistrationFactoryKivcFactory()->createEventRegistration(fd);
+  }
+  int left = 2;
+};
+
+TEST(TcpSm, WhateverIsThrownOrRefusedTheNextTryComes) {
+  Server serving;
+  serving.open();
+  const auto server = Kiv::makePtr<TcpServerSm>("server", Kiv::makePtr<BadFactory>());
+  server->localAddrIs(IpGenAddr("127.0.0.1"));
+  server->acceptPauseIs(1ms);
+  server->enabledIs(true);
+  EXPECT_EQ(server->state(), ServerState::paused);
+  EXPECT_EQ(server->acceptErrors(), 1u);
+  EXPECT_EQ(server->lastErrorReason(), "not today");
+  EXPECT_TRUE(soon([&] { return server->state() == ServerState::listening; }));
+  const auto sm = Kiv::makePtr<TcpClientSm>("client", Kiv::makePtr<BadFactory>());
+  sm->remoteAddrIs(IpGenAddr("127.0.0.1"));
+  sm->remotePortIs(serving.sm->listeningPort());
+  sm->backoffMinIs(1ms);
+  sm->enabledIs(true);
+  EXPECT_TRUE(connects(sm));
+  EXPECT_EQ(sm->failures(), 2u);
+  if (!AllocationRefusal::works) return;
+  for (const std::size_t from : {1u, 33u, 49u, 65u, 97u, 113u, 129u, 161u, 169u}) {
+    SCOPED_TRACE(from);
+    Server other;
+    other.sm->acceptPauseIs(1ms);
+    other.sm->backoffMinIs(1ms);
+    const auto second = client(serving.sm->listeningPort());
+    second->backoffMinIs(1ms);
+    for (const auto& enable : std::initializer_list<std::function<void()>>{
+             [&] { second->enabledIs(true); }, [&] { other.sm->enabledIs(true); }}) {
+      const std::size_t before = openDescriptors();
+      try {
+        const AllocationRefusal refusal(from);
+        enable();
+      } catch (const std::bad_alloc&) {
+        EXPECT_EQ(openDescriptors(), before);
+        enable();  // nothing had begun
+      }
+    }
+    EXPECT_TRUE(connects(second));
+    EXPECT_TRUE(soon([&] { return other.sm->state() == ServerState::listening; }));
+  }
+}
+
+TEST(TcpServerSm, ADeadSocketIsReplaced) {
+  Server server;
+  server.sm->backoffMinIs(1ms);
+  server.open();
+  for (int fd = 3, listens; fd < 1000; ++fd) {
+    socklen_t length = sizeof(listens);
+    if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) == 0 && listens) shutdown(fd, SHUT_RDWR);
+  }
+  EXPECT_TRUE(soon([&] { return server.sm->openErrors() + server.sm->acceptErrors() > 0; }));
+  EXPECT_TRUE(soon([&] { return server.sm->state() == ServerState::listening; }));
+  const auto sm = client(server.sm->listeningPort());
+  sm->enabledIs(true);
+  EXPECT_TRUE(soon([&] { return server.connections.size() == 1; }));
+}
+
+TEST(TcpServerSm, ConnectionsMayOutliveTheLoopOfTheirThread) {
+  std::thread([] {
+    static thread_local std::unique_ptr<Server> server;  // goes behind the loop, which comes later
+    server = std::make_unique<Server>();
+    server->sm->maxConnectionsIs(1);
+    server->open();
+    const auto sm = client(server->sm->listeningPort());
+    sm->enabledIs(true);
+    EXPECT_TRUE(soon([] { return server->sm->state() == ServerState::full; }));
+  }).join();
+}
+
+TEST(TcpClientSm, SuccessThatIsThereAlreadyIsNoTimeout) {
+  Server server;
+  server.open();
+  const auto first = client(server.sm->listeningPort()), second = client(server.sm->listeningPort());
+  second->connectTimeoutIs(1ms);
+  const Kiv::Reactor onReadable(server.sm->readableCount, [&] {
+    second->enabledIs(true);
+    std::this_thread::sleep_for(3ms);
+  });
+  first->enabledIs(true);
+  EXPECT_TRUE(connects(second));
+  EXPECT_EQ(second->timeouts(), 0u);
+}
+
 class TcpSmNetNsTest : public NetNsTest {};
 
 TEST_F(TcpSmNetNsTest, BothFamiliesFromTheAddressAndTheInterfaceAskedFor) {
@@ -598,6 +743,19 @@ TEST_F(TcpSmNetNsTest, GivesUpOnSilenceInTimeAndReportsWhatIsUnreachable) {
   EXPECT_EQ(sm->timeouts(), 1u);
   EXPECT_TRUE(soon([&] { return sm->attempts() == 2; }));
   EXPECT_EQ(loop().now() - start, 5s);
+}
+
+TEST_F(TcpSmNetNsTest, AConnectionToItselfLeavesThePortFree) {
+  const NetNs red("red");
+  red.ip("link set lo up");
+  runIn(red, [] { std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << "5000 5000"; });
+  const auto sm = client(5000, "127.0.0.1", red.name());
+  sm->enabledIs(true);
+  EXPECT_TRUE(soon([&] { return sm->lastErrorReason() == "connect: Connection refused"; }));
+  sm->enabledIs(false);
+  Server server("127.0.0.1", red.name());
+  server.sm->localPortIs(5000);
+  server.open();
 }
 
 TEST_F(TcpSmNetNsTest, NamespacesMayComeAndGo) {
