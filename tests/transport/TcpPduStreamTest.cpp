@@ -109,6 +109,7 @@ TEST_P(TcpPduStreamTest, NoPduIsLostDuplicatedReorderedOrSplit) {
       }
       if (upTo(random, 30) == 0) pam.txFlush();
       if (upTo(random, 200) == 0) pam.readOnePktOnlyIs(!pam.readOnePktOnly());
+      if (upTo(random, 400) == 0) pam.readAheadIs(!pam.readAhead());
       if (upTo(random, 200) == 0) {
         constexpr TcpPduPamEnableMode kModes[] = {tcpEnableModeNone, tcpEnableModeReadOnly,
                                                   tcpEnableModeWriteOnly};
