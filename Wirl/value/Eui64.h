@@ -3,9 +3,11 @@
 
 #include <array>
 #include <compare>
+#include <concepts>
 #include <functional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Hash.h"
@@ -22,8 +24,11 @@ class KIV_API Eui64U8Key : public detail::TextForms<Eui64U8Key> {
   static constexpr Kiv::ParseError kTrailingText = "Invalid Eui64U8Key";
 
   constexpr Eui64U8Key() noexcept = default;
-  /// Not checked here: the use of an index above 7 is what ends the process.
-  constexpr Eui64U8Key(Kiv::U8 value) noexcept : value_(value) {}
+  /// Not checked here: the use of an index above 7 is what ends the process. A number
+  /// that is no octet counts as 255.
+  template <std::integral T>
+  constexpr Eui64U8Key(T value) noexcept
+      : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}
   /// From its decimal number; throws `Kiv::RangeException`.
   explicit Eui64U8Key(std::string_view text) { stringValueIs(text); }
 

@@ -4,10 +4,12 @@
 #include <array>
 #include <bit>
 #include <compare>
+#include <concepts>
 #include <functional>
 #include <optional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Hash.h"
@@ -25,8 +27,11 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
   static constexpr Kiv::ParseError kTrailingText = "Invalid Ip6AddrU8Key";
 
   constexpr Ip6AddrU8Key() noexcept = default;
-  /// Not checked here: the use of an index above 15 is what throws.
-  constexpr Ip6AddrU8Key(Kiv::U8 value) noexcept : value_(value) {}
+  /// Not checked here: the use of an index above 15 is what throws. A number
+  /// that is no octet counts as 255.
+  template <std::integral T>
+  constexpr Ip6AddrU8Key(T value) noexcept
+      : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}
   /// From its decimal number; throws `Kiv::RangeException`.
   explicit Ip6AddrU8Key(std::string_view text) { stringValueIs(text); }
 
@@ -64,32 +69,26 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
 
   /// The octets, the eight groups and the two halves, in host order. A bad index throws `Kiv::RangeException`
   /// with the operation's name, as in "Ip6Addr::u16Is: index out of range".
-  constexpr Kiv::U8 u8(unsigned i) const {
-    if (i > 15) detail::throwRange("Ip6Addr::u8: index out of range");
-    return octets_[i];
+  constexpr Kiv::U8 u8(Kiv::U64 i) const { return octets_[index(i, 16, "Ip6Addr::u8: index out of range")]; }
+  constexpr Kiv::U8 u8(Ip6AddrU8Key i) const { return u8(Kiv::U64{i.value()}); }
+  constexpr void u8Is(Kiv::U64 i, Kiv::U8 octet) {
+    octets_[index(i, 16, "Ip6Addr::u8Is: index out of range")] = octet;
   }
-  constexpr Kiv::U8 u8(Ip6AddrU8Key i) const { return u8(unsigned{i.value()}); }
-  constexpr void u8Is(unsigned i, Kiv::U8 octet) {
-    if (i > 15) detail::throwRange("Ip6Addr::u8Is: index out of range");
-    octets_[i] = octet;
+  constexpr void u8Is(Ip6AddrU8Key i, Kiv::U8 octet) { u8Is(Kiv::U64{i.value()}, octet); }
+  constexpr Kiv::U16 u16(Kiv::U64 i) const {
+    const unsigned at = 2 * index(i, 8, "Ip6Addr::u16: index out of range");
+    return static_cast<Kiv::U16>(octets_[at] << 8 | octets_[at + 1]);
   }
-  constexpr void u8Is(Ip6AddrU8Key i, Kiv::U8 octet) { u8Is(unsigned{i.value()}, octet); }
-  constexpr Kiv::U16 u16(unsigned i) const {
-    if (i > 7) detail::throwRange("Ip6Addr::u16: index out of range");
-    return static_cast<Kiv::U16>(octets_[2 * i] << 8 | octets_[2 * i + 1]);
+  constexpr void u16Is(Kiv::U64 i, Kiv::U16 group) {
+    const unsigned at = 2 * index(i, 8, "Ip6Addr::u16Is: index out of range");
+    octets_[at] = static_cast<Kiv::U8>(group >> 8);
+    octets_[at + 1] = static_cast<Kiv::U8>(group);
   }
-  constexpr void u16Is(unsigned i, Kiv::U16 group) {
-    if (i > 7) detail::throwRange("Ip6Addr::u16Is: index out of range");
-    octets_[2 * i] = static_cast<Kiv::U8>(group >> 8);
-    octets_[2 * i + 1] = static_cast<Kiv::U8>(group);
+  constexpr Kiv::U64 u64(Kiv::U64 i) const {
+    return load(8 * index(i, 2, "Ip6Addr::u64: index out of range"));
   }
-  constexpr Kiv::U64 u64(unsigned i) const {
-    if (i > 1) detail::throwRange("Ip6Addr::u64: index out of range");
-    return load(8 * i);
-  }
-  constexpr void u64Is(unsigned i, Kiv::U64 half) {
-    if (i > 1) detail::throwRange("Ip6Addr::u64Is: index out of range");
-    store(8 * i, half);
+  constexpr void u64Is(Kiv::U64 i, Kiv::U64 half) {
+    store(8 * index(i, 2, "Ip6Addr::u64Is: index out of range"), half);
   }
   /// The parts are always there: throw `Kiv::NondeletableAttrException`.
   [[noreturn]] void u8Del(unsigned i);
@@ -146,7 +145,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   Ip6Addr validLlUnicastAddress() const;
 
   /// The first `len` bits set. A `len` above 128 ends the process.
-  static constexpr Ip6Addr maskOfLength(unsigned len) noexcept {
+  static constexpr Ip6Addr maskOfLength(Kiv::U64 len) noexcept {
     KIV_ASSERT_AS(len <= 128, "len <= 128");
     return Ip6Addr(leadingOnes(len), len > 64 ? leadingOnes(len - 64) : 0);
   }
@@ -199,6 +198,12 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   }
 
  private:
+  /// `i`, where there are `size` of them; else throws.
+  static constexpr unsigned index(Kiv::U64 i, unsigned size, Kiv::ParseError outOfRange) {
+    if (i >= size) [[unlikely]]
+      detail::throwRange(outOfRange);
+    return static_cast<unsigned>(i);
+  }
   // Spelled out octet by octet: the compilers make one load and one byte swap of each.
   constexpr Kiv::U32 word(unsigned i) const noexcept {
     return Kiv::U32{octets_[i]} << 24 | Kiv::U32{octets_[i + 1]} << 16 | Kiv::U32{octets_[i + 2]} << 8 |
@@ -210,7 +215,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   constexpr void store(unsigned i, Kiv::U64 half) noexcept {
     for (unsigned k = 0; k < 8; ++k) octets_[i + k] = static_cast<Kiv::U8>(half >> (56 - 8 * k));
   }
-  static constexpr Kiv::U64 leadingOnes(unsigned count) noexcept {
+  static constexpr Kiv::U64 leadingOnes(Kiv::U64 count) noexcept {
     return count == 0 ? 0 : count >= 64 ? ~Kiv::U64{0} : ~Kiv::U64{0} << (64 - count);
   }
 

@@ -44,7 +44,7 @@ class KIV_API Ip6AddrWithFullMask : public detail::Ip6TextForms<Ip6AddrWithFullM
   constexpr Ip6AddrWithFullMask(const Ip6Addr& address, const Ip6Addr& mask) noexcept
       : address_(address), mask_(mask) {}
   /// The mask of a length. One above 128 ends the process.
-  constexpr Ip6AddrWithFullMask(const Ip6Addr& address, unsigned len) noexcept
+  constexpr Ip6AddrWithFullMask(const Ip6Addr& address, Kiv::U64 len) noexcept
       : address_(address), mask_(Ip6Addr::maskOfLength(len)) {}
   /// From any text form that `parse` reads; throws `Kiv::RangeException`.
   explicit Ip6AddrWithFullMask(std::string_view text) { stringValueIs(text); }

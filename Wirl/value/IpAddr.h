@@ -100,7 +100,7 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
   }
 
   /// The address with all bits behind the first `len` cleared; unchanged with 32 or more.
-  constexpr IpAddr maskedByLength(unsigned len) const noexcept {
+  constexpr IpAddr maskedByLength(Kiv::U64 len) const noexcept {
     return len >= 32 ? *this : fromHostOrder(hostOrder() & ~(0xffff'ffffu >> len));
   }
 

@@ -5,9 +5,11 @@
 #include <array>
 #include <charconv>
 #include <compare>
+#include <concepts>
 #include <functional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
@@ -27,9 +29,10 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
   static constexpr Kiv::U8 maxValue = 63;
 
   constexpr IpDscp() noexcept = default;
-  /// Throws `Kiv::RangeException` for a number above 63.
-  constexpr IpDscp(Kiv::U8 value) : value_(value) {
-    if (value > maxValue) detail::throwRange(kTooLarge);
+  /// Throws `Kiv::RangeException` for any number but 0 to 63.
+  template <std::integral T>
+  constexpr IpDscp(T value) : value_(static_cast<Kiv::U8>(value)) {
+    if (std::cmp_less(value, 0) || std::cmp_greater(value, maxValue)) detail::throwRange(kTooLarge);
   }
   explicit IpDscp(std::string_view text) { stringValueIs(text); }
   /// The code point of a TOS octet, whose lower two bits (ECN) are left out.

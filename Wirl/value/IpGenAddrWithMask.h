@@ -26,10 +26,11 @@ class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask>
   constexpr IpGenAddrWithMask() noexcept = default;
   /// A length that the family does not have throws `Kiv::RangeException`. The unknown family has the lengths
   /// of IPv6.
-  constexpr IpGenAddrWithMask(IpAddr address, unsigned len) : IpGenAddrWithMask(IpGenAddr(address), len) {}
-  constexpr IpGenAddrWithMask(const Ip6Addr& address, unsigned len)
+  constexpr IpGenAddrWithMask(IpAddr address, Kiv::U64 len) : IpGenAddrWithMask(IpGenAddr(address), len) {}
+  constexpr IpGenAddrWithMask(const Ip6Addr& address, Kiv::U64 len)
       : IpGenAddrWithMask(IpGenAddr(address), len) {}
-  constexpr IpGenAddrWithMask(const IpGenAddr& address, unsigned len) : address_(address), len_(len) {
+  constexpr IpGenAddrWithMask(const IpGenAddr& address, Kiv::U64 len)
+      : address_(address), len_(static_cast<Kiv::U32>(len)) {
     if (const Kiv::ParseError error = checkLen(address, len)) detail::throwRange(error);
   }
   constexpr IpGenAddrWithMask(const IpAddrWithMask& value)
@@ -123,9 +124,9 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   /// The mask of a length. One that the family does not have throws `Kiv::RangeException`; so does `invalid`.
   /// The unknown family has length 0 only.
   constexpr IpGenAddrWithFullMask(const IpGenAddr& address, PrefixLen len)
-      : address_(address), mask_(maskOf(address.af(), static_cast<unsigned>(len.value()))) {}
-  constexpr IpGenAddrWithFullMask(IpAddr address, unsigned len) : address_(address), mask_(v4Mask(len)) {}
-  constexpr IpGenAddrWithFullMask(const Ip6Addr& address, unsigned len)
+      : address_(address), mask_(maskOf(address.af(), static_cast<Kiv::U64>(len.value()))) {}
+  constexpr IpGenAddrWithFullMask(IpAddr address, Kiv::U64 len) : address_(address), mask_(v4Mask(len)) {}
+  constexpr IpGenAddrWithFullMask(const Ip6Addr& address, Kiv::U64 len)
       : address_(address), mask_(v6Mask(len)) {}
   /// From any text form that `parse` reads; throws `Kiv::RangeException`.
   explicit IpGenAddrWithFullMask(std::string_view text) { stringValueIs(text); }
@@ -158,17 +159,17 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
                                     const IpGenAddrWithFullMask&) noexcept = default;
 
  private:
-  static constexpr IpAddr v4Mask(unsigned len) {
+  static constexpr IpAddr v4Mask(Kiv::U64 len) {
     if (len > 32) [[unlikely]]
       detail::throwRange("Invalid IPv4 prefix length");
     return IpAddr(0xff, 0xff, 0xff, 0xff).maskedByLength(len);
   }
-  static constexpr Ip6Addr v6Mask(unsigned len) {
+  static constexpr Ip6Addr v6Mask(Kiv::U64 len) {
     if (len > 128) [[unlikely]]
       detail::throwRange("Invalid IPv6 prefix");
     return Ip6Addr::maskOfLength(len);
   }
-  static constexpr IpGenAddr maskOf(AddressFamily af, unsigned len) {
+  static constexpr IpGenAddr maskOf(AddressFamily af, Kiv::U64 len) {
     if (af == AddressFamily::ipv4) return v4Mask(len);
     if (af == AddressFamily::ipv6) return v6Mask(len);
     if (len != 0) [[unlikely]]

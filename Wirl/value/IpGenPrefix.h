@@ -77,13 +77,14 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::ReadForms<IpG
   constexpr IpGenPrefix() noexcept = default;
   /// A length that the family does not have, or a bit behind the length, throws `Kiv::RangeException`. The
   /// unknown family has the lengths of IPv6.
-  constexpr IpGenPrefix(IpAddr address, unsigned len) : IpGenPrefix(IpGenAddr(address), len) {}
-  constexpr IpGenPrefix(const Ip6Addr& address, unsigned len) : IpGenPrefix(IpGenAddr(address), len) {}
-  constexpr IpGenPrefix(const IpGenAddr& address, unsigned len) : IpGenPrefixBase(address, len) {
+  constexpr IpGenPrefix(IpAddr address, Kiv::U64 len) : IpGenPrefix(IpGenAddr(address), len) {}
+  constexpr IpGenPrefix(const Ip6Addr& address, Kiv::U64 len) : IpGenPrefix(IpGenAddr(address), len) {}
+  constexpr IpGenPrefix(const IpGenAddr& address, Kiv::U64 len)
+      : IpGenPrefixBase(address, static_cast<Kiv::U32>(len)) {
     const bool v4 = af() == AddressFamily::ipv4;
     if (len > address.size() * 8) [[unlikely]]
       detail::throwRange(v4 ? "Invalid IPv4 Prefix Length" : "Invalid IPv6 Prefix Length");
-    if (address.storage().ip6AddrMaskedByLength(len) != address.storage()) [[unlikely]]
+    if (address.storage().ip6AddrMaskedByLength(this->len()) != address.storage()) [[unlikely]]
       detail::throwRange("Invalid prefix - Non-zero after prefix length");
   }
   /// Without a check: the prefix may be one without length, or have host bits.
@@ -91,7 +92,7 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::ReadForms<IpG
   constexpr IpGenPrefix(const Ip6Prefix& prefix) noexcept : IpGenPrefixBase(prefix.address(), prefix.len()) {}
   /// From the sixteen octets of the storage as four numbers in host order, octet 0 the most significant of
   /// the first one. Checked as above; octets that the family does not have count as bits behind the length.
-  constexpr IpGenPrefix(AddressFamily af, unsigned len, const std::array<Kiv::U32, 4>& words)
+  constexpr IpGenPrefix(AddressFamily af, Kiv::U64 len, const std::array<Kiv::U32, 4>& words)
       : IpGenPrefix(addressOfWords(af, words), len) {}
   /// From text as 10.1.0.0/16 or 2001:db8::/32; throws `Kiv::RangeException`.
   explicit IpGenPrefix(std::string_view text) { stringValueIs(text); }

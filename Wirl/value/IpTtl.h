@@ -3,9 +3,11 @@
 
 #include <charconv>
 #include <compare>
+#include <concepts>
 #include <functional>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
@@ -20,9 +22,14 @@ class KIV_API IpTtl : public detail::TextForms<IpTtl> {
  public:
   static constexpr unsigned kTextMax = 3;
   static constexpr Kiv::ParseError kTrailingText = "Invalid IpTtl";
+  static constexpr Kiv::ParseError kTooLarge = "IpTtl::value > 255 not allowed";
 
   constexpr IpTtl() noexcept = default;
-  constexpr IpTtl(Kiv::U8 value) noexcept : value_(value) {}
+  /// Throws `Kiv::RangeException` for any number but 0 to 255.
+  template <std::integral T>
+  constexpr IpTtl(T value) : value_(static_cast<Kiv::U8>(value)) {
+    if (!std::in_range<Kiv::U8>(value)) detail::throwRange(kTooLarge);
+  }
   explicit IpTtl(std::string_view text) { stringValueIs(text); }
 
   constexpr Kiv::U8 value() const noexcept { return value_; }
@@ -31,7 +38,7 @@ class KIV_API IpTtl : public detail::TextForms<IpTtl> {
     Kiv::U64 value = 0;
     std::string_view rest = text;
     if (!Kiv::takeDecimal(rest, 255, value)) return kTrailingText;
-    if (value > 255) return "IpTtl::value > 255 not allowed";
+    if (value > 255) return kTooLarge;
     out.value_ = static_cast<Kiv::U8>(value);
     text = rest;
     return nullptr;

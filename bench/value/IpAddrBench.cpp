@@ -5,9 +5,8 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "Wirl/value/IpAddr.h"
 #include "Wirl/value/Prefix.h"
-#include "bench/value/Corpus.h"
+#include "bench/value/Addresses.h"
 
 namespace {
 
@@ -18,26 +17,18 @@ using Kiv::U64;
 using Wirl::IpAddr;
 using Wirl::Prefix;
 
-/// Octets of one, two and three digits alike.
-IpAddr mixedAddress(Random& random) {
-  const auto octet = [&] {
-    return static_cast<Kiv::U8>(below(random, std::array{10u, 100u, 256u}[below(random, 3)]));
-  };
-  return IpAddr(std::array{octet(), octet(), octet(), octet()});
-}
-
 const auto& addresses() {
-  static const auto all = corpus(mixedAddress);
+  static const auto all = corpus(mixedIpAddr);
   return all;
 }
 const auto& texts() {
   static const auto all =
-      corpus([](Random& random) { return std::string(mixedAddress(random).stringValue()); });
+      corpus([](Random& random) { return std::string(mixedIpAddr(random).stringValue()); });
   return all;
 }
 const auto& badTexts() {
   static const auto all = corpus([](Random& random) {
-    return spoilt(random, mixedAddress(random).stringValue(),
+    return spoilt(random, mixedIpAddr(random).stringValue(),
                   "./:", [](const std::string& text) { return !IpAddr::fromText(text); });
   });
   return all;

@@ -264,12 +264,17 @@ TEST(IpDscp, HasTheNamesOfTheRegistry) {
     EXPECT_EQ(IpDscp::ofTos(static_cast<U8>(IpDscp(row.value).tos() | 3)), IpDscp(row.value));
   }
   EXPECT_EQ(IpDscp("af41").tos(), 0x88);
-  EXPECT_EQ(thrownBy([] { (void)IpDscp(64); }), "range: IpDscp::value > 63 not allowed");
+  for (const int value : {64, 256, -1}) {
+    EXPECT_EQ(thrownBy([&] { (void)IpDscp(value); }), "range: IpDscp::value > 63 not allowed") << value;
+  }
   for (const char* text : {"", "64", "AF1", "EFF", "CS8", "-1"}) EXPECT_FALSE(IpDscp::fromText(text)) << text;
 }
 
 TEST(IpTtl, ReadsItsNumber) {
   for (const char* text : {"0", "1", "255"}) EXPECT_EQ(IpTtl(text).stringValue(), text);
+  for (const int value : {256, -1}) {
+    EXPECT_EQ(thrownBy([&] { (void)IpTtl(value); }), "range: IpTtl::value > 255 not allowed") << value;
+  }
   for (const char* text : {"", "256", "-1", "1 "}) EXPECT_FALSE(IpTtl::fromText(text)) << text;
 }
 

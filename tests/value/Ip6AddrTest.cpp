@@ -225,11 +225,23 @@ TEST(Ip6Addr, ViewsAreOfOneStorage) {
   EXPECT_EQ(back, a);
   EXPECT_EQ(table::logged(a), Kiv::Bytes(octets, octets + 16));
 
+  constexpr U64 kWraps = U64{1} << 32;  // 0 in 32 bits
   const std::pair<std::string, std::function<void()>> failures[] = {
-      {"u8", [&] { (void)a.u8(16); }},   {"u8", [&] { (void)a.u8(Ip6AddrU8Key(16)); }},
-      {"u8Is", [&] { a.u8Is(~0u, 1); }}, {"u16", [&] { (void)a.u16(8); }},
-      {"u16Is", [&] { a.u16Is(8, 1); }}, {"u64", [&] { (void)a.u64(2); }},
+      {"u8", [&] { (void)a.u8(16); }},
+      {"u8", [&] { (void)a.u8(kWraps); }},
+      {"u8", [&] { (void)a.u8(Ip6AddrU8Key(16)); }},
+      {"u8", [&] { (void)a.u8(Ip6AddrU8Key(256)); }},
+      {"u8Is", [&] { a.u8Is(~0u, 1); }},
+      {"u8Is", [&] { a.u8Is(kWraps, 1); }},
+      {"u8Is", [&] { a.u8Is(Ip6AddrU8Key(-256), 1); }},
+      {"u16", [&] { (void)a.u16(8); }},
+      {"u16", [&] { (void)a.u16(kWraps); }},
+      {"u16Is", [&] { a.u16Is(8, 1); }},
+      {"u16Is", [&] { a.u16Is(kWraps, 1); }},
+      {"u64", [&] { (void)a.u64(2); }},
+      {"u64", [&] { (void)a.u64(kWraps); }},
       {"u64Is", [&] { a.u64Is(2, 1); }},
+      {"u64Is", [&] { a.u64Is(kWraps, 1); }},
   };
   for (const auto& [name, call] : failures) {
     EXPECT_EQ(table::messageOf<Kiv::RangeException>(call), "Ip6Addr::" + name + ": index out of range");

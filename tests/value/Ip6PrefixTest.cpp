@@ -132,7 +132,7 @@ TEST(Ip6AddrWithFullMask, LengthsOfMasksAndOrder) {
   const Ip6AddrWithFullMask holes(ip6AddrLoopback, Ip6Addr("ffff:0:ffff::"));
   EXPECT_EQ(holes.prefixLen(), Ip6PrefixLen::invalid);
   EXPECT_FALSE(holes.hasPrefixRepr());
-  EXPECT_DEATH((void)Ip6AddrWithFullMask(Ip6Addr(), 129), "assertion failed: len <= 128");
+  EXPECT_DEATH((void)Ip6AddrWithFullMask(Ip6Addr(), Kiv::U64{1} << 32), "assertion failed: len <= 128");
   table::expectOrdered<Ip6AddrWithFullMask>({{ip6AddrZero, 0u},
                                              {ip6AddrZero, ip6AddrLoopback},
                                              {ip6AddrZero, 128u},

@@ -21,6 +21,8 @@ std::string rangeMessage(Args&&... args) {
   return table::messageOf<Kiv::RangeException>(std::forward<Args>(args)...);
 }
 
+constexpr Kiv::U64 kWraps = Kiv::U64{1} << 32;  // 0 in 32 bits
+
 TEST(AddressFamily, Texts) {
   for (const auto& [af, text] :
        {std::pair(AddressFamily::ipunknown, "ipunknown"), std::pair(AddressFamily::ipv4, "ipv4"),
@@ -169,6 +171,9 @@ TEST(IpGenPrefix, ConstructorsCheck) {
   const std::pair<std::function<void()>, std::string> failures[] = {
       {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), 33); }, "Invalid IPv4 Prefix Length"},
       {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), ~0u); }, "Invalid IPv4 Prefix Length"},
+      {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), kWraps + 8); }, "Invalid IPv4 Prefix Length"},
+      {[] { (void)IpGenPrefix(ip6AddrZero, kWraps); }, "Invalid IPv6 Prefix Length"},
+      {[] { (void)IpGenPrefix(AddressFamily::ipv6, kWraps, {}); }, "Invalid IPv6 Prefix Length"},
       {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 1), 24); }, kHostBits},
       {[] { (void)IpGenPrefix(ip6AddrZero, 129); }, "Invalid IPv6 Prefix Length"},
       {[] { (void)IpGenPrefix(ip6AddrLoopback, 127); }, kHostBits},
@@ -252,9 +257,12 @@ TEST(IpGenAddrWithMask, TextsAndConstructors) {
                        {"fe80::1/129", "fe80::1/100000000000000000000000000008"});
   table::expectRefused(before, "Invalid IpGenAddrWithMask",
                        {"10.1.2.3/24 ", "10.1.2.3/24\0"sv, "fe80::1/64\0"sv});
-  EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(IpAddr(1, 2, 3, 4), 33); }),
-            "Invalid IPv4 Prefix Length");
-  EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(ip6AddrZero, 129); }), "Invalid IPv6 Prefix Length");
+  for (const auto& [len4, len6] : {std::pair<Kiv::U64, Kiv::U64>(33, 129), {kWraps, kWraps}}) {
+    EXPECT_EQ(rangeMessage([len = len4] { (void)IpGenAddrWithMask(IpAddr(1, 2, 3, 4), len); }),
+              "Invalid IPv4 Prefix Length");
+    EXPECT_EQ(rangeMessage([len = len6] { (void)IpGenAddrWithMask(ip6AddrZero, len); }),
+              "Invalid IPv6 Prefix Length");
+  }
   EXPECT_EQ(rangeMessage([] { (void)IpGenAddrWithMask(IpAddrWithMask(IpAddr(), 40)); }),
             "Invalid IPv4 Prefix Length");
   EXPECT_EQ(IpGenAddrWithMask(IpAddrWithMask("10.1.2.3/24")), IpGenAddrWithMask(IpGenAddr("10.1.2.3"), 24));
@@ -288,8 +296,10 @@ TEST(IpGenAddrWithFullMask, TextsAndConstructors) {
   EXPECT_EQ(T(ip6AddrMld, 77).prefixLen().value(), 77);
   EXPECT_FALSE(T(IpAddr(1, 2, 3, 4), IpAddr(255, 0, 255, 0)).hasPrefixRepr());
   EXPECT_EQ(T(IpAddr(1, 2, 3, 4), IpAddr(255, 0, 255, 0)).prefixLen(), T::PrefixLen::invalid);
-  EXPECT_EQ(rangeMessage([] { (void)T(IpAddr(), 33); }), "Invalid IPv4 prefix length");
-  EXPECT_EQ(rangeMessage([] { (void)T(ip6AddrZero, 129); }), "Invalid IPv6 prefix");
+  for (const auto& [len4, len6] : {std::pair<Kiv::U64, Kiv::U64>(33, 129), {kWraps, kWraps}}) {
+    EXPECT_EQ(rangeMessage([len = len4] { (void)T(IpAddr(), len); }), "Invalid IPv4 prefix length");
+    EXPECT_EQ(rangeMessage([len = len6] { (void)T(ip6AddrZero, len); }), "Invalid IPv6 prefix");
+  }
   EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("1.2.3.4"), IpGenAddr("::")); }),
             "Invalid IPv4/IPv6 address");
   for (const T& value : {T(), T(IpAddr(1, 2, 3, 4), 8), T(ip6AddrMld, 77)}) {
