@@ -9,6 +9,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "Kiv/Assert.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Reactor.h"
 #include "Kiv/String.h"
@@ -26,6 +27,8 @@ using AttrValue = std::conditional_t<std::is_trivially_copyable_v<T> && sizeof(T
 template <typename T, typename Owner>
 class Attr {
  public:
+  using Of = Owner;
+
   Attr() = default;
   explicit Attr(T initial) : value_(std::move(initial)) {}
   Attr(const Attr&) = delete;
@@ -52,11 +55,33 @@ class Attr {
   mutable NotifieeList notifiees_;
 };
 
+/// A value that is not destroyed with other statics, which may still look at it.
+template <typename T>
+class Undying {
+ public:
+  template <typename... Args>
+  explicit Undying(Args&&... args) : value_{std::forward<Args>(args)...} {}
+  ~Undying() {}
+  Undying(const Undying&) = delete;
+  Undying& operator=(const Undying&) = delete;
+
+  const T& get() const noexcept { return value_; }
+
+ private:
+  union {
+    const T value_;
+  };
+};
+
 /// An attribute that keeps its default, and is watched by nobody, on most entities of its class: it takes a
-/// pointer's room until then, and the rest from the heap. `Default` gives what it is at first.
+/// pointer's room until then, and the rest from the heap. `Default` gives what it is at first. To set it the
+/// first time, or to watch it, may fail for want of memory, and changes nothing then; a reference to its value
+/// from before that stays one to the default.
 template <typename T, typename Owner, const T& (*Default)() noexcept>
 class RareAttr {
  public:
+  using Of = Owner;
+
   RareAttr() = default;
   RareAttr(const RareAttr&) = delete;
   RareAttr& operator=(const RareAttr&) = delete;
@@ -134,10 +159,13 @@ class KIV_API Entity : public PtrInterface {
   virtual void visitAttrs(AttrVisitor& visitor) const;
 
  protected:
-  /// Stores in an attribute of the entity's and notifies nobody, for a base class that does so later. False
+  /// Stores in an attribute of this entity and notifies nobody, for a base class that does so later. False
   /// when the value is what it was.
   template <typename AnyAttr, typename Value>
-  static bool storeAttr(AnyAttr& attr, const Value& value) {
+  bool storeAttr(AnyAttr& attr, const Value& value) {
+    const auto* const from = reinterpret_cast<const char*>(static_cast<typename AnyAttr::Of*>(this));
+    const auto* const at = reinterpret_cast<const char*>(&attr);
+    KIV_ASSERT_AS(at >= from && at < from + sizeof(typename AnyAttr::Of), "attr is one of this entity");
     return attr.store(value);
   }
 
@@ -227,12 +255,12 @@ String textOf(const T& value) {
   }
 
 /// The same two for attributes that few entities of the class change or have watched: see `RareAttr`.
-#define KIV_ATTR_RARE_READ(Type, name, ...)                  \
-  static const Type& name##Default() noexcept {              \
-    static const Type& value = *new const Type{__VA_ARGS__}; \
-    return value;                                            \
-  }                                                          \
-  ::Kiv::RareAttr<Type, Self, name##Default> name;           \
+#define KIV_ATTR_RARE_READ(Type, name, ...)               \
+  static const Type& name##Default() noexcept {           \
+    static const ::Kiv::Undying<Type> value{__VA_ARGS__}; \
+    return value.get();                                   \
+  }                                                       \
+  ::Kiv::RareAttr<Type, Self, name##Default> name;        \
   KIV_ATTR_DERIVED(Type, name)
 #define KIV_ATTR_RARE(Type, name, ...)          \
   KIV_ATTR_RARE_READ(Type, name, __VA_ARGS__)   \

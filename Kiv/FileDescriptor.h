@@ -22,7 +22,7 @@ class KIV_API FileDescriptor : public Entity {
  public:
   KIV_ENTITY(FileDescriptor, Entity)
   KIV_ATTR_READ(S32, descriptor, -1)
-  KIV_ATTR_RARE_READ(bool, nonBlocking, false)
+  KIV_ATTR_READ(bool, nonBlocking, false)
   KIV_ATTR_READ(bool, notifyOnReadable, true)
   KIV_ATTR_READ(bool, notifyOnWritable, false)
   KIV_ATTR_READ(bool, edgeTriggered, false)

@@ -13,31 +13,34 @@ void NotifieeTable::append(Notifiee* notifiee) noexcept {
   last = notifiee;
 }
 
-template <typename Condition>
-Notifiee* NotifieeTable::takeOut(Condition condition) noexcept {
-  Notifiee* all = std::exchange(last->next, nullptr);
-  last = nullptr;
-  Notifiee* taken = nullptr;
-  Notifiee** tail = &taken;
-  while (Notifiee* const each = all) {
-    all = std::exchange(each->next, nullptr);
-    if (condition(*each)) {
-      *tail = each;
-      tail = &each->next;
-    } else {
-      append(each);
-    }
+void NotifieeTable::remove(Notifiee* notifiee) noexcept {
+  Notifiee* before = last;
+  while (before->next != notifiee) before = before->next;
+  if (before == notifiee) {
+    last = nullptr;
+  } else {
+    before->next = notifiee->next;
+    if (last == notifiee) last = before;
   }
-  return taken;
 }
 
 void NotifieeTable::tidy() noexcept {
   untidy = false;
-  Notifiee* dead = takeOut([this](Notifiee& each) {
-    if (!owner) each.table = nullptr;  // it may belong to a Reactor that outlives the attribute
-    return each.abandoned;
-  });
-  if (!owner) last = nullptr;
+  Notifiee* all = std::exchange(last->next, nullptr);
+  Notifiee* dead = nullptr;
+  Notifiee** deadEnd = &dead;
+  last = nullptr;
+  while (Notifiee* const each = all) {
+    all = std::exchange(each->next, nullptr);
+    if (each->abandoned) {
+      *deadEnd = each;
+      deadEnd = &each->next;
+    } else if (owner) {
+      append(each);
+    } else {
+      each->table = nullptr;  // it belongs to a Reactor that outlives the attribute
+    }
+  }
   goIfEmpty();
   // The closures go last: what they hold may hold the attribute.
   while (dead) delete std::exchange(dead, dead->next);
@@ -88,7 +91,7 @@ void Reactor::drop() noexcept {
     table.untidy = true;
     return;
   }
-  table.takeOut([&](const Notifiee& each) { return &each == notifiee.get(); });
+  table.remove(notifiee.get());
   table.goIfEmpty();
 }
 

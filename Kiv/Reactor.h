@@ -55,9 +55,8 @@ struct NotifieeTable {
   }
 
   void append(Notifiee* notifiee) noexcept;
-  /// Takes out those for which `condition` holds, and returns them as a chain.
-  template <typename Condition>
-  Notifiee* takeOut(Condition condition) noexcept;
+  /// Looks for it from the first on: those that go in the order in which they came are found at once.
+  void remove(Notifiee* notifiee) noexcept;
   KIV_API void tidy() noexcept;
   void goIfEmpty() noexcept;
 
@@ -123,7 +122,9 @@ class KIV_API Reactor {
     { watched.notifiees() } -> std::same_as<NotifieeList&>;
   }
   Reactor(const Watched& watched, Action action) {
-    add(watched.notifiees(), new detail::NotifieeOf<Action>(std::move(action)));
+    NotifieeList& list =
+        watched.notifiees();  // which may take memory, and fail, before there is anything to lose
+    add(list, new detail::NotifieeOf<Action>(std::move(action)));
   }
   Reactor(Reactor&& other) noexcept : notifiee_(std::exchange(other.notifiee_, nullptr)) {}
   Reactor& operator=(Reactor&& other) noexcept {
