@@ -296,8 +296,11 @@ TEST(HexGroups, EveryWayOfReadingAgreesWithTheSlowOne) {
     expectAgrees(text, 6, detail::takeHexGroupsLoop(view, 6));
     expectAgrees(text, 8, detail::takeHexGroupsLoop(view, 8));
     const auto whole = detail::takeHexGroupsPlainly(view);
-    ASSERT_EQ(detail::takeEthAddr(view).length, whole.length) << text;
-    ASSERT_EQ(detail::takeEthAddr(view).octets, whole.octets) << text;
+    const auto quick = detail::takeEthAddr(view);
+    ASSERT_EQ(quick.length, whole.length) << text;
+    if (whole.length != 0) {
+      ASSERT_EQ(quick.octets, whole.octets) << text;
+    }
     if (HasFatalFailure()) return;
   }
 }

@@ -85,8 +85,9 @@ Taken takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept {
 
 namespace {
 
-/// The two ways to join groups: octets by colons or hyphens, pairs of octets by full stops.
-enum Form : U8 { kOctets = 0, kPairs = 1, kNoForm = 2 };
+/// The two ways to join groups: octets by colons or hyphens, pairs of octets by full stops. The value is how
+/// many digits a group may have beyond two.
+enum Form : U8 { kOctets = 0, kPairs = 2, kNoForm = 4 };
 
 constexpr auto kFormOf = [] {
   std::array<U8, 256> forms{};
@@ -97,17 +98,17 @@ constexpr auto kFormOf = [] {
 }();
 
 /// The ways to lay out six groups of one or two digits, or three of one to four: 64 each. A layout is known by
-/// the mask of its separators and of the text's end, and found by a hash of that mask that has no collisions (a
-/// collision does not compile).
+/// the mask of its separators and of everything from the text's end on, and found by a hash of that mask that
+/// has no collisions (a collision does not compile).
 struct Layouts {
-  static constexpr U32 slot(U32 form, U32 mask) { return form << 8 | mask * 0x310c'1663u >> 24; }
+  static constexpr U32 slot(U32 form, U32 mask) { return form << 7 | mask * 0xad94'21c1u >> 24; }
 
   /// Where the digits come from, but for the seventeenth character; then nothing.
   alignas(16) std::array<std::array<U8, 16>, 512> shuffle{};
   std::array<U32, 768> mask{};  // kNoForm has none
 
   constexpr Layouts() {
-    for (U32 form = kOctets; form <= kPairs; ++form) {
+    for (U32 form = kOctets; form <= kPairs; form += kPairs) {
       const U32 groups = form == kOctets ? 6 : 3;
       const U32 places = 12 / groups;
       for (U32 layout = 0; layout < 64; ++layout) {
@@ -121,7 +122,7 @@ struct Layouts {
         if (size < 8) continue;
         std::array<U8, 16> from{};
         from.fill(0x80);
-        U32 bits = 1u << size;
+        U32 bits = ~0u << size;
         U32 at = 0;
         for (U32 group = 0; group < groups; ++group) {
           for (U32 i = places - digits(group); i < places; ++i, ++at) {
@@ -159,40 +160,36 @@ WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
   return static_cast<U32>(_mm_movemask_epi8(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 16))));
 }
 
-/// Whether a text that is laid out in none of the ways may be an address all the same: has a group of more
-/// digits than it should have with a zero in front, of `zeros`, or is of three short groups and full stops.
-/// `foreign` are those of the first sixteen characters that are no digits.
-[[gnu::noinline]] bool mayBeLong(U32 form, U32 foreign, U32 zeros, std::string_view text) noexcept {
-  if (text.size() < 8) return text[1] == '.' || text[2] == '.' || text[3] == '.';
-  U32 digits = ~foreign & 0xffff;
-  // None of six groups begins behind character 15 but behind such a one.
-  for (std::size_t at = 16; at < text.size() && at < 18; ++at) {
-    digits |= static_cast<U32>(hexValue(text[at]) != kNoDigit) << at;
-  }
-  const U32 threeFrom = digits & digits >> 1 & digits >> 2;
-  return (zeros & threeFrom & (threeFrom >> 2 | onlyIf(form == kOctets))) != 0;
+/// A text of fewer than eight characters, or of more than eighteen. Three short groups joined by full stops make
+/// the one, zeros in front the other.
+[[gnu::noinline]] Taken takeUnusual(const char* text, std::size_t size) noexcept {
+  if (size < 5 || (size < 8 && text[1] != '.' && text[2] != '.' && text[3] != '.')) return kNone;
+  return takeHexGroupsPlainly({text, size});
 }
 
 }  // namespace
 
 Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
+  // The size is known long before the characters: a branch on it that was foreseen wrongly costs little.
+  if (size - 8 > 10) [[unlikely]]
+    return takeUnusual(text, size);
   // Which form a text has, how long its groups are and what is wrong with it cannot be predicted: there is no
   // branch on any of it before it is known whether this is an address.
-  const char* const from = orNuls(size < 8, text);
-  const __m128i characters = loadText8to16(from, size < 16 ? size : 16);
+  const __m128i characters = loadText8to16(text, size < 16 ? size : 16);
   const __m128i values = hexValues(characters);
-  // No group of an address that is laid out in one of the ways is longer than four digits.
-  const U32 foreign = noDigits(values);
-  const auto first = static_cast<unsigned>(std::countr_zero(foreign | 1u << 4));
-  const char separator = from[first];
+  const U32 beyond = ~0u << size;
+  const U32 others = noDigits(values);
+  // The first character that is no digit, or the last one. The window does not have the seventeenth character
+  // and the next, but no address of that size begins with sixteen digits.
+  const U32 atLast = static_cast<U32>(static_cast<int>(beyond) >> 1);
+  const char separator = text[std::countr_zero(others | atLast)];
   const U32 form = kFormOf[static_cast<U8>(separator)];
-  const U32 end = 1u << (size < 18 ? size : 18);
-  const U32 mask = whereIs(characters, separator) | end;
+  const U32 mask = whereIs(characters, separator) | beyond;
   const U32 slot = Layouts::slot(form, mask);
-  // The window does not have the seventeenth character; no address ends with anything but a digit.
-  const U32 last = hexValue((from + size)[-1]);
-  const U32 strange = (foreign ^ mask) & (end - 1);
-  if (((kLayouts.mask[slot] ^ mask) | strange | last >> 4) == 0) [[likely]] {
+  // No address ends with anything but a digit.
+  const U32 last = hexValue(text[size - 1]);
+  const U32 strange = (others & ~mask) | last >> 4;
+  if (((kLayouts.mask[slot] ^ mask) | strange) == 0) {
     const __m128i places = _mm_shuffle_epi8(
         values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
     const __m128i octets = _mm_maddubs_epi16(places, _mm_set1_epi16(0x0110));
@@ -200,16 +197,16 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
     return {word | U64{last & onlyIf(size > 16)} << 40, size};
   }
-  // A group of more digits than it should have may still be one, with zeros in front: three digits where they
-  // should be two, five where they should be four. So may three short groups joined by full stops; nothing else
-  // can. First a test of few steps that leaves little over.
-  const U32 ends = foreign | end;
-  const U32 zeros = whereIs(characters, '0') & (ends << 1 | 1);
-  const U32 beyond = (ends >> 3 | ends >> 4) & onlyIf(form != kOctets);
-  const U32 leading = zeros & ~(ends >> 1 | ends >> 2 | beyond) & onlyIf(last < 16);
-  if ((leading | onlyIf(size - 5 < 3)) == 0) [[likely]]
-    return kNone;
-  return mayBeLong(form, foreign, zeros, {text, size}) ? takeHexGroupsPlainly({text, size}) : kNone;
+  // A group of more digits than it should have may still be one, with zeros in front; nothing else can, and not
+  // that with a strange character. Zeros that no end of a group follows closely are what to look for: sixteen
+  // bits, above the shifted ones only when nothing is strange.
+  const U32 ends = others | beyond;
+  U32 near = ends >> 1 | ends >> 2;
+  near |= near >> form;
+  const U32 leading = whereIs(values, 0) & ~near;
+  if (leading <= strange << 16) [[likely]]
+    return {ends, 0};  // of no octets, whatever stands there
+  return takeHexGroupsPlainly({text, size});
 }
 
 #endif
