@@ -49,6 +49,15 @@ struct Model {
     std::copy_n(buffer->at(buffer->offset), buffer->bytes, moved->at(moved->offset));
     buffer = moved;
   }
+  /// Grows the shared data, in a new buffer where it does not fit, and gives the new bytes.
+  U8* grow(bool toTail, U32 n) {
+    if (toTail && n > buffer->tailroom()) move(n <= buffer->offset ? buffer->size() : buffer->size() + n, n);
+    if (!toTail && n > buffer->offset) move(buffer->size() + n, 0);
+    if (!toTail) buffer->offset -= n;
+    buffer->bytes += n;
+    show();
+    return buffer->at(toTail ? offset + bytes - n : offset);
+  }
   std::vector<U8> value() const {
     std::vector<U8> all = head;
     if (buffer) all.insert(all.end(), buffer->at(offset), buffer->at(offset + bytes));
@@ -135,28 +144,15 @@ class PktModel : public testing::TestWithParam<U32> {
       model.buffer = std::make_shared<Buffer>(size);
       model.first = 1;
       model.show();
-    } else if (op == 8) {
-      const U32 n = length(buffer->offset);
-      if (n > buffer->offset) model.move(buffer->size() + n, 0);
-      model.buffer->offset -= n;
-      model.buffer->bytes += n;
-      model.show();
-      write(pkt.newSharedHeadData(n), model.buffer->at(model.offset), n);
-    } else if (op == 9) {
-      const U32 n = length(buffer->tailroom());
-      if (n > buffer->tailroom()) model.move(n <= buffer->offset ? buffer->size() : buffer->size() + n, n);
-      model.buffer->bytes += n;
-      model.show();
-      write(pkt.newSharedTailData(n), model.buffer->at(model.offset + model.bytes - n), n);
-    } else if (op == 10) {
+    } else if (op == 8 || op == 9) {
+      const bool toTail = op == 9;
+      const U32 n = length(toTail ? buffer->tailroom() : buffer->offset);
+      U8* const grown = model.grow(toTail, n);
+      write(toTail ? pkt.newSharedTailData(n) : pkt.newSharedHeadData(n), grown, n);
+    } else if (op == 10 || op == 11) {
       const U32 n = upTo(std::min(buffer->bytes, 50u));
-      pkt.delSharedHeadData(n);
-      buffer->offset += n;
-      buffer->bytes -= n;
-      model.show();
-    } else if (op == 11) {
-      const U32 n = upTo(std::min(buffer->bytes, 50u));
-      pkt.delSharedTailData(n);
+      op == 10 ? pkt.delSharedHeadData(n) : pkt.delSharedTailData(n);
+      buffer->offset += op == 10 ? n : 0;
       buffer->bytes -= n;
       model.show();
     } else if (op == 12) {
@@ -174,22 +170,11 @@ class PktModel : public testing::TestWithParam<U32> {
                 static_cast<int>(buffer->offset) + model.begin);
       EXPECT_EQ(pkt.offsetBytes(), buffer->bytes - static_cast<U32>(model.begin + model.end));
     } else {
-      const bool toTail = op == 14;
       std::string value(upTo(60), '\0');
       for (char& c : value) c = static_cast<char>(pattern_++);
+      pkt.stringValueIs(value, op == 14);
       const U32 n = static_cast<U32>(value.size());
-      pkt.stringValueIs(value, toTail);
-      if (n == 0) return;
-      if (toTail && n > buffer->tailroom()) {
-        model.move(n <= buffer->offset ? buffer->size() : buffer->size() + n, n);
-      } else if (!toTail && n > buffer->offset) {
-        model.move(buffer->size() + n, 0);
-      }
-      if (!toTail) model.buffer->offset -= n;
-      model.buffer->bytes += n;
-      model.show();
-      const U32 at = toTail ? model.offset + model.bytes - n : model.offset;
-      std::memcpy(model.buffer->at(at), value.data(), n);
+      if (n > 0) std::memcpy(model.grow(op == 14, n), value.data(), n);
     }
   }
 

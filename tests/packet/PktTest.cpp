@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "Kiv/Exception.h"
 #include "tests/support/AllocationCounter.h"
+#include "tests/support/Failure.h"
 
 namespace {
 
@@ -32,16 +32,6 @@ Pkt::Ptr pktOf(std::string_view bytes) {
   return pkt;
 }
 
-template <typename F>
-std::string thrownBy(F f) {
-  try {
-    f();
-  } catch (const Kiv::RangeException& failure) {
-    return failure.message();
-  }
-  return "nothing";
-}
-
 TEST(Pkt, BeginsEmptyAndAllHeadroom) {
   EXPECT_EQ(manager().name(), "Pkt::Manager");
   const struct {
@@ -61,36 +51,6 @@ TEST(Pkt, BeginsEmptyAndAllHeadroom) {
     EXPECT_EQ(row.pkt->sharedBuffer() ? headroom(row.pkt) : 0, row.size);
     EXPECT_FALSE(row.pkt->tciPresent());
     EXPECT_EQ(row.pkt->tciField() + row.pkt->vlanTpid() + row.pkt->beginOffset() + row.pkt->endOffset(), 0);
-  }
-}
-
-TEST(Pkt, MovesToANewBufferOnlyWhenGrowthDoesNotFit) {
-  const struct {
-    const char* what;
-    U32 head, tail;                // grown first
-    U32 moreHead, moreTail;        // then
-    U32 size, headroom, tailroom;  // as a result
-    bool moved;
-  } rows[] = {{"all headroom", 0, 0, 1536, 0, 1536, 0, 0, false},
-              {"one more", 1536, 0, 1, 0, 1537, 0, 0, true},
-              {"free space all becomes headroom", 100, 36, 1500, 0, 3036, 1400, 0, true},
-              {"no tailroom", 0, 0, 0, 1, 1536, 1535, 0, true},
-              {"headroom pays for the tail", 36, 0, 0, 1500, 1536, 0, 0, true},
-              {"headroom does not suffice", 36, 0, 0, 1501, 3037, 1500, 0, true},
-              {"nothing", 1536, 0, 0, 0, 1536, 0, 0, false}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    const Pkt::Ptr pkt = manager().newPkt();
-    pkt->newSharedTailData(row.tail);
-    pkt->newSharedHeadData(row.head);
-    const auto before = pkt->sharedBuffer();
-    pkt->newSharedHeadData(row.moreHead);
-    pkt->newSharedTailData(row.moreTail);
-    EXPECT_EQ(pkt->sharedBuffer() != before, row.moved);
-    EXPECT_EQ(pkt->maxSharedData(), row.size);
-    EXPECT_EQ(headroom(pkt), row.headroom);
-    EXPECT_EQ(pkt->sharedBuffer()->tailroom(), row.tailroom);
-    EXPECT_EQ(pkt->bytes(), row.head + row.tail + row.moreHead + row.moreTail);
   }
 }
 
@@ -117,7 +77,7 @@ TEST(Pkt, GrowthKeepsTheBytesAndReturnsTheNewOnes) {
   EXPECT_EQ(pkt->rawByte(6), 'D');
   pkt->resetSharedData();
   EXPECT_EQ(headroom(pkt), pkt->maxSharedData());
-  EXPECT_EQ(thrownBy([&] { pkt->iovec(2); }), "no such iovec");
+  EXPECT_EQ(failureOf([&] { pkt->iovec(2); }), "no such iovec");
 }
 
 TEST(Pkt, ValuesGoInFrontOrBehindAndMayBeTheirOwn) {
@@ -138,19 +98,6 @@ TEST(Pkt, ValuesGoInFrontOrBehindAndMayBeTheirOwn) {
   pkt = manager().newPkt(nullptr);
   pkt->stringValueIs("");
   EXPECT_TRUE(pkt->empty());
-}
-
-TEST(Pkt, PrivateDataAloneBeginsInTheLastEntry) {
-  const Pkt::Ptr pkt = manager().newPkt(nullptr);
-  std::memcpy(pkt->newPrivateHeadData(64), std::string(64, 'p').data(), 64);
-  EXPECT_EQ(pkt->numIovecs(), 1u);
-  EXPECT_EQ(pkt->iovec(1).iov_len, 64u);
-  EXPECT_EQ(text(pkt), std::string(64, 'p'));
-  EXPECT_EQ(pkt->rawByte(63), 'p');
-  pkt->delPrivateHeadData(64);
-  *pkt->newPrivateHeadData(1) = 'q';  // begun again: in the first entry
-  EXPECT_EQ(pkt->numIovecs(), 2u);
-  EXPECT_EQ(text(pkt), "q");
 }
 
 TEST(Pkt, TheSeparateTagIsPutBehindTheMacAddresses) {
@@ -216,7 +163,8 @@ TEST(Pkt, AShallowCopySharesTheBytesAndTakesTheTag) {
 
   EXPECT_EQ(manager().newShallowCopy(manager().newPkt(nullptr))->numIovecs(), 0u);
   copy->newPrivateHeadData(1);
-  EXPECT_EQ(thrownBy([&] { manager().newShallowCopy(copy); }), "shallow copy of packet with non-shared data");
+  EXPECT_EQ(failureOf([&] { manager().newShallowCopy(copy); }),
+            "shallow copy of packet with non-shared data");
 }
 
 TEST(Pkt, OffsetsLieInTheDataOrReachIntoTheHeadroom) {
@@ -383,26 +331,6 @@ TEST_F(PktRecycling, ABurstLeavesNoMoreThanTheLimit) {
   EXPECT_GE(Pkt::Manager::cachedBuffers(), kLimit / 2) << "some are kept";
   pktFactory();
   EXPECT_LE(Pkt::Manager::cachedBuffers(), kLimit);
-}
-
-TEST_F(PktRecycling, WhatComesBackIsLikeNew) {
-  Pkt* const first = manager().newPkt().get();
-  {
-    const Pkt::Ptr pkt = manager().newPkt();
-    ASSERT_EQ(pkt.get(), first);
-    pkt->newSeparateVlanTag(7, 7);
-    pkt->newSharedHeadData(9);
-    pkt->offsetRangeIs(1, 1);
-    pkt->newPrivateHeadData(60);
-  }
-  const Pkt::Ptr pkt = manager().newPkt();
-  ASSERT_EQ(pkt.get(), first);
-  EXPECT_EQ(pkt->references(), 1u);
-  EXPECT_TRUE(pkt->empty());
-  EXPECT_EQ(headroom(pkt), 1536u);
-  EXPECT_EQ(pkt->numIovecs(), 1u);
-  EXPECT_EQ(pkt->tciField() + pkt->vlanTpid() + pkt->tciPresent() + pkt->beginOffset() + pkt->endOffset(), 0);
-  EXPECT_EQ(pkt->iovec(0).iov_len, 0u);
 }
 
 TEST_F(PktRecycling, PacketsMayBeReleasedOnAnotherThread) {
