@@ -3,10 +3,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
+#include <new>
 #include <utility>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/detail/doBoth.h"
 #include "Wirl/packet/VlanOffload.h"
 
 namespace Wirl {
@@ -17,21 +20,8 @@ Kiv::TraceHandle trace("PamConnector");
 
 constexpr Kiv::Time kTick = Kiv::timeOfSeconds(0.0009765625);  // 1/1024 s
 
-/// Does something when it goes.
-template <typename Action>
-class AtEnd {
- public:
-  explicit AtEnd(Action action) : action_(std::move(action)) {}
-  ~AtEnd() noexcept(false) { action_(); }
-  AtEnd(const AtEnd&) = delete;
-  AtEnd& operator=(const AtEnd&) = delete;
-
- private:
-  Action action_;
-};
-
 /// The packet itself, or a copy where its bytes are those of other packets, too, which would see them move.
-Pkt::Ptr withBytesOfItsOwn(Pkt::Ptr pkt) {
+Pkt::Ptr withBytesOfItsOwn(const Pkt::Ptr& pkt) {
   if (!pkt->sharedBuffer() || pkt->sharedBuffer()->references() == 1) return pkt;
   const Pkt::Manager& manager = *globalPktManager();
   const U32 room = std::max(pkt->bytes(), Pkt::Manager::defaultBufferBytes_);
@@ -66,39 +56,71 @@ Pkt::Ptr PamConnectorPam::inputQueue(U32 sequence) const {
   return sequence - queue_.first < inputQueueLength() ? ring_[sequence & mask_] : nullptr;
 }
 
-inline void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
-  if (inputQueueLength() > mask_) [[unlikely]]
-    grow();
-  ring_[queue_.next++ & mask_] = std::move(pkt);
-}
-
-void PamConnectorPam::grow() {
-  std::vector<Pkt::Ptr> larger(ring_.size() * 2);
+bool PamConnectorPam::grow() noexcept {
   const U32 mask = mask_ * 2 + 1;
+  if (mask == ~U32{0}) return false;  // the sequence numbers could not tell that many from none
+  std::vector<Pkt::Ptr> larger;
+  try {
+    larger.resize(std::size_t{mask} + 1);
+  } catch (const std::exception&) {  // no memory, or no address space for it
+    return false;
+  }
   for (U32 at = queue_.first; at != queue_.next; ++at) larger[at & mask] = std::move(ring_[at & mask_]);
   ring_ = std::move(larger);
   mask_ = mask;
+  return true;
+}
+
+inline bool PamConnectorPam::admitted() {
+  const U32 length = otherEnd()->inputQueueLength();
+  if (length > otherEnd()->maxBuffer()) [[unlikely]] {
+    drop();
+    return false;
+  }
+  if (length > otherEnd()->mask_ && !otherEnd()->grow()) [[unlikely]] {
+    detail::doBoth([&] { failed(ENOMEM); }, [&] { writableCountInc(1); });
+    return false;
+  }
+  return true;
+}
+
+inline void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
+  PamConnectorPam& other = *otherEnd();
+  other.ring_[other.queue_.next++ & other.mask_] = std::move(pkt);
+  if (trace.enabled(2)) [[unlikely]]
+    traceEnqueued();
+  // The packet gets its tick also when a client's reactor throws.
+  detail::doBoth([this] { countWritable(*this); },
+                 [this] {
+                   if (pamConnector()) pamConnector()->doScheduleEvent();
+                 });
 }
 
 void PamConnectorPam::txPktIsImpl(const Pkt::Ptr& pkt) {
   KIV_ASSERT_AS(otherEnd(), "otherEnd()");
   KIV_ASSERT_AS(pkt, "pkt != __null");
-  if (otherEnd()->inputQueueLength() > otherEnd()->maxBuffer()) [[unlikely]]
-    return drop();
-  Pkt::Ptr sending = pkt;  // a reactor to what follows may let go of the caller's pointer
-  if (peekPkt.notifiees().empty() && peekPktCount.notifiees().empty()) {  // nobody to see it in between
-    peekPktCount.store(peekPktCount() + 1);
-  } else if (!show(sending)) {
+  if (!admitted()) [[unlikely]]
     return;
-  }
-  otherEnd()->enqueue(std::move(sending));
-  if (trace.enabled(2)) [[unlikely]]
-    traceEnqueued();
-  // The packet gets its tick also when a client's reactor throws.
-  const AtEnd schedule([this] {
-    if (pamConnector()) pamConnector()->doScheduleEvent();
-  });
-  countWritable(*this);
+  if (!peekPkt.notifiees().empty() || !peekPktCount.notifiees().empty()) [[unlikely]]
+    return showAndSend(pkt);
+  peekPktCount.store(peekPktCount() + 1);  // nobody to see it in between
+  enqueue(pkt);
+}
+
+/// Takes the packet by value: those who see it may let go of the caller's pointer. They may also send, or cut
+/// the other end off.
+void PamConnectorPam::showAndSend(Pkt::Ptr pkt) {
+  const auto show = [&] { peekPkt.set(pkt); };
+  const auto count = [&] { peekPktCountInc(1); };
+  const auto hide = [&] { peekPkt.set(nullptr); };
+  const auto send = [&] {
+    if (!otherEnd()) {
+      failed(ENOTCONN);
+    } else if (admitted()) {
+      enqueue(std::move(pkt));
+    }
+  };
+  detail::doBoth([&] { detail::doBoth([&] { detail::doBoth(show, count); }, hide); }, send);
 }
 
 void PamConnectorPam::drop() {
@@ -108,33 +130,34 @@ void PamConnectorPam::drop() {
   writableCountInc(1);
 }
 
-bool PamConnectorPam::show(const Pkt::Ptr& pkt) {
-  {
-    const AtEnd hide([this] { peekPkt.set(nullptr); });
-    peekPkt.set(pkt);
-    peekPktCountInc(1);
-  }
-  if (otherEnd()) return true;
-  txErrnoIs(ENOTCONN);
-  txErrorsInc(1);
-  return false;
+void PamConnectorPam::failed(S32 error) {
+  detail::doBoth([&] { txErrnoIs(error); }, [&] { txErrorsInc(1); });
 }
 
 void PamConnectorPam::traceEnqueued() {
   KIV_TRACE(trace, 2) << "PamConnector: enqueue, total packets: " << otherEnd()->inputQueueLength();
 }
 
-void PamConnectorPam::separateTag(Pkt::Ptr& pkt) {
-  if (!hasVlanTagToOffload(*pkt)) return;
-  pkt = withBytesOfItsOwn(std::move(pkt));
-  maybeOffloadAnyVlanTag(pkt);
+bool PamConnectorPam::separateTag(Pkt::Ptr& pkt) noexcept {
+  if (!hasVlanTagToOffload(*pkt)) return true;
+  try {
+    pkt = withBytesOfItsOwn(pkt);
+    maybeOffloadAnyVlanTag(pkt);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 void PamConnectorPam::doGetRxPkt() {
   if (inputQueueLength() == 0) return;
-  Pkt::Ptr pkt = std::move(ring_[queue_.first++ & mask_]);
-  if (pamConnector() && pamConnector()->separateVlanTagHdr()) separateTag(pkt);
-  rxPktHolderIs(std::move(pkt));
+  Pkt::Ptr& oldest = ring_[queue_.first & mask_];
+  if (pamConnector() && pamConnector()->separateVlanTagHdr() && !separateTag(oldest)) [[unlikely]] {
+    if (pamConnector()->initialized()) pamConnector()->doScheduleEvent();  // pull again then
+    return;
+  }
+  ++queue_.first;
+  rxPktHolderIs(std::move(oldest));
 }
 
 // The connector
@@ -208,7 +231,7 @@ void PamConnector::handleClock() {
     deliver("pam1");
   } catch (...) {
     // A client's reactor threw. What was not told of yet is told of at another tick.
-    scheduleWhatIsQueued();
+    detail::doQuietly([this] { scheduleWhatIsQueued(); });
     throw;
   }
 }

@@ -28,13 +28,19 @@ inline std::ostream& operator<<(std::ostream& out, const InputQueueMetadata& que
 /// One end of a `PamConnector`.
 ///
 /// A send puts the packet itself, not a copy, into the other end's input queue; `rxPkt` takes it out there.
-/// Whether it was queued or dropped, the sender's `writableCount` goes up by one: it may send again.
+/// Whether it was queued or lost, the sender's `writableCount` goes up by one: it may send again.
 ///
 /// The queue takes a packet as long as it does not hold more than `maxBuffer`, and so up to `maxBuffer` + 1.
-/// What comes then is dropped, and counted by the end that would have received it (`rxDrops`).
+/// What comes then is dropped, and counted by the end that would have received it (`rxDrops`). Where there is
+/// no memory for a longer queue, the packet is counted in `txErrors` (ENOMEM).
+///
+/// Reactors to `peekPkt` and `peekPktCount` see a packet before it is queued. What they throw leaves `txPktIs`
+/// when the send is done; it costs no packet. They may send, too: where they leave no room, the packet that
+/// they saw is lost as above.
 ///
 /// Sending without another end, since one of the two was removed or the connector is gone, ends the process;
-/// where a reactor to `peekPkt` is what cuts it off, that packet is counted in `txErrors` (ENOTCONN).
+/// where a reactor to `peekPkt` is what cuts it off, that packet is counted in `txErrors` (ENOTCONN), and
+/// `writableCount` stays.
 class KIV_API PamConnectorPam final : public Pam {
  public:
   KIV_ENTITY(PamConnectorPam, Pam)
@@ -66,16 +72,21 @@ class KIV_API PamConnectorPam final : public Pam {
 
   // What few sends and receives have to do is apart, out of the way of those that have not.
 
-  /// Lets the packet be seen as `peekPkt`, for this instant; false, with the loss counted, where somebody who
-  /// saw it cut the other end off.
-  [[gnu::cold]] bool show(const Pkt::Ptr& pkt);
+  /// Whether the other end takes one more packet; where not, the loss is counted.
+  bool admitted();
+  /// Queues a packet at the other end, which has room, and sees to what follows from that.
+  void enqueue(Pkt::Ptr pkt);
+  /// Lets the packet be seen as `peekPkt`, for this instant, and then sends it.
+  [[gnu::cold]] void showAndSend(Pkt::Ptr pkt);
   /// Counts a packet for which the other end has no room.
   [[gnu::cold]] void drop();
+  /// Counts one that was lost otherwise.
+  [[gnu::cold]] void failed(S32 error);
   [[gnu::cold]] void traceEnqueued();
-  [[gnu::cold]] void grow();
-  /// Moves a VLAN tag out of the packet's bytes.
-  [[gnu::noinline]] static void separateTag(Pkt::Ptr& pkt);
-  void enqueue(Pkt::Ptr pkt);
+  /// Makes room in the ring; false without memory.
+  [[gnu::cold]] bool grow() noexcept;
+  /// Moves a VLAN tag out of the packet's bytes; false, with the packet as it was, without memory.
+  [[gnu::noinline]] static bool separateTag(Pkt::Ptr& pkt) noexcept;
   /// Belongs to no connector any more, and is nobody's other end.
   void cut() noexcept;
 
@@ -110,7 +121,8 @@ class KIV_API PamConnector : public Kiv::PtrInterface {
   bool initialized() const noexcept { return initialized_; }
   /// Whether a VLAN tag in a packet's bytes becomes its separate tag when the packet is received. That is
   /// done to the packet itself, also where the sender still holds it, but to a copy where its buffer is that
-  /// of other packets, too.
+  /// of other packets, too. A packet for whose copy there is no memory stays in the queue, and its client is
+  /// told again at the next tick.
   bool separateVlanTagHdr() const noexcept { return separateVlanTagHdr_; }
   void separateVlanTagHdrIs(bool separate) noexcept { separateVlanTagHdr_ = separate; }
 

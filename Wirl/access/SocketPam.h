@@ -38,7 +38,8 @@ class KIV_API SocketPam : public Pam {
   S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
 
   /// Closes the socket, if there is one, and if `on` says so has `open` open another. Where that throws there
-  /// is none, and `failed` is to put on record, and tell, that the Pam is not open.
+  /// is none, and `failed` is to put on record, and tell, that the Pam is not open. What reactors throw then
+  /// gives way to the failure.
   template <std::invocable Open, std::invocable Failed>
   void reopen(bool on, Open open, Failed failed) {
     const U32 turn = ++turn_;
@@ -48,7 +49,8 @@ class KIV_API SocketPam : public Pam {
     } catch (...) {
       if (turn == turn_) {
         const Closed closed = closeSocket();
-        detail::doBoth(failed, [&] { tell(closed); });
+        detail::doQuietly(failed);
+        detail::doQuietly([&] { tell(closed); });
       }
       throw;
     }

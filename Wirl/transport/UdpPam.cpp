@@ -118,7 +118,7 @@ void UdpPam::handleNetNs() {
 
 /// Closes the socket and, unless the mode is `disabled`, opens one. Where that fails there is none, and the
 /// mode says so. Every change that reactors are told of may make them close or open the Pam themselves: theirs
-/// is the newer turn then, and this one is over.
+/// is the newer turn then, and this one is over. What they throw when a failure is told of gives way to it.
 void UdpPam::reopen() {
   const U32 turn = ++turn_;
   try {
@@ -127,7 +127,8 @@ void UdpPam::reopen() {
   } catch (...) {
     if (turn == turn_) {
       const Closed closed = closeSocket();
-      detail::doBoth([&] { mode.set(Mode::disabled); }, [&] { tell(closed); });
+      detail::doQuietly([&] { mode.set(Mode::disabled); });
+      detail::doQuietly([&] { tell(closed); });
     }
     throw;
   }

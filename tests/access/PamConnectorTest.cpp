@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Kiv/Kiv.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/TraceCapture.h"
 
 namespace Wirl {
@@ -237,11 +238,107 @@ TEST_F(PamConnectorTest, WhatAReactorThrowsCostsNoPacket) {
     const Kiv::Reactor failing(pam0->writableCount, [] { throw std::runtime_error("client"); });
     EXPECT_THROW(pam0->txPktIs(pktOf("2")), std::runtime_error);
   }
-  const Kiv::Reactor failing(pam0->peekPkt, [] { throw std::runtime_error("client"); });
   const U32 before = pam1->readableCount();
   tick();
   EXPECT_EQ(pam1->readableCount(), before + 2);
   EXPECT_EQ(pulled(pam1, 2), "02");
+}
+
+TEST_F(PamConnectorTest, WhatWatchersOfASendThrowCostsNoPacketAndTheFirstOfItLeaves) {
+  for (U32 who = 1; who < 16; ++who) {
+    SCOPED_TRACE(who);
+    std::string ran;
+    const auto failing = [&](U32 bit, const auto& attr, char name) {
+      return Kiv::Reactor(attr, [&, bit, name] {
+        ran += name;
+        if (who & bit) throw name;
+      });
+    };
+    const Kiv::Reactor seen(pam0->peekPkt, [&] {
+      ran += pam0->peekPkt() ? 's' : 'h';
+      if (who & (pam0->peekPkt() ? 1 : 4)) throw ran.back();
+    });
+    const auto counted = failing(2, pam0->peekPktCount, 'c');
+    const auto sent = failing(8, pam0->writableCount, 'w');
+    const U32 packets = pam0->peekPktCount(), writable = pam0->writableCount();
+    char thrown = 0;
+    try {
+      pam0->txPktIs(pktOf("x"));
+    } catch (char name) {
+      thrown = name;
+    }
+    EXPECT_EQ(ran, "schw");
+    EXPECT_EQ(thrown, who & 1 ? 's' : who & 2 ? 'c' : who & 4 ? 'h' : 'w');
+    EXPECT_EQ(pam0->peekPkt(), nullptr);
+    EXPECT_EQ(pam0->peekPktCount(), packets + 1);
+    EXPECT_EQ(pam0->writableCount(), writable + 1);
+    const U32 readable = pam1->readableCount();
+    tick();
+    EXPECT_EQ(pam1->readableCount(), readable + 1);
+    EXPECT_EQ(pulled(pam1, 2), "xnothing");
+  }
+}
+
+TEST_F(PamConnectorTest, WatchersThatSendGetNoMoreThanTheBoundIntoAQueue) {
+  pam1->maxBufferIs(2);
+  int more = 10;
+  const auto send = [&] {
+    if (more-- > 0) pam0->txPktIs(pktOf("more"));
+  };
+  {
+    const Kiv::Reactor seen(pam0->peekPkt, send);
+    pam0->txPktIs(pktOf("seen"));
+  }
+  EXPECT_EQ(pam1->inputQueueLength(), 3u);
+  EXPECT_EQ(pam1->rxDrops(), 8u);
+  EXPECT_EQ(pam0->writableCount(), 12u);
+  EXPECT_EQ(pulled(pam1, 3), "moremoremore");
+  const Kiv::Reactor counted(pam0->peekPktCount, [&] { pam1->maxBufferIs(0); });
+  for (int i = 0; i < 2; ++i) pam0->txPktIs(pktOf("x"));
+  EXPECT_EQ(pam1->rxDrops(), 9u);
+}
+
+TEST_F(PamConnectorTest, WithoutMemoryForALongerQueueAPacketIsCountedAndTheSenderGoesOn) {
+  if (!AllocationRefusal::works) return;
+  for (const bool watched : {false, true}) {
+    Kiv::Reactor watcher;
+    if (watched) watcher = Kiv::Reactor(pam0->peekPkt, [] {});
+    const U32 room = watched ? 32 : 16, packets = pam0->peekPktCount();
+    while (pam1->inputQueueLength() < room) pam0->txPktIs(pktOf("x"));
+    const U32 writable = pam0->writableCount(), errors = pam0->txErrors();
+    const Pkt::Ptr last = pktOf("y");
+    {
+      const AllocationRefusal refusal(1);
+      pam0->txPktIs(last);
+    }
+    EXPECT_EQ(pam0->txErrors(), errors + 1);
+    EXPECT_EQ(pam0->txErrno(), ENOMEM);
+    EXPECT_EQ(pam0->writableCount(), writable + 1);
+    EXPECT_EQ(pam0->peekPktCount() - packets, 16u);
+    EXPECT_EQ(pam1->inputQueueLength(), room);
+  }
+  pam0->txPktIs(pktOf("z"));
+  EXPECT_EQ(pulled(pam1, 33), std::string(32, 'x') + "z");
+}
+
+TEST_F(PamConnectorTest, WithoutMemoryForItsCopyAPacketWaitsForTheNextTick) {
+  if (!AllocationRefusal::works) return;
+  cable->separateVlanTagHdrIs(true);
+  const std::string rest = "\x08\x00" + std::string(Pkt::Manager::defaultBufferBytes_, 'x');
+  const Pkt::Ptr held = globalPktManager()->newPkt(globalPktManager()->newSharedBuffer(5000));
+  held->stringValueIs(std::string("ddddddssssss\x81\x00\x20\x07", 16) + rest);
+  pam0->txPktIs(globalPktManager()->newShallowCopy(held));
+  tick();
+  Pkt::Ptr pkt;
+  {
+    const AllocationRefusal refusal(1000);
+    pkt = pam1->rxPkt();
+  }
+  EXPECT_EQ(pkt, nullptr);
+  EXPECT_EQ(pam1->inputQueueLength(), 1u);
+  tick();
+  EXPECT_EQ(pam1->readableCount(), 2u);
+  EXPECT_TRUE(pulled(pam1) == "ddddddssssss" + rest);
 }
 
 TEST_F(PamConnectorTest, TracesItsRoad) {

@@ -226,8 +226,12 @@ TEST_P(UdpPamTest, EveryFailedStepOfOpeningThrowsItsText) {
   end.pam->txTTLIs(9);
   end.pam->txPrioIs(tcPrioControl);
   end.pam->enableIpMulticastLoopIs(false);
+  int told = 0;
   const auto expectFailure = [&](Call call, unsigned nth, const std::string& text) {
     const Fault fault(call, nth, ENOMEM);
+    // What is thrown by those who are told of a failure gives way to it.
+    const Kiv::Reactor closed(end.pam->fileDesc, [&] { throw ++told; });
+    const Kiv::Reactor disabled(end.pam->mode, [&] { throw ++told; });
     EXPECT_EQ(failureOf([&] { end.pam->modeIs(Mode::server); }), text + " " + std::to_string(ENOMEM));
     EXPECT_EQ(end.pam->mode(), Mode::disabled);
   };
@@ -236,6 +240,7 @@ TEST_P(UdpPamTest, EveryFailedStepOfOpeningThrowsItsText) {
   for (const auto& name : v6 ? options6 : options4) {
     expectFailure(Call::setsockopt, ++nth, "setsockopt(" + name + ")");
   }
+  EXPECT_EQ(told, v6 ? 12 : 15);
   const auto option = [&](int level, int name) {
     int value = 0;
     socklen_t length = sizeof(value);

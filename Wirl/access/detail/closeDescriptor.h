@@ -1,28 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <concepts>
 #include <exception>
 
 #include "Kiv/FileDescriptor.h"
+#include "Wirl/access/detail/doBoth.h"
 
 // How the Pams that own a socket close it, whatever reactors throw meanwhile.
 namespace Wirl::detail {
-
-/// Does both, the second also where the first throws; what was thrown first leaves.
-template <std::invocable First, std::invocable Second>
-void doBoth(First first, Second second) {
-  try {
-    first();
-  } catch (...) {
-    try {
-      second();
-    } catch (...) {
-    }
-    throw;
-  }
-  second();
-}
 
 /// Closes the descriptor of an object, if there is one, which reads -1 then; returns what its reactors throw.
 inline std::exception_ptr closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing,
