@@ -122,8 +122,8 @@ class KIV_API Reactor {
     { watched.notifiees() } -> std::same_as<NotifieeList&>;
   }
   Reactor(const Watched& watched, Action action) {
-    NotifieeList& list =
-        watched.notifiees();  // which may take memory, and fail, before there is anything to lose
+    // This may take memory, and fail, and so comes before there is anything to lose.
+    NotifieeList& list = watched.notifiees();
     add(list, new detail::NotifieeOf<Action>(std::move(action)));
   }
   Reactor(Reactor&& other) noexcept : notifiee_(std::exchange(other.notifiee_, nullptr)) {}

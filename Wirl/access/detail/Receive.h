@@ -61,8 +61,9 @@ KIV_API Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, 
 class KIV_API RxBatch {
  public:
   /// One non-blocking recvmmsg of at most `limit` packets of at most `room` octets. Returns its result, with
-  /// errno: the number of packets received, and 0, without a call, where no packet could be had. They stand, cut to their lengths, in the slots from 0 on, whose
-  /// `savedPacketRx` is true, as that of no other slot is.
+  /// errno: the number of packets received, and 0, without a call, where no packet could be had. They stand,
+  /// cut to their lengths, in the slots from 0 on, whose `savedPacketRx` is true, as that of no other slot
+  /// is.
   S32 receive(Pam& pam, int fd, U16 limit, U32 room);
   /// Packets in the latest batch.
   U16 received() const noexcept { return received_; }
