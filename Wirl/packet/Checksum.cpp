@@ -25,13 +25,6 @@ namespace {
 
 constexpr bool kBigEndian = std::endian::native == std::endian::big;
 
-template <typename Word>
-[[gnu::always_inline]] inline Word load(const U8* from) noexcept {
-  Word word;
-  std::memcpy(&word, from, sizeof(word));
-  return word;
-}
-
 // Exact sums. As many words as a vector holds go at once, in lanes of 16 bits: the words as the machine reads
 // them, modulo 2^16, and apart from them their upper octets. What the lower octets add up to is the difference.
 // So neither the machine's order of octets nor a carry between words matters. The vectors are the compiler's
@@ -138,12 +131,12 @@ template <std::size_t Size>
     low += words & kOctets;
     high += words >> 8 & kOctets;
   };
-  for (; bytes >= 8; bytes -= 8, data += 8) take(load<U64>(data));
+  for (; bytes >= 8; bytes -= 8, data += 8) take(detail::load<U64>(data));
   if ((bytes & 4) != 0) {
-    take(load<U32>(data));
+    take(detail::load<U32>(data));
     data += 4;
   }
-  if ((bytes & 2) != 0) take(load<U16>(data));
+  if ((bytes & 2) != 0) take(detail::load<U16>(data));
   const U64 lows = (low & kWords) + (low >> 16 & kWords);
   const U64 highs = (high & kWords) + (high >> 16 & kWords);
   const U64 sums = kBigEndian ? (highs << 8) + lows : (lows << 8) + highs;
@@ -252,95 +245,7 @@ U32 chooseAndSum(const U8* data, std::size_t bytes) noexcept {
   return best(data, bytes);
 }
 
-// For what is short or odd, and where only the folded sum matters: words of the machine's own size and order, whose
-// carries count as ones, since 2^16 is 1 in this arithmetic.
-constexpr std::size_t kIpHdr = 20;
-using Word = std::conditional_t<sizeof(void*) == 8, unsigned long long, unsigned>;
-using Carry = unsigned char;
-constexpr std::size_t kWord = sizeof(Word);
-
-/// Adds `word` and the carry to `sum`; returns the carry from that.
-[[gnu::always_inline]] inline Carry addWithCarry(Carry carry, Word& sum, Word word) noexcept {
-#if defined(__x86_64__)
-  return _addcarry_u64(carry, sum, word, &sum);
-#elif defined(__i386__)
-  return _addcarry_u32(carry, sum, word, &sum);
-#else
-  const Carry first = __builtin_add_overflow(sum, word, &sum);
-  return static_cast<Carry>(first | __builtin_add_overflow(sum, Word{carry}, &sum));
-#endif
-}
-
-/// From a sum of words, in the order of octets that these are in.
-[[gnu::always_inline]] inline U16 checksumOf(U32 sum) noexcept {
-  // Added to itself with the halves changed, a number has in its upper half the sum of both, carry included.
-  return static_cast<U16>(~(sum + std::rotl(sum, 16)) >> 16);
-}
-[[gnu::always_inline]] inline U16 checksumOf(U64 sum) noexcept {
-  return checksumOf(static_cast<U32>((sum + std::rotl(sum, 32)) >> 32));
-}
-
-/// Of an IPv4 header without options, the most frequent one.
-[[gnu::always_inline]] inline U16 ipHdrChecksum(const U8* data, U64 start) noexcept {
-  U64 sum = start;
-  for (std::size_t i = 0; i < kIpHdr; i += 4) sum += load<U32>(data + i);
-  return checksumOf(sum);
-}
-
-/// Adds `count` words, carries and all, and goes behind them.
-template <std::size_t count>
-[[gnu::always_inline]] inline void takeWords(Word& sum, const U8*& data) noexcept {
-  Word words = sum;  // in a register, whatever addresses are taken
-  Carry carry = 0;
-  for (std::size_t i = 0; i < count; ++i) carry = addWithCarry(carry, words, load<Word>(data + i * kWord));
-  sum = words + carry;  // which is less than all ones after a carry
-  data += count * kWord;
-}
-
-[[gnu::always_inline]] inline U16 shortChecksum(const U8* data, std::size_t bytes, U64 rest) noexcept {
-  Word words = 0;
-  for (; bytes >= 8 * kWord; bytes -= 8 * kWord) takeWords<8>(words, data);
-  if ((bytes & 4 * kWord) != 0) takeWords<4>(words, data);
-  if (bytes % (4 * kWord) != 0) {
-    if ((bytes & 2 * kWord) != 0) takeWords<2>(words, data);
-    if ((bytes & kWord) != 0) takeWords<1>(words, data);
-    if (kWord == 8 && (bytes & 4) != 0) {
-      rest += load<U32>(data);
-      data += 4;
-    }
-    if ((bytes & 2) != 0) {
-      rest += load<U16>(data);
-      data += 2;
-    }
-    if ((bytes & 1) != 0) rest += kBigEndian ? U32{*data} << 8 : U32{*data};
-  }
-  U64 sum = words;
-  sum += __builtin_add_overflow(sum, rest, &sum);
-  return checksumOf(sum);
-}
-
-[[gnu::noinline]] IpChecksum longChecksum(const char* data, U16 len, U32 sum) noexcept {
-  sum += sumOfEven.load(std::memory_order_relaxed)(reinterpret_cast<const U8*>(data), len & ~1u);
-  if (len % 2 != 0) sum += U32{static_cast<U8>(data[len - 1])} << 8;
-  return IpChecksum(checksumOf(sum));
-}
-
-// Data adds less than 2^31, so that nothing is cut off from a start like that, as it is from a larger one.
-constexpr U32 kMostToStart = 0x7fffffff;
-
-/// In the order that words in memory have.
-[[gnu::always_inline]] inline U32 startOf(U32 sum) noexcept {
-  return kBigEndian ? sum : __builtin_bswap32(sum);
-}
-
-[[gnu::noinline]] IpChecksum otherChecksum(const char* data, U16 len, U32 sum) noexcept {
-  if (len > kShort || sum > kMostToStart) [[unlikely]]
-    return longChecksum(data, len, sum);
-  const auto* const octets = reinterpret_cast<const U8*>(data);
-  return IpChecksum(std::bit_cast<NetU16>(shortChecksum(octets, len, startOf(sum))));
-}
-
-[[gnu::noinline]] U32 otherChunk(const char* data, U16 len, U32 sum) {
+[[gnu::noinline]] U32 sumByKernel(const char* data, std::size_t len, U32 sum) {
   KIV_ASSERT_AS(len % 2 == 0, "(len % 2) == 0");
   return sum + sumOfEven.load(std::memory_order_relaxed)(reinterpret_cast<const U8*>(data), len);
 }
@@ -350,16 +255,16 @@ constexpr U32 kMostToStart = 0x7fffffff;
 // Aligned: where they happen to lie takes up to two thirds more time otherwise.
 
 [[gnu::aligned(64)]] U32 ipChecksumChunk(const char* data, U16 len, U32 sum) {
-  if (!forVectorsAtHand(len)) return otherChunk(data, len, sum);
+  if (!forVectorsAtHand(len)) return sumByKernel(data, len, sum);
   return sum + sumOfShort(reinterpret_cast<const U8*>(data), len);
 }
 
-[[gnu::aligned(64)]] IpChecksum ipChecksumCalc(const char* data, U16 len, U32 sum) {
-  const auto* const octets = reinterpret_cast<const U8*>(data);
-  if (len == kIpHdr && sum <= kMostToStart)
-    return IpChecksum(std::bit_cast<NetU16>(ipHdrChecksum(octets, startOf(sum))));
-  if (!forVectorsAtHand(len)) return otherChecksum(data, len, sum);
-  return IpChecksum(checksumOf(sum + sumOfShort(octets, len)));
+[[gnu::aligned(64)]] IpChecksum detail::checksumOfAny(const char* data, U16 len, U32 sum) noexcept {
+  const U32 even = len & ~1u;
+  sum = forVectorsAtHand(even) ? sum + sumOfShort(reinterpret_cast<const U8*>(data), even)
+                               : sumByKernel(data, even, sum);
+  if (len % 2 != 0) sum += U32{static_cast<U8>(data[even])} << 8;
+  return IpChecksum(checksumOf(sum));
 }
 
 std::ostream& operator<<(std::ostream& out, IpChecksum checksum) {

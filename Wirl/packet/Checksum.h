@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <bit>
 #include <ostream>
 
 #include "Kiv/Types.h"
 #include "Wirl/packet/NetInt.h"
+#include "Wirl/packet/detail/ShortChecksum.h"
 
 namespace Wirl {
 
@@ -36,6 +38,18 @@ KIV_API Kiv::U32 ipChecksumChunk(const char* data, Kiv::U16 len, Kiv::U32 sum);
 
 /// The checksum of `data`, an odd last byte being the high one of a word; `sum` is what to begin with, as the
 /// sum of a pseudo-header from `ipChecksumChunk`. A result of 0 stays 0.
-KIV_API IpChecksum ipChecksumCalc(const char* data, Kiv::U16 len, Kiv::U32 sum);
+IpChecksum ipChecksumCalc(const char* data, Kiv::U16 len, Kiv::U32 sum);
+
+namespace detail {
+/// The same, out of line.
+KIV_API IpChecksum checksumOfAny(const char* data, Kiv::U16 len, Kiv::U32 sum) noexcept;
+}  // namespace detail
+
+inline IpChecksum ipChecksumCalc(const char* data, Kiv::U16 len, Kiv::U32 sum) {
+  using namespace detail;
+  if (len - kFewestShort > kMostShort - kFewestShort || sum > kMostToStart)
+    return checksumOfAny(data, len, sum);
+  return IpChecksum(std::bit_cast<NetU16>(shortChecksum(reinterpret_cast<const Kiv::U8*>(data), len, sum)));
+}
 
 }  // namespace Wirl
