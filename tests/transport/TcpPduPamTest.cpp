@@ -598,10 +598,10 @@ TEST_P(TcpPduPamTest, WriteOnlyWaitsForThePduInReception) {
 TEST_P(TcpPduPamTest, APendingModeCanBeWithdrawnAndNoneOnlyPauses) {
   PamEnd end(GetParam(), kSmall, kSmall);
   end.open();
-  std::string sent = end.fill();
   const std::string stream = pduOf(100) + pduOf(50);
   end.peerSends(stream.substr(0, 60));
   EXPECT_TRUE(end.loop.runUntil([&] { return end.pam->rxRemainingLength() == 40; }));
+  const std::string sent = end.fill();
   end.pam->enableModeIs(tcpEnableModeReadOnly);
   end.pam->enableModeIs(tcpEnableModeWriteOnly);  // takes its place
   EXPECT_EQ(end.pam->pendingEnableReadOnlyOrWriteOnlyMode(), tcpEnableModeWriteOnly);
