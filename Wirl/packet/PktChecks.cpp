@@ -190,30 +190,31 @@ U32 optionsOffset(Icmp6TypeNumber type) noexcept {
   }
 }
 
-/// Whether `bytes` from `begin` on all lie in the packet's first piece.
-bool inFirstPiece(const Pkt& pkt, const void* begin, U32 bytes) {
+/// Whether `bytes` from `begin` on all lie in the packet's first piece. If not, `check` ends here.
+bool inFirstPiece(const char* check, const Pkt& pkt, const void* begin, U32 bytes) {
   const auto front = reinterpret_cast<std::uintptr_t>(pkt.front());
   const auto from = reinterpret_cast<std::uintptr_t>(begin);
   const U32 present = pkt.frontBytes();
   if (from >= front && from - front <= present && bytes <= present - (from - front)) return true;
+  KIV_TRACE(trace, 8) << check;
   tooShort(present, " in its first piece");
   return false;
 }
 
-bool inFirstPiece(const Pkt& pkt, const Ip6Hdr* ip6Hdr) {
-  return inFirstPiece(pkt, ip6Hdr, sizeof(*ip6Hdr)) &&
-         inFirstPiece(pkt, ip6Hdr, U32{sizeof(*ip6Hdr)} + ip6Hdr->payloadLen());
+bool inFirstPiece(const char* check, const Pkt& pkt, const Ip6Hdr* ip6Hdr) {
+  return inFirstPiece(check, pkt, ip6Hdr, sizeof(*ip6Hdr)) &&
+         inFirstPiece(check, pkt, ip6Hdr, U32{sizeof(*ip6Hdr)} + ip6Hdr->payloadLen());
 }
 
 /// The message is as long as the payload, wherever it begins, and has its checksum field in any case.
-bool inFirstPiece(const Pkt& pkt, const Ip6Hdr* ip6Hdr, const Icmp6Hdr* icmp6Hdr) {
-  return inFirstPiece(pkt, ip6Hdr, sizeof(*ip6Hdr)) &&
-         inFirstPiece(pkt, icmp6Hdr, std::max(U32{ip6Hdr->payloadLen()}, U32{sizeof(*icmp6Hdr)}));
+bool inFirstPiece(const char* check, const Pkt& pkt, const Ip6Hdr* ip6Hdr, const Icmp6Hdr* icmp6Hdr) {
+  return inFirstPiece(check, pkt, ip6Hdr, sizeof(*ip6Hdr)) &&
+         inFirstPiece(check, pkt, icmp6Hdr, std::max(U32{ip6Hdr->payloadLen()}, U32{sizeof(*icmp6Hdr)}));
 }
 
-bool inFirstPiece(const Pkt& pkt, const IpHdr* ipHdr) {
-  return inFirstPiece(pkt, ipHdr, sizeof(*ipHdr)) &&
-         inFirstPiece(pkt, ipHdr, U32{std::max(ipHdr->totalLenU16(), ipHdr->headerBytes())});
+bool inFirstPiece(const char* check, const Pkt& pkt, const IpHdr* ipHdr) {
+  return inFirstPiece(check, pkt, ipHdr, sizeof(*ipHdr)) &&
+         inFirstPiece(check, pkt, ipHdr, U32{std::max(ipHdr->totalLenU16(), ipHdr->headerBytes())});
 }
 
 }  // namespace
@@ -353,14 +354,16 @@ PktErrors checkIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icm
   KIV_ASSERT_AS(pkt, "pkt != 0");
   KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
   icmp6Hdr = nullptr;
-  return inFirstPiece(*pkt, ip6Hdr) ? checkIcmp6CheckSum(ip6Hdr, icmp6Hdr) : pktTooShort;
+  return inFirstPiece("checkIcmp6CheckSum", *pkt, ip6Hdr) ? checkIcmp6CheckSum(ip6Hdr, icmp6Hdr)
+                                                          : pktTooShort;
 }
 
 PktErrors setIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
   KIV_ASSERT_AS(icmp6Hdr, "icmp6Hdr != 0");
-  return inFirstPiece(*pkt, ip6Hdr, icmp6Hdr) ? setIcmp6CheckSum(ip6Hdr, icmp6Hdr) : pktTooShort;
+  return inFirstPiece("setIcmp6CheckSum", *pkt, ip6Hdr, icmp6Hdr) ? setIcmp6CheckSum(ip6Hdr, icmp6Hdr)
+                                                                  : pktTooShort;
 }
 
 PktErrors getIcmp6Opt(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*& option,
@@ -369,14 +372,15 @@ PktErrors getIcmp6Opt(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, I
   KIV_ASSERT_AS(ip6Hdr, "ip6Hdr != 0");
   KIV_ASSERT_AS(icmp6Hdr, "icmp6Hdr != 0");
   option = nullptr;
-  return inFirstPiece(*pkt, ip6Hdr, icmp6Hdr) ? getIcmp6Opt(ip6Hdr, icmp6Hdr, option, type) : pktTooShort;
+  return inFirstPiece("getIcmp6Opt", *pkt, ip6Hdr, icmp6Hdr) ? getIcmp6Opt(ip6Hdr, icmp6Hdr, option, type)
+                                                             : pktTooShort;
 }
 
 PktErrors checkIpAhHdr(const Pkt::Ptr& pkt, IpHdr* ipHdr, AhHdr*& ahHdr) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   KIV_ASSERT_AS(ipHdr, "ipHdr != 0");
   ahHdr = nullptr;
-  return inFirstPiece(*pkt, ipHdr) ? checkIpAhHdr(ipHdr, ahHdr) : pktTooShort;
+  return inFirstPiece("checkIpAhHdr", *pkt, ipHdr) ? checkIpAhHdr(ipHdr, ahHdr) : pktTooShort;
 }
 
 }  // namespace Wirl

@@ -17,6 +17,7 @@ namespace {
 
 using namespace Wirl;
 using frames::octets;
+using testing::Each;
 using testing::ElementsAre;
 
 /// `frame` with `hex` at `offset`.
@@ -194,7 +195,7 @@ TEST_F(PktChecksOfNs, TraceEntriesAndWhatWasFoundWithoutAllocationsWhenUntraced)
     checkEthIpHdr(bad, ethHdr, ipHdr);
     EXPECT_EQ(counter.allocations(), 0u);
   }
-  const TraceCapture traces("PktChecks/8");
+  TraceCapture traces("PktChecks/8");
   all();
   const std::string at = "PktChecks/8:";
   EXPECT_THAT(
@@ -205,6 +206,18 @@ TEST_F(PktChecksOfNs, TraceEntriesAndWhatWasFoundWithoutAllocationsWhenUntraced)
                   at + "Got required Type: 86dd src MAC: 00:0c:29:76:6c:14 dst MAC: 33:33:ff:76:6c:14",
                   at + "checkIcmp6CheckSum", at + "setIcmp6CheckSum", at + "getIcmp6Opt",
                   at + "Found option: 1", at + "checkIpAhHdr", at + "getNextProtoHdr"));
+
+  // In two pieces: also of a check that ends before it reads more than the fixed header.
+  traces.clear();
+  const auto [split, splitIp6Hdr, splitIcmp6Hdr] = icmp6Packet(kNs, 60);
+  const auto splitUdp = frames::packet(frames::kUdp, 40);
+  const PktErrors codes[] = {checkIcmp6CheckSum(split, splitIp6Hdr, icmp6Hdr),
+                             setIcmp6CheckSum(split, splitIp6Hdr, splitIcmp6Hdr),
+                             getIcmp6Opt(split, splitIp6Hdr, splitIcmp6Hdr, option, icmp6OptSrcLinkLayerAddr),
+                             checkIpAhHdr(splitUdp, reinterpret_cast<IpHdr*>(splitUdp->front() + 14), ahHdr)};
+  EXPECT_THAT(codes, Each(pktTooShort));
+  EXPECT_THAT(traces.lines(), ElementsAre(at + "checkIcmp6CheckSum", at + "setIcmp6CheckSum",
+                                          at + "getIcmp6Opt", at + "checkIpAhHdr"));
 }
 
 TEST_F(PktChecksOfNs, DieWithoutPacketsAndHeaders) {
