@@ -12,6 +12,8 @@ namespace Wirl {
 
 namespace {
 
+Kiv::TraceHandle handle("TcpClientSm");
+
 /// Whether both ends are one: the SYN met its own sender, and that was an answer.
 bool connectedToItself(int socket, const detail::SockAddr& peer) {
   detail::SockAddr local;
@@ -34,6 +36,10 @@ void TcpClientSm::connectTimeoutIs(Kiv::Time time) {
 void TcpClientSm::closeTimeoutIs(Kiv::Time time) {
   checkPositive(time, "TcpClientSm::closeTimeout <= 0 not allowed");
   closeTimeout.set(time);
+}
+
+const Kiv::TraceHandle& TcpClientSm::trace() const noexcept {
+  return handle;
 }
 
 void TcpClientSm::enabledIs(bool on) {
@@ -96,6 +102,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
     if (first) {
       watchIs(try_->socket);
       try_->onWritable = Kiv::Reactor(watch()->writableCount, [this] {
+        if (!prepared()) return;
         if (const std::optional<Event> event = tryToConnect(false)) drive(*this, *event);
       });
       watch()->notifyOnWritableIs(true);

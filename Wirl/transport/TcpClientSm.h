@@ -21,8 +21,9 @@ namespace Wirl {
 ///                                        v       │          connectionDel()
 ///                                       waiting  <──────────────────────────────── connected
 ///
-///          close() while connected ──> closing ──> disabled
-///          enabledIs(false), and close() elsewhere ──> disabled
+///          close() while connected ──> closing ──> disabled     on connectionDel() or after closeTimeout, and at
+///                                                               once to connecting if enabled anew meanwhile
+///          close() while connecting or waiting, and enabledIs(false) from everywhere ──> disabled
 ///
 /// In use:
 ///
@@ -121,6 +122,7 @@ class KIV_API TcpClientSm final : public TcpSm {
   void open();
   bool connectedNow() const;
   void handleClock() override;
+  const Kiv::TraceHandle& trace() const noexcept override;
 
   /// One try to connect.
   struct Try {

@@ -57,8 +57,7 @@ class KIV_API TcpFileDescriptor : public Kiv::PtrInterface {
 /// - Implement the three `handle...` reactors; call `handleReadable()` and `handleWritable()` for events.
 /// - Errors, hang-ups and the end of the stream count as readable and as writable.
 /// - With `TcpFileDescriptor::edgeTriggered`, switching a notification on asks anew: a socket that is ready
-/// then
-///   is reported, as if it had just become so.
+///   then is reported, as if it had just become so.
 /// - Owners may do anything inside a count, to the last pointer to the registration: touch nothing behind it.
 /// - Call `handleDel()` in the destructor.
 class KIV_API TcpFileDescriptorEventRegistration : public Kiv::Entity {

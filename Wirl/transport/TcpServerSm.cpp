@@ -16,6 +16,8 @@ namespace Wirl {
 
 namespace {
 
+Kiv::TraceHandle handle("TcpServerSm");
+
 /// Failures of accept(2) that concern the one connection, which is gone then: the peer gave up, or its network
 /// failed.
 bool concernsOne(int error) {
@@ -76,6 +78,10 @@ TcpServerSm::~TcpServerSm() {
 void TcpServerSm::acceptPauseIs(Kiv::Time time) {
   checkPositive(time, "TcpServerSm::acceptPause <= 0 not allowed");
   acceptPause.set(time);
+}
+
+const Kiv::TraceHandle& TcpServerSm::trace() const noexcept {
+  return handle;
 }
 
 void TcpServerSm::enabledIs(bool on) {
@@ -139,6 +145,7 @@ std::optional<TcpServerSm::Event> TcpServerSm::listen() {
     watchIs(socket_);
     acceptedOfEvent_ = 0;
     onReadable_ = Kiv::Reactor(watch()->readableCount, [this] {
+      if (!prepared()) return;
       const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
       acceptedOfEvent_ = 0;
       put(readableCount, readableCount() + 1);

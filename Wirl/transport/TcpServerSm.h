@@ -62,8 +62,10 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 ///     server->enabledIs(true);
 ///
 /// `readableCount` goes up while connections wait; as with a Pam the client pulls until null, inside its
-/// reactor, and is told again and again as long as it does not. After 256 connections of one event `accept()`
-/// gives null too, so that a flood of them leaves the rest of the loop its turn; the next event follows.
+/// reactor. As long as it does not it is told again with every pass of the loop, which then never sleeps: an
+/// enabled server needs somebody who accepts. To let connections wait, set `maxConnections` to what is open, or
+/// to 0. After 256 connections of one event `accept()` gives null too, so that a flood of them leaves the rest
+/// of the loop its turn; the next event follows.
 ///
 /// With `maxConnections` open the machine stops listening for events, not at the port: further connections are
 /// completed by the kernel and wait in its queue, of `backlog`, until one of the open ones is closed; what the
@@ -151,6 +153,7 @@ class KIV_API TcpServerSm final : public TcpSm {
   void connectionClosed() noexcept;
   void handleMaxConnections();
   void handleClock() override { drive(*this, Event::clock); }
+  const Kiv::TraceHandle& trace() const noexcept override;
 
   TcpFileDescriptor::PtrConst socket_;  // from opening to disabled
   U32 acceptedOfEvent_ = 0;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -23,6 +24,9 @@ namespace {
 
 /// Attributes that one transition may change.
 constexpr std::size_t kMostChanges = 8;
+
+/// Until an event is tried again for which there was no memory.
+constexpr Kiv::Time kMemoryPause = std::chrono::milliseconds(100);
 
 /// For all machines; makes nothing but registrations of the thread that asks.
 TcpFileDescriptorEventRegistrationFactory& activityLoopFactory() {
@@ -100,8 +104,24 @@ void TcpSm::prepare() {
   changed_.reserve(kMostChanges);
   if (clock_) return;
   const auto clock = Kiv::makePtr<Kiv::Clock>(name());
-  onClock_ = Kiv::Reactor(clock->expiredCount, [this] { handleClock(); });
+  onClock_ = Kiv::Reactor(clock->expiredCount, [this] {
+    if (prepared()) handleClock();
+  });
   clock_ = clock;
+}
+
+bool TcpSm::prepared() noexcept {
+  try {
+    prepare();
+    return true;
+  } catch (const std::bad_alloc&) {
+  }
+  try {
+    if (clock_) deadlineIs(kMemoryPause);
+  } catch (const std::bad_alloc&) {
+    // The loop keeps room for as many deadlines as it ever had: all but impossible.
+  }
+  return false;
 }
 
 void TcpSm::deadlineIs(Kiv::Time delay) {
@@ -141,11 +161,6 @@ void TcpSm::failureIs() noexcept {
   } catch (...) {
     failureIs(0, "unknown exception");
   }
-}
-
-Kiv::TraceHandle& TcpSm::trace() noexcept {
-  static Kiv::TraceHandle handle("TcpSm");
-  return handle;
 }
 
 void TcpSm::changed(Kiv::NotifieeList& notifiees) {

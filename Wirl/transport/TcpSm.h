@@ -117,6 +117,9 @@ class KIV_API TcpSm : public Kiv::Entity {
 
   /// Makes what a transition needs to come to its end, so that it does not begin without memory for that.
   void prepare();
+  /// The same for events of the loop, where nobody else would try again: without memory it is false, and the
+  /// clock, if there is one yet, comes (again) a moment later.
+  bool prepared() noexcept;
   /// Runs `handleClock()` after `delay`, in place of a deadline that there is.
   void deadlineIs(Kiv::Time delay);
   void deadlineDel();
@@ -135,7 +138,7 @@ class KIV_API TcpSm : public Kiv::Entity {
   void changed(Kiv::NotifieeList& notifiees);
   void notifyChanged();
 
-  static Kiv::TraceHandle& trace() noexcept;
+  virtual const Kiv::TraceHandle& trace() const noexcept = 0;
 
  private:
   void failureIs(int error, const char* reason) noexcept;

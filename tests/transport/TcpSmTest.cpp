@@ -652,6 +652,39 @@ TEST(TcpSm, WhateverIsThrownOrRefusedTheNextTryComes) {
   }
 }
 
+TEST(TcpSm, AnEventWithoutMemoryComesAgain) {
+  if (!AllocationRefusal::works) return;
+  const SimulatedTime simulated;
+  const auto withoutMemory = [] {
+    const AllocationRefusal refusal(1);
+    loop().runFor(60);
+  };
+  Server server;
+  server.sm->maxConnectionsIs(1);
+  server.open();
+  const auto sm = client(server.sm->listeningPort());
+  {
+    const Fault fault(Call::connect, 1, EINPROGRESS, Fault::kForEver);
+    sm->enabledIs(true);
+    withoutMemory();  // the time-out
+    EXPECT_EQ(sm->state(), ClientState::connecting);
+    EXPECT_TRUE(soon([&] { return sm->state() == ClientState::waiting; }));
+  }
+  withoutMemory();  // the next try
+  EXPECT_EQ(sm->attempts(), 1u);
+  EXPECT_TRUE(connects(sm));
+  EXPECT_TRUE(soon([&] { return server.sm->state() == ServerState::full; }));
+  const auto second = client(server.sm->listeningPort());
+  second->enabledIs(true);
+  {
+    const AllocationRefusal refusal(1);
+    server.connections.clear();
+    loop().runFor(60);
+  }
+  EXPECT_TRUE(soon([&] { return server.sm->accepted() == 2; }));
+  EXPECT_TRUE(connects(second));
+}
+
 TEST(TcpServerSm, ADeadSocketIsReplaced) {
   Server server;
   server.sm->backoffMinIs(1ms);
