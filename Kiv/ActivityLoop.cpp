@@ -131,7 +131,14 @@ void ActivityLoop::eventsIs(U32 index, U32 events) {
 // Clocks
 // -----------------------------------------------------------------------------------------------------
 
-void ActivityLoop::deadlineIs(Clock& clock, Time time) {
+void ActivityLoop::clockAdd() {
+  for (std::vector<Deadline>* list : {&fresh_, &heap_, &due_}) {
+    if (list->capacity() <= clocks_) list->reserve(clocks_ * 2 + 8);
+  }
+  ++clocks_;
+}
+
+void ActivityLoop::deadlineIs(Clock& clock, Time time) noexcept {
   const Deadline deadline{time, order_++, &clock};
   if (clock.place_ == Clock::Place::fresh) {
     fresh_[clock.index_] = deadline;
@@ -176,7 +183,7 @@ void ActivityLoop::heapDel(std::size_t index) noexcept {
   }
 }
 
-void ActivityLoop::heapIs(const Deadline& deadline) {
+void ActivityLoop::heapIs(const Deadline& deadline) noexcept {
   deadline.clock->place_ = Clock::Place::heap;
   heap_.push_back(deadline);
   siftUp(heap_.size() - 1, deadline);
@@ -213,7 +220,7 @@ void ActivityLoop::siftDown(std::size_t index, Deadline deadline) noexcept {
   place(index, deadline);
 }
 
-Time ActivityLoop::nextDeadline() {
+Time ActivityLoop::nextDeadline() noexcept {
   for (const Deadline& deadline : fresh_) heapIs(deadline);
   fresh_.clear();
   return heap_.empty() ? timeInfinite : heap_[0].time;
@@ -331,7 +338,7 @@ void ActivityLoop::runEvents() {
 }
 
 /// Moves the clocks whose time has come to the due ones, in the order of their times and of their setting.
-void ActivityLoop::collectDue() {
+void ActivityLoop::collectDue() noexcept {
   const Time present = now();
   while (!heap_.empty() && heap_[0].time <= present) {
     due_.push_back(heap_[0]);

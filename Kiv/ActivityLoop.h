@@ -105,15 +105,18 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void slotDel(U32 slot) noexcept;
 
   // Clocks.
-  void deadlineIs(Clock& clock, Time time);
+  /// Makes room in the lists for one more: there is always enough for all clocks at once.
+  void clockAdd();
+  void clockDel() noexcept { --clocks_; }
+  void deadlineIs(Clock& clock, Time time) noexcept;
   void deadlineDel(Clock& clock) noexcept;
   void place(std::size_t index, const Deadline& deadline) noexcept;
   void siftUp(std::size_t index, Deadline deadline) noexcept;
   void siftDown(std::size_t index, Deadline deadline) noexcept;
-  void heapIs(const Deadline& deadline);
+  void heapIs(const Deadline& deadline) noexcept;
   void heapDel(std::size_t index) noexcept;
-  void collectDue();
-  Time nextDeadline();
+  void collectDue() noexcept;
+  Time nextDeadline() noexcept;
   void timerIs(Time time) noexcept;
 
   // Passes.
@@ -134,6 +137,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   std::vector<U32> freeSlots_;
   std::vector<U32> slotOfFd_;
 
+  std::size_t clocks_ = 0;
   std::vector<Deadline> fresh_;  // in no order
   std::vector<Deadline> heap_;   // four children a node
   std::vector<Deadline> due_;    // of the pass in progress, in order; null clock: cancelled meanwhile

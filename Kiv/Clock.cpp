@@ -3,13 +3,16 @@
 
 namespace Kiv {
 
-Clock::Clock(String name) : Entity(std::move(name)), loop_(&activityLoop()) {}
+Clock::Clock(String name) : Entity(std::move(name)), loop_(&activityLoop()) {
+  loop_->clockAdd();
+}
 
 Clock::~Clock() {
   loop_->deadlineDel(*this);
+  loop_->clockDel();
 }
 
-void Clock::timeMinIs(Time time) {
+void Clock::timeMinIs(Time time) noexcept {
   if (time == timeMin_) return;
   if (time == timeInfinite) {
     loop_->deadlineDel(*this);

@@ -28,8 +28,8 @@ class KIV_API Clock : public Entity {
 
   /// The pending time; infinite when there is none.
   Time timeMin() const noexcept { return timeMin_; }
-  /// Sets or moves the pending time; `timeInfinite` cancels it.
-  void timeMinIs(Time time);
+  /// Sets or moves the pending time; `timeInfinite` cancels it. Takes no memory.
+  void timeMinIs(Time time) noexcept;
   /// The loop that drives it.
   ActivityLoop& loop() const noexcept { return *loop_; }
 

@@ -199,11 +199,11 @@ void PamConnector::pamDelAll() {
 void PamConnector::handleInitializedBase() {
   if (initialized()) return;
   KIV_TRACE(trace, 2) << "void Wirl::PamConnector::handleInitializedBase()";
-  initialized_ = true;
   const auto pam0 = Kiv::makePtr<PamConnectorPam>("pam0", this);
   const auto pam1 = Kiv::makePtr<PamConnectorPam>("pam1", this);
   pamIs(pam0);
   pamIs(pam1);
+  initialized_ = true;  // no memory is needed any more: where there is none, it can be tried again
   pam0->otherEnd_ = pam1.get();
   pam1->otherEnd_ = pam0.get();
   pam0->writableCountInc(1);

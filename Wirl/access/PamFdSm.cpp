@@ -29,14 +29,15 @@ Kiv::Ptr<Kiv::FileDescriptor> PamFdSm::fileDescDel() {
 
 void PamFdSm::hasNotificationActiveIs(bool active) {
   if (active == active_) return;
-  active_ = active;
   if (!active) {
     onReadable_.drop();
     onWritable_.drop();
   } else if (fileDesc_) {
-    onReadable_ = Kiv::Reactor(fileDesc_->readableCount, [this] { handleReadable(); });
+    Kiv::Reactor readable(fileDesc_->readableCount, [this] { handleReadable(); });
     onWritable_ = Kiv::Reactor(fileDesc_->writableCount, [this] { handleWritable(); });
+    onReadable_ = std::move(readable);
   }
+  active_ = active;
 }
 
 void PamFdSm::handleReadable() {

@@ -16,6 +16,7 @@
 
 #include "Kiv/Clock.h"
 #include "Kiv/FileDescriptor.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/Failure.h"
 #include "tests/support/SocketPair.h"
 
@@ -297,6 +298,7 @@ TEST(Clock, ManyRandomOnesAgainstASortedList) {
       ++fired;
     });
   }
+  const AllocationCounter counter;
   for (int step = 0; step < 20000; ++step) {
     const auto i = random() % clocks.size();
     if (random() % 4 == 0) loop().runFor(1e-6);
@@ -305,6 +307,7 @@ TEST(Clock, ManyRandomOnesAgainstASortedList) {
     ASSERT_EQ(clocks[i]->timeMin(), wanted[i]);
   }
   loop().runFor(1);
+  EXPECT_EQ(counter.allocations(), 0u);  // and so none can fail
   EXPECT_GT(fired, 1000);
   for (const Time due : wanted) EXPECT_EQ(due, timeInfinite);
 }

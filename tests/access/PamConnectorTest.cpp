@@ -319,6 +319,14 @@ TEST_F(PamConnectorTest, WithoutMemoryForALongerQueueAPacketIsCountedAndTheSende
   }
   pam0->txPktIs(pktOf("z"));
   EXPECT_EQ(pulled(pam1, 33), std::string(32, 'x') + "z");
+  cable = PamConnectorIs(clock);
+  {
+    const AllocationRefusal refusal(1);
+    EXPECT_THROW(cable->handleInitializedBase(), std::bad_alloc);
+  }
+  EXPECT_FALSE(cable->initialized());
+  cable->handleInitializedBase();  // can be tried again
+  EXPECT_NE(cable->pam("pam0")->otherEnd(), nullptr);
 }
 
 TEST_F(PamConnectorTest, WithoutMemoryForItsCopyAPacketWaitsForTheNextTick) {
