@@ -407,6 +407,7 @@ void ActivityLoop::simulatedTimeIs(bool on) {
   if (on && !simulated_) simulatedNow_ = now();
   simulated_ = on;
   passesHeldUp_ = 0;
+  syncEmbedded();  // what was set in simulated time has no timer yet
 }
 
 /// Keeps the thread's loop; those that are registered with it keep it too.

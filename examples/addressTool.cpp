@@ -246,7 +246,8 @@ int main(int argc, char** argv) {
       const std::string_view text = withoutBlanks(line);
       if (!text.empty() && text[0] != '#') take("line", number, text);
     }
-    if (std::cin.bad()) {
+    // The stream takes a failed read for the end.
+    if (std::cin.bad() || std::ferror(stdin) != 0) {
       std::cerr << "addressTool: standard input cannot be read\n";
       failed = true;
     }

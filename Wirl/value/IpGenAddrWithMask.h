@@ -124,7 +124,9 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   /// The mask of a length. One that the family does not have throws `Kiv::RangeException`; so does `invalid`.
   /// The unknown family has length 0 only.
   constexpr IpGenAddrWithFullMask(const IpGenAddr& address, PrefixLen len)
-      : address_(address), mask_(maskOf(address.af(), static_cast<Kiv::U64>(len.value()))) {}
+      : IpGenAddrWithFullMask(address, static_cast<Kiv::U64>(len.value())) {}
+  constexpr IpGenAddrWithFullMask(const IpGenAddr& address, Kiv::U64 len)
+      : address_(address), mask_(maskOf(address.af(), len)) {}
   constexpr IpGenAddrWithFullMask(IpAddr address, Kiv::U64 len) : address_(address), mask_(v4Mask(len)) {}
   constexpr IpGenAddrWithFullMask(const Ip6Addr& address, Kiv::U64 len)
       : address_(address), mask_(v6Mask(len)) {}

@@ -411,6 +411,14 @@ TEST(ActivityLoop, LivesInsideAForeignLoop) {
   loop().runFor(0);
   while (other->expiredCount() < 2 && readable(1000)) loop().poll();
   EXPECT_EQ(other->expiredCount(), 2u);
+
+  // And what was set while the time was a simulated one.
+  while (readable(0)) loop().poll();
+  {
+    const Simulated time;
+    other->timeMinIs(time.start + 2ms);
+  }
+  EXPECT_TRUE(readable(1000));
 }
 
 }  // namespace

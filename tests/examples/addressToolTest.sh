@@ -137,5 +137,6 @@ for words in -x --jsn "1.2.3.4 --table" -; do
   fi
 done
 "$tool" 1.2.3.4 >/dev/full 2>&1 && { echo "FAILED: status 0 though nothing could be written"; failures=1; }
+"$tool" </ >/dev/null 2>&1 && { echo "FAILED: status 0 though nothing could be read"; failures=1; }
 
 exit $((failures > 0))

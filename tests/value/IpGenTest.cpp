@@ -296,17 +296,20 @@ TEST(IpGenAddrWithFullMask, TextsAndConstructors) {
   EXPECT_EQ(T(ip6AddrMld, 77).prefixLen().value(), 77);
   EXPECT_FALSE(T(IpAddr(1, 2, 3, 4), IpAddr(255, 0, 255, 0)).hasPrefixRepr());
   EXPECT_EQ(T(IpAddr(1, 2, 3, 4), IpAddr(255, 0, 255, 0)).prefixLen(), T::PrefixLen::invalid);
-  for (const auto& [len4, len6] : {std::pair<Kiv::U64, Kiv::U64>(33, 129), {kWraps, kWraps}}) {
+  for (const auto& [len4, len6] : {std::pair<Kiv::U64, Kiv::U64>(33, 129), {129, 200}, {kWraps, kWraps}}) {
     EXPECT_EQ(rangeMessage([len = len4] { (void)T(IpAddr(), len); }), "Invalid IPv4 prefix length");
+    EXPECT_EQ(rangeMessage([len = len4] { (void)T(IpGenAddr("1.2.3.4"), len); }),
+              "Invalid IPv4 prefix length");
     EXPECT_EQ(rangeMessage([len = len6] { (void)T(ip6AddrZero, len); }), "Invalid IPv6 prefix");
+    EXPECT_EQ(rangeMessage([len = len6] { (void)T(IpGenAddr("::"), len); }), "Invalid IPv6 prefix");
   }
   EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("1.2.3.4"), IpGenAddr("::")); }),
             "Invalid IPv4/IPv6 address");
   for (const T& value : {T(), T(IpAddr(1, 2, 3, 4), 8), T(ip6AddrMld, 77)}) {
     EXPECT_EQ(T(value.address(), value.prefixLen()), value);
   }
-  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("1.2.3.4"), 33); }), "Invalid IPv4 prefix length");
-  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("::"), T::PrefixLen::invalid); }), "Invalid IPv6 prefix");
+  EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr("::"), T::PrefixLen(T::PrefixLen::invalid)); }),
+            "Invalid IPv6 prefix");
   EXPECT_EQ(rangeMessage([] { (void)T(IpGenAddr(), 1); }), "Invalid IPv4/IPv6 address");
   table::expectOrdered<T>(
       {T(), T(IpAddr(1, 2, 3, 4), 0), T(IpAddr(1, 2, 3, 4), 8), T(IpAddr(1, 2, 3, 5), 0), T(ip6AddrZero, 1)});
