@@ -19,6 +19,7 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/NetNs.h"
+#include "tests/support/TraceCapture.h"
 #include "tests/transport/TcpLoops.h"
 
 namespace Wirl {
@@ -599,6 +600,13 @@ TEST(TcpSm, TellsOncePerRestAndOnlyOfWhatIsAnother) {
   loop().runFor(9.4);
   EXPECT_EQ(states, 1);
   EXPECT_EQ(attempts, 10);
+  TraceCapture traces("TcpClientSm/0,TcpServerSm/5");
+  Server("127.0.0.1", "ns-t-none").sm->enabledIs(true);
+  loop().runFor(1);
+  EXPECT_EQ(traces.lines(),
+            (std::vector<std::string>{"TcpServerSm/5:server: disabled -> opening on enable",
+                                      "TcpServerSm/5:server: opening -> waiting on failed",
+                                      "TcpClientSm/0:client: socket: No such file or directory"}));
 }
 
 struct BadFactory final : TcpFileDescriptorEventRegistrationFactory {
