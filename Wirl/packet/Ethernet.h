@@ -220,7 +220,11 @@ class KIV_API Eth8022SnapHdrWrapper final : public HdrWrapper<Eth8022SnapHdrWrap
 
   U32 orgCode() const noexcept { return header()->orgCode(); }
   void orgCodeIs(U32 orgCode) noexcept { header()->orgCodeIs(orgCode); }
+  U8 orgCode0() const noexcept { return header()->orgCode0(); }
+  U8 orgCode1() const noexcept { return header()->orgCode1(); }
+  U8 orgCode2() const noexcept { return header()->orgCode2(); }
   U16 localCode() const noexcept { return header()->localCode(); }
+  U16 localCodeU16() const noexcept { return header()->localCodeU16(); }
   void localCodeIs(U16 localCode) noexcept { header()->localCodeIs(localCode); }
 };
 

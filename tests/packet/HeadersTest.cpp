@@ -199,7 +199,8 @@ TEST(Headers, WrappersForwardTheirHeadersFields) {
   const auto snap = eth8022SnapHdrWrapperFactory(pkt, 3);
   snap->orgCodeIs(0x123456);
   snap->localCodeIs(0x789a);
-  EXPECT_TRUE(snap->orgCode() == 0x123456 && snap->localCode() == 0x789a);
+  EXPECT_TRUE(snap->orgCode() == 0x123456 && snap->localCode() == 0x789a && snap->localCodeU16() == 0x789a);
+  EXPECT_TRUE(snap->orgCode0() == 0x12 && snap->orgCode1() == 0x34 && snap->orgCode2() == 0x56);
   const auto mim = mimHdrWrapperFactory(pkt, 8);
   mim->serviceIntfEthTypeIs(ethTypeDot1ah);
   mim->isidIs(0x1000001);
