@@ -115,20 +115,16 @@ bool TcpSm::prepared() noexcept {
     prepare();
     return true;
   } catch (const std::bad_alloc&) {
-  }
-  try {
     if (clock_) deadlineIs(kMemoryPause);
-  } catch (const std::bad_alloc&) {
-    // The loop keeps room for as many deadlines as it ever had: all but impossible.
+    return false;
   }
-  return false;
 }
 
-void TcpSm::deadlineIs(Kiv::Time delay) {
+void TcpSm::deadlineIs(Kiv::Time delay) noexcept {
   clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), delay));
 }
 
-void TcpSm::deadlineDel() {
+void TcpSm::deadlineDel() noexcept {
   if (clock_) clock_->timeMinIs(Kiv::timeInfinite);
 }
 

@@ -121,8 +121,8 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// clock, if there is one yet, comes (again) a moment later.
   bool prepared() noexcept;
   /// Runs `handleClock()` after `delay`, in place of a deadline that there is.
-  void deadlineIs(Kiv::Time delay);
-  void deadlineDel();
+  void deadlineIs(Kiv::Time delay) noexcept;
+  void deadlineDel() noexcept;
   /// For states that rest without one: gives its memory back.
   void clockDel() noexcept;
   void backoffDeadlineIs() { deadlineIs(backoff_.next(backoffMin(), backoffMax())); }
