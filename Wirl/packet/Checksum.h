@@ -47,8 +47,7 @@ KIV_API IpChecksum checksumOfAny(const char* data, Kiv::U16 len, Kiv::U32 sum) n
 
 inline IpChecksum ipChecksumCalc(const char* data, Kiv::U16 len, Kiv::U32 sum) {
   using namespace detail;
-  if (len - kFewestShort > kMostShort - kFewestShort || sum > kMostToStart)
-    return checksumOfAny(data, len, sum);
+  if (len < kFewestShort || len > kMostShort || sum > kMostToStart) return checksumOfAny(data, len, sum);
   return IpChecksum(std::bit_cast<NetU16>(shortChecksum(reinterpret_cast<const Kiv::U8*>(data), len, sum)));
 }
 

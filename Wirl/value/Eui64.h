@@ -24,8 +24,8 @@ class KIV_API Eui64U8Key : public detail::TextForms<Eui64U8Key> {
   static constexpr Kiv::ParseError kTrailingText = "Invalid Eui64U8Key";
 
   constexpr Eui64U8Key() noexcept = default;
-  /// Not checked here: the use of an index above 7 is what ends the process. A number that is no
-  /// octet counts as 255.
+  /// Not checked here: the use of an index above 7 is what ends the process. A number that is no octet counts
+  /// as 255.
   template <std::integral T>
   constexpr Eui64U8Key(T value) noexcept
       : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}

@@ -27,8 +27,7 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
   static constexpr Kiv::ParseError kTrailingText = "Invalid Ip6AddrU8Key";
 
   constexpr Ip6AddrU8Key() noexcept = default;
-  /// Not checked here: the use of an index above 15 is what throws. A number that is no
-  /// octet counts as 255.
+  /// Not checked here: the use of an index above 15 is what throws. A number that is no octet counts as 255.
   template <std::integral T>
   constexpr Ip6AddrU8Key(T value) noexcept
       : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <new>
 #include <string>
 
 #include "Kiv/ActivityLoop.h"
 #include "Wirl/access/PamFdSm.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/SocketPair.h"
 
 namespace Wirl {
@@ -94,6 +96,11 @@ TEST(PamFdSm, CountsOnceOnBeingMadeAndThenEveryEvent) {
   EXPECT_EQ(logged(), "r3w2");
   sm->hasNotificationActiveIs(false);
   EXPECT_EQ(logged(), "");
+  if (AllocationRefusal::works) {
+    const AllocationRefusal refusal(1);
+    EXPECT_THROW(sm->hasNotificationActiveIs(true), std::bad_alloc);
+  }
+  EXPECT_FALSE(sm->hasNotificationActive());
   sm->hasNotificationActiveIs(true);
   EXPECT_EQ(logged(), "r4w3");
   EXPECT_EQ(sm->fileDescDel(), fd);
