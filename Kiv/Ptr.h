@@ -26,15 +26,18 @@ inline bool ptrThreadSafe() noexcept {
 /// Call it at start-up, before a second thread can hold a `Ptr`.
 KIV_API void ptrThreadSafeIs(bool on) noexcept;
 
-/// Base of objects that are handled through `Ptr`: carries the count of the pointers to it. A new object
-/// has count 0; the last pointer to let go runs `onZeroReferences()`, which deletes the object unless the
-/// class has something better to do with it: a pool keeps it, and hands it out again with `Ptr::adopt`.
+template <typename T>
+class Ptr;
+
+/// Base of objects that are handled through `Ptr`: holds the number of pointers to the object. A new object
+/// has count 0. The last pointer to go runs `onZeroReferences()`, which deletes the object; a class may
+/// override that, for example to put the object into a pool that hands it out again with `Ptr::adopt`.
 class KIV_API PtrInterface {
  public:
   PtrInterface(const PtrInterface&) = delete;
   PtrInterface& operator=(const PtrInterface&) = delete;
 
-  /// A holder that reads 1 is the only one, and sees all that the former ones wrote to the object.
+  /// If this returns 1, the caller is the sole owner and sees all writes made by previous owners.
   U32 references() const noexcept { return references_.load(std::memory_order_acquire); }
 
  protected:
@@ -46,20 +49,30 @@ class KIV_API PtrInterface {
   template <typename T>
   friend class Ptr;
 
+  template <typename T, typename... Args>
+  friend Ptr<T> makeImmortal(Args&&... args);
+
+  static constexpr U32 kImmortal = 0x80000000;  // and every count above it
+
   void addReference() const noexcept {
+    const U32 count = references_.load(std::memory_order_relaxed);
+    if (count >= kImmortal) [[unlikely]]
+      return;
     if (detail::ptrThreadSafe) {
       references_.fetch_add(1, std::memory_order_relaxed);
     } else {
-      // Two plain moves around an add: an atomic object, but no locked instruction.
-      references_.store(references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+      // A plain load and store: the object is atomic, but no instruction is locked.
+      references_.store(count + 1, std::memory_order_relaxed);
     }
   }
-  /// True when this was the last reference. It then stays counted, for `onZeroReferences()` to dispose of; a
-  /// sole holder has nobody to race with, so that this takes no locked instruction either.
+  /// True when this was the last reference. The count then stays 1, for `onZeroReferences()` to dispose of.
+  /// A sole owner races with nobody, so that case takes no locked instruction.
   bool dropReference() const noexcept {
-    // Acquire: what other threads did with the object before they let go is done.
+    // Acquire: see everything that other threads wrote to the object before they let go.
     const U32 count = references_.load(std::memory_order_acquire);
     if (count == 1) return true;
+    if (count >= kImmortal) [[unlikely]]
+      return false;
     if (!detail::ptrThreadSafe) {
       references_.store(count - 1, std::memory_order_relaxed);
       return false;
@@ -158,6 +171,21 @@ requires std::three_way_comparable_with<T*, U*> std::strong_ordering operator<=>
 template <typename T, typename... Args>
 Ptr<T> makePtr(Args&&... args) {
   return Ptr<T>(new T(std::forward<Args>(args)...));
+}
+
+/// Makes a `T` that lives until the process ends. Nobody counts the pointers to it, so every thread may copy
+/// and drop them, whether or not counts are thread-safe. For objects of the process, kept in a static:
+///
+///     const Ptr<Manager>& theManager() {
+///       static const auto& manager = *new Ptr<Manager>(makeImmortal<Manager>("manager"));
+///       return manager;
+///     }
+template <typename T, typename... Args>
+Ptr<T> makeImmortal(Args&&... args) {
+  auto* const object = new T(std::forward<Args>(args)...);
+  static_cast<const PtrInterface*>(object)->references_.store(PtrInterface::kImmortal,
+                                                              std::memory_order_relaxed);
+  return Ptr<T>::adopt(object);
 }
 
 template <typename T, typename U>

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <map>
+#include <thread>
 #include <unordered_set>
 
 #include "Kiv/Assert.h"
@@ -44,6 +45,21 @@ TEST(Ptr, TheLastOneDeletesOnceWhicheverWayItIsCounted) {
     }
     EXPECT_EQ(deaths, 1);
   }
+}
+
+TEST(Ptr, AnImmortalObjectsCountNeverChanges) {
+  static int deaths = 0;
+  static const Ptr<Counted> immortal = makeImmortal<Counted>(&deaths);
+  const U32 count = immortal->references();
+  EXPECT_GT(count, 1u);  // so nobody takes itself for the sole owner
+  const auto copy = [count] {
+    for (int i = 0; i < 1000; ++i) EXPECT_EQ(Ptr<Counted>(immortal)->references(), count);
+  };
+  std::thread other(copy);
+  copy();
+  other.join();
+  for (int i = 0; i < 2; ++i) Ptr<Counted>::adopt(immortal.get());
+  EXPECT_EQ(deaths, 0);
 }
 
 TEST(Ptr, ServesAsAKey) {
