@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <utility>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Clock.h"
@@ -80,7 +81,7 @@ U32 ActivityLoop::slotIs(FileDescriptor& target, int fd, U32 events) {
   if (slotOfFd_.size() <= number) slotOfFd_.resize(number + 1, kNoSlot);
   if (freeSlots_.empty()) {
     slots_.emplace_back();
-    freeSlots_.reserve(slots_.size());
+    freeSlots_.reserve(slots_.capacity());
     freeSlots_.push_back(static_cast<U32>(slots_.size() - 1));
   }
   const U32 index = freeSlots_.back();
@@ -98,7 +99,18 @@ void ActivityLoop::slotDel(U32 index) noexcept {
   Slot& slot = slots_[index];
   ++slot.generation;
   slot.target = nullptr;
-  freeSlots_.push_back(index);
+  if (slot.again == Again::no) freeSlots_.push_back(index);  // a listed one is freed by runAgain()
+}
+
+void ActivityLoop::againIs(U32 index) noexcept {
+  Slot& slot = slots_[index];
+  if (slot.again == Again::no) {
+    slot.nextAgain = kNoSlot;
+    (againFirst_ == kNoSlot ? againFirst_ : slots_[againLast_].nextAgain) = index;
+    againLast_ = index;
+  }
+  slot.again = Again::wanted;
+  syncEmbedded();
 }
 
 void ActivityLoop::eventsIs(U32 index, U32 events) {
@@ -121,7 +133,8 @@ void ActivityLoop::eventsIs(U32 index, U32 events) {
       // The number was watched, closed and opened again: the kernel has forgotten the former watch.
       slots_[holder].events = 0;
       slots_[holder].fd = -1;
-      ++slots_[holder].generation;  // an event of its in the batch at work is stale
+      ++slots_[holder].generation;  // invalidates any event for it in the current batch
+      if (slots_[holder].again == Again::wanted) slots_[holder].again = Again::listed;
     }
     holder = index;
   }
@@ -273,8 +286,12 @@ void ActivityLoop::poll() {
 }
 
 void ActivityLoop::pass(Time limit) {
-  if (!leftOver()) wait(limit);
+  if (!leftOver()) {
+    wait(limit);
+    againEnd_ = againLast_;
+  }
   runEvents();
+  runAgain();
   runClocks();
 }
 
@@ -284,17 +301,18 @@ void ActivityLoop::wait(Time limit) {
     return;
   }
   const Time next = std::min(nextDeadline(), limit);
+  const bool again = againFirst_ != kNoSlot;
   if (simulated_) {
-    const bool ready = take(next == timeInfinite ? -1 : 0);
+    const bool ready = take(next == timeInfinite && !again ? -1 : 0) || again;
     // A descriptor that stays ready, since nobody drains it, does not hold the time up for ever.
     passesHeldUp_ = ready ? passesHeldUp_ + 1 : 0;
     if (ready && passesHeldUp_ < kPassesHeldUp) return;
     passesHeldUp_ = 0;
     if (next > simulatedNow_ && next != timeInfinite) simulatedNow_ = next;
+  } else if (again || next <= now()) {
+    take(0);
   } else if (next == timeInfinite) {
     take(-1);
-  } else if (next <= now()) {
-    take(0);
   } else {
     timerIs(next);
     take(-1);
@@ -327,13 +345,31 @@ void ActivityLoop::runEvents() {
     // What is run is first struck off the batch, so that an exception loses nothing and repeats nothing.
     const U32 happened = event.events;
     FileDescriptor* fd = target();
-    if (fd && (happened & kReadable) != 0 && fd->notifyOnReadable()) {
+    // One that is listed to be counted again gets its turn from the list, behind the events of this pass.
+    if (fd && (happened & kReadable) != 0 && fd->notifyOnReadable() && slots_[index].again != Again::wanted) {
       event.events = (happened & kWritable) != 0 ? EPOLLOUT : 0u;
       fd->readableCountInc(1);
       fd = target();
     }
     ++nextEvent_;
     if (fd && (happened & kWritable) != 0 && fd->notifyOnWritable()) fd->writableCountInc(1);
+  }
+}
+
+/// Counts the listed descriptors as readable. Those that join the list meanwhile wait for the next pass.
+void ActivityLoop::runAgain() {
+  while (againEnd_ != kNoSlot && !stopped_) {
+    const U32 index = againFirst_;
+    Slot& slot = slots_[index];
+    againFirst_ = slot.nextAgain;
+    if (againFirst_ == kNoSlot) againLast_ = kNoSlot;
+    if (index == againEnd_) againEnd_ = kNoSlot;
+    const bool wanted = std::exchange(slot.again, Again::no) == Again::wanted;
+    if (!slot.target) {
+      freeSlots_.push_back(index);
+    } else if (wanted && slot.target->notifyOnReadable()) {
+      slot.target->readableCountInc(1);
+    }
   }
 }
 
@@ -381,7 +417,7 @@ void ActivityLoop::runClocks() {
 void ActivityLoop::syncEmbedded() noexcept {
   if (!embedded_ || running_) return;
   const Time next = nextDeadline();
-  if (leftOver() || next <= now()) {
+  if (leftOver() || againFirst_ != kNoSlot || next <= now()) {
     // Set anew in any case: an earlier expiry may be in the batch already, and wakes nobody any more.
     timerTime_ = timeInfinite;
     timerIs(Time(1));

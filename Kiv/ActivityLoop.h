@@ -81,11 +81,18 @@ class KIV_API ActivityLoop final : public PtrInterface {
   static constexpr int kBatch = 256;
   static constexpr int kPassesHeldUp = 1000;
 
+  enum class Again : U8 {
+    no,
+    listed,  // in the list, but nothing is to be done for it any more
+    wanted,
+  };
   struct Slot {
     FileDescriptor* target = nullptr;
     int fd = -1;
     U32 generation = 0;
     U32 events = 0;  // as epoll has them; 0: it does not have the descriptor
+    U32 nextAgain = kNoSlot;
+    Again again = Again::no;
   };
   struct Deadline {
     Time time;
@@ -103,6 +110,8 @@ class KIV_API ActivityLoop final : public PtrInterface {
   U32 slotIs(FileDescriptor& target, int fd, U32 events);
   void eventsIs(U32 slot, U32 events);
   void slotDel(U32 slot) noexcept;
+  /// Lists a slot whose descriptor counts as readable in the next pass. Takes no memory.
+  void againIs(U32 slot) noexcept;
 
   // Clocks.
   /// Makes room in the lists for one more: there is always enough for all clocks at once.
@@ -125,8 +134,10 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void wait(Time limit);
   bool take(int timeout);
   void runEvents();
+  void runAgain();
   void runClocks();
-  bool leftOver() const noexcept { return nextEvent_ < eventCount_ || !due_.empty(); }
+  /// Whether an exception or `stop()` cut the previous pass short.
+  bool leftOver() const noexcept { return nextEvent_ < eventCount_ || againEnd_ != kNoSlot || !due_.empty(); }
   void syncEmbedded() noexcept;
 
   int epoll_ = -1;
@@ -136,6 +147,10 @@ class KIV_API ActivityLoop final : public PtrInterface {
   std::vector<Slot> slots_;
   std::vector<U32> freeSlots_;
   std::vector<U32> slotOfFd_;
+  // Slots to be counted as readable once more, linked through `nextAgain`.
+  U32 againFirst_ = kNoSlot;
+  U32 againLast_ = kNoSlot;
+  U32 againEnd_ = kNoSlot;  // the last one of the pass in progress
 
   std::size_t clocks_ = 0;
   std::vector<Deadline> fresh_;  // in no order

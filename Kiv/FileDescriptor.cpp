@@ -71,6 +71,10 @@ void FileDescriptor::edgeTriggeredIs(bool on) {
   edgeTriggered.set(on);
 }
 
+void FileDescriptor::readableAgain() noexcept {
+  if (slot_ != ActivityLoop::kNoSlot) loop_->againIs(slot_);
+}
+
 void FileDescriptor::interestIs(bool readable, bool writable, bool edge) {
   if (slot_ != ActivityLoop::kNoSlot) loop_->eventsIs(slot_, eventsOf(readable, writable, edge));
 }

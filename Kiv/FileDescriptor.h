@@ -42,6 +42,13 @@ class KIV_API FileDescriptor : public Entity {
   void notifyOnWritableIs(bool on);
   void edgeTriggeredIs(bool on);
 
+  /// Counts `readableCount` up in the loop's next pass as well, without asking the kernel, if a descriptor is
+  /// still set and `notifyOnReadable` on then. Until then no other readable event is counted, so call it as
+  /// often as you like. For a reader that stops before the kernel has no more, or that has read ahead: an
+  /// edge-triggered descriptor would not be reported again. Other descriptors and the clocks that are due get
+  /// their turn first. Takes no memory and no system call. Does nothing while no descriptor is watched.
+  void readableAgain() noexcept;
+
  private:
   friend class ActivityLoop;
 

@@ -190,6 +190,51 @@ TEST(ActivityLoop, ABusyDescriptorStarvesNeitherOthersNorClocks) {
       loop().runUntil([&] { return otherFd->readableCount() > 0 && busyFd->readableCount() > 2; }, 5));
 }
 
+TEST(ActivityLoop, AReaderThatStopsEarlyIsOfferedTheRestInTheNextPass) {
+  const Simulated time;
+  const SocketPair pairs[3];
+  const auto clock = makePtr<Clock>("clock");
+  const Reactor ticking(clock->expiredCount, [&] { clock->timeMinIs(time.start); });
+  std::vector<Ptr<FileDescriptor>> fds;
+  std::vector<Reactor> reactors;
+  std::string reads;
+  for (const auto& pair : pairs) {
+    const auto& fd = fds.emplace_back(makePtr<FileDescriptor>("fd"));
+    fd->readableAgain();                      // watches nothing yet
+    fd->edgeTriggeredIs(&pair != &pairs[2]);  // the third one is reported by the kernel, too
+    fd->descriptorIs(pair.ends[0]);
+    reactors.emplace_back(fd->readableCount, [&, raw = fd.get(), name = std::to_string(fds.size())] {
+      char octet;
+      if (read(raw->descriptor(), &octet, 1) != 1) return;
+      reads += name;
+      for (int i = 0; i < 3; ++i) raw->readableAgain();
+      if (reads.size() == 5) fail();  // loses nobody's turn
+    });
+    for (int i = 0; i < 4; ++i) pair.write();
+  }
+  clock->timeMinIs(time.start);
+  pollfd embedded{loop().descriptor(), POLLIN, 0};
+  for (U32 pass = 1; pass <= 4; ++pass) {
+    EXPECT_EQ(poll(&embedded, 1, 0), 1);
+    try {
+      loop().runFor(0);
+    } catch (const std::runtime_error&) {
+      loop().runFor(0);
+    }
+    EXPECT_EQ(reads.size(), 3 * pass);
+    EXPECT_EQ(clock->expiredCount(), pass);
+    for (const char name : {'1', '2', '3'}) EXPECT_EQ(std::count(reads.begin(), reads.end(), name), pass);
+  }
+  clock->timeMinIs(time.start + 1s);
+  fds[0]->notifyOnReadableIs(false);
+  fds[1]->descriptorIs(-1);
+  fds[2] = nullptr;
+  loop().runFor(0.5);
+  EXPECT_EQ(loop().now(), time.start + 500ms);
+  EXPECT_EQ(fds[0]->readableCount(), 4u);
+  EXPECT_EQ(fds[1]->readableCount(), 4u);
+}
+
 TEST(ActivityLoop, StopKeepsTheRestForTheNextRun) {
   const SocketPair pairs[2];
   const Ptr<FileDescriptor> fds[] = {watch(pairs[0].ends[0]), watch(pairs[1].ends[0])};
