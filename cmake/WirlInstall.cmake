@@ -13,11 +13,18 @@ foreach(room IN LISTS rooms)
   list(APPEND objects "$<TARGET_OBJECTS:wirl_${room}>")
 endforeach()
 
+# Before 1.0 a minor version may change the binary interface, so it is part of the shared library's name.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(soversion "${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}")
+else()
+  set(soversion "${PROJECT_VERSION_MAJOR}")
+endif()
+
 foreach(kind static shared)
   string(TOUPPER ${kind} KIND)
   add_library(wirl_${kind} ${KIND} ${objects})
   set_target_properties(wirl_${kind} PROPERTIES
-    OUTPUT_NAME Wirl VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    OUTPUT_NAME Wirl VERSION ${PROJECT_VERSION} SOVERSION ${soversion})
   target_compile_features(wirl_${kind} PUBLIC cxx_std_20)
   target_link_libraries(wirl_${kind} PRIVATE "$<BUILD_INTERFACE:wirl_options>" Threads::Threads ${links})
   foreach(room IN LISTS rooms)
@@ -28,7 +35,20 @@ foreach(kind static shared)
     "$<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/rooms/umbrella>" "$<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>")
 endforeach()
 if(NOT WIRL_SANITIZE)
-  target_link_options(wirl_shared PRIVATE -Wl,-z,defs)  # a sanitizer's runtime is found by the program only
+  target_link_options(wirl_shared PRIVATE -Wl,-z,defs)  # a sanitizer's runtime comes with the program
+endif()
+
+# Only the library's own namespaces are exported; without the script, templates of the standard library are, too.
+configure_file(cmake/exports.map.in "${PROJECT_BINARY_DIR}/exports.map" @ONLY)
+target_link_options(wirl_shared PRIVATE "-Wl,--version-script=${PROJECT_BINARY_DIR}/exports.map")
+set_target_properties(wirl_shared PROPERTIES LINK_DEPENDS "${PROJECT_BINARY_DIR}/exports.map")
+
+if(WIRL_SPLIT_DEBUG)
+  add_custom_command(TARGET wirl_shared POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug "$<TARGET_FILE:wirl_shared>" "$<TARGET_FILE:wirl_shared>.debug"
+    COMMAND ${CMAKE_OBJCOPY} --strip-debug "--add-gnu-debuglink=$<TARGET_FILE:wirl_shared>.debug"
+      "$<TARGET_FILE:wirl_shared>" VERBATIM)
+  install(FILES "$<TARGET_FILE:wirl_shared>.debug" DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT debug)
 endif()
 set_target_properties(wirl_shared PROPERTIES EXPORT_NAME Wirl)
 set_target_properties(wirl_static PROPERTIES EXPORT_NAME WirlStatic)

@@ -7,8 +7,8 @@ jobs=$(nproc)
 launcher=()
 ! command -v ccache >/dev/null || launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
-# build PRESET [TARGET...]: configures where that was not done yet, and builds. A terminal sees how far it is,
-# others only what goes wrong.
+# build PRESET [TARGET...]: configures where needed and builds the targets, or all there is. A terminal shows the
+# progress, a log only failures.
 build() {
   local preset=$1 folder=build/$1
   shift
@@ -17,7 +17,8 @@ build() {
     quietly "$folder/configure.log" cmake --preset "$preset" "${launcher[@]}" || return 1
     touch "$folder/build.ninja"
   fi
-  local command=(cmake --build "$folder" -j "$jobs" ${1:+--target "$@"})
+  [ $# -gt 0 ] || set -- all everything
+  local command=(cmake --build "$folder" -j "$jobs" --target "$@")
   if [ -t 1 ]; then "${command[@]}"; else quietly "$folder/build.log" "${command[@]}"; fi
 }
 
