@@ -25,7 +25,9 @@
 #include "Wirl/packet/Checksum.h"
 #include "Wirl/packet/EthType.h"
 #include "Wirl/packet/Ethernet.h"
+#include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrNumber.h"
+#include "Wirl/packet/HdrView.h"
 #include "Wirl/packet/HdrWrapper.h"
 #include "Wirl/packet/Icmp6Hdr.h"
 #include "Wirl/packet/Ip6Hdr.h"
@@ -68,6 +70,14 @@
 #include "Wirl/value/NamespaceName.h"
 #include "Wirl/value/Prefix.h"
 #include "Wirl/value/VrfName.h"
+#include "Wirl/wire/ArpHdr.h"
+#include "Wirl/wire/Crc32.h"
+#include "Wirl/wire/IcmpHdr.h"
+#include "Wirl/wire/IgmpHdr.h"
+#include "Wirl/wire/OptionList.h"
+#include "Wirl/wire/TcpHdr.h"
+#include "Wirl/wire/VrrpHdr.h"
+#include "Wirl/wire/WireErrors.h"
 
 // Not there where the library was built without filters.
 #if __has_include("Wirl/packet/BpfFilter.h")

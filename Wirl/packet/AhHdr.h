@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrWrapper.h"
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/packet/NetInt.h"
@@ -8,32 +9,22 @@
 namespace Wirl {
 
 /// IP authentication header, without the authentication data behind it (RFC 4302).
-class AhHdr {
+class AhHdr : public HdrImage<12> {
  public:
+  WIRL_HDR(AhHdr, "ah");
   /// Next header: the octet, and its name.
-  U8 nextHdr() const noexcept { return nextHdr_; }
-  void nextHdrIs(U8 protocol) noexcept { nextHdr_ = protocol; }
-  IpProtocolNumber nextHdrNum() const noexcept { return ipProtocolNumberOf(nextHdr_); }
-  void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdr_ = protocol; }
+  WIRL_FIELD(U8, nextHdr, 0, 8, .key = "nextHeader");
+  IpProtocolNumber nextHdrNum() const noexcept { return ipProtocolNumberOf(nextHdr()); }
+  void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdrIs(protocol); }
   /// In words of 4 bytes, less 2.
-  U8 payloadLen() const noexcept { return payloadLen_; }
-  void payloadLenIs(U8 words) noexcept { payloadLen_ = words; }
-  /// Header and authentication data, as the header says: 8 to 1,028.
-  U16 headerBytes() const noexcept { return static_cast<U16>(payloadLen_ * 4 + 8); }
-  U16 reserved() const noexcept { return reserved_; }
-  void reservedIs(U16 reserved) noexcept { reserved_ = reserved; }
+  WIRL_FIELD(U8, payloadLen, 8, 8, .key = "length");
+  WIRL_FIELD(U16, reserved, 16, 16);
   /// Security parameters index.
-  U32 spi() const noexcept { return spi_; }
-  void spiIs(U32 spi) noexcept { spi_ = spi; }
-  U32 sequenceNum() const noexcept { return sequenceNum_; }
-  void sequenceNumIs(U32 number) noexcept { sequenceNum_ = number; }
+  WIRL_FIELD(U32, spi, 32, 32, .kind = hex);
+  WIRL_FIELD(U32, sequenceNum, 64, 32, .key = "seq");
 
- private:
-  U8 nextHdr_ = 0;      // 0
-  U8 payloadLen_ = 0;   // 1
-  NetU16 reserved_;     // 2
-  NetU32 spi_;          // 4
-  NetU32 sequenceNum_;  // 8
+  /// Header and authentication data, as the header says: 8 to 1,028.
+  U16 headerBytes() const noexcept { return static_cast<U16>(payloadLen() * 4 + 8); }
 };
 static_assert(isHeaderImage<AhHdr, 12>);
 

@@ -2,35 +2,27 @@
 #pragma once
 
 #include "Wirl/packet/Checksum.h"
+#include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrWrapper.h"
 #include "Wirl/packet/NetInt.h"
 
 namespace Wirl {
 
-/// UDP header (RFC 768).
-class UdpHdr {
+/// User datagram header (RFC 768).
+class UdpHdr : public HdrImage<8> {
  public:
-  U16 srcPort() const noexcept { return srcPort_; }
-  void srcPortIs(U16 port) noexcept { srcPort_ = port; }
-  U16 dstPort() const noexcept { return dstPort_; }
-  void dstPortIs(U16 port) noexcept { dstPort_ = port; }
+  WIRL_HDR(UdpHdr, "udp");
+  WIRL_FIELD(U16, srcPort, 0, 16);
+  WIRL_FIELD(U16, dstPort, 16, 16);
   /// In bytes, of header and data.
-  U16 len() const noexcept { return len_; }
-  void lenIs(U16 bytes) noexcept { len_ = bytes; }
-  /// In bytes; 0 where the length field is below the header's.
-  U16 payloadLen() const noexcept { return len_ < 8 ? U16{0} : static_cast<U16>(len_ - 8); }
+  WIRL_FIELD(U16, len, 32, 16, .key = "length");
   /// Over the pseudo-header, the header and the data; 0 where the sender computed none. A computed 0 is sent
   /// as 0xffff.
-  IpChecksum checksum() const noexcept { return checksum_; }
-  void checksumIs(IpChecksum checksum) noexcept { checksum_ = checksum; }
-  U16 checksumU16() const noexcept { return checksum_.value(); }
-  void checksumU16Is(U16 checksum) noexcept { checksum_ = IpChecksum(checksum); }
+  WIRL_FIELD(IpChecksum, checksum, 48, 16);
+  WIRL_FIELD(U16, checksumU16, 48, 16, .kind = hidden);
 
- private:
-  NetU16 srcPort_;       // 0
-  NetU16 dstPort_;       // 2
-  NetU16 len_;           // 4
-  IpChecksum checksum_;  // 6
+  /// In bytes; 0 where the length field is below the header's.
+  U16 payloadLen() const noexcept { return len() < 8 ? U16{0} : static_cast<U16>(len() - 8); }
 };
 static_assert(isHeaderImage<UdpHdr, 8>);
 

@@ -68,7 +68,15 @@ namespace Wirl {
   CODE(badIgmpLen, -621) /* Too short for the header or for the records that it counts. */         \
   CODE(badIgmpChecksum, -622)                                                                      \
   CODE(badIgmpTtl, -623)                                                                           \
-  CODE(badIgmpGroup, -624) /* A group that is not a multicast address. */
+  CODE(badIgmpGroup, -624) /* A group that is not a multicast address. */                          \
+  CODE(badPimVersion, -640)                                                                        \
+  CODE(badPimChecksum, -641)                                                                       \
+  CODE(badGreVersion, -660)                                                                        \
+  CODE(badGreChecksum, -661)                                                                       \
+  CODE(badVxlanFlags, -670) /* The flag clear that says that there is a network identifier. */     \
+  CODE(badBfdVersion, -680)                                                                        \
+  CODE(badBfdLen, -681)  /* Below 24, or above the datagram's. */                                  \
+  CODE(badLldpTlv, -690) /* A TLV runs past the frame, or one of the first three is missing. */
 
 /// What further checks of packets found. The numbers go on where those of `PktErrors` end in each layer: a number
 /// belongs to one code of the two. The text of each is its name.
