@@ -13,6 +13,7 @@
 #include "Wirl/access/deferClose.h"
 #include "tests/support/AllocationCounter.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/FaultSweep.h"
 
 using namespace Wirl;
 
@@ -262,6 +263,60 @@ TEST_P(PamConformanceTest, SteadyStateAllocatesNothing) {
   const AllocationCounter allocations;
   for (U32 i = 0; i < 500; ++i) round(1 + i % 7);
   EXPECT_EQ(allocations.allocations(), 0u);
+}
+
+/// Opened, used, closed and opened again.
+class Use final : public Scenario {
+ public:
+  explicit Use(std::function<std::unique_ptr<PamBackend>()> make) : make_(std::move(make)) {}
+
+  void run() override {
+    backend_ = make_();
+    Pam& pam = *backend_->subject();
+    for (int round = 0; round < 2; ++round) {
+      backend_->openIs(*backend_->to, true);
+      backend_->openIs(*backend_->from, true);
+      for (int i = 0; i < 2; ++i) backend_->from->txPktIs(backend_->pktOf("packet"));
+      backend_->askForWritable(pam);
+      received();
+      if (round == 0) backend_->changeOption(pam);
+      backend_->openIs(pam, false);
+    }
+  }
+  bool usable() override {
+    if (!backend_ || !backend_->loses()) backend_ = make_();  // the end of a stream is the end
+    for (const bool open : {false, true}) {
+      backend_->openIs(*backend_->to, open);
+      backend_->openIs(*backend_->from, open);
+    }
+    for (int i = 0; i < 3; ++i) {
+      backend_->from->txPktIs(backend_->pktOf("works"));
+      if (received() == "works") return true;
+    }
+    return false;
+  }
+
+ private:
+  /// The last packet that there is.
+  std::string received() {
+    std::string last;
+    for (int i = 0; i < 3; ++i) {
+      Kiv::activityLoop().poll();
+      if (Kiv::activityLoop().simulatedTime()) Kiv::activityLoop().runFor(0.001);
+      while (const Pkt::Ptr pkt = backend_->pull(*backend_->to)) last = backend_->payloadOf(*pkt);
+    }
+    return last;
+  }
+
+  const std::function<std::unique_ptr<PamBackend>()> make_;
+  std::unique_ptr<PamBackend> backend_;
+};
+
+TEST_P(PamConformanceTest, DISABLED_SurvivesAFailureAtAnyPoint) {
+  backend = nullptr;
+  sweep(GetParam().name, [this] {
+    return std::make_unique<Use>([this] { return GetParam().make(NamespaceName(ns->name())); });
+  });
 }
 
 TEST_P(PamConformanceTest, ProgrammingErrorsEndTheProcess) {

@@ -1,22 +1,50 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/AllocationCounter.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
 
 namespace {
+
 constinit thread_local std::uint64_t made = 0;
 constinit thread_local std::size_t refusedFrom = ~std::size_t{0};
+constinit thread_local std::uint64_t refusedNth = 0, refusedTimes = 0;
+constinit std::atomic<std::int64_t> blocks = 0;
+
+/// Whether the next allocation is to fail, which then counts as made.
+bool refused(std::size_t size) noexcept {
+  if (size < refusedFrom && made + 1 - refusedNth >= refusedTimes) return false;
+  ++made;
+  errno = ENOMEM;
+  return true;
+}
+
+void count(const volatile void* block, std::size_t) {
+  ++made;
+  if (block) blocks.fetch_add(1, std::memory_order_relaxed);
+}
+
+void countFree(const volatile void* block) {
+  if (block) blocks.fetch_sub(1, std::memory_order_relaxed);
+}
+
 }  // namespace
 
 AllocationRefusal::AllocationRefusal(std::size_t from) noexcept {
   refusedFrom = from;
 }
 
+AllocationRefusal::AllocationRefusal(std::uint64_t nth, std::uint64_t times) noexcept {
+  refusedNth = made + nth;
+  refusedTimes = times;
+}
+
 AllocationRefusal::~AllocationRefusal() {
   refusedFrom = ~std::size_t{0};
+  refusedTimes = 0;
 }
 
 AllocationCounter::AllocationCounter() noexcept : atStart_(total()) {
@@ -27,6 +55,10 @@ AllocationCounter::AllocationCounter() noexcept : atStart_(total()) {
 
 std::uint64_t AllocationCounter::total() noexcept {
   return made;
+}
+
+std::int64_t AllocationCounter::live() noexcept {
+  return blocks.load(std::memory_order_relaxed);
 }
 
 #ifdef __has_feature
@@ -45,8 +77,41 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*onMalloc)(const 
                                                          void (*onFree)(const volatile void*));
 
 namespace {
-[[maybe_unused]] const int installed = __sanitizer_install_malloc_and_free_hooks(
-    [](const volatile void*, std::size_t) { ++made; }, [](const volatile void*) {});
+[[maybe_unused]] const int installed = __sanitizer_install_malloc_and_free_hooks(count, countFree);
+
+void* allocated(std::size_t size) noexcept {
+  return refused(size) ? nullptr : std::malloc(size);
+}
+void* allocatedOrThrown(std::size_t size) {
+  if (void* const block = allocated(size)) return block;
+  throw std::bad_alloc();
+}
+}  // namespace
+
+// The hooks cannot refuse, but new can.
+void* operator new(std::size_t size) {
+  return allocatedOrThrown(size);
+}
+void* operator new[](std::size_t size) {
+  return allocatedOrThrown(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return allocated(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return allocated(size);
+}
+void operator delete(void* block) noexcept {
+  std::free(block);
+}
+void operator delete[](void* block) noexcept {
+  std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+  std::free(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+  std::free(block);
 }
 
 #else
@@ -59,26 +124,28 @@ void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
 void* __libc_realloc(void*, std::size_t);
 void* __libc_memalign(std::size_t, std::size_t);
+void __libc_free(void*);
+
+// What there is no memory for counts as made, too.
+static void* counted(void* block) noexcept {
+  count(block, 0);
+  return block;
+}
 
 void* malloc(std::size_t size) noexcept {
-  ++made;
-  if (size >= refusedFrom) {
-    errno = ENOMEM;
-    return nullptr;
-  }
-  return __libc_malloc(size);
+  return refused(size) ? nullptr : counted(__libc_malloc(size));
 }
-void* calloc(std::size_t count, std::size_t size) noexcept {
-  ++made;
-  return __libc_calloc(count, size);
+void* calloc(std::size_t number, std::size_t size) noexcept {
+  return refused(size) ? nullptr : counted(__libc_calloc(number, size));
 }
 void* realloc(void* block, std::size_t size) noexcept {
-  ++made;
-  return __libc_realloc(block, size);
+  if (size != 0 && refused(size)) return nullptr;
+  void* const moved = counted(__libc_realloc(block, size));
+  if (moved || size == 0) countFree(block);
+  return moved;
 }
 void* memalign(std::size_t alignment, std::size_t size) noexcept {
-  ++made;
-  return __libc_memalign(alignment, size);
+  return refused(size) ? nullptr : counted(__libc_memalign(alignment, size));
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
   return memalign(alignment, size);
@@ -89,6 +156,10 @@ int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexce
   if (!memory) return ENOMEM;
   *block = memory;
   return 0;
+}
+void free(void* block) noexcept {
+  countFree(block);
+  __libc_free(block);
 }
 }
 

@@ -11,18 +11,23 @@ class AllocationCounter {
   /// Ends the process when it finds that allocations are not counted, since no test would notice.
   AllocationCounter() noexcept;
   std::uint64_t allocations() const noexcept { return total() - atStart_; }
+  /// Blocks that are allocated now, by any thread, less a constant.
+  static std::int64_t live() noexcept;
 
  private:
   static std::uint64_t total() noexcept;
   std::uint64_t atStart_;
 };
 
-/// While it lives, allocations of the calling thread of `from` octets and more fail. Not with a sanitizer.
+/// Makes allocations of the calling thread fail while it lives. With a sanitizer only those by new fail.
 class AllocationRefusal {
  public:
-  static const bool works;
+  static const bool works;  // also for malloc
 
+  /// Those of `from` octets and more.
   explicit AllocationRefusal(std::size_t from) noexcept;
+  /// The `nth` from now (1: the next), and those behind it up to `times`.
+  AllocationRefusal(std::uint64_t nth, std::uint64_t times) noexcept;
   ~AllocationRefusal();
   AllocationRefusal(const AllocationRefusal&) = delete;
   AllocationRefusal& operator=(const AllocationRefusal&) = delete;

@@ -144,12 +144,6 @@ PLAIN(int, timerfd_create, (int clock, int flags), (clock, flags))
 PLAIN(int, timerfd_settime, (int fd, int flags, const itimerspec* value, itimerspec* old),
       (fd, flags, value, old))
 
-WRAPPER(int, close, int fd) {
-  const Verdict verdict(Call::close);
-  const int result = __real_close(fd);
-  return verdict.error && result == 0 ? verdict.failure() : result;
-}
-
 WRAPPER(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
         void* argument) {
   const Verdict verdict(Call::pthread_create);
@@ -169,6 +163,18 @@ WRAPPER(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes
   }
 WITH_ARGUMENT(fcntl, int)
 WITH_ARGUMENT(ioctl, unsigned long)
+
+WRAPPER(int, close, int fd) {
+  const Verdict verdict(Call::close);
+  if (const int from = copiesOfClosedPacketSockets; fd < from) {
+    int domain = 0;
+    socklen_t length = sizeof(domain);
+    __real_getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length);
+    if (domain == AF_PACKET) __real_fcntl(fd, F_DUPFD_CLOEXEC, from);
+  }
+  const int result = __real_close(fd);
+  return verdict.error && result == 0 ? verdict.failure() : result;
+}
 
 WRAPPER(int, open, const char* path, int flags, ...) {
   const Verdict verdict(Call::open);
@@ -190,6 +196,7 @@ WRAPPER(int, openat, int directory, const char* path, int flags, ...) {
   return __real_openat(directory, path, flags, mode);
 }
 
+PLAIN(ssize_t, read, (int fd, void* data, std::size_t size), (fd, data, std::min(size, verdict.limit)))
 PLAIN(ssize_t, send, (int fd, const void* data, std::size_t size, int flags),
       (fd, data, std::min(size, verdict.limit), flags))
 PLAIN(ssize_t, recv, (int fd, void* data, std::size_t size, int flags),

@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <functional>
+#include <memory>
+
+/// One use of a part of the library, from its making to its end, that is to survive a failure at any point.
+class Scenario {
+ public:
+  virtual ~Scenario() = default;
+  /// The part that failures strike. What it throws is taken for the report of one.
+  virtual void run() = 0;
+  /// Without failures, on what `run()` left: whether it can be used.
+  virtual bool usable() = 0;
+};
+
+/// A scenario made of functions.
+std::unique_ptr<Scenario> scenario(std::function<void()> run, std::function<bool()> usable);
+
+/// Runs a scenario, made anew by `make` each time, once for each way in which it can fail: the n-th allocation,
+/// or the n-th system call of each kind (with up to three errnos), fails, for every n; that one alone, or all
+/// from it on; with traces off, and with all of them on.
+///
+/// After each run the scenario must be usable. When it is gone, no descriptor and no memory may be left, and
+/// the thread must be in its namespace. What goes wrong is a test failure that names the point, also where the
+/// process ends or a run does not end.
+///
+/// With `ownThread`, `run()` gets a thread, and with it an activity loop, of its own each time.
+void sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, bool ownThread = false);
