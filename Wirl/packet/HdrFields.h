@@ -220,9 +220,9 @@ concept HasFieldOnLine = requires {
   Hdr::hdrField(HdrLine<Line>{}).firstBit;
 };
 
-template <typename Hdr, int Line = Hdr::kHdrLine + 1, typename Take>
+template <typename Hdr, typename Take>
 constexpr void forEachField(Take& take) {
-  if constexpr (!std::is_same_v<typename Hdr::HdrParent, NoHdr> && Line == Hdr::kHdrLine + 1) {
+  if constexpr (requires { Hdr::HdrParent::kHdrLine; }) {
     forEachField<typename Hdr::HdrParent>(take);
   }
   [&]<int... lines>(std::integer_sequence<int, lines...>) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <span>
@@ -145,6 +146,16 @@ struct LongOptionFormat {
     if (bytes < 4 || bytes > rest.size()) return {};
     return {{static_cast<U16>(rest[0] << 8 | rest[1]), rest.first(bytes), 4},
             kPadded ? (bytes + 3) / 4 * 4 : bytes};
+  }
+};
+
+/// A type and a length of 16 bits each, the length that of the data: options of a hello of PIM (RFC 7761).
+struct TlvFormat {
+  static OptionStep next(std::span<const U8> rest) noexcept {
+    if (rest.size() < 4) return {};
+    const std::size_t bytes = 4 + rest[2] * 256u + rest[3];
+    if (bytes > rest.size()) return {};
+    return {{static_cast<U16>(rest[0] << 8 | rest[1]), rest.first(bytes), 4}, bytes};
   }
 };
 

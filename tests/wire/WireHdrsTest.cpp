@@ -4,11 +4,7 @@
 #include <random>
 #include <vector>
 
-#include "Wirl/wire/ArpHdr.h"
-#include "Wirl/wire/IcmpHdr.h"
-#include "Wirl/wire/IgmpHdr.h"
-#include "Wirl/wire/TcpHdr.h"
-#include "Wirl/wire/VrrpHdr.h"
+#include "Wirl/Wirl.h"
 
 namespace {
 
@@ -31,12 +27,22 @@ std::vector<HdrDescription> descriptions() {
   return {hdrDescription<Hdrs>...};
 }
 
-const std::vector<HdrDescription> kHdrs =
-    descriptions<TcpHdr, TcpMssOption, TcpWindowScaleOption, TcpSackBlock, TcpTimestampsOption,
-                 TcpUserTimeoutOption, TcpAuthenticationOption, IcmpHdr, IcmpEchoHdr, IcmpTimestampHdr,
-                 IcmpAddressMaskHdr, IcmpUnreachableHdr, IcmpRedirectHdr, IcmpParameterProblemHdr,
-                 IcmpRouterAdvertisementHdr, IcmpRouterAddress, EthArpHdr, IgmpHdr, Igmp3QueryHdr,
-                 Igmp3ReportHdr, IgmpRecordHdr, VrrpHdr>();
+const std::vector<HdrDescription> kHdrs = descriptions<
+    ArpHdr, EthArpHdr, BfdHdr, BfdAuthenticationHdr, EspHdr, GreHdr, GreChecksumField, GreKeyField,
+    GreSeqField, ErspanHdr, IcmpHdr, IcmpEchoHdr, IcmpTimestampHdr, IcmpAddressMaskHdr, IcmpUnreachableHdr,
+    IcmpRedirectHdr, IcmpParameterProblemHdr, IcmpRouterAdvertisementHdr, IcmpRouterAddress, IgmpHdr,
+    Igmp3QueryHdr, Igmp3ReportHdr, IgmpRecordHdr, Ip6ExtHdr, Ip6OptionHdr, Ip6RouterAlertOption,
+    Ip6JumboOption, Ip6TunnelLimitOption, Ip6HomeAddressOption, Ip6FragHdr, Ip6RoutingHdr,
+    Ip6SegmentRoutingHdr, IpOptionHdr, IpRouteOption, IpTimestampOption, IpStreamIdOption,
+    IpRouterAlertOption, IpfixHdr, IpfixTemplateHdr, IpfixFieldSpecifier, LldpTlvHdr, LldpChassisIdTlv,
+    LldpPortIdTlv, LldpTtlTlv, LldpCapabilitiesTlv, LldpOrganizationTlv, MplsHdr, PwControlWord,
+    PwAssociatedChannelHdr, Icmp6ErrorHdr, Icmp6PacketTooBigHdr, Icmp6ParameterProblemHdr, Icmp6EchoHdr,
+    Icmp6RedirectHdr, NdRedirectedHdrOption, NdNonceOption, NdRouteInfoOption, NdRdnssOption, NdDnsslOption,
+    NdPref64Option, MldHdr, Mld2QueryHdr, Mld2ReportHdr, MldRecordHdr, PimHdr, PimRegisterHdr,
+    PimHoldtimeOption, PimLanPruneDelayOption, PimDrPriorityOption, PimGenerationIdOption, SctpHdr,
+    SctpChunkHdr, SctpDataChunk, SctpInitChunk, SctpSackChunk, SctpShutdownChunk, TcpHdr, TcpOptionHdr,
+    TcpMssOption, TcpWindowScaleOption, TcpSackBlock, TcpTimestampsOption, TcpUserTimeoutOption,
+    TcpAuthenticationOption, VrrpHdr, VxlanHdr>();
 
 /// At every offset of a word, among any bits, a setter writes the bits of its row and no other, and the accessor
 /// reads them.
