@@ -2,7 +2,7 @@
 // Counts, checks and records the frames of a device:
 //
 //   frameTap --netns ns-red --filter 'vlan 5 and udp' --write frames.pcap veth0
-//   tcpdump -e -r frames.pcap                                                      afterwards
+//   tcpdump -e -r frames.pcap                                                      # afterwards
 
 #include <linux/if_packet.h>
 #include <time.h>
@@ -65,7 +65,7 @@ std::optional<Options> optionsOf(int argc, char** argv) {
   return options;
 }
 
-/// A file of Ethernet frames in the format that packet analysers read. Every failure throws.
+/// Writes Ethernet frames to a pcap file. Every failure throws.
 class PcapFile {
  public:
   explicit PcapFile(const char* name) : name_(name), file_(std::fopen(name, "wbe")) {
@@ -84,7 +84,7 @@ class PcapFile {
   PcapFile(const PcapFile&) = delete;
   PcapFile& operator=(const PcapFile&) = delete;
 
-  /// `wireBytes`: its length on the wire, where the packet is not the whole frame.
+  /// `wireBytes` is the length on the wire; the packet may hold less of the frame.
   void add(const Wirl::Pkt& frame, Kiv::U32 wireBytes) {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
@@ -113,7 +113,7 @@ Kiv::Ptr<Wirl::EthDevPam> pamOf(const Options& options) {
   auto pam = Wirl::ethDevPamFactory("frameTap", options.device, options.netNs);
   pam->promiscuousIs(options.promiscuous);
   pam->rxOutgoingIs(true);
-  pam->maxRxPktDataIs(65535 + 18);  // devices that cut up or join packets themselves have such frames
+  pam->maxRxPktDataIs(65535 + 18);  // frames of devices that segment or merge packets (TSO, GRO)
   pam->socketReadLimitIs(32);
   pam->enabledIs(true);
   return pam;
@@ -143,7 +143,7 @@ class Tap {
   }
 
  private:
-  /// One batch an event: while there is more, there is another event, after everybody else had his turn.
+  /// One batch an event. If more is waiting, the loop reports the socket again after it served the others.
   void receive() {
     pam_->rxPktBulk();
     for (Kiv::U16 i = 0; pam_->savedPacketRx(i); ++i) take(pam_->savedPacket(i), pam_->rxMetadata(i));
@@ -154,8 +154,8 @@ class Tap {
     octets_ += metadata.frameBytes;
     out_ += metadata.pktType == PACKET_OUTGOING;
     tagged_ += pkt->tciPresent();
-    // The tag came beside the frame. Filter and file want it where it was on the wire, the checks do not; they
-    // come last, since they clear the checksums that they look at.
+    // The kernel delivers the tag beside the frame. Filter and file need it where it was on the wire; the
+    // checks need it outside. They run last, because they clear the checksum fields that they verify.
     const bool restored = Wirl::maybeRestoreVlanTag(pkt);
     if (filter_ && !filter_->match(pkt)) return;
     passed_ += 1;
@@ -167,7 +167,7 @@ class Tap {
     }
   }
 
-  /// Nothing for a frame that carries neither IPv4 nor IPv6.
+  /// Does nothing for a frame that carries neither IPv4 nor IPv6.
   static std::optional<Wirl::PktErrors> check(const Wirl::Pkt::Ptr& pkt) {
     Wirl::EthHdr* ethHdr = nullptr;
     Wirl::IpHdr* ipHdr = nullptr;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // A chat over framed TCP, in any namespace:
 //
-//   pduChat server --vrf red 10.0.0.1 7000
-//   pduChat client --vrf blue --name ann 10.0.0.1 7000        in as many shells as there are people
-//   pduChat client --vrf blue --blast 64 10.0.0.1 7000        or: as many PDUs a second as go
+//   pduChat server --vrf red 192.0.2.1 7000
+//   pduChat client --vrf blue --name ann 192.0.2.1 7000        # one shell a person
+//   pduChat client --vrf blue --blast 64 192.0.2.1 7000        # as many PDUs a second as possible
 
 #include <algorithm>
 #include <array>
@@ -104,7 +104,7 @@ std::optional<Options> optionsOf(int argc, char** argv) {
   return options;
 }
 
-/// What stands in front of each message. `SimpleTcpPduPam` knows of it where the length is.
+/// Header of each message. `SimpleTcpPduPam` needs to know only where its length field is.
 struct ChatHdr {
   enum Kind : Kiv::U8 { text, blast };
 
@@ -112,7 +112,7 @@ struct ChatHdr {
   Kiv::U8 kind;
   Wirl::NetU16 length;  // of the PDU, this header included
   Wirl::NetU32 sequence;
-  std::array<char, 12> sender;  // filled up with zeros
+  std::array<char, 12> sender;  // padded with zeros
 };
 static_assert(Wirl::isHeaderImage<ChatHdr, Wirl::SimpleTcpPduPam::kHeaderLength>);
 constexpr Kiv::U8 kVersion = 1;
@@ -123,7 +123,7 @@ Wirl::Pkt::Ptr pduOf(ChatHdr::Kind kind, const std::string& sender, Kiv::U32 seq
                                  ? manager->newPkt()
                                  : manager->newPkt(manager->newSharedBuffer(length));
   Kiv::U8* const pdu = pkt->newSharedHeadData(length);
-  std::memset(pdu, 0, length);  // nothing of what was in the memory before goes out
+  std::memset(pdu, 0, length);  // do not send old contents of the memory
   auto& header = *reinterpret_cast<ChatHdr*>(pdu);
   header.version = kVersion;
   header.kind = kind;
@@ -133,7 +133,7 @@ Wirl::Pkt::Ptr pduOf(ChatHdr::Kind kind, const std::string& sender, Kiv::U32 seq
   return pkt;
 }
 
-/// Octets of a peer, fit for a terminal.
+/// A peer's text with everything replaced that a terminal would obey.
 std::string printable(std::string_view text) {
   std::string result(text.substr(0, text.find('\0')));
   for (char& octet : result) {
@@ -147,14 +147,14 @@ class Totals : public Kiv::Entity {
   KIV_ENTITY(Totals, Kiv::Entity)
   KIV_ATTR_COUNTER(Kiv::U64, rxPkts)
   KIV_ATTR_COUNTER(Kiv::U64, rxBytes)
-  KIV_ATTR_COUNTER(Kiv::U64, rxErrors)  // no messages of this chat, or out of order
+  KIV_ATTR_COUNTER(Kiv::U64, rxErrors)  // malformed or out of order
   KIV_ATTR_COUNTER(Kiv::U64, txPkts)
   KIV_ATTR_COUNTER(Kiv::U64, txBytes)
-  KIV_ATTR_COUNTER(Kiv::U64, txDrops)  // for peers that do not keep up
+  KIV_ATTR_COUNTER(Kiv::U64, txDrops)  // for peers that read too slowly
   using Entity::Entity;
 };
 
-/// Prints what a second brought, as long as it brought anything.
+/// Prints the rate of each second that had traffic.
 class Rate {
  public:
   explicit Rate(const Totals& totals) : totals_(totals) { clock_->timeMinIs(clock_->loop().now() + 1s); }
@@ -164,7 +164,7 @@ class Rate {
     const Kiv::Time now = clock_->loop().now();
     const double seconds = std::chrono::duration<double>(now - then_).count();
     const auto line = [seconds](const char* way, Kiv::U64 pdus, Kiv::U64 bytes) {
-      if (pdus < 100) return;  // people
+      if (pdus < 100) return;  // people typing
       std::printf("%s %10.0f PDUs/s %9.2f MB/s\n", way, static_cast<double>(pdus) / seconds,
                   static_cast<double>(bytes) / seconds / 1e6);
       std::fflush(stdout);
@@ -186,7 +186,7 @@ class Rate {
   Kiv::U64 rx_ = 0, rxBytes_ = 0, tx_ = 0, txBytes_ = 0;
 };
 
-/// One connection, at either end: PDUs in and out, counted, and the end of it told.
+/// One connection, at either end: sends, receives and counts PDUs, and reports when it ends.
 class Chatter {
  public:
   Chatter(const Wirl::TcpFileDescriptor::PtrConst& connection, const Options& options, Totals& totals,
@@ -205,7 +205,7 @@ class Chatter {
 
   Wirl::SimpleTcpPduPam& pam() const noexcept { return *pam_; }
   bool send(const Wirl::Pkt::Ptr& pdu) {
-    if (!pam_->writable()) pam_->txFlush();  // the queue is full; the socket may not be
+    if (!pam_->writable()) pam_->txFlush();  // the queue is full, but the socket may have room
     if (!pam_->writable()) return false;
     totals_.txPktsInc(1);
     totals_.txBytesInc(pdu->bytes());
@@ -233,12 +233,12 @@ class Chatter {
   const Kiv::Reactor onTxError_;
 };
 
-/// "10.0.0.2 port 4000".
+/// "192.0.2.2 port 4000".
 std::string text(const Wirl::IpGenAddr& address, Kiv::U16 port) {
   return std::string(address.stringValue()) + " port " + std::to_string(port);
 }
 
-/// Ends the loop after the time that was asked for, or on Ctrl-C.
+/// Ends the loop after `--seconds`, or on Ctrl-C.
 void run(const Options& options) {
   const example::StopOnSignal signals;
   if (options.seconds > 0) {
@@ -303,7 +303,8 @@ class ChatServer {
       if (!peer.chatter->send(pdu)) totals_->txDropsInc(1);
     }
   }
-  /// Comes from a peer's own Pam, also in the midst of passing on: it is put away when all that is over.
+  /// Called by reactors of the peer's own Pam, possibly while a message is being passed on, so the peer is
+  /// destroyed later.
   void end(Peer& peer, const Kiv::String& reason) {
     if (peer.gone) return;
     peer.gone = true;
@@ -326,7 +327,7 @@ class ChatServer {
 // The client
 // --------------------------------------------------------------------------------------------------
 
-/// Lines of standard input, read while they are wanted.
+/// Reads lines of standard input on demand.
 class Input {
  public:
   explicit Input(std::function<void()> onInput) : onInput_(std::move(onInput)) {
@@ -334,7 +335,7 @@ class Input {
       fd_->descriptorIs(STDIN_FILENO);
       fd_->notifyOnReadableIs(false);
     } catch (const Kiv::ErrnoException&) {
-      pollable_ = false;  // a file: readable at any time
+      pollable_ = false;  // a regular file: always readable, and epoll refuses it
     }
   }
   void wantedIs(bool wanted) {
@@ -345,7 +346,7 @@ class Input {
       clock_->timeMinIs(wanted_ ? Kiv::activityLoop().now() : Kiv::timeInfinite);
     }
   }
-  /// The next whole line, or piece of one that is too long.
+  /// The next whole line, or a piece of one that is too long.
   std::optional<std::string> line() {
     const std::size_t end = text_.find('\n');
     const bool whole = end != std::string::npos && end <= kLongest;
@@ -354,7 +355,7 @@ class Input {
     text_.erase(0, result.size() + (whole ? 1 : 0));
     return result;
   }
-  /// Whether there is no more, nor will be.
+  /// Whether the input has ended and all of it was taken.
   bool over() const noexcept { return ended_ && text_.empty(); }
 
  private:
@@ -393,7 +394,7 @@ class ChatClient {
   int work() {
     sm_->enabledIs(true);
     run(options_);
-    // In order: what is queued is sent, and the server has it all before the connection goes.
+    // Orderly end: send the queue and let the server read it all before the connection closes.
     finishing_ = true;
     say();
     Kiv::activityLoop().runUntil([this] { return !sm_->enabled(); }, 6);
@@ -431,7 +432,7 @@ class ChatClient {
     onWritable_ = Kiv::Reactor(chatter_->pam().writableCount, [this] { say(); });
     say();
   }
-  /// Sends what there is to send and the connection takes.
+  /// Sends lines until there are no more or the connection takes no more.
   void say() {
     if (sm_->state() == Wirl::TcpClientSm::State::closing) return;
     if (!chatter_) {
@@ -464,7 +465,7 @@ class ChatClient {
       turn_->timeMinIs(Kiv::activityLoop().now() + 10ms);
     }
   }
-  /// A turn's worth; others of the loop have theirs in between.
+  /// Sends a bounded number of PDUs, so that the loop can serve others in between.
   void blast() {
     for (int i = 0; i < 256 && chatter_->pam().writable(); ++i) {
       chatter_->send(pduOf(ChatHdr::blast, options_.name, sequence_++, options_.blast));

@@ -3,7 +3,7 @@
 //
 //   ip netns exec ns-red sysctl -w net.ipv4.icmp_echo_ignore_all=1
 //   pingResponder --netns ns-red
-//   ip netns exec ns-blue ping 10.0.0.1          in another shell
+//   ip netns exec ns-blue ping 192.0.2.1          # in another shell
 
 #include <linux/filter.h>
 
@@ -67,8 +67,8 @@ struct EchoTypes {
 constexpr EchoTypes kIcmp = {8, 0};
 constexpr EchoTypes kIcmp6 = {128, 129};
 
-/// Has the kernel give the socket of `pam` echo requests and nothing else. What it filters begins with the
-/// header of IPv4, but behind that of IPv6.
+/// Makes the kernel deliver echo requests only. The filter sees IPv4 packets from their IP header on, IPv6
+/// packets from behind it.
 void filterIs(Wirl::IpPam& pam, bool ipv6) {
   using Wirl::IpFilter;
   const auto headerLength = ipv6 ? IpFilter(BPF_LDX | BPF_IMM, 0, 0, 0)           // X = 0
@@ -94,10 +94,10 @@ Kiv::Ptr<Wirl::RawIpPam> pamOf(const Options& options) {
   return pam;
 }
 
-/// Makes the reply out of a request over IPv4, which is still behind its header; false for a broken one.
+/// Turns an IPv4 request, which still has its IP header, into the reply. False if the request is malformed.
 bool makeReply(Wirl::Pkt& pkt) {
   const auto& header = *reinterpret_cast<const Wirl::IpHdr*>(pkt.front());
-  pkt.delSharedHeadData(header.headerBytes());  // the kernel lets no packet pass that is not so long
+  pkt.delSharedHeadData(header.headerBytes());  // the kernel delivers no packet shorter than its header
   const auto length = static_cast<Kiv::U16>(pkt.bytes());
   const auto* const message = reinterpret_cast<const char*>(pkt.front());
   if (length < sizeof(Echo) || Wirl::ipChecksumCalc(message, length, 0).value() != 0) return false;
@@ -108,7 +108,7 @@ bool makeReply(Wirl::Pkt& pkt) {
   return true;
 }
 
-/// The same over IPv6, where the kernel leaves the header out and sees to the checksums.
+/// The same over IPv6: the kernel removes the IP header and computes checksums.
 bool makeReply6(Wirl::Pkt& pkt) {
   if (pkt.bytes() < sizeof(Echo)) return false;
   reinterpret_cast<Echo*>(pkt.front())->type = kIcmp6.reply;
@@ -127,9 +127,9 @@ void answer(Wirl::RawIpPam& pam, const Options& options) {
       std::fflush(stdout);
     }
     pam.txDstIpAddrIs(pam.rxSrcIpAddr());
-    // From the address that was asked; the system chooses one where a group was.
+    // Answer from the address that was pinged; for a multicast group the kernel chooses one.
     pam.txSrcIpAddrIs(pam.rxDstIpAddr().isMulticast() ? Wirl::IpGenAddr() : pam.rxDstIpAddr());
-    // Link-local addresses are those of an interface; elsewhere the routes say where to.
+    // Link-local addresses need an interface; others follow the routes.
     pam.txIfIndexIs(pam.rxSrcIpAddr().isLinkLocal() ? pam.rxIfIndex() : 0);
     pam.txPktIs(pkt);
   }

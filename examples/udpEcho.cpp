@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Echoes UDP datagrams in any namespace:  udpEcho --vrf red 10.0.0.1 7000
-// Talk to it from another shell:          ip netns exec ns-blue socat - UDP4:10.0.0.1:7000
+// Echoes UDP datagrams in any namespace:  udpEcho --vrf red 192.0.2.1 7000
+// Talk to it from another shell:          ip netns exec ns-blue socat - UDP4:192.0.2.1:7000
 
 #include <charconv>
 #include <cstdio>
@@ -55,7 +55,7 @@ std::optional<Options> optionsOf(int argc, char** argv) {
   return options;
 }
 
-/// Address and port of who sent the last datagram.
+/// Address and port of the sender of the last datagram.
 std::string sender(const Wirl::UdpPam& pam) {
   const std::string port = ":" + std::to_string(pam.rxSrcPort());
   if (pam.ipv6En()) return "[" + std::string(pam.rxSrcIp6Addr().stringValue()) + "]" + port;
@@ -72,7 +72,7 @@ void echo(Wirl::UdpPam& pam, bool quiet) {
     pam.txDstIpAddrIs(pam.rxSrcIpAddr());
     pam.txDstIp6AddrIs(pam.rxSrcIp6Addr());
     pam.txPortIs(pam.rxSrcPort());
-    // From the address that was asked, which matters where the Pam is bound to all of them.
+    // Answer from the address that the datagram was sent to; it matters when the Pam is bound to all of them.
     if (pam.rxDstIpAddr().isUnicast()) pam.txSrcIpAddrIs(pam.rxDstIpAddr());
     if (pam.rxDstIp6Addr().isUnicast()) pam.txSrcIp6AddrIs(pam.rxDstIp6Addr());
     if (pam.rxSrcIp6Addr().isLinkLocal()) pam.txIfIndexIs(pam.rxIfIndex());

@@ -17,7 +17,7 @@ volatile sig_atomic_t interrupted = 0;
 
 namespace {
 
-/// Holds SIGINT and SIGTERM back while it lives; programs started meanwhile do not see them either.
+/// Blocks SIGINT and SIGTERM while it lives, also for programs started meanwhile.
 class BlockSignals {
  public:
   BlockSignals() {
@@ -35,7 +35,7 @@ class BlockSignals {
   sigset_t before_;
 };
 
-/// Runs the lines by ip(8) in a namespace ("": here); throws when one of them fails.
+/// Runs the lines with ip(8) in a namespace ("": the current one). Throws if one of them fails.
 void ip(const std::string& ns, const std::string& lines) {
   FILE* const batch = popen(("ip " + (ns.empty() ? "" : "-n " + ns + " ") + "-batch -").c_str(), "w");
   if (!batch) throw std::runtime_error("cannot run ip");
@@ -44,10 +44,10 @@ void ip(const std::string& ns, const std::string& lines) {
 }
 
 void removeNamespaces() {
-  const BlockSignals blocked;  // a second Ctrl-C does not leave half of it behind
+  const BlockSignals blocked;  // a second Ctrl-C must not leave half of it behind
   for (const char* ns : {"ns-red", "ns-blue"}) {
     const std::string command = std::string("ip netns del ") + ns + " 2>/dev/null";
-    if (std::system(command.c_str()) != 0) continue;  // it was not there
+    if (std::system(command.c_str()) != 0) continue;  // it did not exist
   }
 }
 
@@ -85,8 +85,8 @@ World::World() {
        "link add red0 netns ns-red type veth peer name blue0 netns ns-blue\n");
     for (const std::string color : {"red", "blue"}) {
       const std::string host = color == "red" ? "1" : "2";
-      ip("ns-" + color, "link set lo up\nlink set " + color + "0 up\naddr add 10.66.0." + host + "/24 dev " +
-                            color + "0\naddr add fd66::" + host + "/64 dev " + color + "0 nodad\n");
+      ip("ns-" + color, "link set lo up\nlink set " + color + "0 up\naddr add 192.0.2." + host + "/24 dev " +
+                            color + "0\naddr add 2001:db8::" + host + "/64 dev " + color + "0 nodad\n");
     }
   } catch (...) {
     removeNamespaces();
@@ -120,7 +120,7 @@ void Agent::Report::tell(const std::string& text) const {
 
 Agent::Agent(const std::function<bool(const Report&)>& work) {
   int ends[2];
-  // The agent takes its signals through its loop: until that is there they wait.
+  // The agent handles signals in its loop. Until that exists they stay blocked.
   const BlockSignals blocked;
   if (pipe(ends) < 0 || (pid_ = fork()) < 0) throw std::runtime_error(std::strerror(errno));
   if (pid_ == 0) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// What the demo's parts share: the two namespaces, and agents, processes with an activity loop of their own.
+/// Shared by the demo's parts: the two namespaces, and agents: processes with their own activity loop.
 
 #include <sys/types.h>
 
@@ -16,14 +16,14 @@
 
 namespace demo {
 
-/// Set by SIGINT and SIGTERM; the parts end early then.
+/// Set by SIGINT and SIGTERM; the parts then end early.
 extern volatile sig_atomic_t interrupted;
 
-/// Prints one line, whole, whichever process says it.
+/// Prints one line at once, so that lines of several processes do not mix.
 [[gnu::format(printf, 1, 2)]] void say(const char* format, ...);
 
-/// The namespaces ns-red, with 10.66.0.1 and fd66::1 on red0, and ns-blue, with .2 and ::2 on blue0, for as long
-/// as it lives.
+/// While it lives there are the namespaces ns-red, with 192.0.2.1 and 2001:db8::1 on red0, and ns-blue, with .2
+/// and ::2 on blue0.
 class World {
  public:
   World();
@@ -32,16 +32,16 @@ class World {
   World& operator=(const World&) = delete;
 };
 
-/// The parent's end of an agent, a process that does its work until it is asked to stop.
+/// The parent's handle of an agent process, which works until it is asked to stop.
 class Agent {
  public:
-  /// What an agent tells its parent: that it is ready, and in the end its counters.
+  /// The agent's channel to its parent: reports that it is ready and, at the end, its counters.
   class Report {
    public:
     explicit Report(int pipe) : pipe_(pipe) {}
     void ready() const { tell("ready\n"); }
     void counters(const Kiv::Entity& entity) const;
-    /// Turns into another program, ready once it prints a line. Returns, with false, only if it cannot.
+    /// Executes another program; it is ready once it prints a line. Returns, with false, only on failure.
     bool become(std::vector<std::string> words) const;
 
    private:
@@ -57,7 +57,7 @@ class Agent {
 
   void waitReady();
   void stop() { kill(pid_, SIGTERM); }
-  /// Waits for the agent's end and adds its counters; whether it did its work.
+  /// Waits for the agent's end and adds its counters. Returns whether it did its work.
   bool finish(example::CounterTable* counters);
 
  private:
@@ -65,7 +65,7 @@ class Agent {
   int pipe_ = -1;
 };
 
-/// All that goes over the wire while it lives, captured by the example program frameTap.
+/// Captures all traffic of the wire while it lives, with the example program frameTap.
 class Capture {
  public:
   Capture();
@@ -83,8 +83,8 @@ class Capture {
   std::optional<Agent> tap_;
 };
 
-// The parts, in the order of the demo: each says what it does, adds its agents' counters and returns whether all
-// went well.
+// The parts, in the order of the demo. Each prints what it does, adds its agents' counters and returns whether
+// all went well.
 bool rawIp(example::CounterTable& counters);
 bool frames(example::CounterTable& counters);
 bool cable(example::CounterTable& counters);

@@ -11,17 +11,17 @@ namespace demo {
 
 namespace {
 
-constexpr Kiv::U16 kEthType = 0x88b5;             // for experiments (IEEE 802)
+constexpr Kiv::U16 kEthType = 0x88b5;             // local experimental EtherType (IEEE 802)
 constexpr Kiv::U16 kVlans[] = {0, 5, 100, 4094};  // 0: no tag
 
-/// Answers pings, in place of the kernel of its namespace.
+/// Answers pings instead of the kernel of its namespace.
 bool pingServer(const Agent::Report& report) {
   const example::StopOnSignal signals;
   const auto pam = Wirl::ipSocketPamFactory("red raw ICMP", Wirl::ipProtoIcmp, L3::VrfName("red").nsName());
   const Kiv::Reactor answer(pam->readableCount, [&] {
     while (const Wirl::Pkt::Ptr pkt = pam->rxPkt()) {
       pkt->delSharedHeadData(reinterpret_cast<const Wirl::IpHdr*>(pkt->front())->headerBytes());
-      if (pkt->bytes() < 8 || pkt->rawByte(0) != 8) continue;  // no echo request
+      if (pkt->bytes() < 8 || pkt->rawByte(0) != 8) continue;  // not an echo request
       pkt->rawByteIs(0, 0);                                    // an echo reply
       auto& checksum = *reinterpret_cast<Wirl::IpChecksum*>(pkt->front() + 2);
       checksum = Wirl::IpChecksum();
@@ -41,10 +41,10 @@ bool pingServer(const Agent::Report& report) {
   return true;
 }
 
-/// Runs the system's ping and says what that says.
+/// Runs the system's ping and prints its summary.
 bool ping() {
   if (Nimbo::netnsEnter("ns-blue") != 0) return false;
-  FILE* const output = popen("ping -n -c 3 -i 0.05 -W 2 10.66.0.1 2>&1", "r");
+  FILE* const output = popen("ping -n -c 3 -i 0.05 -W 2 192.0.2.1 2>&1", "r");
   if (!output) return false;
   char line[256];
   while (std::fgets(line, sizeof(line), output)) {
@@ -78,7 +78,7 @@ bool frameServer(const Agent::Report& report) {
       auto& header = *reinterpret_cast<Wirl::EthHdr*>(pkt->front());
       header.dstIs(header.src());
       header.srcIs(pam->ethAddr());
-      pam->txPktIs(pkt);  // with the tag that it came with
+      pam->txPktIs(pkt);  // with its VLAN tag
     }
   });
   pam->enabledIs(true);
@@ -114,7 +114,7 @@ bool frameClient(const Agent::Report& report) {
   return back == std::size(kVlans);
 }
 
-/// Two clients in one process throw a packet to and fro, in simulated time.
+/// Two clients in one process exchange a packet repeatedly, in simulated time.
 bool cableClients(const Agent::Report& report) {
   constexpr int kThrows = 2000;
   const example::StopOnSignal signals;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A capture of all that the other parts say to each other, and what the checks find in it.
+// Captures the traffic of the other parts and checks it.
 #include <sys/mman.h>
 
 #include <cerrno>
@@ -14,7 +14,7 @@ namespace demo {
 
 namespace {
 
-/// A program beside this one.
+/// Path of a program in the folder of this one.
 std::string programOf(const char* name) {
   return std::filesystem::read_symlink("/proc/self/exe").replace_filename(name);
 }
@@ -27,7 +27,7 @@ Capture::Capture() {
     say("no capture is made: there is no %s", frameTap.c_str());
     return;
   }
-  // In memory, so that nothing stays behind; the programs that it is for inherit it.
+  // A file in memory: nothing stays behind, and the programs that use it inherit it.
   file_ = memfd_create("frames", 0);
   if (file_ < 0) throw std::runtime_error(std::strerror(errno));
   tap_.emplace([&](const Agent::Report& report) {

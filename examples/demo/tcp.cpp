@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Framed TCP: a client that is there before its server, and what the two of them say in whole messages.
+// Framed TCP: a client that starts before its server, and the PDUs that they exchange.
 #include "examples/demo/Demo.h"
 
 namespace demo {
@@ -11,13 +11,13 @@ using Pam = Wirl::SimpleTcpPduPam;
 
 constexpr Kiv::U16 kPort = 7100;
 constexpr Kiv::U32 kPdus = 20000;
-constexpr Kiv::U32 kUnderWay = 200;  // that the client lets be under way
+constexpr Kiv::U32 kUnderWay = 200;  // PDUs that the client has outstanding at most
 
 std::string nameOf(const char* what, std::string_view address) {
   return what + std::string(address.find(':') == address.npos ? " IPv4" : " IPv6");
 }
 
-/// What an agent of this part has sent and received, over whatever connections.
+/// What an agent of this part sent and received over all its connections.
 class Pdus : public Kiv::Entity {
  public:
   KIV_ENTITY(Pdus, Kiv::Entity)
@@ -153,7 +153,7 @@ bool tcpClient(const char* address, const Agent::Report& report) {
 
 bool tcp(example::CounterTable& counters) {
   bool good = true;
-  for (const char* const address : {"10.66.0.1", "fd66::1"}) {
+  for (const char* const address : {"192.0.2.1", "2001:db8::1"}) {
     if (interrupted != 0) return false;
     say("\nframed TCP to %s: a client in VRF blue waits for its server in VRF red, which echoes its PDUs",
         address);

@@ -11,12 +11,12 @@ using Mode = Wirl::UdpPam::Mode;
 
 constexpr Kiv::U16 kPort = 7000;
 
-/// What the agents of this part know of their side of the wire.
+/// Addresses and ports of one side.
 struct Side {
   const char* vrf;
   bool v6;
 
-  std::string address(const char* host) const { return (v6 ? "fd66::" : "10.66.0.") + std::string(host); }
+  std::string address(const char* host) const { return (v6 ? "2001:db8::" : "192.0.2.") + std::string(host); }
   Kiv::Ptr<Wirl::UdpPam> pam(const char* role, const char* host, Kiv::U16 port) const {
     auto pam = Wirl::udpPamFactory(std::string(vrf) + " UDP " + role + (v6 ? " IPv6" : " IPv4"));
     pam->netNsIs(L3::VrfName(vrf).nsName());

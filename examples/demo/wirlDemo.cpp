@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library at work: agents, each a process with an activity loop of its own, in the namespaces of the VRFs
-// red and blue, which a veth pair joins. The demo makes all of it and takes it away again.
+// The library at work: agents, each a process with its own activity loop, in the namespaces of the VRFs red
+// and blue, which a veth pair connects. The demo makes all of it and removes it again.
 
 #include "examples/demo/Demo.h"
 

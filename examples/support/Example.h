@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-/// What the example programs share: a way to end on Ctrl-C, and tables of counters.
+/// Shared by the example programs: ending on Ctrl-C, and tables of counters.
 
 #include <net/if.h>
 #include <signal.h>
@@ -47,7 +47,7 @@ class StopOnSignal {
   const Kiv::Reactor onSignal_{fd_->readableCount, [] { Kiv::activityLoop().stop(); }};
 };
 
-/// The namespace that the words "--netns NAME" or "--vrf NAME" say; nothing for other words.
+/// The namespace that "--netns NAME" or "--vrf NAME" names; nothing for other options.
 inline std::optional<Wirl::NamespaceName> netNsOf(std::string_view option, const char* name) {
   if (!name || name[0] == '\0') return std::nullopt;
   if (option == "--netns") return Wirl::NamespaceName::fromText(name);
@@ -56,23 +56,23 @@ inline std::optional<Wirl::NamespaceName> netNsOf(std::string_view option, const
   return vrf->nsName();
 }
 
-/// The name of an interface in the namespace that the socket was opened in, "?" when it is gone.
+/// Name of an interface in the socket's namespace, or "?" if there is no such interface any more.
 inline std::string interfaceName(int socket, Kiv::U32 index) {
   ifreq request{};
   request.ifr_ifindex = static_cast<int>(index);
   return ioctl(socket, SIOCGIFNAME, &request) == 0 ? request.ifr_name : "?";
 }
 
-/// Counters of entities, a row each: one column for each name that any of them has.
+/// Table of counters: a row per entity, a column per counter that any of them has.
 class CounterTable {
  public:
-  /// `entity` as it stands now, of its attributes those in `kColumns`.
+  /// Adds the attributes of `entity` that `kColumns` names, with their current values.
   void add(const Kiv::Entity& entity) {
     Row row(entity.name());
     entity.visitAttrs(row);
     rows_.push_back(row.cells);
   }
-  /// A row of `lines()`, from another process.
+  /// Adds a row of another process's `lines()`.
   void addLine(std::string_view line) {
     std::vector<std::string> cells;
     for (std::size_t start = 0; start <= line.size();) {
@@ -82,7 +82,7 @@ class CounterTable {
     }
     if (cells.size() == std::size(kColumns) + 1) rows_.push_back(std::move(cells));
   }
-  /// The rows as text, to be sent to another process.
+  /// The rows as text, to send to another process.
   std::string lines() const {
     std::string text;
     for (const auto& row : rows_) {
@@ -130,7 +130,7 @@ class CounterTable {
   std::vector<std::vector<std::string>> rows_;
 };
 
-/// Says what it is doing, runs the activity loop until it is stopped, and prints the counters of `pam`.
+/// Prints `doing`, runs the activity loop until it is stopped, and prints the counters of `pam`.
 inline void runUntilStopped(const char* doing, const Kiv::Entity& pam) {
   const StopOnSignal signals;
   std::printf("%s; Ctrl-C ends\n", doing);
