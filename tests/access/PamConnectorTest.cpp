@@ -4,6 +4,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <deque>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -17,345 +21,329 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 
+constexpr Kiv::Time kTick = 976562ns;
+const std::string kTag("\x81\0\x20\x07", 4);
+
 Pkt::Ptr pktOf(std::string_view text) {
   const Pkt::Ptr pkt = globalPktManager()->newPkt();
   pkt->stringValueIs(text);
   return pkt;
 }
 
-/// A cable, in simulated time.
+/// A cable in simulated time.
 class PamConnectorTest : public testing::Test {
  protected:
   PamConnectorTest() {
     loop.simulatedTimeIs(true);
     cable->handleInitializedBase();
-    pam0 = cable->pam("pam0");
-    pam1 = cable->pam("pam1");
   }
   ~PamConnectorTest() override { loop.simulatedTimeIs(false); }
-
-  void tick() { loop.runFor(0.001); }
-  static std::string pulled(const Kiv::Ptr<PamConnectorPam>& pam, int packets) {
-    std::string all;
-    while (packets-- > 0) all += pulled(pam);
-    return all;
-  }
-  static std::string pulled(const Kiv::Ptr<PamConnectorPam>& pam) {
-    const Pkt::Ptr pkt = pam->rxPkt();
-    return pkt ? std::string(pkt->stringValue()) : "nothing";
-  }
 
   Kiv::ActivityLoop& loop = Kiv::activityLoop();
   Kiv::Ptr<Kiv::Clock> clock = Kiv::makePtr<Kiv::Clock>("cable");
   Kiv::Ptr<PamConnector> cable = PamConnectorIs(clock);
-  Kiv::Ptr<PamConnectorPam> pam0, pam1;
 };
 
-TEST_F(PamConnectorTest, StartUpMakesJoinsAndTellsBothEndsOnce) {
+/// A cable beside a model of it: two queues, their counts and the time of the tick. What is done is drawn by lot,
+/// also what reactors do at each point at which they run.
+class PamConnectorModelTest : public PamConnectorTest, public testing::WithParamInterface<unsigned> {
+ protected:
+  struct Frame {
+    std::string text;
+    bool tagged;
+    Pkt::Ptr pkt, holder;  // the holder, if there is one, has the same bytes
+  };
+  struct End {
+    Kiv::Ptr<PamConnectorPam> pam;
+    std::deque<Frame> queue;
+    U32 pulled = 0, room = 16, maxBuffer = 1024;
+    U32 readable = 0, writable = 1, rxDrops = 0, txErrors = 0, peeked = 0;
+    S32 txErrno = 0;
+    std::vector<Kiv::Reactor> reactors;
+  };
+  /// A send or a tick at work: of what reactors throw, the first leaves it.
+  struct Deed {
+    End* from = nullptr;
+    Frame frame;
+    bool open = true, queued = false;  // open: not yet queued or lost
+    std::optional<int> thrown;
+    U32 told[2] = {0, 0}, toTell[2] = {0, 0};
+  };
+
+  void SetUp() override {
+    Pkt::Manager::cacheLimitIs(0);  // so that a lack of memory is felt
+    draw.seed(GetParam());
+    deeds.reserve(100);
+    renew();
+  }
+  void TearDown() override { Pkt::Manager::cacheLimitIs(256); }
+
+  U32 lot(U32 below) { return static_cast<U32>(draw() % below); }
+  bool chance(U32 percent) { return lot(100) < percent; }
+  End& other(const End& end) { return ends[&end == &ends[0]]; }
+
+  void renew() {
+    cable = PamConnectorIs(clock);
+    cable->handleInitializedBase();
+    linked = true;
+    for (End& end : ends) {
+      end = End{};
+      end.pam = cable->pam(&end == &ends[0] ? "pam0" : "pam1");
+      auto& pam = *end.pam;
+      end.reactors.emplace_back(pam.peekPkt, [&] { react(end); });
+      end.reactors.emplace_back(pam.peekPktCount, [&] { react(end); });
+      end.reactors.emplace_back(pam.writableCount, [&] {
+        if (deeds.back()->from == &end) settle(*deeds.back());
+        react(end);
+      });
+      end.reactors.emplace_back(pam.readableCount, [&] {
+        Deed& tick = *deeds.back();
+        const auto at = static_cast<std::size_t>(&end - ends);
+        if (tick.told[at]++ == 0) tick.toTell[at] = static_cast<U32>(end.queue.size());
+        ++end.readable;
+        react(end);
+      });
+    }
+  }
+
+  /// What a reactor does.
+  void react(End& end) {
+    if (quiet || deeds.size() > 3 || !chance(20)) return;
+    Deed& outer = *deeds.back();
+    try {
+      switch (lot(6)) {
+        case 0:
+          return send(end);
+        case 1:
+          return send(other(end));
+        case 2:
+          return pull(end);
+        case 3:
+          return pull(other(end));
+        case 4:
+          return chance(10) ? remove(chance(50) ? end : other(end)) : maxBufferIs(end);
+        default:
+          throw ++lastThrown;
+      }
+    } catch (int name) {
+      if (!outer.thrown) outer.thrown = name;
+      throw;
+    }
+  }
+
+  void scheduled() {
+    if (!tickAt) tickAt = loop.now() + kTick;
+  }
+  void scheduledIfQueued() {
+    for (const End& end : ends) {
+      if (end.pam->pamConnector() && !end.queue.empty()) scheduled();
+    }
+  }
+  void maxBufferIs(End& end) { end.pam->maxBufferIs(end.maxBuffer = lot(40)); }
+
+  /// Whether there is room for a frame sent by `from`; if not, it is lost.
+  bool admits(End& from) {
+    End& to = other(from);
+    const bool full = to.queue.size() > to.maxBuffer;
+    const bool noMemory = !full && to.queue.size() >= to.room && refused;
+    if (!full && !noMemory) to.room = std::max(to.room, std::bit_ceil(static_cast<U32>(to.queue.size()) + 1));
+    to.rxDrops += full;
+    from.txErrors += noMemory;
+    if (noMemory) from.txErrno = ENOMEM;
+    if (full || noMemory) ++from.writable;
+    return !full && !noMemory;
+  }
+  /// A send after its frame was shown.
+  void settle(Deed& deed) {
+    if (!std::exchange(deed.open, false)) return;
+    End& from = *deed.from;
+    if (!linked) {
+      ++from.txErrors;
+      from.txErrno = ENOTCONN;
+    } else if (admits(from)) {
+      other(from).queue.push_back(deed.frame);
+      ++from.writable;
+      deed.queued = true;
+    }
+  }
+
+  void send(End& from) {
+    if (!linked) return;
+    Deed deed;
+    deed.from = &from;
+    deed.frame = {"ddddddssssss\x08", chance(30), nullptr, nullptr};
+    deed.frame.text += std::to_string(++sent);
+    std::string octets = deed.frame.text;
+    if (deed.frame.tagged) octets.insert(12, kTag);
+    deed.frame.pkt = pktOf(octets);
+    if (chance(30)) deed.frame.holder = globalPktManager()->newShallowCopy(deed.frame.pkt);
+    deed.open = admits(from);
+    from.peeked += deed.open;
+    act(deed, [&] {
+      std::optional<AllocationRefusal> refusal;
+      if (refused) refusal.emplace(1);
+      from.pam->txPktIs(deed.frame.pkt);
+    });
+    settle(deed);
+    if (deed.queued && from.pam->pamConnector()) scheduled();
+    if (deed.thrown && !deeds.empty()) throw *deed.thrown;
+  }
+  /// Does it and sees to it that what leaves it is what was thrown first.
+  template <typename Action>
+  void act(Deed& deed, Action action) {
+    deeds.push_back(&deed);
+    std::optional<int> left;
+    try {
+      action();
+    } catch (int name) {
+      left = name;
+    }
+    deeds.pop_back();
+    EXPECT_EQ(left, deed.thrown);
+  }
+
+  void pull(End& end) {
+    if (end.queue.empty()) {
+      EXPECT_EQ(end.pam->rxPkt(), nullptr);
+      return;
+    }
+    const Frame frame = end.queue.front();
+    const bool separate = frame.tagged && end.pam->pamConnector() && cable->separateVlanTagHdr();
+    if (separate && frame.holder && AllocationRefusal::works && chance(20)) {
+      const AllocationRefusal refusal(1);
+      EXPECT_EQ(end.pam->rxPkt(), nullptr);
+      return scheduled();
+    }
+    end.queue.pop_front();
+    ++end.pulled;
+    const Pkt::Ptr pkt = end.pam->rxPkt();
+    ASSERT_TRUE(pkt);
+    std::string octets = frame.text;
+    if (frame.tagged) octets.insert(12, kTag);
+    EXPECT_EQ(std::string(pkt->stringValue()), separate ? frame.text : octets);
+    EXPECT_EQ(pkt->tciPresent(), separate);
+    EXPECT_EQ(pkt->tciField(), separate ? 0x2007 : 0);
+    EXPECT_EQ(pkt == frame.pkt, !separate || !frame.holder);
+    EXPECT_TRUE(!frame.holder || frame.holder->stringValue() == octets);
+  }
+
+  void remove(End& end) {
+    cable->pamDel(end.pam->name());
+    linked = false;
+    scheduledIfQueued();
+  }
+
+  void tick() {
+    const U32 before = clock->expiredCount();
+    const bool was = tickAt.has_value();
+    const std::size_t first = ends[0].pam->pamConnector() ? ends[0].queue.size() : 0;
+    Deed deed;
+    tickAt.reset();
+    act(deed, [&] { loop.runUntil([&] { return clock->expiredCount() != before; }, 0.002); });
+    EXPECT_EQ(clock->expiredCount() - before, was);
+    if (!was) return;
+    EXPECT_EQ(deed.told[0] > 0, first > 0);
+    for (int i = 0; i < 2; ++i) {
+      if (deed.thrown || !ends[i].pam->pamConnector()) continue;
+      EXPECT_EQ(deed.told[i], deed.toTell[i]);
+    }
+    if (deed.thrown) return scheduledIfQueued();
+    EXPECT_TRUE(!ends[1].pam->pamConnector() || deed.told[1] > 0 || ends[1].queue.empty());
+  }
+
+  void check() {
+    for (End& end : ends) {
+      const PamConnectorPam& pam = *end.pam;
+      EXPECT_EQ(pam.otherEnd(), linked ? other(end).pam.get() : nullptr);
+      ASSERT_EQ(pam.inputQueueLength(), end.queue.size());
+      const U32 next = end.pulled + static_cast<U32>(end.queue.size());
+      EXPECT_EQ(pam.inputQueueMetadata(), (InputQueueMetadata{end.pulled, next}));
+      for (U32 i = 0; i < end.queue.size(); ++i) EXPECT_EQ(pam.inputQueue(end.pulled + i), end.queue[i].pkt);
+      EXPECT_EQ(pam.inputQueue(next), nullptr);
+      EXPECT_EQ(pam.inputQueue(end.pulled - 1), nullptr);
+      EXPECT_EQ(pam.peekPkt(), nullptr);
+      EXPECT_THAT((std::vector<U32>{pam.readableCount(), pam.writableCount(), pam.rxDrops(), pam.txErrors(),
+                                    pam.peekPktCount(), pam.txDrops()}),
+                  ElementsAre(end.readable, end.writable, end.rxDrops, end.txErrors, end.peeked, 0u));
+      EXPECT_EQ(pam.txErrno(), end.txErrno);
+    }
+    EXPECT_EQ(clock->timeMin(), tickAt.value_or(Kiv::timeInfinite));
+  }
+
+  End ends[2];
+  bool linked = false, quiet = false, refused = false;
+  std::optional<Kiv::Time> tickAt;
+  std::vector<Deed*> deeds;
+  std::mt19937 draw;
+  int lastThrown = 0, sent = 0;
+};
+
+TEST_P(PamConnectorModelTest, DoesWhatTheModelDoes) {
+  for (int step = 0; step < 3000 && !HasFailure(); ++step) {
+    SCOPED_TRACE(testing::Message() << "step " << step);
+    End& end = ends[lot(2)];
+    quiet = chance(50);
+    const auto what = lot(100);
+    if (!linked && chance(10)) {
+      renew();
+    } else if (!linked && chance(20)) {
+      cable->pamIs(end.pam);
+      scheduledIfQueued();
+    } else if (what < 5) {
+      maxBufferIs(end);
+    } else if (what < 10) {
+      cable->separateVlanTagHdrIs(chance(50));
+    } else if (what < 15) {
+      if (!tickAt || *tickAt > loop.now() + 100us) loop.runFor(0.0001);
+    } else if (what < 25) {
+      tick();
+    } else if (what < 45) {
+      pull(end);
+    } else {
+      const End& to = other(end);
+      refused = quiet && to.queue.size() >= to.room && AllocationRefusal::works && chance(50);
+      send(end);
+      refused = false;
+    }
+    check();
+  }
+}
+INSTANTIATE_TEST_SUITE_P(Seeds, PamConnectorModelTest, testing::Range(1u, 9u));
+
+TEST_F(PamConnectorTest, StartUpIsDoneOnceAndCanBeTriedAgain) {
+  const Kiv::Ptr<PamConnectorPam> pam0 = cable->pam("pam0");
   EXPECT_EQ(pam0->name(), "pam0");
-  EXPECT_EQ(pam0->otherEnd(), pam1.get());
-  EXPECT_EQ(pam1->otherEnd(), pam0.get());
   EXPECT_EQ(pam0->maxBuffer(), 1024u);
   cable->handleInitializedBase();
   EXPECT_EQ(cable->pam("pam0"), pam0);
-  EXPECT_EQ(pam0->writableCount() + pam1->writableCount(), 2u);
-  EXPECT_EQ(pam0->readableCount() + pam1->readableCount(), 0u);
-  EXPECT_EQ(clock->timeMin(), Kiv::timeInfinite);
-  EXPECT_EQ(PamConnectorIs(clock)->pam("pam0"), nullptr);  // not started up
-}
+  EXPECT_EQ(pam0->writableCount(), 1u);
 
-TEST_F(PamConnectorTest, APacketArrivesATickLaterAndSendsShareThatTick) {
-  const Kiv::Time start = loop.now();
-  const Pkt::Ptr first = pktOf("0");
-  pam0->txPktIs(first);
-  EXPECT_EQ(clock->timeMin() - start, 976562ns);
-  loop.runFor(0.0005);
-  for (int i = 1; i < 10; ++i) pam0->txPktIs(pktOf(std::to_string(i)));
-  pam1->txPktIs(pktOf("back"));
-  EXPECT_EQ(clock->timeMin() - start, 976562ns);
-  EXPECT_EQ(pam1->inputQueueLength(), 10u);
-  EXPECT_EQ(pam1->inputQueue(0), first);
-  EXPECT_EQ(pam1->inputQueue(10), nullptr);
-  EXPECT_EQ(pam1->readableCount(), 0u);
-
-  std::string got;
-  const Kiv::Reactor pull(pam1->readableCount, [&] { got += pulled(pam1); });
-  EXPECT_TRUE(loop.runUntil([&] { return pam1->readableCount() == 10; }, 1));
-  EXPECT_EQ(loop.now() - start, 976562ns);
-  EXPECT_EQ(got, "0123456789");
-  EXPECT_EQ(pam0->readableCount(), 1u);
-  EXPECT_EQ(pulled(pam0), "back");
-  EXPECT_EQ(pulled(pam0), "nothing");
-  EXPECT_EQ(pam0->writableCount(), 11u);
-  EXPECT_EQ(pam0->peekPktCount(), 10u);
-  EXPECT_EQ(pam1->inputQueueMetadata(), (InputQueueMetadata{10, 10}));
-  tick();
-  EXPECT_EQ(pam1->readableCount(), 10u);
-}
-
-TEST_F(PamConnectorTest, AQueueTakesOneMoreThanItsBoundAndThenDrops) {
-  pam1->maxBufferIs(2);
-  for (const char* text : {"a", "b", "c", "d"}) pam0->txPktIs(pktOf(text));
-  EXPECT_EQ(pam1->inputQueueLength(), 3u);
-  EXPECT_EQ(pam1->rxDrops(), 1u);
-  EXPECT_EQ(pam0->rxDrops() + pam0->txDrops() + pam0->txErrors(), 0u);
-  EXPECT_EQ(pam0->writableCount(), 5u);
-  EXPECT_EQ(pam0->peekPktCount(), 3u);
-  tick();
-  EXPECT_EQ(pam1->readableCount(), 3u);
-  EXPECT_EQ(pulled(pam1), "a");
-  pam0->txPktIs(pktOf("e"));
-  EXPECT_EQ(pam1->rxDrops(), 1u);
-  tick();
-  EXPECT_EQ(pam1->readableCount(), 6u);  // once more for each that nobody pulled
-  EXPECT_EQ(pulled(pam1, 4), "bcenothing");
-}
-
-TEST_F(PamConnectorTest, ManyPacketsKeepTheirOrderWhileTheQueueGrowsAndWraps) {
-  int sent = 0;
-  int received = 0;
-  for (int round = 0; round < 60; ++round) {
-    for (int i = 0; i < 17; ++i) pam0->txPktIs(pktOf(std::to_string(sent++)));
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(pulled(pam1), std::to_string(received++));
-  }
-  while (received < sent) EXPECT_EQ(pulled(pam1), std::to_string(received++));
-  EXPECT_EQ(pulled(pam1), "nothing");
-}
-
-TEST_F(PamConnectorTest, ObserversSeeEveryPacketQueuedAtTheMomentOfSending) {
-  std::vector<std::string> seen;
-  const Kiv::Reactor peek(pam0->peekPkt, [&] {
-    if (const Pkt::PtrConst pkt = pam0->peekPkt()) seen.push_back(pkt->stringValue());
-  });
-  pam1->maxBufferIs(1);
-  for (const char* text : {"a", "b", "dropped"}) pam0->txPktIs(pktOf(text));
-  EXPECT_THAT(seen, ElementsAre("a", "b"));
-  EXPECT_EQ(pam0->peekPkt(), nullptr);
-  Pkt::PtrConst counted;
-  const Kiv::Reactor other(pam1->peekPktCount, [&] { counted = pam1->peekPkt(); });
-  const Pkt::Ptr sent = pktOf("c");
-  pam1->txPktIs(sent);
-  EXPECT_EQ(counted, sent);
-}
-
-TEST_F(PamConnectorTest, TagsAreTakenOutOfTheBytesWhereThatIsAskedFor) {
-  const std::string frame = std::string("ddddddssssss\x81\x00\x20\x07\x08\x00payload", 25);
-  const std::string bare = std::string("ddddddssssss\x08\x00payload", 21);
-  pam0->txPktIs(pktOf(frame));
-  EXPECT_EQ(pulled(pam1), frame);
-  cable->separateVlanTagHdrIs(true);
-  const Pkt::Ptr itself = pktOf(frame);
-  const Pkt::Ptr held = pktOf(frame);
-  pam0->txPktIs(itself);
-  pam0->txPktIs(globalPktManager()->newShallowCopy(held));
-  pam0->txPktIs(pktOf(frame));
-  for (int i = 0; i < 3; ++i) {
-    const Pkt::Ptr pkt = pam1->rxPkt();
-    EXPECT_EQ(pkt == itself, i == 0);  // although the sender has it, too
-    EXPECT_EQ(std::string(pkt->stringValue()), bare);
-    EXPECT_TRUE(pkt->tciPresent());
-    EXPECT_EQ(pkt->vlanTpid(), 0x8100);
-    EXPECT_EQ(pkt->tciField(), 0x2007);
-  }
-  EXPECT_EQ(std::string(held->stringValue()), frame);  // whose bytes were those of the second one
-  const Pkt::Ptr untagged = pktOf(bare);
-  pam0->txPktIs(untagged);
-  EXPECT_EQ(pam1->rxPkt(), untagged);
-}
-
-TEST_F(PamConnectorTest, EndsOutliveEachOtherAndTheConnector) {
-  pam0->txPktIs(pktOf("last"));
-  cable->pamDel("pam0");
-  cable->pamDel("pam0");
-  EXPECT_EQ(cable->pam("pam0"), nullptr);
-  EXPECT_EQ(pam1->otherEnd(), nullptr);
-  EXPECT_EQ(pam0->pamConnector(), nullptr);
-  pam0 = nullptr;
-  tick();
-  EXPECT_EQ(pam1->readableCount(), 1u);
-  cable = nullptr;
-  EXPECT_EQ(pam1->pamConnector(), nullptr);
-  EXPECT_EQ(pulled(pam1), "last");
+  const auto fresh = PamConnectorIs(clock);
+  EXPECT_EQ(fresh->pam("pam0"), nullptr);
+  fresh->pamIs(Kiv::makePtr<PamConnectorPam>("pam0", nullptr));
   clock->timeMinIs(loop.now());
-  tick();
+  loop.runFor(0.001);  // a tick before start-up does nothing
+  EXPECT_EQ(fresh->pam("pam0")->readableCount(), 0u);
+  EXPECT_EQ(clock->timeMin(), Kiv::timeInfinite);
 }
 
-TEST_F(PamConnectorTest, ReactorsMaySendRemoveAndDropAnything) {
-  {
-    // Answers within the tick wait for the next one.
-    const Kiv::Reactor answer(pam1->readableCount, [&] { pam1->txPktIs(pam1->rxPkt()); });
-    pam0->txPktIs(pktOf("ping"));
-    tick();
-    EXPECT_EQ(pam0->readableCount(), 0u);
-    tick();
-    EXPECT_EQ(pulled(pam0), "ping");
-  }
-  {
-    const Kiv::Reactor cut(pam0->peekPkt, [&] { cable->pamDel("pam1"); });
-    pam0->txPktIs(pktOf("cut off"));
-    EXPECT_EQ(pam0->txErrno(), ENOTCONN);
-    EXPECT_EQ(pam0->txErrors(), 1u);
-    EXPECT_EQ(pam1->inputQueueLength(), 0u);
-  }
-  {
-    cable = PamConnectorIs(clock);
-    cable->handleInitializedBase();
-    const auto left = cable->pam("pam1");
-    const auto removed = cable->pam("pam0");
-    const Kiv::Reactor remove(removed->writableCount, [&] { cable->pamDel("pam0"); });
-    removed->txPktIs(pktOf("told of all the same"));
-    tick();
-    EXPECT_EQ(left->readableCount(), 1u);
-    left->pamConnector()->pamDel("pam1");
-    cable->pamIs(left);  // belongs to it again, and is told of what it still has
-    tick();
-    EXPECT_EQ(left->readableCount(), 2u);
-  }
-  cable = PamConnectorIs(clock);
-  cable->handleInitializedBase();
-  for (int i = 0; i < 3; ++i) cable->pam("pam0")->txPktIs(pktOf("x"));
-  U32 ran = 0;
-  const Kiv::Reactor drop(cable->pam("pam1")->readableCount, [&] {
-    ++ran;
-    cable = nullptr;
-  });
-  tick();
-  EXPECT_EQ(ran, 3u);  // a tick that has begun is finished
-  EXPECT_EQ(clock->expiredCount(), 5u);
-}
-
-TEST_F(PamConnectorTest, WhatAReactorThrowsCostsNoPacket) {
-  pam0->txPktIs(pktOf("0"));
-  pam1->txPktIs(pktOf("1"));
-  {
-    const Kiv::Reactor failing(pam0->readableCount, [] { throw std::runtime_error("client"); });
-    EXPECT_THROW(tick(), std::runtime_error);
-  }
-  EXPECT_EQ(pam1->readableCount(), 0u);
-  tick();
-  EXPECT_EQ(pam1->readableCount(), 1u);
-  {
-    const Kiv::Reactor failing(pam0->writableCount, [] { throw std::runtime_error("client"); });
-    EXPECT_THROW(pam0->txPktIs(pktOf("2")), std::runtime_error);
-  }
-  const U32 before = pam1->readableCount();
-  tick();
-  EXPECT_EQ(pam1->readableCount(), before + 2);
-  EXPECT_EQ(pulled(pam1, 2), "02");
-}
-
-TEST_F(PamConnectorTest, WhatWatchersOfASendThrowCostsNoPacketAndTheFirstOfItLeaves) {
-  for (U32 who = 1; who < 16; ++who) {
-    SCOPED_TRACE(who);
-    std::string ran;
-    const auto failing = [&](U32 bit, const auto& attr, char name) {
-      return Kiv::Reactor(attr, [&, bit, name] {
-        ran += name;
-        if (who & bit) throw name;
-      });
-    };
-    const Kiv::Reactor seen(pam0->peekPkt, [&] {
-      ran += pam0->peekPkt() ? 's' : 'h';
-      if (who & (pam0->peekPkt() ? 1 : 4)) throw ran.back();
-    });
-    const auto counted = failing(2, pam0->peekPktCount, 'c');
-    const auto sent = failing(8, pam0->writableCount, 'w');
-    const U32 packets = pam0->peekPktCount(), writable = pam0->writableCount();
-    char thrown = 0;
-    try {
-      pam0->txPktIs(pktOf("x"));
-    } catch (char name) {
-      thrown = name;
-    }
-    EXPECT_EQ(ran, "schw");
-    EXPECT_EQ(thrown, who & 1 ? 's' : who & 2 ? 'c' : who & 4 ? 'h' : 'w');
-    EXPECT_EQ(pam0->peekPkt(), nullptr);
-    EXPECT_EQ(pam0->peekPktCount(), packets + 1);
-    EXPECT_EQ(pam0->writableCount(), writable + 1);
-    const U32 readable = pam1->readableCount();
-    tick();
-    EXPECT_EQ(pam1->readableCount(), readable + 1);
-    EXPECT_EQ(pulled(pam1, 2), "xnothing");
-  }
-}
-
-TEST_F(PamConnectorTest, WatchersThatSendGetNoMoreThanTheBoundIntoAQueue) {
-  pam1->maxBufferIs(2);
-  int more = 10;
-  const auto send = [&] {
-    if (more-- > 0) pam0->txPktIs(pktOf("more"));
-  };
-  {
-    const Kiv::Reactor seen(pam0->peekPkt, send);
-    pam0->txPktIs(pktOf("seen"));
-  }
-  EXPECT_EQ(pam1->inputQueueLength(), 3u);
-  EXPECT_EQ(pam1->rxDrops(), 8u);
-  EXPECT_EQ(pam0->writableCount(), 12u);
-  EXPECT_EQ(pulled(pam1, 3), "moremoremore");
-  const Kiv::Reactor counted(pam0->peekPktCount, [&] { pam1->maxBufferIs(0); });
-  for (int i = 0; i < 2; ++i) pam0->txPktIs(pktOf("x"));
-  EXPECT_EQ(pam1->rxDrops(), 9u);
-}
-
-TEST_F(PamConnectorTest, WithoutMemoryForALongerQueueAPacketIsCountedAndTheSenderGoesOn) {
-  if (!AllocationRefusal::works) return;
-  for (const bool watched : {false, true}) {
-    Kiv::Reactor watcher;
-    if (watched) watcher = Kiv::Reactor(pam0->peekPkt, [] {});
-    const U32 room = watched ? 32 : 16, packets = pam0->peekPktCount();
-    while (pam1->inputQueueLength() < room) pam0->txPktIs(pktOf("x"));
-    const U32 writable = pam0->writableCount(), errors = pam0->txErrors();
-    const Pkt::Ptr last = pktOf("y");
-    {
-      const AllocationRefusal refusal(1);
-      pam0->txPktIs(last);
-    }
-    EXPECT_EQ(pam0->txErrors(), errors + 1);
-    EXPECT_EQ(pam0->txErrno(), ENOMEM);
-    EXPECT_EQ(pam0->writableCount(), writable + 1);
-    EXPECT_EQ(pam0->peekPktCount() - packets, 16u);
-    EXPECT_EQ(pam1->inputQueueLength(), room);
-  }
-  pam0->txPktIs(pktOf("z"));
-  EXPECT_EQ(pulled(pam1, 33), std::string(32, 'x') + "z");
-  cable = PamConnectorIs(clock);
-  {
-    const AllocationRefusal refusal(1);
-    EXPECT_THROW(cable->handleInitializedBase(), std::bad_alloc);
-  }
-  EXPECT_FALSE(cable->initialized());
-  cable->handleInitializedBase();  // can be tried again
-  EXPECT_NE(cable->pam("pam0")->otherEnd(), nullptr);
-}
-
-TEST_F(PamConnectorTest, WithoutMemoryForItsCopyAPacketWaitsForTheNextTick) {
-  if (!AllocationRefusal::works) return;
-  cable->separateVlanTagHdrIs(true);
-  const std::string rest = "\x08\x00" + std::string(Pkt::Manager::defaultBufferBytes_, 'x');
-  const Pkt::Ptr held = globalPktManager()->newPkt(globalPktManager()->newSharedBuffer(5000));
-  held->stringValueIs(std::string("ddddddssssss\x81\x00\x20\x07", 16) + rest);
-  pam0->txPktIs(globalPktManager()->newShallowCopy(held));
-  tick();
-  Pkt::Ptr pkt;
-  {
-    const AllocationRefusal refusal(1000);
-    pkt = pam1->rxPkt();
-  }
-  EXPECT_EQ(pkt, nullptr);
-  EXPECT_EQ(pam1->inputQueueLength(), 1u);
-  tick();
-  EXPECT_EQ(pam1->readableCount(), 2u);
-  EXPECT_TRUE(pulled(pam1) == "ddddddssssss" + rest);
+TEST_F(PamConnectorTest, EndsOutliveTheConnectorAndATickThatHasBegunIsFinished) {
+  const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
+  for (int i = 0; i < 3; ++i) pam0->txPktIs(pktOf("x"));
+  const Kiv::Reactor drop(pam1->readableCount, [&] { cable = nullptr; });
+  loop.runFor(0.001);
+  EXPECT_EQ(pam1->readableCount(), 3u);
+  EXPECT_EQ(pam1->pamConnector(), nullptr);
+  EXPECT_EQ(pam1->otherEnd(), nullptr);
+  EXPECT_EQ(pam1->rxPkt()->stringValue(), "x");
 }
 
 TEST_F(PamConnectorTest, TracesItsRoad) {
   TraceCapture traces("PamConnector/0-9");
   const auto other = PamConnectorIs(clock);
   other->handleInitializedBase();
-  pam1->maxBufferIs(0);
-  pam0->txPktIs(pktOf("a"));
-  pam0->txPktIs(pktOf("b"));
+  cable->pam("pam1")->maxBufferIs(0);
+  for (const char* text : {"a", "b"}) cable->pam("pam0")->txPktIs(pktOf(text));
   cable->handleClock();
   EXPECT_THAT(
       traces.lines(),
@@ -369,8 +357,12 @@ TEST_F(PamConnectorTest, TracesItsRoad) {
 using PamConnectorDeathTest = PamConnectorTest;
 
 TEST_F(PamConnectorDeathTest, ProgrammingErrorsEndTheProcess) {
+  const auto pam0 = cable->pam("pam0");
   EXPECT_DEATH(pam0->txPktIs(nullptr), "pkt != __null");
+  EXPECT_DEATH(cable->pamIs(nullptr), "pam");
   EXPECT_DEATH(PamConnectorIs(clock)->pamIs(pam0), "pam->pamConnector\\(\\) == this");
+  EXPECT_DEATH(PamConnectorIs(nullptr), "clock != 0");
+  cable->pamDel("pam1");
   cable->pamDel("pam1");
   EXPECT_DEATH(pam0->txPktIs(pktOf("x")), "otherEnd\\(\\)");
   EXPECT_DEATH(PamConnectorIs(clock)->doScheduleEvent(), "initialized\\(\\)");

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -17,6 +18,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/support/Descriptors.h"
 #include "tests/support/FaultInjection.h"
@@ -129,6 +131,28 @@ TEST_F(DeferCloseTest, TheDescriptorAfterAFullRingIsClosedInlineAlsoWhereCounter
     ASSERT_TRUE(allClosed());
     EXPECT_EQ(stats->enqueued, start + 513);
   }
+}
+
+TEST_F(DeferCloseTest, TakesDescriptorsFromAnyNumberOfThreads) {
+  const std::size_t before = openDescriptors();
+  const U32 enqueued = stats->enqueued, closedInline = stats->closedInline;
+  constexpr U32 kThreads = 4, kEach = 3000;
+  std::vector<std::thread> threads;
+  std::atomic<int> strangers{0};
+  for (U32 i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      for (U32 j = 0; j < kEach; ++j) {
+        const int stranger = dup(0);  // gets a number that was just closed
+        EXPECT_EQ(deferClose(dup(0)), 0);
+        strangers += close(stranger) != 0;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  ASSERT_TRUE(allClosed());
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(strangers, 0);
+  EXPECT_EQ(stats->enqueued - enqueued + stats->closedInline - closedInline, kThreads * kEach);
 }
 
 TEST_F(DeferCloseTest, SignalsAreForTheOtherThreads) {

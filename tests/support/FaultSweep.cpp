@@ -78,6 +78,7 @@ struct Sum : testing::Environment {
   Points points;
   unsigned scenarios = 0;
   void TearDown() override {
+    if (scenarios == 0) return;
     std::printf("fault sweep: %u scenarios, %u points: %u of memory, %u of system calls\n", scenarios,
                 points.allocations + points.calls, points.allocations, points.calls);
   }
