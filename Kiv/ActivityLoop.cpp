@@ -16,6 +16,7 @@
 #include "Kiv/Clock.h"
 #include "Kiv/Exception.h"
 #include "Kiv/FileDescriptor.h"
+#include "Kiv/Trace.h"
 
 namespace Kiv {
 
@@ -51,6 +52,7 @@ class ActivityLoop::Running {
 };
 
 ActivityLoop::ActivityLoop() : events_(kBatch) {
+  detail::traceCheck();
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
   if (epoll_ < 0) throw ErrnoException(errno, "epoll_create1");
   timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);

@@ -6,8 +6,11 @@
 
 namespace Kiv {
 
-void assertionFailed(const char* file, int line, const char* text) noexcept {
-  std::fprintf(stderr, "%s:%d: assertion failed: %s\n", file, line, text);
+void assertionFailed(const char* file, int line, const char* text, std::string_view name) noexcept {
+  const int length = static_cast<int>(name.size());
+  std::fprintf(stderr,
+               name.empty() ? "%s:%d: assertion failed: %s%.*s\n" : "%s:%d: assertion failed: %s (%.*s)\n",
+               file, line, text, length, name.data());
   std::fflush(stderr);
   std::abort();
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <concepts>
 #include <memory>
 #include <ostream>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include "Kiv/Assert.h"
+#include "Kiv/Exception.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Reactor.h"
 #include "Kiv/String.h"
@@ -159,15 +161,87 @@ class KIV_API Entity : public PtrInterface {
   virtual void visitAttrs(AttrVisitor& visitor) const;
 
  protected:
-  /// Stores in an attribute of this entity and notifies nobody, for a base class that does so later. False
-  /// when the value is what it was.
+  /// Stores without notifying; the caller notifies later. Returns false if the value did not change. See also
+  /// `Change`.
   template <typename AnyAttr, typename Value>
   bool storeAttr(AnyAttr& attr, const Value& value) {
     const auto* const from = reinterpret_cast<const char*>(static_cast<typename AnyAttr::Of*>(this));
     const auto* const at = reinterpret_cast<const char*>(&attr);
-    KIV_ASSERT_AS(at >= from && at < from + sizeof(typename AnyAttr::Of), "attr is one of this entity");
+    KIV_ASSERT_AS(at >= from && at < from + sizeof(typename AnyAttr::Of), "attr is one of this entity",
+                  name_);
     return attr.store(value);
   }
+
+  /// One operation that changes several things of an entity. All of them are stored before any reactor is
+  /// told, so reactors find the entity at rest and may do anything, the same operation included.
+  ///
+  ///     void Port::closeIs(const char* why) {
+  ///       Change change(this, turn_);          // keeps the port alive; begins a newer turn
+  ///       change.put(open, false);             // stored, nobody is told yet
+  ///       change.put(reason, why);
+  ///       change.run([&] { handleClose(); });  // what it throws waits
+  ///       change.tell();                       // tells of `open` and `reason`, then throws the first failure
+  ///       if (!change.newest()) return;        // a reactor has begun a newer turn, and that one counts
+  ///       retryLater();
+  ///     }
+  ///
+  /// Takes no memory. Lives on the stack, inside a member function of the entity.
+  class Change {
+   public:
+    explicit Change(Entity* entity) noexcept : entity_(entity), alive_(keepAlive(entity)) {}
+    /// `turn` counts the operations of one kind, and is a member of the entity.
+    Change(Entity* entity, U32& turn) noexcept : Change(entity) {
+      turn_ = &turn;
+      mine_ = ++turn;
+    }
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+
+    /// Stores a value in an attribute of the entity. Returns false if it is what it was; else `tell()` tells.
+    template <typename AnyAttr, typename Value>
+    bool put(AnyAttr& attr, const Value& value) {
+      if (!entity_->storeAttr(attr, value)) return false;
+      changed(attr);
+      return true;
+    }
+    /// Has `tell()` tell of an attribute that was stored elsewhere.
+    template <typename AnyAttr>
+    void changed(const AnyAttr& attr) {
+      note(attr.notifiees());
+    }
+    /// Runs a step. If it throws, the operation goes on, and `tell()` throws it.
+    template <std::invocable Step>
+    void run(Step&& step) noexcept {
+      failure_.run(step);
+    }
+    bool failed() const noexcept { return static_cast<bool>(failure_); }
+    /// Notifies the reactors of what was put, in that order, each attribute once. All are told, even if one
+    /// throws. Then throws the first failure of this operation, if there was one.
+    void tell() {
+      const unsigned count = std::exchange(count_, 0);
+      for (unsigned i = 0; i < count; ++i) failure_.run([&] { noted_[i]->notify(); });
+      failure_.rethrow();
+    }
+    /// False once somebody began a newer turn.
+    bool newest() const noexcept { return !turn_ || *turn_ == mine_; }
+
+   private:
+    static constexpr unsigned kMost = 12;
+
+    void note(const NotifieeList& notifiees) {
+      if (std::find(noted_, noted_ + count_, &notifiees) != noted_ + count_) return;
+      KIV_ASSERT_AS(count_ < kMost, "a change puts no more attributes than it has room for", entity_->name_);
+      noted_[count_++] = &notifiees;
+    }
+
+    Entity* const entity_;
+    const Ptr<Entity> alive_;
+    const U32* turn_ = nullptr;
+    U32 mine_ = 0;
+    unsigned count_ = 0;
+    const NotifieeList* noted_[kMost];  // only the first `count_` are set
+    FirstFailure failure_;
+  };
 
  private:
   String name_;
@@ -195,8 +269,7 @@ void visitAttrLines(const Owner& owner, AttrVisitor& visitor, std::integer_seque
 /// Runs a hook and notifies, with the entity kept alive between the two.
 template <typename Owner, typename Hook>
 void hookAndNotify(Owner* owner, const NotifieeList& notifiees, Hook hook) {
-  // Not yet handed to a pointer: still in its constructor, or not on the heap at all.
-  const Ptr<Owner> alive(owner->references() > 0 ? owner : nullptr);
+  const auto alive = keepAlive(owner);
   hook();
   notifiees.notify();
 }
@@ -226,20 +299,20 @@ String textOf(const T& value) {
 }  // namespace Kiv
 
 /// Heads the attributes of class `Class`, derived from the entity class `Base`.
-#define KIV_ENTITY(Class, Base)                                                             \
-  using Self = Class;                                                                       \
-  static constexpr unsigned kFirstAttrLine = __LINE__;                                      \
-  void visitAttrs(::Kiv::AttrVisitor& visitor) const override {                             \
-    Base::visitAttrs(visitor);                                                              \
-    ::Kiv::detail::visitAttrLines<Class, kFirstAttrLine>(                                   \
-        *this, visitor, std::make_integer_sequence<unsigned, ::Kiv::detail::kAttrLines>()); \
+#define KIV_ENTITY(Class, Base)                                                                \
+  using Self = Class;                                                                          \
+  static constexpr unsigned kFirstAttrLine = __LINE__;                                         \
+  void visitAttrs(::Kiv::AttrVisitor& kivVisitor) const override {                             \
+    Base::visitAttrs(kivVisitor);                                                              \
+    ::Kiv::detail::visitAttrLines<Class, kFirstAttrLine>(                                      \
+        *this, kivVisitor, std::make_integer_sequence<unsigned, ::Kiv::detail::kAttrLines>()); \
   }
 
 /// Shows what the member function `name()` returns among the attributes.
 #define KIV_ATTR_DERIVED(Type, name)                                                                 \
-  void visitAttr(::Kiv::detail::AttrAt<Self, __LINE__>, ::Kiv::AttrVisitor& visitor) const {         \
+  void visitAttr(::Kiv::detail::AttrAt<Self, __LINE__>, ::Kiv::AttrVisitor& kivVisitor) const {      \
     static_assert(__LINE__ - kFirstAttrLine < ::Kiv::detail::kAttrLines, "too far from KIV_ENTITY"); \
-    visitor.attr(#name, #Type, ::Kiv::textOf<std::remove_cvref_t<Type>>(this->name()));              \
+    kivVisitor.attr(#name, #Type, ::Kiv::textOf<std::remove_cvref_t<Type>>(this->name()));           \
   }
 
 /// An attribute with a getter and no public setter: `name.set(v)` inside the class.
@@ -248,39 +321,40 @@ String textOf(const T& value) {
   KIV_ATTR_DERIVED(Type, name)
 
 /// An attribute: type, name and, if it is not the type's own, default.
-#define KIV_ATTR(Type, name, ...)               \
-  KIV_ATTR_READ(Type, name, __VA_ARGS__)        \
-  void name##Is(::Kiv::AttrValue<Type> value) { \
-    name.set(value);                            \
+#define KIV_ATTR(Type, name, ...)                  \
+  KIV_ATTR_READ(Type, name, __VA_ARGS__)           \
+  void name##Is(::Kiv::AttrValue<Type> kivValue) { \
+    this->name.set(kivValue);                      \
   }
 
 /// The same two for attributes that few entities of the class change or have watched: see `RareAttr`.
-#define KIV_ATTR_RARE_READ(Type, name, ...)               \
-  static const Type& name##Default() noexcept {           \
-    static const ::Kiv::Undying<Type> value{__VA_ARGS__}; \
-    return value.get();                                   \
-  }                                                       \
-  ::Kiv::RareAttr<Type, Self, name##Default> name;        \
+#define KIV_ATTR_RARE_READ(Type, name, ...)                  \
+  static const Type& name##Default() noexcept {              \
+    static const ::Kiv::Undying<Type> kivValue{__VA_ARGS__}; \
+    return kivValue.get();                                   \
+  }                                                          \
+  ::Kiv::RareAttr<Type, Self, name##Default> name;           \
   KIV_ATTR_DERIVED(Type, name)
-#define KIV_ATTR_RARE(Type, name, ...)          \
-  KIV_ATTR_RARE_READ(Type, name, __VA_ARGS__)   \
-  void name##Is(::Kiv::AttrValue<Type> value) { \
-    name.set(value);                            \
+#define KIV_ATTR_RARE(Type, name, ...)             \
+  KIV_ATTR_RARE_READ(Type, name, __VA_ARGS__)      \
+  void name##Is(::Kiv::AttrValue<Type> kivValue) { \
+    this->name.set(kivValue);                      \
   }
 
 /// An attribute whose setter runs the member function `hook` before the reactors.
-#define KIV_ATTR_HOOK(Type, name, initial, hook)                                                     \
-  KIV_ATTR_READ(Type, name, initial)                                                                 \
-  void name##Is(::Kiv::AttrValue<Type> value) {                                                      \
-    if (name.store(value)) ::Kiv::detail::hookAndNotify(this, name.notifiees(), [this] { hook(); }); \
+#define KIV_ATTR_HOOK(Type, name, initial, hook)                                      \
+  KIV_ATTR_READ(Type, name, initial)                                                  \
+  void name##Is(::Kiv::AttrValue<Type> kivValue) {                                    \
+    if (this->name.store(kivValue))                                                   \
+      ::Kiv::detail::hookAndNotify(this, this->name.notifiees(), [this] { hook(); }); \
   }
 
 /// `nameInc(n)` for an attribute: adds through the setter and returns the new value; wraps at the type's end.
-#define KIV_ATTR_INC(Type, name)                          \
-  Type name##Inc(Type delta) {                            \
-    const Type value = static_cast<Type>(name() + delta); \
-    name##Is(value);                                      \
-    return value;                                         \
+#define KIV_ATTR_INC(Type, name)                                      \
+  Type name##Inc(Type kivDelta) {                                     \
+    const Type kivValue = static_cast<Type>(this->name() + kivDelta); \
+    name##Is(kivValue);                                               \
+    return kivValue;                                                  \
   }
 
 /// An unsigned counter that starts at 0.

@@ -11,8 +11,13 @@ RangeException::~RangeException() = default;
 NondeletableAttrException::~NondeletableAttrException() = default;
 ErrnoException::~ErrnoException() = default;
 
-ErrnoException::ErrnoException(int error, String message)
-    : Exception(message), what_(std::move(message) + ": " + errorText(error)), error_(error) {}
+ErrnoException::ErrnoException(int error, String message, std::string_view context)
+    : Exception(message), what_(std::move(message) + ": " + errorText(error)), error_(error) {
+  if (context.empty()) return;
+  what_ += " (";
+  what_ += context;
+  what_ += ")";
+}
 
 String errorText(int error) {
   return std::generic_category().message(error);

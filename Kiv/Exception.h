@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <concepts>
 #include <exception>
+#include <string_view>
+#include <utility>
 
 #include "Kiv/String.h"
 
@@ -42,10 +45,12 @@ class KIV_API NondeletableAttrException : public Exception {
   ~NondeletableAttrException() override;
 };
 
-/// A failed system call. `what()` is the message, ": " and the error's own text.
+/// A failed system call. `what()` is the message, ": ", the error's own text and, if there is one, the context
+/// in parentheses, as in "bind: Address already in use (192.0.2.1:7000 in ns-red)".
 class KIV_API ErrnoException : public Exception {
  public:
-  ErrnoException(int error, String message);
+  /// `context` names what the call was about: a namespace, a device, an address and port.
+  ErrnoException(int error, String message, std::string_view context = {});
   ErrnoException(const ErrnoException&) = default;
   ErrnoException& operator=(const ErrnoException&) = default;
   ~ErrnoException() override;
@@ -60,5 +65,32 @@ class KIV_API ErrnoException : public Exception {
 
 /// The text of an errno value, from any thread.
 KIV_API String errorText(int error);
+
+/// Runs actions that must all have their turn, whatever they throw. The first failure is the one that leaves.
+///
+///     FirstFailure failure;
+///     failure.run([&] { txErrnoIs(error); });
+///     failure.run([&] { txErrorsInc(1); });   // also when the first one threw
+///     failure.rethrow();
+class FirstFailure {
+ public:
+  template <std::invocable Action>
+  void run(Action&& action) noexcept {
+    try {
+      action();
+    } catch (...) {
+      if (!first_) first_ = std::current_exception();
+    }
+  }
+  explicit operator bool() const noexcept { return first_ != nullptr; }
+  /// Throws the first failure, if there is one, and forgets it.
+  void rethrow() {
+    if (first_) [[unlikely]]
+      std::rethrow_exception(std::exchange(first_, nullptr));
+  }
+
+ private:
+  std::exception_ptr first_;
+};
 
 }  // namespace Kiv

@@ -188,6 +188,16 @@ Ptr<T> makeImmortal(Args&&... args) {
   return Ptr<T>::adopt(object);
 }
 
+/// Keeps `object` until the end of the scope, for an operation whose reactors may let go of the last pointer:
+///
+///     const auto alive = keepAlive(this);
+///
+/// With references() == 0 the object is under construction or not on the heap, so it needs no guard.
+template <typename T>
+[[nodiscard]] Ptr<T> keepAlive(T* object) noexcept {
+  return Ptr<T>(object->references() > 0 ? object : nullptr);
+}
+
 template <typename T, typename U>
 Ptr<T> staticPtrCast(const Ptr<U>& ptr) noexcept {
   return Ptr<T>(static_cast<T*>(ptr.get()));

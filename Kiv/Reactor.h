@@ -113,7 +113,8 @@ class KIV_API NotifieeList {
 /// the next change; reactors run in the order of registration. What an action throws leaves through the
 /// setter, and the reactors behind it are not run for that change.
 ///
-/// It belongs to the thread of the entity. It does not keep the entity alive.
+/// It belongs to the thread of the entity. It does not keep the entity alive. It must be kept itself: the
+/// compiler warns of a `Reactor(...)` that is discarded at once.
 class KIV_API Reactor {
  public:
   Reactor() noexcept = default;
@@ -121,7 +122,7 @@ class KIV_API Reactor {
   requires requires(const Watched& watched) {
     { watched.notifiees() } -> std::same_as<NotifieeList&>;
   }
-  Reactor(const Watched& watched, Action action) {
+  [[nodiscard]] Reactor(const Watched& watched, Action action) {
     // This may take memory, and fail, and so comes before there is anything to lose.
     NotifieeList& list = watched.notifiees();
     add(list, new detail::NotifieeOf<Action>(std::move(action)));

@@ -18,9 +18,11 @@ constexpr Time timeOfSeconds(double seconds) noexcept {
   return seconds >= 9.2e9 ? timeInfinite : Time(static_cast<Time::rep>(seconds * 1e9));
 }
 
-/// `start + span`, held at infinity instead of wrapping.
+/// `start + span`; saturates at both ends instead of overflowing.
 constexpr Time timeAfter(Time start, Time span) noexcept {
-  return span > timeInfinite - start ? timeInfinite : start + span;
+  Time::rep sum = 0;
+  if (!__builtin_add_overflow(start.count(), span.count(), &sum)) return Time(sum);
+  return span > Time::zero() ? timeInfinite : Time::min();
 }
 
 }  // namespace Kiv

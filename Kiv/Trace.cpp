@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "Kiv/Exception.h"
@@ -18,7 +19,13 @@ namespace {
 struct Rule {
   std::string handle;  // "*" stands for every handle
   U16 levels;          // bit n: level n
+  bool known = false;  // there is, or was, such a handle
 };
+
+constexpr std::string_view kHelp = "help";
+constexpr const char* kOwnHandle = "KIV_TRACE";
+
+std::atomic<U64> drops{0};
 
 std::optional<unsigned> levelOf(std::string_view text) {
   if (text.size() != 1 || text[0] < '0' || text[0] > '9') return std::nullopt;
@@ -26,6 +33,7 @@ std::optional<unsigned> levelOf(std::string_view text) {
 }
 
 std::optional<Rule> ruleOf(std::string_view text) {
+  if (text == kHelp) return Rule{std::string(text), 0, true};
   const std::size_t slash = text.rfind('/');
   if (slash == std::string_view::npos || slash == 0) return std::nullopt;
   const std::string_view range = text.substr(slash + 1);
@@ -34,7 +42,9 @@ std::optional<Rule> ruleOf(std::string_view text) {
   const auto last = dash == std::string_view::npos ? first : levelOf(range.substr(dash + 1));
   if (!first || !last || *first > *last) return std::nullopt;
   const unsigned levels = (1u << (*last + 1)) - (1u << *first);
-  return Rule{std::string(text.substr(0, slash)), static_cast<U16>(levels)};
+  std::string handle(text.substr(0, slash));
+  const bool all = handle == "*";
+  return Rule{std::move(handle), static_cast<U16>(levels), all};
 }
 
 std::optional<std::vector<Rule>> rulesOf(std::string_view setting) {
@@ -59,6 +69,8 @@ void toStandardError(std::string_view handle, unsigned level, std::string_view t
 /// Everything that traces share: the handles, the rules and the sink, behind one lock.
 class TraceRegistry {
  public:
+  using Reports = std::vector<std::string>;
+
   static TraceRegistry& instance() {
     // Never destroyed: statics trace until the very end of the process.
     static auto* const registry = new TraceRegistry;
@@ -66,27 +78,52 @@ class TraceRegistry {
   }
 
   void add(TraceHandle& handle) {
-    const std::lock_guard lock(mutex_);
-    handles_.push_back(&handle);
-    apply(handle);
+    Reports reports;
+    {
+      const std::lock_guard lock(mutex_);
+      handles_.push_back(&handle);
+      apply(handle, reports);
+    }
+    write(reports);
   }
   void remove(TraceHandle& handle) {
     const std::lock_guard lock(mutex_);
     std::erase(handles_, &handle);
   }
   void rulesAre(std::vector<Rule> rules) {
+    Reports reports;
+    {
+      const std::lock_guard lock(mutex_);
+      rules_ = std::move(rules);
+      for (TraceHandle* handle : handles_) apply(*handle, reports);
+    }
+    write(reports);
+    write(unknownHandles());
+  }
+  /// What the rules name and nobody has made, each once.
+  Reports unknownHandles() {
     const std::lock_guard lock(mutex_);
-    rules_ = std::move(rules);
-    for (TraceHandle* handle : handles_) apply(*handle);
+    Reports unknown;
+    for (Rule& rule : rules_) {
+      if (!std::exchange(rule.known, true)) unknown.push_back("no handle " + rule.handle);
+    }
+    return unknown;
   }
   void sinkIs(TraceSink sink) {
     const std::lock_guard lock(sinkMutex_);
     sink_ = std::make_shared<TraceSink>(sink ? std::move(sink) : toStandardError);
   }
-  void write(std::string_view handle, unsigned level, std::string_view text) {
-    const std::lock_guard lock(sinkMutex_);
-    const std::shared_ptr<TraceSink> sink = sink_;  // it may replace itself
-    (*sink)(handle, level, text);
+  void write(std::string_view handle, unsigned level, std::string_view text) noexcept {
+    try {
+      const std::lock_guard lock(sinkMutex_);
+      const std::shared_ptr<TraceSink> sink = sink_;  // it may replace itself
+      (*sink)(handle, level, text);
+    } catch (const std::exception&) {
+      ++drops;
+    }
+  }
+  void write(const Reports& reports) noexcept {
+    for (const std::string& text : reports) write(kOwnHandle, 0, text);
   }
 
  private:
@@ -98,12 +135,19 @@ class TraceRegistry {
     } else {
       std::fprintf(stderr, "KIV_TRACE: invalid trace setting \"%s\" ignored\n", setting);
     }
+    // For a process without an activity loop. Not to the sink, which may be gone by then.
+    std::atexit([] {
+      for (const std::string& text : instance().unknownHandles()) toStandardError(kOwnHandle, 0, text);
+    });
   }
 
-  void apply(TraceHandle& handle) const {
+  void apply(TraceHandle& handle, Reports& reports) {
     U16 levels = 0;
-    for (const Rule& rule : rules_) {
-      if (rule.handle == "*" || rule.handle == std::string_view(handle.name())) levels |= rule.levels;
+    for (Rule& rule : rules_) {
+      if (rule.levels == 0) reports.push_back(handle.name());  // help
+      if (rule.handle != "*" && rule.handle != std::string_view(handle.name())) continue;
+      levels |= rule.levels;
+      rule.known = true;
     }
     handle.levels_.store(levels, std::memory_order_relaxed);
   }
@@ -115,6 +159,15 @@ class TraceRegistry {
   std::recursive_mutex sinkMutex_;
   std::shared_ptr<TraceSink> sink_;
 };
+
+void detail::traceCheck() noexcept {
+  try {
+    TraceRegistry& registry = TraceRegistry::instance();
+    registry.write(registry.unknownHandles());
+  } catch (const std::bad_alloc&) {
+    ++drops;
+  }
+}
 
 TraceHandle::TraceHandle(std::string_view name) : name_(name) {
   TraceRegistry::instance().add(*this);
@@ -138,7 +191,15 @@ TraceStream::TraceStream(const TraceHandle& handle, unsigned level) noexcept
     : handle_(handle), level_(level) {}
 
 TraceStream::~TraceStream() {
-  TraceRegistry::instance().write(handle_.name(), level_, text_.str());
+  if (!text_.good()) {
+    ++drops;
+    return;
+  }
+  TraceRegistry::instance().write(handle_.name(), level_, text_.view());
+}
+
+U64 traceDrops() noexcept {
+  return drops;
 }
 
 }  // namespace Kiv

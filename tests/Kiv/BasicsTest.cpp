@@ -10,12 +10,15 @@
 #include "Kiv/NboAttrLog.h"
 #include "Kiv/Ptr.h"
 #include "Kiv/Representation.h"
+#include "Kiv/Time.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/support/Failure.h"
 #include "tests/support/TraceCapture.h"
 
 namespace {
 
 using namespace Kiv;
+using testing::Contains;
 using testing::ElementsAre;
 
 struct Counted : PtrInterface {
@@ -87,12 +90,27 @@ TEST(Exceptions, CarryTheFixedTextAndTheErrno) {
   const ErrnoException failure(ENOENT, "bind");
   EXPECT_STREQ(failure.what(), "bind: No such file or directory");
   EXPECT_EQ(failureOf([&] { throw failure; }), "bind " + std::to_string(ENOENT));
+  const ErrnoException named(ENOENT, "bind", "192.0.2.1:7 in ns-red");
+  EXPECT_STREQ(named.what(), "bind: No such file or directory (192.0.2.1:7 in ns-red)");
+  EXPECT_EQ(named.message(), "bind");
   EXPECT_STREQ(RangeException("too far").what(), "too far");
 }
 
 TEST(AssertDeathTest, NamesThePlaceAndTheGivenText) {
   EXPECT_DEATH(KIV_ASSERT_AS(1 + 1 == 3, "( sums ) add up"),
                "BasicsTest.cpp:[0-9]+: assertion failed: \\( sums \\) add up\n");
+  const String name("lamp");
+  EXPECT_DEATH(KIV_ASSERT_AS(false, "lit()", name), "assertion failed: lit\\(\\) \\(lamp\\)\n");
+}
+
+TEST(Time, SaturatesAtBothEnds) {
+  EXPECT_EQ(timeAfter(Time::min(), timeInfinite), Time(-1));
+  EXPECT_EQ(timeAfter(Time(-1), timeInfinite), timeInfinite - Time(1));
+  EXPECT_EQ(timeAfter(Time(1), timeInfinite), timeInfinite);
+  EXPECT_EQ(timeAfter(Time(-1), Time::min()), Time::min());
+  EXPECT_EQ(timeOfSeconds(1.5), Time(1'500'000'000));
+  EXPECT_EQ(timeOfSeconds(9.3e9), timeInfinite);
+  EXPECT_EQ(timeOfSeconds(-1), Time(0));
 }
 
 TEST(NboAttrLog, ReadsBackWhatWasWrittenAndRefusesToReadOn) {
@@ -196,6 +214,45 @@ TEST(Trace, RulesChooseHandlesAndLevels) {
     EXPECT_THROW(traceIs(bad), RangeException) << bad;
   }
   EXPECT_TRUE(one.enabled(3) && !one.enabled(1));  // a malformed setting changes nothing
+}
+
+struct Unprintable {
+  friend std::ostream& operator<<(std::ostream&, const Unprintable&) { throw std::bad_alloc(); }
+};
+
+TEST(Trace, OneThatCannotBeMadeIsDroppedAndCounted) {
+  const TraceHandle handle("One");
+  traceIs("One/1");
+  const U64 before = traceDrops();
+  int reached = 0;
+  const std::string longer(1000, 'x');
+  const auto trace = [&] {
+    KIV_TRACE(handle, 1) << longer << longer;
+    ++reached;
+  };
+  traceSinkIs([](std::string_view, unsigned, std::string_view) { FAIL(); });
+  KIV_TRACE(handle, 1) << "a" << Unprintable() << ++reached;
+  if (AllocationRefusal::works) {
+    const AllocationRefusal noMemory(100);
+    trace();
+  }
+  traceSinkIs([](std::string_view, unsigned, std::string_view) { throw std::bad_alloc(); });
+  trace();
+  traceSinkIs(nullptr);
+  traceIs("");
+  EXPECT_EQ(reached, AllocationRefusal::works ? 3 : 2);
+  EXPECT_EQ(traceDrops(), before + static_cast<U64>(reached));
+}
+
+TEST(Trace, ListsTheHandlesAndReportsUnknownOnes) {
+  const TraceHandle one("One");
+  const TraceCapture traces("*/0");
+  traceIs("help,One/3,Tow/3,*/9");
+  EXPECT_THAT(traces.lines(), Contains("KIV_TRACE/0:One"));
+  EXPECT_EQ(traces.lines().back(), "KIV_TRACE/0:no handle Tow");
+  const TraceHandle late("Late");
+  EXPECT_EQ(traces.lines().back(), "KIV_TRACE/0:Late");
+  EXPECT_TRUE(one.enabled(3) && one.enabled(9) && !one.enabled(4));
 }
 
 TEST(Trace, ASinkMayTraceAndReplaceItself) {

@@ -32,12 +32,25 @@ class Lamp : public Entity {
   int watts() const { return level() / 2; }
   std::function<void()> hook;
 
+  /// Changes three things at once; in between, `step` runs.
+  void burnOutIs(const char* why, const std::function<void()>& step) {
+    Change change(this, turn_);
+    change.put(lit, false);
+    change.put(label, why);
+    change.put(lit, false);  // as it is by now
+    change.put(level, U8{0});
+    change.run(step);
+    change.tell();
+    if (change.newest()) clicksInc(1);
+  }
+
  protected:
   virtual void handleLevel() {
     if (hook) hook();
   }
 
  private:
+  U32 turn_ = 0;
   int* deaths_;
 };
 
@@ -192,6 +205,46 @@ TEST(Attr, ARareOneKeepsItsDefaultUntilItIsSetOrWatched) {
   EXPECT_EQ(runs, 2);
   lamp->labelIs("y");
   EXPECT_EQ(lamp->label() + other->label(), "ynone");
+}
+
+TEST_F(ReactorTest, AChangeTellsOfAllAtRestAndGivesWayToANewerOne) {
+  const auto see = [&](const char* name) {
+    log += name + lamp->label() + (lamp->lit() ? "1" : "0") + std::to_string(lamp->level()) + " ";
+  };
+  Reactor onLit(lamp->lit, [&] { see("lit:"); });
+  const Reactor onLabel(lamp->label, [&] { see("label:"); });
+  Reactor onLevel(lamp->level, [&] { see("level:"); });
+  lamp->burnOutIs("a", [&] { log += "step "; });
+  EXPECT_EQ(std::exchange(log, ""), "step lit:a00 label:a00 level:a00 ");
+  EXPECT_EQ(lamp->clicks(), 1u);
+
+  const auto fail = [](const char* what) { throw std::runtime_error(what); };
+  lamp->litIs(true);
+  log = "";
+  onLit = Reactor(lamp->lit, [&] { fail("second"); });
+  EXPECT_THROW(lamp->burnOutIs("b", [&] { fail("first"); }), std::runtime_error);
+  try {
+    lamp->levelIs(7);
+    log = "";
+    lamp->burnOutIs("c", [&] { fail("first"); });
+  } catch (const std::runtime_error& failure) {
+    log += failure.what();
+  }
+  EXPECT_EQ(std::exchange(log, ""), "label:c00 level:c00 first");
+  EXPECT_EQ(lamp->clicks(), 1u);
+
+  // The inner change is the newer one, and the outer one ends when it has told.
+  onLit = Reactor(lamp->lit, [&] { lamp->burnOutIs("inner", [] {}); });
+  lamp->litIs(true);
+  EXPECT_EQ(lamp->clicks(), 2u);
+  log = "";
+  lamp->burnOutIs("outer", [] {});
+  EXPECT_EQ(log, "label:outer00 ");
+  EXPECT_EQ(lamp->clicks(), 3u);
+  lamp->levelIs(1);
+  onLevel = Reactor(lamp->level, [&] { lamp = nullptr; });
+  raw->burnOutIs("last", [] {});
+  EXPECT_EQ(deaths, 1);
 }
 
 TEST(Reactor, ManyComeAndGoInAnyOrderAlsoWhileTheyRun) {
