@@ -74,10 +74,10 @@ U32 byTables(U32 state, const U8* data, std::size_t bytes) noexcept {
 
 #if defined(__x86_64__) || defined(__i386__)
 
-// By carry-less multiplication. A block that lies d bits in front of another one can be added to it once it is
-// multiplied by x^d, modulo the polynomial. So the data is folded into one block of 128 bits, and that is
-// reduced to 32. The product of two reflected numbers of 64 bits comes out as one of 128 bits that is too low by one power, which the
-// factors make up for.
+// By carry-less multiplication. A block that lies d bits in front of another one can be added to it once it
+// is multiplied by x^d, modulo the polynomial. So the data is folded into one block of 128 bits, and that is
+// reduced to 32. The product of two reflected numbers of 64 bits comes out as one of 128 bits that is too low
+// by one power, which the factors make up for.
 
 #define WIRL_CLMUL gnu::target("sse4.1,pclmul")
 #define WIRL_CLMUL_512 gnu::target("sse4.1,pclmul,avx512f,avx512vl,avx512bw,vpclmulqdq")

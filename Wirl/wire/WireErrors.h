@@ -78,8 +78,8 @@ namespace Wirl {
   CODE(badBfdLen, -681)  /* Below 24, or above the datagram's. */                                  \
   CODE(badLldpTlv, -690) /* A TLV runs past the frame, or one of the first three is missing. */
 
-/// What further checks of packets found. The numbers go on where those of `PktErrors` end in each layer: a number
-/// belongs to one code of the two. The text of each is its name.
+/// What further checks of packets found. The numbers go on where those of `PktErrors` end in each layer: a
+/// number belongs to one code of the two. The text of each is its name.
 enum WireErrors : Kiv::S32 {
 #define WIRL_WIRE_ERROR(name, number) name = number,
   WIRL_WIRE_ERRORS(WIRL_WIRE_ERROR)

@@ -25,7 +25,7 @@ TEST(Crc32, EveryKernelIsExactAtEveryLengthAndAlignmentInTwoPieces) {
   constexpr U32 kLongest = 1600;
   constexpr U32 kStart = 0xffffffff;
   std::mt19937 random(1);
-  for (const U32 alignment : {0, 1, 2, 3, 5, 8, 15, 16, 31, 33, 63}) {
+  for (const U32 alignment : {0u, 1u, 2u, 3u, 5u, 8u, 15u, 16u, 31u, 33u, 63u}) {
     U32 ieee = kStart;
     U32 castagnoli = kStart;
     std::vector<U8> all;
@@ -34,7 +34,7 @@ TEST(Crc32, EveryKernelIsExactAtEveryLengthAndAlignmentInTwoPieces) {
       const auto exact = std::make_unique<U8[]>(alignment + len);
       U8* const data = exact.get() + alignment;
       std::copy(all.begin(), all.end(), data);
-      const U32 cut = len == 0 ? 0 : random() % len;
+      const U32 cut = static_cast<U32>(random() % (len + 1));
       for (const auto& kernel : detail::crcKernels()) {
         SCOPED_TRACE(testing::Message() << kernel.name << " length " << len << " alignment " << alignment);
         ASSERT_EQ(kernel.ieee(kStart, data, len), ieee);

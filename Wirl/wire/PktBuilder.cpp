@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/wire/PktBuilder.h"
+
+#include "Kiv/Assert.h"
+#include "Kiv/Exception.h"
+#include "Wirl/wire/Crc32.h"
+#include "Wirl/wire/WireChecks.h"
+
+namespace Wirl {
+
+namespace {
+
+constexpr U32 kWord = 4;  // of IPv4 and TCP headers
+constexpr U32 kUnit = 8;  // of IPv6 extension headers
+constexpr U16 kGreHasKey = 0x2000;
+constexpr U8 kVxlanHasVni = 0x08;
+constexpr U8 kBottomOfStack = 1;
+
+/// A length as a header says it.
+U16 lengthField(U32 bytes) {
+  if (bytes > 0xffff) throw Kiv::RangeException("PktBuilder: length > 65535 not allowed");
+  return static_cast<U16>(bytes);
+}
+
+template <typename Hdr>
+Hdr& hdrAt(U8* at) noexcept {
+  return *reinterpret_cast<Hdr*>(at);
+}
+
+/// What options take in words, padding included.
+U32 wordsOf(std::span<const U8> options) {
+  constexpr std::size_t kMost = 40;
+  KIV_ASSERT_AS(options.size() <= kMost, "options.size() <= 40");
+  return static_cast<U32>((options.size() + kWord - 1) / kWord);
+}
+
+/// Whether a fragment header is that of one of several fragments.
+bool isPart(U8* fragmentHdr) noexcept {
+  return (hdrAt<NetU16>(fragmentHdr + 2) & 0xfff9) != 0;
+}
+
+}  // namespace
+
+PktBuilder& PktBuilder::push(std::span<const U8> octets, BuilderLayer layer) {
+  KIV_ASSERT_AS(octets.size() <= Pkt::maxBufferBytes_, "octets.size() <= maxBufferBytes_");
+  U8* const at = grow(static_cast<U32>(octets.size()), layer);
+  if (!octets.empty()) std::memcpy(at, octets.data(), octets.size());
+  return *this;
+}
+
+PktBuilder& PktBuilder::llc(U8 dsap, U8 ssap, U8 control) {
+  Eth8022LlcHdr hdr;
+  hdr.dsapIs(dsap);
+  hdr.ssapIs(ssap);
+  hdr.controlIs(control);
+  return push(hdr);
+}
+
+PktBuilder& PktBuilder::snap() {
+  return push(Eth8022SnapHdr()).llc(Eth8022LlcHdr::snapSap, Eth8022LlcHdr::snapSap);
+}
+
+PktBuilder& PktBuilder::mpls(U32 label, U8 trafficClass, U8 ttl) {
+  const NetU32 entry((label & 0xfffff) << 12 | (trafficClass & 7u) << 9 | ttl);
+  return push(entry, {Fill::mpls, ethTypeMpls, 137});
+}
+
+U8* PktBuilder::growForOptions(U32 hdrBytes, std::span<const U8> options, BuilderLayer layer) {
+  const auto used = static_cast<U32>(hdrBytes + options.size());
+  const U32 bytes = wordsOf(options) * kWord + hdrBytes;
+  U8* const at = grow(bytes, layer);
+  if (!options.empty()) std::memcpy(at + hdrBytes, options.data(), options.size());
+  std::memset(at + used, 0, bytes - used);
+  return at;
+}
+
+PktBuilder& PktBuilder::ip(IpHdr hdr, std::span<const U8> options) {
+  hdr.versionIs(IpHdr::ipVersion4);
+  hdr.headerLenIs(static_cast<U8>(sizeof(IpHdr) / kWord + wordsOf(options)));
+  std::memcpy(growForOptions(sizeof(hdr), options, builderLayer<IpHdr>), &hdr, sizeof(hdr));
+  return *this;
+}
+
+PktBuilder& PktBuilder::tcp(TcpHdr hdr, std::span<const U8> options) {
+  hdr.dataOffsetIs(static_cast<U8>(sizeof(TcpHdr) / kWord + wordsOf(options)));
+  std::memcpy(growForOptions(sizeof(hdr), options, builderLayer<TcpHdr>), &hdr, sizeof(hdr));
+  return *this;
+}
+
+PktBuilder& PktBuilder::ip6Options(IpProtocolNumber which, std::span<const U8> options) {
+  constexpr std::size_t kMost = 256 * kUnit - sizeof(Ip6HdrOptionCommon);
+  KIV_ASSERT_AS(options.size() <= kMost, "options.size() <= 2046");
+  const auto used = static_cast<U32>(sizeof(Ip6HdrOptionCommon) + options.size());
+  const U32 bytes = (used + kUnit - 1) / kUnit * kUnit;
+  U8* const at = grow(bytes, {Fill::ip6Ext, 0, which});
+  hdrAt<Ip6HdrOptionCommon>(at) = {};
+  if (!options.empty()) std::memcpy(at + sizeof(Ip6HdrOptionCommon), options.data(), options.size());
+  std::memset(at + used, 0, bytes - used);  // Pad1, of which one is just that
+  if (bytes - used >= sizeof(Ip6HdrPadN)) {
+    Ip6HdrPadN pad;
+    pad.lengthIs(static_cast<U8>(bytes - used - sizeof(pad)));
+    std::memcpy(at + used, &pad, sizeof(pad));
+  }
+  return *this;
+}
+
+PktBuilder& PktBuilder::ip6Fragment(U32 id, U16 offset, bool more) {
+  KIV_ASSERT_AS(offset % kUnit == 0, "(offset % 8) == 0");
+  const NetU32 words[] = {NetU32(U32{offset} | (more ? 1u : 0u)), NetU32(id)};
+  return push({reinterpret_cast<const U8*>(words), sizeof(words)}, {Fill::ip6Frag, 0, ipProtoIpv6Frag});
+}
+
+PktBuilder& PktBuilder::icmp(U8 type, U8 code, U32 rest) {
+  const NetU32 words[] = {NetU32(U32{type} << 24 | U32{code} << 16), NetU32(rest)};
+  return push({reinterpret_cast<const U8*>(words), sizeof(words)}, {Fill::icmp, 0, ipProtoIcmp});
+}
+
+PktBuilder& PktBuilder::icmp6(Icmp6TypeNumber type, U8 code, U32 rest) {
+  const NetU32 words[] = {NetU32(U32{type} << 24 | U32{code} << 16), NetU32(rest)};
+  return push({reinterpret_cast<const U8*>(words), sizeof(words)}, builderLayer<Icmp6Hdr>);
+}
+
+PktBuilder& PktBuilder::gre() {
+  return push(NetU32(0), {Fill::gre, 0, ipProtoGre});
+}
+
+PktBuilder& PktBuilder::gre(U32 key) {
+  const NetU32 words[] = {NetU32(U32{kGreHasKey} << 16), NetU32(key)};
+  return push({reinterpret_cast<const U8*>(words), sizeof(words)}, {Fill::gre, 0, ipProtoGre});
+}
+
+PktBuilder& PktBuilder::vxlan(U32 vni) {
+  const NetU32 words[] = {NetU32(U32{kVxlanHasVni} << 24), NetU32(vni << 8)};
+  return push({reinterpret_cast<const U8*>(words), sizeof(words)});
+}
+
+const Pkt::Ptr& PktBuilder::finish() {
+  U8* const end = pkt_->front() + pkt_->bytes();
+  for (U32 layer = 0; layer < count_; ++layer) fillIn(layer, end - layers_[layer].bytes);
+  if (const U32 bytes = pkt_->bytes(); bytes < padTo_) {
+    std::memset(pkt_->newSharedTailData(padTo_ - bytes), 0, padTo_ - bytes);
+  }
+  if (fcs_) {
+    const U32 crc = __builtin_bswap32(crc32({pkt_->front(), pkt_->bytes()}));
+    const NetU32 lowestFirst(crc);
+    std::memcpy(pkt_->newSharedTailData(sizeof(lowestFirst)), &lowestFirst, sizeof(lowestFirst));
+  }
+  return pkt_;
+}
+
+void PktBuilder::fillIn(U32 layer, U8* at) {
+  const U32 bytes = layers_[layer].bytes;
+  const BuilderLayer next = layer > 0 ? layers_[layer - 1].kind : BuilderLayer{};
+  const bool hasType = next.etherType != 0;
+  const bool hasProtocol = next.ipProtocol >= 0;
+  const std::span<U8> message(at, bytes);
+  switch (layers_[layer].kind.fill) {
+    case Fill::nothing:
+      return;
+    case Fill::eth:
+    case Fill::tag: {
+      // Both have it in their last two octets. What no EtherType announces, and none was pushed for, is LLC.
+      auto& field = hdrAt<NetU16>(at + bytesOf(layer) - sizeof(NetU16));
+      if (hasType) {
+        field = next.etherType;
+      } else if (layer > 0 && field.value() == 0) {
+        field = lengthField(bytes - bytesOf(layer));
+      }
+      return;
+    }
+    case Fill::snap: {
+      auto& hdr = hdrAt<Eth8022SnapHdr>(at);
+      if (hasType && hdr.orgCode() == 0) hdr.localCodeIs(next.etherType);
+      return;
+    }
+    case Fill::mpls: {
+      const bool isBottom = next.fill != Fill::mpls;
+      at[2] = static_cast<U8>((at[2] & ~kBottomOfStack) | (isBottom ? kBottomOfStack : 0));
+      return;
+    }
+    case Fill::gre: {
+      constexpr U16 kEthernetBridging = 0x6558;
+      auto& field = hdrAt<NetU16>(at + sizeof(NetU16));
+      if (hasType) field = next.etherType;
+      if (next.fill == Fill::eth) field = kEthernetBridging;
+      return;
+    }
+    case Fill::ip: {
+      auto& hdr = hdrAt<IpHdr>(at);
+      hdr.totalLenIs(lengthField(bytes));
+      if (hasProtocol) hdr.protocolIs(static_cast<U8>(next.ipProtocol));
+      hdr.checksumU16Is(0);
+      hdr.checksumIs(hdr.computedChecksum());
+      // The upper layer's checksum covers what is in other fragments.
+      if (!hdr.moreFrag() && hdr.fragmentOffset() == 0) fillUpper(layer, at + bytes, hdr);
+      return;
+    }
+    case Fill::ip6: {
+      auto& hdr = hdrAt<Ip6Hdr>(at);
+      hdr.payloadLenIs(lengthField(bytes - U32{sizeof(Ip6Hdr)}));
+      if (hasProtocol) hdr.protocolIs(static_cast<U8>(next.ipProtocol));
+      return fillUpper(layer, at + bytes, hdr);
+    }
+    case Fill::ip6Ext:
+      hdrAt<Ip6HdrOptionCommon>(at).hdrExtLenIs(static_cast<U8>(bytesOf(layer) / kUnit - 1));
+      break;
+    case Fill::ip6Frag:
+      break;
+    case Fill::ah:
+      hdrAt<AhHdr>(at).payloadLenIs(static_cast<U8>(bytesOf(layer) / 4 - 2));
+      break;
+    case Fill::udp:
+    case Fill::udpPlain:
+      hdrAt<UdpHdr>(at).lenIs(lengthField(bytes));
+      return;
+    case Fill::sctp:
+      return setSctpChecksum(message);
+    case Fill::icmp:
+      return setIcmpChecksum(message);
+    case Fill::tcp:
+    case Fill::icmp6:
+    case Fill::vrrp:
+      return;  // with the IP header in front
+  }
+  if (hasProtocol) *at = static_cast<U8>(next.ipProtocol);
+}
+
+template <typename Ip>
+void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
+  U32 layer = ipLayer;
+  do {
+    if (layer-- == 0) return;
+    const Fill passed = layers_[layer].kind.fill;
+    if (passed == Fill::ip6Frag && isPart(end - layers_[layer].bytes)) return;
+    if (passed != Fill::ip6Ext && passed != Fill::ip6Frag && passed != Fill::ah) break;
+  } while (true);
+  const std::span<U8> message(end - layers_[layer].bytes, layers_[layer].bytes);
+  switch (layers_[layer].kind.fill) {
+    case Fill::udp:
+      return setUdpChecksum(ip, message);
+    case Fill::tcp:
+      return setTcpChecksum(ip, message);
+    case Fill::icmp6:
+      if constexpr (std::is_same_v<Ip, Ip6Hdr>) setIcmp6Checksum(ip, message);
+      return;
+    case Fill::vrrp:
+      return setVrrpChecksum(ip, message);
+    default:
+      return;
+  }
+}
+
+}  // namespace Wirl

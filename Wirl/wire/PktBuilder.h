@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstring>
+#include <span>
+
+#include "Wirl/packet/AhHdr.h"
+#include "Wirl/packet/Ethernet.h"
+#include "Wirl/packet/Icmp6Hdr.h"
+#include "Wirl/packet/Ip6Hdr.h"
+#include "Wirl/packet/IpHdr.h"
+#include "Wirl/packet/Pkt.h"
+#include "Wirl/packet/UdpHdr.h"
+#include "Wirl/wire/ArpHdr.h"
+#include "Wirl/wire/IcmpHdr.h"
+#include "Wirl/wire/IgmpHdr.h"
+#include "Wirl/wire/TcpHdr.h"
+#include "Wirl/wire/VrrpHdr.h"
+
+namespace Wirl {
+
+/// What a builder knows of a layer: the numbers by which the layer in front announces it, and what of it
+/// depends on the layers around it.
+struct BuilderLayer {
+  /// What `finish` fills in.
+  enum class Fill : U8 {
+    nothing,
+    eth,      ///< Type or IEEE 802.3 length.
+    tag,      ///< Type or length of what follows an 802.1Q tag.
+    snap,     ///< Type, where the organisation is 0.
+    mpls,     ///< Bottom of the stack.
+    gre,      ///< Protocol type.
+    ip,       ///< Total length, protocol, checksum, and the checksum of an upper layer that covers addresses.
+    ip6,      ///< Payload length, next header, the same checksum.
+    ip6Ext,   ///< Next header, header length.
+    ip6Frag,  ///< Next header.
+    ah,       ///< Next header, payload length.
+    udp,      ///< Length, checksum.
+    udpPlain,  ///< Length; the checksum stays 0, as tunnels over IPv4 have it.
+    tcp,       ///< Checksum.
+    sctp,      ///< CRC-32.
+    icmp,      ///< Checksum over the message alone: ICMP, IGMP, PIM 2 over IPv4.
+    icmp6,     ///< Checksum with a pseudo-header: ICMPv6.
+    vrrp,      ///< Checksum.
+  };
+
+  Fill fill = Fill::nothing;
+  U16 etherType = 0;    ///< 0: nothing announces it by an EtherType.
+  S16 ipProtocol = -1;  ///< -1: nothing announces it by a protocol number.
+};
+
+/// The layer that a header image begins; one line for each image that can be pushed.
+template <typename Hdr>
+inline constexpr BuilderLayer builderLayer{};
+template <typename Hdr>
+requires std::derived_from<Hdr, Icmp6Hdr>
+inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::icmp6, 0, ipProtoIcmpv6};
+template <typename Hdr>
+requires std::derived_from<Hdr, IcmpHdr>
+inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::icmp, 0, ipProtoIcmp};
+template <typename Hdr>
+requires std::derived_from<Hdr, IgmpHdr> || std::same_as<Hdr, Igmp3ReportHdr>
+inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::icmp, 0, ipProtoIgmp};
+template <>
+inline constexpr BuilderLayer builderLayer<EthHdr>{BuilderLayer::Fill::eth};
+template <>
+inline constexpr BuilderLayer builderLayer<Eth8021QHdr>{BuilderLayer::Fill::tag, ethTypeDot1Q};
+template <>
+inline constexpr BuilderLayer builderLayer<Eth8022SnapHdr>{BuilderLayer::Fill::snap};
+template <>
+inline constexpr BuilderLayer builderLayer<IpHdr>{BuilderLayer::Fill::ip, ethTypeIp, 4};
+template <>
+inline constexpr BuilderLayer builderLayer<Ip6Hdr>{BuilderLayer::Fill::ip6, ethTypeIp6, 41};
+template <>
+inline constexpr BuilderLayer builderLayer<EthArpHdr>{BuilderLayer::Fill::nothing, ethTypeArpIp};
+template <>
+inline constexpr BuilderLayer builderLayer<AhHdr>{BuilderLayer::Fill::ah, 0, ipProtoAh};
+template <>
+inline constexpr BuilderLayer builderLayer<UdpHdr>{BuilderLayer::Fill::udp, 0, ipProtoUdp};
+template <>
+inline constexpr BuilderLayer builderLayer<TcpHdr>{BuilderLayer::Fill::tcp, 0, ipProtoTcp};
+template <>
+inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0, ipProtoVrrp};
+
+/// Puts headers in front of a payload, the innermost first, and fills in what they say of one another:
+///
+///     pkt->stringValueIs("hello");
+///     PktBuilder(pkt).udp(4000, 4001).ip6(src, dst).vlan(100).eth(dstMac, srcMac).pad().finish();
+///
+/// A header goes into the headroom of the packet's shared buffer; nothing is copied while that lasts.
+/// `finish` fills in lengths, next-protocol fields and checksums from the innermost layer on, over what
+/// headers say by then: fields that depend on no other layer are those of the pushed image, and can be set
+/// until `finish` through the views of the packet. What the layer in front cannot announce (a payload of no
+/// known kind, EtherType 0) leaves that field as it was pushed.
+///
+/// The packet must have a shared buffer and no private head data. Where other packets show the same buffer,
+/// ask for `keepShownData` first, and do not `pad`. More than `kMostLayers` layers end the process.
+class KIV_API PktBuilder {
+ public:
+  static constexpr U32 kMostLayers = 24;
+  /// Shortest Ethernet frame, without the frame check sequence (IEEE 802.3).
+  static constexpr U32 kShortestFrame = 60;
+
+  /// The packet's bytes are the payload.
+  explicit PktBuilder(Pkt::Ptr pkt) : pkt_(std::move(pkt)) {
+    KIV_ASSERT_AS(pkt_, "pkt != 0");
+    KIV_ASSERT_AS(pkt_->numIovecs() == 1 && pkt_->sharedBuffer(), "pkt has shared data only");
+  }
+
+  /// A header image, any that `builderLayer` has a line for; others are octets to the layer in front.
+  template <typename Hdr>
+  PktBuilder& push(const Hdr& hdr) {
+    return push(hdr, builderLayer<Hdr>);
+  }
+  template <typename Hdr>
+  PktBuilder& push(const Hdr& hdr, BuilderLayer layer) {
+    static_assert(isHeaderImage<Hdr, sizeof(Hdr)>);
+    std::memcpy(grow(sizeof(Hdr), layer), &hdr, sizeof(Hdr));
+    return *this;
+  }
+  /// Octets of any layer.
+  PktBuilder& push(std::span<const U8> octets, BuilderLayer layer = {});
+
+  // Ethernet and what may stand between it and IP.
+
+  PktBuilder& eth(EthAddr dst, EthAddr src) {
+    EthHdr hdr;
+    hdr.dstIs(dst);
+    hdr.srcIs(src);
+    return push(hdr);
+  }
+  /// An 802.1Q tag; `type` announces it in the layer in front.
+  PktBuilder& vlan(U16 vlanId, U8 priority = 0, EthType type = ethTypeDot1Q) {
+    Eth8021QHdr hdr;
+    hdr.tagControlIs(Eth8021QTagControl(priority, false, vlanId));
+    return push(hdr, {BuilderLayer::Fill::tag, type});
+  }
+  PktBuilder& llc(U8 dsap, U8 ssap, U8 control = Eth8022LlcHdr::pduControl);
+  /// LLC and SNAP (RFC 1042), with the EtherType of what follows.
+  PktBuilder& snap();
+  /// An entry of a label stack (RFC 3032); the innermost one becomes the bottom.
+  PktBuilder& mpls(U32 label, U8 trafficClass = 0, U8 ttl = 64);
+
+  // IP. Options are padded to the unit of the header's length, with octets of 0 over IPv4; at most 40 bytes
+  // there.
+
+  PktBuilder& ip(IpAddr src, IpAddr dst, U8 ttl = 64) {
+    IpHdr hdr;
+    hdr.srcIs(src);
+    hdr.dstIs(dst);
+    hdr.ttlIs(IpTtl(ttl));
+    return ip(hdr);
+  }
+  /// Version and header length are filled in, all else is the caller's.
+  PktBuilder& ip(IpHdr hdr) {
+    hdr.versionIs(IpHdr::ipVersion4);
+    hdr.headerBytesIs(sizeof(IpHdr));
+    return push(hdr);
+  }
+  PktBuilder& ip(IpHdr hdr, std::span<const U8> options);
+  PktBuilder& ip6(const Ip6Addr& src, const Ip6Addr& dst, U8 hopLimit = 64) {
+    Ip6Hdr hdr;
+    hdr.srcIs(src);
+    hdr.dstIs(dst);
+    hdr.hopLimitIs(IpTtl(hopLimit));
+    return ip6(hdr);
+  }
+  PktBuilder& ip6(Ip6Hdr hdr) {
+    hdr.versionIs(Ip6Hdr::ipVersion6);
+    return push(hdr);
+  }
+  /// Hop-by-hop or destination options (RFC 8200), padded; at most 2,046 bytes of options.
+  PktBuilder& ip6Options(IpProtocolNumber which, std::span<const U8> options);
+  /// A fragment header, for an atomic fragment unless the offset, in bytes, or `more` say otherwise.
+  PktBuilder& ip6Fragment(U32 id, U16 offset = 0, bool more = false);
+
+  // What IP carries.
+
+  PktBuilder& udp(U16 srcPort, U16 dstPort) { return udp(srcPort, dstPort, builderLayer<UdpHdr>); }
+  /// Without a checksum, for tunnels.
+  PktBuilder& udpWithoutChecksum(U16 srcPort, U16 dstPort) {
+    return udp(srcPort, dstPort, {BuilderLayer::Fill::udpPlain, 0, ipProtoUdp});
+  }
+  /// TCP (RFC 9293): the data offset is filled in. Options are padded with octets of 0; at most 40 bytes.
+  PktBuilder& tcp(TcpHdr hdr, std::span<const U8> options = {});
+  /// ICMP (RFC 792) with the four bytes behind its checksum, as identifier and sequence number.
+  PktBuilder& icmp(U8 type, U8 code, U32 rest = 0);
+  /// ICMPv6 (RFC 4443), the same; longer messages are pushed as images.
+  PktBuilder& icmp6(Icmp6TypeNumber type, U8 code, U32 rest = 0);
+
+  // Tunnels.
+
+  /// GRE (RFC 2784), of what follows.
+  PktBuilder& gre();
+  /// With a key (RFC 2890).
+  PktBuilder& gre(U32 key);
+  /// VXLAN (RFC 7348); a UDP header comes in front.
+  PktBuilder& vxlan(U32 vni);
+
+  /// Octets of 0 behind the packet, which no length covers, up to so many bytes in all. A packet without
+  /// tailroom moves to a new buffer.
+  PktBuilder& pad(U32 bytes = kShortestFrame) {
+    padTo_ = bytes;
+    return *this;
+  }
+  /// The frame check sequence of Ethernet behind all.
+  PktBuilder& fcs() {
+    fcs_ = true;
+    return *this;
+  }
+
+  /// Fills in all that was pushed and returns the packet; to be called once. Throws `Kiv::RangeException`
+  /// "PktBuilder: length > 65535 not allowed" where a length field cannot hold what is behind, with the inner
+  /// layers filled in.
+  const Pkt::Ptr& finish();
+
+ private:
+  using Fill = BuilderLayer::Fill;
+  struct Layer {
+    BuilderLayer kind;
+    U32 bytes;  // of it and all behind it
+  };
+
+  U8* grow(U32 bytes, BuilderLayer layer) {
+    KIV_ASSERT_AS(count_ < kMostLayers, "layers < kMostLayers");
+    U8* const front = pkt_->newSharedHeadData(bytes);
+    layers_[count_++] = {layer, pkt_->bytes()};
+    return front;
+  }
+  U8* growForOptions(U32 hdrBytes, std::span<const U8> options, BuilderLayer layer);
+  PktBuilder& udp(U16 srcPort, U16 dstPort, BuilderLayer layer) {
+    UdpHdr hdr;
+    hdr.srcPortIs(srcPort);
+    hdr.dstPortIs(dstPort);
+    return push(hdr, layer);
+  }
+  U32 bytesOf(U32 layer) const noexcept {
+    return layers_[layer].bytes - (layer == 0 ? payloadBytes_ : layers_[layer - 1].bytes);
+  }
+  void fillIn(U32 layer, U8* at);
+  template <typename Ip>
+  void fillUpper(U32 ipLayer, U8* end, const Ip& ip);
+
+  const Pkt::Ptr pkt_;
+  const U32 payloadBytes_ = pkt_->bytes();
+  U32 count_ = 0;
+  U32 padTo_ = 0;
+  bool fcs_ = false;
+  Layer layers_[kMostLayers];
+};
+
+}  // namespace Wirl
