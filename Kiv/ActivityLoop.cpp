@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -32,16 +33,91 @@ U64 tagOf(U32 slot, U32 generation) {
 
 }  // namespace
 
+// Mailbox
+// ---------------------------------------------------------------------------------------------------------
+
+namespace detail {
+
+namespace {
+
+/// Stands for the list of a loop that takes no more.
+Posted* ended() noexcept {
+  static constinit struct : Posted {
+    void run() override {}
+  } mark;
+  return &mark;
+}
+
+/// Turns a list round.
+Posted* reversed(Posted* list) noexcept {
+  Posted* result = nullptr;
+  while (list) result = std::exchange(list, std::exchange(list->next, result));
+  return result;
+}
+
+}  // namespace
+
+Mailbox::Mailbox() : event_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), thread_(pthread_self()) {
+  if (event_ < 0) throw ErrnoException(errno, "eventfd");
+}
+
+Mailbox::~Mailbox() {
+  end();
+  close(event_);
+}
+
+/// A signal handler runs this too: no lock, no memory, errno as it was.
+void Mailbox::wake() const noexcept {
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  if (pthread_equal(pthread_self(), thread_) && awake_.load(std::memory_order_relaxed)) return;
+  const int error = errno;
+  // Cannot fail: the counter would have to be full. Nobody reads it: the watch is edge-triggered.
+  eventfd_write(event_, 1);
+  errno = error;
+}
+
+void Mailbox::stop() noexcept {
+  stopped_.store(true, std::memory_order_relaxed);
+  wake();
+}
+
+bool Mailbox::post(std::unique_ptr<Posted> posted) noexcept {
+  Posted* latest = latest_.load(std::memory_order_relaxed);
+  do {
+    if (latest == ended()) return false;
+    posted->next = latest;
+  } while (!latest_.compare_exchange_weak(latest, posted.get(), std::memory_order_release,
+                                          std::memory_order_relaxed));
+  posted.release();
+  if (!latest) wake();  // otherwise whoever posted the first one did
+  return true;
+}
+
+Posted* Mailbox::take() noexcept {
+  return reversed(latest_.exchange(nullptr, std::memory_order_acquire));
+}
+
+void Mailbox::end() noexcept {
+  Posted* all = latest_.exchange(ended(), std::memory_order_acq_rel);
+  if (all == ended()) return;
+  all = reversed(all);
+  while (all) delete std::exchange(all, all->next);
+}
+
+}  // namespace detail
+
 /// Marks the loop as running for as long as it is in scope; refuses when it is already.
 class ActivityLoop::Running {
  public:
   explicit Running(ActivityLoop& loop) : loop_(&loop) {
     KIV_ASSERT_AS(!loop.running(), "!running()");
     loop.running_ = true;
-    loop.stopped_ = false;
+    loop.mailbox_->awakeIs(true);
   }
   ~Running() {
     loop_->running_ = false;
+    loop_->mailbox_->awakeIs(false);
+    loop_->mailbox_->runEnded();
     loop_->syncEmbedded();
   }
   Running(const Running&) = delete;
@@ -51,16 +127,19 @@ class ActivityLoop::Running {
   const Ptr<ActivityLoop> loop_;
 };
 
-ActivityLoop::ActivityLoop() : events_(kBatch) {
+ActivityLoop::ActivityLoop() : mailbox_(std::make_shared<detail::Mailbox>()), events_(kBatch) {
   detail::traceCheck();
   epoll_ = epoll_create1(EPOLL_CLOEXEC);
   if (epoll_ < 0) throw ErrnoException(errno, "epoll_create1");
   timer_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-  // Edge-triggered, so that an expiry wakes once and need not be read.
-  epoll_event event{};
-  event.events = EPOLLIN | EPOLLET;
-  event.data.u64 = tagOf(kTimerSlot, 0);
-  if (timer_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, timer_, &event) < 0) {
+  // Edge-triggered, so that an expiry or a wake-up is reported once and need not be read.
+  const auto watch = [this](int fd, U32 slot) {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.u64 = tagOf(slot, 0);
+    return epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0;
+  };
+  if (timer_ < 0 || !watch(timer_, kTimerSlot) || !watch(mailbox_->descriptor(), kWakeSlot)) {
     const int error = errno;
     close(epoll_);
     if (timer_ >= 0) close(timer_);
@@ -69,8 +148,15 @@ ActivityLoop::ActivityLoop() : events_(kBatch) {
 }
 
 ActivityLoop::~ActivityLoop() {
+  end();
   close(timer_);
   close(epoll_);
+}
+
+/// Destroys what nobody will run. It may hold what is registered here, and so the loop itself.
+void ActivityLoop::end() noexcept {
+  mailbox_->end();
+  while (posted_) delete std::exchange(posted_, posted_->next);
 }
 
 // Descriptors
@@ -276,7 +362,7 @@ bool ActivityLoop::runUntilTime(Time limit, const std::function<bool()>* done) {
   const Running running(*this);
   for (bool first = true;; first = false) {
     if (done && (*done)()) return true;
-    if (stopped_) return false;
+    if (stopped()) return false;
     if (!first && limit != timeInfinite && now() >= limit) return false;
     pass(limit);
   }
@@ -291,7 +377,9 @@ void ActivityLoop::pass(Time limit) {
   if (!leftOver()) {
     wait(limit);
     againEnd_ = againLast_;
+    if (mailbox_->pending()) posted_ = mailbox_->take();
   }
+  runPosted();
   runEvents();
   runAgain();
   runClocks();
@@ -303,15 +391,15 @@ void ActivityLoop::wait(Time limit) {
     return;
   }
   const Time next = std::min(nextDeadline(), limit);
-  const bool again = againFirst_ != kNoSlot;
+  const bool work = workWaits();
   if (simulated_) {
-    const bool ready = take(next == timeInfinite && !again ? -1 : 0) || again;
+    const bool ready = take(next == timeInfinite && !work ? -1 : 0) || work;
     // A descriptor that stays ready, since nobody drains it, does not hold the time up for ever.
     passesHeldUp_ = ready ? passesHeldUp_ + 1 : 0;
     if (ready && passesHeldUp_ < kPassesHeldUp) return;
     passesHeldUp_ = 0;
     if (next > simulatedNow_ && next != timeInfinite) simulatedNow_ = next;
-  } else if (again || next <= now()) {
+  } else if (work || next <= now()) {
     take(0);
   } else if (next == timeInfinite) {
     take(-1);
@@ -323,20 +411,34 @@ void ActivityLoop::wait(Time limit) {
 
 /// Fetches a batch of events; whether there are any.
 bool ActivityLoop::take(int timeout) {
+  if (timeout != 0) {
+    mailbox_->awakeIs(false);
+    // A signal handler may have stopped the loop, or posted, before it could know that the loop sleeps.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (stopped() || mailbox_->pending()) timeout = 0;
+  }
   const int count = epoll_wait(epoll_, events_.data(), kBatch, timeout);
+  mailbox_->awakeIs(true);
   if (count < 0 && errno != EINTR) throw ErrnoException(errno, "epoll_wait");
   nextEvent_ = 0;
   eventCount_ = std::max(count, 0);
   return count > 0;
 }
 
+void ActivityLoop::runPosted() {
+  while (posted_ && !stopped()) {
+    const std::unique_ptr<detail::Posted> posted(std::exchange(posted_, posted_->next));
+    posted->run();
+  }
+}
+
 void ActivityLoop::runEvents() {
-  while (nextEvent_ < eventCount_ && !stopped_) {
+  while (nextEvent_ < eventCount_ && !stopped()) {
     epoll_event& event = events_[static_cast<std::size_t>(nextEvent_)];
     const U32 index = static_cast<U32>(event.data.u64);
     const U32 generation = static_cast<U32>(event.data.u64 >> 32);
-    if (index == kTimerSlot) {
-      timerTime_ = timeInfinite;
+    if (index >= kWakeSlot) [[unlikely]] {
+      if (index == kTimerSlot) timerTime_ = timeInfinite;
       ++nextEvent_;
       continue;
     }
@@ -360,7 +462,7 @@ void ActivityLoop::runEvents() {
 
 /// Counts the listed descriptors as readable. Those that join the list meanwhile wait for the next pass.
 void ActivityLoop::runAgain() {
-  while (againEnd_ != kNoSlot && !stopped_) {
+  while (againEnd_ != kNoSlot && !stopped()) {
     const U32 index = againFirst_;
     Slot& slot = slots_[index];
     againFirst_ = slot.nextAgain;
@@ -404,7 +506,7 @@ void ActivityLoop::runClocks() {
     collectDue();
   }
   while (nextDue_ < due_.size()) {
-    if (stopped_) return;
+    if (stopped()) return;
     Clock* const clock = due_[nextDue_++].clock;
     if (!clock) continue;
     clock->place_ = Clock::Place::none;
@@ -419,7 +521,7 @@ void ActivityLoop::runClocks() {
 void ActivityLoop::syncEmbedded() noexcept {
   if (!embedded_ || running_) return;
   const Time next = nextDeadline();
-  if (leftOver() || againFirst_ != kNoSlot || next <= now()) {
+  if (leftOver() || workWaits() || next <= now()) {
     // Set anew in any case: an earlier expiry may be in the batch already, and wakes nobody any more.
     timerTime_ = timeInfinite;
     timerIs(Time(1));
@@ -451,6 +553,7 @@ void ActivityLoop::simulatedTimeIs(bool on) {
 /// Keeps the thread's loop; those that are registered with it keep it too.
 struct ThreadLoop {
   ThreadLoop() : loop(new ActivityLoop) {}
+  ~ThreadLoop() { loop->end(); }
   const Ptr<ActivityLoop> loop;
 };
 

@@ -1,7 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <pthread.h>
+
+#include <atomic>
+#include <concepts>
 #include <functional>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "Kiv/Ptr.h"
@@ -15,10 +21,63 @@ namespace Kiv {
 class Clock;
 class FileDescriptor;
 
+namespace detail {
+
+/// An action that waits to be run by a loop.
+struct Posted {
+  virtual ~Posted() = default;
+  virtual void run() = 0;
+  Posted* next = nullptr;
+};
+
+template <typename Action>
+struct PostedOf final : Posted {
+  explicit PostedOf(Action a) : action(std::move(a)) {}
+  void run() override { action(); }
+  Action action;
+};
+
+/// What other threads, and signal handlers, reach of a loop. Outlives the loop for those that hold a handle.
+class KIV_API Mailbox {
+ public:
+  Mailbox();
+  ~Mailbox();
+  Mailbox(const Mailbox&) = delete;
+  Mailbox& operator=(const Mailbox&) = delete;
+
+  // From any thread.
+  bool post(std::unique_ptr<Posted> posted) noexcept;
+  void stop() noexcept;
+
+  // From the loop's thread.
+  bool stopped() const noexcept { return stopped_.load(std::memory_order_relaxed); }
+  void runEnded() noexcept { stopped_.store(false, std::memory_order_relaxed); }
+  bool pending() const noexcept { return latest_.load(std::memory_order_relaxed) != nullptr; }
+  /// Everything posted so far, the oldest first; the caller owns it.
+  Posted* take() noexcept;
+  /// Destroys what is posted and refuses everything from now on.
+  void end() noexcept;
+  int descriptor() const noexcept { return event_; }
+  /// Whether the thread looks at the mailbox again before it sleeps.
+  void awakeIs(bool awake) noexcept { awake_.store(awake, std::memory_order_relaxed); }
+
+ private:
+  void wake() const noexcept;
+
+  const int event_;
+  const pthread_t thread_;
+  std::atomic<bool> stopped_{false};
+  std::atomic<bool> awake_{false};
+  std::atomic<Posted*> latest_{nullptr};  // linked to the oldest, or `ended()`
+};
+
+}  // namespace detail
+
 /// Watches descriptors and clocks and runs their reactors: one loop a thread, `Kiv::activityLoop()`.
 ///
-///     one pass:   wait ──> take a batch of events ──> run them ──> run the clocks that are due
+///     one pass:   wait ──> run what was posted ──> run a batch of events ──> run the clocks that are due
 ///
+///     posted        a list that other threads push to     one eventfd to wake the loop
 ///     descriptors   slot ─ { object, number, generation }     epoll reports (slot, generation)
 ///     clocks        fresh ──> heap by (time, order of setting) ──> due     one timerfd for the earliest
 ///
@@ -30,24 +89,58 @@ class FileDescriptor;
 /// clocks, into the heap or straight to the due ones: setting and cancelling in between costs no sorting.
 ///
 /// A pass takes one event per descriptor and then looks at the clocks; descriptors that are still ready come
-/// round again behind the others. So neither a busy descriptor nor a clock that keeps setting itself starves
-/// the rest.
+/// round again behind the others. What is posted, set or asked for again during a pass waits for the next one.
+/// So neither a busy descriptor nor a clock that keeps setting itself starves the rest. A reader that may find
+/// endless work in one event stops after a while and calls `FileDescriptor::readableAgain`.
 ///
-/// An exception from a reactor leaves through `run()` (or whatever drives the loop). Events and due clocks
-/// that were behind it are kept and run in the next pass.
+/// An exception from a reactor leaves through `run()` (or whatever drives the loop). What was behind it in the
+/// pass is kept and runs in the next pass.
 ///
-/// The loop belongs to its thread, and so does everything that it drives. It lives as long as the thread or
-/// anything that is registered with it; the destructors of statics, which run behind the end of the main
-/// thread's loop, cannot make a new one. A child of fork shares the parent's watches: it ends by exec or _exit
-/// and leaves the loop alone, unless the loop was first used in the child.
+/// The loop belongs to its thread, and so does everything that it drives. Other threads may `post()` to it and
+/// `stop()` it, by its `Handle` if it may end before they do. It ends with its thread: what is posted by then,
+/// or later, is destroyed unrun. The object lives on while anything is registered with it. Do not ask for a loop in destructors of
+/// statics: they run after the main thread's loop has ended. A child of fork shares the parent's watches: it
+/// ends by exec or _exit and leaves the loop alone, unless the loop was first used in the child.
 class KIV_API ActivityLoop final : public PtrInterface {
  public:
   ~ActivityLoop() override;
 
   /// Runs passes until `stop()`. A loop that runs cannot be run again from inside (assertion "!running()").
   void run();
-  /// Ends the `run…()` in progress once the reactor at work returns; without one it does nothing.
-  void stop() noexcept { stopped_ = true; }
+  /// Ends the `run…()` or `poll()` in progress once the reactor at work returns; if there is none, the next one
+  /// returns at once. From any thread and from signal handlers.
+  void stop() noexcept { mailbox_->stop(); }
+  /// Runs `action` once in the loop's next pass, behind what was posted before, and wakes the loop if it waits;
+  /// in simulated time, before the time jumps. From any thread, which goes by a `Handle` if the loop's thread
+  /// may end first. Throws only for want of memory.
+  template <std::invocable Action>
+  void post(Action action) {
+    mailbox_->post(std::make_unique<detail::PostedOf<Action>>(std::move(action)));
+  }
+
+  /// Names a loop to other threads and signal handlers. They may copy it and use it for as long as they like.
+  class Handle {
+   public:
+    /// Names no loop.
+    Handle() noexcept = default;
+    /// Like `ActivityLoop::post`. False if the loop has ended; then the action was destroyed unrun.
+    template <std::invocable Action>
+    bool post(Action action) const {
+      return mailbox_ && mailbox_->post(std::make_unique<detail::PostedOf<Action>>(std::move(action)));
+    }
+    /// Like `ActivityLoop::stop`; does nothing to a loop that has ended.
+    void stop() const noexcept {
+      if (mailbox_) mailbox_->stop();
+    }
+
+   private:
+    friend class ActivityLoop;
+    explicit Handle(std::shared_ptr<detail::Mailbox> mailbox) noexcept : mailbox_(std::move(mailbox)) {}
+    std::shared_ptr<detail::Mailbox> mailbox_;
+  };
+  /// The name of this loop; ask for it in the loop's thread.
+  Handle handle() const noexcept { return Handle(mailbox_); }
+
   /// One pass over what is ready and due now, without waiting.
   void poll();
   /// Runs passes for `seconds`.
@@ -78,6 +171,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
 
   static constexpr U32 kNoSlot = 0xffffffff;
   static constexpr U32 kTimerSlot = 0xfffffffe;
+  static constexpr U32 kWakeSlot = 0xfffffffd;
   static constexpr int kBatch = 256;
   static constexpr int kPassesHeldUp = 1000;
 
@@ -105,6 +199,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   class Running;
 
   ActivityLoop();
+  void end() noexcept;
 
   // Descriptors.
   U32 slotIs(FileDescriptor& target, int fd, U32 events);
@@ -133,13 +228,21 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void pass(Time limit);
   void wait(Time limit);
   bool take(int timeout);
+  void runPosted();
   void runEvents();
   void runAgain();
   void runClocks();
   /// Whether an exception or `stop()` cut the previous pass short.
-  bool leftOver() const noexcept { return nextEvent_ < eventCount_ || againEnd_ != kNoSlot || !due_.empty(); }
+  bool leftOver() const noexcept {
+    return posted_ || nextEvent_ < eventCount_ || againEnd_ != kNoSlot || !due_.empty();
+  }
+  /// Whether the next pass has something to do whatever the kernel says.
+  bool workWaits() const noexcept { return againFirst_ != kNoSlot || mailbox_->pending(); }
+  bool stopped() const noexcept { return mailbox_->stopped(); }
   void syncEmbedded() noexcept;
 
+  const std::shared_ptr<detail::Mailbox> mailbox_;
+  detail::Posted* posted_ = nullptr;  // of the pass in progress
   int epoll_ = -1;
   int timer_ = -1;
   Time timerTime_ = timeInfinite;  // what timer_ is set to; infinite when it has expired or is off
@@ -164,7 +267,6 @@ class KIV_API ActivityLoop final : public PtrInterface {
   int nextEvent_ = 0;
 
   bool running_ = false;
-  bool stopped_ = false;
   bool embedded_ = false;
   bool simulated_ = false;
   Time simulatedNow_{};

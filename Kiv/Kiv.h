@@ -14,6 +14,7 @@
 #include "Kiv/Ptr.h"
 #include "Kiv/Reactor.h"
 #include "Kiv/Representation.h"
+#include "Kiv/Signal.h"
 #include "Kiv/String.h"
 #include "Kiv/Time.h"
 #include "Kiv/Trace.h"

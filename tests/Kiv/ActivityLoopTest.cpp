@@ -6,8 +6,11 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <algorithm>
+#include <csignal>
+#include <future>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -16,7 +19,9 @@
 
 #include "Kiv/Clock.h"
 #include "Kiv/FileDescriptor.h"
+#include "Kiv/Signal.h"
 #include "tests/support/AllocationCounter.h"
+#include "tests/support/Descriptors.h"
 #include "tests/support/Failure.h"
 #include "tests/support/SocketPair.h"
 
@@ -372,21 +377,146 @@ TEST(Clock, MeetsDeadlinesBelowAMillisecondAndNeverEarly) {
   EXPECT_LT(late[late.size() / 4], 700us);  // a wait in whole milliseconds could not
 }
 
-TEST(ActivityLoop, EachThreadHasItsOwnAndCountsMayCrossThem) {
+TEST(ActivityLoop, EachThreadHasItsOwnAndTakesPostsFromAll) {
   ptrThreadSafeIs(true);
+  const std::size_t descriptors = openDescriptors();
   const auto shared = makePtr<Clock>("shared");  // only its references are touched from the threads
+  constexpr int kThreads = 3, kPosts = 500;
+  std::promise<ActivityLoop::Handle> started[kThreads];
+  std::shared_future<ActivityLoop::Handle> handles[kThreads];
+  for (int i = 0; i < kThreads; ++i) handles[i] = started[i].get_future();
+  const auto unrun = std::make_shared<int>();
   std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([shared, mine = &loop()] {
-      EXPECT_NE(&loop(), mine);
-      for (int n = 0; n < 1000; ++n) const Ptr<Entity> copy = shared;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i, copy = shared] {
+      started[i].set_value(loop().handle());
+      for (int n = 0; n < kPosts; ++n) {
+        for (auto& handle : handles) {
+          handle.get().post([&, n, i, to = handle.get(), held = Ptr<Entity>(copy)] {
+            // Runs in the thread that it was posted to, so these two belong to that one.
+            static thread_local std::vector<int> seen(kThreads);
+            EXPECT_EQ(seen[static_cast<std::size_t>(i)]++, n);
+            static thread_local int count = 0;
+            if (++count == kThreads * kPosts) to.stop();
+          });
+        }
+      }
       const auto clock = clockAt(loop().now() + 1ms);
+      loop().run();
       EXPECT_TRUE(loop().runUntil([&] { return clock->expiredCount() == 1; }, 5));
+      // What nobody runs may hold the loop that it was posted to.
+      loop().post([clock, unrun] { FAIL(); });
     });
   }
   for (auto& thread : threads) thread.join();
+  for (const auto& handle : handles) EXPECT_FALSE(handle.get().post([unrun] { FAIL(); }));
+  EXPECT_EQ(unrun.use_count(), 1);
   EXPECT_EQ(shared->references(), 1u);
   ptrThreadSafeIs(false);
+  for (auto& handle : handles) handle = {};
+  for (auto& each : started) each = {};
+  EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST(ActivityLoop, WhatIsPostedRunsInTheNextPassWhateverDrivesTheLoop) {
+  const Simulated time;
+  std::string log;
+  const auto clock = clockAt(time.start + 1h);
+  const Reactor onClock(clock->expiredCount, [&] { log += "clock "; });
+  loop().post([&] {
+    log += "a ";
+    loop().post([&] {
+      EXPECT_EQ(loop().now(), time.start);
+      log += "later ";
+    });
+  });
+  loop().post(fail);
+  loop().post([&, held = std::make_unique<int>(7)] { log += "b" + std::to_string(*held) + " "; });
+  EXPECT_THROW(loop().poll(), std::runtime_error);
+  pollfd embedded{loop().descriptor(), POLLIN, 0};
+  EXPECT_EQ(poll(&embedded, 1, 0), 1);
+  loop().poll();
+  EXPECT_EQ(log, "a b7 ");
+  loop().runFor(7200);
+  EXPECT_EQ(log, "a b7 later clock ");
+
+  while (poll(&embedded, 1, 0) == 1) loop().poll();
+  std::thread other([handle = loop().handle(), &log] {
+    std::this_thread::sleep_for(5ms);
+    EXPECT_TRUE(handle.post([&] { log += "other"; }));
+  });
+  EXPECT_EQ(poll(&embedded, 1, 5000), 1);
+  other.join();
+  loop().poll();
+  EXPECT_EQ(log, "a b7 later clock other");
+  EXPECT_FALSE(ActivityLoop::Handle().post([] {}));
+}
+
+TEST(ActivityLoop, StopWorksFromThreadsAndSignalHandlersAndBeforeTheRun) {
+  static ActivityLoop::Handle handle;
+  handle = loop().handle();
+  int passes = 0;
+  loop().post([&] { ++passes; });
+  loop().stop();
+  loop().run();
+  EXPECT_EQ(passes, 0);
+  loop().poll();
+  EXPECT_EQ(passes, 1);
+
+  // The signals come at all moments around the beginning of a wait: none is missed.
+  struct sigaction action {
+  }, before{};
+  action.sa_handler = [](int) { handle.stop(); };
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGUSR2, &action, &before);
+  std::atomic<int> asked{0};
+  std::thread other([&, self = pthread_self()] {
+    for (int seen = 0; seen < 400;) {
+      if (asked.load() == seen) continue;
+      ++seen % 2 == 0 ? handle.stop() : static_cast<void>(pthread_kill(self, SIGUSR2));
+    }
+  });
+  for (int i = 0; i < 400; ++i) {
+    ++asked;
+    loop().run();
+  }
+  other.join();
+  sigaction(SIGUSR2, &before, nullptr);
+  handle = {};
+}
+
+TEST(Signal, CountsInTheLoopAndGivesTheHandlerBack) {
+  struct sigaction before {
+  }, during{}, after{};
+  sigaction(SIGUSR1, nullptr, &before);
+  const std::size_t descriptors = (loop(), openDescriptors());
+  {
+    const auto first = makePtr<Signal>("first", SIGUSR1);
+    auto second = makePtr<Signal>("second", SIGUSR1);
+    const Reactor reactor(first->receivedCount, [&] { second = nullptr; });
+    std::thread([] { raise(SIGUSR1); }).join();
+    EXPECT_EQ(first->receivedCount(), 0u);
+    EXPECT_TRUE(loop().runUntil([&] { return first->receivedCount() == 1; }, 5));
+    raise(SIGUSR1);
+    raise(SIGUSR1);
+    EXPECT_TRUE(loop().runUntil([&] { return first->receivedCount() == 3; }, 5));
+    const pid_t child = fork();  // shares the descriptor, yet its signal is none of ours
+    if (child == 0) {
+      raise(SIGUSR1);
+      _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    loop().poll();
+    EXPECT_EQ(first->receivedCount(), 3u);
+    sigaction(SIGUSR1, nullptr, &during);
+    EXPECT_NE(during.sa_handler, before.sa_handler);
+  }
+  sigaction(SIGUSR1, nullptr, &after);
+  EXPECT_EQ(after.sa_handler, before.sa_handler);
+  for (const int none : {0, NSIG, SIGKILL}) {
+    EXPECT_EQ(failureOf([&] { makePtr<Signal>("none", none); }), "sigaction " + std::to_string(EINVAL));
+  }
+  EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST(ActivityLoop, SimulatedTimeStandsStillExceptForWaiting) {
