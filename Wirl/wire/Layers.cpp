@@ -1,0 +1,871 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/wire/Layers.h"
+
+#include <algorithm>
+
+#include "Wirl/packet/Checksum.h"
+#include "Wirl/packet/EthType.h"
+#include "Wirl/packet/Ethernet.h"
+#include "Wirl/packet/Icmp6Hdr.h"
+#include "Wirl/packet/IpProtocolNumber.h"
+#include "Wirl/wire/ArpHdr.h"
+#include "Wirl/wire/BfdHdr.h"
+#include "Wirl/wire/Crc32.h"
+#include "Wirl/wire/GreHdr.h"
+#include "Wirl/wire/IgmpHdr.h"
+#include "Wirl/wire/Ip6ExtHdr.h"
+#include "Wirl/wire/IpOptions.h"
+#include "Wirl/wire/IpfixHdr.h"
+#include "Wirl/wire/LldpTlvs.h"
+#include "Wirl/wire/MplsHdr.h"
+#include "Wirl/wire/NdHdr.h"
+#include "Wirl/wire/PimHdr.h"
+#include "Wirl/wire/SctpHdr.h"
+#include "Wirl/wire/TcpHdr.h"
+#include "Wirl/wire/VrrpHdr.h"
+#include "Wirl/wire/VxlanHdr.h"
+
+namespace Wirl {
+
+namespace {
+
+// Numbers that the enumerations of EtherTypes and protocols have no names for.
+constexpr U16 kMplsMulticast = 0x8848;
+constexpr U16 kPppoeSession = 0x8864;
+constexpr U16 kRarp = 0x8035;
+constexpr U16 kTransparentEthernet = 0x6558;
+constexpr U16 kPppInGre = 0x880b;
+constexpr U8 kIpInIp = 4;
+constexpr U8 kIp6InIp = 41;
+constexpr U8 kEtherIp = 97;
+constexpr U8 kUdpLite = 136;
+constexpr U8 kMplsInIp = 137;
+constexpr U8 kEthernet = 143;
+
+constexpr U16 kLongest8023 = 1500;
+
+U16 word(const U8* at) noexcept {
+  return static_cast<U16>(at[0] << 8 | at[1]);
+}
+
+/// The sum of octets as big-endian words, folded; an odd last one is a high octet.
+U16 folded(U64 sum) noexcept {
+  while (sum > 0xffff) sum = (sum & 0xffff) + (sum >> 16);
+  return static_cast<U16>(sum);
+}
+
+U16 sumOf(std::span<const U8> bytes, U32 start) noexcept {
+  U64 sum = start;
+  while (bytes.size() > 0xfffe) {
+    const auto* const at = reinterpret_cast<const char*>(bytes.data());
+    sum += static_cast<U16>(~ipChecksumCalc(at, 0xfffe, 0).value());
+    bytes = bytes.subspan(0xfffe);
+  }
+  const auto* const at = reinterpret_cast<const char*>(bytes.data());
+  return static_cast<U16>(~ipChecksumCalc(at, static_cast<U16>(bytes.size()), folded(sum)).value());
+}
+
+}  // namespace
+
+std::string_view layerKindText(LayerKind kind) noexcept {
+  static constexpr std::string_view kTexts[] = {
+      "none",  "eth",    "vlan",  "mim",  "llc", "snap",    "pppoe",      "ppp",     "mpls",
+      "pwcw",  "pwach",  "arp",   "ip",   "ip6", "ip6opts", "ip6routing", "ip6frag", "ah",
+      "esp",   "icmp",   "icmp6", "igmp", "tcp", "udp",     "sctp",       "gre",     "erspan",
+      "vxlan", "geneve", "pim",   "vrrp", "bfd", "ipfix",   "lldp"};
+  static_assert(std::size(kTexts) == static_cast<std::size_t>(LayerKind::lldp) + 1);
+  return kTexts[static_cast<U8>(kind)];
+}
+
+LayerIterator::LayerIterator(std::span<const U8> first, std::span<const U8> second,
+                             LayerOptions options) noexcept
+    : pieces_{first, second},
+      end_(static_cast<U32>(first.size() + second.size())),
+      wireEnd_(std::max(end_, options.wireBytes)),
+      next_(options.start),
+      checksums_(options.checksums) {
+  step();
+}
+
+const U8* LayerIterator::at() const noexcept {
+  const std::size_t firstBytes = pieces_[0].size();
+  return pos_ < firstBytes || pieces_[1].empty() ? pieces_[0].data() + pos_
+                                                 : pieces_[1].data() + (pos_ - firstBytes);
+}
+
+U32 LayerIterator::here() const noexcept {
+  const auto firstBytes = static_cast<U32>(pieces_[0].size());
+  const U32 rest = end_ - pos_;
+  return pos_ < firstBytes ? std::min(rest, firstBytes - pos_) : rest;
+}
+
+bool LayerIterator::take(U32 bytes) noexcept {
+  layer_.kind = next_;
+  layer_.tunnels = tunnels_;
+  layer_.offset = pos_;
+  layer_.error = noError;
+  next_ = LayerKind::none;
+  const U32 present = here();
+  const U8* const hdr = at();
+  if (bytes > present) {
+    layer_.cut = end_ < wireEnd_ && bytes <= wire() && present == end_ - pos_;
+    if (!layer_.cut) fail(pktTooShort);
+    layer_.header = {hdr, present};
+    layer_.payload = {};
+    layer_.payloadBytes = 0;
+    return false;
+  }
+  layer_.cut = false;
+  layer_.header = {hdr, bytes};
+  pos_ += bytes;
+  layer_.payload = {hdr + bytes, present - bytes};
+  layer_.payloadBytes = wire();
+  return true;
+}
+
+void LayerIterator::limit(U32 bytes) noexcept {
+  if (bytes >= wire()) return;
+  wireEnd_ = pos_ + bytes;
+  end_ = std::min(end_, wireEnd_);
+  layer_.payload = layer_.payload.first(std::min<std::size_t>(layer_.payload.size(), here()));
+  layer_.payloadBytes = bytes;
+}
+
+void LayerIterator::tunnel(LayerKind inner) noexcept {
+  if (tunnels_ == kMaxTunnels) return fail(tooManyLayers);
+  ++tunnels_;
+  next_ = inner;
+}
+
+void LayerIterator::step() noexcept {
+  if (next_ == LayerKind::none) {
+    layer_.kind = LayerKind::none;
+    return;
+  }
+  if (count_ == kMaxLayers) {  // told once, of a layer without bytes
+    take(0);
+    fail(tooManyLayers);
+    return;
+  }
+  ++count_;
+  switch (next_) {
+    case LayerKind::none:
+      return;
+    case LayerKind::eth:
+      return eth();
+    case LayerKind::vlan:
+      if (take(sizeof(Eth8021QHdr))) typeOrLength(word(layer_.header.data() + 2));
+      return;
+    case LayerKind::mim:
+      if (take(18)) typeOrLength(word(layer_.header.data() + 16));
+      return;
+    case LayerKind::llc:
+      return llc();
+    case LayerKind::snap:
+      if (take(sizeof(Eth8022SnapHdr))) {
+        const U8* const snap = layer_.header.data();
+        const U32 oui = U32{snap[0]} << 16 | word(snap + 1);
+        const U16 type = word(snap + 3);
+        if (oui == 0 || oui == 0x0000f8) ethType(type);
+        if (oui == 0x0080c2 && (type == 1 || type == 7)) tunnel(LayerKind::eth);
+      }
+      return;
+    case LayerKind::pppoe:
+      if (take(6)) {
+        limit(word(layer_.header.data() + 4));
+        if (layer_.header[1] == 0) next_ = LayerKind::ppp;
+      }
+      return;
+    case LayerKind::ppp:
+      return pppProtocol();
+    case LayerKind::mpls:
+      if (take(sizeof(MplsHdr))) {
+        const auto mpls = layer_.as<MplsHdr>();
+        if (mpls->bottom()) return mplsPayload(mpls->label());
+        next_ = LayerKind::mpls;
+      }
+      return;
+    case LayerKind::pwcw:
+      if (take(sizeof(PwControlWord))) tunnel(LayerKind::eth);
+      return;
+    case LayerKind::pwach:
+      if (take(sizeof(PwAssociatedChannelHdr))) {
+        const U16 channel = word(layer_.header.data() + 2);
+        if (channel == 0x21) tunnel(LayerKind::ip);
+        if (channel == 0x57) tunnel(LayerKind::ip6);
+        if (channel == 7 || channel == 0x22 || channel == 0x23) next_ = LayerKind::bfd;
+      }
+      return;
+    case LayerKind::arp:
+      if (here() < sizeof(ArpHdr)) {
+        take(sizeof(ArpHdr));
+      } else {
+        const ArpHdr* const arp = viewAt<ArpHdr>({at(), here()}).get();
+        if (arp->packetBytes() > wire()) {
+          take(here());
+          fail(badArpPkt);
+        } else {
+          take(arp->packetBytes());
+        }
+        next_ = LayerKind::none;
+      }
+      return;
+    case LayerKind::ip:
+      return ip();
+    case LayerKind::ip6:
+      return ip6();
+    case LayerKind::ip6opts:
+      return ip6Options();
+    case LayerKind::ip6routing:
+      if (here() >= 2 && (at()[1] + 1u) * 8 > wire()) {
+        take(std::min(here(), 8u));
+        return fail(badIp6ExtHdr), void(next_ = LayerKind::none);
+      }
+      if (take(here() < 2 ? 8 : (at()[1] + 1u) * 8)) ipProtocol(layer_.header[0]);
+      return;
+    case LayerKind::ip6frag:
+      if (take(sizeof(Ip6FragHdr))) {
+        const auto frag = layer_.as<Ip6FragHdr>();
+        if (frag->more() || frag->offset() != 0) fragment_ = true;
+        if (frag->offset() == 0) ipProtocol(frag->nextHeader());
+      }
+      return;
+    case LayerKind::ah:
+      return ah();
+    case LayerKind::esp:
+      return void(take(8));
+    case LayerKind::icmp:
+      return icmp();
+    case LayerKind::icmp6:
+      return icmp6();
+    case LayerKind::igmp:
+      return igmp();
+    case LayerKind::tcp:
+      return tcp();
+    case LayerKind::udp:
+      return udp();
+    case LayerKind::sctp:
+      return sctp();
+    case LayerKind::gre:
+      return gre();
+    case LayerKind::erspan:
+      return erspan();
+    case LayerKind::vxlan:
+      if (take(sizeof(VxlanHdr))) {
+        if (!layer_.as<VxlanHdr>()->vniValid()) fail(badVxlanFlags);
+        tunnel(LayerKind::eth);
+      }
+      return;
+    case LayerKind::geneve:
+      if (take(here() < 1 ? 8 : 8 + (at()[0] & 0x3fu) * 4)) {
+        const U16 type = word(layer_.header.data() + 2);
+        if (type == kTransparentEthernet) {
+          tunnel(LayerKind::eth);
+        } else {
+          tunnel(LayerKind::none);
+          ethType(type);
+        }
+      }
+      return;
+    case LayerKind::pim:
+      return pim();
+    case LayerKind::vrrp:
+      return vrrp();
+    case LayerKind::bfd:
+      return bfd();
+    case LayerKind::ipfix:
+      if (take(sizeof(IpfixHdr)) && !IpfixSets(layer_.payload).whole() && whole()) fail(pktTooShort);
+      return;
+    case LayerKind::lldp:
+      return lldp();
+  }
+}
+
+void LayerIterator::eth() noexcept {
+  if (take(sizeof(EthHdr))) typeOrLength(word(layer_.header.data() + 12));
+}
+
+/// What a type or length field leads to: behind a length LLC, unless the first octets are those of the oldest
+/// frames without it.
+void LayerIterator::typeOrLength(U16 typeOrLen) noexcept {
+  if (typeOrLen > kLongest8023) return ethType(typeOrLen);
+  if (typeOrLen > wire()) fail(badEthLen);
+  limit(typeOrLen);
+  if (here() >= 2 && word(at()) == 0xffff) return;
+  next_ = LayerKind::llc;
+}
+
+void LayerIterator::ethType(U16 type) noexcept {
+  switch (type) {
+    case ethTypeIp:
+      next_ = LayerKind::ip;
+      break;
+    case ethTypeIp6:
+      next_ = LayerKind::ip6;
+      break;
+    case ethTypeArpIp:
+    case kRarp:
+      next_ = LayerKind::arp;
+      break;
+    case ethTypeDot1Q:
+    case ethTypeQinQ:
+    case ethTypeDot1ad:
+      next_ = LayerKind::vlan;
+      break;
+    case ethTypeDot1ah:
+      next_ = LayerKind::mim;
+      break;
+    case ethTypeMpls:
+    case kMplsMulticast:
+      next_ = LayerKind::mpls;
+      break;
+    case kPppoeSession:
+      next_ = LayerKind::pppoe;
+      break;
+    case kTransparentEthernet:
+      tunnel(LayerKind::eth);
+      break;
+    case ethTypeLldp:
+      next_ = LayerKind::lldp;
+      break;
+    default:
+      next_ = LayerKind::none;
+  }
+}
+
+void LayerIterator::llc() noexcept {
+  // A control field of one octet is that of an unnumbered frame, others have two.
+  const U32 bytes = here() >= 3 && (at()[2] & 3) != 3 ? 4 : 3;
+  if (!take(bytes) || bytes != 3) return;
+  const U8* const hdr = layer_.header.data();
+  if (hdr[0] == Eth8022LlcHdr::snapSap && hdr[1] == Eth8022LlcHdr::snapSap) {
+    next_ = LayerKind::snap;
+  } else if (hdr[0] == 0x06 && (hdr[2] & 0xef) == Eth8022LlcHdr::pduControl) {
+    next_ = LayerKind::ip;
+  }
+}
+
+void LayerIterator::pppProtocol() noexcept {
+  // Address and control may be left out, and the first octet of the protocol where it is 0.
+  const U8* const ppp = at();
+  U32 bytes = here() >= 2 && ppp[0] == 0xff && ppp[1] == 3 ? 2 : 0;
+  bytes += here() > bytes && (ppp[bytes] & 1) != 0 ? 1u : 2u;
+  if (!take(bytes)) return;
+  const U8* const end = layer_.header.data() + bytes;
+  const U16 protocol = bytes % 2 != 0 ? end[-1] : word(end - 2);
+  switch (protocol) {
+    case 0x0021:
+      return tunnel(LayerKind::ip);
+    case 0x0057:
+      return tunnel(LayerKind::ip6);
+    case 0x0281:
+    case 0x0283:
+      return tunnel(LayerKind::mpls);
+    default:
+      return;
+  }
+}
+
+/// Nothing says what the bottom of the stack carries but the first bits of it (RFC 4385, RFC 4928).
+void LayerIterator::mplsPayload(U32 label) noexcept {
+  if (here() == 0) return;
+  const unsigned nibble = at()[0] >> 4;
+  if (label == MplsHdr::associatedChannel || nibble == 1) {
+    next_ = LayerKind::pwach;
+  } else if (nibble == 4) {
+    tunnel(LayerKind::ip);
+  } else if (nibble == 6) {
+    tunnel(LayerKind::ip6);
+  } else if (nibble == 0 && here() > sizeof(PwControlWord)) {
+    next_ = LayerKind::pwcw;
+  } else {
+    tunnel(LayerKind::eth);
+  }
+}
+
+void LayerIterator::ip() noexcept {
+  const U8* const hdr = at();
+  const U32 present = here();
+  if (present > 0 && hdr[0] >> 4 == 6) {
+    next_ = LayerKind::ip6;
+    return ip6();
+  }
+  if (present > 0 && hdr[0] >> 4 != 4) {
+    take(std::min(present, 20u));
+    next_ = LayerKind::none;
+    return fail(nonIpHdr);
+  }
+  const U32 bytes = present > 0 ? (hdr[0] & 0x0fu) * 4 : 20;
+  if (bytes < 20) {
+    take(std::min(present, 20u));
+    next_ = LayerKind::none;
+    return fail(badIpHdrLen);
+  }
+  if (present >= 4) {
+    const U32 total = word(hdr + 2);
+    // A length of 0 is that of a segment that the device is to cut.
+    if (total != 0 && total < bytes) {
+      take(std::min(present, bytes));
+      next_ = LayerKind::none;
+      return fail(badIpPayloadLen);
+    }
+    const bool tooLong = total > wire();
+    if (total != 0 && !tooLong) {
+      wireEnd_ = pos_ + total;
+      end_ = std::min(end_, wireEnd_);
+    }
+    if (!take(bytes)) {
+      if (tooLong) fail(badIpPayloadLen);
+      return;
+    }
+    if (tooLong) fail(badIpPayloadLen);
+  } else if (!take(bytes)) {
+    return;
+  }
+  if (ipChecksumCalc(reinterpret_cast<const char*>(hdr), static_cast<U16>(bytes), 0).value() != 0) {
+    fail(badIpHdrChecksum);
+  }
+  if (bytes > 20 && !IpOptions(layer_.header.subspan(20)).whole()) fail(badIpOptions);
+  ip_ = hdr;
+  ipVersion_ = 4;
+  const U16 fragment = word(hdr + 6);
+  fragment_ = (fragment & 0x3fff) != 0;
+  jumbo_ = false;
+  if ((fragment & 0x1fff) == 0) ipProtocol(hdr[9]);
+}
+
+void LayerIterator::ip6() noexcept {
+  const U8* const hdr = at();
+  const U32 present = here();
+  if (present > 0 && hdr[0] >> 4 != 6) {
+    take(std::min(present, 40u));
+    next_ = LayerKind::none;
+    return fail(nonIp6Hdr);
+  }
+  if (!take(40)) return;
+  const U32 bytes = word(hdr + 4);
+  if (bytes > wire()) fail(badIp6PayloadLen);
+  jumbo_ = bytes == 0 && hdr[6] == ipProtoIpv6HopByHop;
+  if (!jumbo_) limit(bytes);
+  ip_ = hdr;
+  ipVersion_ = 6;
+  fragment_ = false;
+  ipProtocol(hdr[6]);
+}
+
+void LayerIterator::ip6Options() noexcept {
+  const U32 bytes = here() < 2 ? 8 : (at()[1] + 1u) * 8;
+  if (bytes > wire()) {
+    take(std::min(here(), 8u));
+    next_ = LayerKind::none;
+    return fail(badIp6ExtHdr);
+  }
+  if (!take(bytes)) return;
+  const Ip6Options options(layer_.header.subspan(2));
+  if (!options.whole()) fail(badIp6ExtHdr);
+  if (jumbo_) {
+    if (const auto jumbo = options.find<Ip6JumboOption>()) {
+      // It counts from the IPv6 header on, and so these options too.
+      const U32 payload = jumbo->payloadLength();
+      if (payload <= 0xffff || payload < bytes || payload - bytes > wire()) {
+        fail(badIp6PayloadLen);
+      } else {
+        limit(payload - bytes);
+      }
+    } else {
+      limit(0);
+    }
+  }
+  ipProtocol(layer_.header[0]);
+}
+
+void LayerIterator::ipProtocol(U8 protocol) noexcept {
+  const bool v6 = ipVersion_ == 6;
+  switch (protocol) {
+    case ipProtoIpv6HopByHop:
+    case ipProtoIpv6Opts:
+      next_ = v6 ? LayerKind::ip6opts : LayerKind::none;
+      break;
+    case ipProtoIpv6Route:
+      next_ = v6 ? LayerKind::ip6routing : LayerKind::none;
+      break;
+    case ipProtoIpv6Frag:
+      next_ = v6 ? LayerKind::ip6frag : LayerKind::none;
+      break;
+    case ipProtoIcmp:
+      next_ = LayerKind::icmp;
+      break;
+    case ipProtoIgmp:
+      next_ = LayerKind::igmp;
+      break;
+    case kIpInIp:
+      tunnel(LayerKind::ip);
+      break;
+    case ipProtoTcp:
+      next_ = LayerKind::tcp;
+      break;
+    case ipProtoUdp:
+    case kUdpLite:
+      next_ = protocol == ipProtoUdp ? LayerKind::udp : LayerKind::none;
+      break;
+    case kIp6InIp:
+      tunnel(LayerKind::ip6);
+      break;
+    case ipProtoGre:
+      next_ = LayerKind::gre;
+      break;
+    case ipProtoEsp:
+      next_ = LayerKind::esp;
+      break;
+    case ipProtoAh:
+      next_ = LayerKind::ah;
+      break;
+    case ipProtoIcmpv6:
+      next_ = LayerKind::icmp6;
+      break;
+    case kEtherIp:
+      next_ = LayerKind::none;
+      break;
+    case ipProtoPim:
+      next_ = LayerKind::pim;
+      break;
+    case ipProtoVrrp:
+      next_ = LayerKind::vrrp;
+      break;
+    case ipProtoSctp:
+      next_ = LayerKind::sctp;
+      break;
+    case kMplsInIp:
+      tunnel(LayerKind::mpls);
+      break;
+    case kEthernet:
+      tunnel(LayerKind::eth);
+      break;
+    default:
+      next_ = LayerKind::none;
+  }
+}
+
+void LayerIterator::ah() noexcept {
+  const U32 bytes = here() < 2 ? 12 : at()[1] * 4u + 8;
+  if (bytes < 12 || bytes > wire()) {
+    take(std::min(here(), 12u));
+    next_ = LayerKind::none;
+    return fail(wire() + layer_.header.size() < 12 ? pktTooShort : badAhLen);
+  }
+  if (take(bytes)) ipProtocol(layer_.header[0]);
+}
+
+// Checksums.
+
+/// Of the next bytes, which may lie in two pieces.
+U16 LayerIterator::foldedSum(U32 bytes, U32 start) const noexcept {
+  const U32 first = std::min(bytes, here());
+  const U16 sum = sumOf({at(), first}, start);
+  if (first == bytes) return sum;
+  const std::span<const U8> rest = pieces_[1].first(bytes - first);
+  const U16 second = sumOf(rest, 0);
+  // Behind an odd octet the words of the rest are the other way round.
+  return folded(U64{sum} + (first % 2 == 0 ? second : static_cast<U16>(second << 8 | second >> 8)));
+}
+
+U32 LayerIterator::pseudoSum(U32 bytes, U8 protocol) const noexcept {
+  const auto* const at = reinterpret_cast<const char*>(ip_);
+  const U32 start = (bytes >> 16) + (bytes & 0xffff) + protocol;
+  return ipVersion_ == 6 ? ipChecksumChunk(at + 8, 32, start) : ipChecksumChunk(at + 12, 8, start);
+}
+
+/// Whether all of the message is there that the innermost IP header says.
+bool LayerIterator::mayCheck(U32 bytes) const noexcept {
+  return checksums_ && !fragment_ && ip_ && bytes <= end_ - pos_;
+}
+
+bool LayerIterator::transportSumIsGood(U32 bytes, U8 protocol, U16 stored) const noexcept {
+  const U32 pseudo = pseudoSum(bytes, protocol);
+  if (foldedSum(bytes, folded(pseudo)) == 0xffff) return true;
+  // Left to the device: the sum of the pseudo-header, which it then adds to.
+  return stored == folded(pseudo);
+}
+
+void LayerIterator::tcp() noexcept {
+  const U8* const hdr = at();
+  const U32 present = here();
+  const U32 wireBytes = wire();
+  const U32 bytes = present < 20 ? 20 : (hdr[12] >> 4) * 4u;
+  if (bytes < 20 || (bytes > wireBytes && wireBytes >= 20)) {
+    take(std::min(present, 20u));
+    next_ = LayerKind::none;
+    return fail(fragment_ && bytes >= 20 ? PktCode(noError) : PktCode(badTcpLen));
+  }
+  const bool good =
+      present < bytes || !mayCheck(wireBytes) || transportSumIsGood(wireBytes, ipProtoTcp, word(hdr + 16));
+  if (!take(bytes)) return;
+  if (!good) fail(badTcpChecksum);
+  if (bytes > 20 && !TcpOptions(layer_.header.subspan(20)).whole()) fail(badTcpOptions);
+}
+
+void LayerIterator::udp() noexcept {
+  const U8* const hdr = at();
+  const U32 wireBytes = wire();
+  if (here() < 8) return void(take(8));
+  U32 length = word(hdr + 4);
+  if (length == 0 && ipVersion_ == 6) length = wireBytes;  // a jumbogram (RFC 2675)
+  if (length < 8) {
+    take(8);
+    return fail(badUdpLen);
+  }
+  const bool tooLong = length > wireBytes;
+  const U16 stored = word(hdr + 6), src = word(hdr), dst = word(hdr + 2);
+  bool good = true;
+  if (!tooLong && stored != 0 && mayCheck(length)) good = transportSumIsGood(length, ipProtoUdp, stored);
+  take(8);
+  if (tooLong && !fragment_) fail(badUdpLen);
+  limit(length - 8);
+  if (!good) fail(badUdpChecksum);
+  udpPayload(src, dst);
+  // Tunnels may leave it out (RFC 6935).
+  if (stored == 0 && ipVersion_ == 6 && next_ == LayerKind::none) fail(noUdpChecksum);
+}
+
+/// The lower port says first what is inside.
+void LayerIterator::udpPayload(U16 src, U16 dst) noexcept {
+  if (wire() == 0) return;
+  for (const U16 port : {std::min(src, dst), std::max(src, dst)}) {
+    switch (port) {
+      case VxlanHdr::udpPort:
+        next_ = LayerKind::vxlan;
+        return;
+      case 6081:
+        next_ = LayerKind::geneve;
+        return;
+      case 6635:
+        tunnel(LayerKind::mpls);
+        return;
+      case BfdHdr::singleHopPort:
+      case BfdHdr::multihopPort:
+      case BfdHdr::lagPort:
+      case 7784:
+        next_ = LayerKind::bfd;
+        return;
+      case IpfixHdr::port:
+        if (here() >= 2 && word(at()) == IpfixHdr::ipfixVersion) next_ = LayerKind::ipfix;
+        return;
+      case 4500:  // IPsec through address translation (RFC 3948): zeros begin a message of key exchange
+        if (here() >= 8 && (at()[0] | at()[1] | at()[2] | at()[3]) != 0) next_ = LayerKind::esp;
+        return;
+      default:
+        break;
+    }
+  }
+}
+
+void LayerIterator::sctp() noexcept {
+  const U8* const hdr = at();
+  const U32 bytes = wire();
+  bool good = true;
+  if (here() >= sizeof(SctpHdr) && mayCheck(bytes) && here() == bytes) {
+    static constexpr U8 kZeros[4] = {};
+    const U32 crc = crc32c({hdr + 12, bytes - 12}, crc32c(kZeros, crc32c({hdr, 8})));
+    const U32 stored = hdr[8] | U32{hdr[9]} << 8 | U32{hdr[10]} << 16 | U32{hdr[11]} << 24;
+    good = crc == stored;
+  }
+  if (!take(sizeof(SctpHdr))) return;
+  if (!good) fail(badSctpChecksum);
+  if (!fragment_ && whole() && layer_.payload.size() == layer_.payloadBytes &&
+      !SctpChunks(layer_.payload).whole()) {
+    fail(badSctpLen);
+  }
+}
+
+void LayerIterator::icmp() noexcept {
+  const U32 bytes = wire();
+  const bool good = !mayCheck(bytes) || foldedSum(bytes, 0) == 0xffff;
+  if (!take(4)) return;
+  if (bytes < 8) fail(badIcmpLen);
+  if (!good) fail(badIcmpChecksum);
+}
+
+void LayerIterator::icmp6() noexcept {
+  const U32 bytes = wire();
+  const bool good =
+      !mayCheck(bytes) || bytes < 4 || foldedSum(bytes, folded(pseudoSum(bytes, ipProtoIcmpv6))) == 0xffff;
+  if (!take(4)) return;
+  if (!good) fail(badIcmp6Checksum);
+  U32 fixed = 0;
+  switch (layer_.header[0]) {
+    case icmp6TypeRouterSolicitation:
+      fixed = sizeof(Icmp6RsHdr);
+      break;
+    case icmp6TypeRouterAdvertisement:
+      fixed = sizeof(Icmp6RaHdr);
+      break;
+    case icmp6TypeNeighborSolicitation:
+      fixed = sizeof(Icmp6NsHdr);
+      break;
+    case icmp6TypeNeighborAdvertisement:
+      fixed = sizeof(Icmp6NaHdr);
+      break;
+    case icmp6TypeRedirect:
+      fixed = sizeof(Icmp6RedirectHdr);
+      break;
+    default:
+      return;
+  }
+  if (fragment_ || !whole()) return;
+  if (bytes < fixed) return fail(icmp6PayloadLenTooShortForHdr);
+  if (layer_.payload.size() < layer_.payloadBytes) return;
+  const NdOptions options(layer_.payload.subspan(fixed - 4));
+  auto option = options.begin();
+  std::size_t taken = 0;
+  for (; option != options.end(); ++option) taken += option->bytes.size();
+  if (option.whole()) return;
+  const auto rest = layer_.payload.subspan(fixed - 4 + taken);
+  fail(rest.size() >= 2 && rest[1] == 0 ? icmp6OptLenZero : icmp6OptLenExceedPayloadLen);
+}
+
+void LayerIterator::igmp() noexcept {
+  const U32 bytes = wire();
+  const bool good = !mayCheck(bytes) || foldedSum(bytes, 0) == 0xffff;
+  const bool query3 = here() > 0 && at()[0] == IgmpHdr::query && bytes >= sizeof(Igmp3QueryHdr);
+  if (!take(query3 ? sizeof(Igmp3QueryHdr) : sizeof(IgmpHdr))) return;
+  if (!good) fail(badIgmpChecksum);
+  if (layer_.header[0] == IgmpHdr::reportV3 && whole() && !fragment_) {
+    const IgmpRecords records(layer_.payload);
+    const auto count = static_cast<U32>(std::distance(records.begin(), IgmpRecords::Iterator()));
+    if (count < word(layer_.header.data() + 6)) fail(badIgmpLen);
+  }
+}
+
+void LayerIterator::pim() noexcept {
+  const U8* const hdr = at();
+  const U32 bytes = wire();
+  const bool isRegister = here() >= 8 && (hdr[0] & 0x0f) == pimRegister;
+  // The datagram in a register is not summed; some senders do all the same.
+  bool good = true;
+  if (here() >= 4 && mayCheck(bytes)) {
+    const auto sumFits = [&](U32 covered) {
+      const U32 start = ipVersion_ == 6 ? folded(pseudoSum(bytes, ipProtoPim)) : 0;
+      return foldedSum(covered, start) == 0xffff;
+    };
+    good = sumFits(bytes) || (isRegister && sumFits(8));
+  }
+  if (!take(isRegister ? sizeof(PimRegisterHdr) : sizeof(PimHdr))) return;
+  if (hdr[0] >> 4 != 2) fail(badPimVersion);
+  if (!good) fail(badPimChecksum);
+  if (isRegister && hdr[0] >> 4 == 2 && here() > 0) {
+    const unsigned version = at()[0] >> 4;
+    if (version == 4) tunnel(LayerKind::ip);
+    if (version == 6) tunnel(LayerKind::ip6);
+  }
+}
+
+void LayerIterator::vrrp() noexcept {
+  const U8* const hdr = at();
+  const U32 bytes = wire();
+  bool good = true;
+  if (here() >= 8 && mayCheck(bytes)) {
+    const bool alone = ipVersion_ == 4 && foldedSum(bytes, 0) == 0xffff;
+    good = alone || (hdr[0] >> 4 == 3 && foldedSum(bytes, folded(pseudoSum(bytes, ipProtoVrrp))) == 0xffff);
+  }
+  if (!take(sizeof(VrrpHdr))) return;
+  const auto vrrp = layer_.as<VrrpHdr>();
+  if (vrrp->version() != 2 && vrrp->version() != 3) return fail(badVrrpVersion);
+  const U32 addresses = vrrp->addressCount() * (ipVersion_ == 6 ? 16u : 4u);
+  if (layer_.payloadBytes < addresses + (vrrp->version() == 2 ? VrrpHdr::authBytes : 0u)) fail(badVrrpLen);
+  if (!good) fail(badVrrpChecksum);
+}
+
+void LayerIterator::gre() noexcept {
+  const U8* const hdr = at();
+  if (here() < sizeof(GreHdr)) return void(take(sizeof(GreHdr)));
+  const auto* const gre = reinterpret_cast<const GreHdr*>(hdr);
+  if (gre->version() > 1) {
+    take(sizeof(GreHdr));
+    return fail(badGreVersion);
+  }
+  const U32 present = here();
+  U32 bytes = gre->headerBytes();
+  if (gre->version() == 0 && gre->routingPresent()) {  // entries of family, offset, length, to one of zeros
+    for (bool last = false; !last && bytes + 4 <= present;) {
+      last = word(hdr + bytes) == 0 && hdr[bytes + 3] == 0;
+      bytes += 4u + hdr[bytes + 3];
+    }
+  }
+  const bool good =
+      !gre->hasChecksum() || !gre->checksumPresent() || !mayCheck(wire()) || foldedSum(wire(), 0) == 0xffff;
+  const U16 protocol = gre->protocol();
+  const bool seq = gre->seqPresent();
+  if (!take(bytes)) return;
+  if (!good) fail(badGreChecksum);
+  if (wire() == 0) return;
+  switch (protocol) {
+    case kPppInGre:
+      return tunnel(LayerKind::ppp);
+    case ErspanHdr::greProtocol:  // type I has no header, and no sequence number
+      if (!seq) return tunnel(LayerKind::eth);
+      [[fallthrough]];
+    case ErspanHdr::greProtocol3:
+      next_ = LayerKind::erspan;
+      return;
+    default: {
+      const U8 outer = tunnels_;
+      ethType(protocol);
+      if (next_ != LayerKind::none && tunnels_ == outer) tunnel(next_);
+      if (layer_.error == tooManyLayers) next_ = LayerKind::none;
+    }
+  }
+}
+
+void LayerIterator::erspan() noexcept {
+  const U8* const hdr = at();
+  const U32 present = here();
+  U32 bytes = sizeof(ErspanHdr);
+  if (present > 0 && hdr[0] >> 4 == 2) {
+    // Type III, with another 8 bytes where its last bit says so.
+    bytes = present >= 12 && (hdr[11] & 1) != 0 ? 20 : 12;
+  }
+  if (take(bytes)) tunnel(LayerKind::eth);
+}
+
+void LayerIterator::bfd() noexcept {
+  const U8* const hdr = at();
+  const U32 bytes = here() >= 4 ? hdr[3] : sizeof(BfdHdr);
+  const U32 wireBytes = wire();
+  const bool lengthIsBad = bytes < sizeof(BfdHdr) || bytes > wireBytes;
+  if (!take(lengthIsBad ? sizeof(BfdHdr) : bytes)) {
+    if (lengthIsBad && wireBytes >= 4 && whole()) layer_.error = badBfdLen;
+    return;
+  }
+  if (hdr[0] >> 5 != 1) fail(badBfdVersion);
+  if (lengthIsBad) fail(badBfdLen);
+}
+
+void LayerIterator::lldp() noexcept {
+  const LldpTlvs tlvs({at(), here()});
+  U32 bytes = 0;
+  unsigned next = lldpChassisId;
+  auto tlv = tlvs.begin();
+  for (; tlv != tlvs.end(); ++tlv) {
+    if (next <= lldpTtl && tlv->type == next) ++next;
+    bytes += static_cast<U32>(tlv->bytes.size());
+    if (tlv->type == lldpEnd) break;
+  }
+  const bool ended = tlv != tlvs.end() || bytes == here();
+  const bool wasWhole = whole() && here() == end_ - pos_;
+  take(ended ? bytes : here());
+  next_ = LayerKind::none;
+  if (wasWhole && (!ended || next <= lldpTtl)) fail(badLldpTlv);
+}
+
+Layers layers(const Pkt::Ptr& pkt, LayerOptions options) noexcept {
+  std::span<const U8> pieces[Pkt::maxIovecs_];
+  const struct ::iovec* const vector = pkt->iovecs();
+  unsigned count = 0;
+  for (U32 i = 0; i < pkt->numIovecs(); ++i) {
+    if (vector[i].iov_len == 0) continue;
+    pieces[count++] = {static_cast<const U8*>(vector[i].iov_base), vector[i].iov_len};
+  }
+  return Layers(pieces[0], pieces[1], options);
+}
+
+}  // namespace Wirl

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <iterator>
+#include <limits>
+#include <span>
+#include <string_view>
+
+#include "Wirl/packet/HdrView.h"
+#include "Wirl/wire/WireErrors.h"
+
+namespace Wirl {
+
+enum class LayerKind : U8 {
+  none,
+  eth,
+  vlan,
+  mim,  ///< MAC-in-MAC: service tag, and the Ethernet header behind it (IEEE 802.1ah).
+  llc,
+  snap,
+  pppoe,
+  ppp,
+  mpls,
+  pwcw,
+  pwach,
+  arp,
+  ip,
+  ip6,
+  ip6opts,  ///< Hop-by-hop or destination options.
+  ip6routing,
+  ip6frag,
+  ah,
+  esp,
+  icmp,
+  icmp6,
+  igmp,
+  tcp,
+  udp,
+  sctp,
+  gre,
+  erspan,
+  vxlan,
+  geneve,
+  pim,
+  vrrp,
+  bfd,
+  ipfix,
+  lldp,
+};
+/// As it is in JSON: "ip6opts".
+KIV_API std::string_view layerKindText(LayerKind kind) noexcept;
+
+/// A layer of a packet, as `layers()` finds it. It refers to the packet's bytes.
+struct Layer {
+  LayerKind kind = LayerKind::none;
+  /// Tunnels that it lies in.
+  U8 tunnels = 0;
+  /// The bytes end inside of the header because the capture has cut the packet; that is no error.
+  bool cut = false;
+  /// What is wrong with it; `noError` also where the capture has cut what a check needs.
+  PktCode error;
+  /// From the front of the packet.
+  U32 offset = 0;
+  /// Its header with options; as much of that as is there.
+  std::span<const U8> header;
+  /// What is behind its header, as far as this layer's length and those of the outer layers go, and as is there in
+  /// the header's piece of the packet.
+  std::span<const U8> payload;
+  /// As on the wire, in all pieces.
+  U32 payloadBytes = 0;
+
+  /// The header as a view; null for one that is not there whole, and for a shorter one.
+  template <typename Hdr>
+  HdrView<const Hdr> as() const noexcept {
+    return viewAt<Hdr>(std::span<const U8>(header.data(), header.size() + payload.size()));
+  }
+};
+
+struct LayerOptions {
+  /// What the bytes begin with: `eth`, `ip` (by its version also `ip6`) or any other.
+  LayerKind start = LayerKind::eth;
+  /// Length of the packet on the wire, where a capture has cut it; less than it has counts as what it has.
+  U32 wireBytes = 0;
+  /// Look at the checksums of what IP carries. That of the IPv4 header is looked at in any case.
+  bool checksums = true;
+};
+
+/// Walks over the layers of a packet from the outermost one. Each step looks at one header, and at the bytes that
+/// its checksum covers; nothing is allocated or written, and nothing outside of the packet is read. The walk ends
+/// behind a layer whose header is not there or cannot be trusted, at a fragment that is not the first one, at what
+/// is encrypted, and at protocols that have no kind. The datagram in an ICMP error is no layer.
+class LayerIterator {
+ public:
+  using iterator_concept = std::input_iterator_tag;
+  using iterator_category = std::input_iterator_tag;
+  using value_type = Layer;
+  using difference_type = std::ptrdiff_t;
+  using pointer = const Layer*;
+  using reference = const Layer&;
+
+  static constexpr unsigned kMaxLayers = 128;
+  static constexpr unsigned kMaxTunnels = 8;
+
+  LayerIterator() noexcept = default;
+  KIV_API LayerIterator(std::span<const U8> first, std::span<const U8> second, LayerOptions options) noexcept;
+
+  const Layer& operator*() const noexcept { return layer_; }
+  const Layer* operator->() const noexcept { return &layer_; }
+  LayerIterator& operator++() noexcept {
+    step();
+    return *this;
+  }
+  void operator++(int) noexcept { step(); }
+  bool operator==(std::default_sentinel_t) const noexcept { return layer_.kind == LayerKind::none; }
+
+ private:
+  KIV_API void step() noexcept;
+
+  /// Bytes from here on, in one piece and within the limit.
+  U32 here() const noexcept;
+  const U8* at() const noexcept;
+  /// Bytes of the wire from here on, within the limit.
+  U32 wire() const noexcept { return wireEnd_ - pos_; }
+  bool whole() const noexcept { return end_ == wireEnd_; }
+  /// Makes the layer of a header of `bytes` bytes, and goes behind it. False, with its error, when that is not
+  /// there.
+  bool take(U32 bytes) noexcept;
+  void fail(PktCode code) noexcept {
+    if (!layer_.error.value()) layer_.error = code;
+  }
+  /// What remains is `bytes` long on the wire; the limit only ever shrinks.
+  void limit(U32 bytes) noexcept;
+  void tunnel(LayerKind inner) noexcept;
+  void ethType(U16 type) noexcept;
+  void typeOrLength(U16 typeOrLen) noexcept;
+  void ipProtocol(U8 protocol) noexcept;
+  void mplsPayload(U32 label) noexcept;
+  void pppProtocol() noexcept;
+  U16 foldedSum(U32 bytes, U32 start) const noexcept;
+  U32 pseudoSum(U32 bytes, U8 protocol) const noexcept;
+  /// Of the rest of `bytes` with the checksum `stored`, which stands in it.
+  bool transportSumIsGood(U32 bytes, U8 protocol, U16 stored) const noexcept;
+  bool mayCheck(U32 bytes) const noexcept;
+
+  void eth() noexcept;
+  void llc() noexcept;
+  void ip() noexcept;
+  void ip6() noexcept;
+  void ip6Options() noexcept;
+  void ah() noexcept;
+  void tcp() noexcept;
+  void udp() noexcept;
+  void udpPayload(U16 src, U16 dst) noexcept;
+  void sctp() noexcept;
+  void icmp() noexcept;
+  void icmp6() noexcept;
+  void igmp() noexcept;
+  void pim() noexcept;
+  void vrrp() noexcept;
+  void gre() noexcept;
+  void erspan() noexcept;
+  void lldp() noexcept;
+  void bfd() noexcept;
+
+  std::span<const U8> pieces_[2];
+  U32 pos_ = 0;
+  U32 end_ = 0;      ///< Of what is there.
+  U32 wireEnd_ = 0;  ///< Of what was on the wire.
+  LayerKind next_ = LayerKind::none;
+  bool checksums_ = true;
+  bool fragment_ = false;  ///< The innermost datagram is not whole.
+  bool jumbo_ = false;     ///< Its length is in an option.
+  U8 ipVersion_ = 0;
+  U8 tunnels_ = 0;
+  U8 count_ = 0;
+  const U8* ip_ = nullptr;  ///< The innermost IP header.
+  Layer layer_;
+};
+
+/// The layers of a packet, to iterate over.
+class Layers {
+ public:
+  Layers(std::span<const U8> first, std::span<const U8> second, LayerOptions options) noexcept
+      : pieces_{first, second}, options_(options) {}
+
+  LayerIterator begin() const noexcept { return LayerIterator(pieces_[0], pieces_[1], options_); }
+  std::default_sentinel_t end() const noexcept { return {}; }
+
+ private:
+  std::span<const U8> pieces_[2];
+  LayerOptions options_;
+};
+
+/// `for (const Layer& layer : layers(bytes))`. At most 2^32 - 1 bytes are looked at.
+inline Layers layers(std::span<const U8> bytes, LayerOptions options = {}) noexcept {
+  return Layers(bytes.first(std::min<std::size_t>(bytes.size(), std::numeric_limits<U32>::max())), {},
+                options);
+}
+/// Of a packet in one or two pieces. A header that lies in both gives `pktTooShort` and ends the walk; checksums
+/// are taken over both.
+KIV_API Layers layers(const Pkt::Ptr& pkt, LayerOptions options = {}) noexcept;
+
+}  // namespace Wirl
