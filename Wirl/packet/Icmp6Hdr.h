@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "Wirl/packet/Checksum.h"
+#include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrWrapper.h"
 #include "Wirl/packet/NetInt.h"
 #include "Wirl/value/EthAddr.h"
@@ -53,188 +54,120 @@ KIV_API std::ostream& operator<<(std::ostream& out, Icmp6TypeNumber type);
 KIV_API std::ostream& operator<<(std::ostream& out, Icmp6OptionTypeNumber type);
 
 /// What all ICMPv6 messages begin with (RFC 4443).
-class Icmp6Hdr {
+class Icmp6Hdr : public HdrImage<4> {
  public:
-  Icmp6TypeNumber type() const noexcept { return static_cast<Icmp6TypeNumber>(type_); }
-  void typeIs(Icmp6TypeNumber type) noexcept { type_ = type; }
-  U8 code() const noexcept { return code_; }
-  void codeIs(U8 code) noexcept { code_ = code; }
+  WIRL_HDR(Icmp6Hdr, "icmp6");
+  WIRL_FIELD(
+      Icmp6TypeNumber, type, 0, 8,
+      .text = [](U64 type) { return icmp6TypeNumberText(static_cast<Icmp6TypeNumber>(type)); });
+  WIRL_FIELD(U8, code, 8, 8);
   /// Over the pseudo-header of IPv6 and the whole message.
-  IpChecksum checksum() const noexcept { return checksum_; }
-  void checksumIs(IpChecksum checksum) noexcept { checksum_ = checksum; }
-  U16 checksumU16() const noexcept { return checksum_.value(); }
-  void checksumU16Is(U16 checksum) noexcept { checksum_ = IpChecksum(checksum); }
-
- private:
-  U8 type_ = 0;          // 0
-  U8 code_ = 0;          // 1
-  IpChecksum checksum_;  // 2
+  WIRL_FIELD(IpChecksum, checksum, 16, 16);
+  WIRL_FIELD(U16, checksumU16, 16, 16, .kind = hidden);
 };
 static_assert(isHeaderImage<Icmp6Hdr, 4>);
 
 // Messages of neighbour discovery (RFC 4861 section 4), without the options behind them. Each begins as
 // `Icmp6Hdr` does; the default constructors set the type.
 
-class Icmp6RsHdr : public Icmp6Hdr {
+class Icmp6RsHdr : public HdrImage<8, Icmp6Hdr> {
  public:
   Icmp6RsHdr() noexcept { typeIs(icmp6TypeRouterSolicitation); }
-
- private:
-  NetU32 reserved_;  // 4
+  WIRL_HDR(Icmp6RsHdr, "icmp6");
 };
 static_assert(isHeaderImage<Icmp6RsHdr, 8>);
 
-class Icmp6RaHdr : public Icmp6Hdr {
+class Icmp6RaHdr : public HdrImage<16, Icmp6Hdr> {
  public:
   Icmp6RaHdr() noexcept { typeIs(icmp6TypeRouterAdvertisement); }
-
-  U8 curHopLimit() const noexcept { return curHopLimit_; }
-  void curHopLimitIs(U8 limit) noexcept { curHopLimit_ = limit; }
+  WIRL_HDR(Icmp6RaHdr, "icmp6");
+  WIRL_FIELD(U8, curHopLimit, 32, 8);
   /// Addresses by DHCPv6.
-  bool managed() const noexcept { return (flags_ & 0x80) != 0; }
-  void managedIs(bool on) noexcept { flagIs(0x80, on); }
+  WIRL_FIELD(bool, managed, 40, 1);
   /// Other configuration by DHCPv6.
-  bool otherConfig() const noexcept { return (flags_ & 0x40) != 0; }
-  void otherConfigIs(bool on) noexcept { flagIs(0x40, on); }
+  WIRL_FIELD(bool, otherConfig, 41, 1);
   /// In seconds.
-  U16 routerLifetime() const noexcept { return routerLifetime_; }
-  void routerLifetimeIs(U16 seconds) noexcept { routerLifetime_ = seconds; }
+  WIRL_FIELD(U16, routerLifetime, 48, 16);
   /// In milliseconds.
-  U32 reachableTime() const noexcept { return reachableTime_; }
-  void reachableTimeIs(U32 milliseconds) noexcept { reachableTime_ = milliseconds; }
+  WIRL_FIELD(U32, reachableTime, 64, 32);
   /// In milliseconds.
-  U32 retransTimer() const noexcept { return retransTimer_; }
-  void retransTimerIs(U32 milliseconds) noexcept { retransTimer_ = milliseconds; }
-
- private:
-  void flagIs(U8 flag, bool on) noexcept { flags_ = static_cast<U8>(on ? flags_ | flag : flags_ & ~flag); }
-
-  U8 curHopLimit_ = 0;     // 4
-  U8 flags_ = 0;           // 5
-  NetU16 routerLifetime_;  // 6
-  NetU32 reachableTime_;   // 8
-  NetU32 retransTimer_;    // 12
+  WIRL_FIELD(U32, retransTimer, 96, 32);
 };
 static_assert(isHeaderImage<Icmp6RaHdr, 16>);
 
-class Icmp6NsHdr : public Icmp6Hdr {
+class Icmp6NsHdr : public HdrImage<24, Icmp6Hdr> {
  public:
   Icmp6NsHdr() noexcept { typeIs(icmp6TypeNeighborSolicitation); }
-
-  Ip6Addr target() const noexcept { return target_; }
-  void targetIs(Ip6Addr target) noexcept { target_ = target; }
-
- private:
-  NetU32 reserved_;  // 4
-  Ip6Addr target_;   // 8
+  WIRL_HDR(Icmp6NsHdr, "icmp6");
+  WIRL_FIELD(Ip6Addr, target, 64, 128);
 };
 static_assert(isHeaderImage<Icmp6NsHdr, 24>);
 
-class Icmp6NaHdr : public Icmp6Hdr {
+class Icmp6NaHdr : public HdrImage<24, Icmp6Hdr> {
  public:
   Icmp6NaHdr() noexcept { typeIs(icmp6TypeNeighborAdvertisement); }
-
-  bool router() const noexcept { return (flags_ & kRouter) != 0; }
-  void routerIs(bool on) noexcept { flagIs(kRouter, on); }
-  bool solicited() const noexcept { return (flags_ & kSolicited) != 0; }
-  void solicitedIs(bool on) noexcept { flagIs(kSolicited, on); }
-  bool override() const noexcept { return (flags_ & kOverride) != 0; }
-  void overrideIs(bool on) noexcept { flagIs(kOverride, on); }
-  Ip6Addr target() const noexcept { return target_; }
-  void targetIs(Ip6Addr target) noexcept { target_ = target; }
-
- private:
-  static constexpr U32 kRouter = 0x80000000;
-  static constexpr U32 kSolicited = 0x40000000;
-  static constexpr U32 kOverride = 0x20000000;
-  void flagIs(U32 flag, bool on) noexcept { flags_ = on ? flags_ | flag : flags_ & ~flag; }
-
-  NetU32 flags_;    // 4
-  Ip6Addr target_;  // 8
+  WIRL_HDR(Icmp6NaHdr, "icmp6");
+  WIRL_FIELD(bool, router, 32, 1);
+  WIRL_FIELD(bool, solicited, 33, 1);
+  WIRL_FIELD(bool, override, 34, 1);
+  WIRL_FIELD(Ip6Addr, target, 64, 128);
 };
 static_assert(isHeaderImage<Icmp6NaHdr, 24>);
 
 /// What all neighbour-discovery options begin with.
-class Icmp6OptionCommonHdr {
+class Icmp6OptionCommonHdr : public HdrImage<2> {
  public:
-  Icmp6OptionTypeNumber type() const noexcept { return static_cast<Icmp6OptionTypeNumber>(type_); }
-  void typeIs(Icmp6OptionTypeNumber type) noexcept { type_ = type; }
+  WIRL_HDR(Icmp6OptionCommonHdr, "option");
+  WIRL_FIELD(
+      Icmp6OptionTypeNumber, type, 0, 8,
+      .text = [](U64 type) { return icmp6OptionTypeNumberText(static_cast<Icmp6OptionTypeNumber>(type)); });
   /// Of the whole option, in units of 8 bytes.
-  U8 len() const noexcept { return len_; }
-  void lenIs(U8 len) noexcept { len_ = len; }
-  U16 bytes() const noexcept { return static_cast<U16>(len_ * 8); }
+  WIRL_FIELD(U8, len, 8, 8, .key = "length", .scale = 8);
 
- private:
-  U8 type_ = 0;  // 0
-  U8 len_ = 0;   // 1
+  U16 bytes() const noexcept { return static_cast<U16>(len() * 8); }
 };
 static_assert(isHeaderImage<Icmp6OptionCommonHdr, 2>);
 
 /// Source or target link-layer address, for Ethernet (RFC 2464).
-class Icmp6LinkLayerAddrOptionHdr : public Icmp6OptionCommonHdr {
+class Icmp6LinkLayerAddrOptionHdr : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   Icmp6LinkLayerAddrOptionHdr() noexcept : Icmp6LinkLayerAddrOptionHdr(icmp6OptSrcLinkLayerAddr) {}
   explicit Icmp6LinkLayerAddrOptionHdr(Icmp6OptionTypeNumber type) noexcept {
     typeIs(type);
     lenIs(1);
   }
-
-  EthAddr addr() const noexcept { return addr_; }
-  void addrIs(EthAddr addr) noexcept { addr_ = addr; }
-
- private:
-  EthAddr addr_;  // 2
+  WIRL_HDR(Icmp6LinkLayerAddrOptionHdr, "linkLayerAddr");
+  WIRL_FIELD(EthAddr, addr, 16, 48);
 };
 static_assert(isHeaderImage<Icmp6LinkLayerAddrOptionHdr, 8>);
 
-class Icmp6PrefixInfoOptionHdr : public Icmp6OptionCommonHdr {
+class Icmp6PrefixInfoOptionHdr : public HdrImage<32, Icmp6OptionCommonHdr> {
  public:
   Icmp6PrefixInfoOptionHdr() noexcept {
     typeIs(icmp6OptPrefixInfo);
     lenIs(4);
   }
-
+  WIRL_HDR(Icmp6PrefixInfoOptionHdr, "prefixInfo");
   /// As the octet says: above 128 in a bad one.
-  U8 prefixLen() const noexcept { return prefixLen_; }
-  void prefixLenIs(U8 bits) noexcept { prefixLen_ = bits; }
-  bool onLink() const noexcept { return (flags_ & 0x80) != 0; }
-  void onLinkIs(bool on) noexcept { flagIs(0x80, on); }
-  bool autonomous() const noexcept { return (flags_ & 0x40) != 0; }
-  void autonomousIs(bool on) noexcept { flagIs(0x40, on); }
+  WIRL_FIELD(U8, prefixLen, 16, 8);
+  WIRL_FIELD(bool, onLink, 24, 1);
+  WIRL_FIELD(bool, autonomous, 25, 1);
   /// In seconds, all ones for ever.
-  U32 validLifetime() const noexcept { return validLifetime_; }
-  void validLifetimeIs(U32 seconds) noexcept { validLifetime_ = seconds; }
-  U32 preferredLifetime() const noexcept { return preferredLifetime_; }
-  void preferredLifetimeIs(U32 seconds) noexcept { preferredLifetime_ = seconds; }
-  Ip6Addr prefix() const noexcept { return prefix_; }
-  void prefixIs(Ip6Addr prefix) noexcept { prefix_ = prefix; }
-
- private:
-  void flagIs(U8 flag, bool on) noexcept { flags_ = static_cast<U8>(on ? flags_ | flag : flags_ & ~flag); }
-
-  U8 prefixLen_ = 0;          // 2
-  U8 flags_ = 0;              // 3
-  NetU32 validLifetime_;      // 4
-  NetU32 preferredLifetime_;  // 8
-  NetU32 reserved_;           // 12
-  Ip6Addr prefix_;            // 16
+  WIRL_FIELD(U32, validLifetime, 32, 32);
+  WIRL_FIELD(U32, preferredLifetime, 64, 32);
+  WIRL_FIELD(Ip6Addr, prefix, 128, 128);
 };
 static_assert(isHeaderImage<Icmp6PrefixInfoOptionHdr, 32>);
 
-class Icmp6MtuOptionHdr : public Icmp6OptionCommonHdr {
+class Icmp6MtuOptionHdr : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   Icmp6MtuOptionHdr() noexcept {
     typeIs(icmp6OptMtu);
     lenIs(1);
   }
-
+  WIRL_HDR(Icmp6MtuOptionHdr, "mtu");
   /// In bytes.
-  U32 mtu() const noexcept { return mtu_; }
-  void mtuIs(U32 bytes) noexcept { mtu_ = bytes; }
-
- private:
-  NetU16 reserved_;  // 2
-  NetU32 mtu_;       // 4
+  WIRL_FIELD(U32, mtu, 32, 32);
 };
 static_assert(isHeaderImage<Icmp6MtuOptionHdr, 8>);
 

@@ -67,28 +67,22 @@ class NdMtuOption : public Icmp6MtuOptionHdr {
   static constexpr U8 kType = icmp6OptMtu;
 };
 /// Redirected header (RFC 4861): the front of the datagram follows.
-class NdRedirectedHdrOption : public HdrImage<8> {
+class NdRedirectedHdrOption : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   static constexpr U8 kType = icmp6OptRedirectedHdr;
   WIRL_HDR(NdRedirectedHdrOption, "redirectedHeader");
-  WIRL_FIELD(U8, type, 0, 8);
-  WIRL_FIELD(U8, len, 8, 8);
 };
 /// RFC 3971: at least 6 octets.
-class NdNonceOption : public HdrImage<8> {
+class NdNonceOption : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   static constexpr U8 kType = icmp6OptNonce;
   WIRL_HDR(NdNonceOption, "nonce");
-  WIRL_FIELD(U8, type, 0, 8);
-  WIRL_FIELD(U8, len, 8, 8);
 };
 /// RFC 4191: 0, 8 or 16 octets of prefix follow.
-class NdRouteInfoOption : public HdrImage<8> {
+class NdRouteInfoOption : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   static constexpr U8 kType = icmp6OptRouteInfo;
   WIRL_HDR(NdRouteInfoOption, "routeInfo");
-  WIRL_FIELD(U8, type, 0, 8);
-  WIRL_FIELD(U8, len, 8, 8);
   WIRL_FIELD(U8, prefixLen, 16, 8);
   /// 0 medium, 1 high, 3 low.
   WIRL_FIELD(U8, preference, 27, 2);
@@ -96,30 +90,24 @@ class NdRouteInfoOption : public HdrImage<8> {
   WIRL_FIELD(U32, lifetime, 32, 32);
 };
 /// Recursive name servers (RFC 8106): addresses follow.
-class NdRdnssOption : public HdrImage<8> {
+class NdRdnssOption : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   static constexpr U8 kType = icmp6OptRdnss;
   WIRL_HDR(NdRdnssOption, "rdnss");
-  WIRL_FIELD(U8, type, 0, 8);
-  WIRL_FIELD(U8, len, 8, 8);
   WIRL_FIELD(U32, lifetime, 32, 32);
 };
 /// Search list (RFC 8106): names follow.
-class NdDnsslOption : public HdrImage<8> {
+class NdDnsslOption : public HdrImage<8, Icmp6OptionCommonHdr> {
  public:
   static constexpr U8 kType = icmp6OptDnssl;
   WIRL_HDR(NdDnsslOption, "dnssl");
-  WIRL_FIELD(U8, type, 0, 8);
-  WIRL_FIELD(U8, len, 8, 8);
   WIRL_FIELD(U32, lifetime, 32, 32);
 };
 /// Prefix of NAT64 (RFC 8781): 12 octets of it follow.
-class NdPref64Option : public HdrImage<4> {
+class NdPref64Option : public HdrImage<4, Icmp6OptionCommonHdr> {
  public:
   static constexpr U8 kType = 38;
   WIRL_HDR(NdPref64Option, "pref64");
-  WIRL_FIELD(U8, type, 0, 8);
-  WIRL_FIELD(U8, len, 8, 8);
   WIRL_FIELD(U16, lifetime, 16, 13, .scale = 8);
   WIRL_FIELD(U8, prefixLenCode, 29, 3);
 };
