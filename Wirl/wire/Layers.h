@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <limits>
@@ -186,6 +187,11 @@ class Layers {
 
   LayerIterator begin() const noexcept { return LayerIterator(pieces_[0], pieces_[1], options_); }
   std::default_sentinel_t end() const noexcept { return {}; }
+  /// The bytes from an offset on, as far as they are in one piece; none behind the end.
+  std::span<const U8> pieceAt(std::size_t offset) const noexcept {
+    if (offset < pieces_[0].size()) return pieces_[0].subspan(offset);
+    return pieces_[1].subspan(std::min(offset - pieces_[0].size(), pieces_[1].size()));
+  }
 
  private:
   std::span<const U8> pieces_[2];

@@ -1,0 +1,371 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/wire/LayerFields.h"
+
+#include "Wirl/packet/AhHdr.h"
+#include "Wirl/packet/Icmp6Hdr.h"
+#include "Wirl/packet/UdpHdr.h"
+#include "Wirl/value/EthAddr.h"
+#include "Wirl/value/Ip6Addr.h"
+#include "Wirl/value/IpAddr.h"
+#include "Wirl/wire/ArpHdr.h"
+#include "Wirl/wire/BfdHdr.h"
+#include "Wirl/wire/EspHdr.h"
+#include "Wirl/wire/GreHdr.h"
+#include "Wirl/wire/IcmpHdr.h"
+#include "Wirl/wire/IgmpHdr.h"
+#include "Wirl/wire/Ip6ExtHdr.h"
+#include "Wirl/wire/IpOptions.h"
+#include "Wirl/wire/IpfixHdr.h"
+#include "Wirl/wire/LldpTlvs.h"
+#include "Wirl/wire/MplsHdr.h"
+#include "Wirl/wire/NdHdr.h"
+#include "Wirl/wire/PimHdr.h"
+#include "Wirl/wire/SctpHdr.h"
+#include "Wirl/wire/TcpHdr.h"
+#include "Wirl/wire/VrrpHdr.h"
+#include "Wirl/wire/VxlanHdr.h"
+
+namespace Wirl {
+
+namespace {
+
+// Headers whose fields are shown in another shape than their views have.
+
+class EthShown : public HdrImage<14> {
+ public:
+  WIRL_HDR(EthShown, "eth");
+  WIRL_FIELD(EthAddr, dst, 0, 48);
+  WIRL_FIELD(EthAddr, src, 48, 48);
+  WIRL_FIELD(U16, type, 96, 16, .kind = hex);
+};
+class VlanShown : public HdrImage<4> {
+ public:
+  WIRL_HDR(VlanShown, "vlan");
+  WIRL_FIELD(U16, id, 4, 12);
+  WIRL_FIELD(U8, priority, 0, 3);
+  WIRL_FIELD(bool, dei, 3, 1);
+  WIRL_FIELD(U16, type, 16, 16, .kind = hex);
+};
+class MimShown : public HdrImage<18> {
+ public:
+  WIRL_HDR(MimShown, "mim");
+  WIRL_FIELD(U8, priority, 0, 3);
+  WIRL_FIELD(U32, isid, 8, 24);
+  WIRL_FIELD(EthAddr, dst, 32, 48);
+  WIRL_FIELD(EthAddr, src, 80, 48);
+  WIRL_FIELD(U16, type, 128, 16, .kind = hex);
+};
+class LlcShown : public HdrImage<3> {
+ public:
+  WIRL_HDR(LlcShown, "llc");
+  WIRL_FIELD(U8, dsap, 0, 8, .kind = hex);
+  WIRL_FIELD(U8, ssap, 8, 8, .kind = hex);
+  WIRL_FIELD(U8, control, 16, 8, .kind = hex);
+};
+class LlcLongShown : public HdrImage<4> {
+ public:
+  WIRL_HDR(LlcLongShown, "llc");
+  WIRL_FIELD(U8, dsap, 0, 8, .kind = hex);
+  WIRL_FIELD(U8, ssap, 8, 8, .kind = hex);
+};
+class SnapShown : public HdrImage<5> {
+ public:
+  WIRL_HDR(SnapShown, "snap");
+  WIRL_FIELD(U32, oui, 0, 24, .kind = hex);
+  WIRL_FIELD(U16, type, 24, 16, .kind = hex);
+};
+class PppoeShown : public HdrImage<6> {
+ public:
+  WIRL_HDR(PppoeShown, "pppoe");
+  WIRL_FIELD(U8, code, 8, 8);
+  WIRL_FIELD(U16, session, 16, 16);
+  WIRL_FIELD(U16, length, 32, 16);
+};
+class IpShown : public HdrImage<20> {
+ public:
+  WIRL_HDR(IpShown, "ip");
+  WIRL_FIELD(U8, version, 0, 4);
+  WIRL_FIELD(U8, headerLength, 4, 4, .scale = 4);
+  WIRL_FIELD(U8, dscp, 8, 6);
+  WIRL_FIELD(U8, ecn, 14, 2);
+  WIRL_FIELD(U16, totalLength, 16, 16);
+  WIRL_FIELD(U16, id, 32, 16);
+  WIRL_FIELD(U8, flags, 48, 3);
+  WIRL_FIELD(U16, fragmentOffset, 51, 13);
+  WIRL_FIELD(U8, ttl, 64, 8);
+  WIRL_FIELD(U8, protocol, 72, 8);
+  WIRL_FIELD(IpChecksum, checksum, 80, 16);
+  WIRL_FIELD(IpAddr, src, 96, 32);
+  WIRL_FIELD(IpAddr, dst, 128, 32);
+};
+class Ip6Shown : public HdrImage<40> {
+ public:
+  WIRL_HDR(Ip6Shown, "ip6");
+  WIRL_FIELD(U8, version, 0, 4);
+  WIRL_FIELD(U8, trafficClass, 4, 8);
+  WIRL_FIELD(U32, flowLabel, 12, 20);
+  WIRL_FIELD(U16, payloadLength, 32, 16);
+  WIRL_FIELD(U8, nextHeader, 48, 8);
+  WIRL_FIELD(U8, hopLimit, 56, 8);
+  WIRL_FIELD(Ip6Addr, src, 64, 128);
+  WIRL_FIELD(Ip6Addr, dst, 192, 128);
+};
+/// The first octet of a header whose version is wrong: no field of it means anything.
+class VersionShown : public HdrImage<1> {
+ public:
+  WIRL_HDR(VersionShown, "ip");
+  WIRL_FIELD(U8, version, 0, 4);
+};
+class GeneveShown : public HdrImage<8> {
+ public:
+  WIRL_HDR(GeneveShown, "geneve");
+  WIRL_FIELD(U8, version, 0, 2);
+  WIRL_FIELD(U16, protocol, 16, 16, .kind = hex);
+  WIRL_FIELD(U32, vni, 32, 24);
+};
+class Vrrp2Shown : public HdrImage<8> {
+ public:
+  WIRL_HDR(Vrrp2Shown, "vrrp");
+  WIRL_FIELD(U8, version, 0, 4);
+  WIRL_FIELD(U8, type, 4, 4);
+  WIRL_FIELD(U8, vrid, 8, 8);
+  WIRL_FIELD(U8, priority, 16, 8);
+  WIRL_FIELD(U8, addressCount, 24, 8);
+  WIRL_FIELD(U8, authType, 32, 8);
+  WIRL_FIELD(U8, advertisementSeconds, 40, 8);
+  WIRL_FIELD(IpChecksum, checksum, 48, 16);
+};
+
+template <typename Hdr>
+constexpr const HdrDescription& of = hdrDescription<Hdr>;
+
+const HdrDescription& icmpFields(U8 type) noexcept {
+  switch (type) {
+    case icmpTypeEchoReply:
+    case icmpTypeEchoRequest:
+    case icmpTypeInformationRequest:
+    case icmpTypeInformationReply:
+      return of<IcmpEchoHdr>;
+    case icmpTypeTimestampRequest:
+    case icmpTypeTimestampReply:
+      return of<IcmpTimestampHdr>;
+    case icmpTypeAddressMaskRequest:
+    case icmpTypeAddressMaskReply:
+      return of<IcmpAddressMaskHdr>;
+    case icmpTypeDstUnreachable:
+    case icmpTypeTimeExceeded:
+    case icmpTypeSourceQuench:
+      return of<IcmpUnreachableHdr>;
+    case icmpTypeRedirect:
+      return of<IcmpRedirectHdr>;
+    case icmpTypeParameterProblem:
+      return of<IcmpParameterProblemHdr>;
+    case icmpTypeRouterAdvertisement:
+      return of<IcmpRouterAdvertisementHdr>;
+    default:
+      return of<IcmpHdr>;
+  }
+}
+
+const HdrDescription& icmp6Fields(U8 type, std::size_t bytes) noexcept {
+  switch (type) {
+    case icmp6TypePacketTooBig:
+      return of<Icmp6PacketTooBigHdr>;
+    case icmp6TypeParameterProblem:
+      return of<Icmp6ParameterProblemHdr>;
+    case icmp6TypeEchoRequest:
+    case icmp6TypeEchoReply:
+      return of<Icmp6EchoHdr>;
+    case icmp6TypeMldQuery:
+      return bytes >= sizeof(Mld2QueryHdr) ? of<Mld2QueryHdr> : of<MldHdr>;
+    case icmp6TypeMldReport:
+    case icmp6TypeMldDone:
+      return of<MldHdr>;
+    case icmp6TypeMldv2Report:
+      return of<Mld2ReportHdr>;
+    case icmp6TypeRouterAdvertisement:
+      return of<Icmp6RaHdr>;
+    case icmp6TypeNeighborSolicitation:
+      return of<Icmp6NsHdr>;
+    case icmp6TypeNeighborAdvertisement:
+      return of<Icmp6NaHdr>;
+    case icmp6TypeRedirect:
+      return of<Icmp6RedirectHdr>;
+    default:
+      return of<Icmp6Hdr>;
+  }
+}
+
+/// Where the options of a neighbour-discovery message begin; 0 for other types.
+std::size_t ndOptionsAt(U8 type) noexcept {
+  switch (type) {
+    case icmp6TypeRouterSolicitation:
+      return sizeof(Icmp6RsHdr);
+    case icmp6TypeRouterAdvertisement:
+      return sizeof(Icmp6RaHdr);
+    case icmp6TypeNeighborSolicitation:
+      return sizeof(Icmp6NsHdr);
+    case icmp6TypeNeighborAdvertisement:
+      return sizeof(Icmp6NaHdr);
+    case icmp6TypeRedirect:
+      return sizeof(Icmp6RedirectHdr);
+    default:
+      return 0;
+  }
+}
+
+}  // namespace
+
+HdrDescription layerFields(const Layer& layer) noexcept {
+  const auto bytes = layerBytes(layer);
+  const U8 first = bytes.empty() ? U8{0} : bytes[0];
+  switch (layer.kind) {
+    case LayerKind::none:
+    case LayerKind::ppp:
+      return {};
+    case LayerKind::eth:
+      return of<EthShown>;
+    case LayerKind::vlan:
+      return of<VlanShown>;
+    case LayerKind::mim:
+      return of<MimShown>;
+    case LayerKind::llc:
+      return layer.header.size() == 4 ? of<LlcLongShown> : of<LlcShown>;
+    case LayerKind::snap:
+      return of<SnapShown>;
+    case LayerKind::pppoe:
+      return of<PppoeShown>;
+    case LayerKind::mpls:
+      return of<MplsHdr>;
+    case LayerKind::pwcw:
+      return of<PwControlWord>;
+    case LayerKind::pwach:
+      return of<PwAssociatedChannelHdr>;
+    case LayerKind::arp: {
+      const auto arp = viewAt<ArpHdr>(bytes);
+      return arp && arp->isIpOverEthernet() ? of<EthArpHdr> : of<ArpHdr>;
+    }
+    case LayerKind::ip:
+      return layer.error == nonIpHdr ? of<VersionShown> : of<IpShown>;
+    case LayerKind::ip6:
+      return layer.error == nonIp6Hdr ? of<VersionShown> : of<Ip6Shown>;
+    case LayerKind::ip6opts:
+      return of<Ip6ExtHdr>;
+    case LayerKind::ip6routing:
+      return bytes.size() > 2 && bytes[2] == Ip6RoutingHdr::segments ? of<Ip6SegmentRoutingHdr>
+                                                                     : of<Ip6RoutingHdr>;
+    case LayerKind::ip6frag:
+      return of<Ip6FragHdr>;
+    case LayerKind::ah:
+      return of<AhHdr>;
+    case LayerKind::esp:
+      return of<EspHdr>;
+    case LayerKind::icmp:
+      return icmpFields(first);
+    case LayerKind::icmp6:
+      return icmp6Fields(first, bytes.size());
+    case LayerKind::igmp:
+      if (first == IgmpHdr::reportV3) return of<Igmp3ReportHdr>;
+      return layer.header.size() == sizeof(Igmp3QueryHdr) ? of<Igmp3QueryHdr> : of<IgmpHdr>;
+    case LayerKind::tcp:
+      return of<TcpHdr>;
+    case LayerKind::udp:
+      return of<UdpHdr>;
+    case LayerKind::sctp:
+      return of<SctpHdr>;
+    case LayerKind::gre:
+      return of<GreHdr>;
+    case LayerKind::erspan:
+      return of<ErspanHdr>;
+    case LayerKind::vxlan:
+      return of<VxlanHdr>;
+    case LayerKind::geneve:
+      return of<GeneveShown>;
+    case LayerKind::pim:
+      return (first & 0x0f) == pimRegister ? of<PimRegisterHdr> : of<PimHdr>;
+    case LayerKind::vrrp:
+      return first >> 4 == 2 ? of<Vrrp2Shown> : of<VrrpHdr>;
+    case LayerKind::bfd:
+      return of<BfdHdr>;
+    case LayerKind::ipfix:
+      return of<IpfixHdr>;
+    case LayerKind::lldp:
+      return {"lldp", 0, {}};
+  }
+  return {};
+}
+
+detail::ItemKind detail::itemsOf(const Layer& layer, std::span<const U8>& where) noexcept {
+  const auto bytes = layerBytes(layer);
+  const auto behind = [&](std::size_t fixed) {
+    if (layer.header.size() > fixed) where = layer.header.subspan(fixed);
+  };
+  const auto inMessage = [&](std::size_t fixed) {
+    if (bytes.size() > fixed) where = bytes.subspan(fixed);
+  };
+  switch (layer.kind) {
+    case LayerKind::ip:
+      return behind(20), layer.error == nonIpHdr ? ItemKind::none : ItemKind::ip;
+    case LayerKind::tcp:
+      return behind(sizeof(TcpHdr)), ItemKind::tcp;
+    case LayerKind::ip6opts:
+      return behind(sizeof(Ip6ExtHdr)), ItemKind::ip6;
+    case LayerKind::sctp:
+      return inMessage(sizeof(SctpHdr)), ItemKind::sctp;
+    case LayerKind::lldp:
+      return where = layer.header, ItemKind::lldp;
+    case LayerKind::igmp:
+      if (bytes.empty() || bytes[0] != IgmpHdr::reportV3) return ItemKind::none;
+      return inMessage(sizeof(Igmp3ReportHdr)), ItemKind::igmp;
+    case LayerKind::icmp6: {
+      if (bytes.empty()) return ItemKind::none;
+      if (bytes[0] == icmp6TypeMldv2Report) return inMessage(sizeof(Mld2ReportHdr)), ItemKind::mld;
+      const std::size_t fixed = ndOptionsAt(bytes[0]);
+      if (fixed == 0) return ItemKind::none;
+      return inMessage(fixed), ItemKind::nd;
+    }
+    default:
+      return ItemKind::none;
+  }
+}
+
+HdrDescription detail::itemFields(ItemKind kind, const WireOption& option) noexcept {
+  const auto typed = [&]<typename... Hdrs>(HdrDescription fallback, std::type_identity<Hdrs>...) {
+    ((Hdrs::kType == option.type ? void(fallback = of<Hdrs>) : void()), ...);
+    return fallback;
+  };
+#define ID(type) \
+  std::type_identity<type> {}
+  switch (kind) {
+    case ItemKind::none:
+      return {};
+    case ItemKind::ip:
+      return typed(of<IpOptionHdr>, ID(IpRecordRouteOption), ID(IpLooseSourceRouteOption),
+                   ID(IpStrictSourceRouteOption), ID(IpTimestampOption), ID(IpStreamIdOption),
+                   ID(IpRouterAlertOption));
+    case ItemKind::tcp:
+      return typed(of<TcpOptionHdr>, ID(TcpMssOption), ID(TcpWindowScaleOption), ID(TcpTimestampsOption),
+                   ID(TcpUserTimeoutOption), ID(TcpAuthenticationOption));
+    case ItemKind::ip6:
+      return typed(of<Ip6OptionHdr>, ID(Ip6RouterAlertOption), ID(Ip6JumboOption), ID(Ip6TunnelLimitOption),
+                   ID(Ip6HomeAddressOption));
+    case ItemKind::nd:
+      return typed(of<Icmp6OptionCommonHdr>, ID(NdSrcLinkLayerAddrOption), ID(NdTgtLinkLayerAddrOption),
+                   ID(NdPrefixInfoOption), ID(NdMtuOption), ID(NdRedirectedHdrOption), ID(NdNonceOption),
+                   ID(NdRouteInfoOption), ID(NdRdnssOption), ID(NdDnsslOption), ID(NdPref64Option));
+    case ItemKind::sctp:
+      return typed(of<SctpChunkHdr>, ID(SctpDataChunk), ID(SctpInitChunk), ID(SctpInitAckChunk),
+                   ID(SctpSackChunk), ID(SctpShutdownChunk));
+    case ItemKind::igmp:
+      return of<IgmpRecordHdr>;
+    case ItemKind::mld:
+      return of<MldRecordHdr>;
+    case ItemKind::lldp:
+      return typed(of<LldpTlvHdr>, ID(LldpChassisIdTlv), ID(LldpPortIdTlv), ID(LldpTtlTlv),
+                   ID(LldpCapabilitiesTlv), ID(LldpOrganizationTlv));
+  }
+#undef ID
+  return {};
+}
+
+}  // namespace Wirl
