@@ -12,13 +12,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <new>
 #include <utility>
 #include <vector>
 
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/detail/Changes.h"
 #include "Wirl/access/detail/Receive.h"
+#include "Wirl/access/detail/Socket.h"
 #include "Wirl/access/detail/attachFilter.h"
 
 namespace Wirl {
@@ -27,67 +28,76 @@ namespace {
 
 Kiv::TraceHandle trace("EthDevPam");
 
-/// More than any frame that the kernel delivers, merged ones included.
+/// Longer than any frame that the kernel delivers, merged (GRO) frames included.
 constexpr U32 kMaxFrame = 1 << 18;
 constexpr U16 kDot1Q = 0x8100;
-constexpr U32 kEthType = 12;  // where it is in a frame
+constexpr U32 kEthType = 12;  // offset in a frame
 
-/// What was told of a frame; the tag that the kernel took out of it goes to `pkt`, unless that is null.
-EthRxMetadata metadataOf(msghdr& message, const detail::RxSide& side, Pkt* pkt) {
+/// Reads what the kernel told about a frame. `pkt`, unless null, gets the tag that the kernel removed.
+EthRxMetadata metadataOf(const msghdr& message, const detail::RxSide& side, Pkt* pkt) {
   EthRxMetadata metadata;
   metadata.pktType = side.peerAs<sockaddr_ll>().sll_pkttype;
-  for (cmsghdr* each = CMSG_FIRSTHDR(&message); each; each = CMSG_NXTHDR(&message, each)) {
-    if (each->cmsg_level != SOL_PACKET || each->cmsg_type != PACKET_AUXDATA) continue;
-    const auto data = detail::dataOf<tpacket_auxdata>(*each);
+  detail::eachControl(message, [&](const cmsghdr& each) {
+    if (each.cmsg_level != SOL_PACKET || each.cmsg_type != PACKET_AUXDATA) return;
+    const auto data = detail::dataOf<tpacket_auxdata>(each);
+    const auto is = [&data](U32 bit) { return (data.tp_status & bit) != 0; };
     metadata.frameBytes = data.tp_len;
-    if (pkt && (data.tp_status & TP_STATUS_VLAN_VALID) != 0) {
-      const bool told = (data.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0;
-      pkt->newSeparateVlanTag(data.tp_vlan_tci, told ? data.tp_vlan_tpid : kDot1Q);
-    }
-  }
+    if (is(TP_STATUS_CSUM_VALID)) metadata.checksum = RxChecksum::valid;
+    if (is(TP_STATUS_CSUMNOTREADY)) metadata.checksum = RxChecksum::notFilledIn;
+    if (!pkt || !is(TP_STATUS_VLAN_VALID)) return;
+    pkt->newSeparateVlanTag(data.tp_vlan_tci, is(TP_STATUS_VLAN_TPID_VALID) ? data.tp_vlan_tpid : kDot1Q);
+  });
   return metadata;
 }
 
 }  // namespace
+
+std::ostream& operator<<(std::ostream& out, RxChecksum checksum) {
+  constexpr const char* kNames[] = {"unknown", "valid", "notFilledIn"};
+  return out << kNames[static_cast<U8>(checksum)];
+}
 
 EthDevPam::EthDevPam(Kiv::String name, Kiv::String device, const NamespaceName& ns)
     : PacketPam(std::move(name), ns), devName(std::move(device)) {}
 
 EthDevPam::~EthDevPam() = default;
 
+const Kiv::TraceHandle& EthDevPam::traceHandle() const {
+  return trace;
+}
+
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
-void EthDevPam::configure() {
+void EthDevPam::setUp(detail::Changes& changes) {
   const U32 formerIndex = ifIndex();
   const EthAddr formerAddress = ethAddr();
   try {
-    setUp();
+    findDevice();
+    applyOptions();
   } catch (...) {
-    ifIndex.store(formerIndex);  // as was last told
+    ifIndex.store(formerIndex);  // reactors know these
     ethAddr.store(formerAddress);
     throw;
   }
-  // Told of when the socket is as it should be: from here on reactors may do anything.
-  const bool addressChanged = ethAddr() != formerAddress;
-  if (ifIndex() != formerIndex) ifIndex.notifiees().notify();
-  if (addressChanged) ethAddr.notifiees().notify();
+  changes.add(ifIndex() != formerIndex, ifIndex);
+  changes.add(ethAddr() != formerAddress, ethAddr);
 }
 
-/// The socket belongs to no protocol before it is bound, so that it receives nothing that it should not.
-void EthDevPam::setUp() {
-  ifreq device{};
-  if (devName().bytes() >= sizeof(device.ifr_name)) throw Kiv::ErrnoException(ENODEV, "ioctl(SIOCGIFINDEX)");
-  std::copy(devName().begin(), devName().end(), device.ifr_name);
-  if (ioctl(fd(), SIOCGIFINDEX, &device) < 0) throw Kiv::ErrnoException(errno, "ioctl(SIOCGIFINDEX)");
+void EthDevPam::findDevice() {
+  ifreq device;
+  const std::string_view wanted = devName();
+  if (!detail::deviceIs(fd(), SIOCGIFINDEX, wanted, device)) fail(errno, "ioctl(SIOCGIFINDEX)");
   ifIndex.store(static_cast<U32>(device.ifr_ifindex));
-  if (ioctl(fd(), SIOCGIFHWADDR, &device) < 0) throw Kiv::ErrnoException(errno, "ioctl(SIOCGIFHWADDR)");
-  EthAddr address;
+  if (!detail::deviceIs(fd(), SIOCGIFHWADDR, wanted, device)) fail(errno, "ioctl(SIOCGIFHWADDR)");
   unsigned char octets[6];
   std::memcpy(octets, device.ifr_hwaddr.sa_data, sizeof(octets));
+  EthAddr address;
   address.copyFromBuffer(octets);
   ethAddr.store(address);
+}
 
+void EthDevPam::applyOptions() {
   setOption(SOL_PACKET, PACKET_AUXDATA, 1, "setsockopt(PACKET_AUXDATA)");
   if (!rxOutgoing()) setOption(SOL_PACKET, PACKET_IGNORE_OUTGOING, 1, "setsockopt(PACKET_IGNORE_OUTGOING)");
   if (rxBuf() != 0) {
@@ -97,22 +107,15 @@ void EthDevPam::setUp() {
   handleRxFilter();
   if (promiscuous()) handlePromiscuous();
   if (allMulticast()) handleAllMulticast();
-  bindToDevice();
-  fileDesc()->notifyOnReadableIs(true);
-}
-
-void EthDevPam::bindToDevice() {
   sockaddr_ll local{};
   local.sll_family = AF_PACKET;
   local.sll_protocol = htons(ETH_P_ALL);
   local.sll_ifindex = static_cast<int>(ifIndex());
-  if (bind(fd(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) < 0) {
-    throw Kiv::ErrnoException(errno, "bind");
-  }
+  if (bind(fd(), reinterpret_cast<const sockaddr*>(&local), sizeof(local)) < 0) fail(errno, "bind");
 }
 
-// What the device takes in
-// -----------------------------------------------------------------------------------
+// What the device accepts
+// ------------------------------------------------------------------------------------
 
 void EthDevPam::membershipIs(U16 type, bool join, const char* text) {
   packet_mreq request{};
@@ -130,8 +133,8 @@ void EthDevPam::handleAllMulticast() {
   if (fd() >= 0) membershipIs(PACKET_MR_ALLMULTI, allMulticast(), "setsockopt(PACKET_MR_ALLMULTI)");
 }
 
-/// The type is told apart by a program, too, and not by the socket's protocol: to sockets of one protocol the
-/// kernel delivers frames without the tag that it took out of them.
+/// Filters the EtherType with BPF instead of the socket's protocol: sockets bound to one protocol get frames with
+/// the VLAN tag stripped and not reported.
 void EthDevPam::handleRxFilter() {
   if (fd() < 0) return;
   std::vector<sock_filter> program;
@@ -143,9 +146,9 @@ void EthDevPam::handleRxFilter() {
   detail::appendFilter(program, rxFilter());
   if (program.empty()) {
     if (detail::detachFilter(fd()) < 0 && errno != ENOENT)
-      closeAndThrow(errno, "setsockopt(SO_DETACH_FILTER)");
+      closeAndFail(errno, "setsockopt(SO_DETACH_FILTER)");
   } else if (detail::attachFilter(fd(), std::move(program)) < 0) {
-    closeAndThrow(errno, "setsockopt(SO_ATTACH_FILTER)");
+    closeAndFail(errno, "setsockopt(SO_ATTACH_FILTER)");
   }
 }
 
@@ -164,7 +167,7 @@ S32 EthDevPam::handleMembership(const EthAddr& address, bool join) {
 // --------------------------------------------------------------------------------------
 
 void EthDevPam::sendPkt(const Pkt::Ptr& pkt) {
-  sendFrame(*pkt, nullptr);
+  sendFrame(pkt, nullptr);
 }
 
 void EthDevPam::checkSocketReadLimit() {
@@ -174,56 +177,46 @@ void EthDevPam::checkSocketReadLimit() {
 }
 
 void EthDevPam::doGetRxPkt() {
-  if (fd() < 0) return;
-  msghdr message;
-  detail::RxSide side;
-  Pkt::Ptr pkt = detail::receivePkt(spare_, fd(), std::min(maxRxPktData(), kMaxFrame), message, side);
-  if (!pkt) {
-    if (errno != 0 && errno != EAGAIN) receiveFailed("recvmsg", errno);
-    return;
-  }
-  publish(metadataOf(message, side, pkt.get()));
-  rxPktCountInc(1);
-  rxPktHolderIs(std::move(pkt));
+  detail::Received got;
+  if (!receive(got, std::min(maxRxPktData(), kMaxFrame))) return;
+  detail::Changes changes;
+  publish(metadataOf(got.message, got.side, got.pkt.get()), 1, changes);
+  deliver(std::move(got.pkt), changes);
 }
 
 S32 EthDevPam::doGetBulkRxPkt() {
-  if (fd() < 0) {
-    savedPacketRxDelAll();
-    return 0;
-  }
-  if (!batch_) batch_.reset(new (std::nothrow) detail::RxBatch);
+  if (batchHeld_ > 0) return std::exchange(batchHeld_, 0);
   const U16 limit = std::clamp<U16>(socketReadLimit(), 1, maxSocketReadLimit);
-  const U32 room = std::min(maxRxPktData(), kMaxFrame);
-  const S32 received = batch_ ? batch_->receive(*this, fd(), limit, room) : 0;
-  if (received < 0) {
-    receiveFailed("recvmmsg", errno);
-    return 0;
-  }
+  const S32 received = receiveBatch(limit, std::min(maxRxPktData(), kMaxFrame));
   if (received == 0) return 0;
   EthRxMetadata last;
   for (U16 index = 0; index < received; ++index) {
-    last = metadataOf(batch_->message(index), batch_->side(index), savedPacket(index).get());
+    const detail::RxBatch& batch = *batchWith(index);
+    last = metadataOf(batch.message(index), batch.side(index), savedPacket(index).get());
   }
-  publish(last);
-  rxPktCountInc(static_cast<U64>(received));
-  return received;
+  detail::Changes changes;
+  publish(last, static_cast<U32>(received), changes);
+  batchHeld_ = received;
+  changes.tell();
+  return std::exchange(batchHeld_, 0);
 }
 
 EthRxMetadata EthDevPam::rxMetadata(U16 index) const {
-  if (!batch_ || index >= batch_->received()) return {};
-  return metadataOf(batch_->message(index), batch_->side(index), nullptr);
+  const detail::RxBatch* const batch = batchWith(index);
+  return batch ? metadataOf(batch->message(index), batch->side(index), nullptr) : EthRxMetadata();
 }
 
-void EthDevPam::receiveFailed(const char* call, int error) {
-  if (error != EAGAIN) KIV_TRACE(trace, 0) << call << " failed with " << error;
-  rxErrorsInc(1);
+void EthDevPam::receiveFailed(bool batch, int error) {
+  SocketPam::receiveFailed(batch, error);
+  if (batch && error == EAGAIN) rxErrorsInc(1);
 }
 
-void EthDevPam::publish(const EthRxMetadata& metadata) {
-  rxPktTypeIs(metadata.pktType);
-  rxFrameBytesIs(metadata.frameBytes);
+void EthDevPam::publish(const EthRxMetadata& metadata, U32 packets, detail::Changes& changes) {
   KIV_TRACE(trace, 8) << "Received frame of size " << metadata.frameBytes << " type " << metadata.pktType;
+  put(changes, rxPktType, metadata.pktType);
+  put(changes, rxFrameBytes, metadata.frameBytes);
+  put(changes, rxChecksum, metadata.checksum);
+  put(changes, rxPktCount, rxPktCount() + packets);
 }
 
 Kiv::Ptr<EthDevPam> ethDevPamFactory(Kiv::String name, Kiv::String devName, const NamespaceName& netNs) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <memory>
+#include <ostream>
 
 #include "Wirl/access/IpFilter.h"
 #include "Wirl/access/PacketPam.h"
@@ -9,37 +9,42 @@
 
 namespace Wirl {
 
-namespace detail {
-class RxBatch;
-}
+/// What the kernel knows about the checksum behind the headers of a received frame.
+enum class RxChecksum : U8 {
+  unknown,
+  /// Verified by the device, or sent by this machine and never damaged.
+  valid,
+  /// Not filled in yet: the frame was sent by this machine, and the device was to compute the checksum.
+  notFilledIn
+};
+KIV_API std::ostream& operator<<(std::ostream& out, RxChecksum checksum);
 
-/// What is known of a received frame beside its octets.
+/// What is known about a received frame beside its octets.
 struct EthRxMetadata {
   /// Whom it was for: PACKET_HOST, PACKET_BROADCAST, PACKET_MULTICAST, PACKET_OTHERHOST, PACKET_OUTGOING.
   U8 pktType = 0;
-  /// Its length before it was cut to `maxRxPktData`, without a tag that is beside the octets.
+  /// Length before the frame was cut to `maxRxPktData`, without a separate VLAN tag.
   U32 frameBytes = 0;
+  RxChecksum checksum = RxChecksum::unknown;
 };
 
-/// The frames of one network device, received and sent whole; see `PacketPam`.
+/// Receives and sends whole frames of one network device; see `PacketPam`.
 ///
-/// What is received is told apart in the kernel: frames of one EtherType (`ethType`, host order; 3 for all of
-/// them), through a classic BPF program (`rxFilter`, empty: no filter), those that this host sends on the
-/// device only with `rxOutgoing`. `promiscuous`, `allMulticast` and `handleMembership` have the device take
-/// in what it would otherwise ignore. `rxOutgoing` and `rxBuf` (octets; 0: the system's default)
-/// are read at opening; the others also apply at once, and one that the kernel refuses then closes the socket
-/// and throws.
+/// The kernel selects what is received: frames of one EtherType (`ethType`, host order; 3 for all types) that pass
+/// a classic BPF program (`rxFilter`; empty: no filter). Frames that this host sends on the device come only with
+/// `rxOutgoing`. `promiscuous`, `allMulticast` and `handleMembership` make the device accept frames that it would
+/// otherwise ignore. `rxOutgoing` and `rxBuf` (octets; 0: the system's default) apply when the Pam is enabled. The
+/// others also apply at once; if the kernel refuses one then, the socket is closed and the setter throws.
 ///
-/// A VLAN tag is no longer in the frame by the time that the kernel delivers it: it is the packet's separate
-/// tag.
+/// The kernel removes the VLAN tag of a frame; the packet has it as its separate tag.
 ///
-/// Receiving: `rxPkt` gives one frame; `rxPktBulk` up to `socketReadLimit` with one system call, in the slots
-/// of `savedPacket` that `savedPacketRx` marks, the first ones. A packet of a batch may be kept: its slot
-/// gets another one for the next batch. A failed receive counts in `rxErrors`; an empty socket does so in
-/// bulk only. `rxDrops` is the kernel's count of frames for which the socket had no room.
+/// Receiving: `rxPkt` gives one frame. `rxPktBulk` gives up to `socketReadLimit` frames with one system call, in
+/// the slots of `savedPacket` that `savedPacketRx` marks, the first ones. A client may keep a packet of a batch: its
+/// slot gets another one for the next batch. A failed receive counts in `rxErrors`; an empty socket counts in batch
+/// receive only. `rxDrops` is the kernel's count of frames for which the socket had no room.
 ///
-/// When the device goes down, receiving fails once (ENETDOWN) and goes on by itself when it is up again. When
-/// it disappears, sends fail (ENXIO) and nothing is received until the Pam is disabled and enabled again.
+/// When the device goes down, receiving fails once (ENETDOWN) and goes on by itself when the device is up again.
+/// When the device disappears, sends fail (ENXIO) and nothing is received until the Pam is disabled and enabled.
 class KIV_API EthDevPam final : public PacketPam {
  public:
   KIV_ENTITY(EthDevPam, PacketPam)
@@ -57,6 +62,7 @@ class KIV_API EthDevPam final : public PacketPam {
   KIV_ATTR(U8, rxPktType, 0)
   KIV_ATTR(U32, rxFrameBytes, 0)
   KIV_ATTR_COUNTER(U64, rxPktCount)
+  KIV_ATTR(RxChecksum, rxChecksum, RxChecksum::unknown)
 
   static constexpr U16 kAllEthTypes = 3;
   static constexpr U8 maxSocketReadLimit = 128;
@@ -65,8 +71,8 @@ class KIV_API EthDevPam final : public PacketPam {
   EthDevPam(Kiv::String name, Kiv::String device, const NamespaceName& ns);
   ~EthDevPam() override;
 
-  /// Has the device take in frames for another address of its own, or a group, or no longer. Returns 0 or an
-  /// errno: ENODEV without a socket or device. Leaving what was not joined is no error. Goes with the socket.
+  /// Makes the device accept frames for another unicast address or a group, or stops that. Returns 0 or an
+  /// errno: ENODEV without a socket or device. Leaving what was not joined is no error. Ends with the socket.
   S32 handleMembership(const EthAddr& address, bool join);
 
   /// Of the frame in slot `index` of the latest batch; all 0 for a slot without one.
@@ -74,8 +80,10 @@ class KIV_API EthDevPam final : public PacketPam {
 
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
-  void configure() override;
-  void setUp();
+  void setUp(detail::Changes& changes) override;
+  Kiv::String place() const override { return devName(); }
+  const Kiv::TraceHandle& traceHandle() const override;
+  void receiveFailed(bool batch, int error) override;
   void doGetRxPkt() override;
   S32 doGetBulkRxPkt() override;
 
@@ -84,13 +92,12 @@ class KIV_API EthDevPam final : public PacketPam {
   void handleAllMulticast();
   void handleRxFilter();
   void checkSocketReadLimit();
+  void findDevice();
+  void applyOptions();
   void membershipIs(U16 type, bool join, const char* text);
-  void bindToDevice();
-  void receiveFailed(const char* call, int error);
-  void publish(const EthRxMetadata& metadata);
+  void publish(const EthRxMetadata& metadata, U32 packets, detail::Changes& changes);
 
-  Pkt::Ptr spare_;  // for the next receive, if it is nobody else's then
-  std::unique_ptr<detail::RxBatch> batch_;
+  S32 batchHeld_ = 0;  // size of a batch that was not returned, because a reactor threw
 };
 
 KIV_API Kiv::Ptr<EthDevPam> ethDevPamFactory(Kiv::String name, Kiv::String devName,

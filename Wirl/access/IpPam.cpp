@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/IpPam.h"
 
-#include <unistd.h>
-
 #include <cerrno>
 
 #include "Kiv/Assert.h"
@@ -19,7 +17,7 @@ Kiv::TraceHandle trace("IpPam");
 }  // namespace
 
 IpPam::IpPam(Kiv::String name, IpProtocolNumber protocolNumber, const NamespaceName& ns)
-    : SocketPam(std::move(name), close), protocol(protocolNumber), netNs(ns) {}
+    : SocketPam(std::move(name)), protocol(protocolNumber), netNs(ns) {}
 
 IpPam::~IpPam() = default;
 
@@ -41,7 +39,7 @@ void IpPam::doGetRxPkt() {
   KIV_ASSERT_AS(false, "IpPam doesn't use this interface.");
 }
 
-// The hooks of these two run after the value is stored and before it is told of: what they refuse is kept.
+// These hooks validate after the store, so a rejected value is kept (documented in the header).
 
 void IpPam::checkSocketReadLimit() {
   if (socketReadLimit() < 1 || socketReadLimit() > maxSocketReadLimit) {
@@ -61,7 +59,7 @@ void IpPam::enableBulkReadIs(bool on) {
       savedPacketIs(index, globalPktManager()->newPkt());
     }
   } else {
-    // The limit may have been changed meanwhile: nothing that was made is to stay behind.
+    // Every slot, not socketReadLimit(), which may have changed since.
     for (U32 index = 0; index < savedPackets(); ++index) savedPacketDel(static_cast<U16>(index));
     savedPacketRxDelAll();
   }
@@ -104,7 +102,7 @@ void IpPam::rxFilterDelAll() {
 
 void IpPam::checkRxFilter() const {
   if (rxFilter().empty()) {
-    throw Kiv::ErrnoException(EINVAL, "SO_ATTACH_FILTER option must be supplied with a valid filter");
+    fail(EINVAL, "SO_ATTACH_FILTER option must be supplied with a valid filter");
   }
 }
 
@@ -117,7 +115,7 @@ void IpPam::doAttachBpfFilter(S32 socket) {
                         << " k: " << each.k();
   }
   if (detail::attachFilter(socket, rxFilter()) == 0) return;
-  closeAndThrow(errno, "setsockopt(SO_ATTACH_FILTER)", socket);
+  closeAndFail(errno, "setsockopt(SO_ATTACH_FILTER)", nullptr, socket);
 }
 
 void IpPam::doAttachBpfFilter() {
@@ -125,9 +123,7 @@ void IpPam::doAttachBpfFilter() {
 }
 
 void IpPam::doDetachBpfFilter() {
-  if (detail::detachFilter(fd()) < 0) {
-    throw Kiv::ErrnoException(errno, "setsockopt(SO_DETACH_FILTER)");
-  }
+  if (detail::detachFilter(fd()) < 0) fail(errno, "setsockopt(SO_DETACH_FILTER)");
 }
 
 Kiv::Ptr<IpPam> ipPamFactory(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs) {

@@ -16,8 +16,8 @@ namespace Wirl {
 
 using Kiv::U64;
 
-/// What is configured on a raw IP socket, and what its receive path tells of the last packet. The classes
-/// that own a socket derive from it and act on the changes; by itself it opens nothing.
+/// The configuration of a raw IP socket, and what its receive path tells about the last packet. By itself it
+/// opens nothing: derived classes own the socket and act on changes.
 ///
 ///     set by the client                                      set by the receive path
 ///     protocol, netNs                  (fixed)               rxSrcIpAddr, rxDstIpAddr, rxOrigDstIpAddr
@@ -27,11 +27,11 @@ using Kiv::U64;
 ///     rxFilter, rxBuf                  (read when their option is applied)
 ///     maxRxPktData, enableBulkRead, socketReadLimit
 ///
-/// Batch receive: `enableBulkReadIs(true)` makes a packet for each of `socketReadLimit` slots of
-/// `savedPacket`, to be set before. One `rxPkt` then receives up to that many packets.
+/// Batch receive: set `socketReadLimit`, then `enableBulkReadIs(true)`, which makes a packet for each slot of
+/// `savedPacket`. One `rxPkt` then receives up to that many packets.
 ///
-/// `socketReadLimitIs` and `priorityIs` store a value before they look at its range: one that is refused with
-/// an exception is stored all the same, and neither hook nor reactors have run.
+/// `socketReadLimitIs` and `priorityIs` store a value before they check its range: a value that they refuse with
+/// an exception stays stored, and neither the hook nor reactors run.
 class KIV_API IpPam : public SocketPam {
  public:
   KIV_ENTITY(IpPam, SocketPam)
@@ -74,10 +74,10 @@ class KIV_API IpPam : public SocketPam {
   virtual void handleTxTOS();
   virtual void handleTxTTL();
   virtual void handlePriority();
-  /// Here they store and notify, and no more.
+  /// Here they only store and notify.
   virtual void optionsIsImpl(U32 bits);
   virtual void enabledIsImpl(bool on);
-  /// Ends the process: receiving is for the derived classes.
+  /// Ends the process: derived classes receive.
   void doGetRxPkt() override;
 
  public:
@@ -85,44 +85,35 @@ class KIV_API IpPam : public SocketPam {
   void optionsIs(U32 bits) { optionsIsImpl(bits); }
   void enabledIs(bool on) { enabledIsImpl(on); }
 
-  /// The instruction at an index; one of zeros where there is none.
+  /// The instruction at an index; all zeros if there is none.
   IpFilter rxFilterAt(U8 index) const;
-  /// The program is attached when the option `ipAttachFilter` is applied or by `doAttachBpfFilter`; editing
-  /// it does not touch an open socket.
+  /// Edit the program, not an open socket: the option `ipAttachFilter` and `doAttachBpfFilter` attach it.
   void rxFilterIs(U8 index, const IpFilter& instruction);
   void rxFilterDel(U8 index);
   void rxFilterDelAll();
 
   void enableBulkReadIs(bool on);
 
-  /// Makes the descriptor object, in place of a former one, and returns it. A former one must not have a
-  /// descriptor any more, which would be lost (`fileDescDel` hands it out).
+  /// Makes the descriptor object and returns it. Ends the process if a former one still has a descriptor, which
+  /// would be lost (`fileDescDel` hands it out).
   Kiv::Ptr<Kiv::FileDescriptor> fileDescIs(Kiv::String name);
-  /// Lets go of it and returns it, null if there was none. Closes nothing.
+  /// Detaches the descriptor object and returns it, null if there was none. Closes nothing.
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
 
   /// Attaches the program `rxFilter` to a socket. Throws `Kiv::ErrnoException`: EINVAL "SO_ATTACH_FILTER
-  /// option must be supplied with a valid filter" when there is no instruction;
-  /// "setsockopt(SO_ATTACH_FILTER)" when the kernel refuses the program, and then the socket is closed, and so
-  /// is that of `fileDesc`, which reads -1.
+  /// option must be supplied with a valid filter" without an instruction; "setsockopt(SO_ATTACH_FILTER)" if the
+  /// kernel refuses the program. The latter closes the socket, and the one of `fileDesc`, which reads -1 then.
   void doAttachBpfFilter(S32 fd);
   /// The same for the socket of `fileDesc`.
   void doAttachBpfFilter();
-  /// Takes the filter off the socket of `fileDesc`. Throws `Kiv::ErrnoException`
-  /// "setsockopt(SO_DETACH_FILTER)", ENOENT when it had none.
+  /// Removes the filter from the socket of `fileDesc`. Throws `Kiv::ErrnoException`
+  /// "setsockopt(SO_DETACH_FILTER)", ENOENT if there was none.
   void doDetachBpfFilter();
 
  protected:
-  /// Throws what `doAttachBpfFilter` does where there is no instruction.
+  /// Throws what `doAttachBpfFilter` throws without an instruction.
   void checkRxFilter() const;
-
-  /// `enabledIs` of a derived class: stores the value if it differs, runs `hook`, notifies.
-  template <std::invocable Hook>
-  void enabledIsWith(bool on, Hook hook) {
-    if (enabled.store(on)) Kiv::detail::hookAndNotify(this, enabled.notifiees(), std::move(hook));
-  }
-  /// For a hook that throws, and so leaves it to itself to tell: it is not enabled.
-  void notEnabled() {
+  void openFailed() override {
     enabled.store(false);
     enabled.notifiees().notify();
   }
@@ -132,7 +123,7 @@ class KIV_API IpPam : public SocketPam {
   void checkPriority();
 };
 
-/// Makes one that configures and opens nothing.
+/// Makes one that only holds the configuration.
 KIV_API Kiv::Ptr<IpPam> ipPamFactory(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs);
 
 }  // namespace Wirl

@@ -8,19 +8,16 @@
 #include <cerrno>
 
 #include "Kiv/Assert.h"
-#include "Kiv/Exception.h"
-#include "Kiv/Trace.h"
 #include "Wirl/access/deferClose.h"
+#include "Wirl/access/detail/Socket.h"
 
 namespace Wirl {
 
 namespace {
 
-Kiv::TraceHandle trace("PacketPam");
+constexpr std::size_t kAddresses = 12;  // octets in front of a tag
 
-constexpr std::size_t kAddresses = 12;  // octets of a frame in front of a tag
-
-/// The pieces of a frame as it goes out: those of the packet, with its separate tag put in between.
+/// The pieces of a frame on the wire: those of the packet, with its separate tag inserted.
 class FramePieces {
  public:
   explicit FramePieces(const Pkt& pkt) noexcept {
@@ -63,59 +60,23 @@ PacketPam::~PacketPam() {
 }
 
 void PacketPam::enabledIsImpl(bool on) {
-  if (!enabled.store(on)) return;
-  const auto open = [this] {
-    openSocket(
-        AF_PACKET, 0, netNs(), [this] { configure(); },
-        [this](const Kiv::Ptr<Kiv::FileDescriptor>& opened) { return newFdSm(opened); });
-  };
-  const auto failed = [this] {
-    enabled.store(false);
-    enabled.notifiees().notify();
-  };
-  Kiv::detail::hookAndNotify(this, enabled.notifiees(), [&] { reopen(on, open, failed); });
-}
-
-Kiv::Ptr<PamFdSm> PacketPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
-  return PamFdSmIs(opened, this);
-}
-
-void PacketPam::refuse(int error) {
-  txErrnoIs(error);
-  KIV_TRACE(trace, 3) << name() << ": packet refused with " << error << " (" << Kiv::errorText(error) << ") ";
-  txErrorsInc(1);
+  // Protocol 0: receives nothing before bind().
+  enabledIsWith(enabled, on, {AF_PACKET, SOCK_RAW, 0}, netNs());
 }
 
 void PacketPam::txPktIsImpl(const Pkt::Ptr& pkt) {
   KIV_ASSERT_AS(pkt, "pkt");
-  // A reactor to what follows may let go of the caller's pointer.
-  const Pkt::Ptr sending = pkt;
-  sendPkt(sending);
+  sendPkt(pkt);
 }
 
-void PacketPam::sendFrame(const Pkt& pkt, const sockaddr_ll* to) {
+void PacketPam::sendFrame(const Pkt::Ptr& pkt, const sockaddr_ll* to) {
   if (fd() < 0) return refuse(EBADF);
-  if (pkt.tciPresent() && pkt.bytes() < kAddresses) return refuse(EINVAL);
-  FramePieces frame(pkt);
-  msghdr message{};
-  message.msg_iov = frame.pieces();
-  message.msg_iovlen = frame.count();
-  if (to) {
-    message.msg_name = const_cast<sockaddr_ll*>(to);  // sendmsg() only reads it
-    message.msg_namelen = sizeof(*to);
-  }
-  if (sendmsg(fd(), &message, MSG_DONTWAIT) >= 0) {
-    txPktCountInc(1);
-    return;
-  }
-  const int error = errno;
-  txErrnoIs(error);
-  KIV_TRACE(trace, 0) << name() << ": sendmsg failed with " << error << " (" << Kiv::errorText(error) << ") ";
-  if (error == EAGAIN) {
-    txDropsInc(1);
-  } else {
-    txErrorsInc(1);
-  }
+  if (pkt->tciPresent() && pkt->bytes() < kAddresses) return refuse(EINVAL);
+  FramePieces frame(*pkt);
+  detail::TxMessage message(pkt);
+  message.piecesAre(frame.pieces(), frame.count());
+  if (to) message.toIs(*to);
+  if (send(message, MSG_DONTWAIT) == 0) txPktCountInc(1);
 }
 
 }  // namespace Wirl

@@ -9,17 +9,17 @@ namespace Wirl {
 
 using Kiv::U64;
 
-/// What the Pams that own a packet socket (packet(7)) share: whole Ethernet frames, without their check
+/// Base of the Pams that own a packet socket (packet(7)): whole Ethernet frames without their frame check
 /// sequence.
 ///
-/// `enabledIs(true)` opens the socket in the namespace `netNs`. It throws `Kiv::ErrnoException` with the
-/// failed call in its text ("socket", "bind", "setsockopt(PACKET_AUXDATA)", ...), with everything closed and
-/// the Pam disabled, to be tried again. Sockets are closed by the deferred closer (`deferClose`).
+/// `enabledIs(true)` opens the socket in the namespace `netNs`. If that fails it throws `Kiv::ErrnoException`
+/// with the failed call in its message ("socket", "bind", "setsockopt(PACKET_AUXDATA)", ...); the Pam is closed
+/// and disabled then and can be enabled again. The deferred closer (`deferClose`) closes the sockets.
 ///
-/// Sending: a packet's separate VLAN tag goes out behind the two addresses, where it belongs. A send that
-/// finds the socket full counts in `txDrops`, any other failure in `txErrors`, with `txErrno` in both cases;
-/// so does, before any system call, a send while disabled (EBADF) and one of a tag without two addresses in
-/// front (EINVAL). An interface that is down or gone shows in these counters, and nowhere else.
+/// Sending: a packet's separate VLAN tag is inserted behind the two addresses. If the socket is full, the
+/// packet counts in `txDrops`; any other failure counts in `txErrors`. Both set `txErrno`. Refused before any
+/// system call and counted in `txErrors`: a send while disabled (EBADF), and a tag on a packet that is too short
+/// for two addresses (EINVAL). An interface that is down or gone shows in these counters only.
 class KIV_API PacketPam : public SocketPam {
  public:
   KIV_ENTITY(PacketPam, SocketPam)
@@ -38,15 +38,14 @@ class KIV_API PacketPam : public SocketPam {
 
   virtual void sendPkt(const Pkt::Ptr& pkt) = 0;
   virtual void enabledIsImpl(bool on);
-  /// Sets a new socket up, which receives nothing yet.
-  virtual void configure() = 0;
-  virtual Kiv::Ptr<PamFdSm> newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd);
+  void openFailed() override {
+    enabled.store(false);
+    enabled.notifiees().notify();
+  }
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
 
-  /// Counts what is not sent, for the reason that `error` names.
-  void refuse(int error);
-  /// Sends on the interface that the socket is bound to, or `to`.
-  void sendFrame(const Pkt& pkt, const sockaddr_ll* to);
+  /// Sends to `to`, or, if null, on the interface that the socket is bound to.
+  void sendFrame(const Pkt::Ptr& pkt, const sockaddr_ll* to);
 };
 
 }  // namespace Wirl

@@ -1,9 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/Pam.h"
 
+#include <algorithm>
+
 #include "Kiv/Assert.h"
+#include "Kiv/Trace.h"
 
 namespace Wirl {
+
+namespace {
+
+Kiv::TraceHandle trace("Pam");
+
+constexpr U32 kUnpulledEvents = 1000;
+
+}  // namespace
 
 Pam::Pam(Kiv::String name) : Entity(std::move(name)) {}
 
@@ -23,6 +34,24 @@ void Pam::txPktIsImpl(const Pkt::Ptr& pkt) {
 
 S32 Pam::doGetBulkRxPkt() {
   KIV_ASSERT_AS(false, "Need to implement doGetBulkRxPkt in a derived class");
+}
+
+U32 Pam::rxAllowance(U32 wanted) noexcept {
+  if (pulledEvent_ != readableCount()) {
+    pulledEvent_ = readableCount();
+    pulled_ = 0;
+  }
+  if (rxBudget() == 0) return wanted;
+  if (pulled_ < rxBudget()) return std::min(wanted, rxBudget() - pulled_);
+  pulled_ = 0;
+  return 0;
+}
+
+void Pam::readableEvent() {
+  if (unpulled_ < kUnpulledEvents && ++unpulled_ == kUnpulledEvents) {
+    KIV_TRACE(trace, 0) << name() << ": " << kUnpulledEvents << " readable events and nobody called rxPkt()";
+  }
+  readableCountInc(1);
 }
 
 Pam::Saved& Pam::saved() {

@@ -24,15 +24,19 @@ using Kiv::S32;
 ///                                └─> writableCount ─> the client's reactor ──> txPktIs(pkt)
 ///
 /// A Pam never calls its clients. It counts `readableCount` up for each readable event and `writableCount`
-/// for each writable one, and the clients, reactors to these attributes, pull and push. Opening a descriptor
-/// counts both up once, so that clients drain what is queued already and send what they hold.
+/// for each writable one. Clients react to these attributes: they pull and push. Opening a descriptor counts
+/// both up once, so that clients drain what is already queued and send what they hold.
 ///
-/// `txPktIs` sends or drops: nothing is queued or tried again, nothing throws. What became of packets shows
-/// in the counters (and the traces of the class): `txDrops` for want of room, `txErrors` with `txErrno` for
+/// `txPktIs` sends the packet or drops it. It queues nothing, retries nothing and throws nothing. The counters
+/// (and the traces of the class) show the result: `txDrops` if there was no room, `txErrors` with `txErrno` for
 /// other reasons, `rxErrors`, `rxDrops`. Counters wrap at their width.
 ///
-/// A Pam belongs to the thread of its activity loop. Reactors may disable it, change it or let go of it at
-/// any point.
+/// `rxBudget` bounds how many packets one readable event gives, 0 for no bound. Then the pull gives null, and
+/// the loop offers the rest in its next pass, after other descriptors and clocks that are due.
+///
+/// A Pam belongs to the thread of its activity loop. Reactors may disable the Pam, change it or drop it at any
+/// point. If a reactor to an `rx...` attribute throws, the exception leaves `rxPkt()` and the next `rxPkt()`
+/// returns the packet.
 class KIV_API Pam : public Kiv::Entity {
  public:
   KIV_ENTITY(Pam, Kiv::Entity)
@@ -47,6 +51,7 @@ class KIV_API Pam : public Kiv::Entity {
   KIV_ATTR_COUNTER(U32, rxErrors)
   KIV_ATTR_DERIVED(U32, rxDrops)
   KIV_ATTR_DERIVED(U32, savedPackets)
+  KIV_ATTR(U32, rxBudget, 1024)
 
   explicit Pam(Kiv::String name);
   ~Pam() override;
@@ -56,17 +61,17 @@ class KIV_API Pam : public Kiv::Entity {
   virtual void handleWritableCount() {}
 
  public:
-  /// Packets lost on receive; a class may report its kernel's count instead of the stored one.
+  /// Packets lost on receive. A class may report the kernel's count instead of the stored one.
   virtual U32 rxDrops() const;
   virtual void rxDropsIs(U32 value);
 
  protected:
-  /// Sends one packet. The base only keeps it in `txPkt`.
+  /// Sends one packet. The base class only stores it in `txPkt`.
   virtual void txPktIsImpl(const Pkt::Ptr& pkt);
-  /// Receives at most one packet, into the slot (`rxPktHolderIs`).
+  /// Receives at most one packet into the slot (`rxPktHolderIs`).
   virtual void doGetRxPkt() = 0;
-  /// Receives a batch into `savedPacket` and marks in `savedPacketRx`; returns how many packets. The base
-  /// ends the process.
+  /// Receives a batch into `savedPacket`, marks the slots in `savedPacketRx` and returns the number of packets.
+  /// The base class ends the process.
   virtual S32 doGetBulkRxPkt();
 
  public:
@@ -75,21 +80,23 @@ class KIV_API Pam : public Kiv::Entity {
     const Kiv::Ptr<const Pam> guard = alive();
     txPktIsImpl(pkt);
   }
-  /// The next packet received, null when nothing is waiting. Call it until it gives null.
+  /// The next received packet, or null. Call it until it gives null.
   Pkt::Ptr rxPkt() const {
     const Kiv::Ptr<const Pam> guard = alive();
-    // Receiving changes the slot and the counters and nothing that a holder of a const Pam can rely on.
+    unpulled_ = 0;
+    // const_cast: the interface fixes rxPkt() as const, although it updates the slot and the counters.
     const_cast<Pam*>(this)->doGetRxPkt();
     return std::move(rxPktHolder_);
   }
-  /// Receives a batch; the packets stand in slot i of `savedPacket` wherever `savedPacketRx(i)` is true.
+  /// Receives a batch and returns the number of packets: slot i of `savedPacket` holds one if `savedPacketRx(i)`.
   S32 rxPktBulk() const {
     const Kiv::Ptr<const Pam> guard = alive();
+    unpulled_ = 0;
     return const_cast<Pam*>(this)->doGetBulkRxPkt();
   }
 
-  /// The buffers of bulk receiving, one a slot. Setting a slot beyond the end grows the array; reading there
-  /// gives null (false).
+  /// The buffers of batch receive, one per slot. Setting a slot beyond the end grows the array; reading there
+  /// gives null (or false).
   U32 savedPackets() const noexcept { return saved_ ? static_cast<U32>(saved_->packets.size()) : 0; }
   Pkt::Ptr savedPacket(U16 index) const { return index < savedPackets() ? saved_->packets[index] : nullptr; }
   void savedPacketIs(U16 index, const Pkt::Ptr& pkt);
@@ -105,8 +112,19 @@ class KIV_API Pam : public Kiv::Entity {
 
  protected:
   void rxPktHolderIs(Pkt::Ptr pkt) noexcept { rxPktHolder_ = std::move(pkt); }
-  /// The counts' `Inc(1)` for a caller who keeps the Pam alive meanwhile, and knows its class: the hook of a
-  /// final one is called directly.
+  /// Whether the slot still holds a packet, because a reactor threw when it was told of it.
+  bool rxPktHeld() const noexcept { return rxPktHolder_ != nullptr; }
+
+  /// How many of `wanted` packets the present event may still give. 0 ends its pull, and the next pull begins a
+  /// new budget; the caller sees to it that an event comes.
+  U32 rxAllowance(U32 wanted) noexcept;
+  /// Takes packets from the budget; 0 if there was nothing to receive, which ends the pull.
+  void rxPulled(U32 packets) noexcept { pulled_ = packets == 0 ? 0 : pulled_ + packets; }
+  /// Counts one readable event. Traces once that nobody pulls, after 1,000 events without a pull.
+  void readableEvent();
+
+  /// Like `readableCountInc(1)`, for callers that already hold the Pam and know its final type (lets the hook
+  /// call be devirtualised).
   template <std::derived_from<Pam> P>
   static void countReadable(P& pam) {
     pam.readableCount.store(pam.readableCount() + 1);
@@ -122,20 +140,24 @@ class KIV_API Pam : public Kiv::Entity {
 
  private:
   friend class detail::RxBatch;
+  friend class PamFdSm;
 
-  /// Of those that receive in batches.
+  /// For Pams that receive in batches.
   struct Saved {
     std::vector<Pkt::Ptr> packets;
     std::vector<bool> received;
   };
   Saved& saved();
 
-  /// Keeps the Pam while it sends or receives: reactors to its counters may let go of it. None for one that
-  /// no pointer holds.
+  /// Keeps the Pam alive while it sends or receives: a reactor may drop it. references() == 0: the Pam is under
+  /// construction or not on the heap, so it needs no guard.
   Kiv::Ptr<const Pam> alive() const { return Kiv::Ptr<const Pam>(references() > 0 ? this : nullptr); }
 
   mutable Pkt::Ptr rxPktHolder_;
   U32 rxDropsHolder_ = 0;
+  U32 pulled_ = 0;  // packets that the event `pulledEvent_` (a readableCount) gave
+  U32 pulledEvent_ = 0;
+  mutable U32 unpulled_ = 0;  // readable events since the last pull
   std::unique_ptr<Saved> saved_;
 };
 

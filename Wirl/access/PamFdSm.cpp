@@ -3,7 +3,6 @@
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
-#include "Wirl/access/ReqResponseRawTxPam.h"
 
 namespace Wirl {
 
@@ -14,7 +13,8 @@ Kiv::TraceHandle reqResponseTrace("ReqResponsePamFdSm");
 }  // namespace
 
 PamFdSm::PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) : fileDesc_(fd), pam_(pam) {
-  const Kiv::Ptr<Pam> alive(pam_->references() > 0 ? pam_ : nullptr);  // whatever the first count sets off
+  // Keep the Pam alive: a reactor to the first count may drop it.
+  const Kiv::Ptr<Pam> alive(pam_->references() > 0 ? pam_ : nullptr);
   pam_->readableCountInc(1);
   pam_->writableCountInc(1);
 }
@@ -41,7 +41,7 @@ void PamFdSm::hasNotificationActiveIs(bool active) {
 }
 
 void PamFdSm::handleReadable() {
-  pam_->readableCountInc(1);
+  pam_->readableEvent();
 }
 
 void PamFdSm::handleWritable() {
@@ -58,19 +58,12 @@ ReqResponsePamFdSm::~ReqResponsePamFdSm() = default;
 
 void ReqResponsePamFdSm::handleWritable() {
   KIV_TRACE(reqResponseTrace, 0) << "ReqResponsePamFdSm::handleWritable";
-  // Reactors to the switch may close or drop the Pam, and this with it.
+  // A reactor to the switch may close the Pam, which detaches this object, or drop both.
   const Kiv::Ptr<ReqResponsePamFdSm> alive(this);
   const Kiv::Ptr<Pam> pamAlive(pam()->references() > 0 ? pam() : nullptr);
-  const Kiv::Ptr<Kiv::FileDescriptor> fd = static_cast<ReqResponseRawTxPam*>(pam())->fileDesc();
+  const Kiv::Ptr<Kiv::FileDescriptor> fd = fileDesc();
   if (fd) fd->notifyOnWritableIs(false);
-  if (hasFileDesc()) PamFdSm::handleWritable();
-}
-
-Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
-  KIV_ASSERT_AS(dynamic_cast<ReqResponseRawTxPam*>(pam), "dynamic_cast<ReqResponseRawTxPam*>(pam)");
-  Kiv::Ptr<ReqResponsePamFdSm> sm(new ReqResponsePamFdSm(fd, pam));
-  sm->hasNotificationActiveIs(true);
-  return sm;
+  if (fileDesc()) PamFdSm::handleWritable();
 }
 
 }  // namespace Wirl

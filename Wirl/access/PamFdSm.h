@@ -9,25 +9,25 @@
 namespace Wirl {
 
 /// Ties a descriptor to a Pam: each readable event counts the Pam's `readableCount` up by one, each writable
-/// one its `writableCount`. Being made counts both up once, in that order.
+/// event its `writableCount`. The constructor counts both up once, in that order.
 ///
-/// The Pam owns its state machine and is not owned by it. The state machine may be dropped from anything that
-/// its counting sets off.
+/// The Pam owns its state machine; the state machine does not own the Pam. Anything that a count sets off may
+/// drop the state machine.
 class KIV_API PamFdSm : public Kiv::PtrInterface {
  public:
   ~PamFdSm() override;
 
   Pam* pam() const noexcept { return pam_; }
-  /// Lets go of the descriptor, which is no longer reacted to, and returns it; null if there was none.
+  /// Stops reacting to the descriptor and returns it; null if there was none.
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
-  /// Whether events of the descriptor are reacted to.
+  /// Whether this object reacts to events of the descriptor.
   bool hasNotificationActive() const noexcept { return active_; }
   void hasNotificationActiveIs(bool active);
 
  protected:
   PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
-  bool hasFileDesc() const noexcept { return fileDesc_ != nullptr; }
+  const Kiv::Ptr<Kiv::FileDescriptor>& fileDesc() const noexcept { return fileDesc_; }
   virtual void handleReadable();
   virtual void handleWritable();
 
@@ -41,11 +41,11 @@ class KIV_API PamFdSm : public Kiv::PtrInterface {
   bool active_ = false;
 };
 
-/// Makes a state machine for `fd` (null: none to react to) and `pam`, and activates it.
+/// Makes a state machine for `fd` (null: nothing to react to) and `pam`, and activates it.
 KIV_API Kiv::Ptr<PamFdSm> PamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
-/// Reports one writable event for each time that the descriptor's writable notification is switched on: the
-/// event switches it off again before it is counted. Arming it again is up to the Pam.
+/// Counts one writable event for each time that the descriptor's writable notification is switched on: the
+/// event switches the notification off before it counts. The Pam arms it again.
 class KIV_API ReqResponsePamFdSm final : public PamFdSm {
  public:
   ~ReqResponsePamFdSm() override;
@@ -59,7 +59,7 @@ class KIV_API ReqResponsePamFdSm final : public PamFdSm {
                                                                    Pam* pam);
 };
 
-/// The same for a `ReqResponseRawTxPam`, through which the descriptor is reached; another Pam ends the process.
+/// The same for a `ReqResponseRawTxPam`. A Pam of another class ends the process.
 KIV_API Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
 }  // namespace Wirl

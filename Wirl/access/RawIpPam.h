@@ -1,23 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <memory>
-
 #include "Wirl/access/IpPam.h"
-
-namespace Kiv {
-class TraceHandle;
-}
 
 namespace Wirl {
 
 namespace detail {
-class RxBatch;
 struct RxSide;
 struct RawIpFamily;
 }  // namespace detail
 
-/// What is known of a received packet beside its bytes.
+/// What is known about a received packet beside its bytes.
 struct IpRxMetadata {
   IpGenAddr srcIpAddr, dstIpAddr, origDstIpAddr;
   U32 ifIndex = 0;
@@ -28,38 +21,36 @@ struct IpRxMetadata {
 
 /// A raw IP socket of either family; see `IpSocketPam` and `Ip6SocketPam`.
 ///
-/// `enabledIs(true)` opens a socket for `protocol` in the namespace `netNs`, sets what is configured and then
-/// counts `readableCount` and `writableCount` up once. It throws `Kiv::ErrnoException` with the failed call
-/// in its text ("socket", "setsockopt(IP_HDRINCL)", ...), with everything closed and the Pam disabled, to be
-/// tried again.
+/// `enabledIs(true)` opens a socket for `protocol` in the namespace `netNs`, applies the configuration and then
+/// counts `readableCount` and `writableCount` up once. If that fails it throws `Kiv::ErrnoException` with the
+/// failed call in its message ("socket", "setsockopt(IP_HDRINCL)", ...); the Pam is closed and disabled then and
+/// can be enabled again.
 ///
-/// Options that change while the socket is open are applied at once, in the order of their bits. One that the
-/// kernel refuses closes the socket and throws; the Pam then has none until it is disabled and enabled again.
-/// `ipMulticastLoop` is applied at opening in either state; `txTOS`, `txTTL` (of unicast and multicast) and
-/// `priority` are where they are not 0; `ipRcvBuf` switched off leaves the buffer as it is. `ipAttachFilter`
-/// holds from the first packet on: what arrived before the program was in place is discarded.
+/// Options that change while the socket is open apply at once, in the order of their bits. If the kernel refuses
+/// one, the socket is closed and the setter throws; disable and enable the Pam to get a new socket. Opening applies
+/// `ipMulticastLoop` in either state, and `txTOS`, `txTTL` (unicast and multicast) and `priority` if they are not
+/// 0. Switching `ipRcvBuf` off leaves the buffer as it is. `ipAttachFilter` holds from the first packet on: packets
+/// that arrive before the program is attached are discarded.
 ///
-/// Sending: `txDstIpAddr` is where to, `txSrcIpAddr` and `txIfIndex` (or `txIfName`, looked up at each send)
-/// choose source and interface; they stay until they are changed. With the option `ipHdrIncl` a packet begins
-/// with its IP header, and goes to that header's destination unless `txDstIpAddr` says otherwise. A failed
-/// send counts in `txErrors`, with `txErrno`; so does, before any system call, one without a destination
-/// (EDESTADDRREQ) or with addresses of the other family (EAFNOSUPPORT). Sending while disabled ends the
-/// process.
+/// Sending: `txDstIpAddr` is the destination; `txSrcIpAddr` and `txIfIndex` (or `txIfName`, looked up at each
+/// send) choose source and interface. They stay until they are changed. With the option `ipHdrIncl` a packet
+/// begins with its IP header and goes to that header's destination, unless `txDstIpAddr` is set. A failed send
+/// counts in `txErrors` and sets `txErrno`. So does, before any system call, a send without a destination
+/// (EDESTADDRREQ) or with addresses of the other family (EAFNOSUPPORT). Sending while disabled ends the process.
 ///
-/// Receiving: each `rxPkt` makes one receive call. One that fails counts in `rxErrors`, also when there was
-/// nothing to receive. A packet longer than `maxRxPktData` is delivered cut to that, with MSG_TRUNC in
-/// `rxFlags`. With `ipRecvErr`, a receive that fails also fetches what ICMP reported of earlier sends off the
-/// socket's error queue, into `rxErrQueueCount` and traces.
+/// Receiving: each `rxPkt` makes one receive call. A failed one counts in `rxErrors`, even if the socket was only
+/// empty. A packet longer than `maxRxPktData` is delivered cut, with MSG_TRUNC in `rxFlags`. With `ipRecvErr`, a
+/// failed receive also drains the socket's error queue (what ICMP reported about earlier sends) into
+/// `rxErrQueueCount` and traces.
 ///
-/// With `enableBulkRead`, each `rxPkt` receives a batch of up to `socketReadLimit` packets, marked in
-/// `savedPacketRx`, and returns the last of them, which is also the one that the `rx...` attributes are
-/// about:
+/// With `enableBulkRead`, each `rxPkt` receives a batch of up to `socketReadLimit` packets and marks them in
+/// `savedPacketRx`. It returns the last one, which the `rx...` attributes describe:
 ///
 ///     while (pam->rxPkt()) {
 ///       for (Kiv::U16 i = 0; pam->savedPacketRx(i); ++i) handle(pam->savedPacket(i), pam->rxMetadata(i));
 ///     }
 ///
-/// A packet of a batch may be kept: its slot gets another one for the next batch.
+/// A client may keep a packet of a batch: its slot gets another one for the next batch.
 class KIV_API RawIpPam : public IpPam {
  public:
   KIV_ENTITY(RawIpPam, IpPam)
@@ -67,14 +58,14 @@ class KIV_API RawIpPam : public IpPam {
 
   ~RawIpPam() override;
 
-  /// Joins or leaves a multicast group on an interface (0: the system's choice). Returns 0 or an errno:
-  /// ENODEV without a socket or interface, EINVAL for an address that is no group of the family, EADDRINUSE
-  /// for a group joined already, EADDRNOTAVAIL for one not joined. From the first join on an IPv4 socket
-  /// receives groups that it joined itself only; to an IPv6 socket the kernel gives those too that others
-  /// joined. Memberships go with the socket.
+  /// Joins or leaves a multicast group on an interface (0: the system's choice). Returns 0 or an errno: ENODEV
+  /// without a socket or interface, EINVAL for an address that is no group of the family, EADDRINUSE for a group
+  /// already joined, EADDRNOTAVAIL for one not joined. From the first join on, an IPv4 socket receives only groups
+  /// that it joined itself; the kernel gives an IPv6 socket the groups that others joined, too. Memberships end
+  /// with the socket.
   S32 handleMcastGroup(const IpGenAddr& group, bool join, U32 ifIndex);
 
-  /// Of the packet in slot `index` of the latest batch, as long as it was not changed; all unknown for a slot
+  /// Of the packet in slot `index` of the latest batch, while nobody changes that packet; all unknown for a slot
   /// without one.
   IpRxMetadata rxMetadata(U16 index) const;
 
@@ -89,28 +80,25 @@ class KIV_API RawIpPam : public IpPam {
   void enabledIsImpl(bool on) override;
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
   void doGetRxPkt() override;
+  void setUp(detail::Changes& changes) override;
+  Loss lossOf(int error) const override;
+  void receiveFailed(bool batch, int error) override;
+  const Kiv::TraceHandle& traceHandle() const override;
 
   static const detail::RawIpFamily ipv4Family_;
   static const detail::RawIpFamily ipv6Family_;
 
  private:
-  void configure();
   void holdBackPackets();
   void applyOptions(U32 changed, U32 bits);
   void applyPriority();
-  void refuse(int error);
   IpGenAddr destinationOf(const Pkt& pkt) const;
   bool interfaceIs(U32& ifIndex);
-  void receiveOne();
-  void receiveBatch();
-  void noPkt();
-  void receiveFailed(const char* call, int error);
+  IpRxMetadata metadataOf(const msghdr& message, const detail::RxSide& side, const Pkt& pkt) const;
   void drainErrorQueue();
-  void publish(const IpRxMetadata& metadata);
+  void hand(Pkt::Ptr pkt, const IpRxMetadata& metadata, U32 packets);
 
   const detail::RawIpFamily& family_;
-  Pkt::Ptr spare_;  // for the next receive, if it is nobody else's then
-  std::unique_ptr<detail::RxBatch> batch_;
 };
 
 }  // namespace Wirl

@@ -10,9 +10,6 @@ namespace Wirl {
 
 RawTxPam::~RawTxPam() = default;
 
-/// The socket belongs to no protocol, and so receives nothing.
-void RawTxPam::configure() {}
-
 void RawTxPam::doGetRxPkt() {}
 
 void RawTxPam::sendPkt(const Pkt::Ptr& pkt) {
@@ -20,7 +17,7 @@ void RawTxPam::sendPkt(const Pkt::Ptr& pkt) {
   sockaddr_ll to{};
   to.sll_family = AF_PACKET;
   to.sll_ifindex = static_cast<int>(txIfIndex());
-  sendFrame(*pkt, &to);
+  sendFrame(pkt, &to);
 }
 
 Kiv::Ptr<RawTxPam> rawTxPamFactory(Kiv::String name, const NamespaceName& netNs) {

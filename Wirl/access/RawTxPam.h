@@ -5,8 +5,8 @@
 
 namespace Wirl {
 
-/// Sends whole Ethernet frames on any interface of a namespace, chosen for each by `txIfIndex`, and receives
-/// nothing; see `PacketPam`. A packet for interface index 0 is refused (ENXIO in `txErrno`).
+/// Sends whole Ethernet frames on any interface of a namespace and receives nothing; see `PacketPam`.
+/// `txIfIndex` chooses the interface; it refuses index 0 (ENXIO in `txErrno`).
 class KIV_API RawTxPam : public PacketPam {
  public:
   KIV_ENTITY(RawTxPam, PacketPam)
@@ -17,7 +17,7 @@ class KIV_API RawTxPam : public PacketPam {
 
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
-  void configure() override;
+  bool receives() const override { return false; }
   void doGetRxPkt() override;
 };
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/ReqResponseRawTxPam.h"
 
+#include "Kiv/Assert.h"
+
 namespace Wirl {
 
 ReqResponseRawTxPam::~ReqResponseRawTxPam() = default;
@@ -11,6 +13,13 @@ Kiv::Ptr<PamFdSm> ReqResponseRawTxPam::newFdSm(const Kiv::Ptr<Kiv::FileDescripto
 
 void ReqResponseRawTxPam::requestWritable() {
   if (fd() >= 0) fileDesc()->notifyOnWritableIs(true);
+}
+
+Kiv::Ptr<ReqResponsePamFdSm> ReqResponsePamFdSmIs(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) {
+  KIV_ASSERT_AS(dynamic_cast<ReqResponseRawTxPam*>(pam), "dynamic_cast<ReqResponseRawTxPam*>(pam)");
+  Kiv::Ptr<ReqResponsePamFdSm> sm(new ReqResponsePamFdSm(fd, pam));
+  sm->hasNotificationActiveIs(true);
+  return sm;
 }
 
 Kiv::Ptr<ReqResponseRawTxPam> reqResponseRawTxPamFactory(Kiv::String name, const NamespaceName& netNs) {

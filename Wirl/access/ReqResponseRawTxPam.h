@@ -5,16 +5,16 @@
 
 namespace Wirl {
 
-/// A `RawTxPam` whose clients ask when they may send: after `requestWritable` the socket having room counts
-/// `writableCount` up, once. A client that lost a packet to a full socket (`txDrops`) asks, and sends again
-/// from its reactor to `writableCount`.
+/// A `RawTxPam` whose clients ask when they may send: after `requestWritable`, `writableCount` goes up once as
+/// soon as the socket has room. A client that lost a packet to a full socket (`txDrops`) asks, and sends again in
+/// its reactor to `writableCount`.
 class KIV_API ReqResponseRawTxPam final : public RawTxPam {
  public:
   ReqResponseRawTxPam(Kiv::String name, const NamespaceName& ns) : RawTxPam(std::move(name), ns) {}
   ~ReqResponseRawTxPam() override;
 
-  /// Asks for one writable event, also where one was asked for already. While disabled it does nothing:
-  /// enabling counts `writableCount` up anyway.
+  /// Asks for one writable event; asking twice gives one. Does nothing while disabled: enabling counts
+  /// `writableCount` up anyway.
   void requestWritable();
 
  protected:

@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/SocketPam.h"
 
-#include <sys/socket.h>
+#include <linux/sock_diag.h>
 
 #include <cerrno>
+#include <new>
 
-#include "Kiv/ActivityLoop.h"
+#include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/detail/Changes.h"
+#include "Wirl/access/detail/Receive.h"
+#include "Wirl/access/detail/Socket.h"
 #include "Wirl/access/socketAt.h"
 
 namespace Wirl {
@@ -16,74 +20,246 @@ namespace {
 
 Kiv::TraceHandle trace("SocketPam");
 
+/// Closes the descriptor of an object, if there is one; the object reads -1 then. Returns what its reactors throw.
+std::exception_ptr closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing, int (*close)(int)) noexcept {
+  if (!closing) return nullptr;
+  const int fd = closing->descriptor();
+  std::exception_ptr thrown;
+  try {
+    closing->descriptorIs(-1);
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  if (fd >= 0) close(fd);
+  return thrown;
+}
+
 }  // namespace
 
+SocketPam::SocketPam(Kiv::String name, int (*close)(int)) : Pam(std::move(name)), close_(close) {}
+
 SocketPam::~SocketPam() = default;
+
+void SocketPam::setUp(detail::Changes&) {}
+
+void SocketPam::forget(detail::Changes&) noexcept {}
+
+Kiv::Ptr<PamFdSm> SocketPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
+  return PamFdSmIs(opened, this);
+}
+
+const Kiv::TraceHandle& SocketPam::traceHandle() const {
+  return trace;
+}
 
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
-Kiv::Ptr<Kiv::FileDescriptor> SocketPam::newSocket(int domain, int protocol, const NamespaceName& ns) {
-  Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
-  const int socket = socketAt(domain, SOCK_RAW, protocol, ns);
-  if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
-  auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());
-  opened->notifyOnReadableIs(false);
+void SocketPam::reopen(bool on, const Kind& kind, const NamespaceName& ns) {
+  const U32 turn = ++turn_;
   try {
-    opened->descriptorIs(socket);
+    closeAndTell();
+    if (on && turn == turn_) openSocket(kind, ns);
   } catch (...) {
-    close_(socket);
+    if (turn == turn_) {
+      detail::Changes changes;
+      closeSocket(changes);
+      detail::doQuietly([this] { openFailed(); });
+      detail::doQuietly([&changes] { changes.tell(); });
+    }
     throw;
   }
+}
+
+void SocketPam::openSocket(const Kind& kind, const NamespaceName& ns) {
+  const U32 turn = turn_;
+  detail::Changes changes;
+  const Kiv::Ptr<Kiv::FileDescriptor> opened = newSocket(kind, ns);
+  setUp(changes);
+  changes.add(true, fileDesc);
+  if (receives()) opened->notifyOnReadableIs(true);
+  shown_ = true;
+  changes.tell();
+  if (turn != turn_) return;
+  const Kiv::Ptr<PamFdSm> sm = newFdSm(opened);
+  if (turn == turn_) fdSm.set(sm);
+}
+
+Kiv::Ptr<Kiv::FileDescriptor> SocketPam::newSocket(const Kind& kind, const NamespaceName& ns) {
+  KIV_ASSERT_AS(!fileDesc(), "!fileDesc()");
+  domain_ = kind.domain;
+  ns_ = ns;
+  spare_ = nullptr;
+  batch_ = nullptr;
+  dropsSeen_ = 0;
+  // Make the owner first: without memory there is no socket to lose.
+  auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());
+  opened->notifyOnReadableIs(false);
+  const int socket = socketAt(kind.domain, kind.type, kind.protocol, ns);
+  if (socket < 0) fail(errno, "socket");
   fileDesc.store(opened);
-  opened->nonBlockingIs(true);
+  try {
+    opened->descriptorIs(socket);
+    opened->nonBlockingIs(true);
+  } catch (const Kiv::ErrnoException& failure) {
+    if (opened->descriptor() < 0) close_(socket);
+    fail(failure.error(), failure.message().c_str());
+  } catch (...) {
+    if (opened->descriptor() < 0) close_(socket);
+    throw;
+  }
   KIV_TRACE(trace, 5) << name() << ": socket fd is " << socket;
   return opened;
 }
 
-SocketPam::Closed SocketPam::closeSocket() noexcept {
+std::exception_ptr SocketPam::closeSocket(detail::Changes& changes) noexcept {
   collectDrops();  // the kernel's count goes with the socket
-  drops_.reset();
   const Kiv::Ptr<PamFdSm> sm = fdSm();
   const Kiv::Ptr<Kiv::FileDescriptor> closing = fileDesc();
   fdSm.store(nullptr);
   fileDesc.store(nullptr);
-  if (sm) sm->fileDescDel();  // whoever else holds it: it counts for this Pam no more
-  return {closing != nullptr, sm != nullptr, detail::closeDescriptor(closing, close_)};
+  changes.add(sm != nullptr, fdSm);
+  changes.add(closing != nullptr && std::exchange(shown_, false), fileDesc);
+  forget(changes);
+  if (sm)
+    sm->fileDescDel();  // others may still hold the state machine, but it must stop counting for this Pam
+  return closeDescriptor(closing, close_);
 }
 
-void SocketPam::tell(const Closed& closed) {
-  const auto tellFdSm = [&] {
-    if (closed.fdSm) fdSm.notifiees().notify();
-  };
-  detail::doBoth(tellFdSm, [&] {
-    if (closed.fileDesc) fileDesc.notifiees().notify();
-  });
-  if (closed.thrown) std::rethrow_exception(closed.thrown);
+void SocketPam::closeSocket() noexcept {
+  detail::Changes nobodyIsTold;
+  closeSocket(nobodyIsTold);
 }
 
-void SocketPam::setOption(int level, int option, const void* value, socklen_t length, const char* text) {
-  if (setsockopt(fd(), level, option, value, length) < 0) closeAndThrow(errno, text);
+void SocketPam::closeAndTell() {
+  detail::Changes changes;
+  const std::exception_ptr thrown = closeSocket(changes);
+  changes.tell();
+  if (thrown) std::rethrow_exception(thrown);
 }
 
-void SocketPam::closeAndThrow(int error, const char* text, int other) {
-  // Reactors to the descriptor may let go of the Pam. What they throw gives way to the failure.
+void SocketPam::fail(int error, const char* text) const {
+  throw Kiv::ErrnoException(error, text);
+}
+
+void SocketPam::closeAndFail(int error, const char* text, const char* complaint, int other) {
+  // A reactor to the descriptor may drop the Pam. If it throws, its exception gives way to the original error.
   const Kiv::Ptr<SocketPam> alive(references() > 0 ? this : nullptr);
   collectDrops();
-  drops_.reset();
   if (other == fd()) other = -1;
-  detail::closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), close_);
+  closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), close_);
   if (other >= 0) close_(other);
-  KIV_TRACE(trace, 0) << name() << ": " << text << " failed, errno: " << error;
-  throw Kiv::ErrnoException(error, text);
+  if (complaint) {
+    KIV_TRACE(traceHandle(), 0) << who() << ": " << complaint << ", errno: " << error;
+  } else {
+    KIV_TRACE(traceHandle(), 0) << who() << ": " << text << " failed, errno: " << error;
+  }
+  fail(error, text);
+}
+
+void SocketPam::setOption(int level, int option, const void* value, socklen_t length, const char* text,
+                          const char* complaint) {
+  if (setsockopt(fd(), level, option, value, length) < 0) closeAndFail(errno, text, complaint);
+}
+
+// Receiving
+// --------------------------------------------------------------------------------------------------
+
+bool SocketPam::receive(detail::Received& got, U32 room) {
+  if (rxPktHeld() || fd() < 0) return false;
+  if (rxAllowance(1) == 0) {
+    offerRest();
+    return false;
+  }
+  const bool received = detail::receivePkt(got, spare_, fd(), room);
+  rxPulled(received);
+  if (!received) receiveFailed(false, errno);
+  return received;
+}
+
+void SocketPam::deliver(Pkt::Ptr pkt, const detail::Changes& changes) {
+  rxPktHolderIs(std::move(pkt));
+  changes.tell();
+}
+
+S32 SocketPam::receiveBatch(U16 limit, U32 room) {
+  savedPacketRxDelAll();
+  if (fd() < 0) return 0;
+  const auto allowed = static_cast<U16>(rxAllowance(limit));
+  if (allowed == 0) {
+    offerRest();
+    return 0;
+  }
+  if (!batch_) batch_.reset(new (std::nothrow) detail::RxBatch);
+  const S32 received = batch_ ? batch_->receive(*this, fd(), allowed, room) : 0;
+  const int error = received < 0 ? errno : 0;
+  rxPulled(static_cast<U32>(std::max(received, 0)));
+  if (received > 0) return received;
+  receiveFailed(true, error);
+  return 0;
+}
+
+const detail::RxBatch* SocketPam::batchWith(U16 index) const noexcept {
+  return batch_ && savedPacketRx(index) && index < batch_->received() ? batch_.get() : nullptr;
+}
+
+/// A level-triggered descriptor is reported again anyway.
+void SocketPam::offerRest() noexcept {
+  if (fileDesc()->edgeTriggered()) fileDesc()->readableAgain();
+}
+
+void SocketPam::receiveFailed(bool batch, int error) {
+  if (error == EAGAIN) return;
+  if (error == 0) {
+    KIV_TRACE(traceHandle(), 0) << who() << ": Failed to obtain new packet object";
+    return;
+  }
+  KIV_TRACE(traceHandle(), 0) << who() << ": " << (batch ? "recvmmsg" : "recvmsg") << " failed with " << error
+                              << " (" << Kiv::errorText(error) << ") ";
+  rxErrorsInc(1);
+}
+
+// Sending
+// ----------------------------------------------------------------------------------------------------
+
+SocketPam::Loss SocketPam::lossOf(int error) const {
+  return error == EAGAIN ? Loss::drop : Loss::error;
+}
+
+int SocketPam::send(const detail::TxMessage& message, int flags) {
+  if (sendmsg(fd(), &message.get(), flags) >= 0) return 0;
+  const int error = errno;
+  KIV_TRACE(traceHandle(), 0) << who() << ": sendmsg failed with " << error << " (" << Kiv::errorText(error)
+                              << ") ";
+  lost(error, lossOf(error));
+  return error;
+}
+
+void SocketPam::refuse(int error) {
+  KIV_TRACE(traceHandle(), 3) << who() << ": packet refused with " << error << " (" << Kiv::errorText(error)
+                              << ") ";
+  lost(error, Loss::error);
+}
+
+void SocketPam::lost(int error, Loss loss) {
+  detail::Changes changes;
+  put(changes, txErrno, error);
+  if (loss == Loss::drop) put(changes, txDrops, txDrops() + 1);
+  if (loss == Loss::error) put(changes, txErrors, txErrors() + 1);
+  changes.tell();
 }
 
 // The kernel's count
 // -----------------------------------------------------------------------------------------
 
+/// Reads the kernel's count of packets that found no room, which costs the receive path nothing.
 void SocketPam::collectDrops() const {
-  const U32 drops = drops_.sinceLast(fd());
-  // What changes is where the sum is kept, not the sum.
+  U32 info[SK_MEMINFO_VARS] = {};
+  socklen_t length = sizeof(info);
+  if (fd() < 0 || getsockopt(fd(), SOL_SOCKET, SO_MEMINFO, info, &length) < 0) return;
+  const U32 drops = info[SK_MEMINFO_DROPS] - dropsSeen_;
+  dropsSeen_ += drops;
+  // const_cast: moves the kernel's count into the stored one; the total that rxDrops() reports stays the same.
   if (drops != 0) const_cast<SocketPam*>(this)->Pam::rxDropsIs(Pam::rxDrops() + drops);
 }
 

@@ -1,24 +1,41 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <concepts>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <exception>
+#include <memory>
 
 #include "Kiv/FileDescriptor.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/access/PamFdSm.h"
-#include "Wirl/access/detail/SocketDrops.h"
-#include "Wirl/access/detail/closeDescriptor.h"
+#include "Wirl/access/detail/Changes.h"
 #include "Wirl/value/NamespaceName.h"
+
+namespace Kiv {
+class TraceHandle;
+}
 
 namespace Wirl {
 
-/// What the Pams that own a socket share: its descriptor object and state machine, how it is opened and
-/// closed, and the kernel's count of what it had no room for.
+namespace detail {
+class RxBatch;
+class TxMessage;
+struct Received;
+}  // namespace detail
+
+/// Base of all Pams that own a socket: opens and closes it, tells reactors, counts, and names itself in errors.
 ///
-/// Opening and closing is done before anybody is told: reactors to `fileDesc` and `fdSm`, and to the first
-/// counts, find the Pam open or closed, never in between. They may close or open it themselves. Theirs is the
-/// newer turn then, and what was going on when they were told ends there.
+///     reopen(on, kind, ns)    closes ──> forget()          receive(got, room) ──> receiveFailed()
+///                             opens ───> setUp()           send(message) ───────> lossOf()
+///                                   ───> newFdSm()
+///
+/// A derived class calls `reopen` with what to open, sets the socket up in `setUp`, overrides `doGetRxPkt` and
+/// `txPktIsImpl` with the help of `receive` and `send`, and calls `closeSocket` in its destructor.
+///
+/// Reactors find the Pam open or closed, never in between. They may open or close it again: the newest call wins,
+/// and the outer one returns without doing more.
 class KIV_API SocketPam : public Pam {
  public:
   Kiv::Attr<Kiv::Ptr<Kiv::FileDescriptor>, SocketPam> fileDesc;
@@ -26,76 +43,117 @@ class KIV_API SocketPam : public Pam {
 
   ~SocketPam() override;
 
-  /// Packets lost on receive: what the kernel counted for the sockets that this Pam has had.
+  /// Packets lost on receive: the kernel's count, over all sockets that this Pam has had.
   U32 rxDrops() const override;
   void rxDropsIs(U32 value) override;
 
  protected:
-  /// `close` closes a socket: close(2), or what stands in for it.
-  SocketPam(Kiv::String name, int (*close)(int)) : Pam(std::move(name)), close_(close) {}
+  /// As for socket(2).
+  struct Kind {
+    int domain, type, protocol;
+  };
+  /// How a failed send counts.
+  enum class Loss { uncounted, drop, error };
 
-  /// -1 without a socket.
+  /// `close` closes a socket: close(2) or `deferClose`.
+  explicit SocketPam(Kiv::String name, int (*close)(int) = ::close);
+
+  // For derived classes to define ---------------------------------------------------------------------------
+
+  /// Sets up the new socket `fd()`: options, bind(2), attributes that depend on the socket. Nothing is watched
+  /// yet, and reactors are told afterwards, of `changes` as well. May throw.
+  virtual void setUp(detail::Changes& changes);
+  /// Whether the socket is watched for packets.
+  virtual bool receives() const { return true; }
+  /// Makes the state machine, which counts; null for none.
+  virtual Kiv::Ptr<PamFdSm> newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd);
+  /// Resets what the class knows of the socket that is being closed.
+  virtual void forget(detail::Changes& changes) noexcept;
+  /// Stores and tells that the Pam is not open: opening or closing failed.
+  virtual void openFailed() {}
+  /// Where the socket belongs, for errors: a device, an address and port.
+  virtual Kiv::String place() const { return ""; }
+  /// Here: EAGAIN is a drop, everything else an error.
+  virtual Loss lossOf(int error) const;
+  /// Counts and traces a receive that failed with `error`, or without memory for a packet (0). `batch`: whether it
+  /// was recvmmsg(2). Here: EAGAIN, which says only that the socket is empty, leaves no mark.
+  virtual void receiveFailed(bool batch, int error);
+  /// For traces.
+  virtual const Kiv::TraceHandle& traceHandle() const;
+  virtual Kiv::String who() const { return name(); }
+
+  // For derived classes to use ------------------------------------------------------------------------------
+
+  /// The open socket, or -1.
   S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
+  /// Its domain, whatever attributes say by now.
+  int domain() const noexcept { return domain_; }
 
-  /// Closes the socket, if there is one, and if `on` says so has `open` open another. Where that throws there
-  /// is none, and `failed` is to put on record, and tell, that the Pam is not open. What reactors throw then
-  /// gives way to the failure.
-  template <std::invocable Open, std::invocable Failed>
-  void reopen(bool on, Open open, Failed failed) {
-    const U32 turn = ++turn_;
-    try {
-      tell(closeSocket());
-      if (on && turn == turn_) open();
-    } catch (...) {
-      if (turn == turn_) {
-        const Closed closed = closeSocket();
-        detail::doQuietly(failed);
-        detail::doQuietly([&] { tell(closed); });
-      }
-      throw;
-    }
+  /// Stores a value now, to be told with the other changes.
+  template <typename AnyAttr, typename Value>
+  void put(detail::Changes& changes, AnyAttr& attr, const Value& value) {
+    changes.add(storeAttr(attr, value), attr);
   }
 
-  /// For `open`: opens a raw socket, has `configure` set it up, and makes the state machine, which counts,
-  /// with `newFdSm`. Nothing is watched before `configure` switches it on, so that no event precedes the
-  /// first count.
-  template <std::invocable Configure, std::invocable<const Kiv::Ptr<Kiv::FileDescriptor>&> NewFdSm>
-  void openSocket(int domain, int protocol, const NamespaceName& ns, Configure configure, NewFdSm newFdSm) {
-    const U32 turn = turn_;
-    const Kiv::Ptr<Kiv::FileDescriptor> opened = newSocket(domain, protocol, ns);
-    configure();
-    if (turn == turn_) fileDesc.notifiees().notify();
-    if (turn != turn_) return;
-    const Kiv::Ptr<PamFdSm> sm = newFdSm(opened);
-    if (turn == turn_) fdSm.set(sm);
+  /// Closes the socket, if there is one, and opens another one if `on`. If that throws, there is no socket.
+  /// Exceptions of reactors that are told of a failure are dropped in favour of the original error.
+  void reopen(bool on, const Kind& kind, const NamespaceName& ns);
+  /// The setter of an attribute `enabled`.
+  template <typename Enabled>
+  void enabledIsWith(Enabled& enabled, bool on, const Kind& kind, const NamespaceName& ns) {
+    if (!storeAttr(enabled, on)) return;
+    Kiv::detail::hookAndNotify(this, enabled.notifiees(), [&] { reopen(on, kind, ns); });
   }
 
-  /// Sets an option, or closes the socket and throws `Kiv::ErrnoException` with `text`.
-  void setOption(int level, int option, const void* value, socklen_t length, const char* text);
-  void setOption(int level, int option, int value, const char* text) {
-    setOption(level, option, &value, sizeof(value), text);
+  /// Throws `Kiv::ErrnoException` with the message `text`; `what()` adds name, namespace and place.
+  [[noreturn]] void fail(int error, const char* text) const;
+  /// The same, but closes the socket first: its descriptor object, if there is one, stays and reads -1. Also
+  /// closes `other`, if that is another descriptor. `complaint` is for the trace.
+  [[noreturn]] void closeAndFail(int error, const char* text, const char* complaint = nullptr,
+                                 int other = -1);
+  /// Sets an option; if the kernel refuses, closes the socket and throws (`closeAndFail`).
+  void setOption(int level, int option, const void* value, socklen_t length, const char* text,
+                 const char* complaint = nullptr);
+  void setOption(int level, int option, int value, const char* text, const char* complaint = nullptr) {
+    setOption(level, option, &value, sizeof(value), text, complaint);
   }
-  /// The descriptor object, if there is one, stays, and reads -1. Closes `other`, too, if it is another one.
-  [[noreturn]] void closeAndThrow(int error, const char* text, int other = -1);
+
+  /// Receives one packet of at most `room` octets. False if there is none, if the event's budget is spent, or if
+  /// the slot still holds a packet.
+  bool receive(detail::Received& got, U32 room);
+  /// Puts the packet into the slot, then tells the changes. If a reactor throws, the next pull gets the packet.
+  void deliver(Pkt::Ptr pkt, const detail::Changes& changes);
+  /// Receives up to `limit` packets into `savedPacket` and returns how many.
+  S32 receiveBatch(U16 limit, U32 room);
+  /// What the kernel told about slot `index` of the latest batch; null for a slot without a packet.
+  const detail::RxBatch* batchWith(U16 index) const noexcept;
+
+  /// Sends one message and returns 0, or counts the loss and returns the errno.
+  int send(const detail::TxMessage& message, int flags = 0);
+  /// Counts an error for a packet that is refused before any system call.
+  void refuse(int error);
 
   void fileDescIs(const Kiv::Ptr<Kiv::FileDescriptor>& made) { fileDesc.set(made); }
-
-  /// What there was to close, and so is to be told of.
-  struct Closed {
-    bool fileDesc, fdSm;
-    std::exception_ptr thrown;  // by a reactor to the descriptor object
-  };
-  /// Closes without a word to the reactors of the Pam. The destructor of a class that opens does so.
-  Closed closeSocket() noexcept;
+  /// Closes and tells nobody: for destructors of classes that open.
+  void closeSocket() noexcept;
 
  private:
-  Kiv::Ptr<Kiv::FileDescriptor> newSocket(int domain, int protocol, const NamespaceName& ns);
-  void tell(const Closed& closed);
+  void openSocket(const Kind& kind, const NamespaceName& ns);
+  Kiv::Ptr<Kiv::FileDescriptor> newSocket(const Kind& kind, const NamespaceName& ns);
+  std::exception_ptr closeSocket(detail::Changes& changes) noexcept;
+  void closeAndTell();
+  void offerRest() noexcept;
+  void lost(int error, Loss loss);
   void collectDrops() const;
 
   int (*const close_)(int);
-  U32 turn_ = 0;  // of opening and closing
-  mutable detail::SocketDrops drops_;
+  U32 turn_ = 0;        // of opening and closing
+  bool shown_ = false;  // whether reactors know of the present socket
+  int domain_ = 0;
+  NamespaceName ns_;
+  mutable U32 dropsSeen_ = 0;  // of the present socket
+  Pkt::Ptr spare_;             // for the next receive, if nobody else holds it then
+  std::unique_ptr<detail::RxBatch> batch_;
 };
 
 }  // namespace Wirl

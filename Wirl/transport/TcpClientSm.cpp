@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "Wirl/transport/detail/SockAddr.h"
+#include "Wirl/access/detail/Socket.h"
 
 namespace Wirl {
 

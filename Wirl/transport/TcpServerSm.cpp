@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "Wirl/transport/detail/SockAddr.h"
+#include "Wirl/access/detail/Socket.h"
 
 namespace Wirl {
 

@@ -15,8 +15,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Wirl/access/detail/Socket.h"
 #include "Wirl/transport/TcpFdKivc.h"
-#include "Wirl/transport/detail/SockAddr.h"
 
 namespace Wirl {
 

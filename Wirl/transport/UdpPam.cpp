@@ -2,24 +2,19 @@
 #include "Wirl/transport/UdpPam.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <string_view>
 
-#include "Kiv/ActivityLoop.h"
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
+#include "Wirl/access/detail/Changes.h"
 #include "Wirl/access/detail/Receive.h"
-#include "Wirl/access/detail/closeDescriptor.h"
-#include "Wirl/access/socketAt.h"
+#include "Wirl/access/detail/Socket.h"
 
 namespace Wirl {
 
@@ -27,59 +22,20 @@ namespace {
 
 Kiv::TraceHandle trace("UdpPam");
 
-using detail::dataOf;
-
 constexpr std::array<std::string_view, 4> kModeNames = {"disabled", "send", "client", "server"};
 
-/// No datagram is longer (RFC 768).
-constexpr U32 kMaxDatagram = 65535;
+constexpr U32 kMaxDatagram = 65535;  // RFC 768
 
-template <typename T>
-int setOption(int fd, int level, int option, const T& value) {
-  return setsockopt(fd, level, option, &value, sizeof(value));
+std::string_view separator(bool ipv6) {
+  return ipv6 ? "]:" : ":";
 }
 
-sockaddr_in sockAddrOf(IpAddr address, U16 port) {
-  sockaddr_in result{};
-  result.sin_family = AF_INET;
-  result.sin_port = htons(port);
-  result.sin_addr.s_addr = address.netOrder();
-  return result;
+/// "192.0.2.1:7000", "[2001:db8::1]:7000".
+Kiv::String textOf(const IpGenAddr& address, U16 port) {
+  const bool ipv6 = address.af() == AddressFamily::ipv6;
+  return std::string(ipv6 ? "[" : "") + std::string(address.stringValue()) + std::string(separator(ipv6)) +
+         std::to_string(port);
 }
-
-sockaddr_in6 sockAddrOf(const Ip6Addr& address, U16 port) {
-  sockaddr_in6 result{};
-  result.sin6_family = AF_INET6;
-  result.sin6_port = htons(port);
-  address.copyToBuffer(result.sin6_addr.s6_addr);
-  return result;
-}
-
-const sockaddr* generic(const void* address) {
-  return static_cast<const sockaddr*>(address);
-}
-
-Ip6Addr addressOf(const in6_addr& octets) {
-  Ip6Addr address;
-  address.copyFromBuffer(octets.s6_addr);
-  return address;
-}
-
-/// Room for one control message of type `T`.
-template <typename T>
-struct Control {
-  alignas(cmsghdr) char octets[CMSG_SPACE(sizeof(T))] = {};
-
-  void attach(msghdr& message, int level, int type, const T& data) {
-    message.msg_control = octets;
-    message.msg_controllen = sizeof(octets);
-    cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = level;
-    header->cmsg_type = type;
-    header->cmsg_len = CMSG_LEN(sizeof(T));
-    std::memcpy(CMSG_DATA(header), &data, sizeof(T));
-  }
-};
 
 }  // namespace
 
@@ -93,7 +49,7 @@ UdpPam::Mode UdpPam::Mode::ModeInstance(std::string_view name) {
   return static_cast<Instance>(found - kModeNames.begin());
 }
 
-UdpPam::UdpPam(Kiv::String name) : Pam(std::move(name)) {}
+UdpPam::UdpPam(Kiv::String name) : SocketPam(std::move(name)) {}
 
 UdpPam::~UdpPam() {
   closeSocket();
@@ -103,197 +59,146 @@ void UdpPam::assertNotConnected() {
   KIV_ASSERT_AS(!socketConnected(), "!socketConnected()");
 }
 
+const Kiv::TraceHandle& UdpPam::traceHandle() const {
+  return trace;
+}
+
+bool UdpPam::ipv6() const noexcept {
+  return domain() == AF_INET6;
+}
+
+IpGenAddr UdpPam::txDst() const {
+  return ipv6() ? IpGenAddr(txDstIp6Addr()) : IpGenAddr(txDstIpAddr());
+}
+
+IpGenAddr UdpPam::rxSrc() const {
+  return ipv6() ? IpGenAddr(rxSrcIp6Addr()) : IpGenAddr(rxSrcIpAddr());
+}
+
+Kiv::String UdpPam::who() const {
+  return txPort() == 0 ? name()
+                       : Kiv::String(std::string(name()) + " to " + std::string(textOf(txDst(), txPort())));
+}
+
+Kiv::String UdpPam::place() const {
+  return textOf(ipv6() ? IpGenAddr(rxIp6Addr()) : IpGenAddr(rxIpAddr()), rxPortLocal());
+}
+
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
 void UdpPam::handleMode() {
-  KIV_TRACE(trace, 5) << "mode is: " << mode();
-  reopen();
+  KIV_TRACE(trace, 5) << name() << ": mode is: " << mode();
+  doNewSocket();
 }
 
 void UdpPam::handleNetNs() {
-  KIV_TRACE(trace, 5) << "network namespace is: " << netNs();
-  if (mode() != Mode::disabled) reopen();
+  KIV_TRACE(trace, 5) << name() << ": network namespace is: " << netNs();
+  if (mode() != Mode::disabled) doNewSocket();
 }
 
-/// Closes the socket and, unless the mode is `disabled`, opens one. Where that fails there is none, and the
-/// mode says so. Every change that reactors are told of may make them close or open the Pam themselves: theirs
-/// is the newer turn then, and this one is over. What they throw when a failure is told of gives way to it.
-void UdpPam::reopen() {
-  const U32 turn = ++turn_;
-  try {
-    doDelSocket();
-    if (turn == turn_ && mode() != Mode::disabled) doNewSocket(turn);
-  } catch (...) {
-    if (turn == turn_) {
-      const Closed closed = closeSocket();
-      detail::doQuietly([&] { mode.set(Mode::disabled); });
-      detail::doQuietly([&] { tell(closed); });
-    }
-    throw;
-  }
+void UdpPam::doNewSocket() {
+  reopen(mode() != Mode::disabled, {ipv6En() ? AF_INET6 : AF_INET, SOCK_DGRAM, 0}, netNs());
 }
 
-void UdpPam::doNewSocket(U32 turn) {
-  ipv6_ = ipv6En();
-  const int family = ipv6_ ? AF_INET6 : AF_INET;
-  Kiv::activityLoop();  // made, if it was not, before there is a socket to lose
-  const int socket = socketAt(family, SOCK_DGRAM, 0, netNs());
-  if (socket < 0) throw Kiv::ErrnoException(errno, "socket");
-  setFirstOptions(socket);
-  KIV_TRACE(trace, 5) << "Socket fd is " << socket << ", mode is " << mode();
-  KIV_ASSERT_AS(!fileDesc(), "!fileDesc()");
-  fileDescIs(name());
-  const Kiv::Ptr<Kiv::FileDescriptor> opened = fileDesc();
-  // Nothing is watched before the socket is set up, so that no event precedes the first count.
-  opened->notifyOnReadableIs(false);
-  try {
-    opened->descriptorIs(socket);
-  } catch (...) {
-    close(socket);
-    throw;
-  }
-  opened->nonBlockingIs(true);
+void UdpPam::setUp(detail::Changes&) {
+  setFirstOptions();
+  KIV_TRACE(trace, 5) << name() << ": Socket fd is " << fd() << ", mode is " << mode();
   KIV_TRACE(trace, 5) << "Done setting file desc " << name();
   handleTxTos();
-  if (mode() != Mode::send) {
-    doBind();
-    opened->notifyOnReadableIs(true);
-  }
-  fileDesc.notifiees().notify();
-  if (turn != turn_ || mode() == Mode::send) return;
-  const Kiv::Ptr<PamFdSm> sm = PamFdSmIs(opened, this);
-  if (turn == turn_) fdSm.set(sm);
+  setTtl();
+  if (mode() != Mode::send) doBind();
 }
 
-void UdpPam::setFirstOptions(int socket) {
-  const auto check = [socket](int result, const char* complaint, const char* call) {
-    if (result == 0) return;
-    const int error = errno;
-    close(socket);
-    KIV_TRACE(trace, 0) << complaint << ", errno: " << error;
-    throw Kiv::ErrnoException(error, call);
-  };
-  const int on = 1;
-  const int off = 0;
-  if (!ipv6_) {
-    check(setOption(socket, IPPROTO_IP, IP_PKTINFO, on), "Failed to set socket option",
-          "setsockopt(IP_PKTINFO)");
-    check(setOption(socket, SOL_SOCKET, SO_BROADCAST, on), "Failed to set broadcast flag",
-          "setsockopt(SO_BROADCAST)");
+Kiv::Ptr<PamFdSm> UdpPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
+  return receives() ? PamFdSmIs(opened, this) : nullptr;
+}
+
+void UdpPam::forget(detail::Changes& changes) noexcept {
+  put(changes, socketConnected, false);
+}
+
+void UdpPam::setFirstOptions() {
+  if (!ipv6()) {
+    setOption(IPPROTO_IP, IP_PKTINFO, 1, "setsockopt(IP_PKTINFO)", "Failed to set socket option");
+    setOption(SOL_SOCKET, SO_BROADCAST, 1, "setsockopt(SO_BROADCAST)", "Failed to set broadcast flag");
     if (!enableIpMulticastLoop()) {
-      check(setOption(socket, IPPROTO_IP, IP_MULTICAST_LOOP, off), "Failed to set IP_MULTICAST_LOOP flag",
-            "setsockopt(IP_MULTICAST_LOOP)");
+      setOption(IPPROTO_IP, IP_MULTICAST_LOOP, 0, "setsockopt(IP_MULTICAST_LOOP)",
+                "Failed to set IP_MULTICAST_LOOP flag");
     }
     if (txPrio() != 0) {
-      KIV_TRACE(trace, 5) << "Prio=" << txPrio();
-      const int priority = static_cast<int>(txPrio());
-      check(setOption(socket, SOL_SOCKET, SO_PRIORITY, priority), "Failed to set SO_PRIORITY",
-            "setsockopt(SO_PRIORITY)");
+      KIV_TRACE(trace, 5) << name() << ": Prio=" << txPrio();
+      setOption(SOL_SOCKET, SO_PRIORITY, static_cast<int>(txPrio()), "setsockopt(SO_PRIORITY)",
+                "Failed to set SO_PRIORITY");
     }
     if (txTTL() != 0) {
-      const U8 ttl = txTTL();  // one octet, as the kernel takes it too
-      check(setOption(socket, IPPROTO_IP, IP_TTL, ttl), "Failed to set IP_TTL", "setsockopt(IP_TTL)");
+      const U8 ttl = txTTL();  // the kernel takes one octet, too
+      setOption(IPPROTO_IP, IP_TTL, &ttl, sizeof(ttl), "setsockopt(IP_TTL)", "Failed to set IP_TTL");
     }
   }
-  check(setOption(socket, SOL_SOCKET, SO_REUSEADDR, on), "Failed to set SO_REUSEADDR flag",
-        "setsockopt(SO_REUSEADDR)");
+  setOption(SOL_SOCKET, SO_REUSEADDR, 1, "setsockopt(SO_REUSEADDR)", "Failed to set SO_REUSEADDR flag");
+}
+
+/// What the first options leave out.
+void UdpPam::setTtl() {
+  if (txTTL() == 0) return;
+  if (ipv6()) {
+    setOption(IPPROTO_IPV6, IPV6_UNICAST_HOPS, txTTL(), "setsockopt(IPV6_UNICAST_HOPS)");
+    setOption(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, txTTL(), "setsockopt(IPV6_MULTICAST_HOPS)");
+  } else {
+    setOption(IPPROTO_IP, IP_MULTICAST_TTL, txTTL(), "setsockopt(IP_MULTICAST_TTL)");
+  }
+}
+
+void UdpPam::handleRxTTL() {
+  if (fd() < 0) return;
+  if (ipv6()) {
+    setOption(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, enableRxTTL(), "setsockopt(IPV6_RECVHOPLIMIT)");
+  } else {
+    setOption(IPPROTO_IP, IP_RECVTTL, enableRxTTL(), "setsockopt(IP_RECVTTL)");
+  }
+}
+
+void UdpPam::handleRxTOS() {
+  if (fd() < 0) return;
+  if (ipv6()) {
+    setOption(IPPROTO_IPV6, IPV6_RECVTCLASS, enableRxTOS(), "setsockopt(IPV6_RECVTCLASS)");
+  } else {
+    setOption(IPPROTO_IP, IP_RECVTOS, enableRxTOS(), "setsockopt(IP_RECVTOS)");
+  }
 }
 
 void UdpPam::doBind() {
-  if (!ipv6_) {
-    KIV_TRACE(trace, 5) << "Binding socket to " << rxIpAddr() << ":" << rxPortLocal();
-    const sockaddr_in local = sockAddrOf(rxIpAddr(), rxPortLocal());
-    if (bind(fd(), generic(&local), sizeof(local)) < 0) throw Kiv::ErrnoException(errno, "bind");
-    return;
+  if (enableRxTTL()) handleRxTTL();
+  if (enableRxTOS()) handleRxTOS();
+  IpGenAddr local = rxIpAddr();
+  if (ipv6()) {
+    setOption(IPPROTO_IPV6, IPV6_V6ONLY, 1, "setsockopt(IPV6_V6ONLY)");
+    in6_addr parsed{};
+    if (inet_pton(AF_INET6, rxIp6Addr().stringValue().c_str(), &parsed) < 0) fail(errno, "pton");
+    local = detail::addressOf(parsed);
   }
-  KIV_TRACE(trace, 5) << "Binding socket to " << rxIp6Addr() << ":" << rxPortLocal();
-  sockaddr_in6 local = sockAddrOf(Ip6Addr(), rxPortLocal());
-  if (inet_pton(AF_INET6, rxIp6Addr().stringValue().c_str(), &local.sin6_addr) < 0) {
-    throw Kiv::ErrnoException(errno, "pton");
-  }
-  if (bind(fd(), generic(&local), sizeof(local)) < 0) throw Kiv::ErrnoException(errno, "bind");
-  if (setOption(fd(), IPPROTO_IPV6, IPV6_RECVPKTINFO, 1) < 0) {
-    const int error = errno;
-    KIV_TRACE(trace, 0) << "Failed to set IPV6_RECVPKTINFO, errno: " << error;
-    throw Kiv::ErrnoException(error, "setsockopt(IPV6_RECVPKTINFO)");
+  KIV_TRACE(trace, 5) << name() << ": Binding socket to " << local << ":" << rxPortLocal();
+  const detail::SockAddr address(local, rxPortLocal(), 0);
+  if (bind(fd(), address.get(), address.length()) < 0) fail(errno, "bind");
+  if (ipv6()) {
+    setOption(IPPROTO_IPV6, IPV6_RECVPKTINFO, 1, "setsockopt(IPV6_RECVPKTINFO)",
+              "Failed to set IPV6_RECVPKTINFO");
   }
 }
 
 void UdpPam::handleTxTos() {
-  KIV_TRACE(trace, 5) << "txTos is: " << txTos();
+  KIV_TRACE(trace, 5) << name() << ": txTos is: " << txTos();
   if (fd() < 0) {
-    KIV_TRACE(trace, 5) << "socket not initialized";
+    KIV_TRACE(trace, 5) << name() << ": socket not initialized";
     return;
   }
-  const int failed = ipv6_ ? setOption(fd(), IPPROTO_IPV6, IPV6_TCLASS, int{txTos()})
-                           : setOption(fd(), IPPROTO_IP, IP_TOS, U8{txTos()});
-  if (failed == 0) return;
-  const int error = errno;
-  collectDrops();
-  drops_.reset();
-  detail::closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), close);
-  KIV_TRACE(trace, 0) << (ipv6_ ? "Failed to set IPV6_TCLASS, errno: " : "Failed to set IP_TOS, errno: ")
-                      << error;
-  throw Kiv::ErrnoException(error, ipv6_ ? "setsockopt(IPV6_TCLASS)" : "setsockopt(IP_TOS)");
-}
-
-void UdpPam::doDelSocket() {
-  tell(closeSocket());
-}
-
-/// When all of it is done: whoever hears of one finds the Pam closed.
-void UdpPam::tell(const Closed& closed) {
-  const auto tellFdSm = [&] {
-    if (closed.fdSm) fdSm.notifiees().notify();
-  };
-  const auto tellFileDesc = [&] {
-    if (closed.fileDesc) fileDesc.notifiees().notify();
-  };
-  detail::doBoth(tellFdSm, [&] {
-    detail::doBoth(tellFileDesc, [&] {
-      if (closed.connection) socketConnected.notifiees().notify();
-    });
-  });
-  if (closed.thrown) std::rethrow_exception(closed.thrown);
-}
-
-/// Closes without a word to the reactors.
-UdpPam::Closed UdpPam::closeSocket() noexcept {
-  Closed closed = {fileDesc() != nullptr, fdSm() != nullptr, socketConnected(), nullptr};
-  collectDrops();  // the kernel's count goes with the socket
-  drops_.reset();
-  if (fdSm()) fdSm()->fileDescDel();  // whoever else holds it: it counts for this Pam no more
-  fdSm.store(nullptr);
-  socketConnected.store(false);
-  closed.thrown = detail::closeDescriptor(fileDescDel(), close);
-  return closed;
-}
-
-void UdpPam::collectDrops() const {
-  const U32 drops = drops_.sinceLast(fd());
-  // What changes is where the sum is kept, not the sum.
-  if (drops != 0) const_cast<UdpPam*>(this)->Pam::rxDropsIs(Pam::rxDrops() + drops);
-}
-
-U32 UdpPam::rxDrops() const {
-  collectDrops();
-  return Pam::rxDrops();
-}
-
-void UdpPam::rxDropsIs(U32 value) {
-  collectDrops();
-  Pam::rxDropsIs(value);
-}
-
-void UdpPam::fileDescIs(Kiv::String name) {
-  fileDesc.store(Kiv::makePtr<Kiv::FileDescriptor>(std::move(name)));
-}
-
-Kiv::Ptr<Kiv::FileDescriptor> UdpPam::fileDescDel() {
-  Kiv::Ptr<Kiv::FileDescriptor> former = fileDesc();
-  fileDesc.store(nullptr);
-  return former;
+  if (ipv6()) {
+    setOption(IPPROTO_IPV6, IPV6_TCLASS, txTos(), "setsockopt(IPV6_TCLASS)", "Failed to set IPV6_TCLASS");
+  } else {
+    const U8 tos = txTos();
+    setOption(IPPROTO_IP, IP_TOS, &tos, sizeof(tos), "setsockopt(IP_TOS)", "Failed to set IP_TOS");
+  }
 }
 
 // Sending
@@ -301,157 +206,95 @@ Kiv::Ptr<Kiv::FileDescriptor> UdpPam::fileDescDel() {
 
 bool UdpPam::doConnect() {
   if (mode() != Mode::client || socketConnected()) return true;
-  if (ipv6_) {
-    KIV_TRACE(trace, 5) << "Connecting to " << txDstIp6Addr() << ":" << txPort();
-  } else if (!txDstIpAddr().isUnicast()) {
-    KIV_TRACE(trace, 5) << txDstIpAddr() << " not a unicast address";
+  if (!ipv6() && !txDstIpAddr().isUnicast()) {
+    KIV_TRACE(trace, 5) << name() << ": " << txDstIpAddr() << " not a unicast address";
     return true;
-  } else {
-    KIV_TRACE(trace, 5) << "Connecting to " << txDstIpAddr() << ":" << txPort();
   }
-  const SockAddr peer = destination();
-  if (connect(fd(), generic(&peer.storage), peer.length) < 0) {
+  KIV_TRACE(trace, 5) << name() << ": Connecting to " << txDst() << ":" << txPort();
+  const detail::SockAddr peer(txDst(), txPort(), txIfIndex());
+  if (connect(fd(), peer.get(), peer.length()) < 0) {
     const int error = errno;
-    KIV_TRACE(trace, 0) << "connect failed with " << error << " (" << Kiv::errorText(error) << ") ";
+    KIV_TRACE(trace, 0) << who() << ": connect failed with " << error << " (" << Kiv::errorText(error)
+                        << ") ";
     return false;
   }
   socketConnected.set(true);
   return true;
 }
 
-UdpPam::SockAddr UdpPam::destination() const noexcept {
-  SockAddr result;
-  const auto fill = [&result](const auto& address) {
-    std::memcpy(&result.storage, &address, sizeof(address));
-    result.length = sizeof(address);
-  };
-  if (ipv6_) {
-    fill(sockAddrOf(txDstIp6Addr(), txPort()));
-  } else {
-    fill(sockAddrOf(txDstIpAddr(), txPort()));
-  }
-  return result;
-}
-
 void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
   KIV_ASSERT_AS(mode() != Mode::disabled, "mode() != disabled()");
   KIV_ASSERT_AS(pkt, "pkt");
-  // A reactor to what follows may let go of the caller's pointer.
-  const Pkt::Ptr sending = pkt;
-  KIV_TRACE(trace, 8) << "Sending pkt of size " << sending->bytes();
+  detail::TxMessage message(pkt);
+  KIV_TRACE(trace, 8) << who() << ": Sending pkt of size " << pkt->bytes();
   if (!doConnect()) return;
   KIV_ASSERT_AS(txPort() != U16(), "txPort() != U16()");
 
-  msghdr message{};
-  message.msg_iov = const_cast<iovec*>(sending->iovecs());  // sendmsg() only reads it
-  message.msg_iovlen = sending->numIovecs();
-  SockAddr peer;
-  if (!socketConnected()) {
-    peer = destination();
-    message.msg_name = &peer.storage;
-    message.msg_namelen = peer.length;
-  }
-  Control<in_pktinfo> control;
-  Control<in6_pktinfo> control6;
-  if (ipv6_) {
-    if (!txSrcIp6Addr().isUnspecified() || txIfIndex() != 0) {
-      KIV_TRACE(trace, 8) << "Sending pkt with src ip " << txSrcIp6Addr() << " txIfIndex " << txIfIndex();
-      in6_pktinfo info{};
-      txSrcIp6Addr().copyToBuffer(info.ipi6_addr.s6_addr);
-      info.ipi6_ifindex = txIfIndex();
-      control6.attach(message, IPPROTO_IPV6, IPV6_PKTINFO, info);
-      txSrcIp6Addr.set(Ip6Addr());
-      txIfIndex.set(0);
+  if (!socketConnected()) message.toIs(detail::SockAddr(txDst(), txPort(), txIfIndex()));
+  const IpGenAddr from = ipv6() ? IpGenAddr(txSrcIp6Addr()) : IpGenAddr(txSrcIpAddr());
+  if (!from.isUnspecified() || txIfIndex() != 0) {
+    KIV_TRACE(trace, 8) << who() << ": Sending pkt with src ip " << from;
+    KIV_TRACE(trace, 8) << who() << ": Sending pkt with txIfIndex " << txIfIndex();
+    message.fromIs(from, txIfIndex());
+    KIV_TRACE(trace, 8) << who() << ": Sending pkt to ifindex " << txIfIndex();
+    detail::Changes spent;
+    if (ipv6()) {
+      put(spent, txSrcIp6Addr, Ip6Addr());
+    } else {
+      put(spent, txSrcIpAddr, IpAddr());
     }
-  } else if (!txSrcIpAddr().isZero() || txIfIndex() != 0) {
-    KIV_TRACE(trace, 8) << "Sending pkt with src ip " << txSrcIpAddr();
-    KIV_TRACE(trace, 8) << "Sending pkt with txIfIndex " << txIfIndex();
-    in_pktinfo info{};
-    info.ipi_ifindex = static_cast<int>(txIfIndex());
-    info.ipi_spec_dst.s_addr = txSrcIpAddr().netOrder();
-    control.attach(message, IPPROTO_IP, IP_PKTINFO, info);
-    KIV_TRACE(trace, 8) << "Sending pkt to ifindex " << info.ipi_ifindex;
-    txSrcIpAddr.set(IpAddr());
-    txIfIndex.set(0);
+    put(spent, txIfIndex, U32{0});
+    spent.tell();
   }
-  if (sendmsg(fd(), &message, 0) < 0) {
-    const int error = errno;
-    txErrnoIs(error);
-    KIV_TRACE(trace, 0) << "sendmsg failed with " << error << " (" << Kiv::errorText(error) << ") ";
-    if (error != ECONNREFUSED) return;
-  }
-  txPktsInc(1);
+  const int error = send(message);
+  if (error == 0 || error == ECONNREFUSED) txPktsInc(1);
 }
 
 // Receiving
 // --------------------------------------------------------------------------------------------------
 
 void UdpPam::doGetRxPkt() {
-  if (!fdSm() && mode() == Mode::send) return;
-  if (fd() < 0) return;
-  msghdr message;
-  detail::RxSide side;
-  Pkt::Ptr pkt = detail::receivePkt(spare_, fd(), std::min(maxRxPktData(), kMaxDatagram), message, side);
-  if (!pkt) {
-    const int error = errno;
-    if (error == EAGAIN) return;
-    if (error == 0) {
-      KIV_TRACE(trace, 0) << "Failed to obtain new packet object";
-      return;
-    }
-    KIV_TRACE(trace, 0) << "recvmsg failed with " << error << " (" << Kiv::errorText(error) << ") ";
-    rxErrorsInc(1);
-    return;
-  }
-  KIV_TRACE(trace, 8) << "Received packet of size " << pkt->bytes();
-  if ((message.msg_flags & MSG_TRUNC) != 0) KIV_TRACE(trace, 0) << "Datagram truncated to " << pkt->bytes();
-  recordMetadata(message, side);
-  rxPktsInc(1);
-  rxPktHolderIs(std::move(pkt));
+  if (mode() == Mode::send && !rxPktHeld()) return;
+  detail::Received got;
+  if (!receive(got, std::min(maxRxPktData(), kMaxDatagram))) return;
+  detail::Changes changes;
+  record(got, changes);
+  put(changes, rxPkts, rxPkts() + 1);
+  deliver(std::move(got.pkt), changes);
 }
 
-void UdpPam::recordMetadata(msghdr& message, const detail::RxSide& side) {
-  if (ipv6_) {
-    const auto from = side.peerAs<sockaddr_in6>();
-    rxSrcIp6AddrIs(addressOf(from.sin6_addr));
-    rxSrcPortIs(ntohs(from.sin6_port));
+void UdpPam::record(const detail::Received& got, detail::Changes& changes) {
+  if (ipv6()) {
+    const auto from = got.side.peerAs<sockaddr_in6>();
+    put(changes, rxSrcIp6Addr, detail::addressOf(from.sin6_addr));
+    put(changes, rxSrcPort, ntohs(from.sin6_port));
   } else {
-    const auto from = side.peerAs<sockaddr_in>();
-    rxSrcIpAddrIs(IpAddr::fromNetOrder(from.sin_addr.s_addr));
-    rxSrcPortIs(ntohs(from.sin_port));
+    const auto from = got.side.peerAs<sockaddr_in>();
+    put(changes, rxSrcIpAddr, detail::addressOf(from.sin_addr));
+    put(changes, rxSrcPort, ntohs(from.sin_port));
   }
-  bool interfaceKnown = false;
-  S32 ttl = -1;
-  S32 tos = -1;
-  for (cmsghdr* each = CMSG_FIRSTHDR(&message); each; each = CMSG_NXTHDR(&message, each)) {
-    const auto is = [each](int level, int type) {
-      return each->cmsg_level == level && each->cmsg_type == type;
-    };
-    if (is(IPPROTO_IP, IP_PKTINFO)) {
-      const auto info = dataOf<in_pktinfo>(*each);
-      interfaceKnown = true;
-      rxIfIndexIs(static_cast<U32>(info.ipi_ifindex));
-      rxDstIpAddrIs(IpAddr::fromNetOrder(info.ipi_addr.s_addr));
-      KIV_TRACE(trace, 8) << "Received from ifindex " << rxIfIndex() << " with src IP " << rxSrcIpAddr()
-                          << " and dest IP " << rxDstIpAddr();
-    } else if (is(IPPROTO_IPV6, IPV6_PKTINFO)) {
-      const auto info = dataOf<in6_pktinfo>(*each);
-      interfaceKnown = true;
-      rxIfIndexIs(info.ipi6_ifindex);
-      rxDstIp6AddrIs(addressOf(info.ipi6_addr));
-      KIV_TRACE(trace, 8) << "Received from ifindex " << rxIfIndex() << " with src IP " << rxSrcIp6Addr()
-                          << " and dest IP " << rxDstIp6Addr();
-    } else if (is(IPPROTO_IP, IP_TTL) || is(IPPROTO_IPV6, IPV6_HOPLIMIT)) {
-      ttl = dataOf<int>(*each);
-    } else if (is(IPPROTO_IP, IP_TOS)) {
-      tos = dataOf<U8>(*each);
-    } else if (is(IPPROTO_IPV6, IPV6_TCLASS)) {
-      tos = dataOf<int>(*each);
+  const auto who = [this] {
+    return std::string(name()) + " from " + std::string(textOf(rxSrc(), rxSrcPort()));
+  };
+  KIV_TRACE(trace, 8) << who() << ": Received packet of size " << got.pkt->bytes();
+  if ((got.message.msg_flags & MSG_TRUNC) != 0) {
+    KIV_TRACE(trace, 0) << who() << ": Datagram truncated to " << got.pkt->bytes();
+  }
+  const detail::IpControl told = detail::ipControlOf(got.message);
+  if (told.pktInfo) {
+    KIV_TRACE(trace, 8) << who() << ": Received from ifindex " << told.ifIndex << " with src IP " << rxSrc()
+                        << " and dest IP " << told.dstIpAddr;
+    put(changes, rxIfIndex, told.ifIndex);
+    if (ipv6()) {
+      put(changes, rxDstIp6Addr, told.dstIpAddr.v6Addr());
+    } else {
+      put(changes, rxDstIpAddr, told.dstIpAddr.v4Addr());
     }
+  } else {
+    KIV_TRACE(trace, 1) << who() << ": recvmsg failed to retrieve ifindex";
   }
-  if (!interfaceKnown) KIV_TRACE(trace, 1) << "recvmsg failed to retrieve ifindex";
-  rxTTLIs(ttl);
-  rxTOSIs(tos);
+  put(changes, rxTTL, told.ttl);
+  put(changes, rxTOS, told.tos);
 }
 
 // The rest
@@ -462,45 +305,31 @@ int UdpPam::incSockBufSize(int size) {
   constexpr const char* kFailed = "Error increasing socket buffer size";
   int granted = 0;
   socklen_t length = sizeof(granted);
-  if (setOption(fd(), SOL_SOCKET, SO_RCVBUFFORCE, size) < 0 ||
+  if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) < 0 ||
       getsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &granted, &length) < 0) {
-    throw Kiv::ErrnoException(errno, kFailed);
+    fail(errno, kFailed);
   }
-  if (granted < size) throw Kiv::ErrnoException(ENOBUFS, kFailed);
+  if (granted < size) fail(ENOBUFS, kFailed);
   return 0;
 }
 
 int UdpPam::handleMcastGroup(const Ip6Addr& group, bool join, U32 ifindex) {
   if (fd() < 0) return ENODEV;
-  if (!ipv6_ || !group.isMulticast()) return EINVAL;
-  ipv6_mreq request{};
-  group.copyToBuffer(request.ipv6mr_multiaddr.s6_addr);
-  request.ipv6mr_interface = ifindex;
-  const int option = join ? IPV6_ADD_MEMBERSHIP : IPV6_DROP_MEMBERSHIP;
-  return setOption(fd(), IPPROTO_IPV6, option, request) < 0 ? errno : 0;
+  if (!ipv6() || !group.isMulticast()) return EINVAL;
+  return detail::membershipIs(fd(), group, join, ifindex);
 }
 
 int UdpPam::handleV4McastGroup(const Kiv::String& devName, IpAddr mcastAddr, bool join) {
   if (fd() < 0) return ENODEV;
-  if (ipv6_ || !mcastAddr.isMulticast()) return EINVAL;
-  ifreq device{};
-  if (devName.bytes() >= sizeof(device.ifr_name)) return ENODEV;
-  std::copy(devName.begin(), devName.end(), device.ifr_name);
-  // Asked through the socket, which knows the devices of its own namespace.
-  if (ioctl(fd(), SIOCGIFINDEX, &device) < 0) return errno;
-  ip_mreqn request{};
-  request.imr_multiaddr.s_addr = mcastAddr.netOrder();
-  request.imr_ifindex = device.ifr_ifindex;
-  const int option = join ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP;
-  return setOption(fd(), IPPROTO_IP, option, request) < 0 ? errno : 0;
+  if (ipv6() || !mcastAddr.isMulticast()) return EINVAL;
+  ifreq device;
+  if (!detail::deviceIs(fd(), SIOCGIFINDEX, devName, device)) return errno;
+  return detail::membershipIs(fd(), mcastAddr, join, static_cast<U32>(device.ifr_ifindex));
 }
 
 U16 UdpPam::rxPort() const {
-  sockaddr_storage local{};
-  socklen_t length = sizeof(local);
-  if (fd() < 0 || getsockname(fd(), reinterpret_cast<sockaddr*>(&local), &length) < 0) return rxPortLocal();
-  // The port stands at the same place in both families.
-  return ntohs(reinterpret_cast<const sockaddr_in&>(local).sin_port);
+  detail::SockAddr local;
+  return fd() >= 0 && getsockname(fd(), local.get(), &local.length()) == 0 ? local.port() : rxPortLocal();
 }
 
 std::ostream& operator<<(std::ostream& out, const UdpPam& pam) {

@@ -1,29 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <sys/socket.h>
-
-#include <exception>
 #include <ostream>
 
-#include "Kiv/FileDescriptor.h"
 #include "Wirl/access/IpTrafficControl.h"
-#include "Wirl/access/Pam.h"
-#include "Wirl/access/PamFdSm.h"
-#include "Wirl/access/detail/SocketDrops.h"
+#include "Wirl/access/SocketPam.h"
 #include "Wirl/value/Ip6Addr.h"
 #include "Wirl/value/IpAddr.h"
-#include "Wirl/value/NamespaceName.h"
+#include "Wirl/value/IpGenAddr.h"
 
 namespace Wirl {
 
 using Kiv::U64;
 
-namespace detail {
-struct RxSide;
-}
-
-/// One UDP socket (RFC 768), IPv4 or IPv6, in a named network namespace, driven by its attributes.
+/// One UDP socket (RFC 768), IPv4 or IPv6 but never both, in a named network namespace. Its attributes drive it.
 ///
 ///     mode       socket   bound to rxIpAddr/rxIp6Addr:rxPortLocal   receives   connects before it sends
 ///     disabled   no
@@ -31,22 +21,22 @@ struct RxSide;
 ///     client     yes      yes                                       yes        yes
 ///     server     yes      yes                                       yes        no
 ///
-/// Every change of `mode`, and of `netNs` in an open mode, closes the socket and, for an open mode, opens a
-/// new one. The other attributes that shape the socket (`ipv6En`, the local address and port, `txTTL`,
-/// `txPrio`, `enableIpMulticastLoop`) are read when it is opened; `txTos` is also applied at once.
+/// Every change of `mode`, and of `netNs` in an open mode, closes the socket and, for an open mode, opens a new
+/// one. The new socket takes `ipv6En`, the local address and port, `txTTL` (unicast and multicast), `txPrio` and
+/// `enableIpMulticastLoop` (IPv4 only). `txTos`, `enableRxTTL` and `enableRxTOS` also apply at once.
 ///
-/// Opening throws `Kiv::ErrnoException` with the failed call in its text ("setsockopt(IP_PKTINFO)", "bind",
-/// ...), closes what it opened and leaves the Pam `disabled`, to be tried again.
+/// If opening fails it throws `Kiv::ErrnoException` with the failed call in its message
+/// ("setsockopt(IP_PKTINFO)", "bind", ...); the Pam is closed and `disabled` then and can be opened again.
 ///
-/// Sending: set the destination and `txPort`, then `txPktIs`. `txSrcIpAddr`, `txSrcIp6Addr` and `txIfIndex`
-/// choose the source and the interface of the next datagram only. A failed send sets `txErrno` and drops the
-/// packet; an ECONNREFUSED, which is about an earlier datagram, counts as sent. In `client` mode the first
-/// send connects the socket to the destination, which is fixed from then on until the socket is closed.
+/// Sending: set the destination and `txPort`, then `txPktIs`. `txSrcIpAddr`, `txSrcIp6Addr` and `txIfIndex` choose
+/// source and interface of the next datagram only; a link-local IPv6 destination needs `txIfIndex`. A failed send
+/// sets `txErrno` and drops the packet. ECONNREFUSED is about an earlier datagram, so the packet counts as sent. In
+/// `client` mode the first send connects the socket to the destination, which is fixed until the socket is closed.
 ///
-/// Receiving: `rxPkt` gives one datagram a packet and sets the `rx...` attributes for it. A datagram longer
-/// than `maxRxPktData` is delivered cut to that. `rxDrops` is the kernel's count of datagrams for which the
-/// sockets of this Pam had no room.
-class KIV_API UdpPam : public Pam {
+/// Receiving: `rxPkt` gives one datagram per packet and sets the `rx...` attributes for it. A datagram longer than
+/// `maxRxPktData` is delivered cut. `rxTTL` and `rxTOS` are -1 unless `enableRxTTL` and `enableRxTOS` ask the kernel
+/// for them. `rxDrops` is the kernel's count of datagrams for which the sockets of this Pam had no room.
+class KIV_API UdpPam : public SocketPam {
  public:
   /// What the socket is for.
   class KIV_API Mode {
@@ -65,7 +55,7 @@ class KIV_API UdpPam : public Pam {
     Instance instance_;
   };
 
-  KIV_ENTITY(UdpPam, Pam)
+  KIV_ENTITY(UdpPam, SocketPam)
   KIV_ATTR(bool, ipv6En, false)
   KIV_ATTR_HOOK(Mode, mode, Mode::disabled, handleMode)
   KIV_ATTR_HOOK(NamespaceName, netNs, NamespaceName("default"), handleNetNs)
@@ -94,15 +84,17 @@ class KIV_API UdpPam : public Pam {
   KIV_ATTR_COUNTER(U64, rxPkts)
   KIV_ATTR_READ(bool, socketConnected, false)
   KIV_ATTR(bool, enableIpMulticastLoop, true)
-  KIV_ATTR_READ(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
-  KIV_ATTR_READ(Kiv::Ptr<PamFdSm>, fdSm)
+  KIV_ATTR_DERIVED(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
+  KIV_ATTR_DERIVED(Kiv::Ptr<PamFdSm>, fdSm)
+  KIV_ATTR_HOOK(bool, enableRxTTL, false, handleRxTTL)
+  KIV_ATTR_HOOK(bool, enableRxTOS, false, handleRxTOS)
 
   explicit UdpPam(Kiv::String name);
   ~UdpPam() override;
 
-  /// Grows the socket's receive buffer, past the system's limit (SO_RCVBUFFORCE), to `size` octets at least.
-  /// Returns 0, or -1 without a socket. Throws `Kiv::ErrnoException` "Error increasing socket buffer size"
-  /// when the kernel refuses or grants less (ENOBUFS).
+  /// Grows the socket's receive buffer, past the system's limit (SO_RCVBUFFORCE), to at least `size` octets.
+  /// Returns 0, or -1 without a socket. Throws `Kiv::ErrnoException` "Error increasing socket buffer size" if the
+  /// kernel refuses or grants less (ENOBUFS).
   int incSockBufSize(int size);
 
   /// Joins or leaves an IPv6 multicast group on the interface (0: the system's choice). Returns 0 or an
@@ -113,10 +105,7 @@ class KIV_API UdpPam : public Pam {
   /// multicast.
   int handleV4McastGroup(const Kiv::String& devName, IpAddr mcastAddr, bool join);
 
-  U32 rxDrops() const override;
-  void rxDropsIs(U32 value) override;
-
-  /// The local port in use: that of the open socket once it has one, else `rxPortLocal`.
+  /// The local port: of the open socket if it has one, else `rxPortLocal`.
   U16 rxPort() const;
   void rxPortIs(U16 port) { rxPortLocalIs(port); }
 
@@ -126,39 +115,34 @@ class KIV_API UdpPam : public Pam {
   virtual void handleNetNs();
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
   void doGetRxPkt() override;
+  void setUp(detail::Changes& changes) override;
+  bool receives() const override { return mode() != Mode::send; }
+  Kiv::Ptr<PamFdSm> newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd) override;
+  void forget(detail::Changes& changes) noexcept override;
+  void openFailed() override {
+    mode.store(Mode::disabled);
+    mode.notifiees().notify();
+  }
+  Loss lossOf(int) const override { return Loss::uncounted; }
+  Kiv::String place() const override;
+  const Kiv::TraceHandle& traceHandle() const override;
+  Kiv::String who() const override;
 
  private:
-  struct SockAddr {
-    sockaddr_storage storage;
-    socklen_t length;
-  };
-  /// What there was to close, and so is to be told of.
-  struct Closed {
-    bool fileDesc, fdSm, connection;
-    std::exception_ptr thrown;  // by a reactor to the descriptor object
-  };
-
-  void reopen();
-  void doNewSocket(U32 turn);
+  void doNewSocket();
   void doBind();
   bool doConnect();
-  void doDelSocket();
-  Closed closeSocket() noexcept;
-  void tell(const Closed& closed);
-  void collectDrops() const;
-  void fileDescIs(Kiv::String name);
-  Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
   void assertNotConnected();
+  void handleRxTTL();
+  void handleRxTOS();
 
-  int fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
-  void setFirstOptions(int socket);
-  SockAddr destination() const noexcept;
-  void recordMetadata(msghdr& message, const detail::RxSide& side);
-
-  bool ipv6_ = false;  // of the open socket, whatever ipv6En has been set to since
-  Pkt::Ptr spare_;     // for the next receive, if it is nobody else's then
-  mutable detail::SocketDrops drops_;
-  U32 turn_ = 0;  // of opening and closing: tells one who notified that somebody else went on
+  void setFirstOptions();
+  void setTtl();
+  /// Of the open socket.
+  bool ipv6() const noexcept;
+  IpGenAddr txDst() const;
+  IpGenAddr rxSrc() const;
+  void record(const detail::Received& got, detail::Changes& changes);
 };
 
 /// "UdpPam echo: mode=server 10.0.0.1:7000 TOS=0 Prio=0".

@@ -21,10 +21,10 @@ Pkt::Ptr newRxPkt(U32 room) noexcept {
 
 namespace {
 
-/// Whether `holders` are all that hold the packet, and it can be received into.
-bool reusable(const Pkt& pkt, U32 holders, U32 room) {
-  return pkt.references() == holders && pkt.numIovecs() == 1 && pkt.sharedBuffer() &&
-         pkt.maxSharedData() >= room && pkt.sharedBuffer()->references() == 1;
+/// Whether nobody else holds the packet or its buffer, and it has the room.
+bool reusable(const Pkt& pkt, U32 room) {
+  return pkt.references() == 1 && pkt.numIovecs() == 1 && pkt.sharedBuffer() && pkt.maxSharedData() >= room &&
+         pkt.sharedBuffer()->references() == 1;
 }
 
 void makeRoom(Pkt& pkt, U32 room) {
@@ -36,32 +36,32 @@ void makeRoom(Pkt& pkt, U32 room) {
 
 }  // namespace
 
-Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, RxSide& side) noexcept {
+bool receivePkt(Received& got, Pkt::Ptr& spare, int fd, U32 room) noexcept {
   Pkt::Ptr pkt = std::move(spare);
-  if (pkt && reusable(*pkt, 1, room)) {
+  if (pkt && reusable(*pkt, room)) {
     makeRoom(*pkt, room);
   } else if (pkt = newRxPkt(room); !pkt) {
     errno = 0;
-    return nullptr;
+    return false;
   }
   iovec piece = {pkt->front(), room};
-  side.prepare(message, piece);
-  const ssize_t received = recvmsg(fd, &message, MSG_DONTWAIT);
+  got.side.prepare(got.message, piece);
+  const ssize_t received = recvmsg(fd, &got.message, MSG_DONTWAIT);
   if (received < 0) {
     spare = std::move(pkt);
-    return nullptr;
+    return false;
   }
   pkt->delSharedTailData(room - static_cast<U32>(received));
-  // Buffers of that size are not recycled by others.
-  if (room > Pkt::Manager::defaultBufferBytes_) spare = pkt;
-  return pkt;
+  if (room > Pkt::Manager::defaultBufferBytes_) spare = pkt;  // the packet manager recycles no larger buffers
+  got.pkt = std::move(pkt);
+  return true;
 }
 
-/// Makes slot `index` ready to receive into; false when there is no memory.
+/// Makes slot `index` ready to receive into; false without memory.
 bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
   iovec& piece = pieces_[index];
   Pkt* pkt = index < pam.savedPackets() ? pam.saved_->packets[index].get() : nullptr;
-  if (!pkt || !reusable(*pkt, 1, room)) {
+  if (!pkt || !reusable(*pkt, room)) {
     const Pkt::Ptr fresh = newRxPkt(room);
     if (!fresh) return false;
     pam.savedPacketIs(index, fresh);
@@ -69,7 +69,7 @@ bool RxBatch::prepare(Pam& pam, U16 index, U32 room) {
   } else if (index < stale_ || pkt->frontBytes() != room) {
     makeRoom(*pkt, room);
   } else if (piece.iov_base == pkt->front() && piece.iov_len == room) {
-    return true;  // no batch has come to it
+    return true;  // still ready: the last batch did not reach it
   }
   piece = {pkt->front(), room};
   sides_[index].prepare(messages_[index].msg_hdr, piece);
@@ -83,13 +83,13 @@ S32 RxBatch::receive(Pam& pam, int fd, U16 limit, U32 room) {
   try {
     if (sides_.size() < limit) {
       messages_.resize(limit);
-      pieces_.assign(limit, iovec{});  // nothing is ready: all of it has moved
+      pieces_.assign(limit, iovec{});  // nothing is ready any more: `sides_` moves
       pam.saved().received.reserve(limit);
       sides_.resize(limit);
     }
     while (ready < limit && prepare(pam, ready, room)) ++ready;
   } catch (const std::bad_alloc&) {
-    // What is ready is enough.
+    // Receive into the slots that are ready.
   }
   if (ready >= stale_) stale_ = 0;
   if (ready == 0) return 0;

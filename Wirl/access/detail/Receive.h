@@ -3,33 +3,23 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "Wirl/access/Pam.h"
 
-// What the receive paths of the Pams that own a socket share.
+// The receive path of Pams that own a socket.
 namespace Wirl::detail {
 
-/// A packet whose data is `room` octets, contents undefined, to receive into; null when there is no memory.
+/// A packet with `room` octets of undefined contents to receive into; null without memory.
 KIV_API Pkt::Ptr newRxPkt(U32 room) noexcept;
 
-/// A control message's data, whose alignment and length nobody promises.
-template <typename T>
-T dataOf(const cmsghdr& message) {
-  T data{};
-  const std::size_t length = message.cmsg_len - CMSG_LEN(0);
-  std::memcpy(&data, CMSG_DATA(&message), std::min(sizeof(T), length));
-  return data;
-}
-
-/// Room for what one receive tells beside the packet.
+/// Room for what the kernel tells beside a packet: the peer's address and control messages.
 struct RxSide {
-  alignas(sockaddr_storage) unsigned char peer[32];  // a sockaddr of IP or of a packet socket
+  alignas(sockaddr_storage) unsigned char peer[32];  // enough for IP, packet and netlink sockets
   alignas(cmsghdr) unsigned char control[216];
 
-  /// Makes `message` deliver into `piece` and here.
+  /// Makes `message` receive into `piece` and this object.
   void prepare(msghdr& message, iovec& piece) noexcept {
     message.msg_name = peer;
     message.msg_namelen = sizeof(peer);
@@ -48,27 +38,32 @@ struct RxSide {
   }
 };
 
-/// One non-blocking recvmsg of at most `room` octets, with what was told beside them in `side`, as `message`
-/// has it. Null when it fails, with errno, which is 0 where no packet could be had. `spare` is for the next
-/// receive: a packet that was made in vain, or one too large for others to recycle, if it is free by then.
-KIV_API Pkt::Ptr receivePkt(Pkt::Ptr& spare, int fd, U32 room, msghdr& message, RxSide& side) noexcept;
+/// One received packet and what the kernel told about it.
+struct Received {
+  Pkt::Ptr pkt;
+  msghdr message;
+  RxSide side;
+};
+
+/// One non-blocking recvmsg(2) of at most `room` octets into `got`. False if it fails, with errno; 0 there means
+/// that there was no memory for a packet. `spare` keeps a packet for the next call: one that was not filled, or
+/// one whose buffer is too large for the packet manager to recycle.
+KIV_API bool receivePkt(Received& got, Pkt::Ptr& spare, int fd, U32 room) noexcept;
 
 /// Batch receive into the saved packets of a Pam.
 ///
-/// The packets of the slots are used again and again, without a look at the heap. A packet (or its buffer)
-/// that someone holds beside the slot is left to him: the slot gets a fresh one before the next batch. So
-/// clients may keep what they received for as long as they like.
+/// The packets of the slots are reused without touching the heap. If somebody else holds a packet or its buffer,
+/// the slot gets a fresh packet before the next batch; so clients may keep what they received.
 class KIV_API RxBatch {
  public:
-  /// One non-blocking recvmmsg of at most `limit` packets of at most `room` octets. Returns its result, with
-  /// errno: the number of packets received, and 0, without a call, where no packet could be had. They stand,
-  /// cut to their lengths, in the slots from 0 on, whose `savedPacketRx` is true, as that of no other slot
-  /// is.
+  /// One non-blocking recvmmsg(2) of at most `limit` packets of at most `room` octets each. Returns its result,
+  /// with errno; 0, without a call, means that there was no memory for a packet. The packets stand in the slots
+  /// from 0 on, cut to their lengths; `savedPacketRx` is true for these slots only.
   S32 receive(Pam& pam, int fd, U16 limit, U32 room);
   /// Packets in the latest batch.
   U16 received() const noexcept { return received_; }
-  /// What was told beside the packet in slot `index` of the latest batch.
-  msghdr& message(U16 index) noexcept { return messages_[index].msg_hdr; }
+  /// What the kernel told about the packet in slot `index` of the latest batch.
+  const msghdr& message(U16 index) const noexcept { return messages_[index].msg_hdr; }
   const RxSide& side(U16 index) const noexcept { return sides_[index]; }
 
  private:
@@ -78,7 +73,7 @@ class KIV_API RxBatch {
   std::vector<iovec> pieces_;
   std::vector<RxSide> sides_;
   U16 received_ = 0;
-  U16 stale_ = 0;  // end of the slots that were received into and not made ready again
+  U16 stale_ = 0;  // slots below this one were received into and not made ready again
 };
 
 }  // namespace Wirl::detail

@@ -11,14 +11,14 @@
 
 namespace Wirl::detail {
 
-/// Appends the program to one for the kernel. What jumps over instructions jumps over as many as before.
+/// Appends the program to one for the kernel. Jumps stay valid, since they are relative.
 inline void appendFilter(std::vector<sock_filter>& instructions, const IpFilterProgram& filter) {
   for (const auto& [index, each] : filter) {
     instructions.push_back({each.code(), each.jt(), each.jf(), each.k()});
   }
 }
 
-/// Attaches the program to a socket, in place of a former one; the result is that of setsockopt(2).
+/// Attaches the program to a socket and replaces a former one. Returns the result of setsockopt(2).
 inline int attachFilter(int fd, std::vector<sock_filter> instructions) {
   const sock_fprog program = {static_cast<Kiv::U16>(instructions.size()), instructions.data()};
   return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
