@@ -17,7 +17,6 @@
 
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
-#include "Wirl/access/detail/Changes.h"
 #include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/detail/Socket.h"
 #include "Wirl/access/detail/attachFilter.h"
@@ -69,7 +68,7 @@ const Kiv::TraceHandle& EthDevPam::traceHandle() const {
 // Opening and closing
 // ----------------------------------------------------------------------------------------
 
-void EthDevPam::setUp(detail::Changes& changes) {
+void EthDevPam::setUp(Change& changes) {
   const U32 formerIndex = ifIndex();
   const EthAddr formerAddress = ethAddr();
   try {
@@ -80,8 +79,8 @@ void EthDevPam::setUp(detail::Changes& changes) {
     ethAddr.store(formerAddress);
     throw;
   }
-  changes.add(ifIndex() != formerIndex, ifIndex);
-  changes.add(ethAddr() != formerAddress, ethAddr);
+  if (ifIndex() != formerIndex) changes.changed(ifIndex);
+  if (ethAddr() != formerAddress) changes.changed(ethAddr);
 }
 
 void EthDevPam::findDevice() {
@@ -179,7 +178,7 @@ void EthDevPam::checkSocketReadLimit() {
 void EthDevPam::doGetRxPkt() {
   detail::Received got;
   if (!receive(got, std::min(maxRxPktData(), kMaxFrame))) return;
-  detail::Changes changes;
+  Change changes(this);
   publish(metadataOf(got.message, got.side, got.pkt.get()), 1, changes);
   deliver(std::move(got.pkt), changes);
 }
@@ -194,7 +193,7 @@ S32 EthDevPam::doGetBulkRxPkt() {
     const detail::RxBatch& batch = *batchWith(index);
     last = metadataOf(batch.message(index), batch.side(index), savedPacket(index).get());
   }
-  detail::Changes changes;
+  Change changes(this);
   publish(last, static_cast<U32>(received), changes);
   batchHeld_ = received;
   changes.tell();
@@ -211,12 +210,12 @@ void EthDevPam::receiveFailed(bool batch, int error) {
   if (batch && error == EAGAIN) rxErrorsInc(1);
 }
 
-void EthDevPam::publish(const EthRxMetadata& metadata, U32 packets, detail::Changes& changes) {
+void EthDevPam::publish(const EthRxMetadata& metadata, U32 packets, Change& changes) {
   KIV_TRACE(trace, 8) << "Received frame of size " << metadata.frameBytes << " type " << metadata.pktType;
-  put(changes, rxPktType, metadata.pktType);
-  put(changes, rxFrameBytes, metadata.frameBytes);
-  put(changes, rxChecksum, metadata.checksum);
-  put(changes, rxPktCount, rxPktCount() + packets);
+  changes.put(rxPktType, metadata.pktType);
+  changes.put(rxFrameBytes, metadata.frameBytes);
+  changes.put(rxChecksum, metadata.checksum);
+  changes.put(rxPktCount, rxPktCount() + packets);
 }
 
 Kiv::Ptr<EthDevPam> ethDevPamFactory(Kiv::String name, Kiv::String devName, const NamespaceName& netNs) {

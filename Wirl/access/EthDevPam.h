@@ -80,7 +80,7 @@ class KIV_API EthDevPam final : public PacketPam {
 
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
-  void setUp(detail::Changes& changes) override;
+  void setUp(Change& changes) override;
   Kiv::String place() const override { return devName(); }
   const Kiv::TraceHandle& traceHandle() const override;
   void receiveFailed(bool batch, int error) override;
@@ -95,7 +95,7 @@ class KIV_API EthDevPam final : public PacketPam {
   void findDevice();
   void applyOptions();
   void membershipIs(U16 type, bool join, const char* text);
-  void publish(const EthRxMetadata& metadata, U32 packets, detail::Changes& changes);
+  void publish(const EthRxMetadata& metadata, U32 packets, Change& changes);
 
   S32 batchHeld_ = 0;  // size of a batch that was not returned, because a reactor threw
 };

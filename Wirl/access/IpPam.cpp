@@ -36,7 +36,7 @@ void IpPam::enabledIsImpl(bool on) {
 }
 
 void IpPam::doGetRxPkt() {
-  KIV_ASSERT_AS(false, "IpPam doesn't use this interface.");
+  KIV_ASSERT_AS(false, "IpPam doesn't use this interface.", name());
 }
 
 // These hooks validate after the store, so a rejected value is kept (documented in the header).
@@ -67,7 +67,7 @@ void IpPam::enableBulkReadIs(bool on) {
 }
 
 Kiv::Ptr<Kiv::FileDescriptor> IpPam::fileDescIs(Kiv::String name) {
-  KIV_ASSERT_AS(fd() < 0, "fd() < 0");
+  KIV_ASSERT_AS(fd() < 0, "fd() < 0", Entity::name());
   auto made = Kiv::makePtr<Kiv::FileDescriptor>(std::move(name));
   SocketPam::fileDescIs(made);
   return made;

@@ -113,9 +113,9 @@ class KIV_API IpPam : public SocketPam {
  protected:
   /// Throws what `doAttachBpfFilter` throws without an instruction.
   void checkRxFilter() const;
-  void openFailed() override {
+  void openFailed(Change& changes) noexcept override {
     enabled.store(false);
-    enabled.notifiees().notify();
+    changes.changed(enabled);
   }
 
  private:

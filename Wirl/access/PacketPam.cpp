@@ -65,7 +65,7 @@ void PacketPam::enabledIsImpl(bool on) {
 }
 
 void PacketPam::txPktIsImpl(const Pkt::Ptr& pkt) {
-  KIV_ASSERT_AS(pkt, "pkt");
+  KIV_ASSERT_AS(pkt, "pkt", name());
   sendPkt(pkt);
 }
 

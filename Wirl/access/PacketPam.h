@@ -38,9 +38,9 @@ class KIV_API PacketPam : public SocketPam {
 
   virtual void sendPkt(const Pkt::Ptr& pkt) = 0;
   virtual void enabledIsImpl(bool on);
-  void openFailed() override {
+  void openFailed(Change& changes) noexcept override {
     enabled.store(false);
-    enabled.notifiees().notify();
+    changes.changed(enabled);
   }
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
 

@@ -33,7 +33,7 @@ void Pam::txPktIsImpl(const Pkt::Ptr& pkt) {
 }
 
 S32 Pam::doGetBulkRxPkt() {
-  KIV_ASSERT_AS(false, "Need to implement doGetBulkRxPkt in a derived class");
+  KIV_ASSERT_AS(false, "Need to implement doGetBulkRxPkt in a derived class", name());
 }
 
 U32 Pam::rxAllowance(U32 wanted) noexcept {

@@ -77,12 +77,12 @@ class KIV_API Pam : public Kiv::Entity {
  public:
   /// Sends one packet, or drops it; see the counters.
   void txPktIs(const Pkt::Ptr& pkt) {
-    const Kiv::Ptr<const Pam> guard = alive();
+    const auto alive = Kiv::keepAlive(this);
     txPktIsImpl(pkt);
   }
   /// The next received packet, or null. Call it until it gives null.
   Pkt::Ptr rxPkt() const {
-    const Kiv::Ptr<const Pam> guard = alive();
+    const auto alive = Kiv::keepAlive(this);
     unpulled_ = 0;
     // const_cast: the interface fixes rxPkt() as const, although it updates the slot and the counters.
     const_cast<Pam*>(this)->doGetRxPkt();
@@ -90,7 +90,7 @@ class KIV_API Pam : public Kiv::Entity {
   }
   /// Receives a batch and returns the number of packets: slot i of `savedPacket` holds one if `savedPacketRx(i)`.
   S32 rxPktBulk() const {
-    const Kiv::Ptr<const Pam> guard = alive();
+    const auto alive = Kiv::keepAlive(this);
     unpulled_ = 0;
     return const_cast<Pam*>(this)->doGetBulkRxPkt();
   }
@@ -148,10 +148,6 @@ class KIV_API Pam : public Kiv::Entity {
     std::vector<bool> received;
   };
   Saved& saved();
-
-  /// Keeps the Pam alive while it sends or receives: a reactor may drop it. references() == 0: the Pam is under
-  /// construction or not on the heap, so it needs no guard.
-  Kiv::Ptr<const Pam> alive() const { return Kiv::Ptr<const Pam>(references() > 0 ? this : nullptr); }
 
   mutable Pkt::Ptr rxPktHolder_;
   U32 rxDropsHolder_ = 0;

@@ -14,7 +14,7 @@ Kiv::TraceHandle reqResponseTrace("ReqResponsePamFdSm");
 
 PamFdSm::PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) : fileDesc_(fd), pam_(pam) {
   // Keep the Pam alive: a reactor to the first count may drop it.
-  const Kiv::Ptr<Pam> alive(pam_->references() > 0 ? pam_ : nullptr);
+  const auto alive = Kiv::keepAlive(pam_);
   pam_->readableCountInc(1);
   pam_->writableCountInc(1);
 }
@@ -59,8 +59,8 @@ ReqResponsePamFdSm::~ReqResponsePamFdSm() = default;
 void ReqResponsePamFdSm::handleWritable() {
   KIV_TRACE(reqResponseTrace, 0) << "ReqResponsePamFdSm::handleWritable";
   // A reactor to the switch may close the Pam, which detaches this object, or drop both.
-  const Kiv::Ptr<ReqResponsePamFdSm> alive(this);
-  const Kiv::Ptr<Pam> pamAlive(pam()->references() > 0 ? pam() : nullptr);
+  const auto alive = Kiv::keepAlive(this);
+  const auto pamAlive = Kiv::keepAlive(pam());
   const Kiv::Ptr<Kiv::FileDescriptor> fd = fileDesc();
   if (fd) fd->notifyOnWritableIs(false);
   if (fileDesc()) PamFdSm::handleWritable();

@@ -12,7 +12,6 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
-#include "Wirl/access/detail/Changes.h"
 #include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/detail/Socket.h"
 #include "Wirl/access/detail/attachFilter.h"
@@ -151,7 +150,7 @@ void RawIpPam::enabledIsImpl(bool on) {
   enabledIsWith(enabled, on, {family_.domain, SOCK_RAW, protocol()}, netNs());
 }
 
-void RawIpPam::setUp(detail::Changes&) {
+void RawIpPam::setUp(Change&) {
   if (options().has(IpSocketOptions::ipAttachFilter)) holdBackPackets();
   applyOptions(options() | IpSocketOptions::ipMulticastLoop, options());
   if (txTOS() != IpDscp()) handleTxTOS();
@@ -282,8 +281,8 @@ bool RawIpPam::interfaceIs(U32& ifIndex) {
 }
 
 void RawIpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
-  KIV_ASSERT_AS(enabled(), "enabled()");
-  KIV_ASSERT_AS(pkt, "pkt");
+  KIV_ASSERT_AS(enabled(), "enabled()", name());
+  KIV_ASSERT_AS(pkt, "pkt", name());
   detail::TxMessage message(pkt);
   const IpGenAddr to = destinationOf(*pkt);
   const IpGenAddr from = txSrcIpAddr().isUnspecified() ? IpGenAddr(family_.af) : txSrcIpAddr();
@@ -324,15 +323,15 @@ void RawIpPam::hand(Pkt::Ptr pkt, const IpRxMetadata& metadata, U32 packets) {
   KIV_TRACE(family_.trace, 8) << "Received packet from " << metadata.srcIpAddr << " to " << metadata.dstIpAddr
                               << " on ifindex " << metadata.ifIndex;
   if ((metadata.flags & MSG_TRUNC) != 0) KIV_TRACE(family_.trace, 1) << "Packet truncated";
-  detail::Changes changes;
-  put(changes, rxSrcIpAddr, metadata.srcIpAddr);
-  put(changes, rxDstIpAddr, metadata.dstIpAddr);
-  put(changes, rxOrigDstIpAddr, metadata.origDstIpAddr);
-  put(changes, rxIfIndex, metadata.ifIndex);
-  put(changes, rxTOS, metadata.tos);
-  put(changes, rxTTL, metadata.ttl);
-  put(changes, rxFlags, metadata.flags);
-  put(changes, rxPktCount, rxPktCount() + packets);
+  Change changes(this);
+  changes.put(rxSrcIpAddr, metadata.srcIpAddr);
+  changes.put(rxDstIpAddr, metadata.dstIpAddr);
+  changes.put(rxOrigDstIpAddr, metadata.origDstIpAddr);
+  changes.put(rxIfIndex, metadata.ifIndex);
+  changes.put(rxTOS, metadata.tos);
+  changes.put(rxTTL, metadata.ttl);
+  changes.put(rxFlags, metadata.flags);
+  changes.put(rxPktCount, rxPktCount() + packets);
   deliver(std::move(pkt), changes);
 }
 

@@ -80,7 +80,7 @@ class KIV_API RawIpPam : public IpPam {
   void enabledIsImpl(bool on) override;
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
   void doGetRxPkt() override;
-  void setUp(detail::Changes& changes) override;
+  void setUp(Change& changes) override;
   Loss lossOf(int error) const override;
   void receiveFailed(bool batch, int error) override;
   const Kiv::TraceHandle& traceHandle() const override;

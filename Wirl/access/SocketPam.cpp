@@ -9,7 +9,6 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
-#include "Wirl/access/detail/Changes.h"
 #include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/detail/Socket.h"
 #include "Wirl/access/socketAt.h"
@@ -20,29 +19,17 @@ namespace {
 
 Kiv::TraceHandle trace("SocketPam");
 
-/// Closes the descriptor of an object, if there is one; the object reads -1 then. Returns what its reactors throw.
-std::exception_ptr closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing, int (*close)(int)) noexcept {
-  if (!closing) return nullptr;
-  const int fd = closing->descriptor();
-  std::exception_ptr thrown;
-  try {
-    closing->descriptorIs(-1);
-  } catch (...) {
-    thrown = std::current_exception();
-  }
-  if (fd >= 0) close(fd);
-  return thrown;
-}
-
 }  // namespace
 
 SocketPam::SocketPam(Kiv::String name, int (*close)(int)) : Pam(std::move(name)), close_(close) {}
 
 SocketPam::~SocketPam() = default;
 
-void SocketPam::setUp(detail::Changes&) {}
+void SocketPam::setUp(Change&) {}
 
-void SocketPam::forget(detail::Changes&) noexcept {}
+void SocketPam::forget(Change&) noexcept {}
+
+void SocketPam::openFailed(Change&) noexcept {}
 
 Kiv::Ptr<PamFdSm> SocketPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
   return PamFdSmIs(opened, this);
@@ -56,37 +43,40 @@ const Kiv::TraceHandle& SocketPam::traceHandle() const {
 // ----------------------------------------------------------------------------------------
 
 void SocketPam::reopen(bool on, const Kind& kind, const NamespaceName& ns) {
-  const U32 turn = ++turn_;
+  Change turn(this, turn_);
   try {
-    closeAndTell();
-    if (on && turn == turn_) openSocket(kind, ns);
+    closeSocket(turn);
+    turn.tell();
+    if (on && turn.newest()) openSocket(turn, kind, ns);
   } catch (...) {
-    if (turn == turn_) {
-      detail::Changes changes;
-      closeSocket(changes);
-      detail::doQuietly([this] { openFailed(); });
-      detail::doQuietly([&changes] { changes.tell(); });
+    if (turn.newest()) {
+      Change failed(this);
+      closeSocket(failed);
+      openFailed(failed);
+      try {
+        failed.tell();
+      } catch (...) {
+      }
     }
     throw;
   }
 }
 
-void SocketPam::openSocket(const Kind& kind, const NamespaceName& ns) {
-  const U32 turn = turn_;
-  detail::Changes changes;
+void SocketPam::openSocket(const Change& turn, const Kind& kind, const NamespaceName& ns) {
+  Change opening(this);
   const Kiv::Ptr<Kiv::FileDescriptor> opened = newSocket(kind, ns);
-  setUp(changes);
-  changes.add(true, fileDesc);
+  setUp(opening);
+  opening.changed(fileDesc);
   if (receives()) opened->notifyOnReadableIs(true);
   shown_ = true;
-  changes.tell();
-  if (turn != turn_) return;
+  opening.tell();
+  if (!turn.newest()) return;
   const Kiv::Ptr<PamFdSm> sm = newFdSm(opened);
-  if (turn == turn_) fdSm.set(sm);
+  if (turn.newest()) fdSm.set(sm);
 }
 
 Kiv::Ptr<Kiv::FileDescriptor> SocketPam::newSocket(const Kind& kind, const NamespaceName& ns) {
-  KIV_ASSERT_AS(!fileDesc(), "!fileDesc()");
+  KIV_ASSERT_AS(!fileDesc(), "!fileDesc()", name());
   domain_ = kind.domain;
   ns_ = ns;
   spare_ = nullptr;
@@ -112,42 +102,41 @@ Kiv::Ptr<Kiv::FileDescriptor> SocketPam::newSocket(const Kind& kind, const Names
   return opened;
 }
 
-std::exception_ptr SocketPam::closeSocket(detail::Changes& changes) noexcept {
+void SocketPam::closeSocket(Change& changes) noexcept {
   collectDrops();  // the kernel's count goes with the socket
   const Kiv::Ptr<PamFdSm> sm = fdSm();
   const Kiv::Ptr<Kiv::FileDescriptor> closing = fileDesc();
-  fdSm.store(nullptr);
+  changes.put(fdSm, Kiv::Ptr<PamFdSm>());
   fileDesc.store(nullptr);
-  changes.add(sm != nullptr, fdSm);
-  changes.add(closing != nullptr && std::exchange(shown_, false), fileDesc);
+  if (std::exchange(shown_, false)) changes.changed(fileDesc);
   forget(changes);
   if (sm)
     sm->fileDescDel();  // others may still hold the state machine, but it must stop counting for this Pam
-  return closeDescriptor(closing, close_);
+  closeDescriptor(closing, changes);
+}
+
+/// The descriptor object stays and reads -1.
+void SocketPam::closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing, Change& changes) noexcept {
+  if (!closing) return;
+  const int open = closing->descriptor();
+  changes.run([&closing] { closing->descriptorIs(-1); });
+  if (open >= 0) close_(open);
 }
 
 void SocketPam::closeSocket() noexcept {
-  detail::Changes nobodyIsTold;
+  Change nobodyIsTold(this);
   closeSocket(nobodyIsTold);
 }
 
-void SocketPam::closeAndTell() {
-  detail::Changes changes;
-  const std::exception_ptr thrown = closeSocket(changes);
-  changes.tell();
-  if (thrown) std::rethrow_exception(thrown);
-}
-
 void SocketPam::fail(int error, const char* text) const {
-  throw Kiv::ErrnoException(error, text);
+  throw Kiv::ErrnoException(error, text, std::string(place()) + " in " + std::string(ns_.stringValue()));
 }
 
 void SocketPam::closeAndFail(int error, const char* text, const char* complaint, int other) {
-  // A reactor to the descriptor may drop the Pam. If it throws, its exception gives way to the original error.
-  const Kiv::Ptr<SocketPam> alive(references() > 0 ? this : nullptr);
+  Change nobodyIsTold(this);  // if a reactor to the descriptor throws, the original error leaves
   collectDrops();
   if (other == fd()) other = -1;
-  closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), close_);
+  closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), nobodyIsTold);
   if (other >= 0) close_(other);
   if (complaint) {
     KIV_TRACE(traceHandle(), 0) << who() << ": " << complaint << ", errno: " << error;
@@ -177,7 +166,7 @@ bool SocketPam::receive(detail::Received& got, U32 room) {
   return received;
 }
 
-void SocketPam::deliver(Pkt::Ptr pkt, const detail::Changes& changes) {
+void SocketPam::deliver(Pkt::Ptr pkt, const Change& changes) {
   rxPktHolderIs(std::move(pkt));
   changes.tell();
 }
@@ -242,10 +231,10 @@ void SocketPam::refuse(int error) {
 }
 
 void SocketPam::lost(int error, Loss loss) {
-  detail::Changes changes;
-  put(changes, txErrno, error);
-  if (loss == Loss::drop) put(changes, txDrops, txDrops() + 1);
-  if (loss == Loss::error) put(changes, txErrors, txErrors() + 1);
+  Change changes(this);
+  changes.put(txErrno, error);
+  if (loss == Loss::drop) changes.put(txDrops, txDrops() + 1);
+  if (loss == Loss::error) changes.put(txErrors, txErrors() + 1);
   changes.tell();
 }
 

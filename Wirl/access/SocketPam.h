@@ -4,13 +4,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <exception>
 #include <memory>
 
 #include "Kiv/FileDescriptor.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/access/PamFdSm.h"
-#include "Wirl/access/detail/Changes.h"
 #include "Wirl/value/NamespaceName.h"
 
 namespace Kiv {
@@ -62,17 +60,17 @@ class KIV_API SocketPam : public Pam {
 
   /// Sets up the new socket `fd()`: options, bind(2), attributes that depend on the socket. Nothing is watched
   /// yet, and reactors are told afterwards, of `changes` as well. May throw.
-  virtual void setUp(detail::Changes& changes);
+  virtual void setUp(Change& changes);
   /// Whether the socket is watched for packets.
   virtual bool receives() const { return true; }
   /// Makes the state machine, which counts; null for none.
   virtual Kiv::Ptr<PamFdSm> newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd);
   /// Resets what the class knows of the socket that is being closed.
-  virtual void forget(detail::Changes& changes) noexcept;
-  /// Stores and tells that the Pam is not open: opening or closing failed.
-  virtual void openFailed() {}
-  /// Where the socket belongs, for errors: a device, an address and port.
-  virtual Kiv::String place() const { return ""; }
+  virtual void forget(Change& changes) noexcept;
+  /// Stores that the Pam is not open, because opening or closing failed, and has `changes` tell it.
+  virtual void openFailed(Change& changes) noexcept;
+  /// What the socket is bound to, for `what()` of errors: a device, an address and port.
+  virtual Kiv::String place() const { return name(); }
   /// Here: EAGAIN is a drop, everything else an error.
   virtual Loss lossOf(int error) const;
   /// Counts and traces a receive that failed with `error`, or without memory for a packet (0). `batch`: whether it
@@ -88,12 +86,6 @@ class KIV_API SocketPam : public Pam {
   S32 fd() const noexcept { return fileDesc() ? fileDesc()->descriptor() : -1; }
   /// Its domain, whatever attributes say by now.
   int domain() const noexcept { return domain_; }
-
-  /// Stores a value now, to be told with the other changes.
-  template <typename AnyAttr, typename Value>
-  void put(detail::Changes& changes, AnyAttr& attr, const Value& value) {
-    changes.add(storeAttr(attr, value), attr);
-  }
 
   /// Closes the socket, if there is one, and opens another one if `on`. If that throws, there is no socket.
   /// Exceptions of reactors that are told of a failure are dropped in favour of the original error.
@@ -122,7 +114,7 @@ class KIV_API SocketPam : public Pam {
   /// the slot still holds a packet.
   bool receive(detail::Received& got, U32 room);
   /// Puts the packet into the slot, then tells the changes. If a reactor throws, the next pull gets the packet.
-  void deliver(Pkt::Ptr pkt, const detail::Changes& changes);
+  void deliver(Pkt::Ptr pkt, const Change& changes);
   /// Receives up to `limit` packets into `savedPacket` and returns how many.
   S32 receiveBatch(U16 limit, U32 room);
   /// What the kernel told about slot `index` of the latest batch; null for a slot without a packet.
@@ -138,10 +130,10 @@ class KIV_API SocketPam : public Pam {
   void closeSocket() noexcept;
 
  private:
-  void openSocket(const Kind& kind, const NamespaceName& ns);
+  void openSocket(const Change& turn, const Kind& kind, const NamespaceName& ns);
   Kiv::Ptr<Kiv::FileDescriptor> newSocket(const Kind& kind, const NamespaceName& ns);
-  std::exception_ptr closeSocket(detail::Changes& changes) noexcept;
-  void closeAndTell();
+  void closeSocket(Change& changes) noexcept;
+  void closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing, Change& changes) noexcept;
   void offerRest() noexcept;
   void lost(int error, Loss loss);
   void collectDrops() const;

@@ -12,7 +12,6 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
-#include "Wirl/access/detail/Changes.h"
 #include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/detail/Socket.h"
 
@@ -56,7 +55,7 @@ UdpPam::~UdpPam() {
 }
 
 void UdpPam::assertNotConnected() {
-  KIV_ASSERT_AS(!socketConnected(), "!socketConnected()");
+  KIV_ASSERT_AS(!socketConnected(), "!socketConnected()", name());
 }
 
 const Kiv::TraceHandle& UdpPam::traceHandle() const {
@@ -101,7 +100,7 @@ void UdpPam::doNewSocket() {
   reopen(mode() != Mode::disabled, {ipv6En() ? AF_INET6 : AF_INET, SOCK_DGRAM, 0}, netNs());
 }
 
-void UdpPam::setUp(detail::Changes&) {
+void UdpPam::setUp(Change&) {
   setFirstOptions();
   KIV_TRACE(trace, 5) << name() << ": Socket fd is " << fd() << ", mode is " << mode();
   KIV_TRACE(trace, 5) << "Done setting file desc " << name();
@@ -114,8 +113,8 @@ Kiv::Ptr<PamFdSm> UdpPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
   return receives() ? PamFdSmIs(opened, this) : nullptr;
 }
 
-void UdpPam::forget(detail::Changes& changes) noexcept {
-  put(changes, socketConnected, false);
+void UdpPam::forget(Change& changes) noexcept {
+  changes.put(socketConnected, false);
 }
 
 void UdpPam::setFirstOptions() {
@@ -223,12 +222,12 @@ bool UdpPam::doConnect() {
 }
 
 void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
-  KIV_ASSERT_AS(mode() != Mode::disabled, "mode() != disabled()");
-  KIV_ASSERT_AS(pkt, "pkt");
+  KIV_ASSERT_AS(mode() != Mode::disabled, "mode() != disabled()", name());
+  KIV_ASSERT_AS(pkt, "pkt", name());
   detail::TxMessage message(pkt);
   KIV_TRACE(trace, 8) << who() << ": Sending pkt of size " << pkt->bytes();
   if (!doConnect()) return;
-  KIV_ASSERT_AS(txPort() != U16(), "txPort() != U16()");
+  KIV_ASSERT_AS(txPort() != U16(), "txPort() != U16()", name());
 
   if (!socketConnected()) message.toIs(detail::SockAddr(txDst(), txPort(), txIfIndex()));
   const IpGenAddr from = ipv6() ? IpGenAddr(txSrcIp6Addr()) : IpGenAddr(txSrcIpAddr());
@@ -237,13 +236,13 @@ void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
     KIV_TRACE(trace, 8) << who() << ": Sending pkt with txIfIndex " << txIfIndex();
     message.fromIs(from, txIfIndex());
     KIV_TRACE(trace, 8) << who() << ": Sending pkt to ifindex " << txIfIndex();
-    detail::Changes spent;
+    Change spent(this);
     if (ipv6()) {
-      put(spent, txSrcIp6Addr, Ip6Addr());
+      spent.put(txSrcIp6Addr, Ip6Addr());
     } else {
-      put(spent, txSrcIpAddr, IpAddr());
+      spent.put(txSrcIpAddr, IpAddr());
     }
-    put(spent, txIfIndex, U32{0});
+    spent.put(txIfIndex, U32{0});
     spent.tell();
   }
   const int error = send(message);
@@ -257,21 +256,21 @@ void UdpPam::doGetRxPkt() {
   if (mode() == Mode::send && !rxPktHeld()) return;
   detail::Received got;
   if (!receive(got, std::min(maxRxPktData(), kMaxDatagram))) return;
-  detail::Changes changes;
+  Change changes(this);
   record(got, changes);
-  put(changes, rxPkts, rxPkts() + 1);
+  changes.put(rxPkts, rxPkts() + 1);
   deliver(std::move(got.pkt), changes);
 }
 
-void UdpPam::record(const detail::Received& got, detail::Changes& changes) {
+void UdpPam::record(const detail::Received& got, Change& changes) {
   if (ipv6()) {
     const auto from = got.side.peerAs<sockaddr_in6>();
-    put(changes, rxSrcIp6Addr, detail::addressOf(from.sin6_addr));
-    put(changes, rxSrcPort, ntohs(from.sin6_port));
+    changes.put(rxSrcIp6Addr, detail::addressOf(from.sin6_addr));
+    changes.put(rxSrcPort, ntohs(from.sin6_port));
   } else {
     const auto from = got.side.peerAs<sockaddr_in>();
-    put(changes, rxSrcIpAddr, detail::addressOf(from.sin_addr));
-    put(changes, rxSrcPort, ntohs(from.sin_port));
+    changes.put(rxSrcIpAddr, detail::addressOf(from.sin_addr));
+    changes.put(rxSrcPort, ntohs(from.sin_port));
   }
   const auto who = [this] {
     return std::string(name()) + " from " + std::string(textOf(rxSrc(), rxSrcPort()));
@@ -284,17 +283,17 @@ void UdpPam::record(const detail::Received& got, detail::Changes& changes) {
   if (told.pktInfo) {
     KIV_TRACE(trace, 8) << who() << ": Received from ifindex " << told.ifIndex << " with src IP " << rxSrc()
                         << " and dest IP " << told.dstIpAddr;
-    put(changes, rxIfIndex, told.ifIndex);
+    changes.put(rxIfIndex, told.ifIndex);
     if (ipv6()) {
-      put(changes, rxDstIp6Addr, told.dstIpAddr.v6Addr());
+      changes.put(rxDstIp6Addr, told.dstIpAddr.v6Addr());
     } else {
-      put(changes, rxDstIpAddr, told.dstIpAddr.v4Addr());
+      changes.put(rxDstIpAddr, told.dstIpAddr.v4Addr());
     }
   } else {
     KIV_TRACE(trace, 1) << who() << ": recvmsg failed to retrieve ifindex";
   }
-  put(changes, rxTTL, told.ttl);
-  put(changes, rxTOS, told.tos);
+  changes.put(rxTTL, told.ttl);
+  changes.put(rxTOS, told.tos);
 }
 
 // The rest

@@ -115,14 +115,11 @@ class KIV_API UdpPam : public SocketPam {
   virtual void handleNetNs();
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
   void doGetRxPkt() override;
-  void setUp(detail::Changes& changes) override;
+  void setUp(Change& changes) override;
   bool receives() const override { return mode() != Mode::send; }
   Kiv::Ptr<PamFdSm> newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd) override;
-  void forget(detail::Changes& changes) noexcept override;
-  void openFailed() override {
-    mode.store(Mode::disabled);
-    mode.notifiees().notify();
-  }
+  void forget(Change& changes) noexcept override;
+  void openFailed(Change& changes) noexcept override { changes.put(mode, Mode(Mode::disabled)); }
   Loss lossOf(int) const override { return Loss::uncounted; }
   Kiv::String place() const override;
   const Kiv::TraceHandle& traceHandle() const override;
@@ -142,7 +139,7 @@ class KIV_API UdpPam : public SocketPam {
   bool ipv6() const noexcept;
   IpGenAddr txDst() const;
   IpGenAddr rxSrc() const;
-  void record(const detail::Received& got, detail::Changes& changes);
+  void record(const detail::Received& got, Change& changes);
 };
 
 /// "UdpPam echo: mode=server 10.0.0.1:7000 TOS=0 Prio=0".
