@@ -166,7 +166,7 @@ bool SocketPam::receive(detail::Received& got, U32 room) {
   return received;
 }
 
-void SocketPam::deliver(Pkt::Ptr pkt, const Change& changes) {
+void SocketPam::deliver(Pkt::Ptr pkt, Change& changes) {
   rxPktHolderIs(std::move(pkt));
   changes.tell();
 }

@@ -114,7 +114,7 @@ class KIV_API SocketPam : public Pam {
   /// the slot still holds a packet.
   bool receive(detail::Received& got, U32 room);
   /// Puts the packet into the slot, then tells the changes. If a reactor throws, the next pull gets the packet.
-  void deliver(Pkt::Ptr pkt, const Change& changes);
+  void deliver(Pkt::Ptr pkt, Change& changes);
   /// Receives up to `limit` packets into `savedPacket` and returns how many.
   S32 receiveBatch(U16 limit, U32 room);
   /// What the kernel told about slot `index` of the latest batch; null for a slot without a packet.
