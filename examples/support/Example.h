@@ -6,8 +6,6 @@
 #include <net/if.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -25,26 +23,20 @@ namespace example {
 class StopOnSignal {
  public:
   StopOnSignal() {
+    // Whoever started the program, or this agent, may have blocked them until now.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    fd_->descriptorIs(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
   }
-  ~StopOnSignal() {
-    const int fd = fd_->descriptor();
-    fd_->descriptorIs(-1);
-    close(fd);
-  }
-  StopOnSignal(const StopOnSignal&) = delete;
-  StopOnSignal& operator=(const StopOnSignal&) = delete;
-
-  bool stopped() const noexcept { return fd_->readableCount() > 0; }
+  bool stopped() const noexcept { return interrupt_->receivedCount() + terminate_->receivedCount() > 0; }
 
  private:
-  const Kiv::Ptr<Kiv::FileDescriptor> fd_ = Kiv::makePtr<Kiv::FileDescriptor>("signals");
-  const Kiv::Reactor onSignal_{fd_->readableCount, [] { Kiv::activityLoop().stop(); }};
+  const Kiv::Ptr<Kiv::Signal> interrupt_ = Kiv::makePtr<Kiv::Signal>("interrupt", SIGINT);
+  const Kiv::Ptr<Kiv::Signal> terminate_ = Kiv::makePtr<Kiv::Signal>("terminate", SIGTERM);
+  const Kiv::Reactor onInterrupt_{interrupt_->receivedCount, [] { Kiv::activityLoop().stop(); }};
+  const Kiv::Reactor onTerminate_{terminate_->receivedCount, [] { Kiv::activityLoop().stop(); }};
 };
 
 /// The namespace that "--netns NAME" or "--vrf NAME" names; nothing for other options.
