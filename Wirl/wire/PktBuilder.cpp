@@ -12,9 +12,6 @@ namespace {
 
 constexpr U32 kWord = 4;  // of IPv4 and TCP headers
 constexpr U32 kUnit = 8;  // of IPv6 extension headers
-constexpr U16 kGreHasKey = 0x2000;
-constexpr U8 kVxlanHasVni = 0x08;
-constexpr U8 kBottomOfStack = 1;
 
 /// A length as a header says it.
 U16 lengthField(U32 bytes) {
@@ -61,8 +58,11 @@ PktBuilder& PktBuilder::snap() {
 }
 
 PktBuilder& PktBuilder::mpls(U32 label, U8 trafficClass, U8 ttl) {
-  const NetU32 entry((label & 0xfffff) << 12 | (trafficClass & 7u) << 9 | ttl);
-  return push(entry, {Fill::mpls, ethTypeMpls, 137});
+  MplsHdr hdr;
+  hdr.labelIs(label);
+  hdr.trafficClassIs(trafficClass);
+  hdr.ttlIs(ttl);
+  return push(hdr);
 }
 
 U8* PktBuilder::growForOptions(U32 hdrBytes, std::span<const U8> options, BuilderLayer layer) {
@@ -106,8 +106,11 @@ PktBuilder& PktBuilder::ip6Options(IpProtocolNumber which, std::span<const U8> o
 
 PktBuilder& PktBuilder::ip6Fragment(U32 id, U16 offset, bool more) {
   KIV_ASSERT_AS(offset % kUnit == 0, "(offset % 8) == 0");
-  const NetU32 words[] = {NetU32(U32{offset} | (more ? 1u : 0u)), NetU32(id)};
-  return push({reinterpret_cast<const U8*>(words), sizeof(words)}, {Fill::ip6Frag, 0, ipProtoIpv6Frag});
+  Ip6FragHdr hdr;
+  hdr.offsetIs(static_cast<U16>(offset / kUnit));
+  hdr.moreIs(more);
+  hdr.idIs(id);
+  return push(hdr);
 }
 
 PktBuilder& PktBuilder::icmp(U8 type, U8 code, U32 rest) {
@@ -121,17 +124,25 @@ PktBuilder& PktBuilder::icmp6(Icmp6TypeNumber type, U8 code, U32 rest) {
 }
 
 PktBuilder& PktBuilder::gre() {
-  return push(NetU32(0), {Fill::gre, 0, ipProtoGre});
+  return push(GreHdr());
 }
 
 PktBuilder& PktBuilder::gre(U32 key) {
-  const NetU32 words[] = {NetU32(U32{kGreHasKey} << 16), NetU32(key)};
-  return push({reinterpret_cast<const U8*>(words), sizeof(words)}, {Fill::gre, 0, ipProtoGre});
+  GreHdr hdr;
+  hdr.keyPresentIs(true);
+  GreKeyField field;
+  field.keyIs(key);
+  U8* const at = grow(sizeof(hdr) + sizeof(field), builderLayer<GreHdr>);
+  std::memcpy(at, &hdr, sizeof(hdr));
+  std::memcpy(at + sizeof(hdr), &field, sizeof(field));
+  return *this;
 }
 
 PktBuilder& PktBuilder::vxlan(U32 vni) {
-  const NetU32 words[] = {NetU32(U32{kVxlanHasVni} << 24), NetU32(vni << 8)};
-  return push({reinterpret_cast<const U8*>(words), sizeof(words)});
+  VxlanHdr hdr;
+  hdr.vniValidIs(true);
+  hdr.vniIs(vni);
+  return push(hdr);
 }
 
 const Pkt::Ptr& PktBuilder::finish() {
@@ -173,16 +184,13 @@ void PktBuilder::fillIn(U32 layer, U8* at) {
       if (hasType && hdr.orgCode() == 0) hdr.localCodeIs(next.etherType);
       return;
     }
-    case Fill::mpls: {
-      const bool isBottom = next.fill != Fill::mpls;
-      at[2] = static_cast<U8>((at[2] & ~kBottomOfStack) | (isBottom ? kBottomOfStack : 0));
-      return;
-    }
+    case Fill::mpls:
+      return hdrAt<MplsHdr>(at).bottomIs(next.fill != Fill::mpls);
     case Fill::gre: {
       constexpr U16 kEthernetBridging = 0x6558;
-      auto& field = hdrAt<NetU16>(at + sizeof(NetU16));
-      if (hasType) field = next.etherType;
-      if (next.fill == Fill::eth) field = kEthernetBridging;
+      auto& hdr = hdrAt<GreHdr>(at);
+      if (hasType) hdr.protocolIs(next.etherType);
+      if (next.fill == Fill::eth) hdr.protocolIs(kEthernetBridging);
       return;
     }
     case Fill::ip: {
@@ -219,6 +227,7 @@ void PktBuilder::fillIn(U32 layer, U8* at) {
       return setIcmpChecksum(message);
     case Fill::tcp:
     case Fill::icmp6:
+    case Fill::pim:
     case Fill::vrrp:
       return;  // with the IP header in front
   }
@@ -243,6 +252,8 @@ void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
     case Fill::icmp6:
       if constexpr (std::is_same_v<Ip, Ip6Hdr>) setIcmp6Checksum(ip, message);
       return;
+    case Fill::pim:
+      return setPimChecksum(ip, message);
     case Fill::vrrp:
       return setVrrpChecksum(ip, message);
     default:

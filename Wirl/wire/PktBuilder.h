@@ -12,10 +12,17 @@
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/packet/UdpHdr.h"
 #include "Wirl/wire/ArpHdr.h"
+#include "Wirl/wire/EspHdr.h"
+#include "Wirl/wire/GreHdr.h"
 #include "Wirl/wire/IcmpHdr.h"
 #include "Wirl/wire/IgmpHdr.h"
+#include "Wirl/wire/Ip6ExtHdr.h"
+#include "Wirl/wire/MplsHdr.h"
+#include "Wirl/wire/PimHdr.h"
+#include "Wirl/wire/SctpHdr.h"
 #include "Wirl/wire/TcpHdr.h"
 #include "Wirl/wire/VrrpHdr.h"
+#include "Wirl/wire/VxlanHdr.h"
 
 namespace Wirl {
 
@@ -39,8 +46,9 @@ struct BuilderLayer {
     udpPlain,  ///< Length; the checksum stays 0, as tunnels over IPv4 have it.
     tcp,       ///< Checksum.
     sctp,      ///< CRC-32.
-    icmp,      ///< Checksum over the message alone: ICMP, IGMP, PIM 2 over IPv4.
+    icmp,      ///< Checksum over the message alone: ICMP, IGMP.
     icmp6,     ///< Checksum with a pseudo-header: ICMPv6.
+    pim,       ///< Checksum, over IPv6 with a pseudo-header, of a register over 8 bytes.
     vrrp,      ///< Checksum.
   };
 
@@ -71,6 +79,19 @@ template <>
 inline constexpr BuilderLayer builderLayer<IpHdr>{BuilderLayer::Fill::ip, ethTypeIp, 4};
 template <>
 inline constexpr BuilderLayer builderLayer<Ip6Hdr>{BuilderLayer::Fill::ip6, ethTypeIp6, 41};
+template <>
+inline constexpr BuilderLayer builderLayer<Ip6FragHdr>{BuilderLayer::Fill::ip6Frag, 0, ipProtoIpv6Frag};
+template <>
+inline constexpr BuilderLayer builderLayer<MplsHdr>{BuilderLayer::Fill::mpls, ethTypeMpls, 137};
+template <>
+inline constexpr BuilderLayer builderLayer<GreHdr>{BuilderLayer::Fill::gre, 0, ipProtoGre};
+template <>
+inline constexpr BuilderLayer builderLayer<EspHdr>{BuilderLayer::Fill::nothing, 0, ipProtoEsp};
+template <>
+inline constexpr BuilderLayer builderLayer<SctpHdr>{BuilderLayer::Fill::sctp, 0, ipProtoSctp};
+template <typename Hdr>
+requires std::derived_from<Hdr, PimHdr>
+inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::pim, 0, ipProtoPim};
 template <>
 inline constexpr BuilderLayer builderLayer<EthArpHdr>{BuilderLayer::Fill::nothing, ethTypeArpIp};
 template <>

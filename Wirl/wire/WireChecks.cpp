@@ -10,6 +10,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
 #include "Wirl/wire/Crc32.h"
+#include "Wirl/wire/PimHdr.h"
 #include "Wirl/wire/detail/Ip6Chain.h"
 
 namespace Wirl {
@@ -627,6 +628,10 @@ PktCode checkNd(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
   KIV_TRACE(trace, 8) << "checkNd";
   return nd(ip6Hdr, message);
 }
+PktCode checkMld(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
+  return inPacket<true>("checkMld", pkt, ip6Hdr, ipProtoIcmpv6, nextHdrIsNotIcmp6, sizeof(Icmp6Hdr), icmp6Hdr,
+                        [ip6Hdr](const Message& message) { return mld(*ip6Hdr, message.first); });
+}
 PktCode checkMld(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
   KIV_TRACE(trace, 8) << "checkMld";
   return mld(ip6Hdr, message);
@@ -680,6 +685,7 @@ namespace {
 
 void checksumIs(std::span<U8> message, std::size_t at, U32 start, U16 insteadOfZero = 0) {
   const NetU16 none;
+  KIV_ASSERT_AS(message.size() >= at + sizeof(none), "message has a header");
   std::memcpy(&message[at], &none, sizeof(none));
   const auto sum = static_cast<U16>(~sumOf(message, start));
   const NetU16 checksum(sum == 0 ? insteadOfZero : sum);
@@ -706,14 +712,31 @@ void setTcpChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message) {
   checksumIs(message, kTcpChecksumAt, pseudoHdrSum(ip6Hdr, message.size(), ipProtoTcp));
 }
 void setSctpChecksum(std::span<U8> message) {
+  KIV_ASSERT_AS(message.size() >= kSctpBytes, "message has a header");
   const NetU32 crc(__builtin_bswap32(sctpCrc({message})));
   std::memcpy(&message[kSctpChecksumAt], &crc, sizeof(crc));
 }
 void setIcmpChecksum(std::span<U8> message) {
   checksumIs(message, kIcmpChecksumAt, 0);
 }
+namespace {
+
+std::span<U8> summedPim(std::span<U8> message) {
+  const bool isRegister =
+      !message.empty() && (message[0] & 0x0f) == pimRegister && message.size() >= sizeof(PimRegisterHdr);
+  return isRegister ? message.first(sizeof(PimRegisterHdr)) : message;
+}
+
+}  // namespace
+
+void setPimChecksum(const IpHdr&, std::span<U8> message) {
+  checksumIs(summedPim(message), kIcmpChecksumAt, 0);
+}
+void setPimChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message) {
+  checksumIs(summedPim(message), kIcmpChecksumAt, pseudoHdrSum(ip6Hdr, message.size(), ipProtoPim));
+}
 void setVrrpChecksum(const IpHdr& ipHdr, std::span<U8> message) {
-  const bool withPseudoHdr = message[0] >> 4 == 3;
+  const bool withPseudoHdr = !message.empty() && message[0] >> 4 == 3;
   const U32 start = withPseudoHdr ? pseudoHdrSum(ipHdr, message.size(), ipProtoVrrp) : 0;
   checksumIs(message, kVrrpChecksumAt, start);
 }

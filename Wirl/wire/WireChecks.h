@@ -13,13 +13,12 @@
 #include "Wirl/wire/ArpHdr.h"
 #include "Wirl/wire/IcmpHdr.h"
 #include "Wirl/wire/IgmpHdr.h"
+#include "Wirl/wire/SctpHdr.h"
 #include "Wirl/wire/TcpHdr.h"
 #include "Wirl/wire/VrrpHdr.h"
 #include "Wirl/wire/WireErrors.h"
 
 namespace Wirl {
-
-class SctpHdr;
 
 // Checks of what Ethernet and IP carry, before a receive path trusts it. Bad contents are told by the code
 // that is returned and by a trace (handle "WireChecks": failures at level 3, entries at level 8), never by an
@@ -89,6 +88,7 @@ KIV_API PktCode checkNa(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6NaHdr*& naHdr)
 /// Multicast listener discovery (RFC 2710, RFC 3810): what `checkIcmp6` checks, then hop limit 1
 /// (`badMldHopLimit`), a link-local source, or none in reports (`mldSrcNotLinkLocal`), the length with all
 /// sources and records that are counted (`badMldLen`). Other types of ICMPv6: `icmp6TypeNotSupported`.
+KIV_API PktCode checkMld(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr);
 KIV_API PktCode checkMld(const Ip6Hdr& ip6Hdr, std::span<const U8> message);
 
 /// IGMP (RFC 1112, RFC 2236, RFC 3376): length with all sources and records that are counted (`badIgmpLen`),
@@ -118,17 +118,21 @@ KIV_API PktCode checkArp(const Pkt::Ptr& pkt, EthHdr*& ethHdr, EthArpHdr*& arpHd
 KIV_API PktCode checkArp(const EthHdr* ethHdr, std::span<const U8> message,
                          const Prefix* connected = nullptr);
 
-// Checksums for who sends: computed over the message, which is whole in one piece and as long as its header
-// needs, and stored. They also complete a partial one. UDP's 0 becomes 0xffff.
+// Checksums for who sends: computed over the message and stored in it. It is whole, in one piece, with a
+// header; one that is too short for that ends the process. They also complete a partial checksum. UDP's 0
+// becomes 0xffff.
 
 KIV_API void setUdpChecksum(const IpHdr& ipHdr, std::span<U8> message);
 KIV_API void setUdpChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message);
 KIV_API void setTcpChecksum(const IpHdr& ipHdr, std::span<U8> message);
 KIV_API void setTcpChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message);
 KIV_API void setSctpChecksum(std::span<U8> message);
-/// Also IGMP's and that of PIM 2 over IPv4.
+/// Also IGMP's.
 KIV_API void setIcmpChecksum(std::span<U8> message);
 KIV_API void setIcmp6Checksum(const Ip6Hdr& ip6Hdr, std::span<U8> message);
+/// Of a register over its first 8 bytes (RFC 7761).
+KIV_API void setPimChecksum(const IpHdr& ipHdr, std::span<U8> message);
+KIV_API void setPimChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message);
 /// Of version 2 over the message alone, of version 3 with the pseudo-header (RFC 5798).
 KIV_API void setVrrpChecksum(const IpHdr& ipHdr, std::span<U8> message);
 KIV_API void setVrrpChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message);
