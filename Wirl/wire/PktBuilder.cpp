@@ -5,6 +5,7 @@
 #include "Kiv/Exception.h"
 #include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/WireChecks.h"
+#include "Wirl/wire/detail/PseudoHdr.h"
 
 namespace Wirl {
 
@@ -34,6 +35,27 @@ U32 wordsOf(std::span<const U8> options) {
 /// Whether a fragment header is that of one of several fragments.
 bool isPart(U8* fragmentHdr) noexcept {
   return (hdrAt<NetU16>(fragmentHdr + 2) & 0xfff9) != 0;
+}
+
+// The fields were just written. A load of several of them at once would have to wait until they are in the
+// cache, so that they are added up one by one.
+
+void fillChecksum(IpHdr& hdr) {
+  hdr.checksumU16Is(0);
+  if (hdr.hasOptions()) return hdr.checksumIs(hdr.computedChecksum());
+  const U32 sum = (hdr.versionAndHeaderLen().value() << 8 | hdr.tos()) + U32{hdr.totalLenU16()} +
+                  hdr.idU16() + hdr.fragmentOffsetAndFlags().value() +
+                  (hdr.ttl().value() << 8 | hdr.protocol()) + detail::halves(hdr.src().hostOrder()) +
+                  detail::halves(hdr.dst().hostOrder());
+  hdr.checksumU16Is(static_cast<U16>(~detail::folded(sum)));
+}
+
+template <typename Ip>
+void fillChecksum(const Ip& ip, UdpHdr& hdr, std::size_t bytes) {
+  const U32 start = detail::pseudoHdrSum(ip, bytes, ipProtoUdp) + hdr.srcPort() + hdr.dstPort() + hdr.len();
+  const IpChecksum sum =
+      ipChecksumCalc(reinterpret_cast<const char*>(&hdr + 1), static_cast<U16>(bytes - sizeof(hdr)), start);
+  hdr.checksumIs(sum == IpChecksum() ? IpChecksum(U16{0xffff}) : sum);
 }
 
 }  // namespace
@@ -145,27 +167,40 @@ PktBuilder& PktBuilder::vxlan(U32 vni) {
   return push(hdr);
 }
 
-const Pkt::Ptr& PktBuilder::finish() {
-  U8* const end = pkt_->front() + pkt_->bytes();
-  for (U32 layer = 0; layer < count_; ++layer) fillIn(layer, end - layers_[layer].bytes);
-  if (const U32 bytes = pkt_->bytes(); bytes < padTo_) {
-    std::memset(pkt_->newSharedTailData(padTo_ - bytes), 0, padTo_ - bytes);
+template <typename Ip>
+void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
+  U32 layer = ipLayer;
+  do {
+    if (layer-- == 0) return;
+    const Fill passed = layers_[layer].fill;
+    if (passed == Fill::ip6Frag && isPart(end - layers_[layer].bytes)) return;
+    if (passed != Fill::ip6Ext && passed != Fill::ip6Frag && passed != Fill::ah) break;
+  } while (true);
+  const std::span<U8> message(end - layers_[layer].bytes, layers_[layer].bytes);
+  switch (layers_[layer].fill) {
+    case Fill::udp:
+      return fillChecksum(ip, hdrAt<UdpHdr>(message.data()), message.size());
+    case Fill::tcp:
+      return setTcpChecksum(ip, message);
+    case Fill::icmp6:
+      if constexpr (std::is_same_v<Ip, Ip6Hdr>) setIcmp6Checksum(ip, message);
+      return;
+    case Fill::pim:
+      return setPimChecksum(ip, message);
+    case Fill::vrrp:
+      return setVrrpChecksum(ip, message);
+    default:
+      return;
   }
-  if (fcs_) {
-    const U32 crc = __builtin_bswap32(crc32({pkt_->front(), pkt_->bytes()}));
-    const NetU32 lowestFirst(crc);
-    std::memcpy(pkt_->newSharedTailData(sizeof(lowestFirst)), &lowestFirst, sizeof(lowestFirst));
-  }
-  return pkt_;
 }
 
-void PktBuilder::fillIn(U32 layer, U8* at) {
+[[gnu::always_inline]] inline void PktBuilder::fillIn(U32 layer, U8* at) {
   const U32 bytes = layers_[layer].bytes;
-  const BuilderLayer next = layer > 0 ? layers_[layer - 1].kind : BuilderLayer{};
+  const Layer next = layer > 0 ? layers_[layer - 1] : Layer{Fill::nothing, 0, -1, 0};
   const bool hasType = next.etherType != 0;
   const bool hasProtocol = next.ipProtocol >= 0;
   const std::span<U8> message(at, bytes);
-  switch (layers_[layer].kind.fill) {
+  switch (layers_[layer].fill) {
     case Fill::nothing:
       return;
     case Fill::eth:
@@ -197,8 +232,7 @@ void PktBuilder::fillIn(U32 layer, U8* at) {
       auto& hdr = hdrAt<IpHdr>(at);
       hdr.totalLenIs(lengthField(bytes));
       if (hasProtocol) hdr.protocolIs(static_cast<U8>(next.ipProtocol));
-      hdr.checksumU16Is(0);
-      hdr.checksumIs(hdr.computedChecksum());
+      fillChecksum(hdr);
       // The upper layer's checksum covers what is in other fragments.
       if (!hdr.moreFrag() && hdr.fragmentOffset() == 0) fillUpper(layer, at + bytes, hdr);
       return;
@@ -234,31 +268,18 @@ void PktBuilder::fillIn(U32 layer, U8* at) {
   if (hasProtocol) *at = static_cast<U8>(next.ipProtocol);
 }
 
-template <typename Ip>
-void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
-  U32 layer = ipLayer;
-  do {
-    if (layer-- == 0) return;
-    const Fill passed = layers_[layer].kind.fill;
-    if (passed == Fill::ip6Frag && isPart(end - layers_[layer].bytes)) return;
-    if (passed != Fill::ip6Ext && passed != Fill::ip6Frag && passed != Fill::ah) break;
-  } while (true);
-  const std::span<U8> message(end - layers_[layer].bytes, layers_[layer].bytes);
-  switch (layers_[layer].kind.fill) {
-    case Fill::udp:
-      return setUdpChecksum(ip, message);
-    case Fill::tcp:
-      return setTcpChecksum(ip, message);
-    case Fill::icmp6:
-      if constexpr (std::is_same_v<Ip, Ip6Hdr>) setIcmp6Checksum(ip, message);
-      return;
-    case Fill::pim:
-      return setPimChecksum(ip, message);
-    case Fill::vrrp:
-      return setVrrpChecksum(ip, message);
-    default:
-      return;
+const Pkt::Ptr& PktBuilder::finish() {
+  U8* const end = pkt_->front() + pkt_->bytes();
+  for (U32 layer = 0; layer < count_; ++layer) fillIn(layer, end - layers_[layer].bytes);
+  if (const U32 bytes = pkt_->bytes(); bytes < padTo_) {
+    std::memset(pkt_->newSharedTailData(padTo_ - bytes), 0, padTo_ - bytes);
   }
+  if (fcs_) {
+    const U32 crc = __builtin_bswap32(crc32({pkt_->front(), pkt_->bytes()}));
+    const NetU32 lowestFirst(crc);
+    std::memcpy(pkt_->newSharedTailData(sizeof(lowestFirst)), &lowestFirst, sizeof(lowestFirst));
+  }
+  return pkt_;
 }
 
 }  // namespace Wirl

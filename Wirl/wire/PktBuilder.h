@@ -57,6 +57,41 @@ struct BuilderLayer {
   S16 ipProtocol = -1;  ///< -1: nothing announces it by a protocol number.
 };
 
+/// What `finish` expects of a layer: that it begins with a header of so many bytes.
+constexpr U32 leastBytes(BuilderLayer::Fill fill) noexcept {
+  using enum BuilderLayer::Fill;
+  switch (fill) {
+    case nothing:
+      return 0;
+    case eth:
+      return sizeof(EthHdr);
+    case tag:
+    case mpls:
+    case gre:
+    case icmp:
+    case icmp6:
+    case pim:
+      return 4;
+    case snap:
+      return sizeof(Eth8022SnapHdr);
+    case ip:
+    case tcp:
+      return sizeof(IpHdr);
+    case ip6:
+      return sizeof(Ip6Hdr);
+    case ip6Ext:
+    case ip6Frag:
+    case udp:
+    case udpPlain:
+    case vrrp:
+      return sizeof(UdpHdr);
+    case ah:
+    case sctp:
+      return sizeof(AhHdr);
+  }
+  return 0;
+}
+
 /// The layer that a header image begins; one line for each image that can be pushed.
 template <typename Hdr>
 inline constexpr BuilderLayer builderLayer{};
@@ -115,7 +150,8 @@ inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0,
 /// known kind, EtherType 0) leaves that field as it was pushed.
 ///
 /// The packet must have a shared buffer and no private head data. Where other packets show the same buffer,
-/// ask for `keepShownData` first, and do not `pad`. More than `kMostLayers` layers end the process.
+/// ask for `keepShownData` first, and do not `pad`. More than `kMostLayers` layers end the process, and so does
+/// a layer that is shorter than its header.
 class KIV_API PktBuilder {
  public:
   static constexpr U32 kMostLayers = 24;
@@ -145,10 +181,11 @@ class KIV_API PktBuilder {
   // Ethernet and what may stand between it and IP.
 
   PktBuilder& eth(EthAddr dst, EthAddr src) {
-    EthHdr hdr;
+    auto& hdr = grow<EthHdr>();
     hdr.dstIs(dst);
     hdr.srcIs(src);
-    return push(hdr);
+    hdr.typeOrLenIs(0);
+    return *this;
   }
   /// An 802.1Q tag; `type` announces it in the layer in front.
   PktBuilder& vlan(U16 vlanId, U8 priority = 0, EthType type = ethTypeDot1Q) {
@@ -166,11 +203,14 @@ class KIV_API PktBuilder {
   // there.
 
   PktBuilder& ip(IpAddr src, IpAddr dst, U8 ttl = 64) {
-    IpHdr hdr;
+    auto& hdr = grow<IpHdr>();
+    hdr = IpHdr();
+    hdr.versionIs(IpHdr::ipVersion4);
+    hdr.headerBytesIs(sizeof(IpHdr));
+    hdr.ttlIs(IpTtl(ttl));
     hdr.srcIs(src);
     hdr.dstIs(dst);
-    hdr.ttlIs(IpTtl(ttl));
-    return ip(hdr);
+    return *this;
   }
   /// Version and header length are filled in, all else is the caller's.
   PktBuilder& ip(IpHdr hdr) {
@@ -180,11 +220,13 @@ class KIV_API PktBuilder {
   }
   PktBuilder& ip(IpHdr hdr, std::span<const U8> options);
   PktBuilder& ip6(const Ip6Addr& src, const Ip6Addr& dst, U8 hopLimit = 64) {
-    Ip6Hdr hdr;
+    auto& hdr = grow<Ip6Hdr>();
+    hdr = Ip6Hdr();
+    hdr.versionIs(Ip6Hdr::ipVersion6);
+    hdr.hopLimitIs(IpTtl(hopLimit));
     hdr.srcIs(src);
     hdr.dstIs(dst);
-    hdr.hopLimitIs(IpTtl(hopLimit));
-    return ip6(hdr);
+    return *this;
   }
   PktBuilder& ip6(Ip6Hdr hdr) {
     hdr.versionIs(Ip6Hdr::ipVersion6);
@@ -237,23 +279,34 @@ class KIV_API PktBuilder {
 
  private:
   using Fill = BuilderLayer::Fill;
+  /// A `BuilderLayer` without initial values, so that those not used cost nothing.
   struct Layer {
-    BuilderLayer kind;
+    Fill fill;
+    U16 etherType;
+    S16 ipProtocol;
     U32 bytes;  // of it and all behind it
   };
 
   U8* grow(U32 bytes, BuilderLayer layer) {
     KIV_ASSERT_AS(count_ < kMostLayers, "layers < kMostLayers");
+    KIV_ASSERT_AS(bytes >= leastBytes(layer.fill), "the layer has a header");
     U8* const front = pkt_->newSharedHeadData(bytes);
-    layers_[count_++] = {layer, pkt_->bytes()};
+    bytes_ += bytes;
+    layers_[count_++] = {layer.fill, layer.etherType, layer.ipProtocol, bytes_};
     return front;
+  }
+  /// A header of undefined contents, for what is written in place: a copy of it would wait for its parts.
+  template <typename Hdr>
+  Hdr& grow(BuilderLayer layer = builderLayer<Hdr>) {
+    return *reinterpret_cast<Hdr*>(grow(sizeof(Hdr), layer));
   }
   U8* growForOptions(U32 hdrBytes, std::span<const U8> options, BuilderLayer layer);
   PktBuilder& udp(U16 srcPort, U16 dstPort, BuilderLayer layer) {
-    UdpHdr hdr;
+    auto& hdr = grow<UdpHdr>(layer);
     hdr.srcPortIs(srcPort);
     hdr.dstPortIs(dstPort);
-    return push(hdr, layer);
+    hdr.checksumU16Is(0);
+    return *this;
   }
   U32 bytesOf(U32 layer) const noexcept {
     return layers_[layer].bytes - (layer == 0 ? payloadBytes_ : layers_[layer - 1].bytes);
@@ -264,10 +317,11 @@ class KIV_API PktBuilder {
 
   const Pkt::Ptr pkt_;
   const U32 payloadBytes_ = pkt_->bytes();
+  U32 bytes_ = payloadBytes_;
   U32 count_ = 0;
   U32 padTo_ = 0;
   bool fcs_ = false;
-  Layer layers_[kMostLayers];
+  Layer layers_[kMostLayers];  // the innermost first
 };
 
 }  // namespace Wirl

@@ -12,6 +12,7 @@
 #include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/PimHdr.h"
 #include "Wirl/wire/detail/Ip6Chain.h"
+#include "Wirl/wire/detail/PseudoHdr.h"
 
 namespace Wirl {
 
@@ -49,29 +50,12 @@ T valueAt(std::span<const U8> octets, std::size_t at) noexcept {
 
 // Checksums.
 
-U32 halves(U32 sum) noexcept {
-  return (sum & 0xffff) + (sum >> 16);
-}
-U16 folded(U32 sum) noexcept {
-  return static_cast<U16>(halves(halves(sum)));
-}
-
-/// Sum of a pseudo-header; the length may be more than a header can say.
-U32 pseudoHdrSum(const IpHdr& ipHdr, std::size_t bytes, U8 protocol) noexcept {
-  return halves(ipHdr.src().hostOrder()) + halves(ipHdr.dst().hostOrder()) + protocol +
-         halves(static_cast<U32>(bytes));
-}
-
-U32 pseudoHdrSum(const Ip6Hdr& ip6Hdr, std::size_t bytes, U8 protocol) noexcept {
-  NetU32 words[8];
-  std::memcpy(words, reinterpret_cast<const U8*>(&ip6Hdr) + 8, sizeof(words));
-  U64 sum = bytes + protocol;
-  for (const NetU32 word : words) sum += word;
-  return halves(static_cast<U32>(sum)) + static_cast<U32>(sum >> 32);
-}
+using detail::folded;
+using detail::halves;
+using detail::pseudoHdrSum;
 
 /// Folded sum of octets in one piece.
-U16 sumOf(std::span<const U8> octets, U32 start) {
+[[gnu::always_inline]] inline U16 sumOf(std::span<const U8> octets, U32 start) {
   constexpr std::size_t kMost = 0xfffe;
   const auto* data = reinterpret_cast<const char*>(octets.data());
   std::size_t bytes = octets.size();
@@ -524,15 +508,69 @@ template <bool kWhole, typename Ip, typename Hdr, typename Check>
   return check(message);
 }
 
+/// The message of a datagram that lies in the packet's first piece, in no fragment and behind no extension
+/// header, as nearly all do; empty for others. Nothing is said of it: the long way finds out what is wrong.
 template <typename Ip>
-PktCode udpInPacket(const Pkt::Ptr& pkt, Ip* ip, UdpHdr*& udpHdr) {
+[[gnu::always_inline]] inline std::span<U8> plainMessage(const Pkt::Ptr& pkt, Ip* ip, U8 protocol) {
+  if (!pkt || !ip || trace.enabled(8)) [[unlikely]]
+    return {};
+  const auto at = reinterpret_cast<std::uintptr_t>(ip) - reinterpret_cast<std::uintptr_t>(pkt->front());
+  const std::size_t present = pkt->frontBytes();
+  if (at > present || present - at < sizeof(Ip) || ip->protocol() != protocol) return {};
+  std::size_t hdrBytes = sizeof(Ip);
+  std::size_t bytes;
+  if constexpr (kIsIp6<Ip>) {
+    bytes = sizeof(Ip) + ip->payloadLen();
+  } else {
+    hdrBytes = ip->headerBytes();
+    bytes = ip->totalLenU16();
+    if (hdrBytes < sizeof(Ip) || hdrBytes > bytes || ip->moreFrag() || ip->fragmentOffset() != 0) return {};
+  }
+  if (bytes > present - at) return {};
+  return {reinterpret_cast<U8*>(ip) + hdrBytes, bytes - hdrBytes};
+}
+
+template <typename Ip>
+[[gnu::always_inline]] inline bool isSummed(const Ip& ip, std::span<const U8> message, U8 protocol) {
+  return ipChecksumCalc(reinterpret_cast<const char*>(message.data()), static_cast<U16>(message.size()),
+                        pseudoHdrSum(ip, message.size(), protocol)) == IpChecksum();
+}
+
+template <typename Ip>
+[[gnu::noinline]] PktCode udpTheLongWay(const Pkt::Ptr& pkt, Ip* ip, UdpHdr*& udpHdr) {
   return inPacket<false>("checkUdp", pkt, ip, ipProtoUdp, nonUdpProto, sizeof(UdpHdr), udpHdr,
                          [ip](const Message& message) { return udp(*ip, message); });
 }
 template <typename Ip>
-PktCode tcpInPacket(const Pkt::Ptr& pkt, Ip* ip, TcpHdr*& tcpHdr) {
+[[gnu::always_inline]] inline PktCode udpInPacket(const Pkt::Ptr& pkt, Ip* ip, UdpHdr*& udpHdr) {
+  const auto message = plainMessage(pkt, ip, ipProtoUdp);
+  if (message.size() >= sizeof(UdpHdr)) [[likely]] {
+    auto* const found = reinterpret_cast<UdpHdr*>(message.data());
+    if (found->len() == message.size() && found->checksumU16() != 0 && isSummed(*ip, message, ipProtoUdp)) {
+      udpHdr = found;
+      return noError;
+    }
+  }
+  return udpTheLongWay(pkt, ip, udpHdr);
+}
+
+template <typename Ip>
+[[gnu::noinline]] PktCode tcpTheLongWay(const Pkt::Ptr& pkt, Ip* ip, TcpHdr*& tcpHdr) {
   return inPacket<false>("checkTcp", pkt, ip, ipProtoTcp, nonTcpProto, kTcpBytes, tcpHdr,
                          [ip](const Message& message) { return tcp(*ip, message); });
+}
+template <typename Ip>
+[[gnu::always_inline]] inline PktCode tcpInPacket(const Pkt::Ptr& pkt, Ip* ip, TcpHdr*& tcpHdr) {
+  const auto message = plainMessage(pkt, ip, ipProtoTcp);
+  if (message.size() >= kTcpBytes) [[likely]] {
+    auto* const found = reinterpret_cast<TcpHdr*>(message.data());
+    const U16 bytes = found->headerBytes();
+    if (bytes >= kTcpBytes && bytes <= message.size() && isSummed(*ip, message, ipProtoTcp)) {
+      tcpHdr = found;
+      return noError;
+    }
+  }
+  return tcpTheLongWay(pkt, ip, tcpHdr);
 }
 template <typename Ip>
 PktCode sctpInPacket(const Pkt::Ptr& pkt, Ip* ip, SctpHdr*& sctpHdr) {

@@ -184,7 +184,7 @@ Pkt::Ptr built(const Kind& kind, std::size_t cut = 0, std::size_t at = 0, std::s
   PktBuilder builder(pkt);
   const std::size_t bytes = kind.message.size() - cut;
   BuilderLayer layer = kind.layer;
-  if (cut > 0 && bytes < sizeof(SctpHdr)) layer.fill = Fill::nothing;  // less than some header
+  if (cut > 0 && bytes < sizeof(TcpHdr)) layer.fill = Fill::nothing;  // less than some header
   builder.push({reinterpret_cast<const U8*>(kind.message.data()), bytes}, layer);
   const auto* const ip = reinterpret_cast<const U8*>(kind.ip.data());
   if (kind.ip.size() == kV4.size()) {
