@@ -9,19 +9,22 @@ using detail::Notifiee;
 using detail::NotifieeTable;
 
 void NotifieeTable::append(Notifiee* notifiee) noexcept {
-  notifiee->next = last ? std::exchange(last->next, notifiee) : notifiee;
+  if (last) {
+    Notifiee* const first = last->next;
+    notifiee->before = last;
+    notifiee->next = first;
+    last->next = notifiee;
+    if (!first->abandoned()) first->before = notifiee;
+  } else {
+    notifiee->before = notifiee->next = notifiee;
+  }
   last = notifiee;
 }
 
 void NotifieeTable::remove(Notifiee* notifiee) noexcept {
-  Notifiee* before = last;
-  while (before->next != notifiee) before = before->next;
-  if (before == notifiee) {
-    last = nullptr;
-  } else {
-    before->next = notifiee->next;
-    if (last == notifiee) last = before;
-  }
+  notifiee->before->next = notifiee->next;
+  notifiee->next->before = notifiee->before;
+  if (last == notifiee) last = notifiee->before == notifiee ? nullptr : notifiee->before;
 }
 
 void NotifieeTable::tidy() noexcept {
@@ -32,7 +35,7 @@ void NotifieeTable::tidy() noexcept {
   last = nullptr;
   while (Notifiee* const each = all) {
     all = std::exchange(each->next, nullptr);
-    if (each->abandoned) {
+    if (each->abandoned()) {
       *deadEnd = each;
       deadEnd = &each->next;
     } else if (owner) {
@@ -42,7 +45,7 @@ void NotifieeTable::tidy() noexcept {
     }
   }
   goIfEmpty();
-  // The closures go last: what they hold may hold the attribute.
+  // Destroy the closures last: one of them may own the attribute.
   while (dead) delete std::exchange(dead, dead->next);
 }
 
@@ -63,11 +66,6 @@ void NotifieeList::add(Notifiee* notifiee) {
 
 void NotifieeList::ownerGone() noexcept {
   table_->owner = nullptr;
-  Notifiee* each = table_->last;
-  do {
-    each->live = false;
-    each = each->next;
-  } while (each != table_->last);
   if (table_->notifying) {
     table_->untidy = true;
   } else {
@@ -85,9 +83,8 @@ void Reactor::drop() noexcept {
   std::unique_ptr<Notifiee> notifiee(std::exchange(notifiee_, nullptr));
   if (!notifiee || !notifiee->table) return;
   NotifieeTable& table = *notifiee->table;
-  notifiee->live = false;
   if (table.notifying) {
-    notifiee.release()->abandoned = true;
+    notifiee.release()->before = nullptr;
     table.untidy = true;
     return;
   }
@@ -96,7 +93,7 @@ void Reactor::drop() noexcept {
 }
 
 bool Reactor::registered() const noexcept {
-  return notifiee_ && notifiee_->live;
+  return notifiee_ && notifiee_->table && notifiee_->table->owner;
 }
 
 }  // namespace Kiv

@@ -15,16 +15,18 @@ namespace detail {
 
 struct NotifieeTable;
 
-/// One registration. The `Reactor` owns it, unless it is dropped while its list is being notified: then its
-/// closure may be the one that runs, and the table keeps it until the outermost notification is over.
+/// One registration. The `Reactor` owns it. If that goes while the list is being notified, the table takes the
+/// registration over until the outermost notification is over: its closure may be the one that runs.
 struct Notifiee {
   virtual ~Notifiee() = default;
   virtual void run() = 0;
+  /// Dropped during a notification: does not run any more, and the table deletes it.
+  bool abandoned() const noexcept { return !before; }
 
   NotifieeTable* table = nullptr;  // null when what it watched is gone
-  Notifiee* next = nullptr;        // in there; behind the last comes the first
-  bool live = true;                // runs at the next change
-  bool abandoned = false;          // its Reactor is gone, the table deletes it
+  // A ring, in the order of registration.
+  Notifiee* next = nullptr;
+  Notifiee* before = nullptr;  // may point to an abandoned one until the table is tidied
 };
 
 template <typename Action>
@@ -34,14 +36,13 @@ struct NotifieeOf final : Notifiee {
   Action action;
 };
 
-/// The registrations of one attribute, in the order of registration. On the heap, and made for the first one
-/// only: an attribute that nobody watches carries a null pointer. Outlives its attribute when that is
-/// destroyed by one of its own reactors.
+/// The registrations of one attribute. On the heap, and made for the first one only: an attribute that nobody
+/// watches carries a null pointer. Outlives its attribute when one of the attribute's own reactors destroys it.
 struct NotifieeTable {
-  Notifiee* last = nullptr;       // of a ring; there is no table without a registration
-  NotifieeList* owner = nullptr;  // null once the attribute is gone
+  Notifiee* last = nullptr;       // of the ring; there is no table without a registration
+  NotifieeList* owner = nullptr;  // null once the attribute is gone: then nothing runs any more
   bool notifying = false;
-  bool untidy = false;  // dead entries to sweep when the notification is over
+  bool untidy = false;  // something to do when the notification is over
 
   void notify() {
     const Notification running(*this);
@@ -49,19 +50,18 @@ struct NotifieeTable {
     // (those are only marked) while this goes on.
     Notifiee* const end = last;
     for (Notifiee* each = end->next;; each = each->next) {
-      if (each->live) each->run();
-      if (each == end) break;
+      if (!each->abandoned()) each->run();
+      if (each == end || !owner) break;
     }
   }
 
   void append(Notifiee* notifiee) noexcept;
-  /// Looks for it from the first on: those that go in the order in which they came are found at once.
   void remove(Notifiee* notifiee) noexcept;
   KIV_API void tidy() noexcept;
   void goIfEmpty() noexcept;
 
  private:
-  /// Marks the table as being notified; also when a reactor throws, what was put off is done at the end.
+  /// Marks the table as being notified. At the end, also when a reactor throws, does what had to wait.
   struct Notification {
     explicit Notification(NotifieeTable& t) noexcept : table(t), outer(t.notifying) { t.notifying = true; }
     ~Notification() {
@@ -88,7 +88,7 @@ class KIV_API NotifieeList {
   NotifieeList& operator=(const NotifieeList&) = delete;
 
   bool empty() const noexcept { return table_ == nullptr; }
-  /// Runs the reactors that are registered now. The list, and all around it, may be gone on return.
+  /// Runs the reactors that are registered now. On return the list and its owner may have been destroyed.
   void notify() const {
     if (table_) table_->notify();
   }
@@ -123,13 +123,13 @@ class KIV_API Reactor {
     { watched.notifiees() } -> std::same_as<NotifieeList&>;
   }
   [[nodiscard]] Reactor(const Watched& watched, Action action) {
-    // This may take memory, and fail, and so comes before there is anything to lose.
+    // May throw bad_alloc, so do it before allocating the notifiee.
     NotifieeList& list = watched.notifiees();
     add(list, new detail::NotifieeOf<Action>(std::move(action)));
   }
   Reactor(Reactor&& other) noexcept : notifiee_(std::exchange(other.notifiee_, nullptr)) {}
   Reactor& operator=(Reactor&& other) noexcept {
-    // The former registration goes last: what its action holds may hold this object.
+    // Destroy the former registration last: its closure may own this Reactor.
     Reactor former(std::move(*this));
     notifiee_ = std::exchange(other.notifiee_, nullptr);
     return *this;
