@@ -57,7 +57,7 @@ Posted* reversed(Posted* list) noexcept {
 
 }  // namespace
 
-Mailbox::Mailbox() : event_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)), thread_(pthread_self()) {
+Mailbox::Mailbox() : event_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   if (event_ < 0) throw ErrnoException(errno, "eventfd");
 }
 
@@ -68,8 +68,7 @@ Mailbox::~Mailbox() {
 
 /// A signal handler runs this too: no lock, no memory, errno as it was.
 void Mailbox::wake() const noexcept {
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-  if (pthread_equal(pthread_self(), thread_) && awake_.load(std::memory_order_relaxed)) return;
+  if (!asleep_) return;
   const int error = errno;
   // Cannot fail: the counter would have to be full. Nobody reads it: the watch is edge-triggered.
   eventfd_write(event_, 1);
@@ -77,7 +76,7 @@ void Mailbox::wake() const noexcept {
 }
 
 void Mailbox::stop() noexcept {
-  stopped_.store(true, std::memory_order_relaxed);
+  stopped_ = true;
   wake();
 }
 
@@ -86,8 +85,7 @@ bool Mailbox::post(std::unique_ptr<Posted> posted) noexcept {
   do {
     if (latest == ended()) return false;
     posted->next = latest;
-  } while (!latest_.compare_exchange_weak(latest, posted.get(), std::memory_order_release,
-                                          std::memory_order_relaxed));
+  } while (!latest_.compare_exchange_weak(latest, posted.get()));
   posted.release();
   if (!latest) wake();  // otherwise whoever posted the first one did
   return true;
@@ -112,11 +110,10 @@ class ActivityLoop::Running {
   explicit Running(ActivityLoop& loop) : loop_(&loop) {
     KIV_ASSERT_AS(!loop.running(), "!running()");
     loop.running_ = true;
-    loop.mailbox_->awakeIs(true);
+    loop.mailbox_->asleepIs(false);
   }
   ~Running() {
     loop_->running_ = false;
-    loop_->mailbox_->awakeIs(false);
     loop_->mailbox_->runEnded();
     loop_->syncEmbedded();
   }
@@ -412,13 +409,11 @@ void ActivityLoop::wait(Time limit) {
 /// Fetches a batch of events; whether there are any.
 bool ActivityLoop::take(int timeout) {
   if (timeout != 0) {
-    mailbox_->awakeIs(false);
-    // A signal handler may have stopped the loop, or posted, before it could know that the loop sleeps.
-    std::atomic_signal_fence(std::memory_order_seq_cst);
+    mailbox_->asleepIs(true);
     if (stopped() || mailbox_->pending()) timeout = 0;
   }
   const int count = epoll_wait(epoll_, events_.data(), kBatch, timeout);
-  mailbox_->awakeIs(true);
+  mailbox_->asleepIs(false);
   if (count < 0 && errno != EINTR) throw ErrnoException(errno, "epoll_wait");
   nextEvent_ = 0;
   eventCount_ = std::max(count, 0);
@@ -520,6 +515,7 @@ void ActivityLoop::runClocks() {
 /// Sets the timer for a foreign loop, which waits on `descriptor()` without asking first.
 void ActivityLoop::syncEmbedded() noexcept {
   if (!embedded_ || running_) return;
+  mailbox_->asleepIs(true);
   const Time next = nextDeadline();
   if (leftOver() || workWaits() || next <= now()) {
     // Set anew in any case: an earlier expiry may be in the batch already, and wakes nobody any more.

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
 #include <concepts>
 #include <functional>
@@ -50,24 +48,26 @@ class KIV_API Mailbox {
   void stop() noexcept;
 
   // From the loop's thread.
-  bool stopped() const noexcept { return stopped_.load(std::memory_order_relaxed); }
+  bool stopped() const noexcept { return stopped_; }
   void runEnded() noexcept { stopped_.store(false, std::memory_order_relaxed); }
-  bool pending() const noexcept { return latest_.load(std::memory_order_relaxed) != nullptr; }
+  bool pending() const noexcept { return latest_ != nullptr; }
   /// Everything posted so far, the oldest first; the caller owns it.
   Posted* take() noexcept;
   /// Destroys what is posted and refuses everything from now on.
   void end() noexcept;
   int descriptor() const noexcept { return event_; }
-  /// Whether the thread looks at the mailbox again before it sleeps.
-  void awakeIs(bool awake) noexcept { awake_.store(awake, std::memory_order_relaxed); }
+  /// While the loop sleeps, what comes in wakes it. It looks at the mailbox once more after saying so: whoever
+  /// comes earlier is seen then, and whoever comes later sees the flag.
+  void asleepIs(bool asleep) noexcept {
+    asleep ? asleep_.store(true) : asleep_.store(false, std::memory_order_relaxed);
+  }
 
  private:
   void wake() const noexcept;
 
   const int event_;
-  const pthread_t thread_;
   std::atomic<bool> stopped_{false};
-  std::atomic<bool> awake_{false};
+  std::atomic<bool> asleep_{false};
   std::atomic<Posted*> latest_{nullptr};  // linked to the oldest, or `ended()`
 };
 

@@ -27,8 +27,12 @@ void NotifieeTable::remove(Notifiee* notifiee) noexcept {
   if (last == notifiee) last = notifiee->before == notifiee ? nullptr : notifiee->before;
 }
 
+void NotifieeTable::nested() {
+  walk();
+}
+
 void NotifieeTable::tidy() noexcept {
-  untidy = false;
+  state = State::quiet;
   Notifiee* all = std::exchange(last->next, nullptr);
   Notifiee* dead = nullptr;
   Notifiee** deadEnd = &dead;
@@ -66,10 +70,10 @@ void NotifieeList::add(Notifiee* notifiee) {
 
 void NotifieeList::ownerGone() noexcept {
   table_->owner = nullptr;
-  if (table_->notifying) {
-    table_->untidy = true;
-  } else {
+  if (table_->state == NotifieeTable::State::quiet) {
     table_->tidy();
+  } else {
+    table_->state = NotifieeTable::State::untidy;
   }
 }
 
@@ -83,9 +87,9 @@ void Reactor::drop() noexcept {
   std::unique_ptr<Notifiee> notifiee(std::exchange(notifiee_, nullptr));
   if (!notifiee || !notifiee->table) return;
   NotifieeTable& table = *notifiee->table;
-  if (table.notifying) {
+  if (table.state != NotifieeTable::State::quiet) {
     notifiee.release()->before = nullptr;
-    table.untidy = true;
+    table.state = NotifieeTable::State::untidy;
     return;
   }
   table.remove(notifiee.get());

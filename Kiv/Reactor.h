@@ -41,36 +41,47 @@ struct NotifieeOf final : Notifiee {
 struct NotifieeTable {
   Notifiee* last = nullptr;       // of the ring; there is no table without a registration
   NotifieeList* owner = nullptr;  // null once the attribute is gone: then nothing runs any more
-  bool notifying = false;
-  bool untidy = false;  // something to do when the notification is over
+  enum class State : U8 {
+    quiet,
+    notifying,
+    untidy,  // notifying, and something is to be done when that is over
+  } state = State::quiet;
 
   void notify() {
-    const Notification running(*this);
-    // Up to the one that is last at the start: reactors may append (those wait for the next change) and drop
-    // (those are only marked) while this goes on.
-    Notifiee* const end = last;
-    for (Notifiee* each = end->next;; each = each->next) {
-      if (!each->abandoned()) each->run();
-      if (each == end || !owner) break;
-    }
+    if (state != State::quiet) [[unlikely]]
+      return nested();
+    const Notification outermost(*this);
+    walk();
   }
 
   void append(Notifiee* notifiee) noexcept;
   void remove(Notifiee* notifiee) noexcept;
   KIV_API void tidy() noexcept;
+  KIV_API void nested();
   void goIfEmpty() noexcept;
 
  private:
+  /// Runs up to the one that is last at the start: reactors may append (those wait for the next change) and
+  /// drop (those are only marked) meanwhile.
+  void walk() {
+    Notifiee* const end = last;
+    Notifiee* each = end;
+    do {
+      each = each->next;
+      if (!each->abandoned()) each->run();
+    } while (each != end && owner);
+  }
+
   /// Marks the table as being notified. At the end, also when a reactor throws, does what had to wait.
   struct Notification {
-    explicit Notification(NotifieeTable& t) noexcept : table(t), outer(t.notifying) { t.notifying = true; }
+    explicit Notification(NotifieeTable& t) noexcept : table(t) { t.state = State::notifying; }
     ~Notification() {
-      table.notifying = outer;
-      if (!outer && table.untidy) [[unlikely]]
+      if (table.state == State::notifying) [[likely]]
+        table.state = State::quiet;
+      else
         table.tidy();
     }
     NotifieeTable& table;
-    const bool outer;
   };
 };
 

@@ -184,6 +184,33 @@ void armFirePeer(State& state) {
   if (fired != static_cast<Kiv::U64>(state.iterations())) state.SkipWithError("a timer did not fire");
 }
 
+/// The loop is woken once for work of another thread's, by the same thread so that no scheduler is measured.
+void postOurs(State& state) {
+  Kiv::ActivityLoop& loop = Kiv::activityLoop();
+  const Kiv::ActivityLoop::Handle handle = loop.handle();
+  Kiv::U64 runs = 0;
+  for (auto _ : state) {
+    handle.post([&runs] { ++runs; });
+    loop.poll();
+  }
+  if (runs != static_cast<Kiv::U64>(state.iterations())) state.SkipWithError("a post did not run");
+}
+
+void postPeer(State& state) {
+  struct ev_loop* const loop = ev_loop_new(EVBACKEND_EPOLL);
+  Kiv::U64 runs = 0;
+  ev_async async;
+  ev_async_init(&async, [](struct ev_loop*, ev_async* w, int) { ++*static_cast<Kiv::U64*>(w->data); });
+  async.data = &runs;
+  ev_async_start(loop, &async);
+  for (auto _ : state) {
+    ev_async_send(loop, &async);
+    ev_run(loop, EVRUN_NOWAIT);
+  }
+  if (runs != static_cast<Kiv::U64>(state.iterations())) state.SkipWithError("a post did not run");
+  ev_loop_destroy(loop);
+}
+
 /// A thousand timers armed in one go and all run.
 constexpr int kMany = 1000;
 
@@ -240,6 +267,7 @@ BENCH_ROWS {
   bench::compare("timer: arm and cancel, 10,000 pending", armCancelOurs, "libev", armCancelPeer,
                  bench::atMost(1));
   bench::compare("timer: arm and fire, 10,000 pending", armFireOurs, "libev", armFirePeer, bench::atMost(1));
+  bench::compare("loop: post and run", postOurs, "libev, ev_async_send", postPeer, bench::atMost(1));
   bench::compare("timer: 1,000 armed and fired, 10,000 pending", manyOurs, "libev", manyPeer,
                  bench::atMost(1));
 }

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <vector>
+
 #include "Kiv/Entity.h"
 #include "bench/support/Compare.h"
 
@@ -80,10 +82,31 @@ void unwatchedFloor(State& state) {
   }
 }
 
+/// Ten thousand reactors of one attribute, dropped in the order in which they came or in the other one.
+void drop(State& state, bool reverse) {
+  const auto counter = Kiv::makePtr<Counter>();
+  Kiv::U64 total = 0;
+  std::vector<Kiv::Reactor> reactors(10000);
+  for (auto _ : state) {
+    state.PauseTiming();
+    for (auto& reactor : reactors) reactor = Kiv::Reactor(counter->count, [&total] { ++total; });
+    state.ResumeTiming();
+    if (reverse) {
+      for (auto each = reactors.rbegin(); each != reactors.rend(); ++each) each->drop();
+    } else {
+      for (auto& reactor : reactors) reactor.drop();
+    }
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * reactors.size()));
+}
+
 BENCH_ROWS {
   bench::compare("set with one reactor", watchedOurs, "function pointer", watchedFloor, bench::atMost(1.5));
   bench::compare("set nobody watches", unwatchedOurs<1>, "compare, store, branch", unwatchedFloor<1>,
                  bench::atMost(1.5));
+  bench::compare(
+      "10,000 reactors dropped in reverse", [](State& state) { drop(state, true); }, "in order",
+      [](State& state) { drop(state, false); }, bench::atMost(2));
   bench::compare("set to the same value", unwatchedOurs<0>, "compare, branch", unwatchedFloor<0>,
                  bench::atMost(1.5));
 }
