@@ -12,15 +12,20 @@
 #include "Wirl/packet/Ethernet.h"
 #include "Wirl/packet/IpHdr.h"
 #include "Wirl/wire/Crc32.h"
+#include "Wirl/wire/Layers.h"
+#include "Wirl/wire/PktText.h"
 #include "Wirl/wire/detail/PktBytes.h"
 
 namespace Wirl {
 
 namespace {
 
-void printOctets(std::ostream& out, std::span<const U8> octets) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  for (const U8 octet : octets) out << kDigits[octet >> 4] << kDigits[octet & 15];
+void printLine(std::ostream& out, std::span<const U8> octets, U32 bytes) {
+  std::string line;
+  LayerOptions options;
+  options.wireBytes = bytes;
+  appendPktLine(line, layers(octets, options));
+  out << line;
 }
 
 void printSeconds(std::ostream& out, Kiv::Time time) {
@@ -32,7 +37,7 @@ void printSeconds(std::ostream& out, Kiv::Time time) {
 
 }  // namespace
 
-PktLog::PktLog(const Limits& limits) : limits_(limits), print_(printOctets), slots_(limits.maxEntries) {
+PktLog::PktLog(const Limits& limits) : limits_(limits), print_(printLine), slots_(limits.maxEntries) {
   KIV_ASSERT(limits.maxEntries > 0 && limits.keyBytes > 0 && limits.blank);
   buckets_.assign(std::bit_ceil(limits.maxEntries), kNone);
   octets_.resize(std::size_t{2} * limits.maxEntries * limits.keyBytes);
@@ -130,7 +135,7 @@ std::ostream& operator<<(std::ostream& out, const PktLog& log) {
     printSeconds(out, entry.first);
     printSeconds(out, entry.last);
     out << "  " << entry.code << ' ' << entry.bytes << " bytes: ";
-    log.print_(out, entry.kept);
+    log.print_(out, entry.kept, entry.bytes);
     out << '\n';
   });
   return out;

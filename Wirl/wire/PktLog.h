@@ -24,8 +24,8 @@ class KIV_API PktLog {
  public:
   /// Takes out of a copy of a packet's first bytes what may differ among packets of a kind.
   using Blank = void (*)(std::span<U8> octets);
-  /// Prints what there is of a packet, in one line and without its end.
-  using Print = void (*)(std::ostream& out, std::span<const U8> octets);
+  /// Prints a packet of `bytes` bytes, the first of which are there, in one line and without its end.
+  using Print = void (*)(std::ostream& out, std::span<const U8> octets, U32 bytes);
 
   struct Limits {
     U32 maxEntries = 64;
@@ -57,7 +57,7 @@ class KIV_API PktLog {
   void forEach(Each each) const {
     for (U32 i = newest_; i != kNone; i = slots_[i].older) each(entryAt(i));
   }
-  /// What prints the packets; by default hexadecimal octets.
+  /// What prints the packets; by default `appendPktLine`, for Ethernet frames.
   void printIs(Print print) noexcept { print_ = print; }
   /// A line a kind: count, seconds of the clock when it came first and last, code, length, packet.
   KIV_API friend std::ostream& operator<<(std::ostream& out, const PktLog& log);
