@@ -57,8 +57,9 @@ tests() {
     [ -t 1 ] || grep -vE '^ *Start +[0-9]+:| Passed +[0-9.]+ sec$' "$log.log" >&2 || true
     return 1
   fi
-  # Those that passed at the second try are told, so that none hides there.
-  sed -nE 's/^.*Test +#[0-9]+: ([^ ]+) \.*\*\*\*(Failed|Timeout|Exception).*/  \1: passed at the second try/p' "$log.log" | sort -u
+  # Name the tests that passed only at the second try.
+  sed -nE 's/^.*Test +#[0-9]+: ([^ ]+) \.*\*\*\*(Failed|Timeout|Exception).*/  \1: passed at the second try/p' \
+    "$log.log" | sort -u
   if [ "$skip" != 0 ]; then
     grep -E '\*\*\*Skipped' "$log.log" || true
     if [ "${CI:-}" = true ]; then

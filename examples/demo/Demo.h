@@ -22,8 +22,8 @@ extern volatile sig_atomic_t interrupted;
 /// Prints one line at once, so that lines of several processes do not mix.
 [[gnu::format(printf, 1, 2)]] void say(const char* format, ...);
 
-/// While it lives there are the namespaces ns-red, with 192.0.2.1 and 2001:db8::1 on red0, and ns-blue, with .2
-/// and ::2 on blue0.
+/// While it lives there are the namespaces ns-red, with 192.0.2.1 and 2001:db8::1 on red0, and ns-blue, with
+/// .2 and ::2 on blue0.
 class World {
  public:
   World();
@@ -83,8 +83,8 @@ class Capture {
   std::optional<Agent> tap_;
 };
 
-// The parts, in the order of the demo. Each prints what it does, adds its agents' counters and returns whether
-// all went well.
+// The parts, in the order of the demo. Each prints what it does, adds its agents' counters and returns
+// whether all went well.
 bool rawIp(example::CounterTable& counters);
 bool frames(example::CounterTable& counters);
 bool cable(example::CounterTable& counters);

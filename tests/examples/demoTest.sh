@@ -17,7 +17,8 @@ fi
 
 # Ctrl-C while it sets up, while agents start and while they work: it ends at once and in order.
 for hundredths in 0 1 2 4 8 12 16 20 30 40; do
-  timeout --foreground --signal=INT --kill-after=5 "$(printf '0.%02d1' $hundredths)" "$programs/wirlDemo" >"$output" 2>&1
+  timeout --foreground --signal=INT --kill-after=5 "$(printf '0.%02d1' $hundredths)" "$programs/wirlDemo" \
+    >"$output" 2>&1
   status=$?
   [ $status = 0 ] && break # it was done before
   expect "an orderly end, not status $status, when interrupted after $hundredths/100 s" [ $status = 124 ]

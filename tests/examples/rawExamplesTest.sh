@@ -52,8 +52,9 @@ refused 1 "frameTap: /dev/full: No space left on device" tap --write /dev/full v
 ip netns exec "$red" sysctl -qw net.ipv4.icmp_echo_ignore_all=0
 start frames "$programs/frameTap" --netns "$red" --filter "icmp or vlan 5" --write "$folder/pcap" v0
 pings 192.0.2.1
+frame='\2\0\0\0\0\1\2\0\0\0\0\2\201\0\040\5\10\0E\0\0\34\0\0\0\0\100\375'
 for checksum in '\045\173' '\045\173' '\253\315'; do
-  printf '\2\0\0\0\0\1\2\0\0\0\0\2\201\0\040\5\10\0E\0\0\34\0\0\0\0\100\375'$checksum'\306\63\144\2\306\63\144\1%26s' x |
+  printf "$frame"$checksum'\306\63\144\2\306\63\144\1%26s' x |
     ip netns exec "$blue" socat -u - INTERFACE:v0
 done
 for _ in $(seq 100); do [ "$(tail -1 "$output" | awk '{print $5}')" = 13 ] && break; sleep 0.05; done

@@ -33,6 +33,7 @@ await() {
 start() {
   local ready=$1
   shift
+  : >"$output" # or a line of the program before would do
   "$@" >"$output" 2>&1 &
   await "$output" "$ready"
 }
