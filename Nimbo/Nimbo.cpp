@@ -88,17 +88,16 @@ class SignalsHeldBack {
   sigset_t before_;
 };
 
-/// The namespace that the thread was in before `netnsEnter` moved it: what "default" stands for. -1 for a thread
-/// that was never moved, which is there. Trivial, since all calls look at it.
+/// The namespace that the thread was in before `netnsEnter` moved it: what "default" stands for. -1 for a
+/// thread that was never moved, which is there. Trivial, since all calls look at it.
 constinit thread_local int home = -1;
 
-/// Keeps `netns` as the thread's home until the thread ends.
-void homeIs(int netns) noexcept {
-  home = netns;
-  static thread_local const struct Closer {
-    ~Closer() { ::close(std::exchange(home, -1)); }
-  } closer;
-  static_cast<void>(closer);
+/// Sees to it that the thread's home is closed when the thread ends. Returns 0 or the errno: a `thread_local`
+/// with a destructor would end the process where there is no memory for it.
+int closeHomeAtThreadEnd() noexcept {
+  static pthread_key_t key;
+  static const int failure = pthread_key_create(&key, [](void*) { ::close(std::exchange(home, -1)); });
+  return failure != 0 ? failure : pthread_setspecific(key, &home);
 }
 
 bool isDefault(const char* name) noexcept {
@@ -169,13 +168,14 @@ int netnsEnter(const char* name) noexcept {
   if (there.get() < 0) return -1;
   const int before = home >= 0 ? -1 : openOwn();
   if (before < 0 && home < 0) return -1;
-  if (::setns(there.get(), CLONE_NEWNET) != 0) {
-    const int error = errno;
+  const int unkept = closeHomeAtThreadEnd();
+  if (unkept != 0 || ::setns(there.get(), CLONE_NEWNET) != 0) {
+    const int error = unkept != 0 ? unkept : errno;
     if (before >= 0) ::close(before);
     errno = error;
     return failed("setns ", name);
   }
-  if (before >= 0) homeIs(before);
+  if (before >= 0) home = before;
   return 0;
 }
 

@@ -20,7 +20,7 @@ Kiv::TraceHandle trace("PamConnector");
 
 constexpr Kiv::Time kTick = Kiv::timeOfSeconds(0.0009765625);  // 1/1024 s
 
-/// The packet itself, or a copy where its bytes are those of other packets, too, which would see them move.
+/// Returns the packet, or a deep copy if its buffer is shared: moving bytes would corrupt the other packets.
 Pkt::Ptr withBytesOfItsOwn(const Pkt::Ptr& pkt) {
   if (!pkt->sharedBuffer() || pkt->sharedBuffer()->references() == 1) return pkt;
   const Pkt::Manager& manager = *globalPktManager();
@@ -58,7 +58,7 @@ Pkt::Ptr PamConnectorPam::inputQueue(U32 sequence) const {
 
 bool PamConnectorPam::grow() noexcept {
   const U32 mask = mask_ * 2 + 1;
-  if (mask == ~U32{0}) return false;  // the sequence numbers could not tell that many from none
+  if (mask == ~U32{0}) return false;  // 2^32 packets would look like none
   std::vector<Pkt::Ptr> larger;
   try {
     larger.resize(std::size_t{mask} + 1);
@@ -89,7 +89,7 @@ inline void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
   other.ring_[other.queue_.next++ & other.mask_] = std::move(pkt);
   if (trace.enabled(2)) [[unlikely]]
     traceEnqueued();
-  // The packet gets its tick also when a client's reactor throws.
+  // The packet gets its tick even if a client's reactor throws.
   detail::doBoth([this] { countWritable(*this); },
                  [this] {
                    if (pamConnector()) pamConnector()->doScheduleEvent();
@@ -103,12 +103,12 @@ void PamConnectorPam::txPktIsImpl(const Pkt::Ptr& pkt) {
     return;
   if (!peekPkt.notifiees().empty() || !peekPktCount.notifiees().empty()) [[unlikely]]
     return showAndSend(pkt);
-  peekPktCount.store(peekPktCount() + 1);  // nobody to see it in between
+  peekPktCount.store(peekPktCount() + 1);  // nobody watches
   enqueue(pkt);
 }
 
-/// Takes the packet by value: those who see it may let go of the caller's pointer. They may also send, or cut
-/// the other end off.
+/// Takes the packet by value: a reactor may drop the caller's pointer. Reactors may also send, or remove the
+/// other end.
 void PamConnectorPam::showAndSend(Pkt::Ptr pkt) {
   const auto show = [&] { peekPkt.set(pkt); };
   const auto count = [&] { peekPktCountInc(1); };
@@ -124,7 +124,7 @@ void PamConnectorPam::showAndSend(Pkt::Ptr pkt) {
 }
 
 void PamConnectorPam::drop() {
-  const Kiv::Ptr<PamConnectorPam> other(otherEnd());  // whose reactors may remove it
+  const Kiv::Ptr<PamConnectorPam> other(otherEnd());
   KIV_TRACE(trace, 2) << "Dropping packet";
   other->rxDropsIs(other->rxDrops() + 1);
   writableCountInc(1);
@@ -150,14 +150,18 @@ bool PamConnectorPam::separateTag(Pkt::Ptr& pkt) noexcept {
 }
 
 void PamConnectorPam::doGetRxPkt() {
-  if (inputQueueLength() == 0) return;
+  if (inputQueueLength() == 0) return rxPulled(0);
   Pkt::Ptr& oldest = ring_[queue_.first & mask_];
-  if (pamConnector() && pamConnector()->separateVlanTagHdr() && !separateTag(oldest)) [[unlikely]] {
-    if (pamConnector()->initialized()) pamConnector()->doScheduleEvent();  // pull again then
-    return;
-  }
+  const bool separate = pamConnector() && pamConnector()->separateVlanTagHdr();
+  if (rxAllowance(1) == 0 || (separate && !separateTag(oldest))) [[unlikely]]
+    return offerAgain();
+  rxPulled(1);
   ++queue_.first;
   rxPktHolderIs(std::move(oldest));
+}
+
+void PamConnectorPam::offerAgain() {
+  if (pamConnector() && pamConnector()->initialized()) pamConnector()->doScheduleEvent();
 }
 
 // The connector
@@ -189,7 +193,7 @@ void PamConnector::pamDel(const Kiv::String& name) {
   if (!removed) return;
   pam_.erase(removed->name());
   removed->cut();
-  scheduleWhatIsQueued();  // the end may be in the middle of a send, and can see to its tick no more
+  scheduleWhatIsQueued();  // the removed end may be inside txPktIs and can no longer schedule the tick itself
 }
 
 void PamConnector::pamDelAll() {
@@ -203,7 +207,7 @@ void PamConnector::handleInitializedBase() {
   const auto pam1 = Kiv::makePtr<PamConnectorPam>("pam1", this);
   pamIs(pam0);
   pamIs(pam1);
-  initialized_ = true;  // no memory is needed any more: where there is none, it can be tried again
+  initialized_ = true;  // only now: if memory ran out above, the start-up can be tried again
   pam0->otherEnd_ = pam1.get();
   pam1->otherEnd_ = pam0.get();
   pam0->writableCountInc(1);
@@ -230,7 +234,7 @@ void PamConnector::handleClock() {
     deliver("pam0");
     deliver("pam1");
   } catch (...) {
-    // A client's reactor threw. What was not told of yet is told of at another tick.
+    // A client's reactor threw: tell of the remaining packets at another tick.
     detail::doQuietly([this] { scheduleWhatIsQueued(); });
     throw;
   }

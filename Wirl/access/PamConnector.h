@@ -12,8 +12,8 @@ namespace Wirl {
 
 class PamConnector;
 
-/// Where an input queue stands: it holds the packets with the sequence numbers from `first` up to, and
-/// without, `next`. The numbers wrap at 2^32.
+/// The state of an input queue: it holds the packets with sequence numbers `first` to `next` - 1. The numbers
+/// wrap at 2^32.
 struct InputQueueMetadata {
   U32 first = 0;
   U32 next = 0;
@@ -28,19 +28,21 @@ inline std::ostream& operator<<(std::ostream& out, const InputQueueMetadata& que
 /// One end of a `PamConnector`.
 ///
 /// A send puts the packet itself, not a copy, into the other end's input queue; `rxPkt` takes it out there.
-/// Whether it was queued or lost, the sender's `writableCount` goes up by one: it may send again.
+/// In any case the sender's `writableCount` goes up by one: it may send again.
 ///
-/// The queue takes a packet as long as it does not hold more than `maxBuffer`, and so up to `maxBuffer` + 1.
-/// What comes then is dropped, and counted by the end that would have received it (`rxDrops`). Where there is
-/// no memory for a longer queue, the packet is counted in `txErrors` (ENOMEM).
+/// The queue accepts a packet while it holds at most `maxBuffer`, so it can reach `maxBuffer` + 1. After that
+/// a packet is dropped, and the receiving end counts it in `rxDrops`. If there is no memory for a longer
+/// queue, the sender counts the packet in `txErrors` (ENOMEM).
 ///
-/// Reactors to `peekPkt` and `peekPktCount` see a packet before it is queued. What they throw leaves `txPktIs`
-/// when the send is done; it costs no packet. They may send, too: where they leave no room, the packet that
-/// they saw is lost as above.
+/// Reactors to `peekPkt` and `peekPktCount` see a packet before it is queued. An exception from one leaves
+/// `txPktIs` after the send is done, and costs no packet. They may send, too; if that fills the queue, the
+/// packet that they saw is dropped as above. If a `peekPkt` reactor removes the other end, the packet counts
+/// in `txErrors` (ENOTCONN) and `writableCount` does not change.
 ///
-/// Sending without another end, since one of the two was removed or the connector is gone, ends the process;
-/// where a reactor to `peekPkt` is what cuts it off, that packet is counted in `txErrors` (ENOTCONN), and
-/// `writableCount` stays.
+/// Sending without another end ends the process. There is none once either end was removed or the connector
+/// is gone.
+///
+/// A pull that has spent the event's `rxBudget` gives null. The rest is offered at the next tick.
 class KIV_API PamConnectorPam final : public Pam {
  public:
   KIV_ENTITY(PamConnectorPam, Pam)
@@ -70,74 +72,78 @@ class KIV_API PamConnectorPam final : public Pam {
  private:
   friend class PamConnector;
 
-  // What few sends and receives have to do is apart, out of the way of those that have not.
+  // Slow paths, out of line.
 
-  /// Whether the other end takes one more packet; where not, the loss is counted.
+  /// Whether the other end accepts one more packet; if not, counts the loss.
   bool admitted();
-  /// Queues a packet at the other end, which has room, and sees to what follows from that.
+  /// Queues a packet at the other end, which has room, counts `writableCount` and schedules the tick.
   void enqueue(Pkt::Ptr pkt);
-  /// Lets the packet be seen as `peekPkt`, for this instant, and then sends it.
+  /// Shows the packet as `peekPkt`, and then sends it.
   [[gnu::cold]] void showAndSend(Pkt::Ptr pkt);
   /// Counts a packet for which the other end has no room.
   [[gnu::cold]] void drop();
-  /// Counts one that was lost otherwise.
+  /// Counts a packet that was lost for another reason.
   [[gnu::cold]] void failed(S32 error);
   [[gnu::cold]] void traceEnqueued();
-  /// Makes room in the ring; false without memory.
+  /// Doubles the ring; false without memory.
+
   [[gnu::cold]] bool grow() noexcept;
-  /// Moves a VLAN tag out of the packet's bytes; false, with the packet as it was, without memory.
+  /// Tells the client of what is queued at the next tick.
+  [[gnu::cold]] void offerAgain();
+  /// Moves a VLAN tag out of the packet's bytes. False, with the packet unchanged, without memory.
   [[gnu::noinline]] static bool separateTag(Pkt::Ptr& pkt) noexcept;
-  /// Belongs to no connector any more, and is nobody's other end.
+  /// Leaves the connector and the other end.
   void cut() noexcept;
 
   PamConnector* pamConnector_;
   PamConnectorPam* otherEnd_ = nullptr;
   InputQueueMetadata queue_;
-  // Packet n is at n modulo the size, a power of two.
+  // Packet n is in slot n modulo the size, a power of two.
   U32 mask_ = 15;
   std::vector<Pkt::Ptr> ring_ = std::vector<Pkt::Ptr>(mask_ + 1);
 };
 
 /// Joins two in-process Pams, "pam0" and "pam1", like a cable: what is sent on one end is received on the
-/// other, at the next tick of a clock.
+/// other at the next tick of a clock.
 ///
 ///     pam0.txPktIs(pkt) ──> pam1's input queue ──tick──> pam1.readableCount ──> pam1.rxPkt()
 ///
-/// The first send sets the clock to 1/1024 s from now, unless it is set already, and further sends share that
-/// tick; it counts `readableCount` up once for each packet queued at either end. With a clock of a loop in
-/// simulated time all of it is exact and takes no real time.
+/// A send sets the clock to 1/1024 s from now unless a time is pending, so further sends share that tick. The
+/// tick counts `readableCount` up once for each packet queued at either end. If the clock's loop runs in
+/// simulated time, all of this is exact and takes no real time.
 ///
 ///     auto cable = Wirl::PamConnectorIs(Kiv::makePtr<Kiv::Clock>("cable"));
 ///     cable->handleInitializedBase();
 ///     auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
 ///
-/// The ends may outlive the connector, and each other. Everything belongs to the thread of the clock's loop;
-/// reactors may send, pull, remove ends and let go of the connector.
+/// The ends may outlive the connector and each other. Everything belongs to the thread of the clock's loop.
+/// Reactors may send, pull, remove ends and drop the connector.
 class KIV_API PamConnector : public Kiv::PtrInterface {
  public:
   ~PamConnector() override;
 
   const Kiv::Ptr<Kiv::Clock>& clock() const noexcept { return clock_; }
   bool initialized() const noexcept { return initialized_; }
-  /// Whether a VLAN tag in a packet's bytes becomes its separate tag when the packet is received. That is
-  /// done to the packet itself, also where the sender still holds it, but to a copy where its buffer is that
-  /// of other packets, too. A packet for whose copy there is no memory stays in the queue, and its client is
-  /// told again at the next tick.
+  /// Whether a VLAN tag in a packet's bytes becomes its separate tag when the packet is received. This
+  /// changes the packet itself, even if the sender still holds it; if its buffer is shared with other
+  /// packets, a copy. Without memory for the copy the packet stays in the queue, and its client is told again
+  /// at the next tick.
   bool separateVlanTagHdr() const noexcept { return separateVlanTagHdr_; }
   void separateVlanTagHdrIs(bool separate) noexcept { separateVlanTagHdr_ = separate; }
 
-  /// The ends by name; null for a name that there is not.
+  /// The end of that name, or null.
   Kiv::Ptr<PamConnectorPam> pam(const Kiv::String& name) const;
-  /// Enters an end under its name, one of no other connector; one that had the name is removed.
+  /// Enters an end under its name and removes the end that had it. The end must not belong to another
+  /// connector.
   void pamIs(const Kiv::Ptr<PamConnectorPam>& pam);
-  /// Removes an end: it belongs to no connector then, and its other end has none.
+  /// Removes an end: it then belongs to no connector, and neither end has another end.
   void pamDel(const Kiv::String& name);
   void pamDelAll();
 
-  /// Start-up: makes the two ends and joins them, and tells the clients of both that they may send. A second
-  /// one changes nothing.
+  /// Start-up: makes and joins the two ends and tells the clients of both that they may send. A second
+  /// start-up does nothing.
   void handleInitializedBase();
-  /// Sees to it that a tick is pending. Before start-up it ends the process.
+  /// Ensures that a tick is pending. Ends the process before start-up.
   void doScheduleEvent();
   /// What a tick does.
   void handleClock();
@@ -156,7 +162,7 @@ class KIV_API PamConnector : public Kiv::PtrInterface {
   Kiv::Reactor onClock_;
 };
 
-/// Makes a connector that is yet to be started up (`handleInitializedBase`).
+/// Makes a connector; `handleInitializedBase` starts it up.
 KIV_API Kiv::Ptr<PamConnector> PamConnectorIs(const Kiv::Ptr<Kiv::Clock>& clock);
 
 }  // namespace Wirl

@@ -67,8 +67,8 @@ void* closeForever(void*) {
   }
 }
 
-/// A child of fork(2) has no closer thread. It keeps its copies of the descriptors that were waiting, like all
-/// others that it inherits, and starts with an empty ring.
+/// A child of fork(2) has no closer thread. It keeps its copies of the descriptors that were waiting, like
+/// all others that it inherits, and starts with an empty ring.
 void beginAfresh() {
   for (Slot& slot : ring) slot.fd = kEmpty;
   stats.enqueued = 0;

@@ -26,8 +26,8 @@ const char* text(const char* name) {
   return name ? name : "";
 }
 
-/// RTM_NEWLINK that changes the link of the given name: a message of fixed size, since every attribute has
-/// one.
+/// RTM_NEWLINK that changes the link of the given name. The message has a fixed size, since each attribute
+/// has.
 struct MoveLink {
   nlmsghdr header;
   ifinfomsg link;
@@ -63,7 +63,7 @@ int requestMove(int netlink, const char* intf, int namespaceDescriptor) {
   } while (size < 0 && errno == EINTR);
   if (size < 0) return errno;
 
-  // The kernel has answered by now. What it repeats of the request behind its answer is cut off.
+  // The kernel has answered by now. The receive cuts off the copy of the request that follows the answer.
   Acknowledgement answer{};
   do {
     size = ::recv(netlink, &answer, sizeof(answer), 0);
@@ -99,7 +99,7 @@ int socketAt(int family, int type, int protocol, const char* ns) {
   } else {
     KIV_TRACE(trace, 9) << " opened socket " << socket << " in ns " << text(ns);
   }
-  errno = error;  // tracing writes to a sink, which may fail
+  errno = error;  // a trace sink may have changed it
   return socket;
 }
 

@@ -70,6 +70,8 @@ class PamBackend {
   virtual bool gathers() const { return true; }
   /// Whether it loses what there is no room for, instead of holding up the sender.
   virtual bool loses() const { return true; }
+  /// Whether the Pam takes a packet now; one that holds up the sender may have to be asked.
+  virtual bool takesNow(const Wirl::Pam&) const { return true; }
 
   // Of those with a socket:
   virtual Call receiveCall() const { return Call::recvmsg; }

@@ -44,8 +44,8 @@ class PamConnectorTest : public testing::Test {
   Kiv::Ptr<PamConnector> cable = PamConnectorIs(clock);
 };
 
-/// A cable beside a model of it: two queues, their counts and the time of the tick. What is done is drawn by lot,
-/// also what reactors do at each point at which they run.
+/// A cable beside a model of it: two queues, their counts and the time of the tick. What is done is drawn by
+/// lot, also what reactors do at each point at which they run.
 class PamConnectorModelTest : public PamConnectorTest, public testing::WithParamInterface<unsigned> {
  protected:
   struct Frame {
@@ -336,6 +336,20 @@ TEST_F(PamConnectorTest, EndsOutliveTheConnectorAndATickThatHasBegunIsFinished) 
   EXPECT_EQ(pam1->pamConnector(), nullptr);
   EXPECT_EQ(pam1->otherEnd(), nullptr);
   EXPECT_EQ(pam1->rxPkt()->stringValue(), "x");
+}
+
+TEST_F(PamConnectorTest, APullThatHasSpentItsBudgetGoesOnAtTheNextTick) {
+  const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
+  pam1->rxBudgetIs(2);
+  int got = 0;
+  const Kiv::Reactor answer(pam1->readableCount, [&] {  // each packet pulled is followed by another one
+    for (; pam1->rxPkt(); ++got) pam0->txPktIs(pktOf("x"));
+  });
+  pam0->txPktIs(pktOf("x"));
+  for (int tick = 1; tick < 5; ++tick) {
+    loop.runFor(0.001);
+    EXPECT_EQ(got, 2 * tick);
+  }
 }
 
 TEST_F(PamConnectorTest, TracesItsRoad) {

@@ -12,12 +12,15 @@ namespace {
 constinit thread_local std::uint64_t made = 0;
 constinit thread_local std::size_t refusedFrom = ~std::size_t{0};
 constinit thread_local std::uint64_t refusedNth = 0, refusedTimes = 0;
+constinit thread_local std::uint64_t refusals = 0;
+constinit thread_local bool ofNew = false;
 constinit std::atomic<std::int64_t> blocks = 0;
 
 /// Whether the next allocation is to fail, which then counts as made.
 bool refused(std::size_t size) noexcept {
   if (size < refusedFrom && made + 1 - refusedNth >= refusedTimes) return false;
   ++made;
+  ++refusals;
   errno = ENOMEM;
   return true;
 }
@@ -37,7 +40,9 @@ AllocationRefusal::AllocationRefusal(std::size_t from) noexcept {
   refusedFrom = from;
 }
 
-AllocationRefusal::AllocationRefusal(std::uint64_t nth, std::uint64_t times) noexcept {
+AllocationRefusal::AllocationRefusal(std::uint64_t nth, std::uint64_t times, bool onlyOfNew) noexcept {
+  ofNew = onlyOfNew;
+  refusals = 0;
   refusedNth = made + nth;
   refusedTimes = times;
 }
@@ -45,6 +50,11 @@ AllocationRefusal::AllocationRefusal(std::uint64_t nth, std::uint64_t times) noe
 AllocationRefusal::~AllocationRefusal() {
   refusedFrom = ~std::size_t{0};
   refusedTimes = 0;
+  ofNew = false;
+}
+
+std::uint64_t AllocationRefusal::refused() noexcept {
+  return refusals;
 }
 
 AllocationCounter::AllocationCounter() noexcept : atStart_(total()) {
@@ -78,41 +88,7 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*onMalloc)(const 
 
 namespace {
 [[maybe_unused]] const int installed = __sanitizer_install_malloc_and_free_hooks(count, countFree);
-
-void* allocated(std::size_t size) noexcept {
-  return refused(size) ? nullptr : std::malloc(size);
-}
-void* allocatedOrThrown(std::size_t size) {
-  if (void* const block = allocated(size)) return block;
-  throw std::bad_alloc();
-}
 }  // namespace
-
-// The hooks cannot refuse, but new can.
-void* operator new(std::size_t size) {
-  return allocatedOrThrown(size);
-}
-void* operator new[](std::size_t size) {
-  return allocatedOrThrown(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return allocated(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return allocated(size);
-}
-void operator delete(void* block) noexcept {
-  std::free(block);
-}
-void operator delete[](void* block) noexcept {
-  std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-  std::free(block);
-}
 
 #else
 
@@ -126,26 +102,29 @@ void* __libc_realloc(void*, std::size_t);
 void* __libc_memalign(std::size_t, std::size_t);
 void __libc_free(void*);
 
-// What there is no memory for counts as made, too.
+static bool refusedMalloc(std::size_t size) noexcept {
+  return !ofNew && refused(size);
+}
+
 static void* counted(void* block) noexcept {
   count(block, 0);
   return block;
 }
 
 void* malloc(std::size_t size) noexcept {
-  return refused(size) ? nullptr : counted(__libc_malloc(size));
+  return refusedMalloc(size) ? nullptr : counted(__libc_malloc(size));
 }
 void* calloc(std::size_t number, std::size_t size) noexcept {
-  return refused(size) ? nullptr : counted(__libc_calloc(number, size));
+  return refusedMalloc(size) ? nullptr : counted(__libc_calloc(number, size));
 }
 void* realloc(void* block, std::size_t size) noexcept {
-  if (size != 0 && refused(size)) return nullptr;
+  if (size != 0 && refusedMalloc(size)) return nullptr;
   void* const moved = counted(__libc_realloc(block, size));
   if (moved || size == 0) countFree(block);
   return moved;
 }
 void* memalign(std::size_t alignment, std::size_t size) noexcept {
-  return refused(size) ? nullptr : counted(__libc_memalign(alignment, size));
+  return refusedMalloc(size) ? nullptr : counted(__libc_memalign(alignment, size));
 }
 void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
   return memalign(alignment, size);
@@ -164,3 +143,24 @@ void free(void* block) noexcept {
 }
 
 #endif
+
+namespace {
+void* allocated(std::size_t size) noexcept {
+  return (ofNew || !AllocationRefusal::works) && refused(size) ? nullptr : std::malloc(size);
+}
+}  // namespace
+
+// Without a sanitizer, arrays come to these, too.
+void* operator new(std::size_t size) {
+  if (void* const block = allocated(size)) return block;
+  throw std::bad_alloc();
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return allocated(size);
+}
+void operator delete(void* block) noexcept {
+  std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+  std::free(block);
+}

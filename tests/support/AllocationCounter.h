@@ -19,7 +19,8 @@ class AllocationCounter {
   std::uint64_t atStart_;
 };
 
-/// Makes allocations of the calling thread fail while it lives. With a sanitizer only those by new fail.
+/// Makes allocations of the calling thread fail while it lives; with a sanitizer, or `ofNew`, only those by
+/// new.
 class AllocationRefusal {
  public:
   static const bool works;  // also for malloc
@@ -27,8 +28,10 @@ class AllocationRefusal {
   /// Those of `from` octets and more.
   explicit AllocationRefusal(std::size_t from) noexcept;
   /// The `nth` from now (1: the next), and those behind it up to `times`.
-  AllocationRefusal(std::uint64_t nth, std::uint64_t times) noexcept;
+  AllocationRefusal(std::uint64_t nth, std::uint64_t times, bool ofNew = false) noexcept;
   ~AllocationRefusal();
+  /// How many the youngest refused.
+  static std::uint64_t refused() noexcept;
   AllocationRefusal(const AllocationRefusal&) = delete;
   AllocationRefusal& operator=(const AllocationRefusal&) = delete;
 };

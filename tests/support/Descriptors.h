@@ -7,8 +7,8 @@
 
 #include "Kiv/ActivityLoop.h"
 
-/// Open descriptors of the process, without the one that counting takes; those of the thread's loop among them
-/// whether or not it was there before.
+/// Open descriptors of the process, without the one that counting takes; those of the thread's loop among
+/// them whether or not it was there before.
 inline std::size_t openDescriptors() {
   Kiv::activityLoop();
   const std::filesystem::directory_iterator all("/proc/self/fd");

@@ -6,7 +6,8 @@
 
 #include "Kiv/Exception.h"
 
-/// The message of the `Kiv::Exception` that `action` throws, for a failed call with its errno; empty for none.
+/// The message of the `Kiv::Exception` that `action` throws, for a failed call with its errno; empty for
+/// none.
 inline std::string failureOf(const std::function<void()>& action) {
   try {
     action();

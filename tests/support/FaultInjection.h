@@ -4,9 +4,10 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <utility>
 
-/// Unless 0, a packet socket that is closed keeps a copy with at least this number, which the test closes when it
-/// suits it: the kernel needs milliseconds for each.
+/// Unless 0, a packet socket that is closed keeps a copy with at least this number, which the test closes
+/// when it suits it: the kernel needs milliseconds for each.
 inline std::atomic<int> copiesOfClosedPacketSockets{0};
 
 /// The system calls that can be made to fail, in the library and in the test program itself, on any thread.
@@ -24,13 +25,16 @@ struct ShortCount {
   std::size_t count;
 };
 
-/// What happens to one call: it fails with `error`, else moves no more than `limit` octets.
+/// What happens to one call: it fails with `error`, else moves no more than `limit` octets. `before` runs
+/// first.
 struct Mishap {
+  static constexpr std::size_t kNoLimit = ~std::size_t{0};
   int error = 0;
-  std::size_t limit = ~std::size_t{0};
+  std::size_t limit = kNoLimit;
+  std::function<void()> before = nullptr;
 };
 
-/// While it lives, one call of its kind goes wrong:
+/// While it lives, calls of one kind go wrong:
 ///
 ///     Fault fault(Call::sendmsg, 1, ENOBUFS);          // the next sendmsg fails
 ///     Fault fault(Call::writev, 2, ShortCount{5});     // the second writev takes at most 5 octets
@@ -45,10 +49,12 @@ class Fault {
   /// Only counts.
   explicit Fault(Call call) : Fault(call, 0, 0, 0) {}
   /// Makes the `nth` call from now (1: the next) fail with `error`, and those behind it up to `times`.
-  Fault(Call call, unsigned nth, int error, unsigned times = 1);
-  Fault(Call call, unsigned nth, ShortCount count, unsigned times = 1);
+  Fault(Call call, unsigned nth, int error, unsigned times = 1) : Fault(call, nth, Mishap{error}, times) {}
+  Fault(Call call, unsigned nth, ShortCount count, unsigned times = 1)
+      : Fault(call, nth, Mishap{0, count.count}, times) {}
   /// Runs `before` on the thread of the `nth` call, then makes the call.
-  Fault(Call call, unsigned nth, std::function<void()> before);
+  Fault(Call call, unsigned nth, std::function<void()> before)
+      : Fault(call, nth, Mishap{0, Mishap::kNoLimit, std::move(before)}, 1) {}
   /// Has `decide` say for each call what happens to it; it must not make such calls itself.
   Fault(Call call, std::function<Mishap()> decide);
   ~Fault();
@@ -60,13 +66,9 @@ class Fault {
 
  private:
   friend struct Verdict;
+  Fault(Call call, unsigned nth, Mishap mishap, unsigned times);
 
   const Call call_;
-  const unsigned nth_;
-  const unsigned times_;
-  const int error_ = 0;
-  const std::size_t limit_ = ~std::size_t{0};
-  const std::function<void()> before_;
   const std::function<Mishap()> decide_;
   std::atomic<unsigned> calls_{0};
 };

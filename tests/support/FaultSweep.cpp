@@ -57,7 +57,6 @@ constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENO
                            {Call::setsockopt, "setsockopt", {ENOPROTOOPT, ENOMEM}},
                            {Call::socket, "socket", {EMFILE, ENOBUFS, EACCES}},
                            {Call::timerfd_create, "timerfd_create", {EMFILE}},
-                           {Call::timerfd_settime, "timerfd_settime", {EINVAL}},
                            {Call::writev, "writev", {EAGAIN, EPIPE, ENOBUFS}}};
 
 constexpr int kSecondsOfAPoint = 30;
@@ -85,10 +84,24 @@ struct Sum : testing::Environment {
 };
 Sum& sum = *dynamic_cast<Sum*>(testing::AddGlobalTestEnvironment(new Sum));
 
+/// Does something at the end of its scope.
+template <typename Action>
+class Finally {
+ public:
+  explicit Finally(Action action) : action_(action) {}
+  ~Finally() { action_(); }
+  Finally(const Finally&) = delete;
+  Finally& operator=(const Finally&) = delete;
+
+ private:
+  const Action action_;
+};
+
 class Sweep {
  public:
-  Sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, bool ownThread)
-      : name_(name), make_(make), ownThread_(ownThread), home_(currentNetNs()) {
+  Sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, Memory memory,
+        bool ownThread)
+      : name_(name), make_(make), memory_(memory), ownThread_(ownThread), home_(currentNetNs()) {
     for (const int signal : {SIGABRT, SIGSEGV, SIGALRM}) std::signal(signal, tellPoint);
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
@@ -135,9 +148,9 @@ class Sweep {
     }
     for (unsigned nth = 1; nth <= count; ++nth) {
       for (const bool forEver : {false, true}) {
-        ++points_.allocations;
         at("allocation", nth, ENOMEM, forEver, [&](Scenario& scenario) {
-          const AllocationRefusal refusal(nth, forEver ? ~0u : 1);
+          const AllocationRefusal refusal(nth, forEver ? ~0u : 1, memory_ == Memory::ofNew);
+          const Finally counted([&] { points_.allocations += AllocationRefusal::refused() > 0; });
           scenario.run();
         });
       }
@@ -149,21 +162,18 @@ class Sweep {
     const auto strike = [&](unsigned nth, int error, unsigned times) {
       at(kind.name, nth, error, times > 1, [&](Scenario& scenario) {
         unsigned seen = 0;
+        bool struck = false;
         const auto decide = [&, thread = std::this_thread::get_id()] {
           if (std::this_thread::get_id() != thread) return Mishap{};
           // The way back from a namespace does not fail: that ends the process.
           const bool strikes =
               ++seen >= nth && seen - nth < times && (kind.call != Call::setns || currentNetNs() == home_);
+          struck |= strikes && error != 0;
           return strikes ? Mishap{error} : Mishap{};
         };
         const Fault fault(kind.call, decide);
-        try {
-          scenario.run();
-        } catch (...) {
-          count = seen;
-          throw;
-        }
-        count = seen;
+        const Finally counted([&] { count = seen, points_.calls += struck; });
+        scenario.run();
       });
     };
     strike(1, 0, 1);
@@ -171,8 +181,7 @@ class Sweep {
     for (unsigned nth = 1; nth <= all; ++nth) {
       for (const int error : kind.errors) {
         for (const unsigned times : {1u, ~0u}) {
-          if (error == 0) continue;
-          ++points_.calls;
+          if (error == 0 || (error == EINTR && times > 1)) continue;  // a signal for ever is no signal
           strike(nth, error, times);
         }
       }
@@ -184,13 +193,14 @@ class Sweep {
           const std::function<void(Scenario&)>& run) {
     std::snprintf(point, sizeof(point), "%s: %s %u (%s), %s, %s", name_, kind, nth,
                   error != 0 ? strerrorname_np(error) : "none", forEver ? "for ever" : "once", traced_);
-    if (testing::Test::HasFatalFailure()) return;
     for (int attempt = 0; attempt < 2; ++attempt) {
       alarm(kSecondsOfAPoint);
+      *wrong_ = '\0';
       const std::size_t descriptors = ownDescriptors();
       const std::int64_t blocks = AllocationCounter::live();
       runOnce(run, error != 0);
       const std::int64_t lost = AllocationCounter::live() - blocks;
+      EXPECT_STREQ(wrong_, "") << point;
       EXPECT_EQ(currentNetNs(), home_) << point;
       EXPECT_EQ(ownDescriptors(), descriptors) << point;
       if (lost == 0) break;
@@ -199,21 +209,19 @@ class Sweep {
     if (copies_ > 500) closeCopies();
   }
 
+  /// Notes in `wrong_`, which takes no memory, what went wrong.
   void runOnce(const std::function<void(Scenario&)>& run, bool fails) {
-    const std::unique_ptr<Scenario> scenario = make_();
-    const auto runHere = [&] {
+    const auto guarded = [this](const char* what, bool mayThrow, const auto& action) {
       try {
-        run(*scenario);
+        if (!action()) std::snprintf(wrong_, sizeof(wrong_), "%s: no", what);
       } catch (const std::exception& failure) {
-        EXPECT_TRUE(fails) << point << ": " << failure.what();
+        if (!mayThrow) std::snprintf(wrong_, sizeof(wrong_), "%s: %s", what, failure.what());
       }
     };
+    const std::unique_ptr<Scenario> scenario = make_();
+    const auto runHere = [&] { guarded("run", fails, [&] { return run(*scenario), true; }); };
     ownThread_ ? std::thread(runHere).join() : runHere();
-    try {
-      EXPECT_TRUE(scenario->usable()) << point;
-    } catch (const std::exception& failure) {
-      ADD_FAILURE() << point << ": not usable: " << failure.what();
-    }
+    guarded("usable", false, [&] { return scenario->usable(); });
   }
 
   /// Those that are open when the deferred closer has done its work.
@@ -241,10 +249,12 @@ class Sweep {
 
   const char* const name_;
   const std::function<std::unique_ptr<Scenario>()>& make_;
+  const Memory memory_;
   const bool ownThread_;
   const unsigned long long home_;
   const char* traced_ = "";
   std::size_t copies_ = 0;
+  char wrong_[200] = "";
   Points points_;
 };
 
@@ -262,6 +272,10 @@ std::unique_ptr<Scenario> scenario(std::function<void()> run, std::function<bool
   return std::make_unique<OfFunctions>(std::move(run), std::move(usable));
 }
 
-void sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, bool ownThread) {
-  Sweep(name, make, ownThread).all();
+void sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, Memory memory) {
+  Sweep(name, make, memory, false).all();
+}
+
+void sweepInThread(const char* name, const std::function<std::unique_ptr<Scenario>()>& make) {
+  Sweep(name, make, Memory::ofNew, true).all();
 }

@@ -17,13 +17,20 @@ class Scenario {
 /// A scenario made of functions.
 std::unique_ptr<Scenario> scenario(std::function<void()> run, std::function<bool()> usable);
 
-/// Runs a scenario, made anew by `make` each time, once for each way in which it can fail: the n-th allocation,
-/// or the n-th system call of each kind (with up to three errnos), fails, for every n; that one alone, or all
-/// from it on; with traces off, and with all of them on.
+/// Runs a scenario, made anew by `make` each time, once for each way in which it can fail: the n-th
+/// allocation, or the n-th system call of each kind (with up to three errnos), fails, for every n; that one
+/// alone, or all from it on; with traces off, and with all of them on.
 ///
 /// After each run the scenario must be usable. When it is gone, no descriptor and no memory may be left, and
-/// the thread must be in its namespace. What goes wrong is a test failure that names the point, also where the
-/// process ends or a run does not end.
+/// the thread must be in its namespace. What goes wrong is a test failure that names the point, also where
+/// the process ends or a run does not end.
 ///
-/// With `ownThread`, `run()` gets a thread, and with it an activity loop, of its own each time.
-void sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, bool ownThread = false);
+/// What other libraries do without memory is their affair: `Memory::ofNew` spares what they allocate.
+enum class Memory { all, ofNew };
+void sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make,
+           Memory memory = Memory::all);
+
+/// The same, with `run()` on a thread, and so with an activity loop, of its own each time. Spares what
+/// libraries allocate: the C library ends the process if it has no memory to note the first destructor of a
+/// thread.
+void sweepInThread(const char* name, const std::function<std::unique_ptr<Scenario>()>& make);

@@ -61,6 +61,7 @@ class TcpPduBackend final : public PamBackend {
   }
   bool gathers() const override { return false; }
   bool loses() const override { return false; }
+  bool takesNow(const Pam& pam) const override { return dynamic_cast<const TcpPduPam&>(pam).writable(); }
 
  private:
   static Kiv::Ptr<Pam> made(const TcpFileDescriptor::PtrConst& end) {

@@ -175,6 +175,7 @@ inline std::pair<TcpFileDescriptor::PtrConst, TcpFileDescriptor::PtrConst> conne
   socklen_t length = sizeof(address);
   getsockname(server->descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
   const auto ours = TcpFileDescriptor::socket(AddressFamily::ipv4, NamespaceName(), edge);
+  if (!ours) throw std::system_error(errno, std::generic_category(), "socket");
   if (sendBuffer) setsockopt(ours->descriptor(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
   // Over loopback the connection stands, non-blocking or not, when connect() returns.
   if (connect(ours->descriptor(), reinterpret_cast<sockaddr*>(&address), length) < 0 &&

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include "Wirl/packet/BpfFilter.h"
+#include "tests/support/FaultSweep.h"
+
+namespace Wirl {
+namespace {
+
+TEST(FaultSweep, Filters) {
+  const Pkt::Ptr pkt = globalPktManager()->newPkt();
+  pkt->stringValueIs(std::string(14, 'x'));
+  BpfFilter::Ptr filter;
+  const auto run = [&] {
+    filter = nullptr;
+    filter = bpfFilterFactory("filter");
+    filter->compilePcapFilter("ether[0] = 0x78 and len < 100");
+    filter->match(pkt);
+    bpfFilterError("nonsense");
+  };
+  const auto usable = [&] {
+    if (!filter) filter = bpfFilterFactory("filter");
+    filter->bpfFilterStringIs("ether[0] = 0x78");
+    const bool works =
+        filter->match(pkt) && filter->compilePcapFilter("ether[0] = 0x79") && !filter->match(pkt);
+    filter = nullptr;
+    return works;
+  };
+  sweep(
+      "filters", [&] { return scenario(run, usable); }, Memory::ofNew);
+}
+
+}  // namespace
+}  // namespace Wirl
