@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "Kiv/Assert.h"
+#include "Wirl/packet/detail/BpfWords.h"
 
 namespace Wirl {
 
@@ -17,13 +19,15 @@ namespace {
 
 constexpr int kSnapshotBytes = 65535;
 
-/// libpcap's message, or nothing and the program in `program`, which is to be freed.
-std::optional<Kiv::String> compile(std::string_view expression, bpf_program& program) {
-  if (expression.find('\0') != std::string_view::npos) return "expression contains a NUL character";
+/// libpcap's message, or nothing and the program in `program`, which the caller frees.
+std::optional<Kiv::String> compile(const Kiv::String& expression, bpf_program& program) {
+  if (std::string_view(expression).find('\0') != std::string_view::npos) {
+    return "expression contains a NUL character";
+  }
   const std::unique_ptr<pcap_t, decltype(&pcap_close)> handle(pcap_open_dead(DLT_EN10MB, kSnapshotBytes),
                                                               pcap_close);
   if (!handle) return "out of memory";
-  if (pcap_compile(handle.get(), &program, std::string(expression).c_str(), 1, PCAP_NETMASK_UNKNOWN) == -1) {
+  if (pcap_compile(handle.get(), &program, expression.c_str(), 1, PCAP_NETMASK_UNKNOWN) == -1) {
     return pcap_geterr(handle.get());
   }
   return std::nullopt;
@@ -57,8 +61,36 @@ BpfFilter::Ptr bpfFilterFactory(Kiv::String name) {
 
 void BpfFilter::bpfFilterStringIs(Kiv::String expression) {
   if (expression == bpfFilterString_) return;
+  makeRoomToGather();  // may throw, so before anything changes
   bpfFilterString_ = std::move(expression);
   handleFilterString();
+}
+
+std::optional<Kiv::String> BpfFilter::bpfFilterStringUntrustedIs(std::string_view expression,
+                                                                 BpfNames names) noexcept try {
+  const bool inUse = expression == bpfFilterString_ && (bpfFilter_ || expression.empty());
+  if (inUse) return std::nullopt;
+  if (expression.size() > kMaxUntrustedBytes) {
+    return "expression is longer than " + std::to_string(kMaxUntrustedBytes) + " bytes";
+  }
+  const detail::BpfWords words = detail::bpfWordsOf(expression);
+  if (words.operands > kMaxUntrustedOperands) {
+    return "expression has more than " + std::to_string(kMaxUntrustedOperands) + " numbers, addresses and names";
+  }
+  if (names == BpfNames::refused && !words.hostName.empty()) {
+    return "'" + std::string(words.hostName) + "' would be looked up as a name";
+  }
+  makeRoomToGather();
+  Kiv::String kept(expression);
+  if (auto error = compiled(kept)) return error;
+  // From here on nothing fails.
+  bpfFilterString_ = std::move(kept);
+  initialized_ = true;
+  useProgram(bpfFilterString_.empty() ? nullptr : bpfFilterHolder_.get());
+  KIV_TRACE(trace_, 6) << "Constructed bpf filter for " << name_;
+  return std::nullopt;
+} catch (const std::bad_alloc&) {
+  return "out of memory";  // short enough to need none
 }
 
 void BpfFilter::handleFilterString() {
@@ -69,26 +101,34 @@ void BpfFilter::handleFilterString() {
   useProgram(nullptr);
   initialized_ = true;
   if (bpfFilterString_.empty()) return;
-  const bool compiled = compilePcapFilter(bpfFilterString_);
-  KIV_ASSERT_AS(compiled, "false");
-  // Not cleared: the memory that no packet needs is never touched.
-  if (!gathered_) gathered_.reset(new U8[kMaxGatheredBytes]);
+  const auto error = compiled(bpfFilterString_);
+  KIV_ASSERT_AS(!error, "false");
+  makeRoomToGather();
   useProgram(bpfFilterHolder_.get());
   KIV_TRACE(trace_, 6) << "Constructed bpf filter for " << name_;
 }
-
 bool BpfFilter::compilePcapFilter(Kiv::String expression) {
+  return !compiled(expression);
+}
+
+/// The error; or nothing, and the program in the holder.
+std::optional<Kiv::String> BpfFilter::compiled(const Kiv::String& expression) {
   KIV_TRACE(trace_, 7) << name_ << " compiling " << expression;
   bpf_program program{};
-  if (const auto error = compile(expression, program)) {
+  if (auto error = compile(expression, program)) {
     KIV_TRACE(trace_, 7) << name_ << " compilation failed with error: " << *error;
     pcap_freecode(&program);
-    return false;
+    return error;
   }
   freeProgram();
   *bpfFilterHolder_ = program;
   useProgram(bpfFilter_);
-  return true;
+  return std::nullopt;
+}
+
+void BpfFilter::makeRoomToGather() {
+  // Not cleared: what no packet needs is never touched.
+  if (!gathered_) gathered_.reset(new U8[kMaxGatheredBytes]);
 }
 
 void BpfFilter::freeProgram() noexcept {

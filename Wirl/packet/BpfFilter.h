@@ -16,16 +16,28 @@ struct bpf_program;
 
 namespace Wirl {
 
-/// What libpcap says against a filter expression for Ethernet frames (pcap-filter(7)); nothing when
-/// `BpfFilter` takes it. The empty expression is valid. Host and network names in an expression are looked up
-/// while it is compiled.
+/// What libpcap finds wrong with a filter expression for Ethernet frames (pcap-filter(7)); nothing if it compiles.
+/// The empty expression is valid. Takes as long as compiling does: see `BpfFilter`.
 KIV_API std::optional<Kiv::String> bpfFilterError(std::string_view expression);
+
+/// What to do with names of hosts and networks in an expression.
+enum class BpfNames : bool {
+  refused,
+  lookedUp,  ///< By the system's resolver, while the caller waits: see `BpfFilter`.
+};
 
 /// Matches packets in software against an expression of the pcap filter language, compiled once, when it is
 /// set, into a classic BPF program for Ethernet frames.
 ///
-/// The expression is a matter of whoever writes the program: one that does not compile ends the process. Ask
-/// `bpfFilterError` first about one that comes from outside.
+/// Expressions of two origins. `bpfFilterStringIs` is for expressions that the programmer wrote: one that does
+/// not compile ends the process. `bpfFilterStringUntrustedIs` is for those of users, files and peers: it refuses
+/// what is too long, what needs the resolver and what does not compile, and says why.
+///
+/// What compiling costs. libpcap's time grows faster than the length: 10 KB of alternatives take seconds, 48 KB
+/// tens of seconds. Each name of a host or network is looked up while the expression is compiled, and the thread
+/// waits: typically milliseconds, but with an unreachable server as long as the resolver tries, which with its
+/// defaults is 10 seconds a server, for every name. The result is compiled in; a later change of the name's address
+/// does not show. Names of ports and protocols are read from the local files.
 ///
 /// A filter sees the bytes of a packet, in however many pieces they lie, and not the separate VLAN tag. It
 /// belongs to one thread.
@@ -36,6 +48,9 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   /// Of a packet in two pieces, at most this many bytes are looked at. A program that asks for a byte behind
   /// them does not match.
   static constexpr U32 kMaxGatheredBytes = 65535;
+  /// Bounds of an expression from outside. Within them libpcap takes a fraction of a second.
+  static constexpr U32 kMaxUntrustedBytes = 1024;
+  static constexpr U32 kMaxUntrustedOperands = 32;  ///< Numbers, addresses and names.
 
   /// A filter with the empty expression, which matches nothing. The name is for traces.
   explicit BpfFilter(Kiv::String name);
@@ -47,6 +62,13 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   /// Does nothing for the current expression. An invalid one ends the process ("false"), after a trace of the
   /// reason.
   void bpfFilterStringIs(Kiv::String expression);
+  /// Puts in an expression from outside, or refuses it: returns the reason, and the filter keeps what it has.
+  /// Nothing is returned if the expression is in use now. Refused are expressions beyond
+  /// the bounds above, expressions with a word that libpcap could look up as the name of a host or network
+  /// (unless `names` allows that; the time is then the resolver's), and those that do not compile. Compiles once.
+  /// Never throws: without memory the reason is "out of memory".
+  std::optional<Kiv::String> bpfFilterStringUntrustedIs(std::string_view expression,
+                                                        BpfNames names = BpfNames::refused) noexcept;
   /// The compiled program, or null while the expression is empty. It goes with the next expression.
   const bpf_program* bpfFilter() const noexcept { return bpfFilter_; }
 
@@ -64,6 +86,8 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   using Run = unsigned (*)(const bpf_insn* program, const unsigned char* data, unsigned wireBytes,
                            unsigned bytes);
 
+  std::optional<Kiv::String> compiled(const Kiv::String& expression);
+  void makeRoomToGather();
   void freeProgram() noexcept;
   void useProgram(bpf_program* program) noexcept;
   [[gnu::cold]] bool matchSlowly(const Pkt& pkt) const;  // in pieces, or traced

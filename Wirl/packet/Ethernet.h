@@ -251,3 +251,6 @@ KIV_API Eth8022SnapHdrWrapper::Ptr eth8022SnapHdrWrapperFactory(Pkt::Ptr pkt, U3
 KIV_API MimHdrWrapper::Ptr mimHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
 
 }  // namespace Wirl
+
+template <>
+struct std::hash<Wirl::Eth8021QTagControl> : Wirl::detail::HashOfItself<Wirl::Eth8021QTagControl> {};

@@ -44,14 +44,18 @@ struct Joined {
 template <typename T>
 class CompositeForms {
  public:
-  using Composite = T;
-
   Kiv::String stringValue() const { return Kiv::representationOf(static_cast<const T&>(*this)); }
   /// Throws `Kiv::RangeException` with the reason, and changes nothing, for a text that is none.
   void stringValueIs(std::string_view text) { Kiv::representationIs(static_cast<T&>(*this), text); }
   friend std::ostream& operator<<(std::ostream& out, const T& value) { return out << value.stringValue(); }
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(static_cast<const T&>(*this).value()); }
   friend constexpr auto operator<=>(const CompositeForms&, const CompositeForms&) noexcept = default;
+};
+
+/// `std::hash` of a type that hashes itself.
+template <typename T>
+struct HashOfItself {
+  std::size_t operator()(const T& value) const noexcept { return value.hash(); }
 };
 
 }  // namespace detail
@@ -100,14 +104,5 @@ class HdrNumber : public detail::TextForms<HdrNumber<Name, Int, Bits>> {
 }  // namespace Wirl
 
 template <Wirl::detail::FixedText Name, typename Int, unsigned Bits>
-struct std::hash<Wirl::HdrNumber<Name, Int, Bits>> {
-  std::size_t operator()(const Wirl::HdrNumber<Name, Int, Bits>& value) const noexcept {
-    return value.hash();
-  }
-};
-
-template <typename T>
-requires std::same_as<typename T::Composite, T>
-struct std::hash<T> {
-  std::size_t operator()(const T& value) const noexcept { return value.hash(); }
-};
+struct std::hash<Wirl::HdrNumber<Name, Int, Bits>>
+    : Wirl::detail::HashOfItself<Wirl::HdrNumber<Name, Int, Bits>> {};

@@ -111,3 +111,14 @@ struct IpVersionTrafficClassAndFlowLabel : detail::CompositeForms<IpVersionTraff
 };
 
 }  // namespace Wirl
+
+template <>
+struct std::hash<Wirl::IpVersionAndHeaderLen> : Wirl::detail::HashOfItself<Wirl::IpVersionAndHeaderLen> {};
+template <>
+struct std::hash<Wirl::IpFlags> : Wirl::detail::HashOfItself<Wirl::IpFlags> {};
+template <>
+struct std::hash<Wirl::IpFragmentOffsetAndFlags>
+    : Wirl::detail::HashOfItself<Wirl::IpFragmentOffsetAndFlags> {};
+template <>
+struct std::hash<Wirl::IpVersionTrafficClassAndFlowLabel>
+    : Wirl::detail::HashOfItself<Wirl::IpVersionTrafficClassAndFlowLabel> {};

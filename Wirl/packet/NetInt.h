@@ -5,6 +5,7 @@
 #include <bit>
 #include <concepts>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Types.h"
 
@@ -22,6 +23,12 @@ class NetInt {
 
   constexpr const std::array<Kiv::U8, sizeof(T)>& octets() const noexcept { return octets_; }
   friend constexpr bool operator==(const NetInt&, const NetInt&) noexcept = default;
+  /// With any number, by value: `field == 5`.
+  template <typename Number>
+  requires(std::convertible_to<Number, T> && !std::same_as<Number, NetInt>) friend constexpr bool operator==(
+      const NetInt& a, Number b) noexcept {
+    return std::cmp_equal(a.value(), +b);
+  }
 
  private:
   using Octets = std::array<Kiv::U8, sizeof(T)>;

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/packet/Pkt.h"
 
+#include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <type_traits>
 
 #include "Kiv/Exception.h"
+#include "Wirl/packet/detail/Slabs.h"
 
 namespace Wirl {
 
@@ -14,20 +17,167 @@ namespace {
 constexpr U32 kFactoryBufferBytes = 10000;
 constexpr U32 kMacAddrsBytes = 12;
 
-// Each of the three stores may be full: 2,048 packets and as many buffers, at most 3.7 MB a thread.
+// A sanitizer sees a use after the release only of memory that goes back to the heap at once.
 #if defined(__SANITIZE_ADDRESS__)
-constexpr U32 kCacheLimit = 0;
+constexpr bool kRecycles = false;
 #elif defined(__has_feature)
-constexpr U32 kCacheLimit = __has_feature(address_sanitizer) ? 0 : 1024;
+constexpr bool kRecycles = !__has_feature(address_sanitizer);
 #else
-constexpr U32 kCacheLimit = 1024;
+constexpr bool kRecycles = true;
 #endif
+// Each of a thread's three stores may be full: 2,048 packets and as many buffers, at most 3.7 MB a thread.
+constexpr U32 kCacheLimit = kRecycles ? 1024 : 0;
+
+template <typename T>
+constinit detail::Slabs<sizeof(T)> slabs;
+
+template <typename T>
+void* memoryFor() {
+  return kRecycles ? slabs<T>.take() : ::operator new(sizeof(T));
+}
+
+template <typename T>
+void memoryDel(void* memory) noexcept {
+  kRecycles ? slabs<T>.give(memory) : ::operator delete(memory);
+}
 
 }  // namespace
 
 constinit thread_local Pkt::Cache Pkt::cache_ = {};
 
+void* Pkt::operator new(std::size_t) {
+  return memoryFor<Pkt>();
+}
+void Pkt::operator delete(void* memory) noexcept {
+  memoryDel<Pkt>(memory);
+}
+void* Pkt::SharedBuffer::operator new(std::size_t) {
+  return memoryFor<SharedBuffer>();
+}
+void Pkt::SharedBuffer::operator delete(void* memory) noexcept {
+  memoryDel<SharedBuffer>(memory);
+}
+
 // Recycling.
+
+/// Trivially destroyed, so that statics may release packets as late as they like.
+template <typename T>
+class Pkt::Depot {
+ public:
+  static constexpr U32 kBatchObjects = 128;
+  static constexpr U32 kMaxBatches = 128;
+  static constexpr U32 kBatchesToTrim = 1024;  // exchanges between two looks at what lies unused
+  struct Batch {
+    Batch* next;
+    T* objects[kBatchObjects];
+  };
+
+  /// Null if there is none.
+  Batch* take() noexcept {
+    const std::lock_guard lock(mutex_);
+    if (count_ > 0) lowWater_ = std::min(lowWater_, --count_);
+    return pop(full_);
+  }
+  void giveBackEmpty(Batch* batch) noexcept {
+    const std::lock_guard lock(mutex_);
+    push(empty_, batch);
+  }
+  /// A batch to fill and to `give`. Null when the depot is full, or without memory.
+  Batch* takeEmpty() noexcept {
+    const std::lock_guard lock(mutex_);
+    if (count_ >= kMaxBatches) return nullptr;
+    Batch* const batch = pop(empty_);
+    return batch ? batch : new (std::nothrow) Batch;
+  }
+  void give(Batch* batch) noexcept {
+    Batch* unused = nullptr;
+    {
+      const std::lock_guard lock(mutex_);
+      push(full_, batch);
+      ++count_;
+      if (++exchanges_ == kBatchesToTrim) {
+        for (U32 n = (lowWater_ + 1) / 2; n > 0; --n, --count_) push(unused, pop(full_));
+        exchanges_ = 0;
+        lowWater_ = count_;
+      }
+    }
+    free(unused);
+  }
+  void clear() noexcept {
+    Batch* all = nullptr;
+    Batch* empty = nullptr;
+    {
+      const std::lock_guard lock(mutex_);
+      std::swap(all, full_);
+      std::swap(empty, empty_);
+      count_ = lowWater_ = 0;
+    }
+    free(all);
+    while (empty) delete pop(empty);
+  }
+  U32 objects() noexcept {
+    const std::lock_guard lock(mutex_);
+    return count_ * kBatchObjects;
+  }
+
+ private:
+  static Batch* pop(Batch*& list) noexcept {
+    Batch* const first = list;
+    if (first) list = first->next;
+    return first;
+  }
+  static void push(Batch*& list, Batch* batch) noexcept {
+    batch->next = list;
+    list = batch;
+  }
+  static void free(Batch* list) noexcept {
+    while (Batch* const batch = pop(list)) {
+      for (T* const object : batch->objects) delete object;
+      delete batch;
+    }
+  }
+
+  std::mutex mutex_;
+  Batch* full_ = nullptr;
+  Batch* empty_ = nullptr;
+  U32 count_ = 0;      // of full ones
+  U32 lowWater_ = 0;   // the smallest count since the last look
+  U32 exchanges_ = 0;  // since then
+};
+
+template <typename T>
+Pkt::Depot<T>& Pkt::depotOf(const Recycled<T>& recycled) noexcept {
+  static constinit Depot<T> depot;
+  if constexpr (std::is_same_v<T, Pkt>) {
+    static constinit Depot<T> bareDepot;
+    if (&recycled == &cache_.barePkts) return bareDepot;
+  }
+  return depot;
+}
+
+template <typename T>
+bool Pkt::fetch(Recycled<T>& recycled) noexcept {
+  using Slots = Depot<T>;
+  if (static_cast<std::size_t>(recycled.end - recycled.top) < Slots::kBatchObjects) return false;
+  Depot<T>& depot = depotOf(recycled);
+  auto* const batch = depot.take();
+  if (!batch) return false;
+  recycled.top = std::copy(std::begin(batch->objects), std::end(batch->objects), recycled.top);
+  depot.giveBackEmpty(batch);
+  return true;
+}
+
+template <typename T>
+bool Pkt::spill(Recycled<T>& recycled) noexcept {
+  Depot<T>& depot = depotOf(recycled);
+  if (recycled.count() < Depot<T>::kBatchObjects) return false;
+  auto* const batch = depot.takeEmpty();
+  if (!batch) return false;
+  recycled.top -= Depot<T>::kBatchObjects;
+  std::copy_n(recycled.top, Depot<T>::kBatchObjects, batch->objects);
+  depot.give(batch);
+  return true;
+}
 
 void Pkt::Cache::limitIs(U32 newLimit) noexcept {
   if (state == State::closed) return;
@@ -36,6 +186,7 @@ void Pkt::Cache::limitIs(U32 newLimit) noexcept {
     // Runs when the thread ends; statics that release packets still later find the cache closed.
     static thread_local struct Closer {
       ~Closer() {
+        cache_.giveAway();
         cache_.limitIs(0);
         cache_.state = State::closed;
       }
@@ -52,38 +203,61 @@ void Pkt::Cache::limitIs(U32 newLimit) noexcept {
   };
   renew(pkts);
   renew(barePkts);
-  renew(buffers);  // those of the packets come here
+  renew(buffers);  // last: deleting the packets puts their buffers here
   limit = newLimit;
+}
+
+void Pkt::Cache::giveAway() noexcept {
+  while (spill(pkts)) {
+  }
+  while (spill(barePkts)) {
+  }
+  while (spill(buffers)) {
+  }
 }
 
 void Pkt::Cache::keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept {
   if (state == State::unused) limitIs(kCacheLimit);
+  if (recycled.top == recycled.end) spill(recycled);
   if (!recycled.keep(pkt)) delete pkt;
 }
 
 void Pkt::SharedBuffer::onZeroReferences() const noexcept {
   if (cache_.state == Cache::State::unused) cache_.limitIs(kCacheLimit);
-  // The buffers that lie with their packets count: one apart is of use to a packet that lost its own.
-  if (size_ != Manager::defaultBufferBytes_ || Manager::cachedBuffers() >= cache_.limit ||
+  // Buffers that are kept together with a packet count too: a spare buffer serves only packets that lost theirs.
+  if (size_ != Manager::defaultBufferBytes_ ||
+      (Manager::cachedBuffers() >= cache_.limit && !spill(cache_.buffers)) ||
       !cache_.buffers.keep(const_cast<SharedBuffer*>(this))) {
     delete this;
   }
 }
 
 void Pkt::Cache::separate() noexcept {
-  if (pkts.empty()) return;
+  if (pkts.empty() && !fetch(pkts)) return;
   Pkt* const pkt = pkts.take();
   pkt->sharedBuffer_ = nullptr;
   keepOrDelete(barePkts, pkt);
 }
 
+U32 Pkt::Manager::depotObjects() noexcept {
+  return depotOf(cache_.pkts).objects() + depotOf(cache_.barePkts).objects() +
+         depotOf(cache_.buffers).objects();
+}
+
+void Pkt::Manager::depotDel() noexcept {
+  depotOf(cache_.pkts).clear();
+  depotOf(cache_.barePkts).clear();
+  depotOf(cache_.buffers).clear();
+}
+
 Pkt* Pkt::makeWithBuffer() {
+  if (fetch(cache_.pkts)) return cache_.pkts.take();
   const auto& manager = globalPktManager();
   return manager->newPkt(manager->newSharedBuffer()).detach();
 }
 
 Pkt* Pkt::makeBare() {
-  cache_.separate();
+  if (!fetch(cache_.barePkts)) cache_.separate();
   return cache_.barePkts.empty() ? Ptr(new Pkt).detach() : cache_.barePkts.take();
 }
 
@@ -101,7 +275,7 @@ void Pkt::magicBroken() const noexcept {
 Pkt::SharedBuffer::Ptr Pkt::Manager::newSharedBuffer(U32 size) const {
   KIV_ASSERT(size <= maxBufferBytes_);
   if (size == defaultBufferBytes_) {
-    if (cache_.buffers.empty()) cache_.separate();
+    if (cache_.buffers.empty() && !fetch(cache_.buffers)) cache_.separate();
     if (!cache_.buffers.empty()) {
       SharedBuffer* const buffer = cache_.buffers.take();
       buffer->data_ = Range(size, 0);
@@ -122,7 +296,7 @@ void Pkt::throwNonShared() {
 }
 
 const Pkt::Manager::Ptr& globalPktManager() {
-  static const auto& manager = *new Pkt::Manager::Ptr(new Pkt::Manager("Pkt::Manager"));
+  static const auto& manager = *new Pkt::Manager::Ptr(Kiv::makeImmortal<Pkt::Manager>("Pkt::Manager"));
   return manager;
 }
 
@@ -156,11 +330,20 @@ void Pkt::moveToBuffer(U32 size, U32 tailroom) {
 }
 
 void Pkt::keepShownData() {
-  SharedBuffer& shared = buffer();
-  if (shown_ == shared.data_) return;
-  const SharedBuffer::Ptr own = globalPktManager()->newSharedBuffer(shared.size_);
+  if (shown_ != buffer().data_) copyShownData();
+}
+
+void Pkt::ownSharedData() {
+  const SharedBuffer& shared = buffer();
+  if (shared.references() != 1 || shown_ != shared.data_) copyShownData();
+}
+
+void Pkt::copyShownData() {
+  // A negative `beginOffset` makes bytes of the headroom part of what is to be processed.
+  const U32 inFront = std::min(shown_.offset(), static_cast<U32>(std::max(0, -beginOffset())));
+  const SharedBuffer::Ptr own = globalPktManager()->newSharedBuffer(sharedBuffer_->size_);
   own->data_ = shown_;
-  std::memcpy(own->data(), sharedFront(), shown_.bytes());
+  std::memcpy(own->data() - inFront, sharedFront() - inFront, shown_.bytes() + inFront);
   sharedBuffer_ = own;
 }
 

@@ -48,10 +48,14 @@ using Kiv::U8;
 /// Ownership. Packets and buffers live as long as a `Kiv::Ptr` refers to them. Data in a buffer is never
 /// moved: growth that does not fit takes this packet, and no other, to a new buffer.
 ///
-/// Recycling. The thread that drops the last pointer keeps the packet, with its buffer where that is of
-/// default size and nobody else's, for its own next ones, up to a limit: what a burst took beyond it goes
-/// back at once, the rest when the thread ends. Nothing is cleared: new bytes have undefined contents until
-/// written. Under AddressSanitizer the limit is 0, so that a use after the release is seen.
+/// Recycling. The thread that drops the last pointer keeps the packet for its own next ones, together with
+/// its buffer if that has the default size and no other holder. What a thread has too many of goes to a depot
+/// of the process, in batches, and from there to any thread that has none: so a packet that is made in one
+/// thread and released in another finds its way back. The depot holds 16,384 packets with buffers (29 MB) and
+/// as many without; what a burst took beyond that is freed at once. Batches that lay unused while many others
+/// were exchanged are freed too, and `Manager::depotDel` frees all. Nothing is cleared: new bytes have
+/// undefined contents until written. AddressSanitizer builds recycle nothing, so that a use after the release
+/// is seen.
 ///
 /// Threads. One thread owns a packet at a time, without locks; another may get it when counts are atomic
 /// (`Kiv::ptrThreadSafeIs`). Packets over one buffer may then be in several threads, to be read, copied and
@@ -116,9 +120,12 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void sharedBufferIs(Kiv::Ptr<SharedBuffer> buffer);
   /// Makes the whole shared buffer headroom again, for the next receive.
   void resetSharedData();
-  /// For a change that is to start from what this packet shows: where another holder has changed the buffer's
-  /// range, the shown bytes move to a buffer of this packet's own, of the same size.
+  /// Call it before a change that is to start from what this packet shows: if another holder has changed the
+  /// buffer's range, the shown bytes are copied to a buffer of this packet's own, of the same size.
   void keepShownData();
+  /// Call it before writing to shared bytes that other holders must not see change: copies them as above, if
+  /// anybody else holds the buffer or has changed its range. Without memory it throws and changes nothing.
+  void ownSharedData();
 
   // Contents.
 
@@ -213,7 +220,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   };
 
   /// Released objects of one thread, the last one on top. Trivial, so that it serves from a thread's first
-  /// packet to the last static that is destroyed.
+  /// packet until the last static is destroyed.
   template <typename T>
   struct Recycled {
     T** begin;
@@ -237,12 +244,26 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
     enum class State : U8 { unused, open, closed } state;
     void limitIs(U32 newLimit) noexcept;
     void keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept;
-    /// Takes a packet and its buffer apart, when one of them is wanted alone.
+    /// When a packet or a buffer is wanted alone: takes one apart that has both.
     void separate() noexcept;
+    /// Hands whole batches to the other threads when this one ends.
+    void giveAway() noexcept;
   };
+  /// Where threads exchange released objects, in batches.
+  template <typename T>
+  class Depot;
+  template <typename T>
+  static Depot<T>& depotOf(const Recycled<T>& recycled) noexcept;
+  /// Both tell whether a batch went from or to the depot.
+  template <typename T>
+  static bool fetch(Recycled<T>& recycled) noexcept;
+  template <typename T>
+  static bool spill(Recycled<T>& recycled) noexcept;
 
   Pkt() noexcept = default;
   ~Pkt() override;
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* memory) noexcept;
   void onZeroReferences() const noexcept override;
   // Packets whose one reference is to be adopted; they are in no defined state but for having a buffer or
   // not.
@@ -270,6 +291,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void growHeadByMoving(U32 n);
   void growTailByMoving(U32 n);
   void moveToBuffer(U32 size, U32 tailroom);
+  void copyShownData();
   void privateBytesIs(S64 bytes);
   void checkOffsets(S16 begin, U16 end) const;
 
@@ -305,6 +327,8 @@ class KIV_API Pkt::SharedBuffer final : public Kiv::PtrInterface {
 
   explicit SharedBuffer(U32 size) : size_(size), buffer_(new U8[size]), data_(size, 0) {}
   ~SharedBuffer() override = default;
+  static void* operator new(std::size_t bytes);
+  static void operator delete(void* memory) noexcept;
   void onZeroReferences() const noexcept override;
 
   const U32 size_;
@@ -335,11 +359,17 @@ class KIV_API Pkt::Manager final : public Kiv::PtrInterface {
   /// data" when `source` has private head data.
   Pkt::Ptr newShallowCopy(const Pkt::Ptr& source) const;
 
-  /// How many released packets with a buffer the calling thread keeps at most, and as many packets and
-  /// buffers apart. A new limit frees all that is kept; 0 turns recycling off for the thread.
+  /// How many released packets with a buffer the calling thread keeps for itself, and as many packets and
+  /// buffers apart. A new limit frees what the thread keeps; 0 turns recycling off for it.
   static void cacheLimitIs(U32 limit) noexcept { cache_.limitIs(limit); }
+  /// What the calling thread keeps.
   static U32 cachedPkts() noexcept { return cache_.pkts.count() + cache_.barePkts.count(); }
   static U32 cachedBuffers() noexcept { return cache_.pkts.count() + cache_.buffers.count(); }
+  /// What threads left for each other, packets with a buffer, packets and buffers counted alike.
+  static U32 depotObjects() noexcept;
+  /// Frees what threads left for each other, as after a burst that will not come again soon. Callable from any
+  /// thread.
+  static void depotDel() noexcept;
 
  private:
   const Kiv::String name_;

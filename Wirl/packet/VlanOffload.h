@@ -5,9 +5,12 @@
 
 namespace Wirl {
 
-/// Moving a VLAN tag (IEEE 802.1Q) between the bytes of an Ethernet frame and the packet's separate tag. The
-/// bytes move in place: whoever shares the packet's buffer sees it. What the packet shows is what counts: where
-/// another holder has changed the buffer's range, the packet gets a buffer of its own first.
+// Moving a VLAN tag (IEEE 802.1Q) between the bytes of an Ethernet frame and the packet's separate tag.
+//
+// What counts is the frame that the packet shows. Nobody else sees bytes move: if a move touches shared data that
+// others hold, the packet gets a copy in a buffer of its own first (`Pkt::ownSharedData`); without memory for it
+// `std::bad_alloc` is thrown and nothing has changed. The packet's offset range follows the bytes that it began and
+// ended with; over all shared data it stays (0, 0).
 
 /// Whether `maybeOffloadAnyVlanTag` would move a tag: the frame has at least 18 bytes, an outermost tag of
 /// type 0x8100, 0x88a8 or 0x9100 behind the two addresses, and no separate tag.
