@@ -28,12 +28,6 @@ class AhHdr : public HdrImage<12> {
 };
 static_assert(isHeaderImage<AhHdr, 12>);
 
-class KIV_API AhHdrWrapper final : public HdrWrapper<AhHdrWrapper, AhHdr> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( AhHdr ) ) <= pkt_->frontBytes()";
-  AhHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-KIV_API AhHdrWrapper::Ptr ahHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
+WIRL_HDR_WRAPPER(AhHdr, ahHdrWrapperFactory);
 
 }  // namespace Wirl

@@ -75,7 +75,8 @@ std::optional<Kiv::String> BpfFilter::bpfFilterStringUntrustedIs(std::string_vie
   }
   const detail::BpfWords words = detail::bpfWordsOf(expression);
   if (words.operands > kMaxUntrustedOperands) {
-    return "expression has more than " + std::to_string(kMaxUntrustedOperands) + " numbers, addresses and names";
+    return "expression has more than " + std::to_string(kMaxUntrustedOperands) +
+           " numbers, addresses and names";
   }
   if (names == BpfNames::refused && !words.hostName.empty()) {
     return "'" + std::string(words.hostName) + "' would be looked up as a name";

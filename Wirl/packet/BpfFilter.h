@@ -50,7 +50,7 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   static constexpr U32 kMaxGatheredBytes = 65535;
   /// Bounds of an expression from outside. Within them libpcap takes a fraction of a second.
   static constexpr U32 kMaxUntrustedBytes = 1024;
-  static constexpr U32 kMaxUntrustedOperands = 32;  ///< Numbers, addresses and names.
+  static constexpr U32 kMaxUntrustedOperands = 24;  ///< Numbers, addresses and names.
 
   /// A filter with the empty expression, which matches nothing. The name is for traces.
   explicit BpfFilter(Kiv::String name);

@@ -53,24 +53,4 @@ U32 ipHdrOffset(const Eth8021QHdr* hdr, U32 bytes) noexcept {
   return 0;
 }
 
-EthHdrWrapper::Ptr ethHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new EthHdrWrapper(std::move(pkt), offset);
-}
-
-Eth8021QHdrWrapper::Ptr eth8021QHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Eth8021QHdrWrapper(std::move(pkt), offset);
-}
-
-Eth8022LlcHdrWrapper::Ptr eth8022LlcHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Eth8022LlcHdrWrapper(std::move(pkt), offset);
-}
-
-Eth8022SnapHdrWrapper::Ptr eth8022SnapHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Eth8022SnapHdrWrapper(std::move(pkt), offset);
-}
-
-MimHdrWrapper::Ptr mimHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new MimHdrWrapper(std::move(pkt), offset);
-}
-
 }  // namespace Wirl

@@ -4,6 +4,7 @@
 #include <compare>
 
 #include "Wirl/packet/EthType.h"
+#include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrNumber.h"
 #include "Wirl/packet/HdrWrapper.h"
 #include "Wirl/packet/NetInt.h"
@@ -11,29 +12,29 @@
 
 namespace Wirl {
 
-// Views of link-layer headers. Accessors take and return numbers in host order; nothing that is written here
-// is checked against the rest of the frame.
+// Views of link-layer headers. Accessors take and return numbers in host order. Setters do not check what they
+// write against the rest of the frame.
 
 /// Whether the field behind the addresses is a length (IEEE 802.3), and an LLC header follows.
 constexpr bool isLlcLength(U16 typeOrLen) noexcept {
   return typeOrLen < 1536;
 }
 
-/// Ethernet II header (IEEE 802.3 clause 3).
-class EthHdr {
- public:
-  EthAddr dst() const noexcept { return dst_; }
-  void dstIs(EthAddr dst) noexcept { dst_ = dst; }
-  EthAddr src() const noexcept { return src_; }
-  void srcIs(EthAddr src) noexcept { src_ = src; }
-  U16 typeOrLen() const noexcept { return typeOrLen_; }
-  void typeOrLenIs(U16 typeOrLen) noexcept { typeOrLen_ = typeOrLen; }
-  bool llcType() const noexcept { return isLlcLength(typeOrLen_); }
+/// The name of an EtherType; empty for a length and for a type without a name.
+inline std::string_view ethTypeName(Kiv::U64 typeOrLen) noexcept {
+  const EthType type = ethTypeOf(static_cast<U16>(typeOrLen));
+  return type == ethTypeUnknown ? std::string_view() : ethTypeText(type);
+}
 
- private:
-  EthAddr dst_;       // 0
-  EthAddr src_;       // 6
-  NetU16 typeOrLen_;  // 12
+/// Ethernet II header (IEEE 802.3 clause 3).
+class EthHdr : public HdrImage<14> {
+ public:
+  WIRL_HDR(EthHdr, "eth");
+  WIRL_FIELD(EthAddr, dst, 0, 48);
+  WIRL_FIELD(EthAddr, src, 48, 48);
+  WIRL_FIELD(U16, typeOrLen, 96, 16, .kind = hex, .text = ethTypeName);
+
+  bool llcType() const noexcept { return isLlcLength(typeOrLen()); }
 };
 static_assert(isHeaderImage<EthHdr, 14>);
 
@@ -67,17 +68,16 @@ class Eth8021QTagControl : public detail::CompositeForms<Eth8021QTagControl> {
 };
 
 /// The part of an 802.1Q tag behind the EtherType that announces it (IEEE 802.1Q clause 9).
-class Eth8021QHdr {
+class Eth8021QHdr : public HdrImage<4> {
  public:
-  Eth8021QTagControl tagControl() const noexcept { return Eth8021QTagControl(tagControl_.value()); }
-  void tagControlIs(Eth8021QTagControl tagControl) noexcept { tagControl_ = tagControl.value(); }
-  U16 typeOrLen() const noexcept { return typeOrLen_; }
-  void typeOrLenIs(U16 typeOrLen) noexcept { typeOrLen_ = typeOrLen; }
-  bool llcType() const noexcept { return isLlcLength(typeOrLen_); }
+  WIRL_HDR(Eth8021QHdr, "vlan");
+  WIRL_FIELD(Eth8021QTagControl, tagControl, 0, 16, .kind = hidden);
+  WIRL_FIELD(U8, priority, 0, 3);
+  WIRL_FIELD(bool, cfi, 3, 1);
+  WIRL_FIELD(U16, vlanId, 4, 12);
+  WIRL_FIELD(U16, typeOrLen, 16, 16, .kind = hex, .text = ethTypeName);
 
- private:
-  NetU16 tagControl_;  // 0
-  NetU16 typeOrLen_;   // 2
+  bool llcType() const noexcept { return isLlcLength(typeOrLen()); }
 };
 static_assert(isHeaderImage<Eth8021QHdr, 4>);
 
@@ -85,73 +85,49 @@ using Eth8022LlcSap = HdrNumber<"Eth8022LlcSap", U8>;
 using Eth8022LlcControl = HdrNumber<"Eth8022LlcControl", U8>;
 
 /// Logical link control header with a one-octet control field (IEEE 802.2).
-class Eth8022LlcHdr {
+class Eth8022LlcHdr : public HdrImage<3> {
  public:
   static constexpr U8 snapSap = 0xaa;
   static constexpr U8 stpSap = 0x42;
   static constexpr U8 pduControl = 3;  ///< Unnumbered information.
 
-  Eth8022LlcSap dsap() const noexcept { return Eth8022LlcSap(dsap_); }
-  void dsapIs(U8 dsap) noexcept { dsap_ = dsap; }
-  Eth8022LlcSap ssap() const noexcept { return Eth8022LlcSap(ssap_); }
-  void ssapIs(U8 ssap) noexcept { ssap_ = ssap; }
-  Eth8022LlcControl control() const noexcept { return Eth8022LlcControl(control_); }
-  void controlIs(U8 control) noexcept { control_ = control; }
-  /// Whether a SNAP header follows.
-  bool snap() const noexcept { return dsap_ == snapSap && ssap_ == snapSap && control_ == pduControl; }
+  WIRL_HDR(Eth8022LlcHdr, "llc");
+  WIRL_FIELD(Eth8022LlcSap, dsap, 0, 8, .kind = hex);
+  WIRL_FIELD(Eth8022LlcSap, ssap, 8, 8, .kind = hex);
+  WIRL_FIELD(Eth8022LlcControl, control, 16, 8, .kind = hex);
 
- private:
-  U8 dsap_ = 0;     // 0
-  U8 ssap_ = 0;     // 1
-  U8 control_ = 0;  // 2
+  /// Whether a SNAP header follows.
+  bool snap() const noexcept { return dsap() == snapSap && ssap() == snapSap && control() == pduControl; }
 };
 static_assert(isHeaderImage<Eth8022LlcHdr, 3>);
 
 /// Subnetwork access protocol header (IEEE 802): who defines the code, and the code.
-class Eth8022SnapHdr {
+class Eth8022SnapHdr : public HdrImage<5> {
  public:
   static constexpr U32 pvstOrgCode = 0x00000c;
   static constexpr U16 pvstLocalCode = 0x010b;
 
-  /// 24 bits.
-  U32 orgCode() const noexcept { return U32{orgCode0_} << 16 | U32{orgCode1_} << 8 | orgCode2_; }
-  void orgCodeIs(U32 orgCode) noexcept {
-    orgCode0_ = static_cast<U8>(orgCode >> 16);
-    orgCode1_ = static_cast<U8>(orgCode >> 8);
-    orgCode2_ = static_cast<U8>(orgCode);
-  }
-  U8 orgCode0() const noexcept { return orgCode0_; }
-  U8 orgCode1() const noexcept { return orgCode1_; }
-  U8 orgCode2() const noexcept { return orgCode2_; }
-  U16 localCodeU16() const noexcept { return localCode_; }
-  U16 localCode() const noexcept { return localCode_; }
-  void localCodeIs(U16 localCode) noexcept { localCode_ = localCode; }
+  WIRL_HDR(Eth8022SnapHdr, "snap");
+  WIRL_FIELD(U32, orgCode, 0, 24, .kind = hex);
+  WIRL_FIELD(U16, localCode, 24, 16, .kind = hex);
 
- private:
-  U8 orgCode0_ = 0;   // 0
-  U8 orgCode1_ = 0;   // 1
-  U8 orgCode2_ = 0;   // 2
-  NetU16 localCode_;  // 3
+  U8 orgCode0() const noexcept { return static_cast<U8>(orgCode() >> 16); }
+  U8 orgCode1() const noexcept { return static_cast<U8>(orgCode() >> 8); }
+  U8 orgCode2() const noexcept { return static_cast<U8>(orgCode()); }
+  U16 localCodeU16() const noexcept { return localCode(); }
 };
 static_assert(isHeaderImage<Eth8022SnapHdr, 5>);
 
 /// Service instance tag of MAC-in-MAC (IEEE 802.1ah), with the EtherType that announces it.
-class MimHdr {
+class MimHdr : public HdrImage<6> {
  public:
-  U16 serviceIntfEthType() const noexcept { return serviceIntfEthType_; }
-  void serviceIntfEthTypeIs(U16 type) noexcept { serviceIntfEthType_ = type; }
+  WIRL_HDR(MimHdr, "mim");
+  WIRL_FIELD(U16, serviceIntfEthType, 0, 16, .kind = hex, .text = ethTypeName);
   /// Flags (bits 31..24) and service instance id (23..0).
-  U32 serviceIntfTag() const noexcept { return serviceIntfTag_; }
-  void serviceIntfTagIs(U32 tag) noexcept { serviceIntfTag_ = tag; }
+  WIRL_FIELD(U32, serviceIntfTag, 16, 32, .kind = hidden);
   /// The flags.
-  U8 reserved() const noexcept { return static_cast<U8>(serviceIntfTag_ >> 24); }
-  void reservedIs(U8 flags) noexcept { serviceIntfTag_ = U32{flags} << 24 | isid(); }
-  U32 isid() const noexcept { return serviceIntfTag_ & 0xffffff; }
-  void isidIs(U32 isid) noexcept { serviceIntfTag_ = (serviceIntfTag_ & 0xff000000) | (isid & 0xffffff); }
-
- private:
-  NetU16 serviceIntfEthType_;  // 0
-  NetU32 serviceIntfTag_;      // 2
+  WIRL_FIELD(U8, reserved, 16, 8, .kind = hex, .key = "flags");
+  WIRL_FIELD(U32, isid, 24, 24);
 };
 static_assert(isHeaderImage<MimHdr, 6>);
 
@@ -164,8 +140,7 @@ KIV_API U32 ipHdrOffset(const Eth8021QHdr* hdr, U32 bytes) noexcept;
 /// Who needs one of those compares `typeOrLen`.
 class KIV_API EthHdrWrapper final : public HdrWrapper<EthHdrWrapper, EthHdr> {
  public:
-  static constexpr const char* kFits = "( offset_ + sizeof( EthHdr ) ) <= pkt_->frontBytes()";
-  EthHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
+  WIRL_HDR_WRAPPER_MEMBERS(EthHdr);
 
   /// 0x0800, 0x0806, 0x8100, 0x86dd, 0x8847, 0x88f7, 0x8902 and 0x9100.
   EthType ethType() const noexcept;
@@ -176,33 +151,25 @@ class KIV_API EthHdrWrapper final : public HdrWrapper<EthHdrWrapper, EthHdr> {
 
 class KIV_API Eth8021QHdrWrapper final : public HdrWrapper<Eth8021QHdrWrapper, Eth8021QHdr> {
  public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Eth8021QHdr ) ) <= pkt_->frontBytes()";
-  Eth8021QHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
+  WIRL_HDR_WRAPPER_MEMBERS(Eth8021QHdr);
 
   // A value is cut to its bits; the rest of the word stays.
-  U8 tagControlPriority() const noexcept { return header()->tagControl().priority(); }
-  void tagControlPriorityIs(U8 priority) noexcept { bitsAre(0xe000, priority << 13); }
-  bool tagControlCfi() const noexcept { return header()->tagControl().cfi(); }
-  void tagControlCfiIs(bool cfi) noexcept { bitsAre(0x1000, cfi << 12); }
-  U16 tagControlVlanId() const noexcept { return header()->tagControl().vlanId(); }
-  void tagControlVlanIdIs(U16 vlanId) noexcept { bitsAre(0x0fff, vlanId); }
+  U8 tagControlPriority() const noexcept { return header()->priority(); }
+  void tagControlPriorityIs(U8 priority) noexcept { header()->priorityIs(priority); }
+  bool tagControlCfi() const noexcept { return header()->cfi(); }
+  void tagControlCfiIs(bool cfi) noexcept { header()->cfiIs(cfi); }
+  U16 tagControlVlanId() const noexcept { return header()->vlanId(); }
+  void tagControlVlanIdIs(U16 vlanId) noexcept { header()->vlanIdIs(vlanId); }
 
   /// As that of `EthHdrWrapper`, but without 0x9100.
   EthType ethType() const noexcept;
   void ethTypeIs(EthType type) noexcept { header()->typeOrLenIs(type); }
   U32 ipHdrOffset() const noexcept { return Wirl::ipHdrOffset(header(), bytesFromHeader()); }
-
- private:
-  void bitsAre(U16 mask, int bits) noexcept {
-    const int kept = header()->tagControl().value() & ~mask;
-    header()->tagControlIs(Eth8021QTagControl(static_cast<U16>(kept | (bits & mask))));
-  }
 };
 
 class KIV_API Eth8022LlcHdrWrapper final : public HdrWrapper<Eth8022LlcHdrWrapper, Eth8022LlcHdr> {
  public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Eth8022LlcHdr ) ) <= pkt_->frontBytes()";
-  Eth8022LlcHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
+  WIRL_HDR_WRAPPER_MEMBERS(Eth8022LlcHdr);
 
   Eth8022LlcSap dsap() const noexcept { return header()->dsap(); }
   void dsapIs(U8 dsap) noexcept { header()->dsapIs(dsap); }
@@ -215,8 +182,7 @@ class KIV_API Eth8022LlcHdrWrapper final : public HdrWrapper<Eth8022LlcHdrWrappe
 
 class KIV_API Eth8022SnapHdrWrapper final : public HdrWrapper<Eth8022SnapHdrWrapper, Eth8022SnapHdr> {
  public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Eth8022SnapHdr ) ) <= pkt_->frontBytes()";
-  Eth8022SnapHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
+  WIRL_HDR_WRAPPER_MEMBERS(Eth8022SnapHdr);
 
   U32 orgCode() const noexcept { return header()->orgCode(); }
   void orgCodeIs(U32 orgCode) noexcept { header()->orgCodeIs(orgCode); }
@@ -230,8 +196,7 @@ class KIV_API Eth8022SnapHdrWrapper final : public HdrWrapper<Eth8022SnapHdrWrap
 
 class KIV_API MimHdrWrapper final : public HdrWrapper<MimHdrWrapper, MimHdr> {
  public:
-  static constexpr const char* kFits = "( offset_ + sizeof( MimHdr ) ) <= pkt_->frontBytes()";
-  MimHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
+  WIRL_HDR_WRAPPER_MEMBERS(MimHdr);
 
   U32 isid() const noexcept { return header()->isid(); }
   /// Cut to 24 bits; the flags stay.
@@ -244,11 +209,11 @@ class KIV_API MimHdrWrapper final : public HdrWrapper<MimHdrWrapper, MimHdr> {
   void serviceIntfTagIs(U32 tag) noexcept { header()->serviceIntfTagIs(tag); }
 };
 
-KIV_API EthHdrWrapper::Ptr ethHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Eth8021QHdrWrapper::Ptr eth8021QHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Eth8022LlcHdrWrapper::Ptr eth8022LlcHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Eth8022SnapHdrWrapper::Ptr eth8022SnapHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API MimHdrWrapper::Ptr mimHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
+WIRL_HDR_WRAPPER_FACTORY(EthHdr, ethHdrWrapperFactory);
+WIRL_HDR_WRAPPER_FACTORY(Eth8021QHdr, eth8021QHdrWrapperFactory);
+WIRL_HDR_WRAPPER_FACTORY(Eth8022LlcHdr, eth8022LlcHdrWrapperFactory);
+WIRL_HDR_WRAPPER_FACTORY(Eth8022SnapHdr, eth8022SnapHdrWrapperFactory);
+WIRL_HDR_WRAPPER_FACTORY(MimHdr, mimHdrWrapperFactory);
 
 }  // namespace Wirl
 

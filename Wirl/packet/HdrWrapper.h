@@ -10,11 +10,11 @@
 
 namespace Wirl {
 
-/// Binds the image of a header to a packet at an offset from its front, and keeps the packet. The header must
-/// lie whole in the packet's first piece: looked at once, when it is bound; a header that does not ends the
-/// process. It does not follow the packet to another buffer or to new head data: run `handleHeader()` then.
+/// Binds a header to a packet at an offset from its front, and keeps the packet. The header must lie whole in
+/// the packet's first piece; this is checked when it is bound, and a header that does not ends the process. It
+/// does not follow the packet to another buffer or to new head data: run `handleHeader()` then.
 ///
-/// `Wrapper` derives from it, and has the condition as text in `kFits`, with the name of its header.
+/// `Wrapper` derives from it, and names the condition in `kFits`: see `WIRL_HDR_WRAPPER`.
 template <typename Wrapper, typename Header>
 class HdrWrapper : public Kiv::PtrInterface {
  public:
@@ -24,9 +24,9 @@ class HdrWrapper : public Kiv::PtrInterface {
   const Pkt::Ptr& pkt() const noexcept { return pkt_; }
   /// In bytes from the packet's front.
   U32 offset() const noexcept { return offset_; }
-  /// Of the packet: valid as long as the packet's bytes stay where they are.
+  /// Valid as long as the packet's bytes stay where they are.
   Header* header() const noexcept { return header_; }
-  /// Lays the view elsewhere, on the caller's word that a header is there.
+  /// Lays the view elsewhere, unchecked.
   void headerIs(Header* header) noexcept { header_ = header; }
   /// Binds the header to where the packet has it now.
   void handleHeader() {
@@ -41,7 +41,7 @@ class HdrWrapper : public Kiv::PtrInterface {
     handleHeader();
   }
 
-  /// Bytes of the first piece from the header on.
+  /// Bytes of the first piece from the start of the header.
   U32 bytesFromHeader() const noexcept {
     return pkt_->frontBytes() > offset_ ? pkt_->frontBytes() - offset_ : 0;
   }
@@ -53,3 +53,24 @@ class HdrWrapper : public Kiv::PtrInterface {
 };
 
 }  // namespace Wirl
+
+/// In a class `hdr##Wrapper` that derives from `HdrWrapper`: its constructor, and the condition on the packet.
+#define WIRL_HDR_WRAPPER_MEMBERS(hdr)                                                            \
+  static constexpr const char* kFits = "( offset_ + sizeof( " #hdr " ) ) <= pkt_->frontBytes()"; \
+  hdr##Wrapper(Wirl::Pkt::Ptr pkt, Wirl::U32 offset) : HdrWrapper(std::move(pkt), offset) {}     \
+  static_assert(true)
+
+/// The factory of a wrapper class.
+#define WIRL_HDR_WRAPPER_FACTORY(hdr, factory)                             \
+  inline hdr##Wrapper::Ptr factory(Wirl::Pkt::Ptr pkt, Wirl::U32 offset) { \
+    return new hdr##Wrapper(std::move(pkt), offset);                       \
+  }                                                                        \
+  static_assert(true)
+
+/// A wrapper class that adds nothing, and its factory.
+#define WIRL_HDR_WRAPPER(hdr, factory)                                            \
+  class KIV_API hdr##Wrapper final : public Wirl::HdrWrapper<hdr##Wrapper, hdr> { \
+   public:                                                                        \
+    WIRL_HDR_WRAPPER_MEMBERS(hdr);                                                \
+  };                                                                              \
+  WIRL_HDR_WRAPPER_FACTORY(hdr, factory)

@@ -62,12 +62,4 @@ std::ostream& operator<<(std::ostream& out, Icmp6OptionTypeNumber type) {
   return writeNumber(out, icmp6OptionTypeNumberText(type), type);
 }
 
-Icmp6HdrWrapper::Ptr icmp6HdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Icmp6HdrWrapper(std::move(pkt), offset);
-}
-
-Icmp6OptionCommonHdrWrapper::Ptr icmp6OptionCommonHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Icmp6OptionCommonHdrWrapper(std::move(pkt), offset);
-}
-
 }  // namespace Wirl

@@ -53,7 +53,7 @@ KIV_API std::string_view icmp6OptionTypeNumberText(Icmp6OptionTypeNumber type) n
 KIV_API std::ostream& operator<<(std::ostream& out, Icmp6TypeNumber type);
 KIV_API std::ostream& operator<<(std::ostream& out, Icmp6OptionTypeNumber type);
 
-/// What all ICMPv6 messages begin with (RFC 4443).
+/// Start of every ICMPv6 message (RFC 4443).
 class Icmp6Hdr : public HdrImage<4> {
  public:
   WIRL_HDR(Icmp6Hdr, "icmp6");
@@ -114,7 +114,7 @@ class Icmp6NaHdr : public HdrImage<24, Icmp6Hdr> {
 };
 static_assert(isHeaderImage<Icmp6NaHdr, 24>);
 
-/// What all neighbour-discovery options begin with.
+/// Start of every neighbour-discovery option.
 class Icmp6OptionCommonHdr : public HdrImage<2> {
  public:
   WIRL_HDR(Icmp6OptionCommonHdr, "option");
@@ -171,20 +171,7 @@ class Icmp6MtuOptionHdr : public HdrImage<8, Icmp6OptionCommonHdr> {
 };
 static_assert(isHeaderImage<Icmp6MtuOptionHdr, 8>);
 
-class KIV_API Icmp6HdrWrapper final : public HdrWrapper<Icmp6HdrWrapper, Icmp6Hdr> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Icmp6Hdr ) ) <= pkt_->frontBytes()";
-  Icmp6HdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-class KIV_API Icmp6OptionCommonHdrWrapper final
-    : public HdrWrapper<Icmp6OptionCommonHdrWrapper, Icmp6OptionCommonHdr> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Icmp6OptionCommonHdr ) ) <= pkt_->frontBytes()";
-  Icmp6OptionCommonHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-KIV_API Icmp6HdrWrapper::Ptr icmp6HdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Icmp6OptionCommonHdrWrapper::Ptr icmp6OptionCommonHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
+WIRL_HDR_WRAPPER(Icmp6Hdr, icmp6HdrWrapperFactory);
+WIRL_HDR_WRAPPER(Icmp6OptionCommonHdr, icmp6OptionCommonHdrWrapperFactory);
 
 }  // namespace Wirl

@@ -29,8 +29,8 @@ IpProtocolNumber nextHeaderNumber(U8 octet) noexcept {
 
 U32 Ip6Hdr::pseudoHdrSum(U32 upperLayerBytes, U8 nextHeader) const {
   const U32 lengthAndProtocol = (upperLayerBytes >> 16) + (upperLayerBytes & 0xffff) + nextHeader;
-  // The addresses lie side by side.
-  return ipChecksumChunk(reinterpret_cast<const char*>(&src_), sizeof(src_) + sizeof(dst_),
+  constexpr U32 kAddresses = 8;  // offset of the two addresses, which lie side by side
+  return ipChecksumChunk(reinterpret_cast<const char*>(this) + kAddresses, sizeof(Ip6Hdr) - kAddresses,
                          lengthAndProtocol);
 }
 
@@ -38,26 +38,6 @@ std::ostream& operator<<(std::ostream& out, const Ip6Hdr& hdr) {
   return out << "IPv6 version " << hdr.version() << " trafficClass " << hdr.trafficClass() << " flowLabel "
              << hdr.flowLabel() << " payloadLen " << hdr.payloadLen() << " nextHeader " << hdr.protocol()
              << " hopLimit " << hdr.hopLimit() << " src " << hdr.src() << " dst " << hdr.dst();
-}
-
-Ip6HdrWrapper::Ptr ip6HdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Ip6HdrWrapper(std::move(pkt), offset);
-}
-
-Ip6HdrOptionCommonWrapper::Ptr ip6HdrOptionCommonWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Ip6HdrOptionCommonWrapper(std::move(pkt), offset);
-}
-
-Ip6HdrRouterAlertOptionWrapper::Ptr ip6HdrRouterAlertOptionWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Ip6HdrRouterAlertOptionWrapper(std::move(pkt), offset);
-}
-
-Ip6HdrPad1Wrapper::Ptr ip6HdrPad1WrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Ip6HdrPad1Wrapper(std::move(pkt), offset);
-}
-
-Ip6HdrPadNWrapper::Ptr ip6HdrPadNWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new Ip6HdrPadNWrapper(std::move(pkt), offset);
 }
 
 }  // namespace Wirl

@@ -3,6 +3,7 @@
 
 #include <ostream>
 
+#include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrWrapper.h"
 #include "Wirl/packet/IpHdrFields.h"
 #include "Wirl/packet/IpProtocolNumber.h"
@@ -17,58 +18,33 @@ namespace Wirl {
 KIV_API IpProtocolNumber nextHeaderNumber(U8 octet) noexcept;
 
 /// IPv6 header (RFC 8200). Setters cut a number to its field and leave the neighbouring bits alone.
-class KIV_API Ip6Hdr {
+class KIV_API Ip6Hdr : public HdrImage<40> {
  public:
   static constexpr U8 ipVersion6 = 6;
 
-  IpVersion version() const noexcept { return versionTrafficClassAndFlowLabel().version; }
-  void versionIs(U8 version) noexcept { bitsAre(0xf0000000, U32{version} << 28); }
-  IpTrafficClass trafficClass() const noexcept { return versionTrafficClassAndFlowLabel().trafficClass; }
-  void trafficClassIs(U8 trafficClass) noexcept { bitsAre(0x0ff00000, U32{trafficClass} << 20); }
-  IpFlowLabel flowLabel() const noexcept { return versionTrafficClassAndFlowLabel().flowLabel; }
-  void flowLabelIs(U32 flowLabel) noexcept { bitsAre(0x000fffff, flowLabel); }
-  IpVersionTrafficClassAndFlowLabel versionTrafficClassAndFlowLabel() const noexcept {
-    return IpVersionTrafficClassAndFlowLabel(word_.value());
-  }
-  void versionTrafficClassAndFlowLabelIs(IpVersionTrafficClassAndFlowLabel word) noexcept {
-    word_ = word.value();
-  }
-
+  WIRL_HDR(Ip6Hdr, "ip6");
+  WIRL_FIELD(IpVersionTrafficClassAndFlowLabel, versionTrafficClassAndFlowLabel, 0, 32, .kind = hidden);
+  WIRL_FIELD(IpVersion, version, 0, 4);
+  WIRL_FIELD(IpTrafficClass, trafficClass, 4, 8);
+  WIRL_FIELD(IpFlowLabel, flowLabel, 12, 20);
   /// Bytes behind this header, extension headers included.
-  U16 payloadLen() const noexcept { return payloadLen_; }
-  void payloadLenIs(U16 bytes) noexcept { payloadLen_ = bytes; }
-
+  WIRL_FIELD(U16, payloadLen, 32, 16);
   /// The next-header octet as it stands.
-  IpProto protocol() const noexcept { return IpProto(nextHeader_); }
-  void protocolIs(U8 nextHeader) noexcept { nextHeader_ = nextHeader; }
-  /// The same through `nextHeaderNumber`.
-  IpProtocolNumber protocolNum() const noexcept { return nextHeaderNumber(nextHeader_); }
-  void protocolNumIs(IpProtocolNumber protocol) noexcept { nextHeader_ = protocol; }
+  WIRL_FIELD(IpProto, protocol, 48, 8, .key = "nextHeader");
+  WIRL_FIELD(IpTtl, hopLimit, 56, 8);
+  WIRL_FIELD(Ip6Addr, src, 64, 128);
+  WIRL_FIELD(Ip6Addr, dst, 192, 128);
 
-  IpTtl hopLimit() const noexcept { return IpTtl(hopLimit_); }
-  void hopLimitIs(IpTtl hopLimit) noexcept { hopLimit_ = hopLimit.value(); }
+  /// The next-header octet through `nextHeaderNumber`.
+  IpProtocolNumber protocolNum() const noexcept { return nextHeaderNumber(protocol()); }
+  void protocolNumIs(IpProtocolNumber protocol) noexcept { protocolIs(protocol); }
 
-  Ip6Addr src() const noexcept { return src_; }
-  void srcIs(const Ip6Addr& src) noexcept { src_ = src; }
-  Ip6Addr dst() const noexcept { return dst_; }
-  void dstIs(const Ip6Addr& dst) noexcept { dst_ = dst; }
-
-  /// Word sum of the pseudo-header of upper-layer checksums (RFC 8200, section 8.1), to start
-  /// `ipChecksumCalc` with.
+  /// Word sum of the pseudo-header of upper-layer checksums (RFC 8200, section 8.1): the starting value for
+  /// `ipChecksumCalc`.
   U32 pseudoHdrSum(U32 upperLayerBytes, U8 nextHeader) const;
 
   /// The fields by name, in one line.
   KIV_API friend std::ostream& operator<<(std::ostream& out, const Ip6Hdr& hdr);
-
- private:
-  void bitsAre(U32 mask, U32 bits) noexcept { word_ = (word_ & ~mask) | (bits & mask); }
-
-  NetU32 word_;        // 0: version, traffic class, flow label
-  NetU16 payloadLen_;  // 4
-  U8 nextHeader_ = 0;  // 6
-  U8 hopLimit_ = 0;    // 7
-  Ip6Addr src_;        // 8
-  Ip6Addr dst_;        // 24
 };
 static_assert(isHeaderImage<Ip6Hdr, 40>);
 
@@ -99,106 +75,65 @@ class Ip6HdrOptionType {
 };
 static_assert(isHeaderImage<Ip6HdrOptionType, 1>);
 
-/// What hop-by-hop, destination options and routing headers begin with.
-class Ip6HdrOptionCommon {
+/// Start of a hop-by-hop options, destination options or routing header.
+class Ip6HdrOptionCommon : public HdrImage<2> {
  public:
-  U8 nextHdr() const noexcept { return nextHdr_; }
-  void nextHdrIs(U8 nextHdr) noexcept { nextHdr_ = nextHdr; }
-  IpProtocolNumber nextHdrNum() const noexcept { return nextHeaderNumber(nextHdr_); }
-  void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdr_ = protocol; }
+  WIRL_HDR(Ip6HdrOptionCommon, "ip6Options");
+  WIRL_FIELD(U8, nextHdr, 0, 8, .key = "nextHeader");
   /// In units of 8 bytes behind the first 8.
-  U8 hdrExtLen() const noexcept { return hdrExtLen_; }
-  void hdrExtLenIs(U8 units) noexcept { hdrExtLen_ = units; }
-  /// Of the whole extension header.
-  U16 headerBytes() const noexcept { return static_cast<U16>((hdrExtLen_ + 1) * 8); }
+  WIRL_FIELD(U8, hdrExtLen, 8, 8, .key = "length");
 
- private:
-  U8 nextHdr_ = 0;    // 0
-  U8 hdrExtLen_ = 0;  // 1
+  IpProtocolNumber nextHdrNum() const noexcept { return nextHeaderNumber(nextHdr()); }
+  void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdrIs(protocol); }
+  /// Of the whole extension header.
+  U16 headerBytes() const noexcept { return static_cast<U16>((hdrExtLen() + 1) * 8); }
 };
 static_assert(isHeaderImage<Ip6HdrOptionCommon, 2>);
 
 /// One octet of padding.
-class Ip6HdrPad1 {
+class Ip6HdrPad1 : public HdrImage<1> {
  public:
-  Ip6HdrOptionType type() const noexcept { return type_; }
+  Ip6HdrPad1() noexcept { typeIs(Ip6HdrOptionType(Ip6HdrOptionType::pad1)); }
 
- private:
-  Ip6HdrOptionType type_{Ip6HdrOptionType::pad1};  // 0
+  WIRL_HDR(Ip6HdrPad1, "ip6Pad1");
+  WIRL_FIELD(Ip6HdrOptionType, type, 0, 8);
 };
 static_assert(isHeaderImage<Ip6HdrPad1, 1>);
 
-/// Two octets of padding, and as many zeros behind them as the length says.
-class Ip6HdrPadN {
+/// Two octets of padding; as many zeros follow as the length says.
+class Ip6HdrPadN : public HdrImage<2> {
  public:
-  Ip6HdrOptionType type() const noexcept { return type_; }
-  U8 length() const noexcept { return length_; }
-  void lengthIs(U8 zeros) noexcept { length_ = zeros; }
+  Ip6HdrPadN() noexcept { typeIs(Ip6HdrOptionType(Ip6HdrOptionType::padN)); }
 
- private:
-  Ip6HdrOptionType type_{Ip6HdrOptionType::padN};  // 0
-  U8 length_ = 0;                                  // 1
+  WIRL_HDR(Ip6HdrPadN, "ip6PadN");
+  WIRL_FIELD(Ip6HdrOptionType, type, 0, 8);
+  WIRL_FIELD(U8, length, 8, 8);
 };
 static_assert(isHeaderImage<Ip6HdrPadN, 2>);
 
 /// Hop-by-hop options header with the router alert option (RFC 2711); an `Ip6HdrPadN` behind it makes it 8
 /// bytes.
-class Ip6HdrRouterAlertOption {
+class Ip6HdrRouterAlertOption : public HdrImage<6, Ip6HdrOptionCommon> {
  public:
-  Ip6HdrOptionCommon& common() noexcept { return common_; }
-  const Ip6HdrOptionCommon& common() const noexcept { return common_; }
-  Ip6HdrOptionType type() const noexcept { return type_; }
-  void typeIs(Ip6HdrOptionType type) noexcept { type_ = type; }
-  U8 length() const noexcept { return length_; }
-  void lengthIs(U8 bytes) noexcept { length_ = bytes; }
-  U16 value() const noexcept { return value_; }
-  void valueIs(U16 value) noexcept { value_ = value; }
+  Ip6HdrRouterAlertOption() noexcept {
+    typeIs(Ip6HdrOptionType(Ip6HdrOptionType::routerAlert));
+    lengthIs(2);
+  }
 
- private:
-  Ip6HdrOptionCommon common_;                             // 0
-  Ip6HdrOptionType type_{Ip6HdrOptionType::routerAlert};  // 2
-  U8 length_ = 2;                                         // 3
-  NetU16 value_;                                          // 4
+  WIRL_HDR(Ip6HdrRouterAlertOption, "ip6RouterAlert");
+  WIRL_FIELD(Ip6HdrOptionType, type, 16, 8);
+  WIRL_FIELD(U8, length, 24, 8, .key = "optionLength");
+  WIRL_FIELD(U16, value, 32, 16);
+
+  Ip6HdrOptionCommon& common() noexcept { return *this; }
+  const Ip6HdrOptionCommon& common() const noexcept { return *this; }
 };
 static_assert(isHeaderImage<Ip6HdrRouterAlertOption, 6>);
 
-class KIV_API Ip6HdrWrapper final : public HdrWrapper<Ip6HdrWrapper, Ip6Hdr> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Ip6Hdr ) ) <= pkt_->frontBytes()";
-  Ip6HdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-class KIV_API Ip6HdrOptionCommonWrapper final
-    : public HdrWrapper<Ip6HdrOptionCommonWrapper, Ip6HdrOptionCommon> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Ip6HdrOptionCommon ) ) <= pkt_->frontBytes()";
-  Ip6HdrOptionCommonWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-class KIV_API Ip6HdrRouterAlertOptionWrapper final
-    : public HdrWrapper<Ip6HdrRouterAlertOptionWrapper, Ip6HdrRouterAlertOption> {
- public:
-  static constexpr const char* kFits =
-      "( offset_ + sizeof( Ip6HdrRouterAlertOption ) ) <= pkt_->frontBytes()";
-  Ip6HdrRouterAlertOptionWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-class KIV_API Ip6HdrPad1Wrapper final : public HdrWrapper<Ip6HdrPad1Wrapper, Ip6HdrPad1> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Ip6HdrPad1 ) ) <= pkt_->frontBytes()";
-  Ip6HdrPad1Wrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-class KIV_API Ip6HdrPadNWrapper final : public HdrWrapper<Ip6HdrPadNWrapper, Ip6HdrPadN> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( Ip6HdrPadN ) ) <= pkt_->frontBytes()";
-  Ip6HdrPadNWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-KIV_API Ip6HdrWrapper::Ptr ip6HdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Ip6HdrOptionCommonWrapper::Ptr ip6HdrOptionCommonWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Ip6HdrRouterAlertOptionWrapper::Ptr ip6HdrRouterAlertOptionWrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Ip6HdrPad1Wrapper::Ptr ip6HdrPad1WrapperFactory(Pkt::Ptr pkt, U32 offset);
-KIV_API Ip6HdrPadNWrapper::Ptr ip6HdrPadNWrapperFactory(Pkt::Ptr pkt, U32 offset);
+WIRL_HDR_WRAPPER(Ip6Hdr, ip6HdrWrapperFactory);
+WIRL_HDR_WRAPPER(Ip6HdrOptionCommon, ip6HdrOptionCommonWrapperFactory);
+WIRL_HDR_WRAPPER(Ip6HdrRouterAlertOption, ip6HdrRouterAlertOptionWrapperFactory);
+WIRL_HDR_WRAPPER(Ip6HdrPad1, ip6HdrPad1WrapperFactory);
+WIRL_HDR_WRAPPER(Ip6HdrPadN, ip6HdrPadNWrapperFactory);
 
 }  // namespace Wirl

@@ -4,7 +4,8 @@
 namespace Wirl {
 
 IpProtocolNumber IpHdr::protocolNum() const noexcept {
-  switch (protocol_) {
+  const U8 octet = protocol();
+  switch (octet) {
     case ipProtoIcmp:
     case ipProtoIgmp:
     case ipProtoTcp:
@@ -20,7 +21,7 @@ IpProtocolNumber IpHdr::protocolNum() const noexcept {
     case ipProtoIsis:
     case ipProtoSctp:
     case ipProtoNetworkBoot:
-      return static_cast<IpProtocolNumber>(protocol_);
+      return static_cast<IpProtocolNumber>(octet);
     default:
       return ipProtoUnknown;
   }
@@ -40,18 +41,6 @@ std::ostream& operator<<(std::ostream& out, const IpHdr& hdr) {
   return out << " fragmentOffset " << hdr.fragmentOffset() << " ttl " << hdr.ttl() << " protocol "
              << hdr.protocol() << " checksum " << hdr.checksum() << " src " << hdr.src() << " dst "
              << hdr.dst();
-}
-
-IpHdrWrapper::Ptr ipHdrWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new IpHdrWrapper(std::move(pkt), offset);
-}
-
-IpHdrOptionCommonWrapper::Ptr ipHdrOptionCommonWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new IpHdrOptionCommonWrapper(std::move(pkt), offset);
-}
-
-IpHdrRouterAlertOptionWrapper::Ptr ipHdrRouterAlertOptionWrapperFactory(Pkt::Ptr pkt, U32 offset) {
-  return new IpHdrRouterAlertOptionWrapper(std::move(pkt), offset);
 }
 
 }  // namespace Wirl

@@ -26,12 +26,6 @@ class UdpHdr : public HdrImage<8> {
 };
 static_assert(isHeaderImage<UdpHdr, 8>);
 
-class KIV_API UdpHdrWrapper final : public HdrWrapper<UdpHdrWrapper, UdpHdr> {
- public:
-  static constexpr const char* kFits = "( offset_ + sizeof( UdpHdr ) ) <= pkt_->frontBytes()";
-  UdpHdrWrapper(Pkt::Ptr pkt, U32 offset) : HdrWrapper(std::move(pkt), offset) {}
-};
-
-KIV_API UdpHdrWrapper::Ptr udpHdrWrapperFactory(Pkt::Ptr pkt, U32 offset);
+WIRL_HDR_WRAPPER(UdpHdr, udpHdrWrapperFactory);
 
 }  // namespace Wirl
