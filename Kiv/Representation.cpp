@@ -5,20 +5,6 @@
 
 namespace Kiv {
 
-bool takeDecimal(std::string_view& text, U64 max, U64& out) noexcept {
-  std::size_t count = 0;
-  U64 value = 0;
-  for (; count < text.size() && text[count] >= '0' && text[count] <= '9'; ++count) {
-    if (value > max) continue;
-    const U64 digit = static_cast<U64>(text[count] - '0');
-    value = value > max / 10 || digit > max - value * 10 ? max + 1 : value * 10 + digit;
-  }
-  if (count == 0) return false;
-  text.remove_prefix(count);
-  out = value;
-  return true;
-}
-
 namespace detail {
 
 namespace {

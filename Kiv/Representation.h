@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <concepts>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -22,10 +23,22 @@ using ParseError = const char*;
 
 /// Reads the run of decimal digits at the front of `text`. False, and nothing consumed, when there is none.
 /// A number above `max` saturates to `max` + 1, however many digits it has; `max` is below 2^64 - 1.
-KIV_API bool takeDecimal(std::string_view& text, U64 max, U64& out) noexcept;
+constexpr bool takeDecimal(std::string_view& text, U64 max, U64& out) noexcept {
+  std::size_t count = 0;
+  U64 value = 0;
+  for (; count < text.size() && text[count] >= '0' && text[count] <= '9'; ++count) {
+    if (value > max) continue;
+    const U64 digit = static_cast<U64>(text[count] - '0');
+    value = value > max / 10 || digit > max - value * 10 ? max + 1 : value * 10 + digit;
+  }
+  if (count == 0) return false;
+  text.remove_prefix(count);
+  out = value;
+  return true;
+}
 
 /// Skips `literal` at the front of `text`; false, and nothing consumed, when it is not there.
-inline bool takeLiteral(std::string_view& text, std::string_view literal) noexcept {
+constexpr bool takeLiteral(std::string_view& text, std::string_view literal) noexcept {
   if (!text.starts_with(literal)) return false;
   text.remove_prefix(literal.size());
   return true;
@@ -79,7 +92,7 @@ KIV_API ParseError parseFlag(std::string_view& text, bool& out) noexcept;
 template <typename T>
 void printValue(std::string& out, const T& value);
 template <typename T>
-ParseError parseValue(std::string_view& text, T& out);
+constexpr ParseError parseValue(std::string_view& text, T& out);
 
 }  // namespace detail
 
@@ -103,7 +116,7 @@ void printRepresentation(std::string& out, const T& value) {
 
 /// Reads a representation from the front of `text`, which then begins behind it; see `ParseError`.
 template <Represented T>
-ParseError parseRepresentation(std::string_view& text, T& out) {
+constexpr ParseError parseRepresentation(std::string_view& text, T& out) {
   constexpr auto list = T::representation();
   std::string_view rest = text;
   if (!takeLiteral(rest, "Value('") || !takeLiteral(rest, list.type) || !takeLiteral(rest, "', ** {")) {
@@ -170,9 +183,17 @@ void printValue(std::string& out, const T& value) {
 }
 
 template <typename T>
-ParseError parseValue(std::string_view& text, T& out) {
+constexpr ParseError parseValue(std::string_view& text, T& out) {
   if constexpr (std::same_as<T, bool>) {
     return parseFlag(text, out);
+  } else if constexpr (std::unsigned_integral<T> && sizeof(T) < sizeof(U64)) {
+    U64 value = 0;
+    std::string_view rest = text;
+    if (!takeDecimal(rest, std::numeric_limits<T>::max(), value)) return "Invalid integer";
+    if (value > std::numeric_limits<T>::max()) return "Integer out of range";
+    text = rest;
+    out = static_cast<T>(value);
+    return nullptr;
   } else if constexpr (std::integral<T>) {
     T value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -12,7 +13,7 @@
 #include "Kiv/NboAttrLog.h"
 #include "Kiv/Representation.h"
 #include "Wirl/value/Eui64.h"
-#include "Wirl/value/detail/Taken.h"
+#include "Wirl/value/detail/PlainText.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -30,7 +31,8 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
   constexpr EthAddr(Kiv::U8 a, Kiv::U8 b, Kiv::U8 c, Kiv::U8 d, Kiv::U8 e, Kiv::U8 f) noexcept
       : octets_{a, b, c, d, e, f} {}
   /// From any of the text forms that `parse` reads; throws `Kiv::RangeException`.
-  explicit EthAddr(std::string_view text) { stringValueIs(text); }
+  constexpr explicit EthAddr(std::string_view text) { stringValueIs(text); }
+  explicit EthAddr(std::nullptr_t) = delete;
 
   /// Octets 2i and 2i+1 as a number in host order, i < 3; else throws `Kiv::RangeException`.
   Kiv::U16 word(unsigned i) const;
@@ -78,13 +80,23 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
 
   /// Six groups of hexadecimal digits joined by colons or by hyphens, or three joined by full stops; any
   /// number of leading zeros.
-  static Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept;
-  static std::optional<EthAddr> fromText(std::string_view text) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept {
+    // Mostly nothing follows, and reading whole texts is several times faster.
+    auto taken = take(text);
+    if (taken.length == 0) taken = detail::takeHexGroupsLoop(text, 6);
+    if (taken.length == 0) [[unlikely]]
+      return kTrailingText;
+    out = fromWord(taken.octets);
+    text.remove_prefix(taken.length);
+    return nullptr;
+  }
+  static constexpr std::optional<EthAddr> fromText(std::string_view text) noexcept {
     const auto taken = take(text);
     if (taken.length == 0) [[unlikely]]
       return std::nullopt;
     return fromWord(taken.octets);
   }
+  static std::optional<EthAddr> fromText(std::nullptr_t) = delete;
   /// As in 00:1c:73:0a:0b:0c.
   unsigned writeText(char* out) const noexcept;
   /// As in 001c.730a.0b0c.
@@ -109,7 +121,11 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
 
  private:
   /// All of a text.
-  static detail::Taken take(std::string_view text) noexcept;
+  static constexpr detail::Taken take(std::string_view text) noexcept {
+    if (!std::is_constant_evaluated()) return takeFast(text);
+    return detail::takeHexGroupsLoop(text, 6).within(text.size(), detail::Extent::whole);
+  }
+  static detail::Taken takeFast(std::string_view text) noexcept;
 
   /// From its octets as a number, the first one least significant.
   static constexpr EthAddr fromWord(Kiv::U64 word) noexcept {
@@ -140,12 +156,13 @@ class KIV_API EthAddrWithMask : public detail::TextForms<EthAddrWithMask> {
   constexpr EthAddrWithMask() noexcept = default;
   constexpr EthAddrWithMask(EthAddr mac, EthAddr mask) noexcept : mac_(mac), mask_(mask) {}
   /// From the text representation; throws `Kiv::RangeException`.
-  explicit EthAddrWithMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit EthAddrWithMask(std::string_view text) { stringValueIs(text); }
+  explicit EthAddrWithMask(std::nullptr_t) = delete;
 
   constexpr EthAddr mac() const noexcept { return mac_; }
   constexpr EthAddr mask() const noexcept { return mask_; }
 
-  static Kiv::ParseError parse(std::string_view& text, EthAddrWithMask& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, EthAddrWithMask& out) noexcept {
     return Kiv::parseRepresentation(text, out);
   }
   unsigned writeText(char* out) const noexcept;

@@ -5,16 +5,6 @@
 
 namespace Wirl {
 
-Kiv::ParseError Eui64U8Key::parse(std::string_view& text, Eui64U8Key& out) noexcept {
-  Kiv::U64 value = 0;
-  std::string_view rest = text;
-  if (!Kiv::takeDecimal(rest, max, value)) return kTrailingText;
-  if (value > max) return "Eui64U8Key::value < 0 or > 7 not allowed";
-  out = static_cast<Kiv::U8>(value);
-  text = rest;
-  return nullptr;
-}
-
 unsigned Eui64U8Key::writeText(char* out) const noexcept {
   unsigned length = 0;
   if (value_ >= 100) out[length++] = static_cast<char>('0' + value_ / 100);
@@ -37,16 +27,6 @@ void Eui64::wordIs(unsigned i, Kiv::U16 word) {
 
 void Eui64::wordDel(unsigned) {
   throw Kiv::NondeletableAttrException("Eui64::word");
-}
-
-Kiv::ParseError Eui64::parse(std::string_view& text, Eui64& out) noexcept {
-  const auto taken = detail::takeHexGroupsLoop(text, 8);
-  // The message speaks of the other type on purpose: the two share one grammar.
-  if (taken.length == 0) [[unlikely]]
-    return "Invalid EthAddr";
-  for (unsigned i = 0; i < 8; ++i) out.octets_[i] = static_cast<Kiv::U8>(taken.octets >> 8 * i);
-  text.remove_prefix(taken.length);
-  return nullptr;
 }
 
 unsigned Eui64::writeText(char* out) const noexcept {

@@ -4,6 +4,7 @@
 #include <array>
 #include <compare>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -12,6 +13,7 @@
 #include "Kiv/Assert.h"
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
+#include "Wirl/value/detail/PlainText.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -30,11 +32,20 @@ class KIV_API Eui64U8Key : public detail::TextForms<Eui64U8Key> {
   constexpr Eui64U8Key(T value) noexcept
       : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}
   /// From its decimal number; throws `Kiv::RangeException`.
-  explicit Eui64U8Key(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Eui64U8Key(std::string_view text) { stringValueIs(text); }
+  explicit Eui64U8Key(std::nullptr_t) = delete;
 
   constexpr Kiv::U8 value() const noexcept { return value_; }
 
-  static Kiv::ParseError parse(std::string_view& text, Eui64U8Key& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Eui64U8Key& out) noexcept {
+    Kiv::U64 value = 0;
+    std::string_view rest = text;
+    if (!Kiv::takeDecimal(rest, max, value)) return kTrailingText;
+    if (value > max) return "Eui64U8Key::value < 0 or > 7 not allowed";
+    out = static_cast<Kiv::U8>(value);
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }
@@ -55,7 +66,8 @@ class KIV_API Eui64 : public detail::TextForms<Eui64> {
   /// Octets in wire order.
   constexpr explicit Eui64(const std::array<Kiv::U8, 8>& octets) noexcept : octets_(octets) {}
   /// From any of the text forms that `parse` reads; throws `Kiv::RangeException`.
-  explicit Eui64(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Eui64(std::string_view text) { stringValueIs(text); }
+  explicit Eui64(std::nullptr_t) = delete;
 
   Kiv::U8 byte(Eui64U8Key i) const noexcept { return octets_[checked(i)]; }
   void byteIs(Eui64U8Key i, Kiv::U8 octet) noexcept { octets_[checked(i)] = octet; }
@@ -70,7 +82,16 @@ class KIV_API Eui64 : public detail::TextForms<Eui64> {
   constexpr const std::array<Kiv::U8, 8>& octets() const noexcept { return octets_; }
 
   /// Eight groups of hexadecimal digits joined by colons or by hyphens, or four joined by full stops.
-  static Kiv::ParseError parse(std::string_view& text, Eui64& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Eui64& out) noexcept {
+    std::array<Kiv::U8, 8> octets{};
+    const std::size_t length = detail::takeHexOctets(text, octets.data(), 8);
+    // The message names the other type on purpose: the two share one grammar.
+    if (length == 0) [[unlikely]]
+      return "Invalid EthAddr";
+    out.octets_ = octets;
+    text.remove_prefix(length);
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return hash(0); }

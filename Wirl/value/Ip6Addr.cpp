@@ -16,181 +16,12 @@ using Kiv::U32;
 using Kiv::U64;
 using Kiv::U8;
 
-namespace {
-
-constexpr Kiv::ParseError kTooManyColons = "Ip6Addr: too many colons";
-constexpr Kiv::ParseError kLeadingColon = "Ip6Addr: leading hex digit expected";
-constexpr Kiv::ParseError kDigitExpected = "Ip6Addr: hex digit expected";
-constexpr Kiv::ParseError kTooManyDigits = "Ip6Addr: too many consecutive hex digits";
-constexpr Kiv::ParseError kColonExpected = "Ip6Addr: ':' expected";
-constexpr Kiv::ParseError kSecondGap = "Ip6Addr: only one '::' allowed";
-constexpr Kiv::ParseError kIncomplete = "Ip6Addr: incomplete ipv6 address";
-constexpr Kiv::ParseError kOutOfRange = "Ip6AddrU8Key::value < 0 or > 15 not allowed";
-
-constexpr unsigned kNowhere = ~0u;
-
-/// Whether exactly three bits are set.
-constexpr bool isThree(U64 bits) noexcept {
-  const auto withoutLowest = [](U64 b) { return b & (b - 1); };
-  const U64 last = withoutLowest(withoutLowest(bits));
-  return last != 0 && withoutLowest(last) == 0;
+Kiv::ParseError Ip6Addr::parseFast(std::string_view& text, Ip6Addr& out) noexcept {
+  return parseWith(text, out, [](std::string_view chars) { return detail::ip6OutlineOf(chars); });
 }
 
-/// The value of the `digits` (1 to 4) hexadecimal digits at `at`, in a text of at least four characters.
-inline U32 groupValue(std::string_view text, unsigned at, unsigned digits) noexcept {
-  // Four characters that hold the group; the first one in the lowest octet.
-  const std::size_t from = std::min<std::size_t>(at, text.size() - 4);
-  const auto octet = [&](unsigned i) { return U32{static_cast<U8>(text[from + i])} << 8 * i; };
-  U32 chars = octet(0) | octet(1) | octet(2) | octet(3);
-  // The group's last digit goes to the highest octet, zeros come in below its first one.
-  chars = chars >> 8 * (at - from) << 8 * (4 - digits);
-  const U32 nibbles = (chars & 0x0f0f0f0f) + (chars >> 6 & 0x01010101) * 9;
-  const U32 pairs = (nibbles << 4 | nibbles >> 8) & 0x00ff00ff;
-  return (pairs & 0xff) << 8 | pairs >> 16;
-}
-
-/// Number of bits set; for machines without an instruction for it better than what the compilers call.
-constexpr unsigned bitCount(U64 bits) noexcept {
-  bits -= bits >> 1 & 0x5555'5555'5555'5555;
-  bits = (bits & 0x3333'3333'3333'3333) + (bits >> 2 & 0x3333'3333'3333'3333);
-  bits = (bits + (bits >> 4)) & 0x0f0f'0f0f'0f0f'0f0f;
-  return static_cast<unsigned>(bits * 0x0101'0101'0101'0101 >> 56);
-}
-
-constexpr bool isSet(U64 bits, unsigned i) noexcept {
-  return (bits >> i & 1) != 0;
-}
-
-/// Goes through a text that is no address from left to right and finds what is wrong with it. The number of
-/// colons comes first, wherever they are.
-Kiv::ParseError refusal(std::string_view text, const Ip6Outline& outline, unsigned dottedAt) noexcept {
-  const U64 colons = outline.colons;
-  unsigned separators = dottedAt == kNowhere ? 0 : 1;
-  for (U64 left = colons; left != 0; ++separators) {
-    const U64 colon = left & (~left + 1);
-    left &= ~(colon | colon << 1);  // two in a row count as one
-  }
-  if (separators > 7) return kTooManyColons;
-  bool gap = isSet(colons, 0);
-  if (gap && !isSet(colons, 1)) return kLeadingColon;
-  const U64 stops = colons | outline.dots | U64{1} << outline.length;
-  for (unsigned at = gap ? 2 : 0; at != dottedAt;) {
-    const auto end = static_cast<unsigned>(std::countr_zero(stops >> at)) + at;
-    const unsigned digits = end - at;
-    if (digits == 0) return isSet(colons, end) && isSet(colons, end + 1) ? kSecondGap : kDigitExpected;
-    if (digits > 4) return kTooManyDigits;  // and four of them fit a group whatever they are
-    if (end == outline.length) return kIncomplete;
-    if (!isSet(colons, end)) return kColonExpected;
-    at = end + 1;
-    if (isSet(colons, at)) {
-      if (gap) return kSecondGap;
-      gap = true;
-      ++at;
-    }
-  }
-  text = text.substr(dottedAt, outline.length - dottedAt);
-  IpAddr v4;
-  const Kiv::ParseError error = IpAddr::parse(text, v4);
-  return error || !text.empty() ? IpAddr::kTrailingText : kIncomplete;
-}
-
-/// A text, or a copy with NULs behind it where it has less than the four characters that a load needs.
-class Loadable {
- public:
-  explicit Loadable(std::string_view text) noexcept : text_(text) {
-    if (text.size() >= sizeof(short_)) [[likely]]
-      return;
-    for (std::size_t i = 0; i < text.size(); ++i) short_[i] = text[i];
-    text_ = {short_, sizeof(short_)};
-  }
-  Loadable(const Loadable&) = delete;
-  Loadable& operator=(const Loadable&) = delete;
-
-  std::string_view text() const noexcept { return text_; }
-
- private:
-  char short_[4] = {};
-  std::string_view text_;
-};
-
-/// Reads the address that an outline is of; false when it is none. Sets `dottedAt` where its dotted part
-/// begins if it has one.
-inline bool read(std::string_view text, const Ip6Outline& outline, unsigned& dottedAt,
-                 std::array<U8, 16>& octets) noexcept {
-  const U64 colons = outline.colons;
-  unsigned end = outline.length;  // of the hexadecimal groups
-  U64 dots = outline.dots;
-  IpAddr v4;
-  if (dots != 0) {
-    const auto behindColons = static_cast<unsigned>(64 - std::countl_zero(colons));
-    if (isThree(dots >> behindColons)) {
-      std::string_view rest = text.substr(behindColons, end - behindColons);
-      dottedAt = behindColons;
-      if (!IpAddr::parse(rest, v4) && rest.empty()) {
-        end = dottedAt;
-        dots &= (U64{1} << dottedAt) - 1;
-      }
-    }
-  }
-  // The form as a whole is checked on the sets of colons and digits, without a branch for each group.
-  const bool dotted = dottedAt != kNowhere;
-  const U64 gaps = colons & colons >> 1;  // a colon that another one follows
-  const U64 runs = colons & ~(colons << 1);
-  const unsigned leading = static_cast<unsigned>(colons & 1);
-  const unsigned trailing = end > 0 && !dotted ? static_cast<unsigned>(colons >> (end - 1) & 1) : 0;
-  const unsigned separators = bitCount(runs) + (dotted ? 1 : 0);
-  const unsigned count = separators + 1 - leading - trailing;
-  const U64 digits = ~colons & ((U64{1} << end) - 1);
-  const U64 twoDigits = digits & digits >> 1;
-  const bool edges = leading > (gaps & 1) || (trailing != 0 && (end < 2 || !isSet(gaps, end - 2)));
-  if (dots != 0 || (gaps & (gaps - 1)) != 0 || edges || (twoDigits & twoDigits >> 2 & digits >> 4) != 0 ||
-      separators > 7 || (gaps == 0 && count != 8)) {
-    return false;
-  }
-  const unsigned missing = 8 - count;
-  octets = {};
-  U64 ends = runs | U64{1} << end;
-  unsigned index = 0;
-  unsigned at = 0;
-  if (leading != 0) {
-    ends &= ends - 1;
-    index = missing;
-    at = 2;
-  }
-  for (unsigned left = dotted ? count - 2 : count; left > 0; --left) {
-    const auto groupEnd = static_cast<unsigned>(std::countr_zero(ends));
-    const U32 group = groupValue(text, at, groupEnd - at);
-    octets[2 * index] = static_cast<U8>(group >> 8);
-    octets[2 * index + 1] = static_cast<U8>(group);
-    const unsigned gap = static_cast<unsigned>(gaps >> groupEnd & 1);
-    ends &= ends - 1;
-    at = groupEnd + 1 + gap;
-    index += 1 + (gap != 0 ? missing : 0);
-  }
-  if (dotted) v4.copyToBuffer(octets.data() + 12);
-  return true;
-}
-
-}  // namespace
-
-Kiv::ParseError Ip6Addr::parse(std::string_view& text, Ip6Addr& out) noexcept {
-  const Loadable chars(text);
-  const Ip6Outline outline = detail::ip6OutlineOf(chars.text());
-  unsigned dottedAt = kNowhere;
-  if (!read(chars.text(), outline, dottedAt, out.octets_)) [[unlikely]]
-    return refusal(chars.text(), outline, dottedAt);
-  text.remove_prefix(outline.length);
-  return nullptr;
-}
-
-std::optional<Ip6Addr> Ip6Addr::fromText(std::string_view text) noexcept {
-  const Loadable chars(text);
-  const Ip6Outline outline = detail::ip6OutlineOf(chars.text());
-  unsigned dottedAt = kNowhere;
-  std::optional<Ip6Addr> address(std::in_place);
-  if (outline.length != text.size() || !read(chars.text(), outline, dottedAt, address->octets_))
-    address.reset();
-  return address;
+std::optional<Ip6Addr> Ip6Addr::fromTextFast(std::string_view text) noexcept {
+  return fromTextWith(text, [](std::string_view chars) { return detail::ip6OutlineOf(chars); });
 }
 
 namespace {
@@ -314,16 +145,6 @@ Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, Ip6Addr& value) {
   return log;
 }
 
-Kiv::ParseError Ip6AddrU8Key::parse(std::string_view& text, Ip6AddrU8Key& out) noexcept {
-  std::string_view rest = text;
-  U64 value = 0;
-  if (!Kiv::takeDecimal(rest, max, value)) return kTrailingText;
-  if (value > max) return kOutOfRange;
-  out = static_cast<U8>(value);
-  text = rest;
-  return nullptr;
-}
-
 unsigned Ip6AddrU8Key::writeText(char* out) const noexcept {
   char* const end = std::to_chars(out, out + kTextMax, value_).ptr;
   *end = '\0';
@@ -337,7 +158,7 @@ Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, Ip6AddrU8Key value) {
 Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, Ip6AddrU8Key& value) {
   U8 octet = 0;
   log >> octet;
-  if (octet > Ip6AddrU8Key::max) detail::throwRange(kOutOfRange);
+  if (octet > Ip6AddrU8Key::max) detail::throwRange(Ip6AddrU8Key::kOutOfRange);
   value = octet;
   return log;
 }

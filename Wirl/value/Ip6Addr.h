@@ -5,6 +5,7 @@
 #include <bit>
 #include <compare>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -15,7 +16,9 @@
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
 #include "Wirl/value/EthAddr.h"
+#include "Wirl/value/detail/Ip6Grammar.h"
 #include "Wirl/value/detail/Ip6TextForms.h"
+#include "Wirl/value/detail/Reckoning.h"
 
 namespace Wirl {
 
@@ -25,6 +28,7 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
   static constexpr Kiv::U8 max = 15;
   static constexpr unsigned kTextMax = 3;
   static constexpr Kiv::ParseError kTrailingText = "Invalid Ip6AddrU8Key";
+  static constexpr Kiv::ParseError kOutOfRange = "Ip6AddrU8Key::value < 0 or > 15 not allowed";
 
   constexpr Ip6AddrU8Key() noexcept = default;
   /// Not checked here: the use of an index above 15 is what throws. A number that is no octet counts as 255.
@@ -32,11 +36,20 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
   constexpr Ip6AddrU8Key(T value) noexcept
       : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}
   /// From its decimal number; throws `Kiv::RangeException`.
-  explicit Ip6AddrU8Key(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Ip6AddrU8Key(std::string_view text) { stringValueIs(text); }
+  explicit Ip6AddrU8Key(std::nullptr_t) = delete;
 
   constexpr Kiv::U8 value() const noexcept { return value_; }
 
-  static Kiv::ParseError parse(std::string_view& text, Ip6AddrU8Key& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Ip6AddrU8Key& out) noexcept {
+    std::string_view rest = text;
+    Kiv::U64 value = 0;
+    if (!Kiv::takeDecimal(rest, max, value)) return kTrailingText;
+    if (value > max) return kOutOfRange;
+    out = static_cast<Kiv::U8>(value);
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }
@@ -50,7 +63,7 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
 /// IPv6 address (RFC 4291): exactly its sixteen octets in network order, without alignment, so that it can
 /// stand inside header images and be copied to and from packets. Default ::. Ordered as a number, octet 0
 /// most significant.
-class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
+class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::AddressReckoning<Ip6Addr> {
  public:
   static constexpr unsigned kTextMax = 45;
   static constexpr Kiv::ParseError kTrailingText = "Ip6Addr: unexpected trailing characters";
@@ -64,7 +77,8 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
     store(8, low);
   }
   /// From any text form that `parse` reads; throws `Kiv::RangeException`.
-  explicit Ip6Addr(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Ip6Addr(std::string_view text) { stringValueIs(text); }
+  explicit Ip6Addr(std::nullptr_t) = delete;
 
   /// The octets, the eight groups and the two halves, in host order. A bad index throws `Kiv::RangeException`
   /// with the operation's name, as in "Ip6Addr::u16Is: index out of range".
@@ -150,6 +164,10 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   }
   /// The address with all bits behind the first `len` cleared. A `len` above 128 ends the process.
   constexpr Ip6Addr ip6AddrMaskedByLength(unsigned len) const noexcept { return *this & maskOfLength(len); }
+  /// The same, but unchanged with 128 or more.
+  constexpr Ip6Addr maskedByLength(Kiv::U64 len) const noexcept {
+    return len >= 128 ? *this : *this & maskOfLength(len);
+  }
   /// Leading bits in which the two agree, 0 to 128.
   constexpr unsigned longestCommonPrefix(const Ip6Addr& other) const noexcept {
     const Kiv::U64 difference = high() ^ other.high();
@@ -165,12 +183,23 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   }
   friend constexpr Ip6Addr operator~(const Ip6Addr& a) noexcept { return Ip6Addr(~a.high(), ~a.low()); }
 
+  static constexpr unsigned bits() noexcept { return 128; }
+  constexpr U128 number() const noexcept { return U128(high(), low()); }
+  static constexpr Ip6Addr withNumber(const U128& number) noexcept {
+    return Ip6Addr(number.high(), number.low());
+  }
+
   /// Groups of one to four hexadecimal digits, "::" at most once, the last two groups also as dotted decimal.
   /// At most 45 characters are looked at, the longest that an address needs; the address ends at the first
   /// one that is no hexadecimal digit, colon or full stop.
-  static Kiv::ParseError parse(std::string_view& text, Ip6Addr& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Ip6Addr& out) noexcept {
+    return std::is_constant_evaluated() ? parseWith(text, out, detail::ip6OutlineLoop) : parseFast(text, out);
+  }
   /// The address that the whole of `text` stands for, or nothing: without a look for what is wrong then.
-  static std::optional<Ip6Addr> fromText(std::string_view text) noexcept;
+  static constexpr std::optional<Ip6Addr> fromText(std::string_view text) noexcept {
+    return std::is_constant_evaluated() ? fromTextWith(text, detail::ip6OutlineLoop) : fromTextFast(text);
+  }
+  static std::optional<Ip6Addr> fromText(std::nullptr_t) = delete;
   /// The compressed form of RFC 5952; addresses in ::ffff:0:0/96 with their last two groups in dotted
   /// decimal.
   unsigned writeText(char* out) const noexcept;
@@ -197,6 +226,32 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr> {
   }
 
  private:
+  template <typename OutlineOf>
+  static constexpr Kiv::ParseError parseWith(std::string_view& text, Ip6Addr& out,
+                                             OutlineOf outlineOf) noexcept {
+    const detail::Loadable chars(text);
+    const detail::Ip6Outline outline = outlineOf(chars.text());
+    unsigned dottedAt = detail::kNowhere;
+    if (!detail::readIp6(chars.text(), outline, dottedAt, out.octets_)) [[unlikely]]
+      return detail::ip6Refusal(chars.text(), outline, dottedAt);
+    text.remove_prefix(outline.length);
+    return nullptr;
+  }
+  template <typename OutlineOf>
+  static constexpr std::optional<Ip6Addr> fromTextWith(std::string_view text, OutlineOf outlineOf) noexcept {
+    const detail::Loadable chars(text);
+    const detail::Ip6Outline outline = outlineOf(chars.text());
+    unsigned dottedAt = detail::kNowhere;
+    std::optional<Ip6Addr> address(std::in_place);
+    if (outline.length != text.size() ||
+        !detail::readIp6(chars.text(), outline, dottedAt, address->octets_)) {
+      address.reset();
+    }
+    return address;
+  }
+  static Kiv::ParseError parseFast(std::string_view& text, Ip6Addr& out) noexcept;
+  static std::optional<Ip6Addr> fromTextFast(std::string_view text) noexcept;
+
   /// `i`, where there are `size` of them; else throws.
   static constexpr unsigned index(Kiv::U64 i, unsigned size, Kiv::ParseError outOfRange) {
     if (i >= size) [[unlikely]]
@@ -258,7 +313,9 @@ KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, Ip6AddrU8Key& value);
 
 template <>
 struct std::hash<Wirl::Ip6Addr> {
-  std::size_t operator()(const Wirl::Ip6Addr& value) const noexcept { return value.hash(); }
+  std::size_t operator()(const Wirl::Ip6Addr& value) const noexcept {
+    return Wirl::detail::stdHash(value.number().high(), value.number().low());
+  }
 };
 template <>
 struct std::hash<Wirl::Ip6AddrU8Key> {

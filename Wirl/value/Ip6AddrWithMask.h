@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -21,7 +22,8 @@ class KIV_API Ip6AddrWithMask : public detail::Ip6AddrAndLen<Ip6AddrWithMask> {
   constexpr Ip6AddrWithMask() noexcept = default;
   constexpr Ip6AddrWithMask(const Ip6Addr& address, Kiv::U32 len) noexcept : Ip6AddrAndLen(address, len) {}
   /// From text as 2001:db8::1/64; throws `Kiv::RangeException`.
-  explicit Ip6AddrWithMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Ip6AddrWithMask(std::string_view text) { stringValueIs(text); }
+  explicit Ip6AddrWithMask(std::nullptr_t) = delete;
 
   /// The network that the address is in. A length above 128 ends the process.
   constexpr Ip6Prefix subnet() const noexcept {
@@ -29,7 +31,7 @@ class KIV_API Ip6AddrWithMask : public detail::Ip6AddrAndLen<Ip6AddrWithMask> {
   }
 
   /// An address, a slash, the length in decimal.
-  static Kiv::ParseError parse(std::string_view& text, Ip6AddrWithMask& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, Ip6AddrWithMask& out) noexcept {
     return detail::takeIp6AddrAndLen(text, out.address_, out.len_);
   }
 };
@@ -47,7 +49,8 @@ class KIV_API Ip6AddrWithFullMask : public detail::Ip6TextForms<Ip6AddrWithFullM
   constexpr Ip6AddrWithFullMask(const Ip6Addr& address, Kiv::U64 len) noexcept
       : address_(address), mask_(Ip6Addr::maskOfLength(len)) {}
   /// From any text form that `parse` reads; throws `Kiv::RangeException`.
-  explicit Ip6AddrWithFullMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Ip6AddrWithFullMask(std::string_view text) { stringValueIs(text); }
+  explicit Ip6AddrWithFullMask(std::nullptr_t) = delete;
 
   constexpr const Ip6Addr& address() const noexcept { return address_; }
   constexpr const Ip6Addr& mask() const noexcept { return mask_; }
@@ -59,7 +62,23 @@ class KIV_API Ip6AddrWithFullMask : public detail::Ip6TextForms<Ip6AddrWithFullM
   constexpr bool hasPrefixRepr() const { return prefixLen() != Ip6PrefixLen::invalid; }
 
   /// An address, a slash, and the mask as an address or as a length in decimal.
-  static Kiv::ParseError parse(std::string_view& text, Ip6AddrWithFullMask& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Ip6AddrWithFullMask& out) noexcept {
+    std::string_view rest = text;
+    Ip6Addr address;
+    Ip6Addr mask;
+    Kiv::U64 len = 0;
+    if (const Kiv::ParseError error = Ip6Addr::parse(rest, address)) return error;
+    if (!Kiv::takeLiteral(rest, "/")) return "Ip6AddrWithFullMask: mask expected";
+    // No address is made of decimal digits alone, so a length cannot be taken for one.
+    if (detail::takeIp6MaskLength(rest, len)) {
+      mask = Ip6Addr::maskOfLength(static_cast<unsigned>(len));
+    } else if (const Kiv::ParseError error = Ip6Addr::parse(rest, mask)) {
+      return error;
+    }
+    out = Ip6AddrWithFullMask(address, mask);
+    text = rest;
+    return nullptr;
+  }
   /// With a length where `hasPrefixRepr()`, else with the mask as an address.
   unsigned writeText(char* out) const noexcept;
 
@@ -85,7 +104,10 @@ KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, Ip6AddrWithFullMask& v
 
 template <>
 struct std::hash<Wirl::Ip6AddrWithMask> {
-  std::size_t operator()(const Wirl::Ip6AddrWithMask& value) const noexcept { return value.hash(); }
+  std::size_t operator()(const Wirl::Ip6AddrWithMask& value) const noexcept {
+    const Wirl::U128 number = value.address().number();
+    return Wirl::detail::stdHash(number.high(), number.low() + (Kiv::U64{value.len()} << 32));
+  }
 };
 template <>
 struct std::hash<Wirl::Ip6AddrWithFullMask> {

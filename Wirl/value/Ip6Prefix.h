@@ -1,18 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
 
 #include "Wirl/value/Ip6Addr.h"
 #include "Wirl/value/detail/Ip6AddrAndLen.h"
+#include "Wirl/value/detail/Reckoning.h"
 
 namespace Wirl {
 
 /// IPv6 prefix: an address and a length. Nothing is checked when it is made, from text neither, save that a
 /// length in text is at most 128: `validAsPrefix()` tells. Default ::/0.
-class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix> {
+class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix>,
+                          public detail::PrefixReckoning<Ip6Prefix, Ip6Addr> {
  public:
   /// The length of the null prefix. Text never gives it, though it prints as a number.
   static constexpr Kiv::U32 kNullLen = 0xffff'ffff;
@@ -21,7 +24,12 @@ class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix> {
   constexpr Ip6Prefix() noexcept = default;
   constexpr Ip6Prefix(const Ip6Addr& address, Kiv::U32 len) noexcept : Ip6AddrAndLen(address, len) {}
   /// From text as 2001:db8::/32; throws `Kiv::RangeException`.
-  explicit Ip6Prefix(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Ip6Prefix(std::string_view text) { stringValueIs(text); }
+  explicit Ip6Prefix(std::nullptr_t) = delete;
+
+  constexpr Ip6Addr baseAddress() const noexcept { return address_; }
+  using detail::Ip6AddrAndLen<Ip6Prefix>::contains;
+  using detail::PrefixReckoning<Ip6Prefix, Ip6Addr>::contains;
 
   constexpr bool isNullPrefix() const noexcept { return len_ == kNullLen; }
   /// ::/0.
@@ -37,7 +45,7 @@ class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix> {
   }
 
   /// An address, a slash, the length in decimal.
-  static Kiv::ParseError parse(std::string_view& text, Ip6Prefix& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, Ip6Prefix& out) noexcept {
     return detail::takeIp6AddrAndLen(text, out.address_, out.len_);
   }
 };
@@ -52,5 +60,8 @@ inline constexpr Ip6Prefix ip6UniqueLocalPrefix(Ip6Addr(0xfc00'0000'0000'0000, 0
 
 template <>
 struct std::hash<Wirl::Ip6Prefix> {
-  std::size_t operator()(const Wirl::Ip6Prefix& value) const noexcept { return value.hash(); }
+  std::size_t operator()(const Wirl::Ip6Prefix& value) const noexcept {
+    const Wirl::U128 number = value.address().number();
+    return Wirl::detail::stdHash(number.high(), number.low() + (Kiv::U64{value.len()} << 32));
+  }
 };

@@ -5,16 +5,6 @@
 
 namespace Wirl {
 
-Kiv::ParseError Ip6PrefixLen::parse(std::string_view& text, Ip6PrefixLen& out) noexcept {
-  std::string_view rest = text;
-  Kiv::U64 value = 0;
-  if (!Kiv::takeDecimal(rest, invalid, value)) return kTrailingText;
-  if (value > invalid) return kOutOfRange;
-  out.value_ = static_cast<Kiv::U8>(value);
-  text = rest;
-  return nullptr;
-}
-
 unsigned Ip6PrefixLen::writeText(char* out) const noexcept {
   char* const end = std::to_chars(out, out + kTextMax, value_).ptr;
   *end = '\0';

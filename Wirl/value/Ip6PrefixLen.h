@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -34,11 +35,20 @@ class KIV_API Ip6PrefixLen : public detail::TextForms<Ip6PrefixLen> {
       detail::throwRange(kOutOfRange);
   }
   /// From its decimal number; throws `Kiv::RangeException`.
-  explicit Ip6PrefixLen(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Ip6PrefixLen(std::string_view text) { stringValueIs(text); }
+  explicit Ip6PrefixLen(std::nullptr_t) = delete;
 
   constexpr Kiv::U8 value() const noexcept { return value_; }
 
-  static Kiv::ParseError parse(std::string_view& text, Ip6PrefixLen& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Ip6PrefixLen& out) noexcept {
+    std::string_view rest = text;
+    Kiv::U64 value = 0;
+    if (!Kiv::takeDecimal(rest, invalid, value)) return kTrailingText;
+    if (value > invalid) return kOutOfRange;
+    out.value_ = static_cast<Kiv::U8>(value);
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }

@@ -11,7 +11,7 @@ bool IpAddr::isReserved() const noexcept {
   return !routable && octets_[0] >= 240 && !isBroadcast();
 }
 
-detail::Taken IpAddr::take(std::string_view text, detail::Extent extent) noexcept {
+detail::Taken IpAddr::takeFast(std::string_view text, detail::Extent extent) noexcept {
   return detail::takeDotted(text, extent);
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -12,7 +13,8 @@
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
 #include "Wirl/value/EthAddr.h"
-#include "Wirl/value/detail/Taken.h"
+#include "Wirl/value/detail/PlainText.h"
+#include "Wirl/value/detail/Reckoning.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -20,7 +22,7 @@ namespace Wirl {
 /// IPv4 address: exactly its four octets in network order, without alignment, so that it can stand inside
 /// header images and be copied to and from packets. Default 0.0.0.0. Ordered as a number, the first octet
 /// most significant.
-class KIV_API IpAddr : public detail::TextForms<IpAddr> {
+class KIV_API IpAddr : public detail::TextForms<IpAddr>, public detail::AddressReckoning<IpAddr> {
  public:
   static constexpr unsigned kTextMax = 15;
   static constexpr Kiv::ParseError kTrailingText = "Invalid IpAddr";
@@ -30,7 +32,8 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
   constexpr explicit IpAddr(const std::array<Kiv::U8, 4>& octets) noexcept : octets_(octets) {}
   constexpr IpAddr(Kiv::U8 a, Kiv::U8 b, Kiv::U8 c, Kiv::U8 d) noexcept : octets_{a, b, c, d} {}
   /// From dotted decimal; throws `Kiv::RangeException`.
-  explicit IpAddr(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpAddr(std::string_view text) { stringValueIs(text); }
+  explicit IpAddr(std::nullptr_t) = delete;
 
   /// From a number whose most significant octet is the first of the address.
   static constexpr IpAddr fromHostOrder(Kiv::U32 number) noexcept {
@@ -99,14 +102,33 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
     return static_cast<unsigned>(std::countl_zero(hostOrder() ^ other.hostOrder()));
   }
 
+  /// The first `len` bits set, at most 32.
+  static constexpr IpAddr maskOfLength(Kiv::U64 len) noexcept {
+    return IpAddr(0xff, 0xff, 0xff, 0xff).maskedByLength(len);
+  }
   /// The address with all bits behind the first `len` cleared; unchanged with 32 or more.
   constexpr IpAddr maskedByLength(Kiv::U64 len) const noexcept {
     return len >= 32 ? *this : fromHostOrder(hostOrder() & ~(0xffff'ffffu >> len));
   }
 
+  friend constexpr IpAddr operator&(IpAddr a, IpAddr b) noexcept {
+    return fromNetOrder(a.netOrder() & b.netOrder());
+  }
+  friend constexpr IpAddr operator|(IpAddr a, IpAddr b) noexcept {
+    return fromNetOrder(a.netOrder() | b.netOrder());
+  }
+  friend constexpr IpAddr operator~(IpAddr a) noexcept { return fromNetOrder(~a.netOrder()); }
+
+  static constexpr unsigned bits() noexcept { return 32; }
+  constexpr U128 number() const noexcept { return hostOrder(); }
+  /// The address of the lowest 32 bits of a number.
+  static constexpr IpAddr withNumber(const U128& number) noexcept {
+    return fromHostOrder(static_cast<Kiv::U32>(number.low()));
+  }
+
   /// Dotted decimal with four octets, each a run of decimal digits of at most 255, any number of leading
   /// zeros; never octal.
-  static Kiv::ParseError parse(std::string_view& text, IpAddr& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpAddr& out) noexcept {
     const auto taken = take(text, detail::Extent::front);
     if (taken.length == 0) [[unlikely]]
       return kTrailingText;
@@ -114,7 +136,8 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
     text.remove_prefix(taken.length);
     return nullptr;
   }
-  static std::optional<IpAddr> fromText(std::string_view text) noexcept {
+  static std::optional<IpAddr> fromText(std::nullptr_t) = delete;
+  static constexpr std::optional<IpAddr> fromText(std::string_view text) noexcept {
     const auto taken = take(text, detail::Extent::whole);
     if (taken.length == 0) [[unlikely]]
       return std::nullopt;
@@ -130,7 +153,11 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr> {
   }
 
  private:
-  static detail::Taken take(std::string_view text, detail::Extent extent) noexcept;
+  static constexpr detail::Taken take(std::string_view text, detail::Extent extent) noexcept {
+    if (!std::is_constant_evaluated()) return takeFast(text, extent);
+    return detail::takeDottedLoop(text).within(text.size(), extent);
+  }
+  static detail::Taken takeFast(std::string_view text, detail::Extent extent) noexcept;
 
   static constexpr IpAddr fromWord(Kiv::U32 word) noexcept {
     return fromNetOrder(std::endian::native == std::endian::little ? word : __builtin_bswap32(word));
@@ -152,6 +179,6 @@ KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpAddr& value);
 
 template <>
 struct std::hash<Wirl::IpAddr> {
-  /// The address as a number: what the standard library makes of an integer key.
+  /// What the standard library makes of an integer key.
   std::size_t operator()(Wirl::IpAddr value) const noexcept { return value.netOrder(); }
 };

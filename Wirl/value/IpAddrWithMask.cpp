@@ -7,17 +7,6 @@
 
 namespace Wirl {
 
-Kiv::ParseError IpAddrWithMask::parse(std::string_view& text, IpAddrWithMask& out) noexcept {
-  std::string_view rest = text;
-  IpAddr address;
-  Kiv::U64 len = 0;
-  if (const Kiv::ParseError error = IpAddr::parse(rest, address)) return error;
-  if (const Kiv::ParseError error = detail::takePrefixLength(rest, len)) return error;
-  out = IpAddrWithMask(address, static_cast<Kiv::U32>(std::min<Kiv::U64>(len, 0xffff'ffff)));
-  text = rest;
-  return nullptr;
-}
-
 unsigned IpAddrWithMask::writeText(char* out) const noexcept {
   const unsigned length = address_.writeText(out);
   return length + detail::writeNumber('/', len_, out + length);

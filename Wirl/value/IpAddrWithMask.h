@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -11,6 +13,7 @@
 #include "Kiv/Representation.h"
 #include "Wirl/value/IpAddr.h"
 #include "Wirl/value/Prefix.h"
+#include "Wirl/value/detail/PrefixLength.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -24,7 +27,8 @@ class KIV_API IpAddrWithMask : public detail::TextForms<IpAddrWithMask> {
   constexpr IpAddrWithMask() noexcept = default;
   constexpr IpAddrWithMask(IpAddr address, Kiv::U32 len) noexcept : address_(address), len_(len) {}
   /// From text as 10.1.2.3/24; throws `Kiv::RangeException`.
-  explicit IpAddrWithMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpAddrWithMask(std::string_view text) { stringValueIs(text); }
+  explicit IpAddrWithMask(std::nullptr_t) = delete;
 
   constexpr IpAddr address() const noexcept { return address_; }
   constexpr Kiv::U32 len() const noexcept { return len_; }
@@ -37,7 +41,16 @@ class KIV_API IpAddrWithMask : public detail::TextForms<IpAddrWithMask> {
   }
 
   /// An address, a slash, the length in decimal; a length above 2^32 - 1 is taken as that.
-  static Kiv::ParseError parse(std::string_view& text, IpAddrWithMask& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpAddrWithMask& out) noexcept {
+    std::string_view rest = text;
+    IpAddr address;
+    Kiv::U64 len = 0;
+    if (const Kiv::ParseError error = IpAddr::parse(rest, address)) return error;
+    if (const Kiv::ParseError error = detail::takePrefixLength(rest, len)) return error;
+    out = IpAddrWithMask(address, static_cast<Kiv::U32>(std::min<Kiv::U64>(len, 0xffff'ffff)));
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return hash(0); }
@@ -66,12 +79,13 @@ class KIV_API IpAddrWithFullMask : public detail::TextForms<IpAddrWithFullMask> 
   constexpr IpAddrWithFullMask() noexcept = default;
   constexpr IpAddrWithFullMask(IpAddr address, Kiv::U32 mask) noexcept : address_(address), mask_(mask) {}
   /// From the text representation; throws `Kiv::RangeException`.
-  explicit IpAddrWithFullMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpAddrWithFullMask(std::string_view text) { stringValueIs(text); }
+  explicit IpAddrWithFullMask(std::nullptr_t) = delete;
 
   constexpr IpAddr address() const noexcept { return address_; }
   constexpr Kiv::U32 mask() const noexcept { return mask_; }
 
-  static Kiv::ParseError parse(std::string_view& text, IpAddrWithFullMask& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpAddrWithFullMask& out) noexcept {
     return Kiv::parseRepresentation(text, out);
   }
   unsigned writeText(char* out) const noexcept;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <ostream>
 #include <string_view>
@@ -29,13 +30,26 @@ class KIV_API IpAndPort : public detail::TextForms<IpAndPort> {
   constexpr IpAndPort() noexcept = default;
   constexpr IpAndPort(IpAddr ip, Kiv::U16 port) noexcept : ip_(ip), port_(port) {}
   /// From either text form; throws `Kiv::RangeException`.
-  explicit IpAndPort(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpAndPort(std::string_view text) { stringValueIs(text); }
+  explicit IpAndPort(std::nullptr_t) = delete;
 
   constexpr IpAddr ip() const noexcept { return ip_; }
   /// In host order.
   constexpr Kiv::U16 port() const noexcept { return port_; }
 
-  static Kiv::ParseError parse(std::string_view& text, IpAndPort& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpAndPort& out) noexcept {
+    if (text.starts_with("Value(")) return Kiv::parseRepresentation(text, out);
+    std::string_view rest = text;
+    IpAddr ip;
+    Kiv::U64 port = 0;
+    if (const Kiv::ParseError error = IpAddr::parse(rest, ip)) return error;
+    if (!Kiv::takeLiteral(rest, ":") || !Kiv::takeDecimal(rest, 0xffff, port) || port > 0xffff) {
+      return kTrailingText;
+    }
+    out = IpAndPort(ip, static_cast<Kiv::U16>(port));
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return hash(0); }

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <compare>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -34,7 +35,8 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
   constexpr IpDscp(T value) : value_(static_cast<Kiv::U8>(value)) {
     if (std::cmp_less(value, 0) || std::cmp_greater(value, maxValue)) detail::throwRange(kTooLarge);
   }
-  explicit IpDscp(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpDscp(std::string_view text) { stringValueIs(text); }
+  explicit IpDscp(std::nullptr_t) = delete;
   /// The code point of a TOS octet, whose lower two bits (ECN) are left out.
   static constexpr IpDscp ofTos(Kiv::U8 tos) noexcept {
     IpDscp dscp;
@@ -46,7 +48,7 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
   /// As it stands in the TOS octet.
   constexpr Kiv::U8 tos() const noexcept { return static_cast<Kiv::U8>(value_ << 2); }
 
-  static Kiv::ParseError parse(std::string_view& text, IpDscp& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpDscp& out) noexcept {
     Kiv::U64 value = 0;
     std::string_view rest = text;
     if (Kiv::takeDecimal(rest, maxValue, value)) {
@@ -95,7 +97,7 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
        {"AF22", 20}, {"AF23", 22}, {"AF31", 26}, {"AF32", 28}, {"AF33", 30},       {"AF41", 34},
        {"AF42", 36}, {"AF43", 38}, {"EF", 46},   {"LE", 1},    {"VOICE-ADMIT", 44}}};
 
-  static const Name* nameAt(std::string_view text) noexcept {
+  static constexpr const Name* nameAt(std::string_view text) noexcept {
     const auto upper = [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; };
     for (const Name& name : kNames) {
       if (std::equal(name.text.begin(), name.text.end(), text.begin(),

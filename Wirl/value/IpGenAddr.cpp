@@ -9,35 +9,6 @@ Kiv::String IpGenAddr::bytes() const {
   return {octets, size()};
 }
 
-Kiv::ParseError IpGenAddr::parse(std::string_view& text, IpGenAddr& out) noexcept {
-  const auto read = [&](auto address) {
-    const Kiv::ParseError error = decltype(address)::parse(text, address);
-    if (!error) out = address;
-    return error;
-  };
-  switch (detail::familyOfText(text)) {
-    case AddressFamily::ipv4:
-      return read(IpAddr());
-    case AddressFamily::ipv6:
-      return read(Ip6Addr());
-    case AddressFamily::ipunknown:
-      break;
-  }
-  return kTrailingText;
-}
-
-std::optional<IpGenAddr> IpGenAddr::fromText(std::string_view text) noexcept {
-  switch (detail::familyOfText(text)) {
-    case AddressFamily::ipv4:
-      return IpAddr::fromText(text);
-    case AddressFamily::ipv6:
-      return Ip6Addr::fromText(text);
-    case AddressFamily::ipunknown:
-      break;
-  }
-  return std::nullopt;
-}
-
 unsigned IpGenAddr::writeText(char* out) const noexcept {
   return isV4() ? v4Addr().writeText(out) : storage_.writeText(out);
 }

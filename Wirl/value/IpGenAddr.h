@@ -2,6 +2,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string_view>
@@ -15,6 +16,7 @@
 #include "Wirl/value/Ip6Addr.h"
 #include "Wirl/value/IpAddr.h"
 #include "Wirl/value/detail/GenTextForms.h"
+#include "Wirl/value/detail/Reckoning.h"
 
 namespace Wirl {
 
@@ -23,7 +25,7 @@ namespace Wirl {
 ///
 /// A predicate asks the address of the family. Where it has a meaning for IPv4 only, other families answer
 /// no; else `ipunknown` answers as the IPv6 address :: does.
-class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr> {
+class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr>, public detail::AddressReckoning<IpGenAddr> {
  public:
   static constexpr unsigned kTextMax = Ip6Addr::kTextMax;
   static constexpr Kiv::ParseError kTrailingText = "Invalid IpGenAddr";
@@ -37,9 +39,10 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr> {
       : af_(AddressFamily::ipv4), storage_(Kiv::U64{address.hostOrder()} << 32, 0) {}
   constexpr IpGenAddr(const Ip6Addr& address) noexcept : af_(AddressFamily::ipv6), storage_(address) {}
   /// From text; an empty one gives `ipunknown`. Throws `Kiv::RangeException`.
-  explicit IpGenAddr(std::string_view text) {
+  constexpr explicit IpGenAddr(std::string_view text) {
     if (!text.empty()) stringValueIs(text);
   }
+  explicit IpGenAddr(std::nullptr_t) = delete;
 
   constexpr AddressFamily af() const noexcept { return af_; }
   /// 0.0.0.0 when the family is another one.
@@ -68,6 +71,23 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr> {
   constexpr unsigned longestCommonPrefix(const IpGenAddr& other) const noexcept {
     return isV4() ? v4Addr().longestCommonPrefix(other.v4Addr())
                   : v6Addr().longestCommonPrefix(other.v6Addr());
+  }
+
+  /// The address with all bits behind the first `len` cleared; unchanged with a length of its family
+  /// or more.
+  constexpr IpGenAddr maskedByLength(Kiv::U64 len) const noexcept {
+    IpGenAddr masked = *this;
+    masked.storage_ = storage_.maskedByLength(len);
+    return masked;
+  }
+  /// 32 for `ipv4`, 128 for `ipv6`, 0 for `ipunknown`, which has one address.
+  constexpr unsigned bits() const noexcept { return isV4() ? 32 : isV6() ? 128 : 0; }
+  constexpr U128 number() const noexcept { return isV4() ? v4Addr().number() : storage_.number(); }
+  /// Another address of the family.
+  constexpr IpGenAddr withNumber(const U128& number) const noexcept {
+    if (isV4()) return IpAddr::withNumber(number);
+    if (isV6()) return Ip6Addr::withNumber(number);
+    return *this;
   }
 
   /// The `ipv4` address in an IPv4-mapped `ipv6` one (::ffff:0:0/96); `ipunknown` for any other address.
@@ -116,9 +136,35 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr> {
   constexpr bool isV6LinkLocal() const noexcept { return isV6() && storage_.isLinkLocal(); }
 
   /// An IPv6 address when its first colon is before its first full stop, else an IPv4 address.
-  static Kiv::ParseError parse(std::string_view& text, IpGenAddr& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpGenAddr& out) noexcept {
+    const auto read = [&](auto address) {
+      const Kiv::ParseError error = decltype(address)::parse(text, address);
+      if (!error) out = address;
+      return error;
+    };
+    switch (detail::familyOfText(text)) {
+      case AddressFamily::ipv4:
+        return read(IpAddr());
+      case AddressFamily::ipv6:
+        return read(Ip6Addr());
+      case AddressFamily::ipunknown:
+        break;
+    }
+    return kTrailingText;
+  }
   /// Finds no reason for a refusal, which takes as long as several addresses.
-  static std::optional<IpGenAddr> fromText(std::string_view text) noexcept;
+  static constexpr std::optional<IpGenAddr> fromText(std::string_view text) noexcept {
+    switch (detail::familyOfText(text)) {
+      case AddressFamily::ipv4:
+        return IpAddr::fromText(text);
+      case AddressFamily::ipv6:
+        return Ip6Addr::fromText(text);
+      case AddressFamily::ipunknown:
+        break;
+    }
+    return std::nullopt;
+  }
+  static std::optional<IpGenAddr> fromText(std::nullptr_t) = delete;
   /// The text of the family; :: for `ipunknown`.
   unsigned writeText(char* out) const noexcept;
 
@@ -146,5 +192,8 @@ KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddr& value);
 
 template <>
 struct std::hash<Wirl::IpGenAddr> {
-  std::size_t operator()(const Wirl::IpGenAddr& value) const noexcept { return value.hash(); }
+  std::size_t operator()(const Wirl::IpGenAddr& value) const noexcept {
+    return Wirl::detail::stdHash(value.storage().number().high(),
+                                 value.storage().number().low() + static_cast<Kiv::U32>(value.af()));
+  }
 };

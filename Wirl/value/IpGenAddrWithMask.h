@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -13,7 +14,9 @@
 #include "Wirl/value/Ip6AddrWithMask.h"
 #include "Wirl/value/IpAddrWithMask.h"
 #include "Wirl/value/IpGenAddr.h"
+#include "Wirl/value/IpGenPrefix.h"
 #include "Wirl/value/detail/GenTextForms.h"
+#include "Wirl/value/detail/PrefixLength.h"
 
 namespace Wirl {
 
@@ -38,7 +41,8 @@ class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask>
   constexpr IpGenAddrWithMask(const Ip6AddrWithMask& value)
       : IpGenAddrWithMask(value.address(), value.len()) {}
   /// From text as 10.1.2.3/24 or 2001:db8::1/64; throws `Kiv::RangeException`.
-  explicit IpGenAddrWithMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpGenAddrWithMask(std::string_view text) { stringValueIs(text); }
+  explicit IpGenAddrWithMask(std::nullptr_t) = delete;
 
   constexpr AddressFamily af() const noexcept { return address_.af(); }
   constexpr const IpGenAddr& ipGenAddr() const noexcept { return address_; }
@@ -47,8 +51,26 @@ class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask>
   constexpr Ip6Addr v6Addr() const noexcept { return address_.v6Addr(); }
   constexpr Kiv::U32 len() const noexcept { return len_; }
 
+  /// The network that the address is in.
+  constexpr IpGenPrefix subnet() const { return IpGenPrefix(address_.maskedByLength(len_), len_); }
+  /// Whether the address is of the same family and network.
+  constexpr bool contains(const IpGenAddr& address) const noexcept {
+    return address.af() == af() && address_.longestCommonPrefix(address) >= len_;
+  }
+
   /// An address, a slash, the length in decimal.
-  static Kiv::ParseError parse(std::string_view& text, IpGenAddrWithMask& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpGenAddrWithMask& out) noexcept {
+    std::string_view rest = text;
+    IpGenAddr address;
+    Kiv::U64 len = 0;
+    if (const Kiv::ParseError error = IpGenAddr::parse(rest, address)) return error;
+    if (const Kiv::ParseError error = detail::takePrefixLength(rest, len)) return error;
+    if (const Kiv::ParseError error = checkLen(address, len)) return error;
+    out.address_ = address;
+    out.len_ = static_cast<Kiv::U32>(len);
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return hash(0); }
@@ -67,6 +89,26 @@ class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask>
   IpGenAddr address_;
   Kiv::U32 len_ = 0;
 };
+
+namespace detail {
+
+/// What the parts of a text are refused with.
+struct MaskRefusals {
+  Kiv::ParseError address;
+  Kiv::ParseError mask;
+  Kiv::ParseError noLength;  // neither a mask nor a number
+  Kiv::ParseError badLength;
+};
+
+/// Whether a colon or full stop is in front of the text, or behind hexadecimal digits there.
+constexpr bool startsAsAddress(std::string_view text) noexcept {
+  for (const char c : text) {
+    if (hexValue(c) == kNoDigit) return c == ':' || c == '.';
+  }
+  return false;
+}
+
+}  // namespace detail
 
 /// An IPv4 or an IPv6 address with a mask of any bit pattern. Default `ipunknown`, mask and all.
 class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithFullMask> {
@@ -88,11 +130,21 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
         detail::throwRange(kOutOfRange);
     }
     /// From its decimal number; throws `Kiv::RangeException`.
-    explicit PrefixLen(std::string_view text) { stringValueIs(text); }
+    constexpr explicit PrefixLen(std::string_view text) { stringValueIs(text); }
+    explicit PrefixLen(std::nullptr_t) = delete;
 
     constexpr Kiv::S32 value() const noexcept { return value_; }
 
-    static Kiv::ParseError parse(std::string_view& text, PrefixLen& out) noexcept;
+    static constexpr Kiv::ParseError parse(std::string_view& text, PrefixLen& out) noexcept {
+      std::string_view rest = text;
+      const bool negative = Kiv::takeLiteral(rest, "-");
+      Kiv::U64 value = 0;
+      if (!Kiv::takeDecimal(rest, max, value)) return kTrailingText;
+      if (value > (negative ? 1 : max)) return kOutOfRange;
+      out.value_ = negative ? -static_cast<Kiv::S32>(value) : static_cast<Kiv::S32>(value);
+      text = rest;
+      return nullptr;
+    }
     unsigned writeText(char* out) const noexcept;
 
     constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(static_cast<Kiv::U32>(value_)); }
@@ -131,7 +183,8 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   constexpr IpGenAddrWithFullMask(const Ip6Addr& address, Kiv::U64 len)
       : address_(address), mask_(v6Mask(len)) {}
   /// From any text form that `parse` reads; throws `Kiv::RangeException`.
-  explicit IpGenAddrWithFullMask(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpGenAddrWithFullMask(std::string_view text) { stringValueIs(text); }
+  explicit IpGenAddrWithFullMask(std::nullptr_t) = delete;
 
   constexpr AddressFamily af() const noexcept { return address_.af(); }
   constexpr const IpGenAddr& address() const noexcept { return address_; }
@@ -147,7 +200,21 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
 
   /// An address, a slash, and the mask: an address of the family where a colon or full stop follows its first
   /// digits, else a length in decimal.
-  static Kiv::ParseError parse(std::string_view& text, IpGenAddrWithFullMask& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpGenAddrWithFullMask& out) noexcept {
+    constexpr detail::MaskRefusals kV4 = {"Invalid IPv4 address", "Invalid IPv4 mask", "Invalid IPv4 prefix",
+                                          "Invalid IPv4 prefix length"};
+    constexpr detail::MaskRefusals kV6 = {"Invalid IPv6 address", "Invalid IPv6 mask", "Invalid IPv6 prefix",
+                                          "Invalid IPv6 prefix"};
+    switch (detail::familyOfText(text)) {
+      case AddressFamily::ipv4:
+        return takeMasked<IpAddr>(text, kV4, 32, out);
+      case AddressFamily::ipv6:
+        return takeMasked<Ip6Addr>(text, kV6, 128, out);
+      case AddressFamily::ipunknown:
+        break;
+    }
+    return kTrailingText;
+  }
   /// With a length where `hasPrefixRepr()`, else with the mask as an address.
   unsigned writeText(char* out) const noexcept;
 
@@ -161,6 +228,26 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
                                     const IpGenAddrWithFullMask&) noexcept = default;
 
  private:
+  template <typename Address>
+  static constexpr Kiv::ParseError takeMasked(std::string_view& text, const detail::MaskRefusals& refusals,
+                                              unsigned maxLen, IpGenAddrWithFullMask& out) noexcept {
+    std::string_view rest = text;
+    Address address;
+    if (Address::parse(rest, address)) return refusals.address;
+    if (!Kiv::takeLiteral(rest, "/") || rest.empty()) return detail::kLenExpected;
+    if (detail::startsAsAddress(rest)) {
+      Address mask;
+      if (Address::parse(rest, mask)) return refusals.mask;
+      out = IpGenAddrWithFullMask(address, mask);
+    } else {
+      Kiv::U64 len = 0;
+      if (!Kiv::takeDecimal(rest, maxLen, len)) return refusals.noLength;
+      if (len > maxLen) return refusals.badLength;
+      out = IpGenAddrWithFullMask(address, static_cast<unsigned>(len));
+    }
+    text = rest;
+    return nullptr;
+  }
   static constexpr IpAddr v4Mask(Kiv::U64 len) {
     if (len > 32) [[unlikely]]
       detail::throwRange("Invalid IPv4 prefix length");
@@ -204,7 +291,11 @@ struct std::hash<Wirl::IpGenAddrWithFullMask::PrefixLen> {
 };
 template <>
 struct std::hash<Wirl::IpGenAddrWithMask> {
-  std::size_t operator()(const Wirl::IpGenAddrWithMask& value) const noexcept { return value.hash(); }
+  std::size_t operator()(const Wirl::IpGenAddrWithMask& value) const noexcept {
+    const Wirl::U128 number = value.ipGenAddr().storage().number();
+    return Wirl::detail::stdHash(
+        number.high(), number.low() + (Kiv::U64{value.len()} << 32 | static_cast<Kiv::U32>(value.af())));
+  }
 };
 template <>
 struct std::hash<Wirl::IpGenAddrWithFullMask> {

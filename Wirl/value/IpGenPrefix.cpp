@@ -5,24 +5,6 @@
 
 namespace Wirl {
 
-Kiv::ParseError IpGenPrefixBase::parse(std::string_view& text, IpGenPrefixBase& out) noexcept {
-  const auto read = [&](auto prefix) {
-    Kiv::ParseError error = decltype(prefix)::parse(text, prefix);
-    if (error == detail::kIp6LenExpected) error = detail::kLenExpected;
-    if (!error) out = IpGenPrefixBase(prefix.address(), prefix.len());
-    return error;
-  };
-  switch (detail::familyOfText(text)) {
-    case AddressFamily::ipv4:
-      return read(Prefix());
-    case AddressFamily::ipv6:
-      return read(Ip6Prefix());
-    case AddressFamily::ipunknown:
-      break;
-  }
-  return IpGenPrefix::kTrailingText;
-}
-
 unsigned IpGenPrefixBase::writeText(char* out) const noexcept {
   const unsigned length = address_.writeText(out);
   return length + detail::writeNumber('/', len_, out + length);

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -13,6 +14,7 @@
 #include "Wirl/value/IpGenAddr.h"
 #include "Wirl/value/Prefix.h"
 #include "Wirl/value/detail/GenTextForms.h"
+#include "Wirl/value/detail/PrefixLength.h"
 
 namespace Wirl {
 
@@ -61,7 +63,23 @@ class KIV_API IpGenPrefixBase : public detail::GenPrintForms<IpGenPrefixBase> {
   constexpr IpGenPrefixBase() noexcept = default;
   constexpr IpGenPrefixBase(const IpGenAddr& address, Kiv::U32 len) noexcept : address_(address), len_(len) {}
 
-  static Kiv::ParseError parse(std::string_view& text, IpGenPrefixBase& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpGenPrefixBase& out) noexcept {
+    const auto read = [&](auto prefix) {
+      Kiv::ParseError error = decltype(prefix)::parse(text, prefix);
+      if (error == detail::kIp6LenExpected) error = detail::kLenExpected;
+      if (!error) out = IpGenPrefixBase(prefix.address(), prefix.len());
+      return error;
+    };
+    switch (detail::familyOfText(text)) {
+      case AddressFamily::ipv4:
+        return read(Prefix());
+      case AddressFamily::ipv6:
+        return read(Ip6Prefix());
+      case AddressFamily::ipunknown:
+        break;
+    }
+    return "Invalid prefix";
+  }
 
  private:
   IpGenAddr address_;
@@ -69,7 +87,9 @@ class KIV_API IpGenPrefixBase : public detail::GenPrintForms<IpGenPrefixBase> {
 };
 
 /// An IPv4 or an IPv6 prefix, tagged by its family. Default `ipunknown` with length 0.
-class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::ReadForms<IpGenPrefix> {
+class KIV_API IpGenPrefix : public IpGenPrefixBase,
+                            public detail::ReadForms<IpGenPrefix>,
+                            public detail::PrefixReckoning<IpGenPrefix, IpGenAddr> {
  public:
   using IpGenPrefixBase::kTextMax;
   static constexpr Kiv::ParseError kTrailingText = "Invalid prefix";
@@ -95,7 +115,21 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::ReadForms<IpG
   constexpr IpGenPrefix(AddressFamily af, Kiv::U64 len, const std::array<Kiv::U32, 4>& words)
       : IpGenPrefix(addressOfWords(af, words), len) {}
   /// From text as 10.1.0.0/16 or 2001:db8::/32; throws `Kiv::RangeException`.
-  explicit IpGenPrefix(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpGenPrefix(std::string_view text) { stringValueIs(text); }
+  explicit IpGenPrefix(std::nullptr_t) = delete;
+
+  constexpr const IpGenAddr& baseAddress() const noexcept { return ipGenAddr(); }
+  using IpGenPrefixBase::contains;
+  using detail::PrefixReckoning<IpGenPrefix, IpGenAddr>::contains;
+  /// Whether the family is known, has the length, and no bit behind the length is set.
+  constexpr bool validAsPrefix() const noexcept {
+    return af() != AddressFamily::ipunknown && hasLength() &&
+           ipGenAddr().maskedByLength(len()) == ipGenAddr();
+  }
+  /// Whether one contains the other.
+  constexpr bool overlaps(const IpGenPrefix& other) const noexcept {
+    return contains(other) || other.contains(*this);
+  }
 
   /// The prefix of a family, or 0.0.0.0/0 and ::/0 when the family is another one.
   constexpr Prefix v4Prefix() const {
@@ -106,7 +140,7 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase, public detail::ReadForms<IpG
   }
 
   /// What `Prefix` or `Ip6Prefix` reads, by the family of the address: host bits are refused in IPv4 only.
-  static Kiv::ParseError parse(std::string_view& text, IpGenPrefix& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpGenPrefix& out) noexcept {
     return IpGenPrefixBase::parse(text, out);
   }
 
@@ -140,5 +174,9 @@ struct std::hash<Wirl::IpGenPrefixBase> {
 };
 template <>
 struct std::hash<Wirl::IpGenPrefix> {
-  std::size_t operator()(const Wirl::IpGenPrefix& value) const noexcept { return value.hash(); }
+  std::size_t operator()(const Wirl::IpGenPrefix& value) const noexcept {
+    const Wirl::U128 number = value.ipGenAddr().storage().number();
+    return Wirl::detail::stdHash(
+        number.high(), number.low() + (Kiv::U64{value.len()} << 32 | static_cast<Kiv::U32>(value.af())));
+  }
 };

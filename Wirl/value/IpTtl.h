@@ -4,6 +4,7 @@
 #include <charconv>
 #include <compare>
 #include <concepts>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -30,11 +31,12 @@ class KIV_API IpTtl : public detail::TextForms<IpTtl> {
   constexpr IpTtl(T value) : value_(static_cast<Kiv::U8>(value)) {
     if (!std::in_range<Kiv::U8>(value)) detail::throwRange(kTooLarge);
   }
-  explicit IpTtl(std::string_view text) { stringValueIs(text); }
+  constexpr explicit IpTtl(std::string_view text) { stringValueIs(text); }
+  explicit IpTtl(std::nullptr_t) = delete;
 
   constexpr Kiv::U8 value() const noexcept { return value_; }
 
-  static Kiv::ParseError parse(std::string_view& text, IpTtl& out) noexcept {
+  static constexpr Kiv::ParseError parse(std::string_view& text, IpTtl& out) noexcept {
     Kiv::U64 value = 0;
     std::string_view rest = text;
     if (!Kiv::takeDecimal(rest, 255, value)) return kTrailingText;

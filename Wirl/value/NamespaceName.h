@@ -2,6 +2,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -21,6 +22,7 @@ class KIV_API NamespaceName : public detail::BoundedName<NamespaceName> {
   NamespaceName() noexcept = default;
   /// Throws `Kiv::RangeException` when the text is too long.
   explicit NamespaceName(std::string_view text) { stringValueIs(text); }
+  explicit NamespaceName(std::nullptr_t) = delete;
 };
 
 }  // namespace Wirl

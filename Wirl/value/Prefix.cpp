@@ -5,20 +5,6 @@
 
 namespace Wirl {
 
-Kiv::ParseError Prefix::parse(std::string_view& text, Prefix& out) noexcept {
-  std::string_view rest = text;
-  IpAddr address;
-  Kiv::U64 len = 0;
-  if (const Kiv::ParseError error = IpAddr::parse(rest, address)) return error;
-  if (const Kiv::ParseError error = detail::takePrefixLength(rest, len)) return error;
-  // The marker of no length is no length that a text may name.
-  if (len > 32 || !validAsPrefix(address, static_cast<Kiv::U32>(len))) return kTrailingText;
-  out.address_ = address;
-  out.len_ = static_cast<Kiv::U32>(len);
-  text = rest;
-  return nullptr;
-}
-
 unsigned Prefix::writeText(char* out) const noexcept {
   const unsigned length = address_.writeText(out);
   return length + detail::writeNumber('/', len_, out + length);

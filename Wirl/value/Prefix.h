@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <compare>
+#include <cstddef>
 #include <functional>
 #include <string_view>
 #include <type_traits>
@@ -10,6 +11,8 @@
 #include "Kiv/Hash.h"
 #include "Kiv/NboAttrLog.h"
 #include "Wirl/value/IpAddr.h"
+#include "Wirl/value/detail/PrefixLength.h"
+#include "Wirl/value/detail/Reckoning.h"
 #include "Wirl/value/detail/TextForms.h"
 
 namespace Wirl {
@@ -19,7 +22,7 @@ namespace Wirl {
 ///
 /// Ordered by address over the length that two prefixes have in common; where one covers the other, the
 /// longer sorts first.
-class KIV_API Prefix : public detail::TextForms<Prefix> {
+class KIV_API Prefix : public detail::TextForms<Prefix>, public detail::PrefixReckoning<Prefix, IpAddr> {
  public:
   /// The marker of a prefix without length. Text never gives it, though it prints as a number.
   static constexpr Kiv::U32 kNoLen = 0xffff'ffff;
@@ -34,7 +37,8 @@ class KIV_API Prefix : public detail::TextForms<Prefix> {
       detail::throwRange("Prefix::validAsPrefix != true not allowed");
   }
   /// From text as 10.1.0.0/16; throws `Kiv::RangeException`.
-  explicit Prefix(std::string_view text) { stringValueIs(text); }
+  constexpr explicit Prefix(std::string_view text) { stringValueIs(text); }
+  explicit Prefix(std::nullptr_t) = delete;
 
   constexpr IpAddr address() const noexcept { return address_; }
   constexpr Kiv::U32 len() const noexcept { return len_; }
@@ -47,6 +51,8 @@ class KIV_API Prefix : public detail::TextForms<Prefix> {
 
   constexpr bool isUnicast() const noexcept { return address_.isUnicast(); }
   constexpr bool isHost() const noexcept { return len_ == 32; }
+  constexpr IpAddr baseAddress() const noexcept { return address_; }
+  using detail::PrefixReckoning<Prefix, IpAddr>::contains;
   /// False without a length.
   constexpr bool contains(IpAddr address) const noexcept {
     return len_ <= 32 && address.maskedByLength(len_) == address_;
@@ -65,7 +71,19 @@ class KIV_API Prefix : public detail::TextForms<Prefix> {
   }
 
   /// An address, a slash, the length in decimal.
-  static Kiv::ParseError parse(std::string_view& text, Prefix& out) noexcept;
+  static constexpr Kiv::ParseError parse(std::string_view& text, Prefix& out) noexcept {
+    std::string_view rest = text;
+    IpAddr address;
+    Kiv::U64 len = 0;
+    if (const Kiv::ParseError error = IpAddr::parse(rest, address)) return error;
+    if (const Kiv::ParseError error = detail::takePrefixLength(rest, len)) return error;
+    // The marker of no length is no length that a text may name.
+    if (len > 32 || !validAsPrefix(address, static_cast<Kiv::U32>(len))) return kTrailingText;
+    out.address_ = address;
+    out.len_ = static_cast<Kiv::U32>(len);
+    text = rest;
+    return nullptr;
+  }
   unsigned writeText(char* out) const noexcept;
 
   constexpr Kiv::U32 hash() const noexcept { return hash(0); }

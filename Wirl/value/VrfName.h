@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
+
 #include "Wirl/value/NamespaceName.h"
 
 namespace L3 {
@@ -17,6 +19,7 @@ class KIV_API VrfName : public Wirl::detail::BoundedName<VrfName> {
   VrfName() noexcept = default;
   /// Throws `Kiv::RangeException` when the text is too long.
   explicit VrfName(std::string_view text) { stringValueIs(text); }
+  explicit VrfName(std::nullptr_t) = delete;
 
   static VrfName defaultVrf() { return VrfName("default"); }
   static VrfName allVrfs() { return VrfName("all"); }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -19,25 +20,30 @@ namespace Wirl::detail {
 template <typename T>
 class BoundedName {
  public:
+  static constexpr bool kIsWirlValue = true;
   static constexpr bool kQuotedText = true;  // in a text representation
   const Kiv::String& value() const noexcept { return value_; }
   const Kiv::String& stringValue() const noexcept { return value_; }
   explicit operator bool() const noexcept { return !value_.empty(); }
 
+  // A long name is kept on the heap: reading one may throw `std::bad_alloc`, and changes nothing then.
+
   /// The name that the text is, or nothing when it is too long.
-  static std::optional<T> fromText(std::string_view text) noexcept {
+  static std::optional<T> fromText(std::string_view text) {
     if (text.size() > T::maxLength) return std::nullopt;
     std::optional<T> name(std::in_place);
     name->value_ = text;
     return name;
   }
+  static std::optional<T> fromText(std::nullptr_t) = delete;
   /// Throws `Kiv::RangeException`, and changes nothing, when the text is too long.
   void stringValueIs(std::string_view text) {
     if (text.size() > T::maxLength) throwRange(T::kTooLong);
     value_ = text;
   }
+  void stringValueIs(std::nullptr_t) = delete;
   /// Reads a name in the quotes that it has inside a text representation.
-  static Kiv::ParseError parse(std::string_view& text, T& out) noexcept {
+  static Kiv::ParseError parse(std::string_view& text, T& out) {
     std::string_view rest = text;
     Kiv::String name;
     if (const Kiv::ParseError error = Kiv::detail::parseQuoted(rest, name)) return error;

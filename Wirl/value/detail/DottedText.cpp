@@ -36,27 +36,6 @@ constexpr Taken kNone{0, 0};
 
 }  // namespace
 
-Taken takeDottedLoop(std::string_view text) noexcept {
-  const char* at = text.data();
-  const char* const end = at + text.size();
-  U32 octets = 0;
-  for (unsigned i = 0; i < 4; ++i) {
-    if (i > 0) {
-      if (at == end || *at != '.') return kNone;
-      ++at;
-    }
-    U32 octet = 0;
-    const char* const start = at;
-    for (; at != end && static_cast<U8>(*at - '0') <= 9; ++at) {
-      octet = octet * 10 + static_cast<U32>(*at - '0');
-      if (octet > 255) return kNone;
-    }
-    if (at == start) return kNone;
-    octets |= octet << 8 * i;
-  }
-  return {octets, static_cast<std::size_t>(at - text.data())};
-}
-
 [[gnu::noinline]] Taken takeDottedPlainly(std::string_view text, Extent extent) noexcept {
   return takeDottedLoop(text).within(text.size(), extent);
 }

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "Kiv/Types.h"
+#include "Wirl/value/detail/PlainText.h"
 #include "Wirl/value/detail/Simd.h"
 #include "Wirl/value/detail/Taken.h"
 
@@ -15,8 +16,7 @@ using DottedOctets = std::array<Kiv::U8, 4>;
 
 // Reading dotted decimal from the front of a text, each function in its own way.
 
-Taken takeDottedLoop(std::string_view text) noexcept;
-/// The same, apart so that what calls it last keeps no registers for it.
+/// By the plain loop; apart so that what calls it last keeps no registers for it.
 Taken takeDottedPlainly(std::string_view text, Extent extent) noexcept;
 #if WIRL_HAS_SSSE3
 /// All of a text, or nothing.

@@ -14,31 +14,19 @@ using Kiv::U64;
 using Kiv::U8;
 
 constexpr Taken kNone{0, 0};
-constexpr U8 kNoDigit = 0xff;
 
-/// What each character counts as a hexadecimal digit, and each octet's two digits, the first least
-/// significant.
+/// Each octet's two digits, the first least significant.
 struct HexTexts {
-  std::array<U8, 256> value{};
   std::array<Kiv::U16, 256> text{};
 
   constexpr HexTexts() {
     constexpr char kDigits[] = "0123456789abcdef";
-    value.fill(kNoDigit);
-    for (U8 digit = 0; digit < 16; ++digit) {
-      value[static_cast<U8>(kDigits[digit])] = digit;
-      if (digit > 9) value[static_cast<U8>(kDigits[digit] - 'a' + 'A')] = digit;
-    }
     for (unsigned octet = 0; octet < 256; ++octet) {
       text[octet] = static_cast<Kiv::U16>(kDigits[octet >> 4] | kDigits[octet & 15] << 8);
     }
   }
 };
 constexpr HexTexts kHex;
-
-constexpr U8 hexValue(char c) noexcept {
-  return kHex.value[static_cast<U8>(c)];
-}
 
 /// Three octets as they are printed, without a separator behind them: eight characters.
 U64 threeOctets(const U8* octets) noexcept {
@@ -47,35 +35,6 @@ U64 threeOctets(const U8* octets) noexcept {
 }
 
 }  // namespace
-
-Taken takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept {
-  const char* at = text.data();
-  const char* const end = at + text.size();
-  U64 taken = 0;
-  char separator = '\0';
-  for (unsigned count = 0;;) {
-    if (at == end || hexValue(*at) == kNoDigit) return kNone;
-    U32 group = 0;
-    for (U8 digit; at != end && (digit = hexValue(*at)) != kNoDigit; ++at) {
-      group = group << 4 | digit;
-      if (group > 0xffff) return kNone;
-    }
-    if (count == 0) {
-      if (at == end) return kNone;
-      separator = *at;
-      if (separator != ':' && separator != '-' && separator != '.') return kNone;
-    }
-    if (separator == '.') {
-      taken |= U64{group >> 8} << 8 * count++;
-    } else if (group > 0xff) {
-      return kNone;
-    }
-    taken |= U64{group & 0xff} << 8 * count++;
-    if (count == octets) return {taken, static_cast<std::size_t>(at - text.data())};
-    if (at == end || *at != separator) return kNone;
-    ++at;
-  }
-}
 
 [[gnu::noinline]] Taken takeHexGroupsPlainly(std::string_view text) noexcept {
   return takeHexGroupsLoop(text, 6).within(text.size(), Extent::whole);

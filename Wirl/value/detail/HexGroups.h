@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "Kiv/Types.h"
+#include "Wirl/value/detail/PlainText.h"
 #include "Wirl/value/detail/Simd.h"
 #include "Wirl/value/detail/Taken.h"
 
@@ -17,9 +18,7 @@ using EuiOctets = std::array<Kiv::U8, 8>;
 // Reading octets from the front of a text: groups of hexadecimal digits, all joined by colons or all by
 // hyphens (an octet each) or all by full stops (two octets each).
 
-/// Six or eight octets.
-Taken takeHexGroupsLoop(std::string_view text, unsigned octets) noexcept;
-/// Six octets that are all of a text, by that loop; apart so that what calls it last keeps no registers for it.
+/// Six octets that are all of a text, by the plain loop; apart so that what calls it last keeps no registers for it.
 Taken takeHexGroupsPlainly(std::string_view text) noexcept;
 #if WIRL_HAS_SSSE3
 /// Six octets that are all of a text.

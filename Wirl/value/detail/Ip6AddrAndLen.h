@@ -16,15 +16,38 @@ namespace Wirl::detail {
 inline constexpr char kIp6LenExpected[] = "Ip6AddrWithMask: prefix size expected";
 
 /// Reads an address, a slash and a length of at most 128.
-KIV_API Kiv::ParseError takeIp6AddrAndLen(std::string_view& text, Ip6Addr& address, Kiv::U32& len) noexcept;
+constexpr Kiv::ParseError takeIp6AddrAndLen(std::string_view& text, Ip6Addr& address,
+                                            Kiv::U32& len) noexcept {
+  std::string_view rest = text;
+  Ip6Addr parsed;
+  Kiv::U64 parsedLen = 0;
+  if (const Kiv::ParseError error = Ip6Addr::parse(rest, parsed)) return error;
+  if (!Kiv::takeLiteral(rest, "/") || !Kiv::takeDecimal(rest, 128, parsedLen)) {
+    return kIp6LenExpected;
+  }
+  if (parsedLen > 128) return "Ip6AddrWithMask: prefix too long";
+  address = parsed;
+  len = static_cast<Kiv::U32>(parsedLen);
+  text = rest;
+  return nullptr;
+}
+/// Reads a run of digits of at most 128 that no other character of an address follows.
+constexpr bool takeIp6MaskLength(std::string_view& text, Kiv::U64& len) noexcept {
+  std::string_view rest = text;
+  if (!Kiv::takeDecimal(rest, 128, len) || len > 128) return false;
+  if (rest.substr(0, 1).find_first_of("abcdefABCDEF:.") != rest.npos) return false;
+  text = rest;
+  return true;
+}
 KIV_API unsigned writeIp6AddrAndLen(const Ip6Addr& address, Kiv::U32 len, char* out) noexcept;
 KIV_API void logIp6AddrAndLen(Kiv::NboAttrLog& log, const Ip6Addr& address, Kiv::U32 len);
 KIV_API void readIp6AddrAndLen(Kiv::NboAttrLog& log, Ip6Addr& address, Kiv::U32& len);
 
 /// What `Ip6Prefix` and `Ip6AddrWithMask` have in common: an address and a length, neither of them checked.
 ///
-/// Where one covers the other, the one with the longer length sorts first; others sort by address. A length
-/// above 128 covers nothing, and of two with one address the shorter length, as a signed number, sorts first.
+/// Ordered by the last address covered; of those that end together, the longer length sorts first, then the lower
+/// address. So where one covers the other, the longer length sorts first, and others sort by address. A length
+/// above 128 covers the address alone.
 template <typename T>
 class Ip6AddrAndLen : public Ip6TextForms<T> {
  public:
@@ -60,13 +83,9 @@ class Ip6AddrAndLen : public Ip6TextForms<T> {
     return a.address() == b.address() && a.len() == b.len();
   }
   friend constexpr std::strong_ordering operator<=>(const T& a, const T& b) noexcept {
-    if (a.len() == b.len()) return a.address() <=> b.address();
-    const bool aIsShorter = static_cast<Kiv::S32>(a.len()) < static_cast<Kiv::S32>(b.len());
-    if (aIsShorter ? a.contains(b.address()) : b.contains(a.address())) {
-      return aIsShorter ? std::strong_ordering::greater : std::strong_ordering::less;
-    }
-    if (a.address() != b.address()) return a.address() <=> b.address();
-    return aIsShorter ? std::strong_ordering::less : std::strong_ordering::greater;
+    if (const auto order = lastOf(a) <=> lastOf(b); order != 0) return order;
+    if (a.len() != b.len()) return b.len() <=> a.len();
+    return a.address() <=> b.address();
   }
 
   friend Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const T& value) {
@@ -79,6 +98,11 @@ class Ip6AddrAndLen : public Ip6TextForms<T> {
     readIp6AddrAndLen(log, address, len);
     value = T(address, len);
     return log;
+  }
+
+ private:
+  static constexpr Ip6Addr lastOf(const T& value) noexcept {
+    return value.address() | ~Ip6Addr::maskOfLength(std::min(value.len(), 128u));
   }
 
  protected:

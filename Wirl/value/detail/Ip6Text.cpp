@@ -13,32 +13,9 @@ using Kiv::U8;
 
 namespace {
 
-enum : U8 { kForeign = 0, kColon = 1, kDot = 2, kHexDigit = 4 };
-
-constexpr auto kKinds = [] {
-  std::array<U8, 256> kinds{};
-  for (const char c : std::string_view("0123456789abcdefABCDEF")) kinds[static_cast<U8>(c)] = kHexDigit;
-  kinds[':'] = kColon;
-  kinds['.'] = kDot;
-  return kinds;
-}();
-
 constexpr char kDigits[] = "0123456789abcdef";
 
 }  // namespace
-
-Ip6Outline ip6OutlineLoop(std::string_view text) noexcept {
-  Ip6Outline outline;
-  const std::size_t size = std::min(text.size(), kIp6Scanned);
-  U64 bit = 1;
-  for (; outline.length < size; ++outline.length, bit <<= 1) {
-    const U8 kind = kKinds[static_cast<U8>(text[outline.length])];
-    if (kind == kForeign) break;
-    if (kind == kColon) outline.colons |= bit;
-    if (kind == kDot) outline.dots |= bit;
-  }
-  return outline;
-}
 
 Ip6Hex ip6HexLoop(const std::array<U8, 16>& octets) noexcept {
   Ip6Hex hex{{}, 0x8888'8888, 0xff};

@@ -6,22 +6,12 @@
 #include <string_view>
 
 #include "Kiv/Types.h"
+#include "Wirl/value/detail/Ip6Grammar.h"
 #include "Wirl/value/detail/Simd.h"
 
 namespace Wirl::detail {
 
-/// The characters at the front of a text that can belong to an IPv6 address: hexadecimal digits, colons and
-/// full stops, 45 at most. Bit i stands for character i.
-struct Ip6Outline {
-  unsigned length = 0;
-  Kiv::U64 colons = 0;
-  Kiv::U64 dots = 0;
-};
-
-constexpr std::size_t kIp6Scanned = 45;  // the longest address
-
-/// Of a text of at least four characters, each in its own way.
-Ip6Outline ip6OutlineLoop(std::string_view text) noexcept;
+/// Of a text of at least four characters.
 #if WIRL_HAS_SSSE3
 WIRL_SSSE3 Ip6Outline ip6OutlineSsse3(const char* text, std::size_t size) noexcept;
 #endif

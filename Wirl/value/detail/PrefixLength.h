@@ -10,7 +10,7 @@
 namespace Wirl::detail {
 
 /// Reads a slash and a decimal length from the front of `text`; a length above 2^32 - 1 gives 2^32.
-inline Kiv::ParseError takePrefixLength(std::string_view& text, Kiv::U64& len) noexcept {
+constexpr Kiv::ParseError takePrefixLength(std::string_view& text, Kiv::U64& len) noexcept {
   std::string_view rest = text;
   if (!Kiv::takeLiteral(rest, "/") || !Kiv::takeDecimal(rest, 0xffff'ffff, len)) {
     return "premature end of Prefix type";

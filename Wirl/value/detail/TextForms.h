@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <ostream>
 #include <string_view>
@@ -23,6 +24,8 @@ KIV_API unsigned printTruncated(std::string_view text, char* buffer, unsigned si
 template <typename T>
 class PrintForms {
  public:
+  static constexpr bool kIsWirlValue = true;
+
   /// The canonical text.
   Kiv::String stringValue() const {
     char text[T::kTextMax + 1];
@@ -63,29 +66,33 @@ template <typename T>
 class ReadForms {
  public:
   /// The value that the whole of `text` stands for, or nothing.
-  static std::optional<T> fromText(std::string_view text) noexcept {
+  static constexpr std::optional<T> fromText(std::string_view text) noexcept {
     T value;
     if (T::parse(text, value) || !text.empty()) [[unlikely]]
       return std::nullopt;
     return value;
   }
-
-  /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
-  /// changes nothing, when there is none.
-  void stringValueIs(std::string_view text) {
+  static std::optional<T> fromText(std::nullptr_t) = delete;
+  /// The same; throws `Kiv::RangeException` with the reason when there is none.
+  static constexpr T read(std::string_view text) {
     T value;
     Kiv::ParseError error = T::parse(text, value);
     if (!error && !text.empty()) error = T::kTrailingText;
     if (error) throwRange(error);
-    static_cast<T&>(*this) = value;
+    return value;
   }
+
+  /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
+  /// changes nothing, when there is none.
+  constexpr void stringValueIs(std::string_view text) { static_cast<T&>(*this) = read(text); }
+  void stringValueIs(std::nullptr_t) = delete;
 
   friend constexpr auto operator<=>(const ReadForms&, const ReadForms&) noexcept = default;
 };
 
 /// What a value type offers as text, made of four members of its own:
 ///
-///     static Kiv::ParseError parse(std::string_view& text, T& out) noexcept;  // from the front; see Kiv
+///     static constexpr Kiv::ParseError parse(std::string_view& text, T& out) noexcept;  // see Kiv
 ///     unsigned writeText(char* out) const noexcept;    // the text and a NUL, no octet more; its length
 ///     static constexpr unsigned kTextMax;              // the longest text, without its NUL
 ///     static constexpr Kiv::ParseError kTrailingText;  // why text behind the value is refused

@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <charconv>
+#include <compare>
+#include <concepts>
+#include <cstddef>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "Kiv/Hash.h"
+#include "Kiv/NboAttrLog.h"
+#include "Wirl/value/detail/StdHash.h"
+#include "Wirl/value/detail/TextForms.h"
+
+namespace Wirl::detail {
+
+/// Writes a number in decimal, without a NUL; returns its end.
+inline char* putDecimal(char* out, Kiv::U32 number) noexcept {
+  return std::to_chars(out, out + 10, number).ptr;
+}
+
+/// Reads a decimal number of at most `max`; false, and nothing consumed, where there is none or a larger one.
+constexpr bool takeNumber(std::string_view& text, Kiv::U64 max, Kiv::U32& out) noexcept {
+  Kiv::U64 value = 0;
+  std::string_view rest = text;
+  if (!Kiv::takeDecimal(rest, max, value) || value > max) return false;
+  out = static_cast<Kiv::U32>(value);
+  text = rest;
+  return true;
+}
+
+/// An identifier that is one number from 0 to `kMax`: everything but its name. Default 0; ordered as a number. The type
+/// has `kTrailingText` and `kTooLarge`, what other texts and larger numbers are refused with. Its text is the decimal
+/// number, unless it has a `parse` and a `writeText` of its own.
+template <typename T, std::unsigned_integral U, U kMax = std::numeric_limits<U>::max()>
+class Number : public TextForms<T> {
+ public:
+  static constexpr U max = kMax;
+  static constexpr unsigned kTextMax = std::numeric_limits<U>::digits10 + 1;
+
+  constexpr Number() noexcept = default;
+  /// A number that is not from 0 to `max` throws `Kiv::RangeException`.
+  template <std::integral N>
+  constexpr explicit Number(N value) : value_(static_cast<U>(value)) {
+    if (std::cmp_less(value, 0) || std::cmp_greater(value, kMax)) throwRange(T::kTooLarge);
+  }
+  /// From text; throws `Kiv::RangeException`.
+  constexpr explicit Number(std::string_view text) : value_(T::read(text).value()) {}
+  explicit Number(std::nullptr_t) = delete;
+
+  constexpr U value() const noexcept { return value_; }
+
+  static constexpr Kiv::ParseError parse(std::string_view& text, T& out) noexcept {
+    Kiv::U64 value = 0;
+    std::string_view rest = text;
+    if (!Kiv::takeDecimal(rest, kMax, value)) return T::kTrailingText;
+    if (value > kMax) return T::kTooLarge;
+    out.value_ = static_cast<U>(value);
+    text = rest;
+    return nullptr;
+  }
+  unsigned writeText(char* out) const noexcept {
+    char* const end = putDecimal(out, value_);
+    *end = '\0';
+    return static_cast<unsigned>(end - out);
+  }
+
+  constexpr Kiv::U32 hash() const noexcept { return Kiv::hashMix(value_); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept { return Kiv::SeededHash(seed).add(value_).value(); }
+  friend constexpr auto operator<=>(const Number&, const Number&) noexcept = default;
+  friend Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const T& number) { return log << number.value(); }
+  /// A number above `max` throws `Kiv::RangeException`.
+  friend Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, T& number) {
+    U value = 0;
+    log >> value;
+    number = T(value);
+    return log;
+  }
+
+ protected:
+  U value_ = 0;
+};
+
+/// An identifier of fixed octets in wire order: what it has beside its text.
+template <typename T, std::size_t kSize>
+class Octets : public TextForms<T> {
+ public:
+  constexpr Octets() noexcept = default;
+  constexpr explicit Octets(const std::array<Kiv::U8, kSize>& octets) noexcept : octets_(octets) {}
+  /// From text; throws `Kiv::RangeException`.
+  constexpr explicit Octets(std::string_view text) : octets_(T::read(text).octets()) {}
+  explicit Octets(std::nullptr_t) = delete;
+
+  /// In wire order.
+  constexpr const std::array<Kiv::U8, kSize>& octets() const noexcept { return octets_; }
+
+  constexpr Kiv::U32 hash() const noexcept { return hash(0); }
+  constexpr Kiv::U32 hash(unsigned seed) const noexcept {
+    Kiv::SeededHash hash(seed);
+    for (const Kiv::U8 octet : octets_) hash.add(octet);
+    return hash.value();
+  }
+  friend constexpr auto operator<=>(const Octets&, const Octets&) noexcept = default;
+  friend Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const T& value) {
+    log.octetsIs(value.octets());
+    return log;
+  }
+  friend Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, T& value) {
+    std::array<Kiv::U8, kSize> octets;
+    log.octets(octets);
+    value = T(octets);
+    return log;
+  }
+
+ protected:
+  std::array<Kiv::U8, kSize> octets_{};
+};
+
+}  // namespace Wirl::detail

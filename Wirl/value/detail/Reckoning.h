@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <compare>
+#include <concepts>
+#include <optional>
+
+#include "Wirl/value/U128.h"
+#include "Wirl/value/ValueRange.h"
+#include "Wirl/value/detail/TextForms.h"
+
+namespace Wirl::detail {
+
+/// Reckoning with addresses, made of three members of each type:
+///
+///     constexpr unsigned bits() const noexcept;                // 32 or 128; 0 for an address without neighbours
+///     constexpr U128 number() const noexcept;                  // the address as a number
+///     constexpr T withNumber(const U128& number) const noexcept;  // another address of the family
+///
+/// No address is behind the last one of a family or in front of its first: where there is none, the named forms
+/// give nothing and the operators throw `Kiv::RangeException`.
+template <typename T>
+class AddressReckoning {
+ public:
+  /// The address `n` behind this one. A negative `n` gives nothing: use `before`.
+  constexpr std::optional<T> after(const U128& n) const noexcept {
+    if (self().bits() == 0 || n > last() - self().number()) return std::nullopt;
+    return self().withNumber(self().number() + n);
+  }
+  /// The address `n` in front of this one.
+  constexpr std::optional<T> before(const U128& n) const noexcept {
+    if (self().bits() == 0 || n > self().number()) return std::nullopt;
+    return self().withNumber(self().number() - n);
+  }
+  constexpr std::optional<T> next() const noexcept { return after(1); }
+  constexpr std::optional<T> previous() const noexcept { return before(1); }
+  /// How many addresses lie between the lower of the two and the other, the other one included. Nothing where the
+  /// families differ.
+  constexpr std::optional<U128> distance(const T& other) const noexcept {
+    if (self().bits() != other.bits() || other.bits() == 0) return std::nullopt;
+    const U128 a = self().number();
+    const U128 b = other.number();
+    return a < b ? b - a : a - b;
+  }
+
+  friend constexpr T operator+(const T& a, const U128& n) { return existing(a.after(n)); }
+  friend constexpr T operator-(const T& a, const U128& n) { return existing(a.before(n)); }
+  template <std::signed_integral N>
+  friend constexpr T operator+(const T& a, N n) {
+    return existing(n < 0 ? a.before(U128() - U128(n)) : a.after(n));
+  }
+  template <std::signed_integral N>
+  friend constexpr T operator-(const T& a, N n) {
+    return existing(n < 0 ? a.after(U128() - U128(n)) : a.before(n));
+  }
+  friend constexpr T& operator++(T& a) { return a = existing(a.next()); }
+  friend constexpr T& operator--(T& a) { return a = existing(a.previous()); }
+
+  friend constexpr auto operator<=>(const AddressReckoning&, const AddressReckoning&) noexcept = default;
+
+ private:
+  constexpr const T& self() const noexcept { return static_cast<const T&>(*this); }
+  constexpr U128 last() const noexcept { return ~U128() >> (128 - self().bits()); }
+  static constexpr T existing(const std::optional<T>& address) {
+    if (!address) throwRange("Address out of range");
+    return *address;
+  }
+};
+
+/// Reckoning with prefixes: of an address without the host bits, and a length. A length that is longer than the
+/// address counts as that of a host here.
+template <typename T, typename Address>
+class PrefixReckoning {
+ public:
+  /// The first and the last address.
+  constexpr Address first() const noexcept { return self().baseAddress().maskedByLength(length()); }
+  constexpr Address last() const noexcept {
+    return first().withNumber(first().number() | ~(~U128() << (first().bits() - length())));
+  }
+  /// How many addresses there are; 2^128 - 1 for ::/0, which has one more.
+  constexpr U128 addressCount() const noexcept {
+    const unsigned open = first().bits() - length();
+    return open == 128 ? ~U128() : U128::powerOfTwo(open);
+  }
+  /// How many of them a host may have: not the first (network, or subnet-router anycast, RFC 4291) and, in IPv4, not
+  /// the last (broadcast). Prefixes of one address or two have as many hosts (RFC 3021, RFC 6164).
+  constexpr U128 hostCount() const noexcept {
+    const unsigned open = first().bits() - length();
+    if (open <= 1) return addressCount();
+    return first().bits() == 32 ? addressCount() - U128(2) : ~U128() >> (128 - open);
+  }
+  /// The address for all hosts of an IPv4 prefix; nothing for IPv6 and where there are no more than two addresses.
+  constexpr std::optional<Address> broadcast() const noexcept {
+    if (first().bits() != 32 || length() > 30) return std::nullopt;
+    return last();
+  }
+  /// All addresses in order.
+  constexpr ValueRange<Address> addresses() const noexcept { return {first(), last()}; }
+  /// All prefixes of a length in this one, in order; itself for its own length. A shorter length, or one that the
+  /// family does not have, throws `Kiv::RangeException`.
+  constexpr ValueRange<T> subnets(unsigned len) const {
+    if (len < length() || len > first().bits()) throwRange("Invalid subnet length");
+    return {T(first(), len), T(last().maskedByLength(len), len)};
+  }
+  /// The prefix of a length that covers this one; nothing for a longer length.
+  constexpr std::optional<T> supernet(unsigned len) const noexcept {
+    if (len > length()) return std::nullopt;
+    return T(first().maskedByLength(len), len);
+  }
+  /// The neighbours of the same length.
+  constexpr std::optional<T> next() const noexcept {
+    const auto address = last().next();
+    return address ? std::optional(T(*address, length())) : std::nullopt;
+  }
+  constexpr std::optional<T> previous() const noexcept {
+    const auto address = first().previous();
+    return address ? std::optional(T(address->maskedByLength(length()), length())) : std::nullopt;
+  }
+  /// Whether all addresses of the other are in this one. Never where one has a length that no address has.
+  constexpr bool contains(const T& other) const noexcept {
+    return hasLength() && other.hasLength() && self().len() <= other.len() &&
+           self().contains(other.baseAddress());
+  }
+
+  friend constexpr auto operator<=>(const PrefixReckoning&, const PrefixReckoning&) noexcept = default;
+
+ protected:
+  constexpr bool hasLength() const noexcept { return self().len() <= self().baseAddress().bits(); }
+
+ private:
+  constexpr const T& self() const noexcept { return static_cast<const T&>(*this); }
+  constexpr unsigned length() const noexcept {
+    const unsigned bits = self().baseAddress().bits();
+    return self().len() < bits ? self().len() : bits;
+  }
+};
+
+}  // namespace Wirl::detail
