@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/value/VrfMap.h"
+
+#include <utility>
+
+namespace L3 {
+
+VrfMap::VrfMap() {
+  insert(VrfName::defaultVrf(), VrfId());
+}
+
+VrfMap::VrfMap(const VrfMap& other) {
+  for (const auto& [name, id] : other) insert(name, id);
+}
+
+VrfMap& VrfMap::operator=(VrfMap other) noexcept {
+  std::swap(ids_, other.ids_);
+  std::swap(names_, other.names_);
+  return *this;
+}
+
+bool VrfMap::insert(const VrfName& name, VrfId id) {
+  if (!name) return false;
+  if (const auto holder = names_.find(id); holder != names_.end()) return holder->second->first == name;
+  const auto [at, isNew] = ids_.emplace(name, id);
+  if (!isNew) return false;
+  try {
+    names_.emplace(id, at);
+  } catch (...) {
+    ids_.erase(at);
+    throw;
+  }
+  return true;
+}
+
+std::optional<VrfId> VrfMap::insert(const VrfName& name) {
+  if (!name) return std::nullopt;
+  if (const auto known = id(name)) return known;
+  Kiv::U32 free = 0;
+  for (const auto& [id, holder] : names_) {
+    if (id.value() != free) break;
+    ++free;
+  }
+  insert(name, VrfId(free));
+  return VrfId(free);
+}
+
+bool VrfMap::erase(const VrfName& name) {
+  const auto at = ids_.find(name);
+  if (at == ids_.end() || name.isDefault()) return false;
+  names_.erase(at->second);
+  ids_.erase(at);
+  return true;
+}
+
+std::optional<VrfId> VrfMap::id(const VrfName& name) const {
+  const auto at = ids_.find(name);
+  return at == ids_.end() ? std::nullopt : std::optional(at->second);
+}
+
+const VrfName* VrfMap::name(VrfId id) const {
+  const auto at = names_.find(id);
+  return at == names_.end() ? nullptr : &at->second->first;
+}
+
+}  // namespace L3
