@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "Wirl/value/Ip6Addr.h"
+#include "fuzz/value/Ip6Reference.h"
 #include "fuzz/value/TextFuzz.h"
-#include "tests/value/Ip6Reference.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   using Wirl::Ip6Addr;

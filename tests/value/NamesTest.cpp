@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 
+#include <new>
+
 #include "Kiv/Representation.h"
 #include "Wirl/value/NamespaceName.h"
+#include "Wirl/value/VrfMap.h"
 #include "Wirl/value/VrfName.h"
+#include "tests/support/AllocationCounter.h"
 #include "tests/value/TextTable.h"
 
 namespace {
@@ -61,6 +65,53 @@ TEST(VrfName, HoldsAHundredOctetsOfAnyKind) {
                                  VrfName("red"), VrfName("red "), VrfName("redd"), VrfName("\xff")});
   EXPECT_EQ(table::logged(VrfName("red")), (Kiv::Bytes{0, 0, 0, 3, 'r', 'e', 'd'}));
   EXPECT_EQ(table::streamed(VrfName("red")), "red");
+}
+
+TEST(VrfName, LacksMemoryAsAnExceptionAndStaysAsItWas) {
+  if (!AllocationRefusal::works) return;
+  const std::string longName(100, 'v');
+  const std::string quoted = "'" + longName + "' rest";
+  VrfName name("red");
+  std::string_view rest = quoted;
+  int thrown = 0;
+  {
+    const AllocationRefusal refusal(64);
+    const auto lacks = [&](auto act) {
+      try {
+        act();
+      } catch (const std::bad_alloc&) {
+        ++thrown;
+      }
+    };
+    lacks([&] { (void)VrfName::fromText(longName); });
+    lacks([&] { (void)NamespaceName::fromText(longName); });
+    lacks([&] { name.stringValueIs(longName); });
+    lacks([&] { (void)VrfName::parse(rest, name); });
+  }
+  EXPECT_EQ(thrown, 4);
+  EXPECT_EQ(rest, quoted);
+  EXPECT_EQ(name, VrfName("red"));
+}
+
+TEST(VrfMap, GivesEachVrfOneNumber) {
+  using L3::VrfId;
+  L3::VrfMap map;
+  EXPECT_EQ(map.id(VrfName::defaultVrf()), VrfId(0));
+  EXPECT_TRUE(map.insert(VrfName("red"), VrfId(2)) && map.insert(VrfName("red"), VrfId(2)));
+  EXPECT_FALSE(map.insert(VrfName("red"), VrfId(3)) || map.insert(VrfName("blue"), VrfId(2)) ||
+               map.insert(VrfName(), VrfId(9)) || map.insert(VrfName()) || map.erase(VrfName::defaultVrf()));
+  EXPECT_EQ(map.insert(VrfName("blue")), VrfId(1));
+  EXPECT_EQ(map.insert(VrfName("blue")), VrfId(1));
+  EXPECT_EQ(map.insert(VrfName("green")), VrfId(3));
+  const L3::VrfMap copy = map;
+  EXPECT_TRUE(map.erase(VrfName("blue")) && !map.erase(VrfName("blue")) && !map.name(VrfId(1)));
+  EXPECT_EQ(*copy.name(VrfId(1)), VrfName("blue"));
+  EXPECT_EQ(map.insert(VrfName("grey")), VrfId(1));
+  std::string names;
+  for (const auto& [name, id] : map) names += std::string(name.value()) + id.stringValue() + " ";
+  EXPECT_EQ(names, "default0 green3 grey1 red2 ");
+  map = copy;
+  EXPECT_TRUE(map.size() == 4 && map.id(VrfName("blue")) && !map.id(VrfName("grey")));
 }
 
 TEST(VrfName, KnowsItsNamespace) {

@@ -46,69 +46,6 @@ void expectPrints(const T& value, std::string_view canonical, bool returnsStored
   }
 }
 
-/// Rows as "text -> canonical text", or one text that is canonical already.
-template <typename T>
-void expectReads(std::initializer_list<std::string_view> rows, bool returnsStored = false) {
-  for (const std::string_view row : rows) {
-    SCOPED_TRACE(row);
-    const std::size_t arrow = row.find(" -> ");
-    const std::string_view text = row.substr(0, arrow);
-    const std::string_view canonical = arrow == row.npos ? row : row.substr(arrow + 4);
-    const auto value = T::fromText(text);
-    ASSERT_TRUE(value.has_value());
-    expectPrints(*value, canonical, returnsStored);
-    EXPECT_EQ(T::fromText(canonical), value);
-    EXPECT_EQ(T(text), *value);
-    // From the front of a longer text, which is left behind the value.
-    const std::string longer = std::string(text) + " 1";
-    std::string_view rest = longer;
-    T front;
-    EXPECT_EQ(T::parse(rest, front), nullptr);
-    EXPECT_EQ(rest, " 1");
-    EXPECT_EQ(front, *value);
-  }
-}
-
-/// Texts that are refused for one reason; `before` is not to be changed. They are also tried where an octet read
-/// behind them would be seen by AddressSanitizer.
-template <typename T>
-void expectRefused(const T& before, std::string_view message, std::initializer_list<std::string_view> texts) {
-  for (const std::string_view each : texts) {
-    SCOPED_TRACE(testing::Message() << "text: " << each);
-    const std::vector<char> exact(each.begin(), each.end());
-    const std::string_view text(exact.data(), exact.size());
-    EXPECT_FALSE(T::fromText(text).has_value());
-    T target = before;
-    EXPECT_EQ(messageOf<Kiv::RangeException>([&] { target.stringValueIs(text); }), message);
-    EXPECT_EQ(target, before);
-    std::string_view rest = text;
-    if (T::parse(rest, target)) {
-      EXPECT_EQ(rest, text);
-      EXPECT_EQ(target, before);
-    } else {
-      EXPECT_FALSE(rest.empty()) << "the throwing form must have failed over text left behind";
-    }
-  }
-}
-
-/// What another library reads otherwise; the empty text stands for nothing read.
-struct Difference {
-  std::string_view text;
-  std::string_view ours;
-  std::string_view theirs;
-};
-
-/// `theirs` gives what the other library reads of a text.
-template <typename T, typename Theirs>
-void expectDiffers(Theirs theirs, std::initializer_list<Difference> rows) {
-  const auto value = [](std::string_view text) { return text.empty() ? std::nullopt : T::fromText(text); };
-  for (const auto& row : rows) {
-    EXPECT_NE(value(row.ours), value(row.theirs)) << row.text;
-    EXPECT_EQ(T::fromText(row.text), value(row.ours)) << row.text;
-    EXPECT_EQ(theirs(std::string(row.text)), value(row.theirs)) << row.text;
-  }
-}
-
 /// All pairs of values in ascending order: ==, <, the hashes and the containers agree; each value passes
 /// through the attribute log and its own stream form.
 template <typename T>

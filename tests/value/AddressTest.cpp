@@ -1,0 +1,398 @@
+// SPDX-License-Identifier: Apache-2.0
+// What addresses do beside their texts, for which see TextsTest.cpp.
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "Wirl/value/AsNumber.h"
+#include "Wirl/value/EthSegmentId.h"
+#include "Wirl/value/EtherUtil.h"
+#include "Wirl/value/Ip6AddrWithMask.h"
+#include "Wirl/value/IpGenAddrWithMask.h"
+#include "Wirl/value/IpGenAndPort.h"
+#include "Wirl/value/IpGenPrefix.h"
+#include "Wirl/value/IsisId.h"
+#include "Wirl/value/MplsLabel.h"
+#include "Wirl/value/Port.h"
+#include "Wirl/value/RouteDistinguisher.h"
+#include "tests/value/TextTable.h"
+
+namespace {
+
+using namespace Wirl;
+using Kiv::NondeletableAttrException;
+using Kiv::RangeException;
+using table::messageOf;
+
+/// An index that would be a good one if it wrapped at 32 bits.
+constexpr Kiv::U64 kWide = Kiv::U64{1} << 32;
+
+TEST(EthAddr, GivesItsPartsByIndex) {
+  EthAddr a("02:00:5e:0a:0b:0c");
+  EXPECT_EQ(a.word(0), 0x0200);
+  EXPECT_EQ(a.word(2), 0x0b0c);
+  EXPECT_EQ(a.byte(5), 0x0c);
+  EXPECT_EQ(a.oui(), 0x02005eu);
+  EXPECT_EQ(a.station(), 0x0a0b0cu);
+  EXPECT_EQ(a.displayString(), "0200.5e0a.0b0c");
+  EXPECT_EQ(a.eui64().stringValue(), "02:00:5e:ff:ff:0a:0b:0c");
+  EXPECT_EQ(table::logged(a), (Kiv::Bytes{0x02, 0x00, 0x5e, 0x0a, 0x0b, 0x0c}));
+  unsigned char wire[8] = {9, 9, 9, 9, 9, 9, 9, 9};
+  a.copyToBuffer(wire + 1);
+  EXPECT_EQ(std::memcmp(wire, "\x09\x02\x00\x5e\x0a\x0b\x0c\x09", 8), 0);
+  a.byteIs(5, 0xff);
+  a.byteIs(2, 0xaa);
+  a.wordIs(0, 0xbbcc);
+  a.wordIs(2, 0x0bff);
+  EXPECT_EQ(a.stringValue(), "bb:cc:aa:0a:0b:ff");
+  EXPECT_EQ(messageOf<RangeException>([&] { (void)a.word(3); }), "EthAddr::word: index out of range");
+  EXPECT_EQ(messageOf<RangeException>([&] { a.wordIs(3, 1); }), "EthAddr::wordIs: index out of range");
+  EXPECT_EQ(messageOf<RangeException>([&] { (void)a.byte(6); }), "EthAddr::byte: index out of range");
+  EXPECT_EQ(messageOf<RangeException>([&] { a.byteIs(6, 1); }), "EthAddr::byteIs: index out of range");
+  EXPECT_EQ(messageOf<NondeletableAttrException>([&] { a.wordDel(0); }), "EthAddr::word");
+  EXPECT_EQ(messageOf<NondeletableAttrException>([&] { a.byteDel(9); }), "EthAddr::byte");
+  EXPECT_EQ(EthAddrWithMask().mask().stringValue(), "ff:ff:ff:ff:ff:ff");
+}
+
+TEST(Eui64, GivesItsPartsByIndex) {
+  Eui64 e("0011.2233.4455.6677");
+  EXPECT_EQ(e.byte(7), 0x77);
+  EXPECT_EQ(e.word(3), 0x6677);
+  e.byteIs(Eui64U8Key("1"), 0xff);
+  e.wordIs(1, 0xabcd);
+  e.wordIs(3, 0x9900);
+  e.byteDel(6);
+  EXPECT_EQ(table::streamed(e), "00:ff:ab:cd:44:55:00:00");
+  e.byteIs(7, 1);
+  EXPECT_EQ(e.word(3), 1);
+  EXPECT_EQ(messageOf<RangeException>([&] { (void)e.word(4); }), "Eui64::word: index out of range");
+  EXPECT_EQ(messageOf<RangeException>([&] { e.wordIs(4, 0); }), "Eui64::wordIs: index out of range");
+  EXPECT_EQ(messageOf<NondeletableAttrException>([&] { e.wordDel(0); }), "Eui64::word");
+  e.byteDelAll();
+  EXPECT_EQ(e, Eui64());
+  EXPECT_DEATH((void)e.byte(8), "index <= Eui64U8Key::max");
+  EXPECT_DEATH(e.byteIs(256, 1), "index <= Eui64U8Key::max");
+}
+
+/// The log holds octets that the type does not: it throws, and leaves the value.
+template <typename T>
+void expectLogRefused(const Kiv::Bytes& octets, const T& before, std::string_view message) {
+  Kiv::NboAttrLog log(octets);
+  T value = before;
+  EXPECT_EQ(messageOf<RangeException>([&] { log >> value; }), message);
+  EXPECT_EQ(value, before);
+}
+
+TEST(Values, RefuseFromTheLogWhatNoTextGives) {
+  expectLogRefused<Eui64U8Key>({8}, 3, "Eui64U8Key::value < 0 or > 7 not allowed");
+  expectLogRefused<Ip6AddrU8Key>({16}, 3, "Ip6AddrU8Key::value < 0 or > 15 not allowed");
+  expectLogRefused<Ip6PrefixLen>(
+      {130}, 3, "Ip6PrefixLen::value < Ip6PrefixLen::min or > Ip6PrefixLen::invalid not allowed");
+  expectLogRefused<Prefix>({10, 0, 0, 1, 0, 0, 0, 8}, Prefix("10.0.0.0/8"),
+                           "Prefix::validAsPrefix != true not allowed");
+  expectLogRefused(table::logged(Kiv::S32{-2}), IpGenAddrWithFullMask::PrefixLen(7),
+                   "PrefixLen::value < PrefixLen::invalid or > PrefixLen::max not allowed");
+  expectLogRefused<MplsLabel>({0, 0x10, 0, 0}, MplsLabel(3), "MplsLabel::value > 1048575 not allowed");
+  expectLogRefused<MplsLabelStack>({17}, MplsLabelStack("1/2"), "MplsLabelStack::labels > 16 not allowed");
+  expectLogRefused<PortRange>({0, 2, 0, 1}, PortRange("5"), "PortRange::first > PortRange::last not allowed");
+  expectLogRefused<IsisAreaId>({0}, IsisAreaId("49"), "Invalid IsisAreaId");
+  expectLogRefused<IsisAreaId>({14}, IsisAreaId("49"), "Invalid IsisAreaId");
+  const Kiv::Bytes octets = table::logged(IpGenAddr("10.0.0.1"));
+  EXPECT_EQ(octets, (Kiv::Bytes{0, 0, 0, 1, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+  for (const std::size_t bad :
+       {std::size_t{3}, std::size_t{0}, std::size_t{19}}) {  // no family, or a bit behind IPv4
+    Kiv::Bytes broken = octets;
+    broken[bad] = static_cast<Kiv::U8>(broken[bad] ^ (bad == 3 ? 1 : 2));
+    Kiv::NboAttrLog log(broken);
+    IpGenAddr target = ip6AddrMld;
+    EXPECT_THROW(log >> target, RangeException) << bad;
+    EXPECT_EQ(target, IpGenAddr(ip6AddrMld));
+  }
+}
+
+TEST(Values, HaveTheHashesThatAreFixed) {
+  using Hash = Kiv::SeededHash;
+  const Ip6Addr v6("2001:db8::ff:0:1234");
+  Kiv::U32 h = 0;
+  for (const Kiv::U32 word : {0x20010db8u, 0u, 0xffu, 0x1234u}) h = Kiv::hashMix(word ^ h);
+  EXPECT_EQ(v6.hash(), h);
+  const EthAddr mac("1:2:3:4:5:6");
+  EXPECT_EQ(mac.hash(), Kiv::hashMix((0x0102u ^ 0x0304u) << 16 | 0x0506u));
+  EXPECT_EQ(mac.hash(9), Hash(9).add(0x0201).add(0x0403).add(0x0605).value());
+  EXPECT_EQ(EthAddrWithMask(mac, mac).hash(3), Hash(3).add(mac.hash()).add(mac.hash()).value());
+  const IpAddr v4(10, 1, 2, 3);
+  EXPECT_EQ(v4.hash(), Kiv::hashMix(0x0302010a));
+  EXPECT_EQ(IpAddrWithMask(v4, 24).hash(5), Hash(5).add(v4.hash()).add(24).value());
+  EXPECT_EQ(Prefix(v4, 32).hash(5), Hash(5).add(v4.hash()).add(32).value());
+  EXPECT_EQ(IpAndPort(v4, 179).hash(5), Hash(5).add(v4.hash()).add(179).value());
+  EXPECT_EQ(Ip6AddrWithMask(v6, 64).hash(5), Hash(5).add(v6.hash()).add(64).value());
+  EXPECT_EQ(Ip6Prefix(v6, 64).hash(5), Hash(5).add(v6.hash()).add(64).value());
+  EXPECT_EQ(IpGenAddr(v4).hash(3), Hash(3).add(1).add(Ip6Addr("a01:203::").hash()).value());
+  EXPECT_EQ(IpGenPrefix(v4, 32).hash(9), Hash(9).add(1).add(Ip6Addr("a01:203::").hash()).add(32).value());
+}
+
+TEST(EtherUtil, MapsGroupsAndInterfaceIdentifiers) {
+  EXPECT_EQ(ipMcastMacAddr(IpAddr(239, 129, 1, 2)).stringValue(), "01:00:5e:01:01:02");
+  EXPECT_EQ(IpGenAddr(IpAddr(224, 127, 255, 254)).mcastEtherAddress().stringValue(), "01:00:5e:7f:ff:fe");
+  EXPECT_EQ(IpGenAddr("2001:db8::12:3456:789a").mcastEtherAddress().stringValue(), "33:33:34:56:78:9a");
+  EXPECT_TRUE(isIpMcastMacAddr(EthAddr("01:00:5e:7f:ff:ff")));
+  for (const char* other :
+       {"01:00:5e:80:00:00", "01:00:5f:00:00:00", "00:00:5e:00:00:00", "01:01:5e:00:00:00"}) {
+    EXPECT_FALSE(isIpMcastMacAddr(EthAddr(other))) << other;
+  }
+  EXPECT_EQ(Ip6Addr("2001:db8::12:3456:789a").solicitedNodeMulticastAddr(), Ip6Addr("ff02::1:ff56:789a"));
+  EXPECT_EQ(ip6LinkLocalFromMac(EthAddr("00:00:5e:01:02:03")), Ip6Addr("fe80::200:5eff:fe01:203"));
+  EXPECT_EQ(ip6LinkLocalFromMac(EthAddr("02:00:00:00:00:00")), Ip6Addr("fe80::ff:fe00:0"));
+  EXPECT_EQ(Ip6Addr("febf:1:2:3:4:5:6:7").validLlUnicastAddress(), Ip6Addr("fe80::4:5:6:7"));
+  EXPECT_EQ(messageOf<RangeException>([] { (void)Ip6Addr("2001:db8::1").validLlUnicastAddress(); }),
+            "Not an address that belongs to subnet fe80::/10");
+}
+
+/// Runs in a process of its own, where the toggle has not been read: exits with a bit for each expectation
+/// that fails, after the file has been changed behind the first call's back.
+[[noreturn]] void exitWithReserved(const char* content, bool expected) {
+  std::string directory = (std::filesystem::temp_directory_path() / "valueTestXXXXXX").string();
+  if (!mkdtemp(directory.data())) std::exit(99);
+  const auto file = std::filesystem::path(directory) / "Wirl.json";
+  setenv("OPTRA_DIR", directory.c_str(), 1);
+  if (*content) std::ofstream(file) << content;
+  int failures = 0;
+  // The first call decides, and is one that needs no toggle to answer.
+  failures |= IpAddr(10, 0, 0, 1).isReserved() ? 1 : 0;
+  std::ofstream(file) << (expected ? "{\"Ipv4Routable240ClassE\": true}"
+                                   : "{\"Ipv4Routable240ClassE\": false}");
+  failures |= IpAddr(240, 0, 0, 0).isReserved() != expected ? 2 : 0;
+  failures |= IpAddr(255, 255, 255, 254).isReserved() != expected ? 4 : 0;
+  failures |= IpAddr(239, 255, 255, 255).isReserved() ? 8 : 0;
+  failures |= IpAddr(255, 255, 255, 255).isReserved() ? 16 : 0;
+  std::filesystem::remove_all(directory);
+  std::exit(failures);
+}
+
+TEST(IpAddrDeathTest, ClassEIsReservedUnlessTheToggleIsOnWhenFirstAsked) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child is a new process, and reads the toggle itself
+  const auto succeeded = testing::ExitedWithCode(0);
+  EXPECT_EXIT(exitWithReserved("", true), succeeded, "");
+  EXPECT_EXIT(exitWithReserved("{\"Ipv4Routable240ClassE\": 1}", true), succeeded, "");
+  EXPECT_EXIT(exitWithReserved("{\"Ipv4Routable240ClassE\": false}", true), succeeded, "");
+  EXPECT_EXIT(exitWithReserved("{\"Ipv4Routable240ClassE\": true}", false), succeeded, "");
+}
+
+TEST(IpAddr, Converts) {
+  const IpAddr a(10, 1, 2, 3);
+  EXPECT_EQ(a.netOrder(), htonl(0x0a010203));
+  EXPECT_EQ(IpAddr::fromNetOrder(a.netOrder()), a);
+  unsigned char wire[6] = {9, 9, 9, 9, 9, 9};
+  a.copyToBuffer(wire + 1);
+  EXPECT_EQ(std::memcmp(wire, "\x09\x0a\x01\x02\x03\x09", 6), 0);
+  EXPECT_EQ(table::logged(a), (Kiv::Bytes{10, 1, 2, 3}));
+  EXPECT_EQ((a & IpAddr("255.255.0.0")) | (~IpAddr("255.255.255.0") & IpAddr("1.1.1.9")), IpAddr("10.1.0.9"));
+  for (unsigned len = 0; len <= 32; ++len) {
+    const IpAddr mask = IpAddr::maskOfLength(len);
+    EXPECT_EQ(IpAddr("255.255.255.255").longestCommonPrefix(mask), len);
+    EXPECT_EQ(mask.hostOrder(), static_cast<Kiv::U32>(~(0xffff'ffffull >> len)));
+    EXPECT_EQ(a.maskedByLength(len), a & mask);
+  }
+  EXPECT_EQ(a.maskedByLength(~0u), a);
+}
+
+TEST(Ip6Addr, ParserMovesThePositionOverOneAddressOnly) {
+  const Kiv::String text = "2001:db8::1/64";
+  Kiv::String::IteratorConst pos = text.begin();
+  Ip6Addr address;
+  Ip6AddrFromString(address, pos, text.end());
+  EXPECT_EQ(address, Ip6Addr("2001:db8::1"));
+  EXPECT_EQ(pos, text.begin() + 11);
+  EXPECT_EQ(messageOf<RangeException>([&] { Ip6AddrFromString(address, pos, text.end()); }),
+            "Ip6Addr: hex digit expected");
+  EXPECT_EQ(address, Ip6Addr("2001:db8::1"));
+  EXPECT_EQ(pos, text.begin() + 11);
+}
+
+TEST(Ip6Addr, ExpandedFormIsLenientButForTheShortestText) {
+  EXPECT_EQ(Ip6Addr("2001:db8::10.1.2.3").stringValueExpanded(), "2001:0db8:0000:0000:0000:0000:0a01:0203");
+  Ip6Addr address;
+  for (const char* zero : {"0:0:0:0:0:0:0:0", "0000:0000:0000:0000:0000:0000:0000:0000"}) {
+    address = ip6AddrLoopback;
+    address.stringValueExpandedIs(zero);
+    EXPECT_EQ(address, ip6AddrZero);
+  }
+  address.stringValueExpandedIs("1::2");
+  for (const auto& [text, message] : {std::pair("::", "Ip6Addr: address is not expanded"),
+                                      {"::1 ", "Ip6Addr: unexpected trailing characters"},
+                                      {"1:2", "Ip6Addr: incomplete ipv6 address"}}) {
+    EXPECT_EQ(messageOf<RangeException>([&, text = text] { address.stringValueExpandedIs(text); }), message);
+    EXPECT_EQ(address, Ip6Addr("1::2"));
+  }
+}
+
+TEST(Ip6Addr, ViewsAreOfOneStorage) {
+  Ip6Addr a;
+  a.u64Is(0, 0x0102'0304'0506'0708);
+  a.u64Is(1, 5);
+  a.u16Is(7, 0xabcd);
+  a.u8Is(15, 0xef);
+  EXPECT_EQ(a, Ip6Addr("102:304:506:708::abef"));
+  EXPECT_EQ(a.u8(7), 8);
+  EXPECT_EQ(a.u8(Ip6AddrU8Key(14)), 0xab);
+  EXPECT_EQ(a.u16(3), 0x0708);
+  EXPECT_EQ(a.u64(1), 0xabefu);
+  Kiv::U8 octets[17] = {};
+  a.copyToBuffer(octets);
+  Ip6Addr back;
+  back.copyFromBuffer(octets);
+  EXPECT_EQ(back, a);
+  EXPECT_EQ(table::logged(a), Kiv::Bytes(octets, octets + 16));
+  const std::pair<std::string, std::function<void()>> failures[] = {
+      {"u8", [&] { (void)a.u8(16); }},
+      {"u8", [&] { (void)a.u8(kWide); }},
+      {"u8", [&] { (void)a.u8(Ip6AddrU8Key(256)); }},
+      {"u8Is", [&] { a.u8Is(kWide, 1); }},
+      {"u8Is", [&] { a.u8Is(Ip6AddrU8Key(-256), 1); }},
+      {"u16", [&] { (void)a.u16(8); }},
+      {"u16Is", [&] { a.u16Is(kWide + 7, 1); }},
+      {"u64", [&] { (void)a.u64(2); }},
+      {"u64Is", [&] { a.u64Is(2, 1); }},
+  };
+  for (const auto& [name, call] : failures) {
+    EXPECT_EQ(messageOf<RangeException>(call), "Ip6Addr::" + name + ": index out of range");
+  }
+  EXPECT_EQ(messageOf<NondeletableAttrException>([&] { a.u64Del(0); }), "Ip6Addr::u64");
+  EXPECT_EQ(messageOf<NondeletableAttrException>([&] { a.u16Del(0); }), "Ip6Addr::u16");
+  EXPECT_EQ(messageOf<NondeletableAttrException>([&] { a.u8Del(0); }), "Ip6Addr::u8");
+  EXPECT_EQ(a, back);
+}
+
+TEST(Ip6Addr, Constants) {
+  for (const auto& [address, text] : {std::pair(ip6AddrZero, "::"),
+                                      {ip6AddrLoopback, "::1"},
+                                      {ip6AddrAllNodes, "ff02::1"},
+                                      {ip6AddrAllRouters, "ff02::2"},
+                                      {ip6AddrAllHosts, "ff02::3"},
+                                      {ip6AddrPimRouters, "ff02::d"},
+                                      {ip6AddrVrrp, "ff02::12"},
+                                      {ip6AddrMld, "ff02::16"},
+                                      {ip6AddrLinkLocalBase, "ff02::"},
+                                      {ip6AddrV4MappedLoopback, "::ffff:127.0.0.1"},
+                                      {ip6AddrV4MappedLoopbackBase, "::ffff:127.0.0.0"}}) {
+    EXPECT_EQ(address.stringValue(), text);
+  }
+}
+
+TEST(Ip6Addr, MasksAndCommonPrefixesOfEveryLength) {
+  const Ip6Addr ones = ~Ip6Addr();
+  for (unsigned len = 0; len <= 128; ++len) {
+    Ip6Addr mask;
+    for (unsigned i = 0; i < len; ++i) mask.u8Is(i / 8, static_cast<Kiv::U8>(mask.u8(i / 8) | 0x80 >> i % 8));
+    EXPECT_EQ(Ip6Addr::maskOfLength(len), mask);
+    EXPECT_EQ(ones.ip6AddrMaskedByLength(len), mask);
+    EXPECT_EQ(ones.maskedByLength(len), mask);
+    EXPECT_EQ(ones.longestCommonPrefix(mask), len);
+    EXPECT_EQ(Ip6Addr().longestCommonPrefix(~mask), len);
+    const Ip6AddrWithFullMask masked(ip6AddrLoopback, len);
+    EXPECT_EQ(masked.prefixLen(), Ip6PrefixLen(len));
+    EXPECT_EQ(masked.mask(), mask);
+  }
+  EXPECT_EQ(ones.maskedByLength(kWide), ones);
+  EXPECT_DEATH(ones.ip6AddrMaskedByLength(129), "assertion failed: len <= 128");
+  EXPECT_DEATH((void)Ip6AddrWithFullMask(Ip6Addr(), kWide), "assertion failed: len <= 128");
+  EXPECT_FALSE(Ip6AddrWithFullMask(ip6AddrLoopback, Ip6Addr("ffff:0:ffff::")).hasPrefixRepr());
+}
+
+TEST(IpGenAddr, HoldsEitherFamily) {
+  const IpGenAddr v4("10.0.0.1");
+  const IpGenAddr v6 = ip6AddrLoopback;
+  const IpGenAddr empty{std::string_view()};
+  EXPECT_TRUE(empty == IpGenAddr() && empty.size() == 16 && empty.stringValue() == "::" &&
+              empty.isUnspecified());
+  EXPECT_FALSE(empty.next() || empty.distance(empty) || empty.isAny());
+  EXPECT_TRUE(v4.v4Addr() == IpAddr(10, 0, 0, 1) && v4.v6Addr() == ip6AddrZero && v6.v4Addr() == IpAddr() &&
+              v6.v6Addr() == ip6AddrLoopback);
+  EXPECT_EQ(v4.bytes(), std::string_view("\x0a\0\0\x01", 4));
+  EXPECT_EQ(v6.bytes().bytes(), 16u);
+  unsigned char octets[17] = {};
+  octets[4] = 0x55;
+  v4.copyToBuffer(octets);
+  EXPECT_TRUE(octets[0] == 10 && octets[3] == 1 && octets[4] == 0x55);
+  v6.copyToBuffer(octets);
+  EXPECT_EQ(octets[15], 1);
+  EXPECT_EQ(v4.longestCommonPrefix(IpAddr(10, 0, 0, 3)), 30u);
+  EXPECT_EQ(v4.longestCommonPrefix(v6), 4u);  // of 10.0.0.1 and 0.0.0.0
+  EXPECT_EQ(v6.longestCommonPrefix(v4), 127u);
+  EXPECT_EQ(IpGenAddr::getMappedV4Addr(Ip6Addr("::ffff:10.0.0.1")), v4);
+  EXPECT_EQ(IpGenAddr::getV4MappedV6Addr(v4), IpGenAddr(Ip6Addr("::ffff:10.0.0.1")));
+  for (const IpGenAddr& other :
+       {IpGenAddr::getMappedV4Addr(v6), IpGenAddr::getMappedV4Addr(v4), IpGenAddr::getV4MappedV6Addr(v6)}) {
+    EXPECT_EQ(other, IpGenAddr());
+  }
+  for (const char* text : {"ipunknown", "ipv4", "ipv6"}) {
+    EXPECT_EQ(table::streamed(addressFamilyFromString(text)), text);
+  }
+  EXPECT_EQ(messageOf<RangeException>([] { addressFamilyFromString("IPV4"); }), "Invalid AddressFamily");
+}
+
+TEST(IpGenAndPort, PassesThroughSocketAddresses) {
+  for (const char* text : {"192.0.2.1:179", "[2001:db8::1]:65535", "[fe80::1%7]:1"}) {
+    const IpGenAndPort value{std::string_view(text)};
+    socklen_t length = 0;
+    const auto address = value.toSockaddr(length);
+    ASSERT_TRUE(address) << text;
+    EXPECT_EQ(IpGenAndPort::fromSockaddr(*address, length), value) << text;
+    EXPECT_FALSE(IpGenAndPort::fromSockaddr(*address, length - 1)) << text;
+    sockaddr_in6 v6;
+    std::memcpy(&v6, &*address, sizeof(v6));
+    EXPECT_EQ(ntohs(v6.sin6_port), value.port()) << "at the same place in both";
+    EXPECT_TRUE(!value.zone() || v6.sin6_scope_id == 7);
+  }
+  socklen_t length = 0;
+  EXPECT_FALSE(IpGenAndPort("[fe80::1%eth0]:1").toSockaddr(length) || IpGenAndPort().toSockaddr(length) ||
+               IpGenAndPort::fromSockaddr(sockaddr_storage{}, sizeof(sockaddr_storage)));
+  EXPECT_EQ(table::streamed(IpAndPort("10.0.0.1:179")),
+            "Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179})");
+}
+
+TEST(Identifiers, SayWhatTheyAre) {
+  EXPECT_TRUE(AsNumber(64512).isPrivate() && AsNumber(65534).isPrivate() &&
+              AsNumber(4'200'000'000).isPrivate());
+  EXPECT_FALSE(AsNumber(64511).isPrivate() || AsNumber(65535).isPrivate() ||
+               AsNumber(4'294'967'295).isPrivate());
+  EXPECT_TRUE(AsNumber(64496).isDocumentation() && AsNumber(65551).isDocumentation() &&
+              AsNumber(23456).isReserved());
+  EXPECT_FALSE(AsNumber(65552).isDocumentation() || AsNumber(1).isReserved() ||
+               AsNumber(65536).isTwoOctets());
+  EXPECT_EQ(AsNumber(65535).asdot() + " " + AsNumber(65536).asdot() + " " + AsNumber(65535).asdotPlus(),
+            "65535 1.0 0.65535");
+  EXPECT_EQ(RouteDistinguisher(AsNumber(65536), 7).stringValue(), "1.0:7");
+  EXPECT_THROW(RouteDistinguisher(AsNumber(65536), 65536), RangeException);
+  const RouteDistinguisher rd(IpAddr(192, 0, 2, 1), 7);
+  EXPECT_TRUE(rd.address() == IpAddr(192, 0, 2, 1) && rd.number() == 7 && rd.as() == AsNumber());
+  EXPECT_EQ(table::logged(rd), (Kiv::Bytes{0, 1, 192, 0, 2, 1, 0, 7}));
+  const EthAddr mac("02:00:5e:00:00:01");
+  EXPECT_EQ(EthSegmentId::ofLacp(mac, 0x1234).stringValue(), "01:02:00:5e:00:00:01:12:34:00");
+  EXPECT_EQ(EthSegmentId::ofSystem(mac, 0x123456).system(), mac);
+  EXPECT_TRUE(EthSegmentId::maximum().isMaximum() && EthSegmentId().isZero());
+  EXPECT_EQ(IsisSystemId(mac).stringValue(), "0200.5e00.0001");
+  EXPECT_TRUE(PortRange("1-9").contains(PortRange("9")) && PortRange("1-9").overlaps(PortRange("9-10")) &&
+              !PortRange("1-9").overlaps(PortRange("10")) && PortRange("0-65535").size() == 65536);
+}
+
+TEST(MplsLabelStack, PassesOverTheWire) {
+  MplsLabelStack stack("100/200/1048575");
+  unsigned char wire[12];
+  stack.copyToBuffer(wire, 5, 64);
+  EXPECT_EQ(Kiv::Bytes(wire, wire + 12), (Kiv::Bytes{0, 6, 0x4a, 64, 0, 12, 0x8a, 64, 0xff, 0xff, 0xfb, 64}));
+  EXPECT_EQ(MplsLabelStack::fromWire(wire), stack);
+  EXPECT_FALSE(MplsLabelStack::fromWire(std::span(wire).first(11)));
+  EXPECT_TRUE(stack.push(MplsLabel(3)) && stack.stringValue() == "3/100/200/1048575" &&
+              stack.pop() == MplsLabel(3));
+  for (int i = 0; i < 13; ++i) EXPECT_TRUE(stack.push(mplsImplicitNull));
+  EXPECT_FALSE(stack.push(mplsImplicitNull));
+  const unsigned char endless[68] = {};
+  EXPECT_FALSE(MplsLabelStack::fromWire(endless));
+}
+
+}  // namespace
