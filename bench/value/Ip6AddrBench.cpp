@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <arpa/inet.h>
+#ifdef BENCH_ABSL
+#include <absl/hash/hash.h>
+#endif
 
 #include <array>
 #include <string>
@@ -56,6 +59,13 @@ BENCH_ROWS {
   bench::compare("IPv6 address: string",
                  bench::each(addresses, [](const Ip6Addr& a) { return a.stringValue(); }),
                  "inet_ntop, std::string", bench::each(addresses, peerText), bench::timesFaster(8));
+#ifdef BENCH_ABSL
+  bench::compare(
+      "IPv6 address: std::hash", bench::each(addresses, std::hash<Ip6Addr>()), "absl::Hash of the octets",
+      bench::each(addresses,
+                  [](const Ip6Addr& a) { return absl::Hash<std::array<Kiv::U8, 16>>()(a.octets()); }),
+      bench::atMost(2));
+#endif
 }
 
 }  // namespace
