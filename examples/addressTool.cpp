@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Says what addresses and prefixes are:  addressTool 10.1.2.3/24 ff02::1 00:1c:73:0a:0b:0c
+// Says what addresses and prefixes are:  addressTool 10.1.2.3/24 ff02::1 00:00:5e:00:53:01
 // The same of a file, for a program:     addressTool --json <addresses.txt
+// Reckons with them:                     addressTool --subnets 26 192.0.2.0/24
+// Looks up routes:                       addressTool --routes routes.txt <addresses.txt
 
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
+#include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -21,13 +25,23 @@ namespace {
 using namespace Wirl;
 
 constexpr const char* kUsage =
-    "usage: addressTool [--json] [--] [TEXT...]\n"
-    "  Says of each TEXT, or of each line of standard input when there is none, what address it is:\n"
-    "  IPv4 or IPv6, alone or with a length or mask behind a slash, or Ethernet. Prints the canonical\n"
-    "  text, the type, what holds of it, and the mapped and multicast forms. In standard input, empty\n"
-    "  lines and those that begin with # count but are passed over.\n"
-    "  --json  prints a JSON array with an object for each\n"
-    "  Status: 0, 1 when a text or line was not understood, 2 for wrong options.\n";
+    "usage: addressTool [--json | --next | --subnets LEN | --contains PREFIX | --summarise | --routes FILE]\n"
+    "                   [--] [TEXT...]\n"
+    "  Reads each TEXT, or each line of standard input when there is none: an IPv4 or IPv6 address, alone "
+    "or\n"
+    "  with a length or mask behind a slash, or an Ethernet address. In standard input, empty lines and\n"
+    "  those that begin with # count but are passed over. Says what address it is: the canonical text, the\n"
+    "  type, what holds of it, and the mapped and multicast forms. Or, by option:\n"
+    "  --json             the same as a JSON array with an object for each\n"
+    "  --next             the next address, or the next prefix of the same length\n"
+    "  --subnets LEN      all prefixes of a length in each prefix\n"
+    "  --contains PREFIX  whether the prefix contains the address or prefix\n"
+    "  --summarise        the fewest prefixes that cover the same addresses\n"
+    "  --routes FILE      the longest prefix that contains the address, of a file whose lines are a prefix "
+    "and\n"
+    "                     any text, which is printed, too\n"
+    "  Answers come line by line, as the input does; but for --summarise, which needs all of it.\n"
+    "  Status: 0, 1 when a text or line was not understood or has no answer, 2 for wrong options.\n";
 
 /// One row of the table, one object of the JSON array. Forms that an address does not have are empty.
 struct Row {
@@ -165,39 +179,68 @@ std::string joined(const std::vector<std::string>& words) {
   return all;
 }
 
-void printTable(const std::vector<Row>& rows) {
-  std::vector<std::array<std::string, 5>> cells = {{"address", "type", "mapped", "multicast", "what holds"}};
-  for (const Row& row : rows) {
-    cells.push_back({row.text, row.type, row.mapped + row.linkLocal, row.multicastMac + row.solicitedNode,
-                     joined(row.predicates)});
+/// Columns of fixed widths: nobody waits for the longest cell.
+void printCells(const std::array<std::string_view, 5>& cells) {
+  constexpr std::array<std::size_t, 5> kWidths = {26, 19, 24, 18, 0};
+  std::string text;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    text += cells[i];
+    text.append(cells[i].size() < kWidths[i] ? kWidths[i] - cells[i].size() : 0, ' ');
+    text += "  ";
   }
-  std::array<std::size_t, 5> widths{};
-  for (const auto& line : cells) {
-    for (std::size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
-  }
-  for (const auto& line : cells) {
-    std::string text;
-    for (std::size_t i = 0; i < line.size(); ++i)
-      text += line[i] + std::string(widths[i] + 2 - line[i].size(), ' ');
-    text.resize(text.find_last_not_of(' ') + 1);
-    std::cout << text << '\n';
-  }
+  text.resize(text.find_last_not_of(' ') + 1);
+  std::cout << text << '\n';
 }
 
-void printJson(const std::vector<Row>& rows) {
-  nlohmann::ordered_json all = nlohmann::ordered_json::array();
-  for (const Row& row : rows) {
-    nlohmann::ordered_json object = {{"number", row.number}, {"text", row.text}, {"type", row.type}};
-    object["predicates"] = row.predicates;
-    for (const auto& [name, form] : {std::pair("mapped", &row.mapped),
-                                     {"multicastMac", &row.multicastMac},
-                                     {"solicitedNode", &row.solicitedNode},
-                                     {"linkLocal", &row.linkLocal}}) {
-      if (!form->empty()) object[name] = *form;
-    }
-    all.push_back(std::move(object));
+void printRow(const Row& row, bool first) {
+  if (first) printCells({"address", "type", "mapped", "multicast", "what holds"});
+  printCells({row.text, row.type, row.mapped + row.linkLocal, row.multicastMac + row.solicitedNode,
+              joined(row.predicates)});
+}
+
+void printJson(const Row& row, bool first) {
+  nlohmann::ordered_json object = {{"number", row.number}, {"text", row.text}, {"type", row.type}};
+  object["predicates"] = row.predicates;
+  for (const auto& [name, form] : {std::pair("mapped", &row.mapped),
+                                   {"multicastMac", &row.multicastMac},
+                                   {"solicitedNode", &row.solicitedNode},
+                                   {"linkLocal", &row.linkLocal}}) {
+    if (!form->empty()) object[name] = *form;
   }
-  std::cout << all.dump(2) << '\n';
+  // An array that grows: each object is indented by hand.
+  std::cout << (first ? "[\n  " : ",\n  ");
+  for (const char c : object.dump(2)) std::cout << c << (c == '\n' ? "  " : "");
+}
+
+/// An address counts as a prefix of its whole length. Throws `Kiv::RangeException`.
+IpGenPrefix prefixOf(std::string_view text) {
+  if (text.find('/') != text.npos) {
+    const IpGenAddrWithMask value(text);
+    if (value.subnet().ipGenAddr() != value.ipGenAddr()) {
+      throw Kiv::RangeException("Invalid prefix - Non-zero after prefix length");
+    }
+    return value.subnet();
+  }
+  IpGenAddr address;
+  address.stringValueIs(text);
+  return IpGenPrefix(address, address.bits());
+}
+
+void printNext(std::string_view text) {
+  const auto print = [](const auto& next) {
+    if (!next) throw Kiv::RangeException("nothing is behind the last one");
+    std::cout << *next << '\n';
+  };
+  const IpGenPrefix prefix = prefixOf(text);
+  text.find('/') != text.npos ? print(prefix.next()) : print(prefix.ipGenAddr().next());
+}
+
+void printRoute(const PrefixMap<std::string>& routes, std::string_view text) {
+  IpGenAddr address;
+  address.stringValueIs(text);
+  const auto route = routes.longestMatch(address);
+  if (!route) throw Kiv::RangeException("no route");
+  std::cout << address << ' ' << route.key << (route->empty() ? "" : " ") << *route << '\n';
 }
 
 std::string_view withoutBlanks(std::string_view line) {
@@ -206,58 +249,123 @@ std::string_view withoutBlanks(std::string_view line) {
   return begin == line.npos ? "" : line.substr(begin, line.find_last_not_of(kBlanks) + 1 - begin);
 }
 
+bool failed = false;
+
+/// Calls `take` with a text; what it throws becomes one line on standard error, and the rest is still done.
+void takeOne(const char* what, std::size_t number, std::string_view text,
+             const std::function<void(std::size_t, std::string_view)>& take) {
+  try {
+    take(number, text);
+  } catch (const Kiv::RangeException& failure) {
+    std::cout.flush();
+    std::cerr << "addressTool: " << what << ' ' << number << ": " << failure.message() << '\n';
+    failed = true;
+  }
+}
+
+/// Calls `take` for each line that holds something, in constant memory: a line is cut off where none is that long. False
+/// where the input fails before its end.
+bool takeLines(std::istream& in, const char* what,
+               const std::function<void(std::size_t, std::string_view)>& take) {
+  constexpr std::size_t kLongest = 4096;
+  std::string line;
+  char c = 0;
+  for (std::size_t number = 1; in && std::cout; ++number) {
+    line.clear();
+    while (in.get(c) && c != '\n') {
+      if (line.size() < kLongest) line += c;
+    }
+    const std::string_view text = withoutBlanks(line);
+    if (!text.empty() && text[0] != '#') takeOne(what, number, text, take);
+    // Whoever waits for an answer before the next question gets it.
+    if (in.rdbuf()->in_avail() <= 0) std::cout.flush();
+  }
+  return !in.bad();
+}
+
+bool readRoutes(const char* file, PrefixMap<std::string>& routes) {
+  std::ifstream in(file);
+  return in.is_open() && takeLines(in, "route", [&](std::size_t, std::string_view line) {
+           const std::size_t end = std::min(line.find_first_of(" \t"), line.size());
+           routes.insertOrAssign(prefixOf(line.substr(0, end)), std::string(withoutBlanks(line.substr(end))));
+         });
+}
+
+int usage() {
+  std::fputs(kUsage, stderr);
+  return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool json = false;
+  std::string_view mode;
+  const char* argument = nullptr;
   bool optionsOver = false;
   std::vector<std::string_view> texts;
-  for (const std::string_view word : std::span(argv, static_cast<std::size_t>(argc)).subspan(1)) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view word = argv[i];
     if (optionsOver || !word.starts_with('-')) {
       texts.push_back(word);
     } else if (word == "--") {
       optionsOver = true;
-    } else if (word == "--json") {
-      json = true;
     } else if (word == "--help") {
       return std::fputs(kUsage, stdout) < 0;
+    } else if (mode.empty() && (word == "--json" || word == "--next" || word == "--summarise")) {
+      mode = word;
+    } else if (mode.empty() && i + 1 < argc &&
+               (word == "--subnets" || word == "--contains" || word == "--routes")) {
+      mode = word;
+      argument = argv[++i];
     } else {
-      std::fputs(kUsage, stderr);
-      return 2;
+      return usage();
     }
   }
+  std::ios::sync_with_stdio(false);
 
-  std::vector<Row> rows;
-  bool failed = false;
-  const auto take = [&](const char* what, std::size_t number, std::string_view text) {
-    try {
-      rows.push_back(rowOfText(text));
-      rows.back().number = number;
-    } catch (const Kiv::RangeException& failure) {
-      std::cerr << "addressTool: " << what << ' ' << number << ": " << failure.message() << '\n';
-      failed = true;
-    }
+  bool first = true;
+  std::vector<IpGenPrefix> all;
+  PrefixMap<std::string> routes;
+  std::function<void(std::size_t, std::string_view)> take = [&](std::size_t number, std::string_view text) {
+    Row row = rowOfText(text);
+    row.number = number;
+    mode == "--json" ? printJson(row, first) : printRow(row, first);
+    first = false;
   };
-  if (!texts.empty()) {
-    for (std::size_t i = 0; i < texts.size(); ++i) take("text", i + 1, texts[i]);
-  } else {
-    std::string line;
-    for (std::size_t number = 1; std::getline(std::cin, line); ++number) {
-      const std::string_view text = withoutBlanks(line);
-      if (!text.empty() && text[0] != '#') take("line", number, text);
+  if (mode == "--next") {
+    take = [](std::size_t, std::string_view text) { printNext(text); };
+  } else if (mode == "--subnets") {
+    const auto len = Ip6PrefixLen::fromText(argument);
+    if (!len || *len == Ip6PrefixLen::invalid) return usage();
+    take = [len = len->value()](std::size_t, std::string_view text) {
+      for (const IpGenPrefix& subnet : prefixOf(text).subnets(len)) std::cout << subnet << '\n';
+    };
+  } else if (mode == "--contains") {
+    const auto prefix = IpGenPrefix::fromText(argument);
+    if (!prefix || !prefix->validAsPrefix()) return usage();
+    take = [prefix = *prefix](std::size_t, std::string_view text) {
+      const bool contains = prefix.contains(prefixOf(text));
+      std::cout << text << (contains ? " yes" : " no") << '\n';
+    };
+  } else if (mode == "--summarise") {
+    take = [&](std::size_t, std::string_view text) { all.push_back(prefixOf(text)); };
+  } else if (mode == "--routes") {
+    if (!readRoutes(argument, routes)) {
+      std::cerr << "addressTool: " << argument << " cannot be read\n";
+      return 1;
     }
-    // The stream takes a failed read for the end.
-    if (std::cin.bad() || std::ferror(stdin) != 0) {
-      std::cerr << "addressTool: standard input cannot be read\n";
-      failed = true;
-    }
+    take = [&](std::size_t, std::string_view text) { printRoute(routes, text); };
   }
 
-  if (json) {
-    printJson(rows);
-  } else if (!rows.empty()) {
-    printTable(rows);
+  if (!texts.empty()) {
+    for (std::size_t i = 0; i < texts.size(); ++i) takeOne("text", i + 1, texts[i], take);
+  } else if (!takeLines(std::cin, "line", take)) {
+    std::cerr << "addressTool: standard input cannot be read\n";
+    failed = true;
   }
+
+  if (mode == "--json") std::cout << (first ? "[]\n" : "\n]\n");
+  for (const IpGenPrefix& prefix : summarised(std::move(all))) std::cout << prefix << '\n';
   if (!std::cout.flush()) {
     std::cerr << "addressTool: standard output cannot be written\n";
     failed = true;
