@@ -17,11 +17,13 @@ using Kiv::U64;
 using Kiv::U8;
 
 Kiv::ParseError Ip6Addr::parseFast(std::string_view& text, Ip6Addr& out) noexcept {
-  return parseWith(text, out, [](std::string_view chars) { return detail::ip6OutlineOf(chars); });
+  const detail::Loadable chars(text);
+  return parseOutlined(text, chars.text(), detail::ip6OutlineOf(chars.text()), out);
 }
 
 std::optional<Ip6Addr> Ip6Addr::fromTextFast(std::string_view text) noexcept {
-  return fromTextWith(text, [](std::string_view chars) { return detail::ip6OutlineOf(chars); });
+  const detail::Loadable chars(text);
+  return fromOutlined(text, chars.text(), detail::ip6OutlineOf(chars.text()));
 }
 
 namespace {

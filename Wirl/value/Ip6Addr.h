@@ -193,11 +193,15 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   /// At most 45 characters are looked at, the longest that an address needs; the address ends at the first
   /// one that is no hexadecimal digit, colon or full stop.
   static constexpr Kiv::ParseError parse(std::string_view& text, Ip6Addr& out) noexcept {
-    return std::is_constant_evaluated() ? parseWith(text, out, detail::ip6OutlineLoop) : parseFast(text, out);
+    if (!std::is_constant_evaluated()) return parseFast(text, out);
+    const detail::Loadable chars(text);
+    return parseOutlined(text, chars.text(), detail::ip6OutlineLoop(chars.text()), out);
   }
   /// The address that the whole of `text` stands for, or nothing: without a look for what is wrong then.
   static constexpr std::optional<Ip6Addr> fromText(std::string_view text) noexcept {
-    return std::is_constant_evaluated() ? fromTextWith(text, detail::ip6OutlineLoop) : fromTextFast(text);
+    if (!std::is_constant_evaluated()) return fromTextFast(text);
+    const detail::Loadable chars(text);
+    return fromOutlined(text, chars.text(), detail::ip6OutlineLoop(chars.text()));
   }
   static std::optional<Ip6Addr> fromText(std::nullptr_t) = delete;
   /// The compressed form of RFC 5952; addresses in ::ffff:0:0/96 with their last two groups in dotted
@@ -226,25 +230,20 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   }
 
  private:
-  template <typename OutlineOf>
-  static constexpr Kiv::ParseError parseWith(std::string_view& text, Ip6Addr& out,
-                                             OutlineOf outlineOf) noexcept {
-    const detail::Loadable chars(text);
-    const detail::Ip6Outline outline = outlineOf(chars.text());
+  /// Of a text as `chars` has it, in one way or another made out.
+  static constexpr Kiv::ParseError parseOutlined(std::string_view& text, std::string_view chars,
+                                                 const detail::Ip6Outline& outline, Ip6Addr& out) noexcept {
     unsigned dottedAt = detail::kNowhere;
-    if (!detail::readIp6(chars.text(), outline, dottedAt, out.octets_)) [[unlikely]]
-      return detail::ip6Refusal(chars.text(), outline, dottedAt);
+    if (!detail::readIp6(chars, outline, dottedAt, out.octets_)) [[unlikely]]
+      return detail::ip6Refusal(chars, outline, dottedAt);
     text.remove_prefix(outline.length);
     return nullptr;
   }
-  template <typename OutlineOf>
-  static constexpr std::optional<Ip6Addr> fromTextWith(std::string_view text, OutlineOf outlineOf) noexcept {
-    const detail::Loadable chars(text);
-    const detail::Ip6Outline outline = outlineOf(chars.text());
+  static constexpr std::optional<Ip6Addr> fromOutlined(std::string_view text, std::string_view chars,
+                                                       const detail::Ip6Outline& outline) noexcept {
     unsigned dottedAt = detail::kNowhere;
     std::optional<Ip6Addr> address(std::in_place);
-    if (outline.length != text.size() ||
-        !detail::readIp6(chars.text(), outline, dottedAt, address->octets_)) {
+    if (outline.length != text.size() || !detail::readIp6(chars, outline, dottedAt, address->octets_)) {
       address.reset();
     }
     return address;

@@ -198,6 +198,30 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   }
   constexpr bool hasPrefixRepr() const { return prefixLen() != PrefixLen::invalid; }
 
+ private:
+  // In front of its use: clang does not evaluate templates that follow.
+  template <typename Address>
+  static constexpr Kiv::ParseError takeMasked(std::string_view& text, const detail::MaskRefusals& refusals,
+                                              unsigned maxLen, IpGenAddrWithFullMask& out) noexcept {
+    std::string_view rest = text;
+    Address address;
+    if (Address::parse(rest, address)) return refusals.address;
+    if (!Kiv::takeLiteral(rest, "/") || rest.empty()) return detail::kLenExpected;
+    if (detail::startsAsAddress(rest)) {
+      Address mask;
+      if (Address::parse(rest, mask)) return refusals.mask;
+      out = IpGenAddrWithFullMask(address, mask);
+    } else {
+      Kiv::U64 len = 0;
+      if (!Kiv::takeDecimal(rest, maxLen, len)) return refusals.noLength;
+      if (len > maxLen) return refusals.badLength;
+      out = IpGenAddrWithFullMask(address, static_cast<unsigned>(len));
+    }
+    text = rest;
+    return nullptr;
+  }
+
+ public:
   /// An address, a slash, and the mask: an address of the family where a colon or full stop follows its first
   /// digits, else a length in decimal.
   static constexpr Kiv::ParseError parse(std::string_view& text, IpGenAddrWithFullMask& out) noexcept {
@@ -228,26 +252,6 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
                                     const IpGenAddrWithFullMask&) noexcept = default;
 
  private:
-  template <typename Address>
-  static constexpr Kiv::ParseError takeMasked(std::string_view& text, const detail::MaskRefusals& refusals,
-                                              unsigned maxLen, IpGenAddrWithFullMask& out) noexcept {
-    std::string_view rest = text;
-    Address address;
-    if (Address::parse(rest, address)) return refusals.address;
-    if (!Kiv::takeLiteral(rest, "/") || rest.empty()) return detail::kLenExpected;
-    if (detail::startsAsAddress(rest)) {
-      Address mask;
-      if (Address::parse(rest, mask)) return refusals.mask;
-      out = IpGenAddrWithFullMask(address, mask);
-    } else {
-      Kiv::U64 len = 0;
-      if (!Kiv::takeDecimal(rest, maxLen, len)) return refusals.noLength;
-      if (len > maxLen) return refusals.badLength;
-      out = IpGenAddrWithFullMask(address, static_cast<unsigned>(len));
-    }
-    text = rest;
-    return nullptr;
-  }
   static constexpr IpAddr v4Mask(Kiv::U64 len) {
     if (len > 32) [[unlikely]]
       detail::throwRange("Invalid IPv4 prefix length");

@@ -26,14 +26,11 @@ struct LiteralText {
   char chars[kSize];
 };
 
-template <typename T, LiteralText text>
-concept TextOf = T::fromText(text.view())
-.has_value();
-
-/// What the text is of: `V4` or `V6`. A text that is neither does not compile.
+/// What the text is of: `V4`, or else `V6`. A text of neither does not compile.
 template <typename V4, typename V6, LiteralText text>
-requires(TextOf<V4, text> || TextOf<V6, text>) consteval auto literalOf() {
-  if constexpr (TextOf<V4, text>) {
+consteval auto literalOf() {
+  constexpr bool kIsV4 = V4::fromText(text.view()).has_value();
+  if constexpr (kIsV4) {
     return V4(text.view());
   } else {
     return V6(text.view());
@@ -55,34 +52,29 @@ requires(TextOf<V4, text> || TextOf<V6, text>) consteval auto literalOf() {
 namespace literals {
 
 template <detail::LiteralText text>
-consteval auto operator""_ip() requires(detail::TextOf<IpAddr, text> || detail::TextOf<Ip6Addr, text>) {
+consteval auto operator""_ip() {
   return detail::literalOf<IpAddr, Ip6Addr, text>();
 }
 template <detail::LiteralText text>
-consteval auto operator""_prefix() requires(detail::TextOf<Prefix, text> || detail::TextOf<Ip6Prefix, text>) {
+consteval auto operator""_prefix() {
   return detail::literalOf<Prefix, Ip6Prefix, text>();
 }
 template <detail::LiteralText text>
-consteval auto operator""_ipWithMask() requires(detail::TextOf<IpAddrWithMask, text> ||
-                                                detail::TextOf<Ip6AddrWithMask, text>) {
+consteval auto operator""_ipWithMask() {
   return detail::literalOf<IpAddrWithMask, Ip6AddrWithMask, text>();
 }
 template <detail::LiteralText text>
-consteval auto operator""_ipAndPort() requires(detail::TextOf<IpAndPort, text> ||
-                                               detail::TextOf<Ip6AndPort, text>) {
+consteval auto operator""_ipAndPort() {
   return detail::literalOf<IpAndPort, Ip6AndPort, text>();
 }
-template <detail::LiteralText text>
-consteval EthAddr operator""_mac() requires detail::TextOf<EthAddr, text> {
-  return EthAddr(text.view());
+consteval EthAddr operator""_mac(const char* text, std::size_t size) {
+  return EthAddr(std::string_view(text, size));
 }
-template <detail::LiteralText text>
-consteval AsNumber operator""_as() requires detail::TextOf<AsNumber, text> {
-  return AsNumber(text.view());
+consteval AsNumber operator""_as(const char* text, std::size_t size) {
+  return AsNumber(std::string_view(text, size));
 }
-template <detail::LiteralText text>
-consteval RouteDistinguisher operator""_rd() requires detail::TextOf<RouteDistinguisher, text> {
-  return RouteDistinguisher(text.view());
+consteval RouteDistinguisher operator""_rd(const char* text, std::size_t size) {
+  return RouteDistinguisher(std::string_view(text, size));
 }
 
 }  // namespace literals

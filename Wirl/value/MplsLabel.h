@@ -77,7 +77,7 @@ class KIV_API MplsLabelStack : public detail::TextForms<MplsLabelStack> {
   constexpr void copyToBuffer(unsigned char* out, unsigned trafficClass, Kiv::U8 ttl) const noexcept {
     for (unsigned i = 0; i < size_; ++i) {
       const Kiv::U32 entry =
-          labels_[i].value() << 12 | (trafficClass & 7) << 9 | (i + 1u == size_) << 8 | ttl;
+          labels_[i].value() << 12 | (trafficClass & 7) << 9 | Kiv::U32{i + 1u == size_} << 8 | ttl;
       for (unsigned k = 0; k < 4; ++k) out[4 * i + k] = static_cast<unsigned char>(entry >> (24 - 8 * k));
     }
   }

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <iterator>
 #include <optional>
-#include <ranges>
 #include <type_traits>
 #include <utility>
 
@@ -240,10 +239,22 @@ class PrefixMap {
   iterator lowerBound(const P& key) noexcept { return from<T>(key, true, {}); }
   iterator upperBound(const P& key) noexcept { return from<T>(key, false, {}); }
 
+  /// A part of the map.
+  template <typename At>
+  class Range {
+   public:
+    explicit Range(const At& begin) noexcept : begin_(begin) {}
+    At begin() const noexcept { return begin_; }
+    At end() const noexcept { return {}; }
+    bool empty() const noexcept { return begin_ == At(); }
+
+   private:
+    At begin_;
+  };
   /// All prefixes that the key contains, itself included, in order.
-  auto covered(const P& key) noexcept { return std::ranges::subrange(from<T>(key, true, key), iterator()); }
-  auto covered(const P& key) const noexcept {
-    return std::ranges::subrange(from<const T>(key, true, key), const_iterator());
+  Range<iterator> covered(const P& key) noexcept { return Range<iterator>(from<T>(key, true, key)); }
+  Range<const_iterator> covered(const P& key) const noexcept {
+    return Range<const_iterator>(from<const T>(key, true, key));
   }
 
   /// Calls `visit(prefix, value)` for every prefix that contains the key, itself included, the shortest first. It must

@@ -10,7 +10,7 @@ namespace Wirl {
 /// Consecutive values from a first to a last one, both included: the addresses of a prefix, or its subnets of one
 /// length. A view: it owns two values, and its iterators may outlive it.
 template <typename T>
-class ValueRange : public std::ranges::view_interface<ValueRange<T>> {
+class ValueRange {
  public:
   class Iterator {
    public:
@@ -59,6 +59,10 @@ class ValueRange : public std::ranges::view_interface<ValueRange<T>> {
 
   constexpr Iterator begin() const noexcept { return Iterator(empty_ ? last_ : first_, last_, empty_); }
   constexpr Iterator end() const noexcept { return Iterator(last_, last_, true); }
+  constexpr bool empty() const noexcept { return empty_; }
+  /// Of a range that is not empty.
+  constexpr const T& front() const noexcept { return first_; }
+  constexpr const T& back() const noexcept { return last_; }
 
  private:
   T first_;
@@ -68,5 +72,7 @@ class ValueRange : public std::ranges::view_interface<ValueRange<T>> {
 
 }  // namespace Wirl
 
+template <typename T>
+inline constexpr bool std::ranges::enable_view<Wirl::ValueRange<T>> = true;
 template <typename T>
 inline constexpr bool std::ranges::enable_borrowed_range<Wirl::ValueRange<T>> = true;

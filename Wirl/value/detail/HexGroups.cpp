@@ -2,6 +2,7 @@
 #include "Wirl/value/detail/HexGroups.h"
 
 #include <bit>
+#include <cstring>
 
 #include "Wirl/value/detail/LittleEndian.h"
 
@@ -170,7 +171,37 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
 
 #endif
 
+#if WIRL_HAS_SSSE3
+
+/// All seventeen digits and colons in two stores.
+WIRL_SSSE3 static unsigned writeEthSsse3(const EthOctets& octets, char* out) noexcept {
+  int front;
+  Kiv::U16 back;
+  std::memcpy(&front, octets.data(), 4);
+  std::memcpy(&back, octets.data() + 4, 2);
+  const __m128i six = _mm_insert_epi16(_mm_cvtsi32_si128(front), back, 2);
+  const __m128i nibble = _mm_set1_epi8(0x0f);
+  const __m128i values =
+      _mm_unpacklo_epi8(_mm_and_si128(_mm_srli_epi16(six, 4), nibble), _mm_and_si128(six, nibble));
+  const __m128i digits = _mm_shuffle_epi8(
+      _mm_setr_epi8('0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'), values);
+  const __m128i spread =
+      _mm_shuffle_epi8(digits, _mm_setr_epi8(0, 1, -1, 2, 3, -1, 4, 5, -1, 6, 7, -1, 8, 9, -1, 10));
+  const __m128i colons = _mm_setr_epi8(0, 0, ':', 0, 0, ':', 0, 0, ':', 0, 0, ':', 0, 0, ':', 0);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_or_si128(spread, colons));
+  // The last digit in the low octet, and the NUL above it.
+  const auto last = static_cast<Kiv::U16>(_mm_extract_epi16(digits, 5) >> 8);
+  std::memcpy(out + 16, &last, 2);
+  return 17;
+}
+
+#endif
+
 unsigned writeHexGroups(const EthOctets& octets, char* out) noexcept {
+#if WIRL_HAS_SSSE3
+  if (hasSsse3()) [[likely]]
+    return writeEthSsse3(octets, out);
+#endif
   storeLittle64(out, threeOctets(&octets[0]));
   out[8] = ':';
   storeLittle64(out + 9, threeOctets(&octets[3]));
