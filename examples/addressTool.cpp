@@ -147,7 +147,7 @@ Row rowOf(const IpGenAddrWithMask& value) {
 
 /// A dotted text is an Ethernet address in its full form only: 10.0.0 is an IPv4 address that lost its end.
 std::optional<EthAddr> ethAddrOf(std::string_view text) {
-  if (text.find('.') != text.npos && text.size() != std::string_view("001c.730a.0b0c").size()) {
+  if (text.find('.') != text.npos && text.size() != std::string_view("0000.5e00.5301").size()) {
     return std::nullopt;
   }
   return EthAddr::fromText(text);

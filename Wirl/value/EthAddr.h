@@ -97,9 +97,9 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
     return fromWord(taken.octets);
   }
   static std::optional<EthAddr> fromText(std::nullptr_t) = delete;
-  /// As in 00:1c:73:0a:0b:0c.
+  /// As in 00:00:5e:00:53:01.
   unsigned writeText(char* out) const noexcept;
-  /// As in 001c.730a.0b0c.
+  /// As in 0000.5e00.5301.
   Kiv::String displayString() const;
 
   constexpr Kiv::U32 hash() const noexcept {
