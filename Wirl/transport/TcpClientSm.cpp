@@ -38,6 +38,11 @@ void TcpClientSm::closeTimeoutIs(Kiv::Time time) {
   closeTimeout.set(time);
 }
 
+void TcpClientSm::stableTimeIs(Kiv::Time time) {
+  if (time < Kiv::Time::zero()) throw Kiv::RangeException("TcpClientSm::stableTime < 0 not allowed");
+  stableTime.set(time);
+}
+
 const Kiv::TraceHandle& TcpClientSm::trace() const noexcept {
   return handle;
 }
@@ -56,17 +61,35 @@ void TcpClientSm::enabledIs(bool on) {
   drive(*this, on ? Event::enable : Event::disable);
 }
 
+void TcpClientSm::connectionDel() {
+  if (connection() && Kiv::activityLoop().now() - connectedAt_ >= stableTime()) backoffReset();
+  drive(*this, Event::lost);
+}
+
+void TcpClientSm::connectionDel(const Kiv::String& reason) {
+  Change change(this);
+  if (connection()) {
+    change.put(failures, failures() + 1);
+    failureIs(change, 0, reason.c_str());
+  }
+  drive(change, *this, Event::lost);
+}
+
+void TcpClientSm::connectionGood() noexcept {
+  if (connection()) backoffReset();
+}
+
 void TcpClientSm::close() {
   again_ = false;
   drive(*this, Event::close);
 }
 
 /// What the states do. Returns the event that follows at once, if any.
-std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
+std::optional<TcpClientSm::Event> TcpClientSm::enter(Change& change, State entered) {
   watchDel();
   deadlineDel();
   const std::unique_ptr<Try> former = std::move(try_);
-  if (entered != State::closing) put(connection, TcpFileDescriptor::PtrConst());
+  if (entered != State::closing) change.put(connection, TcpFileDescriptor::PtrConst());
   switch (entered) {
     case State::disabled:
       backoffReset();
@@ -74,15 +97,15 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
       clockDel();
       break;
     case State::connecting:
-      put(attempts, attempts() + 1);
-      return tryToConnect(true);
+      change.put(attempts, attempts() + 1);
+      return tryToConnect(change, true);
     case State::waiting:
       backoffDeadlineIs();
       break;
     case State::connected:
-      backoffReset();
-      put(connects, connects() + 1);
-      put(connection, former->socket);
+      connectedAt_ = Kiv::activityLoop().now();
+      change.put(connects, connects() + 1);
+      change.put(connection, former->socket);
       clockDel();
       break;
     case State::closing:
@@ -95,7 +118,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(State entered) {
 }
 
 /// Begins (`first`), or sees how it has gone; the event, if it is decided.
-std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
+std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(Change& change, bool first) {
   try {
     if (first) open();
     if (connectedNow()) return Event::established;
@@ -103,7 +126,9 @@ std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
       watchIs(try_->socket);
       try_->onWritable = Kiv::Reactor(watch()->writableCount, [this] {
         if (!prepared()) return;
-        if (const std::optional<Event> event = tryToConnect(false)) drive(*this, *event);
+        Change following(this);
+        if (const std::optional<Event> event = tryToConnect(following, false))
+          drive(following, *this, *event);
       });
       watch()->notifyOnWritableIs(true);
       watch()->enabledIs(true);
@@ -111,15 +136,15 @@ std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(bool first) {
     }
     return std::nullopt;
   } catch (...) {
-    put(failures, failures() + 1);
-    failureIs();
+    change.put(failures, failures() + 1);
+    failureIs(change);
     return Event::failed;
   }
 }
 
 void TcpClientSm::open() {
   // Attributes may have changed since the machine was enabled.
-  if (remoteAddr().isUnspecified() || remotePort() == 0) throw Kiv::ErrnoException(EDESTADDRREQ, "connect");
+  if (remoteAddr().isUnspecified() || remotePort() == 0) throw failed(EDESTADDRREQ, "connect");
   try_.reset(new Try{openSocket(remoteAddr().af(), edgeTriggered(), false), remoteAddr(), remotePort(), {}});
 }
 
@@ -131,27 +156,28 @@ bool TcpClientSm::connectedNow() const {
     if (!connectedToItself(fd, peer)) return true;
     const linger abort = {1, 0};  // or it would keep the port for a minute after it is closed
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
-    throw Kiv::ErrnoException(ECONNREFUSED, "connect");
+    throw failed(ECONNREFUSED, "connect");
   }
   if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR) return false;
-  throw Kiv::ErrnoException(errno, "connect");
+  throw failed(errno, "connect");
 }
 
 void TcpClientSm::handleClock() {
+  Change change(this);
   Event event = Event::clock;
   if (state() == State::connecting) {
     // What the kernel has decided, unseen so far, stands.
-    if (const std::optional<Event> decided = tryToConnect(false)) {
+    if (const std::optional<Event> decided = tryToConnect(change, false)) {
       event = *decided;
     } else {
-      put(timeouts, timeouts() + 1);
-      put(failures, failures() + 1);
-      failureIs(Kiv::ErrnoException(ETIMEDOUT, "connect"));
+      change.put(timeouts, timeouts() + 1);
+      change.put(failures, failures() + 1);
+      callFailed(change, ETIMEDOUT, "connect");
     }
   } else if (state() == State::closing) {
-    failureIs(Kiv::ErrnoException(ETIMEDOUT, "close"));
+    callFailed(change, ETIMEDOUT, "close");
   }
-  drive(*this, event);
+  drive(change, *this, event);
 }
 
 std::ostream& operator<<(std::ostream& out, TcpClientSm::State state) {

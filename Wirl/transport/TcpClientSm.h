@@ -65,6 +65,8 @@ class KIV_API TcpClientSm final : public TcpSm {
   KIV_ATTR_RARE_READ(Kiv::Time, connectTimeout, std::chrono::seconds(10))
   /// How long `close()` waits for the peer.
   KIV_ATTR_RARE_READ(Kiv::Time, closeTimeout, std::chrono::seconds(5))
+  /// A connection that lasted this long starts the back-off over.
+  KIV_ATTR_RARE_READ(Kiv::Time, stableTime, std::chrono::seconds(10))
   KIV_ATTR_READ(State, state, State::disabled)
   /// The connected socket, non-blocking; null unless `connected` or `closing`.
   KIV_ATTR_READ(TcpFileDescriptor::PtrConst, connection)
@@ -77,17 +79,24 @@ class KIV_API TcpClientSm final : public TcpSm {
   explicit TcpClientSm(Kiv::String name, Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> factory = {});
   ~TcpClientSm() override;
 
-  /// Throw `Kiv::RangeException` for a time that is not above zero.
+  /// Throw `Kiv::RangeException` for a time that is not above zero; `stableTime` may be zero.
   void connectTimeoutIs(Kiv::Time time);
   void closeTimeoutIs(Kiv::Time time);
+  void stableTimeIs(Kiv::Time time);
 
   bool enabled() const noexcept { return state() != State::disabled; }
   /// Begins to connect, or ends whatever is under way. Throws `Kiv::RangeException`, and stays disabled, when
   /// there is no remote address or port, or the local address is of the other family.
   void enabledIs(bool on);
-  /// The connection is of no more use: lets go of it and connects again, `backoffMin` from now, or ends when
+  /// Lets go of a connection that is of no more use and connects again when the back-off is over, or ends when
   /// `closing`. Does nothing without a connection.
-  void connectionDel() { drive(*this, Event::lost); }
+  void connectionDel();
+  /// The same for a connection that failed, as one whose peer accepts it and then refuses to talk: it counts in
+  /// `failures`, `reason` becomes `lastErrorReason` (`lastError` is 0), and the back-off goes on, however long
+  /// the connection lasted.
+  void connectionDel(const Kiv::String& reason);
+  /// The connection turned out well, for example since the peer has logged in: starts the back-off over.
+  void connectionGood() noexcept;
   /// Ends in order; see above. What the user has not given to the socket by then cannot be sent any more.
   void close();
 
@@ -117,12 +126,13 @@ class KIV_API TcpClientSm final : public TcpSm {
 
   friend class TcpSm;
 
-  std::optional<Event> enter(State entered);
-  std::optional<Event> tryToConnect(bool first);
+  std::optional<Event> enter(Change& change, State entered);
+  std::optional<Event> tryToConnect(Change& change, bool first);
   void open();
   bool connectedNow() const;
   void handleClock() override;
   const Kiv::TraceHandle& trace() const noexcept override;
+  std::pair<IpGenAddr, U16> endpoint() const override { return {remoteAddr(), remotePort()}; }
 
   /// One try to connect.
   struct Try {
@@ -133,6 +143,7 @@ class KIV_API TcpClientSm final : public TcpSm {
   };
   std::unique_ptr<Try> try_;  // while connecting
   bool again_ = false;        // enabled anew while closing
+  Kiv::Time connectedAt_{};
 };
 
 KIV_API std::ostream& operator<<(std::ostream& out, TcpClientSm::State state);

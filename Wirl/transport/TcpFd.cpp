@@ -72,14 +72,14 @@ TcpFileDescriptorEventRegistration::TcpFileDescriptorEventRegistration(
 TcpFileDescriptorEventRegistration::~TcpFileDescriptorEventRegistration() = default;
 
 void TcpFileDescriptorEventRegistration::handleReadable() {
-  KIV_ASSERT_AS(enabled(), "enabled()");
-  KIV_ASSERT_AS(notifyOnReadable(), "notifyOnReadable()");
+  KIV_ASSERT_AS(enabled(), "enabled()", name());
+  KIV_ASSERT_AS(notifyOnReadable(), "notifyOnReadable()", name());
   readableCountInc(1);
 }
 
 void TcpFileDescriptorEventRegistration::handleWritable() {
-  KIV_ASSERT_AS(enabled(), "enabled()");
-  KIV_ASSERT_AS(notifyOnWritable(), "notifyOnWritable()");
+  KIV_ASSERT_AS(enabled(), "enabled()", name());
+  KIV_ASSERT_AS(notifyOnWritable(), "notifyOnWritable()", name());
   writableCountInc(1);
 }
 

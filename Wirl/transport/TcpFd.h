@@ -81,6 +81,10 @@ class KIV_API TcpFileDescriptorEventRegistration : public Kiv::Entity {
   /// Disables the registration.
   void handleDel() { enabledIs(false); }
 
+  /// Counts one readable event in the loop's next pass, whatever the kernel says, if `notifyOnReadable` is still
+  /// on then. For owners that stop before they have read everything. False if the loop cannot do that, as here.
+  virtual bool readableAgain() { return false; }
+
  protected:
   virtual void handleEnabled() = 0;
   virtual void handleNotifyOnReadable() = 0;

@@ -77,6 +77,12 @@ void TcpFileDescriptorEventRegistrationKivc::handleNotifyOnWritable() {
   }
 }
 
+bool TcpFileDescriptorEventRegistrationKivc::readableAgain() {
+  if (!fileDesc()) return false;
+  fileDesc()->readableAgain();
+  return true;
+}
+
 TcpFileDescriptorEventRegistrationFactoryKivc::~TcpFileDescriptorEventRegistrationFactoryKivc() = default;
 
 Kiv::Ptr<TcpFileDescriptorEventRegistration>

@@ -35,6 +35,8 @@ class KIV_API TcpFileDescriptorEventRegistrationKivc final : public TcpFileDescr
   explicit TcpFileDescriptorEventRegistrationKivc(const TcpFileDescriptor::PtrConst& fileDescriptor);
   ~TcpFileDescriptorEventRegistrationKivc() override;
 
+  bool readableAgain() override;
+
   const Kiv::Ptr<TcpFileDescriptorEventRegistrationKivcSm>& sm() const noexcept { return sm_; }
 
  protected:

@@ -3,21 +3,22 @@
 
 #include <sys/uio.h>
 
-#include <memory>
+#include <cstdint>
 #include <ostream>
-#include <vector>
 
 #include "Wirl/transport/TcpKeepaliveOptions.h"
 #include "Wirl/transport/TcpPduPamBase.h"
-#include "Wirl/transport/detail/ReadAhead.h"
-#include "Wirl/transport/detail/SendQueue.h"
+#include "Wirl/transport/TcpPduPamReadReturn.h"
+#include "Wirl/transport/detail/PduReader.h"
+#include "Wirl/transport/detail/PduWriter.h"
+#include "Wirl/value/IpGenAddr.h"
 
 namespace Wirl {
 
-/// A piece of memory to be sent, as writev(2) has it.
+/// A piece of memory to send, as writev(2) takes it.
 using SocketIovec = struct ::iovec;
 
-/// In which directions a connection is used.
+/// The directions in which a connection is used.
 enum TcpPduPamEnableMode : U8 {
   tcpEnableModeNone = 0,
   tcpEnableModeReadWrite = 1,
@@ -27,19 +28,8 @@ enum TcpPduPamEnableMode : U8 {
 
 KIV_API std::ostream& operator<<(std::ostream& out, TcpPduPamEnableMode mode);
 
-/// What became of one read.
-struct KIV_API TcpPduPamReadReturn {
-  enum Result : U8 { error = 0, readMoreData = 1, waitForMoreData = 2, fullPduRead = 3 };
-
-  Result result = error;
-  Kiv::String reason;  // of an error
-
-  explicit operator bool() const noexcept { return result == fullPduRead; }
-  friend KIV_API std::ostream& operator<<(std::ostream& out, const TcpPduPamReadReturn& outcome);
-};
-
-/// Carries PDUs, messages that tell their own length, over one TCP connection: cuts the received stream into
-/// whole PDUs and sends whole packets. Derive from it and say where the length stands, in `getPduSize()`.
+/// Carries PDUs, messages that state their own length, over one TCP connection: cuts the received stream into
+/// whole PDUs and sends whole packets. Derive from it and implement `getPduSize()`.
 ///
 ///     socket ──readable──> [ header | body ... ]      recv() of what the PDU is known to lack, no octet more
 ///                                   │ whole
@@ -50,37 +40,40 @@ struct KIV_API TcpPduPamReadReturn {
 ///                        └─> a part: `writable` off, the rest kept, sent from that octet on at the next
 ///                            writable event ──> `writable` on, writableCount + 1
 ///
-/// Begin: `maxPduLengthIs` (0, as it is at first, accepts nothing), register reactors, then `enableModeIs`.
+/// To start: set `maxPduLength` (0, the default, accepts nothing), register reactors, then `enableModeIs`.
 ///
-/// Receiving. One readable event announces one PDU; the others that are there by then come with it. So a
-/// client pulls with `rxPkt()` until it gets null, inside its reactor to `readableCount`. Who stops earlier
-/// is told again only after the next null. `readOnePktOnly` is for clients that want one PDU an event. A PDU
-/// whose length field is below what the header takes is delivered as the header alone, and the next one
-/// begins behind it. One above `maxPduLength` ends the connection: the stream cannot be cut any more.
+/// Receiving. One readable event announces one PDU; the others that have arrived come with it. So a client
+/// pulls with `rxPkt()` until it gets null, inside its reactor to `readableCount`. A client that stops earlier
+/// is told again only after the next null. `readOnePktOnly` gives one PDU per event. After `rxBudget` PDUs of
+/// one event the pull gives null as well, and the next event comes in the loop's next pass. (On a loop without
+/// `readableAgain`, octets that were read ahead are exempt.) A PDU whose length field is below the header's
+/// length is delivered as the header alone, and the next one starts behind it. One above `maxPduLength` ends
+/// the connection, because the stream cannot be cut any more.
 ///
-/// Sending. Allowed while `writable()`; sending at another time ends the process. A packet handed over
-/// belongs to the Pam: its bytes must not be changed until `writable()` again and, with `txQueueLimit`,
-/// `txQueued()` is 0. With `txQueueLimit` set, packets are queued up to that many, and go out together: at
-/// the end of the readable event in whose reactor they were sent, else when the socket is next reported
-/// writable; `txFlush()` does it at once. `writable()` then tells whether the queue takes another one.
+/// Sending. Allowed while `writable()`; otherwise it ends the process. A packet handed over belongs to the
+/// Pam: its bytes must not change until `writable()` is on again and, with `txQueueLimit`, `txQueued()` is 0.
+/// With `txQueueLimit` set, up to that many packets are queued and go out together: at the end of the readable
+/// event in whose reactor they were sent, otherwise when the socket is next reported writable; `txFlush()`
+/// sends them at once. `writable()` then tells whether the queue has room.
 ///
-/// Failures throw nothing. The end of the stream and a failed read set `rxErrorReason`, and reading is over,
-/// while sending may go on; a PDU that was not whole is not delivered. A failed send sets `txErrorReason` and
-/// tears everything down, as `cleanup()` does; packets sent after it count as `txErrors`. The owner of the
-/// connection reacts to these attributes, and replaces the Pam.
+/// Failures throw nothing. The end of the stream and a failed read set `rxErrorReason`. All PDUs that arrived
+/// before are handed over first: the reason is set behind the reactor to `readableCount`, when the client has
+/// pulled them all. Reading is over then, while sending may go on; an incomplete PDU is not delivered. A failed
+/// send sets `txErrorReason` and tears everything down, as `cleanup()` does; packets sent later count in
+/// `txErrors`. The owner of the connection reacts to these attributes and replaces the Pam.
 ///
-/// What the loop refuses (memory to watch the socket with) is a failure of the direction, but for
-/// `enableModeIs`, which throws it and changes nothing.
+/// If the loop cannot watch the socket (no memory), the direction fails; `enableModeIs` throws instead and
+/// changes nothing.
 ///
-/// Modes. Switching to read-only while a packet is being sent waits until it is sent; to write-only while a
-/// PDU is being received, until it is there. No PDU is cut in two, also by switching to none: what was begun
-/// goes on when the direction is enabled again, and a packet in flight is finished in any mode.
+/// Modes. A switch to read-only waits until the packet in flight is sent, a switch to write-only until the PDU
+/// in reception is complete. No PDU is cut in two, not even by a switch to none: the rest follows when the
+/// direction is enabled again, and a packet in flight is finished in any mode.
 ///
 /// Memory. A Pam between two PDUs holds no packet and no buffer.
 ///
-/// Reactors may switch modes, send, clean up or let go of the Pam at any point. What one throws leaves
-/// through the caller or the loop, and no PDU is lost: pull on until null. Single-threaded, on the loop that
-/// watches the socket.
+/// Re-entrancy. Reactors may switch modes, send, clean up or drop the Pam at any point, and so may
+/// `getPduSize()`. An exception from a reactor leaves through the caller or the loop, and no PDU is lost: pull
+/// until null. Single-threaded, on the loop that watches the socket.
 class KIV_API TcpPduPam : public TcpPduPamBase {
  public:
   KIV_ENTITY(TcpPduPam, TcpPduPamBase)
@@ -88,7 +81,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_READ(TcpPduPamEnableMode, enableMode, tcpEnableModeNone)
   KIV_ATTR_DERIVED(TcpPduPamEnableMode, pendingEnableReadOnlyOrWriteOnlyMode)
   KIV_ATTR_READ(bool, initialized, false)
-  KIV_ATTR_HOOK(TcpKeepaliveOptions, keepaliveOpts, keepaliveDisabled, handleKeepaliveOptions)
+  KIV_ATTR_RARE_READ(TcpKeepaliveOptions, keepaliveOpts, keepaliveDisabled)
   KIV_ATTR(U16, maxPduLength, 0)
   KIV_ATTR(bool, readOnePktOnly, false)
   KIV_ATTR(bool, readAhead, false)
@@ -98,7 +91,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_RARE_READ(Kiv::String, rxErrorReason)
   KIV_ATTR_RARE_READ(Kiv::String, txErrorReason)
   KIV_ATTR_RARE_READ(Kiv::String, tcpOptErrorReason)
-  KIV_ATTR_COUNTER(U32, tcpOptErrors)
+  KIV_ATTR_RARE_READ(U32, tcpOptErrors)
   KIV_ATTR_DERIVED(Pkt::Ptr, rxPktHolderShadow)
   KIV_ATTR_DERIVED(U16, rxRemainingLength)
   KIV_ATTR_DERIVED(Pkt::Ptr, txPktHolderShadow)
@@ -106,11 +99,14 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_DERIVED(U32, txQueued)
   KIV_ATTR_DERIVED(U16, txRemainingLength)
   KIV_ATTR_READ(U16, writeLength, 0)
+  KIV_ATTR_DERIVED(IpGenAddr, peerAddr)
+  KIV_ATTR_DERIVED(U16, peerPort)
 
-  /// For a connected socket; attaches it to the factory's loop. Throws `Kiv::ErrnoException` when that
-  /// refuses.
+  /// For a connected socket; attaches it to the factory's loop. Traces print the name. Throws
+  /// `Kiv::ErrnoException` if the loop cannot watch the socket.
   TcpPduPam(const TcpFileDescriptor::PtrConst& descriptor,
-            const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory);
+            const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory,
+            Kiv::String name = "TcpPduPam");
   ~TcpPduPam() override;
 
  protected:
@@ -124,17 +120,20 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
  public:
   /// Names the class in `dumpState`.
   virtual Kiv::String formatDerivedType() const;
-  /// Octets that the current PDU needs, by what has arrived of it in `rxPktHolderShadow()`: its length, or
-  /// what it takes to tell (the header's length). Asked before anything has arrived, and again after each
-  /// read. A derived class supplies it; it must be above 0 at first.
+  /// Octets that the current PDU needs, judging by what `rxPktHolderShadow()` holds of it: its length, or the
+  /// header's length while that is not known. Asked before anything has arrived and again after each read. A
+  /// derived class implements it, and returns more than 0 at first. Return `pduSize(...)` where the length
+  /// field is wider than 16 bits.
   virtual U16 getPduSize();
   virtual void dumpDerivedState(std::ostream& out) const;
 
   /// Switches the directions; see above. A value that is no mode, and a read-only or write-only request while
-  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, when the
-  /// loop refuses to watch the socket.
+  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, if the loop
+  /// cannot watch the socket.
   void enableModeIs(TcpPduPamEnableMode mode);
   TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const noexcept { return pendingMode_; }
+  /// Applies the options to the socket. A failure counts in `tcpOptErrors`.
+  void keepaliveOptsIs(TcpKeepaliveOptions options);
   /// True for any mode but none. Setting it enables both directions, unless one is enabled already, or none.
   void enabledIs(bool on);
   bool readModeEnabled() const noexcept {
@@ -145,10 +144,10 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   }
 
   /// Sends the gathered pieces as one stretch of the stream, of any length, under the rules of `txPktIs`.
-  /// When `writable()` is off on return, the memory of the pieces (not `iov` itself) must stay as it is until
-  /// it is on again; with `txQueueLimit` they are copied.
+  /// If `writable()` is off on return, the memory of the pieces (not `iov` itself) must stay as it is until it
+  /// is on again; with `txQueueLimit` they are copied.
   void txIovIs(const SocketIovec* iov, U16 iovLen);
-  /// Sends what is queued, as far as the socket takes it.
+  /// Sends queued packets, as many as the socket takes.
   void txFlush();
 
   /// Reads until a PDU is whole and held (true), or there is nothing more to read.
@@ -156,101 +155,105 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Reads once.
   TcpPduPamReadReturn readFromSocket();
 
-  /// Lets go of the registration, of what is being received and sent, and of the state machine. The socket
+  /// Drops the registration, the PDUs and packets in reception and in flight, and the state machine. The socket
   /// stays open for as long as someone holds the descriptor.
   void cleanup();
 
   void handleSocketReadable() override;
   void handleSocketWritable() override;
 
-  /// Writes all attributes, and what a derived class adds.
+  /// Writes all attributes and the additions of a derived class.
   void dumpState(std::ostream& out) const;
 
   /// The PDU in reception; while `readable()`, whole.
-  const Pkt::Ptr& rxPktHolderShadow() const noexcept { return rxPktHolderShadow_; }
+  const Pkt::Ptr& rxPktHolderShadow() const noexcept { return reader_.pdu(); }
   /// Octets that the PDU in reception is known to lack.
-  U16 rxRemainingLength() const noexcept { return rxRemainingLength_; }
+  U16 rxRemainingLength() const noexcept { return reader_.lacks(); }
   /// The packet that was sent in part.
-  const Pkt::Ptr& txPktHolderShadow() const noexcept { return txPktHolderShadow_; }
+  const Pkt::Ptr& txPktHolderShadow() const noexcept { return writer_.pkt(); }
   /// The rest of the pieces that were sent in part; null when there is none.
-  const SocketIovec* txIovHolderShadow() const noexcept { return txIov_ ? txIov_->data() : nullptr; }
-  U16 txIovLenHolderShadow() const noexcept { return txIov_ ? static_cast<U16>(txIov_->size()) : 0; }
-  U32 txQueued() const noexcept { return txQueue_.size(); }
-  /// Octets that the packet or the pieces sent in part lack; 65535 when there are more.
-  U16 txRemainingLength() const noexcept {
-    return txRemaining_ > 0xffff ? U16{0xffff} : static_cast<U16>(txRemaining_);
+  const SocketIovec* txIovHolderShadow() const noexcept {
+    return writer_.pieces() ? writer_.pieces()->data() : nullptr;
   }
+  U16 txIovLenHolderShadow() const noexcept {
+    return writer_.pieces() ? static_cast<U16>(writer_.pieces()->size()) : U16{0};
+  }
+  U32 txQueued() const noexcept { return writer_.queued(); }
+  /// Octets that are left of the packet or the pieces sent in part; 65535 if there are more.
+  U16 txRemainingLength() const noexcept {
+    return writer_.remaining() > 0xffff ? U16{0xffff} : static_cast<U16>(writer_.remaining());
+  }
+  /// The other end, as it was when the Pam was made; `ipunknown` if the socket had none. The port is in host
+  /// order.
+  const IpGenAddr& peerAddr() const noexcept { return peerAddr_; }
+  U16 peerPort() const noexcept { return peerPort_; }
 
  protected:
+  /// For `getPduSize()`: `header` + `length` octets, as a length field of any width says. More than 65,535 end
+  /// the connection with "PDU length too big", like anything above `maxPduLength`.
+  U16 pduSize(std::uint64_t length, U16 header = 0) noexcept;
+
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
   void doGetRxPkt() override;
 
  private:
+  using Outcome = detail::PduReader::Outcome;
+  friend std::ostream& operator<<(std::ostream& out, const TcpPduPam& pam);
+
+  // TcpPduPam.cpp: beginning and end, modes.
   void handleInitialized();
   void handleKeepaliveOptions();
-  void handleTxQueueLimit();
-
-  void modeStore(TcpPduPamEnableMode mode);
-  void modeTell(bool change);
+  void drop() noexcept;
+  void tearDown(Change& change);
+  void modeStore(Change& change, TcpPduPamEnableMode mode);
+  void modeTell(Change& change);
   void pendingModeApply();
   void pendingWriteOnlyApply();
   void readNotificationSet();
   void writeNotificationSet();
   void readNotificationUpdate(bool anew = false);
   void writeNotificationUpdate(bool anew = false);
+
+  // TcpPduPamReceive.cpp
+  bool withinBudget() const noexcept { return rxBudget() == 0 || pdusOfEvent_ < rxBudget(); }
+  bool receiving() const noexcept { return reader_.pdu() && !readable(); }
   void readableSet(bool value);
-  void writableSet(bool value);
-  bool writeLengthStore(std::size_t length);
-  void writeLengthTell();
-
-  /// What one read came to; `reason` is null unless it failed, `error` an errno behind it.
-  struct ReadOutcome {
-    TcpPduPamReadReturn::Result result;
-    int error = 0;
-    const char* reason = nullptr;
-    TcpPduPamReadReturn value() const;
-  };
-  void traceOutcome(const ReadOutcome& outcome) const;
-  void traceRead(U16 total, ssize_t count) const;
-  void traceSize(U16 total) const;
-  void tracePdu() const;
+  Outcome readOnce();
   bool readPdu();
-  ReadOutcome readOnce();
-  void startPdu();
   void readOn();
-  ssize_t receive(U8* to, U16 length);
-  bool receiving() const noexcept { return rxPktHolderShadow_ && !readable(); }
-  void handleReadError(const ReadOutcome& outcome);
+  void readEvent();
+  bool offerRest();
+  void handleReadError(const Outcome& outcome);
+  void endTell();
+  void traceRead(const Outcome& outcome, U16 lacked) const;
+  void traceNotPulled();
 
-  bool inFlight() const noexcept { return txPktHolderShadow_ || txIov_; }
-  bool blocked() const noexcept { return txBlocked_ || inFlight(); }
-  bool sending() const noexcept { return blocked() || !txQueue_.empty(); }
+  // TcpPduPamSend.cpp
   bool roomToSend() const noexcept;
-  void sendRestOfPkt();
-  void sendRestOfIov(const SocketIovec* iov, std::size_t count);
-  int sendPieces(const SocketIovec* iov, std::size_t iovLen);
+  void handleTxQueueLimit();
+  void writableSet(bool value);
+  void sendRest();
+  void follow(const detail::PduWriter::Sent& sent, const char* rest, std::size_t left);
   void enqueue(const Pkt& pkt);
   void writeCompleteAndSpaceAvailable();
   void spaceAvailable();
-  void outOfWriteSpace();
   void handleWriteError(int error);
-  void drop() noexcept;
 
-  Pkt::Ptr rxPktHolderShadow_;
-  Pkt::Ptr pulled_;  // kept here while it is on its way, should a reactor throw
-  detail::ReadAhead ahead_;
-  Pkt::Ptr txPktHolderShadow_;
-  Pkt::SharedBuffer::Ptr txBuffer_;  // of that packet, whatever its holders do with it
-  const U8* txNext_ = nullptr;       // in there
-  std::unique_ptr<std::vector<SocketIovec>> txIov_;
-  detail::SendQueue txQueue_;
-  std::size_t txRemaining_ = 0;
-  U16 rxRemainingLength_ = 0;
+  detail::PduReader reader_;
+  detail::PduWriter writer_;
+  Pkt::Ptr pulled_;            // kept here while it is on its way, in case a reactor throws
+  const char* end_ = nullptr;  // why reading is over, while nobody has been told
+  int endError_ = 0;           // errno, appended
+  IpGenAddr peerAddr_;
+  U16 peerPort_ = 0;
   TcpPduPamEnableMode pendingMode_ = tcpEnableModeNone;
   bool inReadEvent_ = false;
   bool readAgain_ = false;  // before that is over
   bool inPull_ = false;
-  bool txBlocked_ = false;  // the queue has met a full socket
+  bool txFailed_ = false;
+  U32 modeTurn_ = 0;         // of switching modes
+  U32 pdusOfEvent_ = 0;      // handed over since the last readable event
+  U32 eventsNotPulled_ = 0;  // while a PDU was held
 };
 
 }  // namespace Wirl

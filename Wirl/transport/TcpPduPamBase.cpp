@@ -8,18 +8,19 @@
 namespace Wirl {
 
 TcpPduFdSm::TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam)
-    : pam_(pam), onReadable_(fd.readableCount, [this] { pam_.socketReadableCountInc(1); }) {}
+    : pam_(pam), onReadable_(fd.readableCount, [this] { pam_.socketReadable(); }) {}
 
 TcpPduFdSm::~TcpPduFdSm() = default;
 
 void TcpPduFdSm::writableIsWatched() {
   if (onWritable_.registered()) return;
-  onWritable_ = Kiv::Reactor(pam_.fd()->writableCount, [this] { pam_.socketWritableCountInc(1); });
+  onWritable_ = Kiv::Reactor(pam_.fd()->writableCount, [this] { pam_.socketWritable(); });
 }
 
 TcpPduPamBase::TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
-                             const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory)
-    : Pam("TcpPduPam"), fileDescriptor_(descriptor), fdFactory_(factory) {
+                             const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory,
+                             Kiv::String name)
+    : Pam(std::move(name)), fileDescriptor_(descriptor), fdFactory_(factory) {
   KIV_ASSERT_AS(fileDescriptor_, "fileDescriptor");
   KIV_ASSERT_AS(fdFactory_, "fdFactory");
   const auto registration = fdFactory_->createEventRegistration(fileDescriptor_);
@@ -29,6 +30,20 @@ TcpPduPamBase::TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
 
 TcpPduPamBase::~TcpPduPamBase() {
   fdIs(nullptr);
+}
+
+void TcpPduPamBase::socketReadable() {
+  const auto alive = Kiv::keepAlive(this);
+  socketReadableCount.store(socketReadableCount() + 1);
+  handleSocketReadable();
+  socketReadableCount.notifiees().notify();
+}
+
+void TcpPduPamBase::socketWritable() {
+  const auto alive = Kiv::keepAlive(this);
+  socketWritableCount.store(socketWritableCount() + 1);
+  handleSocketWritable();
+  socketWritableCount.notifiees().notify();
 }
 
 void TcpPduPamBase::fdIs(const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd) {

@@ -9,13 +9,13 @@ namespace Wirl {
 
 class TcpPduPamBase;
 
-/// Turns the counts of a registration into those of its Pam.
+/// Turns the events of a registration into calls of its Pam.
 class KIV_API TcpPduFdSm final : public Kiv::PtrInterface {
  public:
   TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam);
   ~TcpPduFdSm() override;
 
-  /// Reacts to writable events from now on. Most connections never ask for one, and spare the reactor.
+  /// Reacts to writable events from now on. Most connections never ask for one and save the reactor.
   void writableIsWatched();
 
  private:
@@ -25,6 +25,8 @@ class KIV_API TcpPduFdSm final : public Kiv::PtrInterface {
 };
 
 /// A Pam over a connected, non-blocking TCP socket, on whatever event loop the factory stands for.
+///
+///     loop ──> registration: readableCount ──> TcpPduFdSm ──> handleSocketReadable()
 class KIV_API TcpPduPamBase : public Pam {
  public:
   KIV_ENTITY(TcpPduPamBase, Pam)
@@ -32,10 +34,8 @@ class KIV_API TcpPduPamBase : public Pam {
   KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>, fdFactory)
   KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistration>, fd)
   KIV_ATTR_DERIVED(Kiv::Ptr<TcpPduFdSm>, tcpPduFdSm)
-  KIV_ATTR_HOOK(U32, socketReadableCount, 0, handleSocketReadable)
-  KIV_ATTR_INC(U32, socketReadableCount)
-  KIV_ATTR_HOOK(U32, socketWritableCount, 0, handleSocketWritable)
-  KIV_ATTR_INC(U32, socketWritableCount)
+  KIV_ATTR_READ(U32, socketReadableCount, 0)
+  KIV_ATTR_READ(U32, socketWritableCount, 0)
 
   ~TcpPduPamBase() override;
 
@@ -53,12 +53,17 @@ class KIV_API TcpPduPamBase : public Pam {
 
  protected:
   TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
-                const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory);
+                const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory, Kiv::String name);
 
   /// Replaces the registration and what reacts to it; null lets go of both.
   void fdIs(const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd);
 
  private:
+  friend class TcpPduFdSm;
+
+  void socketReadable();
+  void socketWritable();
+
   const TcpFileDescriptor::PtrConst fileDescriptor_;
   const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory> fdFactory_;
   Kiv::Ptr<TcpFileDescriptorEventRegistration> fd_;

@@ -47,8 +47,8 @@ bool endsTheSocket(int error) {
 /// More of those in a row, and the machine pauses.
 constexpr int kFailuresInARow = 64;
 
-/// More connections than those of one event wait for the next.
-constexpr U32 kAcceptsOfEvent = 256;
+/// Readable events without an accept() after which a trace says so.
+constexpr U32 kEventsNotAccepted = 1000;
 
 }  // namespace
 
@@ -92,15 +92,15 @@ void TcpServerSm::enabledIs(bool on) {
 }
 
 /// What the states do. Returns the event that follows at once, if any.
-std::optional<TcpServerSm::Event> TcpServerSm::enter(State entered) {
+std::optional<TcpServerSm::Event> TcpServerSm::enter(Change& change, State entered) {
   watchDel();
   onReadable_.drop();
   deadlineDel();
   switch (entered) {
     case State::opening:
-      return open();
+      return open(change);
     case State::listening:
-      return listen();
+      return listen(change);
     case State::full:
       break;
     case State::paused:
@@ -109,63 +109,84 @@ std::optional<TcpServerSm::Event> TcpServerSm::enter(State entered) {
     case State::waiting:
       backoffDeadlineIs();
       socket_ = nullptr;
-      put(listeningPort, U16{0});
+      change.put(listeningPort, U16{0});
       break;
     case State::disabled:
       backoffReset();
       clockDel();
       socket_ = nullptr;
-      put(listeningPort, U16{0});
+      change.put(listeningPort, U16{0});
       break;
   }
   return std::nullopt;
 }
 
-std::optional<TcpServerSm::Event> TcpServerSm::open() {
+std::optional<TcpServerSm::Event> TcpServerSm::open(Change& change) {
   try {
-    if (localAddr().af() == AddressFamily::ipunknown) throw Kiv::ErrnoException(EAFNOSUPPORT, "bind");
+    if (localAddr().af() == AddressFamily::ipunknown) throw failed(EAFNOSUPPORT, "bind");
     socket_ = openSocket(localAddr().af(), false, true);
     const int queue = static_cast<int>(std::min(backlog(), U32{INT_MAX}));
-    if (::listen(socket_->descriptor(), queue) < 0) throw Kiv::ErrnoException(errno, "listen");
+    if (::listen(socket_->descriptor(), queue) < 0) throw failed(errno, "listen");
   } catch (...) {
-    put(openErrors, openErrors() + 1);
-    failureIs();
+    change.put(openErrors, openErrors() + 1);
+    failureIs(change);
     return Event::failed;
   }
   backoffReset();
   detail::SockAddr local;
   getsockname(socket_->descriptor(), local.get(), &local.length());
-  put(listeningPort, local.port());
+  change.put(listeningPort, local.port());
   return Event::opened;
 }
 
-std::optional<TcpServerSm::Event> TcpServerSm::listen() {
+std::optional<TcpServerSm::Event> TcpServerSm::listen(Change& change) {
   if (openConnections() >= maxConnections()) return Event::limit;
   try {
     watchIs(socket_);
     acceptedOfEvent_ = 0;
     onReadable_ = Kiv::Reactor(watch()->readableCount, [this] {
-      if (!prepared()) return;
-      const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
-      acceptedOfEvent_ = 0;
-      put(readableCount, readableCount() + 1);
-      notifyChanged();
+      if (prepared()) readableEvent();
     });
     watch()->notifyOnReadableIs(true);
     watch()->enabledIs(true);
   } catch (...) {
-    put(acceptErrors, acceptErrors() + 1);
-    failureIs();
+    change.put(acceptErrors, acceptErrors() + 1);
+    failureIs(change);
     return Event::exhausted;
   }
   return std::nullopt;
 }
 
+/// What is accepted in an event is told at its end: then every connection has its owner, whatever reactors throw.
+void TcpServerSm::readableEvent() {
+  Change change(this);
+  const struct End {
+    Change*& ofEvent;
+    ~End() { ofEvent = nullptr; }
+  } end{ofEvent_};
+  ofEvent_ = &change;
+  acceptedOfEvent_ = 0;
+  if (eventsNotAccepted_ < kEventsNotAccepted && ++eventsNotAccepted_ == kEventsNotAccepted) {
+    KIV_TRACE(trace(), 0) << name() << ": " << kEventsNotAccepted
+                          << " readable events and nobody called accept()";
+  }
+  change.run([this] { readableCountInc(1); });
+  change.tell();
+}
+
 TcpServerConnection::PtrConst TcpServerSm::accept() {
-  const Kiv::Ptr<TcpServerSm> alive(references() > 0 ? this : nullptr);
-  notifyChanged();
+  eventsNotAccepted_ = 0;
   prepare();
-  for (int failed = 0; state() == State::listening && acceptedOfEvent_ < kAcceptsOfEvent;) {
+  if (ofEvent_ && !accepted_) return acceptNext(*ofEvent_);
+  Change change(this);
+  if (!accepted_) accepted_ = acceptNext(change);
+  change.tell();
+  return std::exchange(accepted_, nullptr);
+}
+
+TcpServerConnection::PtrConst TcpServerSm::acceptNext(Change& change) {
+  const auto withinBudget = [this] { return acceptBudget() == 0 || acceptedOfEvent_ < acceptBudget(); };
+  for (int failures = 0; state() == State::listening && withinBudget();) {
     detail::SockAddr peer;
     // Not by TcpFileDescriptor::socketAccept(): the peer's address comes with the call.
     const int fd = accept4(socket_->descriptor(), peer.get(), &peer.length(), SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -176,8 +197,8 @@ TcpServerConnection::PtrConst TcpServerSm::accept() {
         KIV_TRACE(trace(), 5) << name() << ": " << peer.address() << " port " << peer.port()
                               << " accepted as " << fd;
         ++acceptedOfEvent_;
-        put(accepted, accepted() + 1);
-        if (openConnections() >= maxConnections()) step(*this, Event::limit);
+        change.put(accepted, accepted() + 1);
+        if (openConnections() >= maxConnections()) step(change, *this, Event::limit);
         return connection;
       }
       ::close(fd);
@@ -185,15 +206,14 @@ TcpServerConnection::PtrConst TcpServerSm::accept() {
     }
     const int error = errno;
     if (error == EAGAIN) break;
-    put(acceptErrors, acceptErrors() + 1);
-    failureIs(Kiv::ErrnoException(error, "accept"));
+    change.put(acceptErrors, acceptErrors() + 1);
+    callFailed(change, error, "accept");
     if (endsTheSocket(error)) {
-      step(*this, Event::failed);
-    } else if (!concernsOne(error) || ++failed == kFailuresInARow) {
-      step(*this, Event::exhausted);
+      step(change, *this, Event::failed);
+    } else if (!concernsOne(error) || ++failures == kFailuresInARow) {
+      step(change, *this, Event::exhausted);
     }
   }
-  notifyChanged();
   return nullptr;
 }
 

@@ -64,8 +64,8 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 /// `readableCount` goes up while connections wait; as with a Pam the client pulls until null, inside its
 /// reactor. As long as it does not it is told again with every pass of the loop, which then never sleeps: an
 /// enabled server needs somebody who accepts. To let connections wait, set `maxConnections` to what is open, or
-/// to 0. After 256 connections of one event `accept()` gives null too, so that a flood of them leaves the rest
-/// of the loop its turn; the next event follows.
+/// to 0. After `acceptBudget` connections of one event `accept()` gives null too, so that a flood of them leaves
+/// the rest of the loop its turn; the next event follows.
 ///
 /// With `maxConnections` open the machine stops listening for events, not at the port: further connections are
 /// completed by the kernel and wait in its queue, of `backlog`, until one of the open ones is closed; what the
@@ -91,6 +91,8 @@ class KIV_API TcpServerSm final : public TcpSm {
   KIV_ATTR(U32, backlog, 128)
   /// Connections that may be open at a time; may change at any time, and closes none that is open.
   KIV_ATTR_HOOK(U32, maxConnections, 0xffffffff, handleMaxConnections)
+  /// Connections that one event gives; 0: no bound.
+  KIV_ATTR(U32, acceptBudget, 256)
   KIV_ATTR_READ(Kiv::Time, acceptPause, std::chrono::milliseconds(100))
   KIV_ATTR_READ(State, state, State::disabled)
   /// The local port in use (host order), also when the system chose it; 0 unless the port is open.
@@ -113,9 +115,9 @@ class KIV_API TcpServerSm final : public TcpSm {
   /// no family.
   void enabledIs(bool on);
 
-  /// The next connection that waits, non-blocking; null when there is none, or none may be accepted now. What
-  /// it changes is told by the next call, at the latest at the end of the event: a reactor that throws thus
-  /// leaves no connection without an owner.
+  /// The next connection that waits, non-blocking. Null if there is none, or none may be accepted now. Reactors
+  /// are told of what it changes at the end of the readable event. Outside of an event they are told at once; if
+  /// one throws, the next call returns the connection.
   TcpServerConnection::PtrConst accept();
   /// Connections handed over that somebody still holds.
   U32 openConnections() const noexcept { return counter_->open; }
@@ -147,16 +149,22 @@ class KIV_API TcpServerSm final : public TcpSm {
 
   friend class TcpSm;
 
-  std::optional<Event> enter(State entered);
-  std::optional<Event> open();
-  std::optional<Event> listen();
+  std::optional<Event> enter(Change& change, State entered);
+  std::optional<Event> open(Change& change);
+  std::optional<Event> listen(Change& change);
+  TcpServerConnection::PtrConst acceptNext(Change& change);
+  void readableEvent();
   void connectionClosed() noexcept;
   void handleMaxConnections();
   void handleClock() override { drive(*this, Event::clock); }
   const Kiv::TraceHandle& trace() const noexcept override;
+  std::pair<IpGenAddr, U16> endpoint() const override { return {localAddr(), localPort()}; }
 
-  TcpFileDescriptor::PtrConst socket_;  // from opening to disabled
+  TcpFileDescriptor::PtrConst socket_;      // from opening to disabled
+  TcpServerConnection::PtrConst accepted_;  // on its way to the caller
+  Change* ofEvent_ = nullptr;               // of the event in progress
   U32 acceptedOfEvent_ = 0;
+  U32 eventsNotAccepted_ = 0;
   const Kiv::Ptr<TcpServerConnection::Counter> counter_;
   Kiv::Reactor onReadable_;
 };

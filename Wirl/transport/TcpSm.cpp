@@ -12,6 +12,8 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -21,9 +23,6 @@
 namespace Wirl {
 
 namespace {
-
-/// Attributes that one transition may change.
-constexpr std::size_t kMostChanges = 8;
 
 /// Until an event is tried again for which there was no memory.
 constexpr Kiv::Time kMemoryPause = std::chrono::milliseconds(100);
@@ -40,7 +39,9 @@ TcpSm::TcpSm(Kiv::String name, Factory factory) : Entity(std::move(name)), facto
   Kiv::activityLoop();
 }
 
-TcpSm::~TcpSm() = default;
+TcpSm::~TcpSm() {
+  watchDel();
+}
 
 void TcpSm::checkPositive(Kiv::Time time, const char* text) {
   if (time <= Kiv::Time::zero()) throw Kiv::RangeException(text);
@@ -58,9 +59,9 @@ void TcpSm::backoffMaxIs(Kiv::Time time) {
 
 TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool server) const {
   TcpFileDescriptor::PtrConst socket = TcpFileDescriptor::socket(af, netNs(), edge);
-  if (!socket) throw Kiv::ErrnoException(errno, "socket");
-  const auto check = [](int result, const char* call) {
-    if (result != 0) throw Kiv::ErrnoException(errno, call);
+  if (!socket) throw failed(errno, "socket");
+  const auto check = [this](int result, const char* call) {
+    if (result != 0) throw failed(errno, call);
   };
   const auto switchOn = [&socket](int level, int option) {
     const int on = 1;
@@ -73,13 +74,13 @@ TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool 
     check(switchOn(IPPROTO_IPV6, IPV6_V6ONLY), "setsockopt(IPV6_V6ONLY)");
   }
   if (!interface().empty()) {
-    if (interface().bytes() >= IFNAMSIZ) throw Kiv::ErrnoException(ENODEV, "setsockopt(SO_BINDTODEVICE)");
+    if (interface().bytes() >= IFNAMSIZ) throw failed(ENODEV, "setsockopt(SO_BINDTODEVICE)");
     check(setsockopt(socket->descriptor(), SOL_SOCKET, SO_BINDTODEVICE, interface().c_str(),
                      static_cast<socklen_t>(interface().bytes())),
           "setsockopt(SO_BINDTODEVICE)");
   }
   const bool addressed = localAddr().af() != AddressFamily::ipunknown;
-  if (addressed && localAddr().af() != af) throw Kiv::ErrnoException(EAFNOSUPPORT, "bind");
+  if (addressed && localAddr().af() != af) throw failed(EAFNOSUPPORT, "bind");
   if (!addressed && localPort() == 0) return socket;
   // The port that the system chooses for a client need only be free for the one destination; where an old
   // kernel does not know this, ports run short earlier.
@@ -91,17 +92,26 @@ TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool 
 
 U32 TcpSm::scopeOf(const TcpFileDescriptor& socket) const noexcept {
   ifreq device{};
-  if (interface().empty() || interface().bytes() >= sizeof(device.ifr_name)) return 0;
-  std::copy(interface().begin(), interface().end(), device.ifr_name);
-  return ioctl(socket.descriptor(), SIOCGIFINDEX, &device) < 0 ? 0 : static_cast<U32>(device.ifr_ifindex);
+  const std::string_view name(interface().c_str(), interface().bytes());
+  const bool found = !name.empty() && detail::deviceIs(socket.descriptor(), SIOCGIFINDEX, name, device);
+  return found ? static_cast<U32>(device.ifr_ifindex) : 0;
 }
 
 void TcpSm::watchIs(const TcpFileDescriptor::PtrConst& socket) {
   watch_ = (factory_ ? *factory_ : activityLoopFactory()).createEventRegistration(socket);
 }
 
+void TcpSm::watchDel() noexcept {
+  const auto former = std::exchange(watch_, nullptr);
+  if (!former) return;
+  try {
+    former->handleDel();
+  } catch (...) {
+    // It is detached as far as its loop can do that; nobody reacts to it any more.
+  }
+}
+
 void TcpSm::prepare() {
-  changed_.reserve(kMostChanges);
   if (clock_) return;
   const auto clock = Kiv::makePtr<Kiv::Clock>(name());
   onClock_ = Kiv::Reactor(clock->expiredCount, [this] {
@@ -124,6 +134,10 @@ void TcpSm::deadlineIs(Kiv::Time delay) noexcept {
   clock_->timeMinIs(Kiv::timeAfter(clock_->loop().now(), delay));
 }
 
+void TcpSm::backoffDeadlineIs() noexcept {
+  deadlineIs(detail::jittered(backoff_.next(backoffMin(), backoffMax()), backoffJitter()));
+}
+
 void TcpSm::deadlineDel() noexcept {
   if (clock_) clock_->timeMinIs(Kiv::timeInfinite);
 }
@@ -133,52 +147,61 @@ void TcpSm::clockDel() noexcept {
   clock_ = nullptr;
 }
 
-void TcpSm::failureIs(int error, const char* reason) noexcept {
+Kiv::ErrnoException TcpSm::failed(int error, const char* call) const {
+  const auto [address, port] = endpoint();
+  const bool ipv6 = address.af() == AddressFamily::ipv6;
+  std::string context;
+  if (address.af() != AddressFamily::ipunknown) {
+    const std::string text(address.stringValue());
+    context = (ipv6 ? '[' + text + ']' : text) + ':' + std::to_string(port) + ' ';
+  }
+  if (!interface().empty()) context += "at " + std::string(interface()) + ' ';
+  return Kiv::ErrnoException(error, call, context + "in " + std::string(netNs().stringValue()));
+}
+
+void TcpSm::failureIs(Change& change, const Kiv::ErrnoException& failure) noexcept {
+  KIV_TRACE(trace(), 0) << name() << ": " << failure.what();
   try {
-    KIV_TRACE(trace(), 0) << name() << ": " << reason;
-    put(lastError, error);
-    put(lastErrorReason, Kiv::String(reason));
+    change.put(lastError, failure.error());
+    change.put(lastErrorReason,
+               Kiv::String(std::string(failure.message()) + ": " + Kiv::errorText(failure.error()).c_str()));
   } catch (const std::bad_alloc&) {
     // It failed all the same.
   }
 }
 
-void TcpSm::failureIs() noexcept {
+void TcpSm::failureIs(Change& change, int error, const char* reason) noexcept {
+  KIV_TRACE(trace(), 0) << name() << ": " << reason;
+  try {
+    change.put(lastError, error);
+    change.put(lastErrorReason, Kiv::String(reason));
+  } catch (const std::bad_alloc&) {
+    // It failed all the same.
+  }
+}
+
+void TcpSm::callFailed(Change& change, int error, const char* call) noexcept {
+  try {
+    failureIs(change, failed(error, call));
+  } catch (const std::bad_alloc&) {
+    failureIs(change, error, call);
+  }
+}
+
+void TcpSm::failureIs(Change& change) noexcept {
   try {
     throw;
   } catch (const Kiv::ErrnoException& failure) {
-    failureIs(failure);
+    failureIs(change, failure);
   } catch (const std::system_error& failure) {
-    failureIs(failure.code().value(), failure.what());
+    failureIs(change, failure.code().value(), failure.what());
   } catch (const std::bad_alloc&) {
-    failureIs(ENOMEM, "Cannot allocate memory");
+    failureIs(change, ENOMEM, "Cannot allocate memory");
   } catch (const std::exception& failure) {
-    failureIs(0, failure.what());
+    failureIs(change, 0, failure.what());
   } catch (...) {
-    failureIs(0, "unknown exception");
+    failureIs(change, 0, "unknown exception");
   }
-}
-
-void TcpSm::changed(Kiv::NotifieeList& notifiees) {
-  if (std::find(changed_.begin(), changed_.end(), &notifiees) == changed_.end()) {
-    changed_.push_back(&notifiees);
-  }
-}
-
-void TcpSm::notifyChanged() {
-  const Kiv::Ptr<TcpSm> alive(references() > 0 ? this : nullptr);
-  std::exception_ptr thrown;
-  do {
-    const std::vector<Kiv::NotifieeList*> all = std::exchange(changed_, {});
-    for (Kiv::NotifieeList* const notifiees : all) {
-      try {
-        notifiees->notify();
-      } catch (...) {
-        if (!thrown) thrown = std::current_exception();
-      }
-    }
-  } while (!changed_.empty());
-  if (thrown) std::rethrow_exception(thrown);
 }
 
 }  // namespace Wirl

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <optional>
-#include <vector>
+#include <utility>
 
 #include "Kiv/Clock.h"
 #include "Kiv/Entity.h"
@@ -18,20 +18,20 @@
 
 namespace Wirl {
 
-/// What the state machines of TCP connections, `TcpClientSm` and `TcpServerSm`, have in common.
+/// Base of the state machines of TCP connections, `TcpClientSm` and `TcpServerSm`.
 ///
-/// Each is driven by its table of transitions: an event that the table has no row for in the present state is
-/// ignored. What a state does stands in one switch, run on entering it; leaving one always ends the watch on
-/// its socket and its deadline. Attributes change first, all of them, and reactors run when the machine has
-/// come to rest, once for each attribute that is not what it was (a try that fails at once leaves `state` as it
-/// was, and shows in `attempts` and `failures`): they may set anything, disable the machine or let go of the
-/// last pointer to it. When one throws, the others run before the exception leaves.
+/// Each is driven by its table of transitions: an event without a row for the present state is ignored. One
+/// switch holds what the states do on entry. Every transition first ends the watch on the socket and the
+/// deadline. All attributes are stored first; reactors run when the machine is at rest, once for each attribute
+/// that changed (a try that fails at once leaves `state` as it was, and shows in `attempts` and `failures`).
+/// They may set anything, disable the machine or drop the last pointer to it. If one throws, the others run
+/// before the exception leaves.
 ///
-/// Whatever goes wrong when a socket is opened or watched, be it an exception of a user's factory, is a failure
-/// like those of the network: the next try comes.
+/// Whatever goes wrong while a socket is opened or watched, even an exception of a user's factory, counts as a
+/// failure like those of the network: the next try follows.
 ///
-/// The attributes that can be set may be changed at any time. Those of the socket are read when one is opened,
-/// times when a wait of their kind begins, a server's `edgeTriggered` with each connection.
+/// The attributes with a setter may change at any time. The machine reads those of the socket when it opens
+/// one, times when a wait of their kind begins, and a server's `edgeTriggered` with each connection.
 class KIV_API TcpSm : public Kiv::Entity {
  public:
   KIV_ENTITY(TcpSm, Kiv::Entity)
@@ -43,10 +43,12 @@ class KIV_API TcpSm : public Kiv::Entity {
   KIV_ATTR_RARE(NamespaceName, netNs, NamespaceName("default"))
   /// How the connections report readiness.
   KIV_ATTR(bool, edgeTriggered, false)
-  /// After a failure the next try waits `backoffMin`, then twice as long each time, but no longer than
-  /// `backoffMax`; a success brings the delay back. Nothing random is added.
+  /// After a failure the next try waits `backoffMin`, then twice as long each time, up to `backoffMax`; a
+  /// success starts over. Each delay is shortened by a random part of up to `backoffJitter` percent, so that many
+  /// machines do not try in step.
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMin, std::chrono::milliseconds(500))
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMax, std::chrono::seconds(30))
+  KIV_ATTR_RARE(Kiv::U8, backoffJitter, Kiv::U8{25})
   /// The errno of the last failure, and the call and text, as "connect: Connection refused". They stay.
   KIV_ATTR_RARE_READ(S32, lastError, 0)
   KIV_ATTR_RARE_READ(Kiv::String, lastErrorReason)
@@ -78,31 +80,32 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// is made here, and throws `Kiv::ErrnoException` where it cannot be.
   TcpSm(Kiv::String name, Factory factory);
 
-  /// Takes `machine`, which is this one, through what its table says: from event to event until it rests.
+  /// Takes `machine`, which is this one, through its table: from event to event until it rests.
   template <typename Machine>
-  void step(Machine& machine, typename Machine::Event event) {
+  void step(Change& change, Machine& machine, typename Machine::Event event) {
     const auto former = machine.state();
     for (std::optional pending = event; pending;) {
       const auto to = Machine::next(machine.state(), *pending);
       if (!to) break;
       KIV_TRACE(trace(), 5) << name() << ": " << machine.state() << " -> " << *to << " on " << *pending;
       storeAttr(machine.state, *to);
-      pending = machine.enter(*to);
+      pending = machine.enter(change, *to);
     }
-    if (machine.state() != former) changed(machine.state.notifiees());
+    if (machine.state() != former) change.changed(machine.state);
   }
   /// The same, and tells.
   template <typename Machine>
-  void drive(Machine& machine, typename Machine::Event event) {
+  void drive(Change& change, Machine& machine, typename Machine::Event event) {
     if (Machine::next(machine.state(), event)) {
       prepare();
-      step(machine, event);
+      step(change, machine, event);
     }
-    notifyChanged();
+    change.tell();
   }
-  template <typename Attr, typename Value>
-  void put(Attr& attr, const Value& value) {
-    if (storeAttr(attr, value)) changed(attr.notifiees());
+  template <typename Machine>
+  void drive(Machine& machine, typename Machine::Event event) {
+    Change change(this);
+    drive(change, machine, event);
   }
 
   virtual void handleClock() = 0;
@@ -113,42 +116,44 @@ class KIV_API TcpSm : public Kiv::Entity {
   U32 scopeOf(const TcpFileDescriptor& socket) const noexcept;
   void watchIs(const TcpFileDescriptor::PtrConst& socket);
   const Kiv::Ptr<TcpFileDescriptorEventRegistration>& watch() const noexcept { return watch_; }
-  void watchDel() noexcept { watch_ = nullptr; }
+  /// Disables the registration, too: its loop may hold it, and would go on delivering.
+  void watchDel() noexcept;
 
-  /// Makes what a transition needs to come to its end, so that it does not begin without memory for that.
+  /// Makes the clock that a transition needs, so that none begins without memory for it.
   void prepare();
-  /// The same for events of the loop, where nobody else would try again: without memory it is false, and the
-  /// clock, if there is one yet, comes (again) a moment later.
+  /// The same for events of the loop, where nobody else would try again. False without memory; the clock, if
+  /// there is one yet, then runs (again) a moment later.
   bool prepared() noexcept;
   /// Runs `handleClock()` after `delay`, in place of a deadline that there is.
   void deadlineIs(Kiv::Time delay) noexcept;
   void deadlineDel() noexcept;
   /// For states that rest without one: gives its memory back.
   void clockDel() noexcept;
-  void backoffDeadlineIs() { deadlineIs(backoff_.next(backoffMin(), backoffMax())); }
+  void backoffDeadlineIs() noexcept;
   void backoffReset() noexcept { backoff_.reset(); }
 
-  void failureIs(const Kiv::ErrnoException& failure) noexcept { failureIs(failure.error(), failure.what()); }
-  /// Of the exception that is being handled, whichever it is.
-  void failureIs() noexcept;
+  /// Records a failure in `lastError` and `lastErrorReason`, and traces it.
+  void failureIs(Change& change, const Kiv::ErrnoException& failure) noexcept;
+  void failureIs(Change& change, int error, const char* reason) noexcept;
+  /// For the exception that is being handled, of any type.
+  void failureIs(Change& change) noexcept;
+  /// For a failed system call.
+  void callFailed(Change& change, int error, const char* call) noexcept;
   /// Throws `Kiv::RangeException` with the text unless `time` is above zero.
   static void checkPositive(Kiv::Time time, const char* text);
+  /// An exception for the failed `call`. Names the socket's other end or its own, and the namespace.
+  Kiv::ErrnoException failed(int error, const char* call) const;
 
-  /// Keeps reactors waiting until the machine rests: `notifyChanged()`.
-  void changed(Kiv::NotifieeList& notifiees);
-  void notifyChanged();
-
+  /// The address and port that the machine is about.
+  virtual std::pair<IpGenAddr, U16> endpoint() const = 0;
   virtual const Kiv::TraceHandle& trace() const noexcept = 0;
 
  private:
-  void failureIs(int error, const char* reason) noexcept;
-
   const Factory factory_;
   Kiv::Ptr<Kiv::Clock> clock_;
   Kiv::Reactor onClock_;
   Kiv::Ptr<TcpFileDescriptorEventRegistration> watch_;
   detail::Backoff backoff_;
-  std::vector<Kiv::NotifieeList*> changed_;
 };
 
 }  // namespace Wirl

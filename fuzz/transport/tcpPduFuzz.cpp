@@ -132,6 +132,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     }
   };
   const Kiv::Reactor onReadable(pam->readableCount, take);
+  std::size_t told = 0;  // how many there were when the end was told
+  const Kiv::Reactor onEnd(pam->rxErrorReason, [&] { told = result.pdus.size(); });
   const auto sendToPam = [&](std::string_view octets) {
     const ssize_t sent = send(fds[1], octets.data(), octets.size(), MSG_NOSIGNAL);
     if (sent <= 0) return;
@@ -180,6 +182,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   const Result expected = oracle(stream, max);
   KIV_ASSERT(result.pdus == expected.pdus);
   KIV_ASSERT(result.reason == expected.reason);
+  KIV_ASSERT(told == expected.pdus.size());
   KIV_ASSERT(!pam->rxPktHolderShadow() && !pam->readable());
   return 0;
 }

@@ -23,9 +23,9 @@
 
 namespace Wirl {
 
-/// The whole of another event loop: poll(2) over those who asked. It reports edge-triggered sockets only when
-/// what there is to read has changed since it last told, so that an owner who relies on being reminded
-/// stalls.
+/// Another event loop: poll(2) over those who asked. It reports edge-triggered sockets only if what there is to
+/// read has changed since the last report, so an owner that relies on being reminded stalls. It holds a
+/// registration while it delivers to it.
 class PollLoop {
  public:
   class Registration;
@@ -57,18 +57,32 @@ class PollLoop {
     }
     void handleNotifyOnReadable() override { told_ = -1; }
     void handleNotifyOnWritable() override { toldWritable_ = false; }
-    /// Octets that wait; other than any number of them when the stream has ended.
+    /// Octets that wait; negative once the stream has ended.
     int waiting(short events) const {
       int octets = 0;
       ioctl(fileDescriptor()->descriptor(), FIONREAD, &octets);
       return (events & (POLLRDHUP | POLLERR | POLLHUP)) != 0 ? -2 - octets : octets;
     }
+    void readable(short events) {
+      if (fileDescriptor()->edgeTriggered() && waiting(events) == told_) return;
+      told_ = kTelling;
+      handleReadable();
+      if (told_ == kTelling) told_ = waiting(events);
+    }
+    void writable(bool is) {
+      const bool news = is && !(toldWritable_ && fileDescriptor()->edgeTriggered());
+      toldWritable_ = is;
+      if (news) handleWritable();
+    }
 
     PollLoop& loop_;
     static constexpr int kTelling = std::numeric_limits<int>::min();
-    int told_ = -1;  // what was waiting when the owner had done with the last event
+    int told_ = -1;  // what was waiting when the owner had finished with the last event
     bool toldWritable_ = false;
   };
+
+  /// Registrations that their owners dropped, while this loop held them, without disabling them.
+  int strays = 0;
 
   void poll(int milliseconds) {
     std::vector<pollfd> fds;
@@ -81,24 +95,16 @@ class PollLoop {
       watching.push_back(each);
     }
     if (::poll(fds.data(), fds.size(), milliseconds) <= 0) return;
+    constexpr short kFailed = POLLERR | POLLHUP;
     for (std::size_t i = 0; i < fds.size(); ++i) {
-      Registration* const each = watching[i];
-      const auto there = [&] { return std::find(all_.begin(), all_.end(), each) != all_.end(); };
-      const short failed = POLLERR | POLLHUP;
-      if (there() && (fds[i].revents & (POLLIN | POLLRDHUP | failed)) && each->notifyOnReadable()) {
-        if (!each->fileDescriptor()->edgeTriggered() || each->waiting(fds[i].revents) != each->told_) {
-          each->told_ = Registration::kTelling;
-          each->handleReadable();
-          if (there() && each->told_ == Registration::kTelling) each->told_ = each->waiting(fds[i].revents);
-        }
-      }
-      if (!there() || !each->notifyOnWritable()) continue;
-      if ((fds[i].revents & (POLLOUT | failed)) == 0) {
-        each->toldWritable_ = false;
-      } else if (!each->fileDescriptor()->edgeTriggered() || !each->toldWritable_) {
-        each->toldWritable_ = true;
-        each->handleWritable();
-      }
+      const auto there = [&] { return std::find(all_.begin(), all_.end(), watching[i]) != all_.end(); };
+      if (!there()) continue;
+      const Kiv::Ptr<Registration> each(watching[i]);
+      const short events = fds[i].revents;
+      if ((events & (POLLIN | POLLRDHUP | kFailed)) && each->notifyOnReadable()) each->readable(events);
+      if (each->references() > 1 && each->enabled() && each->notifyOnWritable())
+        each->writable((events & (POLLOUT | kFailed)) != 0);
+      strays += each->references() == 1 && each->enabled();
     }
   }
 
@@ -139,7 +145,7 @@ class Loop {
     }
     return true;
   }
-  /// Whatever is ready, and what comes of it.
+  /// Whatever is ready, and what follows from it.
   void settle() {
     for (int i = 0; i < 5; ++i) backend_.pollLoop ? poll_.poll(0) : Kiv::activityLoop().poll();
   }
@@ -148,6 +154,14 @@ class Loop {
   const Backend backend_;
   PollLoop poll_;
 };
+
+/// Of a socket.
+inline sockaddr_in addressOf(const TcpFileDescriptor::PtrConst& fd) {
+  sockaddr_in address{};
+  socklen_t length = sizeof(address);
+  getsockname(fd->descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+  return address;
+}
 
 /// A listening socket on loopback, at a port that the kernel chose.
 inline TcpFileDescriptor::PtrConst listening(bool edge = false) {
@@ -171,14 +185,12 @@ inline std::pair<TcpFileDescriptor::PtrConst, TcpFileDescriptor::PtrConst> conne
   if (receiveBuffer) {
     setsockopt(server->descriptor(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
   }
-  sockaddr_in address{};
-  socklen_t length = sizeof(address);
-  getsockname(server->descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+  const sockaddr_in address = addressOf(server);
   const auto ours = TcpFileDescriptor::socket(AddressFamily::ipv4, NamespaceName(), edge);
   if (!ours) throw std::system_error(errno, std::generic_category(), "socket");
   if (sendBuffer) setsockopt(ours->descriptor(), SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof(sendBuffer));
   // Over loopback the connection stands, non-blocking or not, when connect() returns.
-  if (connect(ours->descriptor(), reinterpret_cast<sockaddr*>(&address), length) < 0 &&
+  if (connect(ours->descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) < 0 &&
       errno != EINPROGRESS) {
     throw std::system_error(errno, std::generic_category(), "connect");
   }
@@ -191,6 +203,12 @@ inline void sendAll(const TcpFileDescriptor::PtrConst& fd, std::string_view text
   if (send(fd->descriptor(), text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
     throw std::system_error(errno, std::generic_category(), "send");
   }
+}
+
+/// The next `close()` is a reset.
+inline void resetAtClose(int fd) {
+  const linger abort = {1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
 }
 
 }  // namespace Wirl

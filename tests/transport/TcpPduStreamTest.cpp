@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// PDUs by the hundred thousand, with everything that a socket may do to them.
+// PDUs by the hundred thousand, with everything that a socket may do to them, and streams that end in every way.
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <unistd.h>
@@ -8,6 +8,7 @@
 #include <random>
 
 #include "tests/support/FaultInjection.h"
+#include "tests/transport/OwnFraming.h"
 #include "tests/transport/TcpPdus.h"
 
 #if defined(__has_feature)
@@ -20,9 +21,9 @@ namespace Wirl {
 namespace {
 
 #ifdef __SANITIZE_ADDRESS__
-constexpr unsigned kPdus = 7000;
+constexpr unsigned kPdus = 3000;
 #else
-constexpr unsigned kPdus = 84000;  // a million in the twelve variations
+constexpr unsigned kPdus = 10000;
 #endif
 
 using Random = std::mt19937;
@@ -84,10 +85,10 @@ TEST_P(TcpPduStreamTest, NoPduIsLostDuplicatedReorderedOrSplit) {
   PamEnd end(GetParam(), 20000, 20000);
   const int on = 1;
   for (const int fd : {end.fd(), end.peer()}) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  SimpleTcpPduPam& pam = *end.pam;
+  TcpPduPam& pam = *end.pam;
   std::size_t echoed = 0;
   std::size_t wrong = 0;
-  std::vector<std::string> inFlight;  // the pieces' memory, until they are sent
+  std::string inFlight;  // the pieces' memory, until they are sent
   bool pumping = false;
   const auto echo = [&] {
     if (std::exchange(pumping, true)) return;
@@ -101,15 +102,19 @@ TEST_P(TcpPduStreamTest, NoPduIsLostDuplicatedReorderedOrSplit) {
       if (upTo(random, 9) != 0) {
         pam.txPktIs(pdu);
       } else {
-        inFlight = {pdu->stringValue(), "", ""};
-        inFlight[1] = inFlight[0].substr(7);
-        const SocketIovec pieces[] = {
-            {inFlight[0].data(), 7}, {inFlight[2].data(), 0}, {inFlight[1].data(), inFlight[1].size()}};
-        pam.txIovIs(pieces, 3);
+        // One after the other, with nothing in between at times, and at times more than one call takes.
+        inFlight = pdu->stringValue();
+        std::vector<SocketIovec> pieces;
+        for (std::size_t at = 0; at < inFlight.size(); at += pieces.back().iov_len) {
+          const std::size_t most = upTo(random, 3) == 0 ? inFlight.size() : 2;
+          pieces.push_back({&inFlight[at], std::min(upTo(random, most), inFlight.size() - at)});
+        }
+        pam.txIovIs(pieces.data(), static_cast<U16>(pieces.size()));
       }
       if (upTo(random, 30) == 0) pam.txFlush();
       if (upTo(random, 200) == 0) pam.readOnePktOnlyIs(!pam.readOnePktOnly());
       if (upTo(random, 400) == 0) pam.readAheadIs(!pam.readAhead());
+      if (upTo(random, 400) == 0) pam.rxBudgetIs(static_cast<U32>(upTo(random, 5)));
       if (upTo(random, 200) == 0) {
         constexpr TcpPduPamEnableMode kModes[] = {tcpEnableModeNone, tcpEnableModeReadOnly,
                                                   tcpEnableModeWriteOnly};
@@ -152,6 +157,112 @@ TEST_P(TcpPduStreamTest, NoPduIsLostDuplicatedReorderedOrSplit) {
   EXPECT_EQ(pam.txErrorReason(), "");
   EXPECT_EQ(pam.rxPktHolderShadow(), nullptr);
   EXPECT_EQ(pam.txRemainingLength() + pam.txQueued(), 0u);
+}
+
+/// Cleans up, or has its pending mode changed, in the middle of a read.
+class BusyFraming final : public WideLengthPam {
+ public:
+  using WideLengthPam::WideLengthPam;
+  U16 getPduSize() override {
+    if (asked) asked();
+    return WideLengthPam::getPduSize();
+  }
+  std::function<void()> asked;
+};
+
+TEST_P(TcpPduStreamTest, AllThatArrivedIsHandedOverBeforeTheEndIsTold) {
+  Random random(7);
+  for (int round = 0; round < 400; ++round) {
+    SCOPED_TRACE(round);
+    enum Ending : std::size_t { closed, cut, overlong, wide, wraps, reset, cleanedUp };
+    const auto ending = static_cast<Ending>(upTo(random, cleanedUp));
+    PamEnd end(GetParam());
+    const auto pam = end.pamIs<BusyFraming>(GetParam());
+    const std::size_t budget = upTo(random, 3);
+    pam->rxBudgetIs(static_cast<U32>(budget));
+    pam->readOnePktOnlyIs(upTo(random, 4) == 0);
+    pam->maxPduLengthIs(ending == wide || ending == wraps ? 65535 : 100);
+    // The client pulls until null, or stops early and pulls the rest from elsewhere.
+    const bool impatient = upTo(random, 3) == 0;
+    std::size_t told = ~std::size_t{0};
+    std::string reason;
+    const Kiv::Reactor onEnd(pam->rxErrorReason, [&] {
+      told = end.received.size();
+      reason = end.pam->rxErrorReason();
+      end.pam = nullptr;
+    });
+    U32 event = 0;
+    std::size_t ofEvent = 0;
+    const auto take = [&](bool all) {
+      int taken = 0;
+      do {
+        const Pkt::Ptr pdu = end.pam->rxPkt();
+        if (!pdu) break;
+        end.received.push_back(pdu->stringValue());
+        if (std::exchange(event, pam->socketReadableCount()) != pam->socketReadableCount()) ofEvent = 0;
+        if (pam->readOnePktOnly()) {
+          EXPECT_EQ(++taken, 1);
+        } else if (budget > 0 && !GetParam().backend.pollLoop) {
+          EXPECT_LE(++ofEvent, budget);
+        }
+      } while (all);
+    };
+    end.onReadable = Kiv::Reactor(pam->readableCount, [&] { take(!impatient); });
+    std::vector<std::string> sent;
+    std::string stream;
+    for (std::size_t i = upTo(random, 6); i > 0; --i) {
+      const std::size_t body = upTo(random, 96);
+      sent.push_back(std::string{'\0', '\0', '\0', static_cast<char>(body)} + std::string(body, 'x'));
+      stream += sent.back();
+    }
+    if (sent.empty() && ending == cleanedUp) continue;
+    std::size_t questions = sent.empty() ? 0 : upTo(random, 2 * sent.size() - 1);
+    pam->asked = [&, raw = pam.get()] {
+      if (ending == cleanedUp && questions-- == 0) raw->cleanup();
+      if (upTo(random, 20) == 0) {
+        raw->enableModeIs(tcpEnableModeNone);
+        raw->enableModeIs(tcpEnableModeReadWrite);
+      }
+    };
+    if (ending == cut) stream += std::string("\0\0\0\x09half", 8);
+    if (ending == overlong) stream += std::string("\0\0\0\x61", 4);
+    if (ending == wide) stream += "\xff\xff\xff\xfe";
+    if (ending == wraps) stream += std::string("\0\0\xff\xfc", 4);  // 65,536 with its header
+    // All at once, before anybody reads; or in pieces.
+    const bool atOnce = upTo(random, 1) == 0;
+    if (!atOnce) end.open();
+    for (std::size_t at = 0; at < stream.size();) {
+      const std::size_t count = atOnce ? stream.size() : 1 + upTo(random, 60);
+      end.peerSends(std::string_view(stream).substr(at, count));
+      at += count;
+      if (!atOnce) end.loop.settle();
+    }
+    if (ending <= cut) shutdown(end.peer(), SHUT_WR);
+    if (ending == reset) {
+      end.loop.settle();  // a reset takes what waits in the socket
+      if (!atOnce) end.loop.runUntil([&] { return impatient || end.received.size() == sent.size(); });
+      resetAtClose(end.peer());
+      end.ends.second = nullptr;
+    }
+    if (atOnce) end.open();
+    EXPECT_TRUE(end.loop.runUntil([&] {
+      if (impatient && end.pam) take(true);
+      return !end.pam || !pam->initialized();
+    }));
+    const bool lossy = ending == reset || ending == cleanedUp;
+    sent.resize(lossy ? std::min(sent.size(), end.received.size()) : sent.size());
+    EXPECT_EQ(end.received, sent);
+    if (ending == cleanedUp) continue;
+    EXPECT_EQ(told, sent.size());
+    EXPECT_EQ(reason, ending <= cut     ? "Connection closed by peer"
+                      : ending == reset ? "Recv failed with " + std::to_string(ECONNRESET)
+                                        : "PDU length too big");
+    EXPECT_EQ(pam->rxErrors(), ending <= cut ? 0u : 1u);
+    EXPECT_EQ(pam->rxPktHolderShadow(), nullptr);
+    const U32 events = pam->socketReadableCount();
+    end.loop.settle();
+    EXPECT_EQ(pam->socketReadableCount(), events);
+  }
 }
 
 }  // namespace

@@ -50,13 +50,6 @@ inline std::vector<Variation> variations() {
   return all;
 }
 
-template <typename Predicate>
-std::vector<Variation> variationsWhere(Predicate predicate) {
-  auto all = variations();
-  std::erase_if(all, [&](const Variation& each) { return !predicate(each); });
-  return all;
-}
-
 /// The Pam of one end of a connection, drained into `received` as a client does; the peer is a plain socket.
 class PamEnd {
  public:
@@ -65,13 +58,15 @@ class PamEnd {
     pamIs<SimpleTcpPduPam>(variation);
   }
   template <typename OnePam>
-  void pamIs(const Variation& variation) {
+  Kiv::Ptr<OnePam> pamIs(const Variation& variation) {
     pam = nullptr;  // only one can watch the socket
-    pam = Kiv::makePtr<OnePam>(ends.first, loop.factory());
+    const auto made = Kiv::makePtr<OnePam>(ends.first, loop.factory());
+    pam = made;
     pam->readAheadIs(variation.readAhead);
     pam->txQueueLimitIs(variation.queue);
     pam->maxPduLengthIs(4000);
     drainIs(true);
+    return made;
   }
   void drainIs(bool on) {
     onReadable = on ? Kiv::Reactor(pam->readableCount, [this] { pull(); }) : Kiv::Reactor();
@@ -110,7 +105,7 @@ class PamEnd {
 
   Loop loop;
   std::pair<TcpFileDescriptor::PtrConst, TcpFileDescriptor::PtrConst> ends;
-  Kiv::Ptr<SimpleTcpPduPam> pam;
+  Kiv::Ptr<TcpPduPam> pam;
   std::vector<std::string> received;
   Kiv::Reactor onReadable;
 };
