@@ -3,7 +3,7 @@
 
 #include "Wirl/packet/VlanOffload.h"
 #include "fuzz/packet/FuzzPkt.h"
-#include "tests/packet/HdrFields.h"
+#include "tests/packet/PktHeaders.h"
 
 namespace {
 
@@ -11,16 +11,16 @@ using namespace fuzz;
 
 /// A setter writes its bits and no other, over any octets and at any address; the getter reads them.
 void checkField(const hdr::Header& header, Input& input, const std::string& octets) {
-  if (header.fields.empty()) return;
-  const hdr::Field& field = header.fields[input.octet() % header.fields.size()];
+  if (header.table.fields.empty()) return;
+  const HdrField& field = header.table.fields[input.octet() % header.table.fields.size()];
   const std::size_t offset = input.octet() % 8;
   const U64 value = input.number<U64>();
   hdr::Octets memory(octets.begin(), octets.end());
-  memory.resize(offset + header.bytes);
+  memory.resize(offset + header.table.bytes);
   const hdr::Octets expected = hdr::withField(memory, offset, field, value);
   field.set(memory.data() + offset, value);
   KIV_ASSERT(memory == expected);
-  KIV_ASSERT(!field.get || field.get(memory.data() + offset) == hdr::fieldValue(field, value));
+  KIV_ASSERT(field.get(memory.data() + offset) == hdr::fieldValue(field, value));
 }
 
 /// Where an IP header begins behind an Ethernet header (with `at` 12) or a tag (2), as the type there says.
@@ -42,7 +42,7 @@ void checkText(const T& value) {
 
 void checkViews(const Pkt::Ptr& pkt, U32 offset) {
   for (const auto& header : hdr::headers()) {
-    if (!header.bind || U64{offset} + header.bytes > pkt->frontBytes()) continue;
+    if (!header.bind || U64{offset} + header.table.bytes > pkt->frontBytes()) continue;
     KIV_ASSERT(header.bind(pkt, offset) == pkt->front() + offset);
   }
   const std::string first(pkt->front(), pkt->front() + pkt->frontBytes());

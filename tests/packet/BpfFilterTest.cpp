@@ -147,6 +147,63 @@ TEST(BpfFilter, EndsTheProcessForAnInvalidExpression) {
   EXPECT_DEATH(filter("udp")->match(nullptr), "pkt != 0");
 }
 
+TEST(BpfFilter, RefusesExpressionsFromOutsideWithTheReasonAndKeepsItsOwn) {
+  std::string ports = "port 1";
+  for (int i = 2; i <= 24; ++i) ports += " or port " + std::to_string(i);
+  const struct {
+    std::string expression, reason;
+  } rows[] = {
+      {"udp port 53 or portrange 1-5 or tcp port domain", ""},
+      {"ip6 proto 58 or ether[0:4] & 1 = 0 or tcp[tcpflags] & tcp-syn != 0 or ip[0x9] = 6", ""},
+      {"ether src 0a:00:00:00:00:02 or ether host 02-00-00-00-00-01 or ether dst 0200.0000.0001", ""},
+      {"host 192.0.2.1 or net 198.51/16 or src net fe80::/16 or host ::ffff:192.0.2.1", ""},
+      {ports, ""},
+      {"", ""},
+      {"host collector.example", "'collector.example' would be looked up as a name"},
+      {"udp or 1.2.3.4.5", "'1.2.3.4.5' would be looked up as a name"},
+      {"net \\ip", "'\\ip' would be looked up as a name"},
+      {"host 1-2", "'1-2' would be looked up as a name"},
+      {"host fe80:x", "'fe80:x' would be looked up as a name"},
+      {"port 1 or a", "'a' would be looked up as a name"},
+      {ports + " or port 25", "expression has more than 24 numbers, addresses and names"},
+      {std::string(1025, ' '), "expression is longer than 1024 bytes"},
+      {"udp port", "syntax error"},
+      {std::string("udp\0", 4), "NUL"},
+  };
+  const auto udp = frames::packet(frames::kUdp);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.expression);
+    const auto made = filter("udp");
+    const auto reason = made->bpfFilterStringUntrustedIs(row.expression);
+    ASSERT_EQ(reason.has_value(), !row.reason.empty()) << reason.value_or("");
+    if (reason) {
+      EXPECT_THAT(std::string(*reason), HasSubstr(row.reason));
+      EXPECT_EQ(made->bpfFilterString(), "udp");
+      EXPECT_TRUE(made->match(udp));
+    } else {
+      EXPECT_EQ(made->bpfFilterString(), row.expression);
+      EXPECT_EQ(made->bpfFilter() != nullptr, !row.expression.empty());
+      EXPECT_EQ(made->match(udp), !row.expression.empty() && filter(row.expression.c_str())->match(udp));
+    }
+  }
+  const auto made = bpfFilterFactory("test");
+  EXPECT_TRUE(made->bpfFilterStringUntrustedIs("host name.invalid", BpfNames::lookedUp));
+  EXPECT_EQ(made->bpfFilterStringUntrustedIs("tcp", BpfNames::lookedUp), std::nullopt);
+  const auto* const program = made->bpfFilter();
+  const AllocationCounter counter;
+  EXPECT_EQ(made->bpfFilterStringUntrustedIs("tcp"), std::nullopt);
+  EXPECT_EQ(counter.allocations(), 0u) << "compiled once";
+  EXPECT_EQ(made->bpfFilter(), program);
+  if (!AllocationRefusal::works) return;
+  for (const std::size_t from : {1u, 1000u, 60000u}) {
+    const auto fresh = bpfFilterFactory("test");
+    const AllocationRefusal refusal(from);
+    EXPECT_EQ(fresh->bpfFilterStringUntrustedIs("udp port 53 and not host 192.0.2.1"), "out of memory")
+        << from;
+    EXPECT_FALSE(fresh->match(udp));
+  }
+}
+
 TEST(BpfFilter, KeepsItsProgramWhenAnotherDoesNotCompile) {
   const auto made = filter("udp");
   const auto pkt = frames::packet(frames::kUdp);
