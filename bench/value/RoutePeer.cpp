@@ -9,6 +9,7 @@
 #include <rte_malloc.h>
 
 #include <cstring>
+#include <iterator>
 
 namespace bench {
 
