@@ -118,9 +118,10 @@ class Finder : public nlohmann::json_sax<nlohmann::json> {
 }  // namespace
 
 bool getToggleState(const Kiv::String& name, const Kiv::String& file, bool byDefault) noexcept {
+  std::string path;
   const auto absent = [&](std::string_view why) {
-    KIV_TRACE(trace, 3) << "toggle " << name << " in " << file << ": " << why << ", using the default "
-                        << (byDefault ? "on" : "off");
+    KIV_TRACE(trace, 3) << "toggle " << name << " in " << (path.empty() ? std::string_view(file) : path)
+                        << ": " << why << ", using the default " << (byDefault ? "on" : "off");
     return byDefault;
   };
   try {
@@ -129,7 +130,7 @@ bool getToggleState(const Kiv::String& name, const Kiv::String& file, bool byDef
       return absent("no file name");
     }
     const char* const directory = std::getenv("OPTRA_DIR");
-    std::string path = directory && *directory ? directory : "/etc/optra";
+    path = directory && *directory ? directory : "/etc/optra";
     path += '/';
     path += fileName;
 

@@ -48,7 +48,7 @@ struct Simulated {
 /// A descriptor beside what it should count. An edge is due when data arrives or the watch changes.
 struct Watched {
   SocketPair pair;
-  bool edge, data = false, due = true, in = true, out = false, again = false;
+  bool edge, data = false, due = true, in = true, out = false, again = false, full = false;
   Ptr<FileDescriptor> fd = watch(pair.ends[0], edge);
   U32 readable = 0, writable = 0;
 
@@ -62,11 +62,17 @@ struct Watched {
     if (what == 5) fd->readableAgain(), again = true;
     if (what == 6)
       fd->descriptorIs(-1), fd->readableAgain(), fd->descriptorIs(pair.ends[0]), due = true, again = false;
+    if (what == 7) {
+      while (send(pair.ends[0], this, sizeof(*this), MSG_DONTWAIT) > 0) full = true;
+    }
+    if (what == 8 && std::exchange(full, false)) {
+      for (char octets[65536]; read(pair.ends[1], octets, sizeof(octets)) > 0;) due |= out;
+    }
   }
   void pass() {
-    const bool reported = (!edge || due) && ((in && data) || out);
+    const bool reported = (!edge || due) && ((in && data) || (out && !full));
     readable += in && (again || (reported && data));
-    writable += out && reported;
+    writable += out && !full && reported;
     due = again = false;
   }
 };
