@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Says of each frame in a capture what the packet checks find:  frameReport trace.pcap 'icmp6 or udp port 53'
+// Says of each frame in a capture what is in it and what is wrong with it:  frameReport trace.pcap 'icmp6 or udp port 53'
 
 #include <pcap/pcap.h>
 #include <sys/stat.h>
@@ -10,8 +10,8 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <optional>
 #include <span>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,143 +25,125 @@ using namespace Wirl;
 using Count = unsigned long long;
 
 constexpr const char* kUsage =
-    "usage: frameReport [--quiet] [--] FILE [FILTER]\n"
-    "  Checks each frame of an Ethernet capture, pcap or pcapng (- is the standard input), behind up to "
-    "four\n"
-    "  VLAN tags: Ethernet and IP headers, IPv4 and ICMPv6 checksums, neighbour-discovery options, AH. "
-    "Prints\n"
-    "  a line for each frame, then a table of how many had which result.\n"
-    "  FILTER   shows the frames that match an expression of pcap-filter(7), and counts them apart\n"
-    "  --quiet  prints the table only\n"
+    "usage: frameReport [--verbose] [--hex] [--json] [--stats] [--quiet] [--] FILE [FILTER]\n"
+    "  Says of each frame in an Ethernet capture, pcap or pcapng (- is the standard input), which layers it\n"
+    "  has, what is in them, and what is wrong: lengths, checksums, options. Prints a line for each frame,\n"
+    "  then a table of how many had which result.\n"
+    "  FILTER     shows the frames that match an expression of pcap-filter(7), and counts them apart\n"
+    "  --verbose  prints every field of every layer, too\n"
+    "  --hex      prints the octets, too\n"
+    "  --json     prints an object for each frame, in a line, and no table\n"
+    "  --stats    prints tables of protocols, conversations and errors\n"
+    "  --quiet    prints no frames\n"
     "  Status: 0, 1 for a file that cannot be read to its end, 2 for wrong arguments.\n";
 
-/// What a frame is, and what the checks say of it.
-struct Finding {
-  PktErrors code = noError;
-  std::string protocol;  // "IPv4 Udp"
-  std::string ends;      // "10.0.0.1 port 53 > 10.0.0.2 port 4711"
-  std::string more;      // a kind of message, VLAN tags
+struct Options {
+  bool verbose = false;
+  bool hex = false;
+  bool json = false;
+  bool stats = false;
+  bool quiet = false;
+  std::string file;
+  std::string filter;
 };
 
-/// "Udp" of ipProtoUdp; the number where it has no name.
-std::string protocolName(U8 number) {
-  const std::string_view name = ipProtocolNumberText(static_cast<IpProtocolNumber>(number));
-  if (name == ipProtocolNumberText(ipProtoUnknown)) return "protocol " + std::to_string(number);
-  return std::string(name.substr(std::strlen("ipProto")));
-}
+/// What a frame is: the names of its layers, and the first thing that is wrong with them.
+struct Finding {
+  PktCode code;
+  std::string protocol;  // "eth ip udp"
+};
 
-std::string ethTypeName(U16 typeOrLen) {
-  if (isLlcLength(typeOrLen)) return "LLC";
-  const std::string_view name = ethTypeText(static_cast<EthType>(typeOrLen));
-  if (name != ethTypeText(ethTypeUnknown)) return std::string(name.substr(std::strlen("ethType")));
-  char text[16];
-  std::snprintf(text, sizeof(text), "type 0x%04x", typeOrLen);
-  return text;
-}
-
-/// Source and destination, with the ports where the `upper` protocol begins with them.
-template <typename Addr>
-std::string endsOf(const Addr& src, const Addr& dst, U8 protocol = ipProtoUnknown,
-                   std::span<const char> upper = {}) {
-  std::string from(src.stringValue()), to(dst.stringValue());
-  const bool hasPorts = protocol == ipProtoUdp || protocol == ipProtoTcp || protocol == ipProtoSctp;
-  if (NetU16 ports[2]; hasPorts && upper.size() >= sizeof(ports)) {
-    std::memcpy(ports, upper.data(), sizeof(ports));
-    from += " port " + std::to_string(ports[0]);
-    to += " port " + std::to_string(ports[1]);
+std::string conversationOf(const Layer& ends, std::span<const U8> ports) {
+  const bool six = ends.kind == LayerKind::ip6;
+  const auto addr = [&](std::size_t at4, std::size_t at6) {
+    std::string text;
+    if (six) {
+      Ip6Addr value;
+      std::memcpy(&value, ends.header.data() + at6, sizeof(value));
+      text = value.stringValue();
+    } else {
+      IpAddr value;
+      std::memcpy(&value, ends.header.data() + at4, sizeof(value));
+      text = value.stringValue();
+    }
+    return text;
+  };
+  std::string from = addr(12, 8), to = addr(16, 24);
+  if (ports.size() >= 4) {
+    from += " port " + std::to_string(ports[0] << 8 | ports[1]);
+    to += " port " + std::to_string(ports[2] << 8 | ports[3]);
   }
-  return from + " > " + to;
+  if (to < from) std::swap(from, to);
+  return from + " - " + to;
 }
 
-Finding inspectIp(const Pkt::Ptr& pkt) {
-  EthHdr* eth = nullptr;
-  IpHdr* ip = nullptr;
-  Finding found{checkEthIpHdr(pkt, eth, ip), "IPv4", "", ""};
-  if (!ip) return found;
-  const U8 protocol = ip->protocol();
-  found.protocol += " " + protocolName(protocol);
-  std::span<const char> upper;
-  if (found.code == noError && ip->fragmentOffset() == 0) {
-    upper = {reinterpret_cast<const char*>(ip) + ip->headerBytes(), ip->payloadLen()};
-    if (protocol == ipProtoAh) {
-      AhHdr* ah = nullptr;
-      found.code = checkIpAhHdr(pkt, ip, ah);
+/// Counts of frames and bytes by name.
+class Table {
+ public:
+  void add(const std::string& name, Count bytes) {
+    Row& row = rows_[name];
+    ++row.frames;
+    row.bytes += bytes;
+  }
+  void print(const char* title) const {
+    std::size_t width = std::strlen(title);
+    for (const auto& [name, row] : rows_) width = std::max(width, name.size());
+    std::printf("%-*s  %9s  %12s\n", static_cast<int>(width), title, "frames", "bytes");
+    for (const auto& [name, row] : rows_) {
+      std::printf("%-*s  %9llu  %12llu\n", static_cast<int>(width), name.c_str(), row.frames, row.bytes);
     }
   }
-  found.ends = endsOf(ip->src(), ip->dst(), protocol, upper);
-  return found;
-}
 
-/// The message behind its IPv6 header: the checksum, and the options of the messages that have some.
-void inspectIcmp6(const Pkt::Ptr& pkt, Ip6Hdr* ip6, Finding& found) {
-  Icmp6Hdr* icmp6 = nullptr;
-  found.code = checkIcmp6CheckSum(pkt, ip6, icmp6);
-  if (found.code != noError) return;
-  const std::string_view type = icmp6TypeNumberText(icmp6->type());
-  if (!type.empty()) found.more = " " + std::string(type.substr(std::strlen("icmp6Type")));
-  Icmp6OptionCommonHdr* option = nullptr;
-  const PktErrors code = getIcmp6Opt(pkt, ip6, icmp6, option, icmp6OptSrcLinkLayerAddr);
-  if (code != icmp6TypeNotSupported) found.code = code;
-}
-
-Finding inspectIp6(const Pkt::Ptr& pkt) {
-  EthHdr* eth = nullptr;
-  Ip6Hdr* ip6 = nullptr;
-  Finding found{checkEthIp6Hdr(pkt, eth, ip6), "IPv6", "", ""};
-  if (!ip6) return found;
-  U8 protocol = ip6->protocol();
-  std::span<const char> upper;
-  if (found.code == noError) {
-    // What is of interest may lie behind extension headers.
-    const U32 bytes = U32{sizeof(Ip6Hdr)} + ip6->payloadLen();
-    for (const U8 known : {ipProtoUdp, ipProtoTcp, ipProtoSctp, ipProtoIcmpv6, ipProtoOspf, ipProtoPim}) {
-      char* hdr = nullptr;
-      if (getNextProtoHdr(ip6, bytes, &hdr, known) != noError || !hdr) continue;
-      protocol = known;
-      upper = {hdr, reinterpret_cast<const char*>(ip6) + bytes};
-      break;
-    }
-    if (ip6->protocol() == ipProtoIcmpv6) inspectIcmp6(pkt, ip6, found);
-  }
-  found.protocol += " " + protocolName(protocol);
-  found.ends = endsOf(ip6->src(), ip6->dst(), protocol, upper);
-  return found;
-}
-
-Finding inspect(const Pkt::Ptr& pkt) {
-  std::string tags;
-  for (int i = 0; i < 4 && maybeOffloadAnyVlanTag(pkt); ++i) {
-    tags += " vlan " + std::to_string(pkt->tciVlanId());
-    pkt->delSeparateVlanTag();
-  }
-  if (pkt->frontBytes() < sizeof(EthHdr)) return {pktTooShort, "-", "no Ethernet header", tags};
-  const auto* const eth = reinterpret_cast<const EthHdr*>(pkt->front());
-  const U16 type = eth->typeOrLen();
-  Finding found = type == ethTypeIp6 ? inspectIp6(pkt) : inspectIp(pkt);
-  if (type != ethTypeIp && type != ethTypeIp6) found.protocol = ethTypeName(type);
-  if (found.ends.empty()) found.ends = endsOf(eth->src(), eth->dst());
-  found.more += tags;
-  return found;
-}
+ private:
+  struct Row {
+    Count frames = 0;
+    Count bytes = 0;
+  };
+  std::map<std::string, Row> rows_;
+};
 
 /// How many frames had which result.
 class Report {
  public:
-  explicit Report(bool filtered) : filtered_(filtered) {}
+  Report(bool filtered, bool stats) : filtered_(filtered), stats_(stats) {}
 
   Count frames() const noexcept { return frames_; }
 
-  void add(const Finding& found, const pcap_pkthdr& header, bool matches) {
-    Counts& counts = counts_[{-found.code, found.protocol}];  // good ones first
+  Finding add(const Layers& layers, const pcap_pkthdr& header, bool matches) {
+    Finding found;
+    Layer ends;
+    std::span<const U8> ports;
+    for (const Layer& layer : layers) {
+      if (layer.error.value() != noError) {
+        errors_.count(layer.error);
+        if (layer.further != noError) errors_.count(layer.further);
+        if (found.code == noError) found.code = layer.error;
+      }
+      if (layer.header.empty()) continue;
+      const std::string_view name = layerKindText(layer.kind);
+      if (!found.protocol.empty()) found.protocol += ' ';
+      found.protocol += name;
+      if (!stats_) continue;
+      protocols_.add(std::string(name), layer.header.size() + layer.payloadBytes);
+      const bool v6 = layer.kind == LayerKind::ip6;
+      if ((v6 || layer.kind == LayerKind::ip) && layer.header.size() >= (v6 ? 40u : 20u))
+        ends = layer, ports = {};
+      if (layer.kind == LayerKind::tcp || layer.kind == LayerKind::udp || layer.kind == LayerKind::sctp) {
+        ports = layer.header;
+      }
+    }
+    if (ends.kind != LayerKind::none) conversations_.add(conversationOf(ends, ports), header.len);
+    Counts& counts = counts_[{-found.code.value(), found.protocol}];  // good ones first
     ++counts.frames;
     counts.matches += matches;
     ++frames_;
     cut_ += header.caplen < header.len;
+    return found;
   }
 
   void print() const {
     Count matches = 0;
-    std::size_t width = std::strlen("protocol");
+    std::size_t width = std::strlen("layers");
     for (const auto& [key, counts] : counts_) {
       width = std::max(width, key.second.size());
       matches += counts.matches;
@@ -172,15 +154,19 @@ class Report {
                   protocol.c_str(), frames.c_str());
       std::printf(filtered_ ? "  %9s\n" : "\n", matching.c_str());
     };
-    row("result", "protocol", "frames", "matching");
+    row("result", "layers", "frames", "matching");
     for (const auto& [key, counts] : counts_) {
-      row(pktErrorsText(static_cast<PktErrors>(-key.first)), key.second, std::to_string(counts.frames),
+      row(PktCode::ofValue(-key.first).value_or(PktCode()).text(), key.second, std::to_string(counts.frames),
           std::to_string(counts.matches));
     }
     row("all", "", std::to_string(frames_), std::to_string(matches));
-    if (cut_ > 0) {
-      std::printf("%llu of them the capture has cut short: their lengths may seem wrong.\n", cut_);
-    }
+    if (cut_ > 0) std::printf("%llu of them the capture has cut short: not all could be checked.\n", cut_);
+    if (!stats_) return;
+    protocols_.print("protocol");
+    conversations_.print("conversation");
+    std::ostringstream table;
+    table << errors_;
+    std::printf("errors\n%s", table.str().c_str());
   }
 
  private:
@@ -189,9 +175,13 @@ class Report {
     Count matches = 0;
   };
   const bool filtered_;
+  const bool stats_;
   Count frames_ = 0;
   Count cut_ = 0;
   std::map<std::pair<int, std::string>, Counts> counts_;
+  Table protocols_;
+  Table conversations_;
+  PktErrorCounters errors_;
 };
 
 /// How far it is in a large file, for who waits at a terminal.
@@ -224,14 +214,24 @@ class Progress {
   int percent_ = -1;
 };
 
-void printFrame(Count number, const timeval& first, const pcap_pkthdr& header, const Finding& found) {
-  const double seconds = static_cast<double>(header.ts.tv_sec - first.tv_sec) +
-                         static_cast<double>(header.ts.tv_usec - first.tv_usec) / 1e6;
-  const std::string_view code = pktErrorsText(found.code);
-  std::printf("%6llu %12.6f  %-16.*s  %-12s  %s%s, ", number, seconds, static_cast<int>(code.size()),
-              code.data(), found.protocol.c_str(), found.ends.c_str(), found.more.c_str());
-  if (header.caplen < header.len) std::printf("%u of ", header.caplen);
-  std::printf("%u bytes\n", header.len);
+void printFrame(const Options& options, Count number, const timeval& first, const pcap_pkthdr& header,
+                const Layers& layers, const Finding& found, std::string& text) {
+  text.clear();
+  if (options.json) {
+    appendPktJson(text, layers, number);
+  } else {
+    const double seconds = static_cast<double>(header.ts.tv_sec - first.tv_sec) +
+                           static_cast<double>(header.ts.tv_usec - first.tv_usec) / 1e6;
+    std::printf("%6llu %12.6f  %-16s  ", number, seconds, found.protocol.c_str());
+    appendPktLine(text, layers);
+    text += text.empty() ? "" : ", ";
+    if (header.caplen < header.len) text += std::to_string(header.caplen) + " of ";
+    text += std::to_string(header.len) + " bytes";
+    if (options.verbose) appendPktFields(text += '\n', layers);
+    if (options.hex) appendPktHex(options.verbose ? text : text += '\n', layers);
+  }
+  if (!text.ends_with('\n')) text += '\n';
+  std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
 int fail(const std::string& file, const std::string& reason) {
@@ -239,7 +239,8 @@ int fail(const std::string& file, const std::string& reason) {
   return 1;
 }
 
-int reportOn(const std::string& file, const std::string& expression, bool quiet) {
+int reportOn(const Options& options) {
+  const std::string& file = options.file;
   char error[PCAP_ERRBUF_SIZE] = "";
   const std::unique_ptr<pcap_t, decltype(&pcap_close)> capture(pcap_open_offline(file.c_str(), error),
                                                                pcap_close);
@@ -253,28 +254,34 @@ int reportOn(const std::string& file, const std::string& expression, bool quiet)
   }
 
   const BpfFilter::Ptr filter = bpfFilterFactory("frameReport");
-  filter->bpfFilterStringIs(expression);
+  filter->bpfFilterStringIs(options.filter);
   const bool filtered = filter->bpfFilter() != nullptr;
   const auto& packets = globalPktManager();
-  Report report(filtered);
+  Report report(filtered, options.stats);
+  std::string text;
   int state = 0;
   {
-    Progress progress(pcap_file(capture.get()), quiet || isatty(STDOUT_FILENO) == 0);
+    Progress progress(pcap_file(capture.get()), options.quiet || isatty(STDOUT_FILENO) == 0);
     timeval first{};
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
     while ((state = pcap_next_ex(capture.get(), &header, &bytes)) == 1) {
       if (report.frames() == 0) first = header->ts;
-      const Pkt::Ptr pkt = packets->newPkt();
-      std::memcpy(pkt->newSharedHeadData(header->caplen), bytes, header->caplen);
-      const bool matches = filter->match(pkt);  // before tags are taken off
-      const Finding found = inspect(pkt);
-      report.add(found, *header, matches);
-      if (!quiet && (matches || !filtered)) printFrame(report.frames(), first, *header, found);
+      bool matches = false;
+      if (filtered) {
+        const Pkt::Ptr pkt = packets->newPkt();
+        std::memcpy(pkt->newSharedHeadData(header->caplen), bytes, header->caplen);
+        matches = filter->match(pkt);
+      }
+      const Layers found = layers({bytes, header->caplen}, {.wireBytes = header->len});
+      const Finding finding = report.add(found, *header, matches);
+      if (!options.quiet && (matches || !filtered)) {
+        printFrame(options, report.frames(), first, *header, found, finding, text);
+      }
       progress.show(report.frames());
     }
   }
-  report.print();
+  if (!options.json) report.print();
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) return fail("standard output", "write error");
   if (state == PCAP_ERROR_BREAK) return 0;  // the end of the file
   return fail(file, "after frame " + std::to_string(report.frames()) + ": " + pcap_geterr(capture.get()));
@@ -288,7 +295,7 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  bool quiet = false;
+  Options options;
   bool optionsOver = false;
   std::vector<std::string> words;
   for (const std::string_view word : std::span(argv, static_cast<std::size_t>(argc)).subspan(1)) {
@@ -296,8 +303,16 @@ int main(int argc, char** argv) try {
       words.emplace_back(word);
     } else if (word == "--") {
       optionsOver = true;
+    } else if (word == "--verbose") {
+      options.verbose = true;
+    } else if (word == "--hex") {
+      options.hex = true;
+    } else if (word == "--json") {
+      options.json = true;
+    } else if (word == "--stats") {
+      options.stats = true;
     } else if (word == "--quiet") {
-      quiet = true;
+      options.quiet = true;
     } else if (word == "--help") {
       return std::fputs(kUsage, stdout) < 0;
     } else {
@@ -305,12 +320,13 @@ int main(int argc, char** argv) try {
     }
   }
   if (words.empty() || words.size() > 2) return usage();
-  words.resize(2);
-  if (const auto error = bpfFilterError(words[1])) {
+  options.file = words[0];
+  if (words.size() == 2) options.filter = words[1];
+  if (const auto error = bpfFilterError(options.filter)) {
     std::fprintf(stderr, "frameReport: filter: %s\n", error->c_str());
     return usage();
   }
-  return reportOn(words[0], words[1], quiet);
+  return reportOn(options);
 } catch (const std::exception& failure) {
   std::fprintf(stderr, "frameReport: %s\n", failure.what());
   return 1;

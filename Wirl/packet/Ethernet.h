@@ -32,7 +32,7 @@ class EthHdr : public HdrImage<14> {
   WIRL_HDR(EthHdr, "eth");
   WIRL_FIELD(EthAddr, dst, 0, 48);
   WIRL_FIELD(EthAddr, src, 48, 48);
-  WIRL_FIELD(U16, typeOrLen, 96, 16, .kind = hex, .text = ethTypeName);
+  WIRL_FIELD(U16, typeOrLen, 96, 16, .kind = hex, .key = "type", .text = ethTypeName);
 
   bool llcType() const noexcept { return isLlcLength(typeOrLen()); }
 };
@@ -73,9 +73,9 @@ class Eth8021QHdr : public HdrImage<4> {
   WIRL_HDR(Eth8021QHdr, "vlan");
   WIRL_FIELD(Eth8021QTagControl, tagControl, 0, 16, .kind = hidden);
   WIRL_FIELD(U8, priority, 0, 3);
-  WIRL_FIELD(bool, cfi, 3, 1);
-  WIRL_FIELD(U16, vlanId, 4, 12);
-  WIRL_FIELD(U16, typeOrLen, 16, 16, .kind = hex, .text = ethTypeName);
+  WIRL_FIELD(bool, cfi, 3, 1, .key = "dei");
+  WIRL_FIELD(U16, vlanId, 4, 12, .key = "id");
+  WIRL_FIELD(U16, typeOrLen, 16, 16, .kind = hex, .key = "type", .text = ethTypeName);
 
   bool llcType() const noexcept { return isLlcLength(typeOrLen()); }
 };
@@ -108,8 +108,8 @@ class Eth8022SnapHdr : public HdrImage<5> {
   static constexpr U16 pvstLocalCode = 0x010b;
 
   WIRL_HDR(Eth8022SnapHdr, "snap");
-  WIRL_FIELD(U32, orgCode, 0, 24, .kind = hex);
-  WIRL_FIELD(U16, localCode, 24, 16, .kind = hex);
+  WIRL_FIELD(U32, orgCode, 0, 24, .kind = hex, .key = "oui");
+  WIRL_FIELD(U16, localCode, 24, 16, .kind = hex, .key = "type");
 
   U8 orgCode0() const noexcept { return static_cast<U8>(orgCode() >> 16); }
   U8 orgCode1() const noexcept { return static_cast<U8>(orgCode() >> 8); }

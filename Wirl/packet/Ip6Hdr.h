@@ -28,7 +28,7 @@ class KIV_API Ip6Hdr : public HdrImage<40> {
   WIRL_FIELD(IpTrafficClass, trafficClass, 4, 8);
   WIRL_FIELD(IpFlowLabel, flowLabel, 12, 20);
   /// Bytes behind this header, extension headers included.
-  WIRL_FIELD(U16, payloadLen, 32, 16);
+  WIRL_FIELD(U16, payloadLen, 32, 16, .key = "payloadLength");
   /// The next-header octet as it stands.
   WIRL_FIELD(IpProto, protocol, 48, 8, .key = "nextHeader");
   WIRL_FIELD(IpTtl, hopLimit, 56, 8);

@@ -27,22 +27,24 @@ class KIV_API IpHdr : public HdrImage<20> {
   WIRL_FIELD(IpVersionAndHeaderLen, versionAndHeaderLen, 0, 8, .kind = hidden);
   WIRL_FIELD(IpVersion, version, 0, 4);
   /// In words of 4 bytes, options included.
-  WIRL_FIELD(IpHdrLen, headerLen, 4, 4, .scale = headerLenByteMultiplier);
+  WIRL_FIELD(IpHdrLen, headerLen, 4, 4, .key = "headerLength", .scale = headerLenByteMultiplier);
   WIRL_FIELD(IpTos, tos, 8, 8, .kind = hidden);
   WIRL_FIELD(IpDscp, dscp, 8, 6);
   /// Explicit congestion notification (RFC 3168).
   WIRL_FIELD(U8, ecn, 14, 2);
   /// Of the datagram, in bytes, this header included.
-  WIRL_FIELD(IpTotalLen, totalLen, 16, 16);
+  WIRL_FIELD(IpTotalLen, totalLen, 16, 16, .key = "totalLength");
   WIRL_FIELD(U16, totalLenU16, 16, 16, .kind = hidden);
   WIRL_FIELD(IpId, id, 32, 16);
   WIRL_FIELD(U16, idU16, 32, 16, .kind = hidden);
   WIRL_FIELD(IpFragmentOffsetAndFlags, fragmentOffsetAndFlags, 48, 16, .kind = hidden);
-  WIRL_FIELD(bool, reservedFragFlag, 48, 1);
-  WIRL_FIELD(bool, dontFrag, 49, 1);
-  WIRL_FIELD(bool, moreFrag, 50, 1);
+  /// The next three as one number.
+  WIRL_FIELD(U8, flags, 48, 3);
+  WIRL_FIELD(bool, reservedFragFlag, 48, 1, .kind = hidden);
+  WIRL_FIELD(bool, dontFrag, 49, 1, .kind = hidden);
+  WIRL_FIELD(bool, moreFrag, 50, 1, .kind = hidden);
   /// In units of 8 bytes.
-  WIRL_FIELD(IpFragmentOffset, fragmentOffset, 51, 13, .scale = 8);
+  WIRL_FIELD(IpFragmentOffset, fragmentOffset, 51, 13);
   WIRL_FIELD(IpTtl, ttl, 64, 8);
   /// The octet as it stands.
   WIRL_FIELD(IpProto, protocol, 72, 8);

@@ -28,7 +28,7 @@ class GreHdr : public HdrImage<4> {
     return static_cast<U16>(seqOffset() + (seqPresent() ? 4 : 0) + (hasAck() ? 4 : 0));
   }
   bool hasAck() const noexcept { return version() == 1 && ackPresent(); }
-  bool hasChecksum() const noexcept { return version() == 0 && (checksumPresent() || routingPresent()); }
+  bool hasChecksum() const noexcept { return checksumPresent() || routingPresent(); }
   /// Of the optional fields, from the start of the header.
   U16 keyOffset() const noexcept { return static_cast<U16>(sizeof(GreHdr) + (hasChecksum() ? 4 : 0)); }
   U16 seqOffset() const noexcept { return static_cast<U16>(keyOffset() + (keyPresent() ? 4 : 0)); }

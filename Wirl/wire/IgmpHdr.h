@@ -14,6 +14,7 @@ class IgmpHdr : public HdrImage<8> {
  public:
   static constexpr U8 query = 0x11;
   static constexpr U8 reportV1 = 0x12;
+  static constexpr U8 dvmrp = 0x13;
   static constexpr U8 reportV2 = 0x16;
   static constexpr U8 leave = 0x17;
   static constexpr U8 reportV3 = 0x22;

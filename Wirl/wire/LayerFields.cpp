@@ -2,7 +2,10 @@
 #include "Wirl/wire/LayerFields.h"
 
 #include "Wirl/packet/AhHdr.h"
+#include "Wirl/packet/Ethernet.h"
 #include "Wirl/packet/Icmp6Hdr.h"
+#include "Wirl/packet/Ip6Hdr.h"
+#include "Wirl/packet/IpHdr.h"
 #include "Wirl/packet/UdpHdr.h"
 #include "Wirl/value/EthAddr.h"
 #include "Wirl/value/Ip6Addr.h"
@@ -31,21 +34,6 @@ namespace {
 
 // Headers whose fields are shown in another shape than their views have.
 
-class EthShown : public HdrImage<14> {
- public:
-  WIRL_HDR(EthShown, "eth");
-  WIRL_FIELD(EthAddr, dst, 0, 48);
-  WIRL_FIELD(EthAddr, src, 48, 48);
-  WIRL_FIELD(U16, type, 96, 16, .kind = hex);
-};
-class VlanShown : public HdrImage<4> {
- public:
-  WIRL_HDR(VlanShown, "vlan");
-  WIRL_FIELD(U16, id, 4, 12);
-  WIRL_FIELD(U8, priority, 0, 3);
-  WIRL_FIELD(bool, dei, 3, 1);
-  WIRL_FIELD(U16, type, 16, 16, .kind = hex);
-};
 class MimShown : public HdrImage<18> {
  public:
   WIRL_HDR(MimShown, "mim");
@@ -55,24 +43,11 @@ class MimShown : public HdrImage<18> {
   WIRL_FIELD(EthAddr, src, 80, 48);
   WIRL_FIELD(U16, type, 128, 16, .kind = hex);
 };
-class LlcShown : public HdrImage<3> {
- public:
-  WIRL_HDR(LlcShown, "llc");
-  WIRL_FIELD(U8, dsap, 0, 8, .kind = hex);
-  WIRL_FIELD(U8, ssap, 8, 8, .kind = hex);
-  WIRL_FIELD(U8, control, 16, 8, .kind = hex);
-};
 class LlcLongShown : public HdrImage<4> {
  public:
   WIRL_HDR(LlcLongShown, "llc");
   WIRL_FIELD(U8, dsap, 0, 8, .kind = hex);
   WIRL_FIELD(U8, ssap, 8, 8, .kind = hex);
-};
-class SnapShown : public HdrImage<5> {
- public:
-  WIRL_HDR(SnapShown, "snap");
-  WIRL_FIELD(U32, oui, 0, 24, .kind = hex);
-  WIRL_FIELD(U16, type, 24, 16, .kind = hex);
 };
 class PppoeShown : public HdrImage<6> {
  public:
@@ -80,35 +55,6 @@ class PppoeShown : public HdrImage<6> {
   WIRL_FIELD(U8, code, 8, 8);
   WIRL_FIELD(U16, session, 16, 16);
   WIRL_FIELD(U16, length, 32, 16);
-};
-class IpShown : public HdrImage<20> {
- public:
-  WIRL_HDR(IpShown, "ip");
-  WIRL_FIELD(U8, version, 0, 4);
-  WIRL_FIELD(U8, headerLength, 4, 4, .scale = 4);
-  WIRL_FIELD(U8, dscp, 8, 6);
-  WIRL_FIELD(U8, ecn, 14, 2);
-  WIRL_FIELD(U16, totalLength, 16, 16);
-  WIRL_FIELD(U16, id, 32, 16);
-  WIRL_FIELD(U8, flags, 48, 3);
-  WIRL_FIELD(U16, fragmentOffset, 51, 13);
-  WIRL_FIELD(U8, ttl, 64, 8);
-  WIRL_FIELD(U8, protocol, 72, 8);
-  WIRL_FIELD(IpChecksum, checksum, 80, 16);
-  WIRL_FIELD(IpAddr, src, 96, 32);
-  WIRL_FIELD(IpAddr, dst, 128, 32);
-};
-class Ip6Shown : public HdrImage<40> {
- public:
-  WIRL_HDR(Ip6Shown, "ip6");
-  WIRL_FIELD(U8, version, 0, 4);
-  WIRL_FIELD(U8, trafficClass, 4, 8);
-  WIRL_FIELD(U32, flowLabel, 12, 20);
-  WIRL_FIELD(U16, payloadLength, 32, 16);
-  WIRL_FIELD(U8, nextHeader, 48, 8);
-  WIRL_FIELD(U8, hopLimit, 56, 8);
-  WIRL_FIELD(Ip6Addr, src, 64, 128);
-  WIRL_FIELD(Ip6Addr, dst, 192, 128);
 };
 /// The first octet of a header whose version is wrong: no field of it means anything.
 class VersionShown : public HdrImage<1> {
@@ -122,6 +68,12 @@ class GeneveShown : public HdrImage<8> {
   WIRL_FIELD(U8, version, 0, 2);
   WIRL_FIELD(U16, protocol, 16, 16, .kind = hex);
   WIRL_FIELD(U32, vni, 32, 24);
+};
+class DvmrpShown : public HdrImage<8> {
+ public:
+  WIRL_HDR(DvmrpShown, "dvmrp");
+  WIRL_FIELD(U8, code, 8, 8);
+  WIRL_FIELD(IpChecksum, checksum, 16, 16);
 };
 class Vrrp2Shown : public HdrImage<8> {
  public:
@@ -222,17 +174,18 @@ HdrDescription layerFields(const Layer& layer) noexcept {
   switch (layer.kind) {
     case LayerKind::none:
     case LayerKind::ppp:
+    case LayerKind::etherip:
       return {};
     case LayerKind::eth:
-      return of<EthShown>;
+      return of<EthHdr>;
     case LayerKind::vlan:
-      return of<VlanShown>;
+      return of<Eth8021QHdr>;
     case LayerKind::mim:
       return of<MimShown>;
     case LayerKind::llc:
-      return layer.header.size() == 4 ? of<LlcLongShown> : of<LlcShown>;
+      return layer.header.size() == 4 ? of<LlcLongShown> : of<Eth8022LlcHdr>;
     case LayerKind::snap:
-      return of<SnapShown>;
+      return of<Eth8022SnapHdr>;
     case LayerKind::pppoe:
       return of<PppoeShown>;
     case LayerKind::mpls:
@@ -246,9 +199,9 @@ HdrDescription layerFields(const Layer& layer) noexcept {
       return arp && arp->isIpOverEthernet() ? of<EthArpHdr> : of<ArpHdr>;
     }
     case LayerKind::ip:
-      return layer.error == nonIpHdr ? of<VersionShown> : of<IpShown>;
+      return layer.error == nonIpHdr ? of<VersionShown> : of<IpHdr>;
     case LayerKind::ip6:
-      return layer.error == nonIp6Hdr ? of<VersionShown> : of<Ip6Shown>;
+      return layer.error == nonIp6Hdr ? of<VersionShown> : of<Ip6Hdr>;
     case LayerKind::ip6opts:
       return of<Ip6ExtHdr>;
     case LayerKind::ip6routing:
@@ -267,6 +220,8 @@ HdrDescription layerFields(const Layer& layer) noexcept {
     case LayerKind::igmp:
       if (first == IgmpHdr::reportV3) return of<Igmp3ReportHdr>;
       return layer.header.size() == sizeof(Igmp3QueryHdr) ? of<Igmp3QueryHdr> : of<IgmpHdr>;
+    case LayerKind::dvmrp:
+      return of<DvmrpShown>;
     case LayerKind::tcp:
       return of<TcpHdr>;
     case LayerKind::udp:

@@ -35,10 +35,11 @@ constexpr U16 kPppoeSession = 0x8864;
 constexpr U16 kRarp = 0x8035;
 constexpr U16 kTransparentEthernet = 0x6558;
 constexpr U16 kPppInGre = 0x880b;
+constexpr U16 kWccp = 0x883e;
+constexpr U16 kVxlanGpePort = 4790;
 constexpr U8 kIpInIp = 4;
 constexpr U8 kIp6InIp = 41;
 constexpr U8 kEtherIp = 97;
-constexpr U8 kUdpLite = 136;
 constexpr U8 kMplsInIp = 137;
 constexpr U8 kEthernet = 143;
 
@@ -69,10 +70,10 @@ U16 sumOf(std::span<const U8> bytes, U32 start) noexcept {
 
 std::string_view layerKindText(LayerKind kind) noexcept {
   static constexpr std::string_view kTexts[] = {
-      "none",  "eth",    "vlan",  "mim",  "llc", "snap",    "pppoe",      "ppp",     "mpls",
-      "pwcw",  "pwach",  "arp",   "ip",   "ip6", "ip6opts", "ip6routing", "ip6frag", "ah",
-      "esp",   "icmp",   "icmp6", "igmp", "tcp", "udp",     "sctp",       "gre",     "erspan",
-      "vxlan", "geneve", "pim",   "vrrp", "bfd", "ipfix",   "lldp"};
+      "none",   "eth",     "vlan",  "mim",    "llc",   "snap",    "pppoe",      "ppp",     "mpls",
+      "pwcw",   "pwach",   "arp",   "ip",     "ip6",   "ip6opts", "ip6routing", "ip6frag", "ah",
+      "esp",    "icmp",    "icmp6", "igmp",   "dvmrp", "tcp",     "udp",        "sctp",    "gre",
+      "erspan", "etherip", "vxlan", "geneve", "pim",   "vrrp",    "bfd",        "ipfix",   "lldp"};
   static_assert(std::size(kTexts) == static_cast<std::size_t>(LayerKind::lldp) + 1);
   return kTexts[static_cast<U8>(kind)];
 }
@@ -103,7 +104,7 @@ bool LayerIterator::take(U32 bytes) noexcept {
   layer_.kind = next_;
   layer_.tunnels = tunnels_;
   layer_.offset = pos_;
-  layer_.error = noError;
+  layer_.error = layer_.further = noError;
   next_ = LayerKind::none;
   const U32 present = here();
   const U8* const hdr = at();
@@ -167,7 +168,10 @@ void LayerIterator::step() noexcept {
         const U32 oui = U32{snap[0]} << 16 | word(snap + 1);
         const U16 type = word(snap + 3);
         if (oui == 0 || oui == 0x0000f8) ethType(type);
-        if (oui == 0x0080c2 && (type == 1 || type == 7)) tunnel(LayerKind::eth);
+        if (oui == 0x0080c2 && (type == 1 || type == 7) && here() >= 2) {  // padding to words first
+          pos_ += 2;
+          tunnel(LayerKind::eth);
+        }
       }
       return;
     case LayerKind::pppoe:
@@ -253,9 +257,17 @@ void LayerIterator::step() noexcept {
     case LayerKind::vxlan:
       if (take(sizeof(VxlanHdr))) {
         if (!layer_.as<VxlanHdr>()->vniValid()) fail(badVxlanFlags);
-        tunnel(LayerKind::eth);
+        const U8 inner = vxlanGpe_ ? layer_.header[3] : U8{3};
+        if (inner <= 3 && inner > 0) {
+          tunnel(inner == 1 ? LayerKind::ip : inner == 2 ? LayerKind::ip6 : LayerKind::eth);
+        }
       }
       return;
+    case LayerKind::etherip:
+      if (take(2)) tunnel(LayerKind::eth);
+      return;
+    case LayerKind::dvmrp:
+      return void(take(sizeof(IgmpHdr)));
     case LayerKind::geneve:
       if (take(here() < 1 ? 8 : 8 + (at()[0] & 0x3fu) * 4)) {
         const U16 type = word(layer_.header.data() + 2);
@@ -378,7 +390,7 @@ void LayerIterator::mplsPayload(U32 label) noexcept {
     tunnel(LayerKind::ip6);
   } else if (nibble == 0 && here() > sizeof(PwControlWord)) {
     next_ = LayerKind::pwcw;
-  } else {
+  } else if (here() >= sizeof(EthHdr) && word(at() + 12) > kLongest8023) {
     tunnel(LayerKind::eth);
   }
 }
@@ -445,6 +457,7 @@ void LayerIterator::ip6() noexcept {
   if (!take(40)) return;
   const U32 bytes = word(hdr + 4);
   if (bytes > wire()) fail(badIp6PayloadLen);
+  // The length of a jumbogram is in an option.
   jumbo_ = bytes == 0 && hdr[6] == ipProtoIpv6HopByHop;
   if (!jumbo_) limit(bytes);
   ip_ = hdr;
@@ -472,77 +485,54 @@ void LayerIterator::ip6Options() noexcept {
       } else {
         limit(payload - bytes);
       }
-    } else {
-      limit(0);
     }
   }
   ipProtocol(layer_.header[0]);
 }
 
 void LayerIterator::ipProtocol(U8 protocol) noexcept {
-  const bool v6 = ipVersion_ == 6;
-  switch (protocol) {
+  switch (protocol) {  // some senders put extension headers of IPv6 behind an IPv4 header, too
     case ipProtoIpv6HopByHop:
     case ipProtoIpv6Opts:
-      next_ = v6 ? LayerKind::ip6opts : LayerKind::none;
-      break;
+      return next(LayerKind::ip6opts);
     case ipProtoIpv6Route:
-      next_ = v6 ? LayerKind::ip6routing : LayerKind::none;
-      break;
+      return next(LayerKind::ip6routing);
     case ipProtoIpv6Frag:
-      next_ = v6 ? LayerKind::ip6frag : LayerKind::none;
-      break;
+      return next(LayerKind::ip6frag);
     case ipProtoIcmp:
-      next_ = LayerKind::icmp;
-      break;
+      return next(LayerKind::icmp);
     case ipProtoIgmp:
-      next_ = LayerKind::igmp;
-      break;
+      return next(LayerKind::igmp);
     case kIpInIp:
-      tunnel(LayerKind::ip);
-      break;
+      return tunnel(LayerKind::ip);
     case ipProtoTcp:
-      next_ = LayerKind::tcp;
-      break;
+      return next(LayerKind::tcp);
     case ipProtoUdp:
-    case kUdpLite:
-      next_ = protocol == ipProtoUdp ? LayerKind::udp : LayerKind::none;
-      break;
+      return next(LayerKind::udp);
     case kIp6InIp:
-      tunnel(LayerKind::ip6);
-      break;
+      return tunnel(LayerKind::ip6);
     case ipProtoGre:
-      next_ = LayerKind::gre;
-      break;
+      return next(LayerKind::gre);
     case ipProtoEsp:
-      next_ = LayerKind::esp;
-      break;
+      return next(LayerKind::esp);
     case ipProtoAh:
-      next_ = LayerKind::ah;
-      break;
+      return next(LayerKind::ah);
     case ipProtoIcmpv6:
-      next_ = LayerKind::icmp6;
-      break;
+      return next(LayerKind::icmp6);
     case kEtherIp:
-      next_ = LayerKind::none;
-      break;
+      return next(LayerKind::etherip);
     case ipProtoPim:
-      next_ = LayerKind::pim;
-      break;
+      return next(LayerKind::pim);
     case ipProtoVrrp:
-      next_ = LayerKind::vrrp;
-      break;
+      return next(LayerKind::vrrp);
     case ipProtoSctp:
-      next_ = LayerKind::sctp;
-      break;
+      return next(LayerKind::sctp);
     case kMplsInIp:
-      tunnel(LayerKind::mpls);
-      break;
+      return tunnel(LayerKind::mpls);
     case kEthernet:
-      tunnel(LayerKind::eth);
-      break;
+      return tunnel(LayerKind::eth);
     default:
-      next_ = LayerKind::none;
+      return;
   }
 }
 
@@ -633,8 +623,9 @@ void LayerIterator::udpPayload(U16 src, U16 dst) noexcept {
   for (const U16 port : {std::min(src, dst), std::max(src, dst)}) {
     switch (port) {
       case VxlanHdr::udpPort:
-        next_ = LayerKind::vxlan;
-        return;
+      case kVxlanGpePort:
+        vxlanGpe_ = port == kVxlanGpePort;
+        return next(LayerKind::vxlan);
       case 6081:
         next_ = LayerKind::geneve;
         return;
@@ -727,11 +718,14 @@ void LayerIterator::igmp() noexcept {
   const U32 bytes = wire();
   const bool good = !mayCheck(bytes) || foldedSum(bytes, 0) == 0xffff;
   const bool query3 = here() > 0 && at()[0] == IgmpHdr::query && bytes >= sizeof(Igmp3QueryHdr);
+  // Other protocols whose messages are types of IGMP.
+  if (here() > 0 && at()[0] == Pim1Hdr::igmpType) next_ = LayerKind::pim;
+  if (here() > 0 && at()[0] == IgmpHdr::dvmrp) next_ = LayerKind::dvmrp;
   if (!take(query3 ? sizeof(Igmp3QueryHdr) : sizeof(IgmpHdr))) return;
   if (!good) fail(badIgmpChecksum);
   if (layer_.header[0] == IgmpHdr::reportV3 && whole() && !fragment_) {
-    const IgmpRecords records(layer_.payload);
-    const auto count = static_cast<U32>(std::distance(records.begin(), IgmpRecords::Iterator()));
+    U32 count = 0;
+    for ([[maybe_unused]] const WireOption& record : IgmpRecords(layer_.payload)) ++count;
     if (count < word(layer_.header.data() + 6)) fail(badIgmpLen);
   }
 }
@@ -779,13 +773,9 @@ void LayerIterator::gre() noexcept {
   const U8* const hdr = at();
   if (here() < sizeof(GreHdr)) return void(take(sizeof(GreHdr)));
   const auto* const gre = reinterpret_cast<const GreHdr*>(hdr);
-  if (gre->version() > 1) {
-    take(sizeof(GreHdr));
-    return fail(badGreVersion);
-  }
   const U32 present = here();
   U32 bytes = gre->headerBytes();
-  if (gre->version() == 0 && gre->routingPresent()) {  // entries of family, offset, length, to one of zeros
+  if (gre->routingPresent()) {  // entries of family, offset, length, to one of zeros
     for (bool last = false; !last && bytes + 4 <= present;) {
       last = word(hdr + bytes) == 0 && hdr[bytes + 3] == 0;
       bytes += 4u + hdr[bytes + 3];
@@ -795,7 +785,9 @@ void LayerIterator::gre() noexcept {
       !gre->hasChecksum() || !gre->checksumPresent() || !mayCheck(wire()) || foldedSum(wire(), 0) == 0xffff;
   const U16 protocol = gre->protocol();
   const bool seq = gre->seqPresent();
+  const bool versionIsBad = gre->version() > 1;
   if (!take(bytes)) return;
+  if (versionIsBad) fail(badGreVersion);
   if (!good) fail(badGreChecksum);
   if (wire() == 0) return;
   switch (protocol) {
@@ -807,12 +799,22 @@ void LayerIterator::gre() noexcept {
     case ErspanHdr::greProtocol3:
       next_ = LayerKind::erspan;
       return;
-    default: {
-      const U8 outer = tunnels_;
-      ethType(protocol);
-      if (next_ != LayerKind::none && tunnels_ == outer) tunnel(next_);
-      if (layer_.error == tooManyLayers) next_ = LayerKind::none;
-    }
+    case kWccp:  // with a header of its own in front of the datagram, or without
+      if (here() > 4 && at()[0] >> 4 != 4) pos_ += 4;
+      return tunnel(LayerKind::ip);
+    case ethTypeIp:
+      return tunnel(LayerKind::ip);
+    case ethTypeIp6:
+      return tunnel(LayerKind::ip6);
+    case ethTypeArpIp:
+      return tunnel(LayerKind::arp);
+    case ethTypeMpls:
+    case kMplsMulticast:
+      return tunnel(LayerKind::mpls);
+    case kTransparentEthernet:
+      return tunnel(LayerKind::eth);
+    default:
+      return;
   }
 }
 

@@ -36,11 +36,13 @@ enum class LayerKind : U8 {
   icmp,
   icmp6,
   igmp,
+  dvmrp,  ///< In a message of IGMP.
   tcp,
   udp,
   sctp,
   gre,
   erspan,
+  etherip,  ///< RFC 3378.
   vxlan,
   geneve,
   pim,
@@ -61,6 +63,8 @@ struct Layer {
   bool cut = false;
   /// What is wrong with it; `noError` also where the capture has cut what a check needs.
   PktCode error;
+  /// A second thing that is wrong with it: an IPv4 header may have a bad length and a bad checksum.
+  PktCode further;
   /// From the front of the packet.
   U32 offset = 0;
   /// Its header with options; as much of that as is there.
@@ -127,11 +131,10 @@ class LayerIterator {
   /// Makes the layer of a header of `bytes` bytes, and goes behind it. False, with its error, when that is not
   /// there.
   bool take(U32 bytes) noexcept;
-  void fail(PktCode code) noexcept {
-    if (!layer_.error.value()) layer_.error = code;
-  }
+  void fail(PktCode code) noexcept { (layer_.error == noError ? layer_.error : layer_.further) = code; }
   /// What remains is `bytes` long on the wire; the limit only ever shrinks.
   void limit(U32 bytes) noexcept;
+  void next(LayerKind kind) noexcept { next_ = kind; }
   void tunnel(LayerKind inner) noexcept;
   void ethType(U16 type) noexcept;
   void typeOrLength(U16 typeOrLen) noexcept;
@@ -172,6 +175,7 @@ class LayerIterator {
   bool checksums_ = true;
   bool fragment_ = false;  ///< The innermost datagram is not whole.
   bool jumbo_ = false;     ///< Its length is in an option.
+  bool vxlanGpe_ = false;  ///< The VXLAN header says what it carries.
   U8 ipVersion_ = 0;
   U8 tunnels_ = 0;
   U8 count_ = 0;

@@ -33,6 +33,17 @@ class PimHdr : public HdrImage<4> {
 };
 static_assert(isHeaderImage<PimHdr, 4>);
 
+/// Message of version 1 of PIM, which IGMP carries: the type that IGMP has for it comes first.
+class Pim1Hdr : public HdrImage<8> {
+ public:
+  static constexpr U8 igmpType = 0x14;
+  WIRL_HDR(Pim1Hdr, "pim");
+  WIRL_FIELD(U8, version, 32, 4);
+  WIRL_FIELD(U8, type, 8, 8);
+  WIRL_FIELD(IpChecksum, checksum, 16, 16);
+};
+static_assert(isHeaderImage<Pim1Hdr, 8>);
+
 /// Register: the datagram follows.
 class PimRegisterHdr : public HdrImage<8, PimHdr> {
  public:

@@ -153,9 +153,10 @@ void writeString(Out& out, std::string_view text) {
   out << '"';
 }
 
-void writeJsonFields(Out& out, std::span<const HdrField> fields, std::span<const U8> bytes) {
+void writeJsonFields(Out& out, std::span<const HdrField> fields, std::span<const U8> bytes,
+                     std::string_view without = {}) {
   for (const HdrField& field : fields) {
-    if (field.kind == HdrKind::hidden || !isWhole(field, bytes.size())) continue;
+    if (field.kind == HdrKind::hidden || !isWhole(field, bytes.size()) || field.key == without) continue;
     out << ",\"" << field.key << "\":";
     if (isAddr(field)) {
       out << '"';
@@ -164,6 +165,40 @@ void writeJsonFields(Out& out, std::span<const HdrField> fields, std::span<const
     } else {
       out.number(field.get(bytes.data()) * field.scale);
     }
+  }
+}
+
+/// The addresses of an ARP packet that are not both of the usual kind, as far as one knows them.
+void writeArpAddrs(Out& out, std::span<const U8> packet) {
+  const auto arp = viewAt<ArpHdr>(packet);
+  if (!arp || arp->isIpOverEthernet() || packet.size() < arp->packetBytes()) return;
+  const std::size_t hardware = arp->hardwareBytes(), protocol = arp->protocolBytes();
+  const U8* const addrs = packet.data() + sizeof(ArpHdr);
+  if (hardware == 6) {
+    out << ",\"senderMac\":\"";
+    out.addr<EthAddr>(addrs) << "\",\"targetMac\":\"";
+    out.addr<EthAddr>(addrs + 6 + protocol) << '"';
+  }
+  if (protocol == 4 && arp->protocolType() == ethTypeIp) {
+    out << ",\"senderIp\":\"";
+    out.addr<IpAddr>(addrs + hardware) << "\",\"targetIp\":\"";
+    out.addr<IpAddr>(addrs + 2 * hardware + 4) << '"';
+  }
+}
+
+/// Whether there is enough of a layer for others to see it as one: ports come together, and an Ethernet header
+/// that ends early is none.
+bool isLayer(const Layer& layer) noexcept {
+  switch (layer.kind) {
+    case LayerKind::eth:
+      return layer.header.size() >= 14;
+    case LayerKind::tcp:
+    case LayerKind::udp:
+    case LayerKind::sctp:
+    case LayerKind::bfd:
+      return layer.header.size() >= 4;
+    default:
+      return !layer.header.empty();
   }
 }
 
@@ -209,6 +244,11 @@ void forEachExtra(const Layer& layer, Each each) {
       if (const U32 type = hdr[at] * 256u + hdr[at + 1]; type <= 1500) each("length", type);
       return;
     }
+    case LayerKind::ip:  // as long as what there is, where the device is to cut it into segments
+      if (hdr.size() >= 20 && hdr[2] == 0 && hdr[3] == 0 && layer.error.value() != badIpHdrLen) {
+        each("totalLength", static_cast<U32>(hdr.size()) + layer.payloadBytes);
+      }
+      return;
     case LayerKind::llc:  // the octet that comes first is the lower one
       if (hdr.size() == 4) each("control", hdr[2] | hdr[3] * 256u);
       return;
@@ -229,11 +269,14 @@ void writeJsonLayer(Out& out, const Layer& layer) {
   out << "{\"layer\":\"" << layerKindText(layer.kind) << '"';
   const HdrDescription fields = layerFields(layer);
   // Fields of messages may stand in the payload; those of a header whose layer ends in it may not.
-  writeJsonFields(out, fields.fields, layerBytes(layer));
+  bool segments = false;
+  forEachExtra(layer, [&](std::string_view key, U32) { segments |= key == "totalLength"; });
+  writeJsonFields(out, fields.fields, layerBytes(layer), segments ? "totalLength" : "");
   forEachExtra(layer, [&](const char* key, U32 value) {
     out << ",\"" << key << "\":";
     out.number(value);
   });
+  if (layer.kind == LayerKind::arp) writeArpAddrs(out, layer.header);
   if (layer.kind == LayerKind::igmp && !layer.header.empty() && layer.header[0] == IgmpHdr::reportV3) {
     const IgmpRecords records(layerBytes(layer).subspan(std::min<std::size_t>(8, layerBytes(layer).size())));
     if (const auto first = records.begin(); first != records.end()) {
@@ -698,7 +741,9 @@ void appendPktLine(std::string& to, const Layers& layers) {
   unsigned count = 0;
   for (const Layer& layer : layers) {
     line.add(layer);
-    if (layer.error.value() != noError && count < std::size(errors)) errors[count++] = layer.error;
+    for (const PktCode error : {layer.error, layer.further}) {
+      if (error != noError && count < std::size(errors)) errors[count++] = error;
+    }
   }
   line.end();
   for (unsigned i = 0; i < count; ++i) out << " [" << errors[i].text() << ']';
@@ -712,7 +757,9 @@ void appendPktFields(std::string& to, const Layers& layers) {
     out.number(layer.offset) << ", payload ";
     out.number(layer.payloadBytes);
     if (layer.cut) out << ", cut";
-    if (layer.error.value() != noError) out << " [" << layer.error.text() << ']';
+    for (const PktCode error : {layer.error, layer.further}) {
+      if (error != noError) out << " [" << error.text() << ']';
+    }
     out << '\n';
     writeFieldLines(out, layerFields(layer).fields, layerBytes(layer), "  ");
     forEachExtra(layer, [&](std::string_view key, U32 value) {
@@ -751,12 +798,14 @@ void appendPktJson(std::string& to, const Layers& layers, U64 frame) {
   Out out(to);
   out << "{\"frame\":";
   out.number(frame) << ",\"layers\":[";
-  PktCode errors[LayerIterator::kMaxLayers + 1];
+  PktCode errors[2 * LayerIterator::kMaxLayers + 1];
   unsigned count = 0;
   bool first = true;
   for (const Layer& layer : layers) {
-    if (layer.error.value() != noError && count < std::size(errors)) errors[count++] = layer.error;
-    if (layer.header.empty()) continue;
+    for (const PktCode error : {layer.error, layer.further}) {
+      if (error != noError && count < std::size(errors)) errors[count++] = error;
+    }
+    if (!isLayer(layer)) continue;
     if (!first) out << ',';
     first = false;
     writeJsonLayer(out, layer);

@@ -79,39 +79,40 @@ frames=(
 # A source address makes the option of 8 octets.
 for i in 4 5 6 7; do frames[i]=${frames[i]%$macs}0a0000000002; done
 
-out='     1     0.000000  noError           IPv4 Udp      10.0.0.1 port 1000 > 10.0.0.2 port 53, 60 bytes
-     2     1.500000  badIpHdrChecksum  IPv4 Udp      10.0.0.1 > 10.0.0.2, 60 bytes
-     3     3.000000  noError           IPv4 Udp      10.0.0.1 port 1000 > 10.0.0.2 port 53 vlan 7 vlan 8, 68 bytes
-     4     4.500000  wrongEthType      ArpIp         0a:00:00:00:00:02 > 0a:00:00:00:00:01, 41 bytes
-     5     6.000000  noError           IPv6 Icmpv6   fe80::1 > ff02::1:ff00:2 NeighborSolicitation, 86 bytes
-     6     7.500000  badIcmp6Checksum  IPv6 Icmpv6   fe80::1 > ff02::1:ff00:2, 86 bytes
-     7     9.000000  icmp6OptLenZero   IPv6 Icmpv6   fe80::1 > ff02::1:ff00:2 NeighborSolicitation, 86 bytes
-     8    10.500000  nonIp6Hdr         IPv6          0a:00:00:00:00:02 > 0a:00:00:00:00:01, 86 bytes
-     9    12.000000  badIpPayloadLen   IPv4 Udp      10.0.0.1 > 10.0.0.2, 60 bytes
-    10    13.500000  badAhLen          IPv4 Ah       10.0.0.1 > 10.0.0.2, 46 bytes
-    11    15.000000  badIpPayloadLen   IPv4 Udp      10.0.0.1 > 10.0.0.2, 44 of 60 bytes
-    12    16.500000  pktTooShort       LLC           0a:00:00:00:00:02 > 0a:00:00:00:00:01, 18 bytes
-    13    18.000000  pktTooShort       -             no Ethernet header, 11 bytes
-    14    19.500000  pktTooShort       type 0x1234   0a:00:00:00:00:02 > 0a:00:00:00:00:01, 16 bytes'
-table='noError                      IPv4 Udp             2
-noError                      IPv6 Icmpv6          1
-pktTooShort                  -                    1
-pktTooShort                  LLC                  1
-pktTooShort                  type 0x1234          1
-wrongEthType                 ArpIp                1
-badIpHdrChecksum             IPv4 Udp             1
-badIpPayloadLen              IPv4 Udp             2
-nonIp6Hdr                    IPv6                 1
-badIcmp6Checksum             IPv6 Icmpv6          1
-icmp6OptLenZero              IPv6 Icmpv6          1
-badAhLen                     IPv4 Ah              1
-all                                              14
-1 of them the capture has cut short: their lengths may seem wrong.'
+out='     1     0.000000  eth ip udp        IP 10.0.0.1.1000 > 10.0.0.2.53: UDP, length 18, 60 bytes
+     2     1.500000  eth ip udp        IP 10.0.0.1.1000 > 10.0.0.2.53: UDP, length 18 [badIpHdrChecksum], 60 bytes
+     3     3.000000  eth vlan vlan ip udp  vlan 7, vlan 8, IP 10.0.0.1.1000 > 10.0.0.2.53: UDP, length 18, 68 bytes
+     4     4.500000  eth arp           ARP [badArpPkt], 41 bytes
+     5     6.000000  eth ip6 icmp6     IP6 fe80::1 > ff02::1:ff00:2: ICMP6 NeighborSolicitation target fe80::2, length 32, 86 bytes
+     6     7.500000  eth ip6 icmp6     IP6 fe80::1 > ff02::1:ff00:2: ICMP6 NeighborSolicitation target fe80::2, length 32 [badIcmp6Checksum], 86 bytes
+     7     9.000000  eth ip6 icmp6     IP6 fe80::1 > ff02::1:ff00:2: ICMP6 NeighborSolicitation target fe80::2, length 32 [icmp6OptLenZero], 86 bytes
+     8    10.500000  eth ip6           IP6 [nonIp6Hdr], 86 bytes
+     9    12.000000  eth ip udp        IP 10.0.0.1.1000 > 10.0.0.2.53: UDP, length 18 [badIpPayloadLen] [badIpHdrChecksum], 60 bytes
+    10    13.500000  eth ip ah         IP 10.0.0.1 > 10.0.0.2: Ipv6NoNxt, 46 bytes
+    11    15.000000  eth ip udp        IP 10.0.0.1.1000 > 10.0.0.2.53: UDP, length 18, 44 of 60 bytes
+    12    16.500000  eth llc snap      llc, snap, length 0 [pktTooShort], 18 bytes
+    13    18.000000  eth               Ethernet [pktTooShort], 11 bytes
+    14    19.500000  eth               0a:00:00:00:00:02 > 0a:00:00:00:00:01, type 0x1234, length 2, 16 bytes'
+table='noError                      eth                           1
+noError                      eth ip ah                     1
+noError                      eth ip udp                    2
+noError                      eth ip6 icmp6                 1
+noError                      eth vlan vlan ip udp          1
+pktTooShort                  eth                           1
+pktTooShort                  eth llc snap                  1
+badArpPkt                    eth arp                       1
+badIpHdrChecksum             eth ip udp                    1
+badIpPayloadLen              eth ip udp                    1
+nonIp6Hdr                    eth ip6                       1
+badIcmp6Checksum             eth ip6 icmp6                 1
+icmp6OptLenZero              eth ip6 icmp6                 1
+all                                                       14
+1 of them the capture has cut short: not all could be checked.'
 err=
 all_lines=$out
 for kind in pcap pcapng; do
   $kind "${frames[@]}" | octets >"all.$kind"
-  out=$all_lines$'\n'"result                       protocol        frames"$'\n'$table
+  out=$all_lines$'\n'"result                       layers                   frames"$'\n'$table
   run 0 "all.$kind"
   out=${out#"$all_lines"$'\n'}
   run 0 --quiet "all.$kind"
@@ -120,16 +121,58 @@ run 0 --quiet - <all.pcap
 cp all.pcap -- --quiet
 run 0 --quiet -- --quiet
 
+# The other forms of the report.
+out='{"frame":1,"layers":[{"layer":"eth","dst":"0a:00:00:00:00:01","src":"0a:00:00:00:00:02","type":2048},{"layer":"ip","version":4,"headerLength":20,"dscp":0,"ecn":0,"totalLength":46,"id":1,"flags":0,"fragmentOffset":0,"ttl":64,"protocol":17,"checksum":26301,"src":"10.0.0.1","dst":"10.0.0.2"},{"layer":"udp","srcPort":1000,"dstPort":53,"length":26,"checksum":0}],"errors":["badIpHdrChecksum"]}'
+pcap "${frames[1]}" | octets >one.pcap
+run 0 --json one.pcap
+out='     1     0.000000  eth arp           ARP [badArpPkt], 41 bytes
+eth, 14 bytes at 0, payload 27
+  dst                      0a:00:00:00:00:01
+  src                      0a:00:00:00:00:02
+  type                     0x0806 ArpIp
+arp, 27 bytes at 14, payload 0 [badArpPkt]
+  hardwareType             1
+  protocolType             0x0800
+  hardwareBytes            6
+  protocolBytes            4
+  operation                1
+  senderMac                00:00:00:00:00:00
+  senderIp                 0.0.0.0
+  targetMac                00:00:00:00:00:00
+eth         0000  0a 00 00 00 00 01 0a 00  00 00 00 02 08 06        ..............
+arp         000e  00 01 08 00 06 04 00 01  00 00 00 00 00 00 00 00  ................
+            001e  00 00 00 00 00 00 00 00  00 00 00                 ...........
+result                       layers      frames
+badArpPkt                    eth arp          1
+all                                           1'
+pcap "${frames[3]}" | octets >arp.pcap
+run 0 --verbose --hex arp.pcap
+out='result                       layers         frames
+noError                      eth ip udp          2
+badIpHdrChecksum             eth ip udp          1
+all                                              3
+protocol     frames         bytes
+eth               3           180
+ip                3           138
+udp               3            78
+conversation                              frames         bytes
+10.0.0.1 port 1000 - 10.0.0.2 port 53          3           180
+errors
+ -50  badIpHdrChecksum                                             1'
+pcap "${frames[0]}" "${frames[1]}" "${frames[0]}" | octets >stats.pcap
+run 0 --quiet --stats stats.pcap
+
 # A filter sees the frame as it is in the capture; it counts what it shows.
-out='     3     3.000000  noError           IPv4 Udp      10.0.0.1 port 1000 > 10.0.0.2 port 53 vlan 7 vlan 8, 68 bytes
-result                       protocol        frames   matching
-noError                      IPv4 Udp             2          1
-noError                      IPv6 Icmpv6          1          0
-all                                               3          1'
+out='     3     3.000000  eth vlan vlan ip udp  vlan 7, vlan 8, IP 10.0.0.1.1000 > 10.0.0.2.53: UDP, length 18, 68 bytes
+result                       layers                   frames   matching
+noError                      eth ip udp                    1          0
+noError                      eth ip6 icmp6                 1          0
+noError                      eth vlan vlan ip udp          1          1
+all                                                        3          1'
 pcap "${frames[0]}" "${frames[4]}" "${frames[2]}" | octets >three.pcap
 run 0 three.pcap 'vlan 7 and vlan and udp port 53'
-out='result                       protocol     frames
-all                                            0'
+out='result                       layers     frames
+all                                          0'
 pcap | octets >none.pcap
 run 0 none.pcap
 
@@ -188,9 +231,9 @@ cuts pcapng 0 3 4 8 12 27 28 29 47 48:0:end 51:0 56:0 75:0 76:0 100:0 136:0 139:
 records pcap "${frames[0]}" | octets >record
 for _ in {1..16}; do cat record record >twice && mv twice record; done
 pcap | octets | cat - record >large.pcap
-out='result                       protocol     frames
-noError                      IPv4 Udp      65536
-all                                        65536'
+out='result                       layers         frames
+noError                      eth ip udp      65536
+all                                          65536'
 err=
 run 0 --quiet large.pcap
 on_terminal() { script -qec "'$tool' $1" /dev/null </dev/null | tr '\r' '\n'; }
