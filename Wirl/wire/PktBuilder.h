@@ -154,7 +154,7 @@ inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0,
 /// a layer that is shorter than its header.
 class KIV_API PktBuilder {
  public:
-  static constexpr U32 kMostLayers = 24;
+  static constexpr U32 kMostLayers = 32;
   /// Shortest Ethernet frame, without the frame check sequence (IEEE 802.3).
   static constexpr U32 kShortestFrame = 60;
 
