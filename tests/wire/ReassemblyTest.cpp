@@ -260,6 +260,7 @@ TEST(Fragmentation, WhatCannotBeCutIsTold) {
 }
 
 TEST(Reassembly, SteadyTrafficAllocatesNothing) {
+  Pkt::Manager::cacheLimitIs(64);  // also under a sanitizer
   Random random(4);
   const auto big = datagram(random, false, false, 5000, 1);
   PktReassembler reassembler;
@@ -272,9 +273,8 @@ TEST(Reassembly, SteadyTrafficAllocatesNothing) {
   once();
   const AllocationCounter counter;
   for (int i = 0; i < 20; ++i) once();
-#if !defined(__SANITIZE_ADDRESS__)
   EXPECT_EQ(counter.allocations(), 0u);
-#endif
+  Pkt::Manager::cacheLimitIs(0);
 }
 
 }  // namespace
