@@ -21,156 +21,118 @@ using frames::octets;
 using Fill = BuilderLayer::Fill;
 using Bytes = std::span<const U8>;
 
-/// A message, how the layers in front announce it, and what goes in front: an IP header if there is one, with
-/// addresses; an Ethernet header. And its check, in both forms.
-struct Kind {
-  std::string message;
-  BuilderLayer layer;
-  std::string ip;  ///< Version, hop limit, source, destination.
-  std::string macs;
+// Checks that differ in their arguments from the others.
+
+PktCode checkSctp(const IpHdr&, Bytes message) {
+  return Wirl::checkSctp(message);
+}
+PktCode checkIcmp(const IpHdr&, Bytes message) {
+  return Wirl::checkIcmp(message);
+}
+template <typename Ip>
+PktCode checkVrrp(const Pkt::Ptr& pkt, Ip* ip, VrrpHdr*& hdr) {
+  return Wirl::checkVrrp(pkt, reinterpret_cast<EthHdr*>(ip) - 1, ip, hdr);
+}
+template <typename Ip>
+PktCode checkVrrp(const Ip& ip, Bytes message) {
+  return Wirl::checkVrrp(reinterpret_cast<const EthHdr*>(&ip) - 1, ip, message);
+}
+const Prefix kConnected("192.0.2.0/24");
+PktCode checkArp(const Pkt::Ptr& pkt, IpHdr*, EthArpHdr*& hdr) {
+  EthHdr* eth = nullptr;
+  return Wirl::checkArp(pkt, eth, hdr, &kConnected);
+}
+PktCode checkArp(const IpHdr& behindEth, Bytes message) {
+  return Wirl::checkArp(reinterpret_cast<const EthHdr*>(&behindEth) - 1, message, &kConnected);
+}
+
+/// Both forms of a check: for a packet with the IP header at `ip`, and for a message alone.
+struct Forms {
   std::function<PktCode(const Pkt::Ptr&, U8* ip, U8*& hdr)> inPacket;
   std::function<PktCode(const U8* ip, Bytes message)> alone;
 };
-
-/// The two forms of a check that is called `name`, with a header of type `Hdr` over `Ip`; what comes first
-/// are other arguments.
-#define FORMS(name, Ip, Hdr)                                     \
-  [](const Pkt::Ptr& pkt, U8* ip, U8*& found) {                  \
-    Hdr* hdr = nullptr;                                          \
-    const auto code = name(pkt, reinterpret_cast<Ip*>(ip), hdr); \
-    found = reinterpret_cast<U8*>(hdr);                          \
-    return PktCode(code);                                        \
-  }
-#define ALONE(call)                                                             \
-  [](const U8* at, [[maybe_unused]] Bytes message) {                            \
-    [[maybe_unused]] const auto& ip = *reinterpret_cast<const IpHdr*>(at);      \
-    [[maybe_unused]] const auto& ip6 = *reinterpret_cast<const Ip6Hdr*>(at);    \
-    [[maybe_unused]] const auto* eth = reinterpret_cast<const EthHdr*>(at) - 1; \
-    return call;                                                                \
+#define FORMS(check, Ip, Hdr)                                                                        \
+  Forms {                                                                                            \
+    [](const Pkt::Ptr& pkt, U8* ip, U8*& found) {                                                    \
+      Hdr* hdr = nullptr;                                                                            \
+      const PktCode code = check(pkt, reinterpret_cast<Ip*>(ip), hdr);                               \
+      found = reinterpret_cast<U8*>(hdr);                                                            \
+      return code;                                                                                   \
+    },                                                                                               \
+        [](const U8* ip, Bytes message) { return check(*reinterpret_cast<const Ip*>(ip), message); } \
   }
 
-const Prefix kConnected("192.0.2.0/24");
-PktCode vrrpInPkt(const Pkt::Ptr& pkt, IpHdr* ip, VrrpHdr*& hdr) {
-  return checkVrrp(pkt, reinterpret_cast<EthHdr*>(ip) - 1, ip, hdr);
-}
-PktCode vrrpInPkt(const Pkt::Ptr& pkt, Ip6Hdr* ip6, VrrpHdr*& hdr) {
-  return checkVrrp(pkt, reinterpret_cast<EthHdr*>(ip6) - 1, ip6, hdr);
-}
-PktCode arpInPkt(const Pkt::Ptr& pkt, IpHdr*, EthArpHdr*& hdr) {
-  EthHdr* eth = nullptr;
-  return checkArp(pkt, eth, hdr, &kConnected);
-}
-
-const std::string kV4 = octets("04 40 c0000201 c0000202"), kMacs = octets("00005e005302 00005e005301");
-const std::string kGlobal = octets("20010db8000000000000000000000001"),
-                  kLinkLocal = octets("fe80000000000000 0000000000000001");
-const std::string kV6 = octets("06 40") + kGlobal + octets("20010db8000000000000000000000002");
-const std::string kLinkAddr = octets("0101 00005e005301");
-std::string nd(std::string_view src, std::string_view dst, std::string_view limit = "ff") {
-  return octets("06") + octets(limit) + std::string(src) + octets(dst);
-}
-const std::string kSolicited = "ff020000000000000000 0001ff000001",
-                  kAllNodes = "ff02000000000000 0000000000000001";
+const std::string kMacs = octets("00005e005302 00005e005301");
+const std::string kGlobal = octets("20010db8000000000000000000000001");
+const std::string kLinkLocal = octets("fe80000000000000 0000000000000001");
+const std::string kLinkAddr = octets("0101 00005e005301"), kNone(16, '\0');
+const std::string kSolicited = octets("ff020000000000000000 0001ff000001");
+const std::string kAllNodes = octets("ff02000000000000 0000000000000001");
+const std::string kV4 = octets("04 40 c0000201 c0000202"), kV6 = octets("06 40") + kGlobal + kLinkLocal;
+constexpr BuilderLayer kUdp{Fill::udp, 0, ipProtoUdp}, kTcp{Fill::tcp, 0, ipProtoTcp};
+constexpr BuilderLayer kSctp{Fill::sctp, 0, ipProtoSctp}, kIcmp{Fill::icmp, 0, ipProtoIcmp};
 constexpr BuilderLayer kIcmp6{Fill::icmp6, 0, ipProtoIcmpv6}, kIgmp{Fill::icmp, 0, ipProtoIgmp};
-constexpr BuilderLayer kVrrp{Fill::vrrp, 0, ipProtoVrrp};
-const auto kNdForms = FORMS(checkNd, Ip6Hdr, Icmp6Hdr);
-const auto kNdAlone = ALONE(checkNd(ip6, message));
+constexpr BuilderLayer kVrrp{Fill::vrrp, 0, ipProtoVrrp}, kArp{Fill::nothing, ethTypeArpIp};
+const Forms kNd = FORMS(checkNd, Ip6Hdr, Icmp6Hdr), kMld = FORMS(checkMld, Ip6Hdr, Icmp6Hdr);
+const Forms kIgmpForms = FORMS(checkIgmp, IpHdr, IgmpHdr);
+
+/// A message, how the layers in front announce it, what goes in front, and its check.
+struct Kind {
+  std::string message;
+  BuilderLayer layer;
+  std::string ip;  ///< Version, hop limit, source, destination; empty for none.
+  Forms check;
+  std::string macs = kMacs;
+};
+
+std::string nd(const std::string& src, const std::string& dst, char limit = '\xff') {
+  return std::string{6, limit} + src + dst;
+}
 
 const std::map<std::string, Kind> kKinds = {
-    {"udp",
-     {octets("03e8 0035 0000 0000") + "hello",
-      {Fill::udp, 0, ipProtoUdp},
-      kV4,
-      kMacs,
-      FORMS(checkUdp, IpHdr, UdpHdr),
-      ALONE(checkUdp(ip, message))}},
-    {"udp6",
-     {octets("03e8 0035 0000 0000") + "hello",
-      {Fill::udp, 0, ipProtoUdp},
-      kV6,
-      kMacs,
-      FORMS(checkUdp, Ip6Hdr, UdpHdr),
-      ALONE(checkUdp(ip6, message))}},
+    {"udp", {octets("03e8 0035 0000 0000") + "hello", kUdp, kV4, FORMS(checkUdp, IpHdr, UdpHdr)}},
+    {"udp6", {octets("03e8 0035 0000 0000") + "hello", kUdp, kV6, FORMS(checkUdp, Ip6Hdr, UdpHdr)}},
     {"tcp",
-     {octets("03e8 0050 00000001 00000002 6010 ffff 0000 0000 02040578") + "hi",
-      {Fill::tcp, 0, ipProtoTcp},
-      kV4,
-      kMacs,
-      FORMS(checkTcp, IpHdr, TcpHdr),
-      ALONE(checkTcp(ip, message))}},
+     {octets("03e8 0050 00000001 00000002 6010 ffff 0000 0000 02040578") + "hi", kTcp, kV4,
+      FORMS(checkTcp, IpHdr, TcpHdr)}},
     {"tcp6",
-     {octets("03e8 0050 00000001 00000002 5010 ffff 0000 0000"),
-      {Fill::tcp, 0, ipProtoTcp},
-      kV6,
-      kMacs,
-      FORMS(checkTcp, Ip6Hdr, TcpHdr),
-      ALONE(checkTcp(ip6, message))}},
-    {"sctp",
-     {octets("03e8 0050 00000001 00000000 0a00 0004"),
-      {Fill::sctp, 0, ipProtoSctp},
-      kV4,
-      kMacs,
-      FORMS(checkSctp, IpHdr, SctpHdr),
-      ALONE(checkSctp(message))}},
-    {"icmp",
-     {octets("0800 0000 00010002"),
-      {Fill::icmp, 0, ipProtoIcmp},
-      kV4,
-      kMacs,
-      FORMS(checkIcmp, IpHdr, IcmpHdr),
-      ALONE(checkIcmp(message))}},
-    {"icmp6",
-     {octets("8000 0000 00010002"), kIcmp6, kV6, kMacs, FORMS(checkIcmp6, Ip6Hdr, Icmp6Hdr),
-      ALONE(checkIcmp6(ip6, message))}},
-    {"ns",
-     {octets("8700 0000 00000000") + kGlobal + kLinkAddr, kIcmp6, nd(kLinkLocal, kSolicited), kMacs, kNdForms,
-      kNdAlone}},
-    {"dad",
-     {octets("8700 0000 00000000") + kGlobal, kIcmp6, nd(std::string(16, '\0'), kSolicited), kMacs, kNdForms,
-      kNdAlone}},
-    {"na",
-     {octets("8800 0000 20000000") + kGlobal, kIcmp6, nd(kGlobal, kAllNodes), kMacs, kNdForms, kNdAlone}},
-    {"rs",
-     {octets("8500 0000 00000000") + kLinkAddr, kIcmp6, nd(kLinkLocal, kAllNodes), kMacs, kNdForms,
-      kNdAlone}},
+     {octets("03e8 0050 00000001 00000002 5010 ffff 0000 0000"), kTcp, kV6, FORMS(checkTcp, Ip6Hdr, TcpHdr)}},
+    {"sctp", {octets("03e8 0050 00000001 00000000 0a00 0004"), kSctp, kV4, FORMS(checkSctp, IpHdr, SctpHdr)}},
+    {"icmp", {octets("0800 0000 00010002"), kIcmp, kV4, FORMS(checkIcmp, IpHdr, IcmpHdr)}},
+    {"icmp6", {octets("8000 0000 00010002"), kIcmp6, kV6, FORMS(checkIcmp6, Ip6Hdr, Icmp6Hdr)}},
+    {"ns", {octets("8700 0000 00000000") + kGlobal + kLinkAddr, kIcmp6, nd(kLinkLocal, kSolicited), kNd}},
+    {"dad", {octets("8700 0000 00000000") + kGlobal, kIcmp6, nd(kNone, kSolicited), kNd}},
+    {"na", {octets("8800 0000 20000000") + kGlobal, kIcmp6, nd(kGlobal, kAllNodes), kNd}},
+    {"rs", {octets("8500 0000 00000000") + kLinkAddr, kIcmp6, nd(kLinkLocal, kAllNodes), kNd}},
     {"ra",
      {octets("8600 0000 40000708 00000000 00000000 0501 0000 000005dc"
              "0304 40c0 00015180 00003840 00000000") +
           kGlobal,
-      kIcmp6, nd(kLinkLocal, kAllNodes), kMacs, kNdForms, kNdAlone}},
+      kIcmp6, nd(kLinkLocal, kAllNodes), kNd}},
     {"redirect",
      {octets("8900 0000 00000000 fe800000000000000000000000000002") + kGlobal, kIcmp6,
-      nd(kLinkLocal, "20010db8000000000000000000000002"), kMacs, kNdForms, kNdAlone}},
+      nd(kLinkLocal, kGlobal), kNd}},
     {"mld",
      {octets("8f00 0000 0000 0001 0400 0001 ff020000000000000000000000000123") + kGlobal, kIcmp6,
-      nd(kLinkLocal, "ff020000000000000000000000000016", "01"), kMacs, FORMS(checkMld, Ip6Hdr, Icmp6Hdr),
-      ALONE(checkMld(ip6, message))}},
+      nd(kLinkLocal, kAllNodes, 1), kMld}},
     {"mldQuery",
-     {octets("8200 0000 03e8 0000") + std::string(16, '\0') + octets("027d 0001") + kGlobal, kIcmp6,
-      nd(kLinkLocal, kAllNodes, "01"), kMacs, FORMS(checkMld, Ip6Hdr, Icmp6Hdr),
-      ALONE(checkMld(ip6, message))}},
+     {octets("8200 0000 03e8 0000") + kNone + octets("027d 0001") + kGlobal, kIcmp6,
+      nd(kLinkLocal, kAllNodes, 1), kMld}},
     {"query",
-     {octets("1164 0000 00000000 027d 0001 c0000203"), kIgmp, octets("04 01 c0000201 e0000001"), kMacs,
-      FORMS(checkIgmp, IpHdr, IgmpHdr), ALONE(checkIgmp(ip, message))}},
+     {octets("1164 0000 00000000 027d 0001 c0000203"), kIgmp, octets("04 01 c0000201 e0000001"), kIgmpForms}},
     {"report",
      {octets("2200 0000 0000 0002 0400 0000 ef010203 0301 0001 ef010204 c0000203 00000000"), kIgmp,
-      octets("04 01 c0000201 e0000016"), kMacs, FORMS(checkIgmp, IpHdr, IgmpHdr),
-      ALONE(checkIgmp(ip, message))}},
+      octets("04 01 c0000201 e0000016"), kIgmpForms}},
     {"vrrp2",
      {octets("2107 6401 0001 0000 c0000201 0000000000000000"), kVrrp, octets("04 ff c0000201 e0000012"),
-      octets("01005e000012 00005e000107"), FORMS(vrrpInPkt, IpHdr, VrrpHdr),
-      ALONE(checkVrrp(eth, ip, message))}},
+      FORMS(checkVrrp, IpHdr, VrrpHdr), octets("01005e000012 00005e000107")}},
     {"vrrp3",
      {octets("3107 6401 0064 0000 fe800000000000000000000000000099"), kVrrp,
-      nd(kLinkLocal, "ff020000000000000000000000000012"), octets("333300000012 00005e000207"),
-      FORMS(vrrpInPkt, Ip6Hdr, VrrpHdr), ALONE(checkVrrp(eth, ip6, message))}},
+      nd(kLinkLocal, octets("ff020000000000000000000000000012")), FORMS(checkVrrp, Ip6Hdr, VrrpHdr),
+      octets("333300000012 00005e000207")}},
     {"arp",
-     {octets("0001 0800 06 04 0001 00005e005301 c0000201 000000000000 c0000202"),
-      {Fill::nothing, ethTypeArpIp},
-      "",
-      kMacs,
-      FORMS(arpInPkt, IpHdr, EthArpHdr),
-      ALONE(checkArp(eth, message, &kConnected))}},
+     {octets("0001 0800 06 04 0001 00005e005301 c0000201 000000000000 c0000202"), kArp, "",
+      FORMS(checkArp, IpHdr, EthArpHdr)}},
 };
 
 std::size_t messageAt(const Kind& kind) {
@@ -209,7 +171,7 @@ PktCode told(const Kind& kind, const Pkt::Ptr& pkt) {
   const std::string before = pkt->stringValue();
   U8* const ip = pkt->front() + sizeof(EthHdr);
   U8* hdr = nullptr;
-  const PktCode code = kind.inPacket(pkt, ip, hdr);
+  const PktCode code = kind.check.inPacket(pkt, ip, hdr);
   EXPECT_TRUE(pkt->stringValue() == before);
   if (hdr) {
     const auto at = static_cast<std::size_t>(hdr - pkt->front());
@@ -219,7 +181,7 @@ PktCode told(const Kind& kind, const Pkt::Ptr& pkt) {
       end = sizeof(EthHdr) + sizeof(Ip6Hdr) + reinterpret_cast<Ip6Hdr*>(ip)->payloadLen();
     }
     const auto copy = guarded.copy(std::string_view(before).substr(0, end));
-    EXPECT_EQ(kind.alone(copy.data() + sizeof(EthHdr), copy.subspan(at)), code);
+    EXPECT_EQ(kind.check.alone(copy.data() + sizeof(EthHdr), copy.subspan(at)), code);
   }
   return code;
 }
@@ -374,7 +336,7 @@ TEST(WireChecks, LyingPacketsInTwoPiecesAreToldAsThoseInOne) {
     const auto most = static_cast<U32>(std::min<std::size_t>(frame.size(), Pkt::privateBufferSize_));
     const auto pieces = frames::packet(frame, static_cast<U32>(random() % (most + 1)));
     U8* hdr = nullptr;
-    const auto codeOfPieces = kind.inPacket(pieces, pieces->front() + sizeof(EthHdr), hdr);
+    const auto codeOfPieces = kind.check.inPacket(pieces, pieces->front() + sizeof(EthHdr), hdr);
     if (codeOfPieces == pktTooShort) continue;
     ASSERT_EQ(codeOfPieces, code) << at->first << " in round " << round;
     seen.insert(code.value());
