@@ -161,7 +161,7 @@ void ActivityLoop::end() noexcept {
 
 U32 ActivityLoop::slotIs(FileDescriptor& target, int fd, U32 events) {
   const auto number = static_cast<std::size_t>(fd);
-  // The table does not grow far for a descriptor that may not exist: the kernel is asked first.
+  // Check a large number with fcntl before growing the table for it; it may not be open.
   if (number >= slotOfFd_.size() + 1024 && fcntl(fd, F_GETFD) < 0) throw ErrnoException(errno, "epoll_ctl");
   if (slotOfFd_.size() <= number) slotOfFd_.resize(number + 1, kNoSlot);
   if (freeSlots_.empty()) {
@@ -207,7 +207,7 @@ void ActivityLoop::eventsIs(U32 index, U32 events) {
   event.events = events;
   event.data.u64 = tagOf(index, slot.generation);
   if (events == 0) {
-    // It fails when the descriptor was closed first; then there is nothing left to remove.
+    // Fails if the descriptor was closed first; then there is nothing left to remove.
     epoll_ctl(epoll_, EPOLL_CTL_DEL, slot.fd, &event);
     holder = kNoSlot;
   } else if (slot.events != 0) {
@@ -324,17 +324,17 @@ Time ActivityLoop::nextDeadline() noexcept {
   return heap_.empty() ? timeInfinite : heap_[0].time;
 }
 
-/// Sees to it that the timer expires at `time` or earlier: one that is set to an earlier time stays, since a
-/// wake-up too many costs less than a system call for every change.
+/// Ensures the timer fires no later than `time`. An earlier setting is kept: one spurious wake-up is cheaper
+/// than a system call per change.
 void ActivityLoop::timerIs(Time time) noexcept {
   if (time >= timerTime_) return;
   const auto whole = std::chrono::duration_cast<std::chrono::seconds>(time);
   itimerspec spec{};
-  // Where time_t is short a distant time is approached in steps, of 68 years.
+  // With a 32-bit time_t a distant time is approached in steps of 68 years.
   spec.it_value.tv_sec =
       static_cast<time_t>(std::min<S64>(whole.count(), std::numeric_limits<time_t>::max()));
   spec.it_value.tv_nsec = static_cast<long>((time - whole).count());
-  // It fails for a descriptor or a time that are none, and these are ours.
+  // Cannot fail: the descriptor and the time are both ours and valid.
   const int result = timerfd_settime(timer_, TFD_TIMER_ABSTIME, &spec, nullptr);
   KIV_ASSERT(result == 0);
   timerTime_ = time;
@@ -391,7 +391,7 @@ void ActivityLoop::wait(Time limit) {
   const bool work = workWaits();
   if (simulated_) {
     const bool ready = take(next == timeInfinite && !work ? -1 : 0) || work;
-    // A descriptor that stays ready, since nobody drains it, does not hold the time up for ever.
+    // A descriptor that nobody drains stays ready; it must not hold the time up for ever.
     passesHeldUp_ = ready ? passesHeldUp_ + 1 : 0;
     if (ready && passesHeldUp_ < kPassesHeldUp) return;
     passesHeldUp_ = 0;
@@ -441,10 +441,10 @@ void ActivityLoop::runEvents() {
       const Slot& slot = slots_[index];
       return slot.generation == generation ? slot.target : nullptr;
     };
-    // What is run is first struck off the batch, so that an exception loses nothing and repeats nothing.
+    // Remove an event from the batch before running it, so that an exception neither loses nor repeats one.
     const U32 happened = event.events;
     FileDescriptor* fd = target();
-    // One that is listed to be counted again gets its turn from the list, behind the events of this pass.
+    // If readableAgain() was called for it, runAgain() counts it, once, behind the events of this pass.
     if (fd && (happened & kReadable) != 0 && fd->notifyOnReadable() && slots_[index].again != Again::wanted) {
       event.events = (happened & kWritable) != 0 ? EPOLLOUT : 0u;
       fd->readableCountInc(1);
@@ -472,7 +472,7 @@ void ActivityLoop::runAgain() {
   }
 }
 
-/// Moves the clocks whose time has come to the due ones, in the order of their times and of their setting.
+/// Moves the clocks that are due to `due_`, in the order of their times, then of their setting.
 void ActivityLoop::collectDue() noexcept {
   const Time present = now();
   while (!heap_.empty() && heap_[0].time <= present) {
@@ -512,13 +512,13 @@ void ActivityLoop::runClocks() {
   nextDue_ = 0;
 }
 
-/// Sets the timer for a foreign loop, which waits on `descriptor()` without asking first.
+/// Sets the timer for a foreign loop, which waits on `descriptor()` without calling into this one first.
 void ActivityLoop::syncEmbedded() noexcept {
   if (!embedded_ || running_) return;
   mailbox_->asleepIs(true);
   const Time next = nextDeadline();
   if (leftOver() || workWaits() || next <= now()) {
-    // Set anew in any case: an earlier expiry may be in the batch already, and wakes nobody any more.
+    // Set it even if it is set: an earlier expiry may already be in the batch and would wake nobody.
     timerTime_ = timeInfinite;
     timerIs(Time(1));
   } else if (!simulated_ && next != timeInfinite) {
@@ -543,10 +543,10 @@ void ActivityLoop::simulatedTimeIs(bool on) {
   if (on && !simulated_) simulatedNow_ = now();
   simulated_ = on;
   passesHeldUp_ = 0;
-  syncEmbedded();  // what was set in simulated time has no timer yet
+  syncEmbedded();  // clocks set in simulated time have no timer yet
 }
 
-/// Keeps the thread's loop; those that are registered with it keep it too.
+/// Holds the thread's loop. Objects registered with the loop hold it, too.
 struct ThreadLoop {
   ThreadLoop() : loop(new ActivityLoop) {}
   ~ThreadLoop() { loop->end(); }

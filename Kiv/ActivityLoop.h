@@ -145,7 +145,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void poll();
   /// Runs passes for `seconds`.
   void runFor(double seconds);
-  /// Runs passes until `done` holds, for at most `seconds`; whether it held. Looked at before each pass.
+  /// Runs passes until `done()` is true, for at most `seconds`; returns whether it was. Asks before each pass.
   bool runUntil(const std::function<bool()>& done, double seconds);
   bool running() const noexcept { return running_; }
 
@@ -155,11 +155,10 @@ class KIV_API ActivityLoop final : public PtrInterface {
 
   /// The monotonic clock, or the simulated time.
   Time now() const noexcept;
-  /// In simulated time the clock stands still, except that waiting jumps to the next deadline (of a clock, or
-  /// the end of `runFor` and `runUntil`) as soon as no descriptor is ready. With nothing to jump to, it waits
-  /// for descriptors; for one that stays ready it holds the time up for 1,000 passes at most. Switched on it
-  /// starts from the present time; switched off, the monotonic clock is back, and clocks keep the times that
-  /// they were set to.
+  /// Simulated time stands still until the loop would wait. It then jumps to the next deadline: of a clock, or
+  /// the end of `runFor` or `runUntil`. Without a deadline the loop waits for descriptors in real time. While
+  /// some descriptor stays ready, time stands still, but for at most 1,000 passes. Simulated time starts at the
+  /// present time. Switching it off brings the monotonic clock back; clocks keep the times they were set to.
   bool simulatedTime() const noexcept { return simulated_; }
   void simulatedTimeIs(bool on);
 
@@ -209,7 +208,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void againIs(U32 slot) noexcept;
 
   // Clocks.
-  /// Makes room in the lists for one more: there is always enough for all clocks at once.
+  /// Reserves room for one more clock in every list, so that setting a clock takes no memory.
   void clockAdd();
   void clockDel() noexcept { --clocks_; }
   void deadlineIs(Clock& clock, Time time) noexcept;

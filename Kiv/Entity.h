@@ -75,10 +75,9 @@ class Undying {
   };
 };
 
-/// An attribute that keeps its default, and is watched by nobody, on most entities of its class: it takes a
-/// pointer's room until then, and the rest from the heap. `Default` gives what it is at first. To set it the
-/// first time, or to watch it, may fail for want of memory, and changes nothing then; a reference to its value
-/// from before that stays one to the default.
+/// For attributes that most entities leave at the default and nobody watches: one pointer, and a heap cell on
+/// first set or watch. That first use may throw bad_alloc and then changes nothing. References to the default
+/// stay valid but do not follow later sets.
 template <typename T, typename Owner, const T& (*Default)() noexcept>
 class RareAttr {
  public:
@@ -115,7 +114,7 @@ class RareAttr {
   mutable std::unique_ptr<Cell> cell_;
 };
 
-/// Takes the attributes of an entity one by one, base classes first, in the order of declaration.
+/// Receives the attributes of an entity one by one, base classes first, in the order of declaration.
 class KIV_API AttrVisitor {
  public:
   virtual ~AttrVisitor();
@@ -327,7 +326,7 @@ String textOf(const T& value) {
     this->name.set(kivValue);                      \
   }
 
-/// The same two for attributes that few entities of the class change or have watched: see `RareAttr`.
+/// The same two as a `RareAttr`, for attributes that few entities change or have watched.
 #define KIV_ATTR_RARE_READ(Type, name, ...)                  \
   static const Type& name##Default() noexcept {              \
     static const ::Kiv::Undying<Type> kivValue{__VA_ARGS__}; \

@@ -60,7 +60,7 @@ class ScopedDescriptor {
   const int descriptor_;
 };
 
-/// Keeps a cancelled thread from leaving descriptors behind: open and close are cancellation points.
+/// open(2) and close(2) are cancellation points: a thread cancelled there would leave descriptors behind.
 class CancellationHeldBack {
  public:
   CancellationHeldBack() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
@@ -104,7 +104,7 @@ bool isDefault(const char* name) noexcept {
   return !name || !*name || std::string_view(name) == "default";
 }
 
-/// Whether the thread is in the namespace `name` without looking.
+/// Whether the thread is known to be in the namespace `name`, without a system call.
 bool isOwn(const char* name) noexcept {
   return isDefault(name) && home < 0;
 }
@@ -151,7 +151,7 @@ int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept
   if (own.get() < 0) return -1;
 
   const SignalsHeldBack signals;
-  // In a user namespace one may be allowed to go but not to come back: find out while still at home.
+  // In a user namespace a thread may be allowed to leave but not to return: find out before leaving.
   if (::setns(own.get(), CLONE_NEWNET) != 0) return failed("setns ", kOwn);
   if (::setns(there.get(), CLONE_NEWNET) != 0) return failed("setns ", name);
   const int socket = ::socket(family, type, protocol);

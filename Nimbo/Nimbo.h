@@ -11,25 +11,25 @@
 ///     open the named, open own --> [signals held back: setns there, socket, setns own] --> close both
 ///
 /// The invariant: a call that opens a socket ends in the namespace where it began, or the process ends. The
-/// permission to come back is tried out before leaving, so that a lack of it is an error like any other.
-/// No signal handler runs on the far side, and there is no cancellation point there.
+/// call tests the permission to come back before it leaves, so a lack of it is an ordinary error. No signal
+/// handler runs in the other namespace, and no cancellation acts there.
 ///
 /// A name is one component below /run/netns. The empty name, null and "default" stand for the namespace that
-/// the calling thread was in before `netnsEnter` moved it, so for the one that it is in if that never did. Namespaces may come and go at any time: a name that has none, or has one no
-/// more, is ENOENT, or EINVAL where only its file is left. Descriptors and sockets keep their namespace
-/// alive.
+/// the calling thread was in before `netnsEnter` first moved it. Namespaces may come and go at any time. A
+/// name without a namespace gives ENOENT, or EINVAL if only the file of a deleted one remains. Descriptors and
+/// sockets keep their namespace alive.
 ///
 /// Every function may be called from any thread, holds no lock and allocates nothing. Failure is a negative
 /// result with the errno of the step that failed: of open(2), setns(2) or socket(2), ENAMETOOLONG for a
 /// name longer than a file name, EINVAL for ".", ".." and a name with a slash.
 namespace Nimbo {
 
-/// Opens a socket in the namespace `name`, as socket(2) does, with SOCK_CLOEXEC added to `type`. Returns the
-/// descriptor, which the caller owns.
+/// Like socket(2) in the namespace `name`, with SOCK_CLOEXEC added to `type`. Returns the descriptor, which
+/// the caller owns.
 KIV_API int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept;
 
-/// Moves the calling thread into the namespace `name`, to stay; "default" brings it back to where it was first.
-/// Keeps one descriptor for a thread that was moved. Returns 0.
+/// Moves the calling thread into the namespace `name` for good; "default" brings it back. Keeps one descriptor
+/// for each thread that was moved. Returns 0.
 KIV_API int netnsEnter(const char* name) noexcept;
 
 /// Opens the namespace `name` itself, for setns(2) or a netlink request. Returns the descriptor,
