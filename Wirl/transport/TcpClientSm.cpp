@@ -14,7 +14,7 @@ namespace {
 
 Kiv::TraceHandle handle("TcpClientSm");
 
-/// Whether both ends are one: the SYN met its own sender, and that was an answer.
+/// Whether both ends are the same socket: its SYN came back to it and counted as the answer.
 bool connectedToItself(int socket, const detail::SockAddr& peer) {
   detail::SockAddr local;
   return getsockname(socket, local.get(), &local.length()) == 0 && local.port() == peer.port() &&
@@ -109,7 +109,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(Change& change, State enter
       clockDel();
       break;
     case State::closing:
-      // Where it fails the connection is broken, as its user will find.
+      // If this fails, the connection is broken, and its user will notice.
       shutdown(connection()->descriptor(), SHUT_WR);
       deadlineIs(closeTimeout());
       break;
@@ -117,7 +117,7 @@ std::optional<TcpClientSm::Event> TcpClientSm::enter(Change& change, State enter
   return std::nullopt;
 }
 
-/// Begins (`first`), or sees how it has gone; the event, if it is decided.
+/// Starts a try (`first`) or looks at its result. Returns the event if it is decided.
 std::optional<TcpClientSm::Event> TcpClientSm::tryToConnect(Change& change, bool first) {
   try {
     if (first) open();
@@ -148,7 +148,7 @@ void TcpClientSm::open() {
   try_.reset(new Try{openSocket(remoteAddr().af(), edgeTriggered(), false), remoteAddr(), remotePort(), {}});
 }
 
-/// Asks by connect(2), which begins what has not begun, and tells what has become of what has.
+/// Calls connect(2) again: starts the attempt, or reports the result of the one in progress.
 bool TcpClientSm::connectedNow() const {
   const int fd = try_->socket->descriptor();
   const detail::SockAddr peer(try_->peer, try_->port, scopeOf(*try_->socket));
@@ -166,7 +166,7 @@ void TcpClientSm::handleClock() {
   Change change(this);
   Event event = Event::clock;
   if (state() == State::connecting) {
-    // What the kernel has decided, unseen so far, stands.
+    // The kernel may have decided already: then its result counts.
     if (const std::optional<Event> decided = tryToConnect(change, false)) {
       event = *decided;
     } else {

@@ -10,20 +10,20 @@
 
 namespace Wirl {
 
-/// Keeps one TCP connection to a server: connects, tries again after failures, hands the connected socket
-/// over, and connects anew when its user reports it lost.
+/// Keeps one TCP connection to a server: connects, retries after failures, hands over the connected socket,
+/// and connects again when its user reports the connection lost.
 ///
-///                      enabledIs(true)                 socket opened in netNs, bound, connect() under way
-///          disabled ───────────────────> connecting ───────────────────────────────────┐
-///                                        │       ^                                     │ established
-///                          failed, or    │       │ the delay                           │
-///                          connectTimeout│       │ is over                             v
-///                                        v       │          connectionDel()
-///                                       waiting  <──────────────────────────────── connected
+///                 enabledIs(true)                 socket opened in netNs, bound, connect() under way
+///     disabled ───────────────────> connecting ───────────────────────────────────┐
+///                                   │       ^                                     │ established
+///                     failed, or    │       │ the delay                           │
+///                     connectTimeout│       │ is over                             v
+///                                   v       │          connectionDel()
+///                                  waiting  <──────────────────────────────── connected
 ///
-///          close() while connected ──> closing ──> disabled     on connectionDel() or after closeTimeout, and at
-///                                                               once to connecting if enabled anew meanwhile
-///          close() while connecting or waiting, and enabledIs(false) from everywhere ──> disabled
+///     close() while connected ──> closing ──> disabled     on connectionDel() or after closeTimeout, and at
+///                                                          once to connecting if enabled anew meanwhile
+///     close() while connecting or waiting, and enabledIs(false) from everywhere ──> disabled
 ///
 /// In use:
 ///
@@ -37,21 +37,21 @@ namespace Wirl {
 ///
 /// and when the Pam reports `rxErrorReason` or `txErrorReason`, call `connectionDel()`.
 ///
-/// The machine watches the socket while it is connecting, and no longer: on the connection it is the user who
-/// watches. Both hold the socket, which closes when the last of them lets go; disabling the machine thus ends
-/// nothing that a user still holds.
+/// The machine watches the socket only while it is connecting; the user watches the connection. Both hold the
+/// socket, which closes when the last of them drops it. So disabling the machine closes nothing that a user
+/// still holds.
 ///
-/// To end without losing what is under way in either direction, call `close()` once the Pam has sent all that
-/// it was given (`writable()` is on and `txQueued()` is 0; what it still holds would be cut): it tells the
-/// peer that no more comes. When the peer has said all that it has to say it closes too, the user reports that
-/// end as ever, by `connectionDel()`, and the machine is disabled; after `closeTimeout` it is in any case, and
-/// `lastErrorReason` says so. Whoever was told of the peer's end before calls `connectionDel()` right after
-/// `close()`. A socket that is closed while there is something to read resets the connection, and what the
-/// peer has not read yet is lost. A machine that is enabled anew while it closes connects when that is over.
+/// To end without losing data in either direction, wait until the Pam has sent everything (`writable()` is on
+/// and `txQueued()` is 0; the rest would be cut off) and call `close()`, which tells the peer that no more
+/// follows. The peer closes too once it has sent the rest. The user reports that end with `connectionDel()`
+/// as always, and the machine is disabled. If the peer does not close within `closeTimeout`, the machine is
+/// disabled anyway, and `lastErrorReason` says so. A user who already knew of the peer's end calls
+/// `connectionDel()` right after `close()`. Closing a socket with unread data resets the connection: the peer
+/// loses what it has not read yet. A machine that is enabled while it closes connects when that is over.
 ///
-/// Nothing is thrown for what the network or the system refuses, be it that the namespace or the interface is
-/// not there (yet): the reason stands in `lastErrorReason`, and the next try comes. A connection to itself,
-/// which TCP permits a client whose own port happens to be the one it calls, counts as refused.
+/// The machine throws nothing that the network or the system refuses, not even for a missing namespace or
+/// interface: `lastErrorReason` holds the reason, and the next try follows. A connection to itself, which TCP
+/// permits if the client's own port is the one that it calls, counts as refused.
 class KIV_API TcpClientSm final : public TcpSm {
  public:
   enum class State : Kiv::U8 { disabled, connecting, waiting, connected, closing };
@@ -88,12 +88,12 @@ class KIV_API TcpClientSm final : public TcpSm {
   /// Begins to connect, or ends whatever is under way. Throws `Kiv::RangeException`, and stays disabled, when
   /// there is no remote address or port, or the local address is of the other family.
   void enabledIs(bool on);
-  /// Lets go of a connection that is of no more use and connects again when the back-off is over, or ends when
-  /// `closing`. Does nothing without a connection.
+  /// Lets go of a connection that is of no more use and connects again when the back-off is over, or ends
+  /// when `closing`. Does nothing without a connection.
   void connectionDel();
-  /// The same for a connection that failed, as one whose peer accepts it and then refuses to talk: it counts in
-  /// `failures`, `reason` becomes `lastErrorReason` (`lastError` is 0), and the back-off goes on, however long
-  /// the connection lasted.
+  /// The same for a connection that failed, as one whose peer accepts it and then refuses to talk: it counts
+  /// in `failures`, `reason` becomes `lastErrorReason` (`lastError` is 0), and the back-off goes on, however
+  /// long the connection lasted.
   void connectionDel(const Kiv::String& reason);
   /// The connection turned out well, for example since the peer has logged in: starts the back-off over.
   void connectionGood() noexcept;

@@ -14,8 +14,8 @@ using Kiv::S32;
 using Kiv::U16;
 using Kiv::U32;
 
-/// One TCP socket and how its readiness is to be reported. Immutable and shared: the socket is closed when
-/// the last pointer lets go, and not before, whatever is done to those that watch it.
+/// One TCP socket, and how its readiness is reported. Immutable and shared: the socket closes when the last
+/// pointer is dropped, whatever happens to those that watch it.
 class KIV_API TcpFileDescriptor : public Kiv::PtrInterface {
  public:
   using PtrConst = Kiv::Ptr<const TcpFileDescriptor>;
@@ -44,21 +44,22 @@ class KIV_API TcpFileDescriptor : public Kiv::PtrInterface {
   const bool edgeTriggered_;
 };
 
-/// Watches one TCP socket for its owner, on whatever event loop there is: the interface between endpoints and
-/// loops. It counts `readableCount` up for each event to read while `notifyOnReadable` is on, and
-/// `writableCount` for each event to write while `notifyOnWritable` is; owners are reactors to the counts.
+/// Watches one TCP socket for its owner, on any event loop: the interface between endpoints and loops. While
+/// `notifyOnReadable` is on, each readable event increments `readableCount`; the same holds for
+/// `notifyOnWritable` and `writableCount`. Owners react to the counts.
 ///
 /// Disabled when new. Enabling attaches it to its loop, disabling detaches it; neither touches the socket.
-/// A disabled registration, and a switch that is off, see no event.
+/// While it is disabled, or a switch is off, no events are counted.
 ///
-/// For those who put it on another loop, as `TcpFileDescriptorEventRegistrationKivc` does on the activity
-/// loop:
+/// To put it on another loop, as `TcpFileDescriptorEventRegistrationKivc` does on the activity loop:
 ///
 /// - Implement the three `handle...` reactors; call `handleReadable()` and `handleWritable()` for events.
 /// - Errors, hang-ups and the end of the stream count as readable and as writable.
-/// - With `TcpFileDescriptor::edgeTriggered`, switching a notification on asks anew: a socket that is ready
-///   then is reported, as if it had just become so.
-/// - Owners may do anything inside a count, to the last pointer to the registration: touch nothing behind it.
+/// - With `TcpFileDescriptor::edgeTriggered`, switching a notification on re-arms it: a socket that is ready
+///   then is reported as if it had just become so.
+/// - Owners may do anything when they are told of a count, drop the last pointer to the registration
+///   included:
+///   touch nothing afterwards.
 /// - Call `handleDel()` in the destructor.
 class KIV_API TcpFileDescriptorEventRegistration : public Kiv::Entity {
  public:
@@ -81,8 +82,9 @@ class KIV_API TcpFileDescriptorEventRegistration : public Kiv::Entity {
   /// Disables the registration.
   void handleDel() { enabledIs(false); }
 
-  /// Counts one readable event in the loop's next pass, whatever the kernel says, if `notifyOnReadable` is still
-  /// on then. For owners that stop before they have read everything. False if the loop cannot do that, as here.
+  /// Counts one readable event in the loop's next pass, whatever the kernel says, if `notifyOnReadable` is
+  /// still on then. For owners that stop before they have read everything. False if the loop cannot do that,
+  /// as here.
   virtual bool readableAgain() { return false; }
 
  protected:

@@ -43,37 +43,37 @@ KIV_API std::ostream& operator<<(std::ostream& out, TcpPduPamEnableMode mode);
 /// To start: set `maxPduLength` (0, the default, accepts nothing), register reactors, then `enableModeIs`.
 ///
 /// Receiving. One readable event announces one PDU; the others that have arrived come with it. So a client
-/// pulls with `rxPkt()` until it gets null, inside its reactor to `readableCount`. A client that stops earlier
-/// is told again only after the next null. `readOnePktOnly` gives one PDU per event. After `rxBudget` PDUs of
-/// one event the pull gives null as well, and the next event comes in the loop's next pass. (On a loop without
-/// `readableAgain`, octets that were read ahead are exempt.) A PDU whose length field is below the header's
-/// length is delivered as the header alone, and the next one starts behind it. One above `maxPduLength` ends
-/// the connection, because the stream cannot be cut any more.
+/// pulls with `rxPkt()` until it gets null, inside its reactor to `readableCount`. A client that stops
+/// earlier is told again only after the next null. `readOnePktOnly` gives one PDU per event. After `rxBudget`
+/// PDUs of one event the pull gives null as well, and the next event comes in the loop's next pass. (On a
+/// loop without `readableAgain`, octets that were read ahead are exempt.) A PDU whose length field is below
+/// the header's length is delivered as the header alone, and the next one starts behind it. One above
+/// `maxPduLength` ends the connection, because the stream cannot be cut any more.
 ///
 /// Sending. Allowed while `writable()`; otherwise it ends the process. A packet handed over belongs to the
 /// Pam: its bytes must not change until `writable()` is on again and, with `txQueueLimit`, `txQueued()` is 0.
-/// With `txQueueLimit` set, up to that many packets are queued and go out together: at the end of the readable
-/// event in whose reactor they were sent, otherwise when the socket is next reported writable; `txFlush()`
-/// sends them at once. `writable()` then tells whether the queue has room.
+/// With `txQueueLimit` set, up to that many packets are queued and go out together: at the end of the
+/// readable event in whose reactor they were sent, otherwise when the socket is next reported writable;
+/// `txFlush()` sends them at once. `writable()` then tells whether the queue has room.
 ///
 /// Failures throw nothing. The end of the stream and a failed read set `rxErrorReason`. All PDUs that arrived
 /// before are handed over first: the reason is set behind the reactor to `readableCount`, when the client has
-/// pulled them all. Reading is over then, while sending may go on; an incomplete PDU is not delivered. A failed
-/// send sets `txErrorReason` and tears everything down, as `cleanup()` does; packets sent later count in
-/// `txErrors`. The owner of the connection reacts to these attributes and replaces the Pam.
+/// pulled them all. Reading is over then, while sending may go on; an incomplete PDU is not delivered. A
+/// failed send sets `txErrorReason` and tears everything down, as `cleanup()` does; packets sent later count
+/// in `txErrors`. The owner of the connection reacts to these attributes and replaces the Pam.
 ///
 /// If the loop cannot watch the socket (no memory), the direction fails; `enableModeIs` throws instead and
 /// changes nothing.
 ///
-/// Modes. A switch to read-only waits until the packet in flight is sent, a switch to write-only until the PDU
-/// in reception is complete. No PDU is cut in two, not even by a switch to none: the rest follows when the
-/// direction is enabled again, and a packet in flight is finished in any mode.
+/// Modes. A switch to read-only waits until the packet in flight is sent, a switch to write-only until the
+/// PDU in reception is complete. No PDU is cut in two, not even by a switch to none: the rest follows when
+/// the direction is enabled again, and a packet in flight is finished in any mode.
 ///
 /// Memory. A Pam between two PDUs holds no packet and no buffer.
 ///
 /// Re-entrancy. Reactors may switch modes, send, clean up or drop the Pam at any point, and so may
-/// `getPduSize()`. An exception from a reactor leaves through the caller or the loop, and no PDU is lost: pull
-/// until null. Single-threaded, on the loop that watches the socket.
+/// `getPduSize()`. An exception from a reactor leaves through the caller or the loop, and no PDU is lost:
+/// pull until null. Single-threaded, on the loop that watches the socket.
 class KIV_API TcpPduPam : public TcpPduPamBase {
  public:
   KIV_ENTITY(TcpPduPam, TcpPduPamBase)
@@ -128,8 +128,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   virtual void dumpDerivedState(std::ostream& out) const;
 
   /// Switches the directions; see above. A value that is no mode, and a read-only or write-only request while
-  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, if the loop
-  /// cannot watch the socket.
+  /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, if the
+  /// loop cannot watch the socket.
   void enableModeIs(TcpPduPamEnableMode mode);
   TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const noexcept { return pendingMode_; }
   /// Applies the options to the socket. A failure counts in `tcpOptErrors`.
@@ -143,8 +143,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
     return enableMode() == tcpEnableModeReadWrite || enableMode() == tcpEnableModeWriteOnly;
   }
 
-  /// Sends the gathered pieces as one stretch of the stream, of any length, under the rules of `txPktIs`.
-  /// If `writable()` is off on return, the memory of the pieces (not `iov` itself) must stay as it is until it
+  /// Sends the gathered pieces as one stretch of the stream, of any length, under the rules of `txPktIs`. If
+  /// `writable()` is off on return, the memory of the pieces (not `iov` itself) must stay as it is until it
   /// is on again; with `txQueueLimit` they are copied.
   void txIovIs(const SocketIovec* iov, U16 iovLen);
   /// Sends queued packets, as many as the socket takes.
@@ -155,8 +155,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Reads once.
   TcpPduPamReadReturn readFromSocket();
 
-  /// Drops the registration, the PDUs and packets in reception and in flight, and the state machine. The socket
-  /// stays open for as long as someone holds the descriptor.
+  /// Drops the registration, the PDUs and packets in reception and in flight, and the state machine. The
+  /// socket stays open for as long as someone holds the descriptor.
   void cleanup();
 
   void handleSocketReadable() override;
@@ -189,8 +189,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   U16 peerPort() const noexcept { return peerPort_; }
 
  protected:
-  /// For `getPduSize()`: `header` + `length` octets, as a length field of any width says. More than 65,535 end
-  /// the connection with "PDU length too big", like anything above `maxPduLength`.
+  /// For `getPduSize()`: `header` + `length` octets, as a length field of any width says. More than 65,535
+  /// end the connection with "PDU length too big", like anything above `maxPduLength`.
   U16 pduSize(std::uint64_t length, U16 header = 0) noexcept;
 
   void txPktIsImpl(const Pkt::Ptr& pkt) override;

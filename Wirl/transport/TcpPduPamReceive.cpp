@@ -155,8 +155,8 @@ void TcpPduPam::handleSocketReadable() {
 }
 
 void TcpPduPam::readEvent() {
-  // Normally one iteration. Repeat if a reactor re-enabled reading or left octets that were read ahead: the loop
-  // may not report them.
+  // Normally one iteration. Repeat if a reactor re-enabled reading or left octets that were read ahead: the
+  // loop may not report them.
   do {
     readAgain_ = false;
     if (readPdu() && fd()) readableCountInc(1);
@@ -165,7 +165,8 @@ void TcpPduPam::readEvent() {
   } while ((readAgain_ || reader_.hasMore()) && (withinBudget() || !offerRest()));
 }
 
-/// Has the loop report the socket in its next pass. False if it cannot report the octets that were read ahead.
+/// Has the loop report the socket in its next pass. False if it cannot report the octets that were read
+/// ahead.
 bool TcpPduPam::offerRest() {
   if (!edgeTriggered() && !reader_.hasMore()) return true;  // the kernel does
   if (fd()->readableAgain()) return true;

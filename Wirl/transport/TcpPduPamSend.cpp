@@ -109,8 +109,8 @@ void TcpPduPam::sendRest() {
   isPkt ? follow(sent, "Remaining to send ", writer_.remaining()) : follow(sent, "Curr iovec: ", sent.piece);
 }
 
-/// Follows a system call: first all bookkeeping, then `writeLength` is told, since its reactors may send, too.
-/// `rest` names `left` in the trace of a partial write.
+/// Follows a system call: first all bookkeeping, then `writeLength` is told, since its reactors may send,
+/// too. `rest` names `left` in the trace of a partial write.
 void TcpPduPam::follow(const PduWriter::Sent& sent, const char* rest, std::size_t left) {
   const bool news = writeLength.store(static_cast<U16>(std::min<std::size_t>(sent.asked, 0xffff)));
   if (sent.error != 0) {

@@ -18,8 +18,8 @@ namespace {
 
 Kiv::TraceHandle handle("TcpServerSm");
 
-/// Failures of accept(2) that concern the one connection, which is gone then: the peer gave up, or its network
-/// failed.
+/// Failures of accept(2) that concern the one connection, which is gone then: the peer gave up, or its
+/// network failed.
 bool concernsOne(int error) {
   switch (error) {
     case ECONNABORTED:
@@ -157,7 +157,8 @@ std::optional<TcpServerSm::Event> TcpServerSm::listen(Change& change) {
   return std::nullopt;
 }
 
-/// What is accepted in an event is told at its end: then every connection has its owner, whatever reactors throw.
+/// What is accepted in an event is told at its end: then every connection has its owner, whatever reactors
+/// throw.
 void TcpServerSm::readableEvent() {
   Change change(this);
   const struct End {

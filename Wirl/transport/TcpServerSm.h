@@ -37,19 +37,19 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 
 /// Listens for TCP connections and hands them over, up to a number of open ones.
 ///
-///          disabled ──enabledIs(true)──> opening      socket opened in netNs, bound, listening; decided at once
-///                                        │   ^  │
-///                                 failed │   │  └── opened ──┐
-///                                        v   │ delay over    v
-///                                       waiting           listening  <──┬───────────────────────┐
-///                                                          │     │      │ an open one           │ acceptPause
-///                                           maxConnections │     │      │ was closed            │ is over
-///                                           are open       v     │      │                       │
-///                                                         full ──┼──────┘                       │
-///                                                                │ accept() failed              │
-///                                                                └────────────────────────> paused
-///          listening: the socket is of no more use ──> waiting
-///          from everywhere: enabledIs(false) ──> disabled
+///     disabled ──enabledIs(true)──> opening      socket opened in netNs, bound, listening; decided at once
+///                                   │   ^  │
+///                            failed │   │  └── opened ──┐
+///                                   v   │ delay over    v
+///                                  waiting           listening  <──┬───────────────────────┐
+///                                                     │     │      │ an open one           │ acceptPause
+///                                      maxConnections │     │      │ was closed            │ is over
+///                                      are open       v     │      │                       │
+///                                                    full ──┼──────┘                       │
+///                                                           │ accept() failed              │
+///                                                           └────────────────────────> paused
+///     listening: the socket is of no more use ──> waiting
+///     from everywhere: enabledIs(false) ──> disabled
 ///
 /// In use:
 ///
@@ -61,25 +61,25 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 ///     });
 ///     server->enabledIs(true);
 ///
-/// `readableCount` goes up while connections wait; as with a Pam the client pulls until null, inside its
-/// reactor. As long as it does not it is told again with every pass of the loop, which then never sleeps: an
-/// enabled server needs somebody who accepts. To let connections wait, set `maxConnections` to what is open, or
-/// to 0. After `acceptBudget` connections of one event `accept()` gives null too, so that a flood of them leaves
-/// the rest of the loop its turn; the next event follows.
+/// `readableCount` goes up while connections wait. As with a Pam, the client pulls until null, inside its
+/// reactor. Until it does, the machine is told again in every pass of the loop, which then never sleeps: an
+/// enabled server needs somebody who accepts. To make connections wait, set `maxConnections` to the number of
+/// open ones, or to 0. After `acceptBudget` connections of one event `accept()` gives null too, so that the
+/// rest of the loop has its turn; the next event follows.
 ///
-/// With `maxConnections` open the machine stops listening for events, not at the port: further connections are
-/// completed by the kernel and wait in its queue, of `backlog`, until one of the open ones is closed; what the
-/// queue does not hold, the kernel leaves unanswered, so that the peers try again.
+/// With `maxConnections` open, the machine stops watching the socket but keeps the port open: the kernel
+/// completes further connections and queues up to `backlog` of them until an open one is closed. It leaves
+/// the rest unanswered, so their peers try again.
 ///
-/// When the process or the system is out of descriptors or memory, nothing is accepted for `acceptPause`, and
-/// those that wait are not lost. Connections that their peers gave up while they waited are skipped.
+/// If the process or the system runs out of descriptors or memory, the machine accepts nothing for
+/// `acceptPause`; waiting connections are not lost. It skips connections that their peers gave up meanwhile.
 ///
-/// Nothing is thrown for what the system refuses, be it that the namespace, the interface or the address is not
-/// there (yet), or the port is taken: the reason stands in `lastErrorReason`, and the next try comes. Once it
-/// listens, the socket stays in its namespace, also when that loses its name, and at the interface that it was
-/// tied to: for one that was deleted and made anew, disable and enable the machine.
+/// The machine throws nothing that the system refuses, such as a missing namespace, interface or address, or
+/// a port that is taken: `lastErrorReason` holds the reason, and the next try follows. Once it listens, the
+/// socket stays in its namespace, even when that loses its name, and at its interface: if the interface was
+/// deleted and made again, disable and enable the machine.
 ///
-/// Disabling closes the port; connections in its queue are reset by the kernel, those handed over live on and
+/// Disabling closes the port. The kernel resets the connections in its queue; those handed over live on and
 /// still count.
 class KIV_API TcpServerSm final : public TcpSm {
  public:
@@ -111,13 +111,13 @@ class KIV_API TcpServerSm final : public TcpSm {
   void acceptPauseIs(Kiv::Time time);
 
   bool enabled() const noexcept { return state() != State::disabled; }
-  /// Opens the port, or closes it. Throws `Kiv::RangeException`, and stays disabled, when the local address has
-  /// no family.
+  /// Opens the port, or closes it. Throws `Kiv::RangeException`, and stays disabled, when the local address
+  /// has no family.
   void enabledIs(bool on);
 
-  /// The next connection that waits, non-blocking. Null if there is none, or none may be accepted now. Reactors
-  /// are told of what it changes at the end of the readable event. Outside of an event they are told at once; if
-  /// one throws, the next call returns the connection.
+  /// The next connection that waits, non-blocking. Null if there is none, or none may be accepted now.
+  /// Reactors are told of what it changes at the end of the readable event. Outside of an event they are told
+  /// at once; if one throws, the next call returns the connection.
   TcpServerConnection::PtrConst accept();
   /// Connections handed over that somebody still holds.
   U32 openConnections() const noexcept { return counter_->open; }

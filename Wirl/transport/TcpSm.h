@@ -22,13 +22,13 @@ namespace Wirl {
 ///
 /// Each is driven by its table of transitions: an event without a row for the present state is ignored. One
 /// switch holds what the states do on entry. Every transition first ends the watch on the socket and the
-/// deadline. All attributes are stored first; reactors run when the machine is at rest, once for each attribute
-/// that changed (a try that fails at once leaves `state` as it was, and shows in `attempts` and `failures`).
-/// They may set anything, disable the machine or drop the last pointer to it. If one throws, the others run
-/// before the exception leaves.
+/// deadline. All attributes are stored first; reactors run when the machine is at rest, once for each
+/// attribute that changed (a try that fails at once leaves `state` as it was, and shows in `attempts` and
+/// `failures`). They may set anything, disable the machine or drop the last pointer to it. If one throws, the
+/// others run before the exception leaves.
 ///
-/// Whatever goes wrong while a socket is opened or watched, even an exception of a user's factory, counts as a
-/// failure like those of the network: the next try follows.
+/// Whatever goes wrong while a socket is opened or watched, even an exception of a user's factory, counts as
+/// a failure like those of the network: the next try follows.
 ///
 /// The attributes with a setter may change at any time. The machine reads those of the socket when it opens
 /// one, times when a wait of their kind begins, and a server's `edgeTriggered` with each connection.
@@ -44,8 +44,8 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// How the connections report readiness.
   KIV_ATTR(bool, edgeTriggered, false)
   /// After a failure the next try waits `backoffMin`, then twice as long each time, up to `backoffMax`; a
-  /// success starts over. Each delay is shortened by a random part of up to `backoffJitter` percent, so that many
-  /// machines do not try in step.
+  /// success starts over. Each delay is shortened by a random part of up to `backoffJitter` percent, so that
+  /// many machines do not try in step.
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMin, std::chrono::milliseconds(500))
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMax, std::chrono::seconds(30))
   KIV_ATTR_RARE(Kiv::U8, backoffJitter, Kiv::U8{25})

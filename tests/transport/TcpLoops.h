@@ -23,8 +23,8 @@
 
 namespace Wirl {
 
-/// Another event loop: poll(2) over those who asked. It reports edge-triggered sockets only if what there is to
-/// read has changed since the last report, so an owner that relies on being reminded stalls. It holds a
+/// Another event loop: poll(2) over those who asked. It reports edge-triggered sockets only if what there is
+/// to read has changed since the last report, so an owner that relies on being reminded stalls. It holds a
 /// registration while it delivers to it.
 class PollLoop {
  public:

@@ -44,7 +44,8 @@ TEST_P(TcpPduPamTest, MakesTheSystemCallsItIsMeantTo) {
     const Fault watches(Call::epoll_ctl);
     ASSERT_TRUE(end.receives(100));
     end.loop.settle();
-    // Header, rest, and at the end one that finds nothing; or all at once, and level-triggered no more than that.
+    // Header, rest, and at the end one that finds nothing; or all at once, and level-triggered no more than
+    // that.
     if (!foreign || budget == 0) {
       EXPECT_EQ(reads.calls(), ahead ? edge + 1u : 200u + (edge || budget == 0));
     }

@@ -1,5 +1,5 @@
-// SPDX-License-Identifier: Apache-2.0
-// PDUs by the hundred thousand, with everything that a socket may do to them, and streams that end in every way.
+// SPDX-License-Identifier: Apache-2.0 PDUs by the hundred thousand, with everything that a socket may do to
+// them, and streams that end in every way.
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <unistd.h>

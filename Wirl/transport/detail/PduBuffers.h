@@ -5,9 +5,8 @@
 
 namespace Wirl::detail {
 
-/// An empty packet over a buffer of `size` octets. Buffers larger than those that the packet manager recycles
-/// are taken from the last few of the thread, where one of that size is held by no packet any more: a PDU
-/// each, they would be heavy on the heap.
+/// An empty packet over a buffer of `size` octets. The packet manager recycles small buffers; of larger ones
+/// each thread keeps the last few here, because one heap allocation per PDU is expensive.
 Pkt::Ptr newPduPkt(U32 size);
 
 }  // namespace Wirl::detail

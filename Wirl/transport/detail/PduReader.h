@@ -16,8 +16,8 @@
 
 namespace Wirl::detail {
 
-/// The receiving half of a framed connection: takes octets off a socket and gathers them into one PDU at a time.
-/// It notifies nobody; each call returns its result.
+/// The receiving half of a framed connection: takes octets off a socket and gathers them into one PDU at a
+/// time. It notifies nobody; each call returns its result.
 ///
 /// The framing, `size`, may do anything to the owner, `clear()` included. The owner itself must stay alive.
 class PduReader {
@@ -59,7 +59,8 @@ class PduReader {
     ahead_.clear();
   }
 
-  /// Starts a PDU if there is none, whose buffer has room for `max` octets. Without memory there is none after it.
+  /// Starts a PDU if there is none, whose buffer has room for `max` octets. Without memory there is none
+  /// after it.
   template <typename Size>
   void begin(U32 max, Size size);
   /// Reads once for the PDU that was begun.

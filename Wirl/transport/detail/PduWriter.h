@@ -13,8 +13,8 @@
 
 namespace Wirl::detail {
 
-/// The sending half of a framed connection: one packet or one vector in flight, or a queue of packets. After a
-/// partial write it goes on at the exact octet. It notifies nobody; each call returns its result.
+/// The sending half of a framed connection: one packet or one vector in flight, or a queue of packets. After
+/// a partial write it goes on at the exact octet. It notifies nobody; each call returns its result.
 class PduWriter {
  public:
   using Iovec = struct ::iovec;

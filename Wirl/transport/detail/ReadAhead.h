@@ -11,8 +11,8 @@
 
 namespace Wirl::detail {
 
-/// What was read off a socket beyond what was asked for. It holds memory only while there are such octets;
-/// one buffer of each thread is kept for the next to need it, whichever connection that is.
+/// Octets that were read off a socket beyond those asked for. Holds memory only while there are such octets.
+/// Each thread keeps one buffer for the next connection that needs it.
 class ReadAhead {
  public:
   static constexpr std::size_t kBytes = 65536;
@@ -27,7 +27,7 @@ class ReadAhead {
     release();
     drained_ = false;
   }
-  /// Copies what is here, `length` octets at most, and returns how many; there must be some.
+  /// Copies up to `length` of the octets that are here and returns how many. There must be some.
   ssize_t take(Kiv::U8* to, std::size_t length) noexcept {
     const std::size_t count = length < end_ - next_ ? length : end_ - next_;
     std::memcpy(to, buffer_.get() + next_, count);
@@ -36,10 +36,9 @@ class ReadAhead {
       release();
     return static_cast<ssize_t>(count);
   }
-  /// As recv(2) with MSG_DONTWAIT, while nothing is here: it reads all that fits, and gives what was asked for;
-  /// without memory for that it reads no more than was asked for.
-  /// Unless `toTheEnd`, it believes a short read that the socket is empty, and answers the next call EAGAIN
-  /// without asking.
+  /// Like recv(2) with MSG_DONTWAIT, to be called while nothing is here: reads all that fits and returns what
+  /// was asked for. Without memory for the buffer it reads only that. A short read is taken to mean that the
+  /// socket is empty, and the next call returns EAGAIN without a system call; not with `toTheEnd`.
   ssize_t receive(int fd, Kiv::U8* to, std::size_t length, bool toTheEnd);
 
  private:

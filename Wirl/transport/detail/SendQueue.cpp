@@ -33,7 +33,7 @@ void SendQueue::sent(std::size_t bytes) noexcept {
     pieces[first].data += bytes;
     pieces[first].bytes -= static_cast<U32>(bytes);
   }
-  // Moves the rest down no more often than it has sent as many.
+  // Compact only once half the vector is sent, so the copying is amortised O(1).
   if (first * 2 >= pieces.size()) {
     pieces.erase(pieces.begin(), pieces.begin() + static_cast<std::ptrdiff_t>(first));
     first = 0;

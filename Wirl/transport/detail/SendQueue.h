@@ -11,8 +11,8 @@
 
 namespace Wirl::detail {
 
-/// Packets that wait to be sent, in order; the first may be sent in part. It keeps their buffers, not them.
-/// No memory before the first packet, and once it was empty again room for `kKept` of them at most.
+/// Packets that wait to be sent, in order; the first may be sent in part. Holds the buffers, not the packets.
+/// Takes no memory before the first packet; once empty again it keeps room for at most `kKept`.
 class SendQueue {
  public:
   static constexpr std::size_t kKept = 64;
@@ -22,7 +22,7 @@ class SendQueue {
   void clear() noexcept { queue_ = nullptr; }
   /// A packet of one piece, in its shared buffer.
   void push(const Pkt& pkt);
-  /// Describes the first of them in `out`, at most `max`; returns how many, and their octets in `bytes`.
+  /// Describes up to `max` packets in `out`. Returns how many, and their octets in `bytes`.
   unsigned gather(struct ::iovec* out, unsigned max, std::size_t& bytes) const noexcept;
   /// Takes `bytes` off the front.
   void sent(std::size_t bytes) noexcept;
