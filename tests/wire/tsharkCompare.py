@@ -140,7 +140,7 @@ def main():
                 differences += 1
                 break
             frames += 1
-            mine = [layer for layer in ours[frame - 1]["layers"] if layer["layer"] in LAYERS or layer["layer"] == "snap"]
+            mine = [layer for layer in ours[frame - 1]["layers"] if layer["layer"] in {*LAYERS, "snap"}]
             said = [layer for layer, _ in theirs]
             if [layer["layer"] for layer in mine] != said:
                 print(f"{capture} {frame}: {[layer['layer'] for layer in mine]}, tshark: {said}")
