@@ -35,6 +35,7 @@ struct Kind {
   const char* name;
   std::array<int, 3> errors;  // those that come first in the life of a daemon
 };
+constexpr Kind kMemory = {{}, "allocation", {ENOMEM}};
 constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENOBUFS}},
                            {Call::bind, "bind", {EADDRINUSE, EACCES}},
                            {Call::close, "close", {EIO}},
@@ -70,37 +71,19 @@ void tellPoint(int signal) {
   raise(signal);
 }
 
-struct Points {
-  unsigned allocations = 0, calls = 0;
-};
 struct Sum : testing::Environment {
-  Points points;
-  unsigned scenarios = 0;
+  unsigned scenarios = 0, memory = 0, calls = 0;
   void TearDown() override {
     if (scenarios == 0) return;
     std::printf("fault sweep: %u scenarios, %u points: %u of memory, %u of system calls\n", scenarios,
-                points.allocations + points.calls, points.allocations, points.calls);
+                memory + calls, memory, calls);
   }
 };
 Sum& sum = *dynamic_cast<Sum*>(testing::AddGlobalTestEnvironment(new Sum));
 
-/// Does something at the end of its scope.
-template <typename Action>
-class Finally {
- public:
-  explicit Finally(Action action) : action_(action) {}
-  ~Finally() { action_(); }
-  Finally(const Finally&) = delete;
-  Finally& operator=(const Finally&) = delete;
-
- private:
-  const Action action_;
-};
-
 class Sweep {
  public:
-  Sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, Memory memory,
-        bool ownThread)
+  Sweep(const char* name, const std::function<Scenario()>& make, Memory memory, bool ownThread)
       : name_(name), make_(make), memory_(memory), ownThread_(ownThread), home_(currentNetNs()) {
     for (const int signal : {SIGABRT, SIGSEGV, SIGALRM}) std::signal(signal, tellPoint);
     rlimit limit{};
@@ -124,81 +107,43 @@ class Sweep {
     for (const bool traced : {false, true}) {
       Kiv::traceIs(traced ? "*/0-9" : "");
       traced_ = traced ? "traces on" : "traces off";
-      memory();
-      for (const Kind& kind : kKinds) calls(kind);
+      sweepKind(kMemory);
+      for (const Kind& kind : kKinds) sweepKind(kind);
     }
-    std::printf("fault sweep: %-24s %6u points of memory, %6u of system calls\n", name_, points_.allocations,
-                points_.calls);
-    sum.points.allocations += points_.allocations;
-    sum.points.calls += points_.calls;
+    std::printf("fault sweep: %-24s %6u points of memory, %6u of system calls\n", name_, memoryPoints_,
+                callPoints_);
+    sum.memory += memoryPoints_;
+    sum.calls += callPoints_;
     ++sum.scenarios;
   }
 
  private:
   static constexpr int kCopies = 1000;
 
-  void memory() {
-    std::uint64_t count = 0;
-    for (int i = 0; i < 2; ++i) {  // the first time caches fill
-      at("none", 0, 0, false, [&](Scenario& scenario) {
-        const AllocationCounter counter;
-        scenario.run();
-        count = counter.allocations();
-      });
-    }
-    for (unsigned nth = 1; nth <= count; ++nth) {
-      for (const bool forEver : {false, true}) {
-        at("allocation", nth, ENOMEM, forEver, [&](Scenario& scenario) {
-          const AllocationRefusal refusal(nth, forEver ? ~0u : 1, memory_ == Memory::ofNew);
-          const Finally counted([&] { points_.allocations += AllocationRefusal::refused() > 0; });
-          scenario.run();
-        });
-      }
-    }
-  }
-
-  void calls(const Kind& kind) {
-    unsigned count = 0;
-    const auto strike = [&](unsigned nth, int error, unsigned times) {
-      at(kind.name, nth, error, times > 1, [&](Scenario& scenario) {
-        unsigned seen = 0;
-        bool struck = false;
-        const auto decide = [&, thread = std::this_thread::get_id()] {
-          if (std::this_thread::get_id() != thread) return Mishap{};
-          // The way back from a namespace does not fail: that ends the process.
-          const bool strikes =
-              ++seen >= nth && seen - nth < times && (kind.call != Call::setns || currentNetNs() == home_);
-          struck |= strikes && error != 0;
-          return strikes ? Mishap{error} : Mishap{};
-        };
-        const Fault fault(kind.call, decide);
-        const Finally counted([&] { count = seen, points_.calls += struck; });
-        scenario.run();
-      });
-    };
-    strike(1, 0, 1);
-    const unsigned all = count;
+  void sweepKind(const Kind& kind) {
+    for (int i = 0; i < 2; ++i) at(kind, 0, 0, 0);  // caches fill the first time
+    const std::uint64_t all = seen_;
     for (unsigned nth = 1; nth <= all; ++nth) {
       for (const int error : kind.errors) {
         for (const unsigned times : {1u, ~0u}) {
           if (error == 0 || (error == EINTR && times > 1)) continue;  // a signal for ever is no signal
-          strike(nth, error, times);
+          at(kind, nth, error, times);
+          (&kind == &kMemory ? memoryPoints_ : callPoints_) += struck_;
         }
       }
     }
   }
 
   /// One point. What is left the first time may be a cache; a leak leaves as much again.
-  void at(const char* kind, unsigned nth, int error, bool forEver,
-          const std::function<void(Scenario&)>& run) {
-    std::snprintf(point, sizeof(point), "%s: %s %u (%s), %s, %s", name_, kind, nth,
-                  error != 0 ? strerrorname_np(error) : "none", forEver ? "for ever" : "once", traced_);
+  void at(const Kind& kind, unsigned nth, int error, unsigned times) {
+    std::snprintf(point, sizeof(point), "%s: %s %u (%s), %s, %s", name_, kind.name, nth,
+                  error != 0 ? strerrorname_np(error) : "none", times > 1 ? "for ever" : "once", traced_);
     for (int attempt = 0; attempt < 2; ++attempt) {
       alarm(kSecondsOfAPoint);
       *wrong_ = '\0';
       const std::size_t descriptors = ownDescriptors();
       const std::int64_t blocks = AllocationCounter::live();
-      runOnce(run, error != 0);
+      runOnce(kind, nth, error, times);
       const std::int64_t lost = AllocationCounter::live() - blocks;
       EXPECT_STREQ(wrong_, "") << point;
       EXPECT_EQ(currentNetNs(), home_) << point;
@@ -209,19 +154,44 @@ class Sweep {
     if (copies_ > 500) closeCopies();
   }
 
-  /// Notes in `wrong_`, which takes no memory, what went wrong.
-  void runOnce(const std::function<void(Scenario&)>& run, bool fails) {
-    const auto guarded = [this](const char* what, bool mayThrow, const auto& action) {
-      try {
-        if (!action()) std::snprintf(wrong_, sizeof(wrong_), "%s: no", what);
-      } catch (const std::exception& failure) {
-        if (!mayThrow) std::snprintf(wrong_, sizeof(wrong_), "%s: %s", what, failure.what());
-      }
+  void runOnce(const Kind& kind, unsigned nth, int error, unsigned times) {
+    const Scenario scenario = make_();
+    const auto run = [&] {
+      &kind == &kMemory ? lacking(scenario, nth, times) : failing(scenario, kind, nth, error, times);
     };
-    const std::unique_ptr<Scenario> scenario = make_();
-    const auto runHere = [&] { guarded("run", fails, [&] { return run(*scenario), true; }); };
-    ownThread_ ? std::thread(runHere).join() : runHere();
-    guarded("usable", false, [&] { return scenario->usable(); });
+    ownThread_ ? std::thread(run).join() : run();
+    guarded("usable", false, scenario.usable);
+  }
+  void lacking(const Scenario& scenario, unsigned nth, unsigned times) {
+    const AllocationCounter counter;
+    {
+      const AllocationRefusal refusal(nth, times, memory_ == Memory::ofNew);
+      guarded("run", times > 0, [&] { return scenario.run(), true; });
+    }
+    seen_ = counter.allocations();
+    struck_ = AllocationRefusal::refused() > 0;
+  }
+  void failing(const Scenario& scenario, const Kind& kind, unsigned nth, int error, unsigned times) {
+    seen_ = 0;
+    struck_ = false;
+    const Fault fault(kind.call, [&, thread = std::this_thread::get_id()] {
+      if (std::this_thread::get_id() != thread) return Mishap{};
+      const bool now = ++seen_ >= nth && seen_ - nth < times;
+      // The way back from a namespace does not fail: that ends the process.
+      const bool strikes = now && (kind.call != Call::setns || currentNetNs() == home_);
+      struck_ |= strikes;
+      return strikes ? Mishap{error} : Mishap{};
+    });
+    guarded("run", times > 0, [&] { return scenario.run(), true; });
+  }
+  /// Notes in `wrong_`, which takes no memory, what goes wrong.
+  template <typename Action>
+  void guarded(const char* what, bool mayThrow, const Action& action) {
+    try {
+      if (!action()) std::snprintf(wrong_, sizeof(wrong_), "%s: no", what);
+    } catch (const std::exception& failure) {
+      if (!mayThrow) std::snprintf(wrong_, sizeof(wrong_), "%s: %s", what, failure.what());
+    }
   }
 
   /// Those that are open when the deferred closer has done its work.
@@ -248,34 +218,25 @@ class Sweep {
   }
 
   const char* const name_;
-  const std::function<std::unique_ptr<Scenario>()>& make_;
+  const std::function<Scenario()>& make_;
   const Memory memory_;
   const bool ownThread_;
   const unsigned long long home_;
   const char* traced_ = "";
-  std::size_t copies_ = 0;
+  // Of the run at work: calls or allocations, whether one of them failed, and what is wrong.
+  std::uint64_t seen_ = 0;
+  bool struck_ = false;
   char wrong_[200] = "";
-  Points points_;
-};
-
-struct OfFunctions final : Scenario {
-  OfFunctions(std::function<void()> r, std::function<bool()> u) : run_(std::move(r)), usable_(std::move(u)) {}
-  void run() override { run_(); }
-  bool usable() override { return usable_(); }
-  const std::function<void()> run_;
-  const std::function<bool()> usable_;
+  std::size_t copies_ = 0;
+  unsigned memoryPoints_ = 0, callPoints_ = 0;
 };
 
 }  // namespace
 
-std::unique_ptr<Scenario> scenario(std::function<void()> run, std::function<bool()> usable) {
-  return std::make_unique<OfFunctions>(std::move(run), std::move(usable));
-}
-
-void sweep(const char* name, const std::function<std::unique_ptr<Scenario>()>& make, Memory memory) {
+void sweep(const char* name, const std::function<Scenario()>& make, Memory memory) {
   Sweep(name, make, memory, false).all();
 }
 
-void sweepInThread(const char* name, const std::function<std::unique_ptr<Scenario>()>& make) {
+void sweepInThread(const char* name, const std::function<Scenario()>& make) {
   Sweep(name, make, Memory::ofNew, true).all();
 }

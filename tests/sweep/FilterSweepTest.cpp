@@ -27,7 +27,11 @@ TEST(FaultSweep, Filters) {
     return works;
   };
   sweep(
-      "filters", [&] { return scenario(run, usable); }, Memory::ofNew);
+      "filters",
+      [&] {
+        return Scenario{run, usable};
+      },
+      Memory::ofNew);
 }
 
 }  // namespace

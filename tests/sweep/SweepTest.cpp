@@ -32,15 +32,9 @@
 namespace Wirl {
 namespace {
 
-/// A scenario over one state, made anew each time.
 template <typename State>
-std::unique_ptr<Scenario> made() {
-  struct Of final : Scenario {
-    void run() override { state.run(); }
-    bool usable() override { return state.usable(); }
-    State state;
-  };
-  return std::make_unique<Of>();
+Scenario made() {
+  return scenarioOf(std::make_shared<State>());
 }
 
 /// Whether the value is one of the two, and takes the second.
@@ -245,7 +239,7 @@ TEST(FaultSweep, ToggleFile) {
   setenv("OPTRA_DIR", folder.c_str(), 1);
   const Kiv::String name = "Feature", file = "Wirl.json";
   const auto ask = [&] { return Optra::getToggleState(name, file, false); };
-  sweep("toggle file", [&] { return scenario(ask, ask); });
+  sweep("toggle file", [&] { return Scenario{ask, ask}; });
   unsetenv("OPTRA_DIR");
   std::filesystem::remove_all(folder);
 }
@@ -266,7 +260,7 @@ TEST_F(NamespaceSweep, NamesAndSockets) {
     return setNsByName("default") == 0 && opened && moved;
   };
   const auto usable = [&] { return std::async(std::launch::async, use).get(); };
-  sweepInThread("namespaces", [&] { return scenario(use, usable); });
+  sweepInThread("namespaces", [&] { return Scenario{use, usable}; });
 }
 
 }  // namespace
