@@ -47,7 +47,7 @@ bool takes(Value& value, const char* before, const std::string& after) {
 }
 
 struct Texts {
-  static inline const std::string kLong = std::string(90, 'n');
+  static inline const std::string kLong = std::string(90, 'n'), kQuoted = "'" + kLong + "'";
   EthAddr mac{"02:00:00:00:00:01"};
   IpGenAddr address{"192.0.2.1"};
   IpGenPrefix prefix{"192.0.2.0/24"};
@@ -70,6 +70,10 @@ struct Texts {
     each([&] { ns.stringValueIs(kLong); });
     each([&] { vrf.stringValueIs(kLong); });
     each([&] { NamespaceName::fromText(kLong); });
+    each([&] {
+      std::string_view quoted = kQuoted;
+      NamespaceName::parse(quoted, ns);
+    });
     each([&] { L3::VrfName::fromText(kLong); });
     each([&] {
       std::ostringstream out;
@@ -83,7 +87,7 @@ struct Texts {
            takes(ns, "ns-red", kLong) && takes(vrf, "red", kLong);
   }
 };
-TEST(FaultSweep, DISABLED_Texts) {
+TEST(FaultSweep, Texts) {
   sweep("texts of values", made<Texts>);
 }
 
