@@ -46,9 +46,15 @@ class DeferCloseTest : public testing::Test {
   }
   /// Holds the closer thread up in its next close.
   struct Hold {
-    std::promise<void> go;
-    const Fault fault{Call::close, 1, [this] { go.get_future().wait(); }};
-    Hold() { EXPECT_EQ(deferClose(dup(0)), 0); }
+    std::promise<void> held, go;
+    const Fault fault{Call::close, 1, [this] {
+                        held.set_value();
+                        go.get_future().wait();
+                      }};
+    Hold() {
+      EXPECT_EQ(deferClose(dup(0)), 0);
+      held.get_future().wait();
+    }
     void end() {
       go.set_value();
       settle();
