@@ -280,7 +280,11 @@ class Use {
         backend_->from->txPktIs(backend_->pktOf("packet"));
       }
       backend_->askForWritable(pam);
-      received();
+      for (int i = 0; i < 3; ++i) {
+        Kiv::activityLoop().poll();
+        if (Kiv::activityLoop().simulatedTime()) Kiv::activityLoop().runFor(0.001);
+        pulled();
+      }
       if (round == 0) backend_->changeOption(pam);
       backend_->openIs(pam, false);
     }
@@ -293,20 +297,16 @@ class Use {
     }
     for (int i = 0; i < 3; ++i) {
       backend_->from->txPktIs(backend_->pktOf("works"));
-      if (received() == "works") return true;
+      if (Kiv::activityLoop().runUntil([this] { return pulled() == "works"; }, 1)) return true;
     }
     return false;
   }
 
  private:
   /// The last packet that there is.
-  std::string received() {
+  std::string pulled() {
     std::string last;
-    for (int i = 0; i < 3; ++i) {
-      Kiv::activityLoop().poll();
-      if (Kiv::activityLoop().simulatedTime()) Kiv::activityLoop().runFor(0.001);
-      while (const Pkt::Ptr pkt = backend_->pull(*backend_->to)) last = backend_->payloadOf(*pkt);
-    }
+    while (const Pkt::Ptr pkt = backend_->pull(*backend_->to)) last = backend_->payloadOf(*pkt);
     return last;
   }
 
