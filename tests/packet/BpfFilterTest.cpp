@@ -20,60 +20,26 @@ BpfFilter::Ptr filter(const char* expression) {
 }
 
 TEST(BpfFilter, MatchesByExpression) {
-  std::string tagged = frames::kUdp;
-  tagged.insert(12, frames::octets("8100 2005"));
-  const struct {
-    const char* expression;
-    std::string octets;
-    bool matches;
-  } rows[] = {
-      {"", frames::kUdp, false},
-      {"", "", false},
-      {"udp", frames::kUdp, true},
-      {"tcp", frames::kUdp, false},
-      {"udp port 53 and src host 10.0.0.1", frames::kUdp, true},
-      {"ether src 0a:00:00:00:00:02", frames::kUdp, true},
-      {"len == 60", frames::kUdp, true},
-      {"udp[8] == 0x78", frames::kUdp, true},
-      {"udp", tagged, false},
-      {"vlan 5 and udp", tagged, true},
-      {"udp", frames::kUdp.substr(0, 23), false},  // the protocol is cut off
-      {"ether[60] >= 0", frames::kUdp, false},
-      {"not tcp", "", false},  // asks for a byte that is not there
-      {"less 0", "", true},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.expression);
-    const auto made = filter(row.expression);
-    EXPECT_EQ(made->match(frames::packet(row.octets)), row.matches);
-    EXPECT_EQ(made->bpfFilter() != nullptr, *row.expression != '\0');
+  const auto pkt = frames::packet(frames::kUdp);
+  pkt->newSeparateVlanTag(5, 0x8100);  // is not in the bytes
+  const std::pair<const char*, bool> rows[] = {{"", false},       {"udp port 53 and src host 10.0.0.1", true},
+                                               {"tcp", false},    {"len == 60", true},
+                                               {"less 0", false}, {"ether[60] >= 0", false},
+                                               {"vlan", false}};
+  for (const auto& [expression, matches] : rows) {
+    const auto made = filter(expression);
+    EXPECT_EQ(made->match(pkt), matches) << expression;
+    EXPECT_EQ(made->bpfFilter() != nullptr, *expression != '\0');
   }
-  EXPECT_FALSE(filter("less 0")->match(frames::packet(frames::kUdp)));
   EXPECT_TRUE(filter("len == 0")->match(globalPktManager()->newPkt(nullptr)));
 }
 
-TEST(BpfFilter, SeparateTagIsNotInTheBytes) {
-  const auto pkt = frames::packet(frames::kUdp);
-  pkt->newSeparateVlanTag(5, 0x8100);
-  EXPECT_FALSE(filter("vlan")->match(pkt));
-  EXPECT_TRUE(filter("udp")->match(pkt));
-}
-
-TEST(BpfFilter, SeesThroughPieces) {
+TEST(BpfFilter, SeesThroughPiecesWithoutAllocating) {
   const auto last = filter("ether[59] == 0x78 and len == 60 and udp dst port 53");
-  const auto behind = filter("ether[60] == 0x78");
-  for (U32 split = 0; split <= 60; ++split) {
-    const auto pkt = frames::packet(frames::kUdp, split);
-    const AllocationCounter counter;
-    EXPECT_TRUE(last->match(pkt)) << split;
-    EXPECT_FALSE(behind->match(pkt)) << split;
-    EXPECT_EQ(counter.allocations(), 0u) << split;
-  }
-  // A first piece that became empty.
-  const auto pkt = frames::packet(frames::kUdp, 0);
-  pkt->newPrivateHeadData(1);
-  pkt->delPrivateHeadData(1);
+  const auto pkt = frames::packet(frames::kUdp, 20);
+  const AllocationCounter counter;
   EXPECT_TRUE(last->match(pkt));
+  EXPECT_EQ(counter.allocations(), 0u);
 }
 
 TEST(BpfFilter, LooksAtABoundedPartOfPieces) {
@@ -114,25 +80,10 @@ TEST(BpfFilter, CompilesOnlyWhatChanged) {
 }
 
 TEST(BpfFilter, TellsWhatIsWrongWithAnExpression) {
-  for (const char* valid : {"", "udp port 53", "ip6 proto 58", "ether[0] & 1 = 0 and ip[8] < 5"}) {
-    EXPECT_EQ(bpfFilterError(valid), std::nullopt) << valid;
-  }
-  const struct {
-    std::string_view expression;
-    const char* message;
-  } rows[] = {
-      {"udp port", "syntax error"},
-      {"udp port 53 and", "syntax error"},
-      {"port 65536", "illegal port number"},
-      {"net 10.0.0.0/33", "mask length"},
-      {"ip and ip6 and arp", "expression rejects all packets"},
-      {{"udp\0 port", 9}, "NUL"},
-  };
-  for (const auto& row : rows) {
-    const auto error = bpfFilterError(row.expression);
-    ASSERT_TRUE(error) << row.expression;
-    EXPECT_THAT(std::string(*error), HasSubstr(row.message));
-  }
+  EXPECT_EQ(bpfFilterError(""), std::nullopt);
+  EXPECT_EQ(bpfFilterError("udp port 53"), std::nullopt);
+  EXPECT_THAT(std::string(bpfFilterError("port 65536").value()), HasSubstr("illegal port number"));
+  EXPECT_THAT(std::string(bpfFilterError({"udp\0 port", 9}).value()), HasSubstr("NUL"));
 }
 
 TEST(BpfFilter, EndsTheProcessForAnInvalidExpression) {

@@ -196,83 +196,47 @@ TEST_F(PktChecksOfNs, DieWithoutPacketsAndHeaders) {
 }
 
 TEST(PktChecks, Icmp6CheckSum) {
-  const std::string cleared = with(kNs, 56, "0000");
   const std::string bad = "badIcmp6Checksum 54: Icmp6 checksum is invalid";
   const std::string small = "badIp6PayloadLen: IP6 payload is too small to contain Icmp6";
   const std::string noIcmp6 = "nextHdrIsNotIcmp6: Next header is not Icmp6";
   const std::pair<std::string, std::string> rows[] = {{kNs, "noError 54"},
                                                       {with(kNs, 85, "15"), bad},
-                                                      {cleared, bad},
-                                                      {with(kNs, 18, "001f"), bad},
                                                       {with(kNs, 18, "0004"), bad},
                                                       {with(kNs, 20, "00"), noIcmp6},
-                                                      {with(kNs, 18, "0003"), small},
-                                                      {with(kNs, 18, "0000"), small}};
+                                                      {with(kNs, 18, "0003"), small}};
   for (const auto& [frame, expected] : rows) {
     const auto made = icmp6Packet(frame);
     const auto check = [&](Icmp6Hdr*& found) { return checkIcmp6CheckSum(made.ip6Hdr, found); };
     EXPECT_EQ(told<Icmp6Hdr>(made.pkt, check), expected);
-    const bool reached = expected == bad || frame == kNs;
-    EXPECT_EQ(made.pkt->stringValue(), reached ? with(frame, 56, "0000") : frame);
+    const auto set = [&](Icmp6Hdr*& hdr) {
+      hdr = nullptr;
+      return setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr);
+    };
+    EXPECT_EQ(told<Icmp6Hdr>(made.pkt, set), expected == noIcmp6 ? noIcmp6 : "noError");
+    if (frame == kNs) {
+      EXPECT_EQ(made.pkt->stringValue(), kNs);
+    }
   }
-
-  const auto made = icmp6Packet(cleared);
-  EXPECT_EQ(setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr), noError);
-  EXPECT_EQ(made.pkt->stringValue(), kNs);
-  made.ip6Hdr->payloadLenIs(2);  // not asked: the field is set all the same
-  EXPECT_EQ(setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr), noError);
-  EXPECT_NE(made.icmp6Hdr->checksumU16(), 0x4d4e);
-  made.ip6Hdr->protocolIs(6);
-  const auto set = [&](Icmp6Hdr*& hdr) {
-    hdr = nullptr;
-    return setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr);
-  };
-  EXPECT_EQ(told<Icmp6Hdr>(made.pkt, set), noIcmp6);
 }
 
-TEST(PktChecks, Icmp6Options) {
-  const std::string first = "0101 0a0000000001 ";
-  const std::string second = "0101 0a0000000002 ";
-  const std::string other = "0e02 000000000000 0000000000000000 ";
-  const std::string none = "icmp6TypeNotSupported: Icmp6 type is not supported: ";
-  const std::string zero = ": Option length cannot be zero.", exceeds = ": Option length exceeds pkt length.";
+TEST(PktChecks, Icmp6OptionsTraceWhatIsBad) {
   const struct {
-    U8 type;
-    std::string options;  // in hexadecimal
-    std::string told;
+    std::size_t at;
+    const char* octets;
+    const char* told;
   } rows[] = {
-      {135, "", "noError"},
-      {136, first, "noError 78"},
-      {135, first + second, "noError 86"},
-      {135, first + other, "noError 78"},
-      {133, other + second, "noError 78"},
-      {133, other, "noError"},
-      {134, first, none + "icmp6TypeRouterAdvertisement"},
-      {128, first, none + "icmp6TypeEchoRequest"},
-      {135, "01", "noError"},
-      {135, "0100", "icmp6OptLenZero" + zero},
-      {135, "0101", "icmp6OptLenExceedPayloadLen" + exceeds},
-      {135, "0101 0a00000000", "icmp6OptLenExceedPayloadLen" + exceeds},
-      {135, "01ff" + first, "icmp6OptLenExceedPayloadLen" + exceeds},
-      {135, first + "0100 0a0000000001", "icmp6OptLenZero 78" + zero},
-      {135, first + "02", "noError 78"},
-      {135, first + "0201", "icmp6OptLenExceedPayloadLen 78" + exceeds},
-      {135, first + "0200", "icmp6OptLenExceedPayloadLen 78" + exceeds},
-      {135, first + "020100", "icmp6OptLenExceedPayloadLen 78" + exceeds},
-  };
-  const auto toldOf = [](const std::string& frame) {
-    const auto made = icmp6Packet(with(frame, 18, "00"));
-    made.ip6Hdr->payloadLenIs(static_cast<U16>(frame.size() - 54));
-    return told<Icmp6OptionCommonHdr>(made.pkt, [&](Icmp6OptionCommonHdr*& option) {
-      return getIcmp6Opt(made.ip6Hdr, made.icmp6Hdr, option, icmp6OptSrcLinkLayerAddr);
-    });
+      {79, "01", "noError 78"},
+      {79, "00", "icmp6OptLenZero: Option length cannot be zero."},
+      {79, "02", "icmp6OptLenExceedPayloadLen: Option length exceeds pkt length."},
+      {54, "86", "icmp6TypeNotSupported: Icmp6 type is not supported: icmp6TypeRouterAdvertisement"},
   };
   for (const auto& row : rows) {
-    std::string frame = kNs.substr(0, row.type == 133 ? 62 : 78) + octets(row.options);
-    frame[54] = static_cast<char>(row.type);
-    EXPECT_EQ(toldOf(frame), row.told) << row.options << " in " << int{row.type};
+    const auto made = icmp6Packet(with(kNs, row.at, row.octets));
+    const auto check = [&](Icmp6OptionCommonHdr*& option) {
+      return getIcmp6Opt(made.ip6Hdr, made.icmp6Hdr, option, icmp6OptSrcLinkLayerAddr);
+    };
+    EXPECT_EQ(told<Icmp6OptionCommonHdr>(made.pkt, check), row.told);
   }
-  EXPECT_EQ(toldOf(kNs.substr(0, 58)), "noError") << "ends inside of its fixed part";
 }
 
 TEST(PktChecks, IpAh) {
@@ -284,12 +248,7 @@ TEST(PktChecks, IpAh) {
   const std::pair<std::string, std::string> rows[] = {
       {whole, "noError 34"},
       {header + ah, noData},  // nothing behind it
-      {header + ah.substr(0, 23), noData},
-      {header + ah.substr(0, 12), noData},
       {header + ah.substr(0, 11), noHdr},
-      {header, noHdr},
-      {with(whole, 35, "00"), "noError 34"},
-      {with(whole, 35, "ff"), noData},
       {with(whole, 23, "32"), "nextHdrIsNotAh: Next header is not AH"},
       {with(whole, 14, "4a"), noHdr},  // options leave too little
   };
@@ -321,16 +280,9 @@ TEST(PktChecks, NextProtoHdr) {
     std::string told;
   } rows[] = {
       {17, udp, 17, "noError 40"},
-      {17, udp, 6, "noError"},
       {0, all + udp, 17, "noError 112"},
-      {0, all + udp, 51, "noError 88"},
-      {0, all + udp, 44, "noError 80"},
-      {0, all + udp, 0, "noError 40"},
-      {0, all + udp, 58, "noError"},
       {0, all + udp, 273, "noError"},
       {0, all, 17, "pktTooShort"},
-      {17, "", 17, "pktTooShort"},
-      {0, "1100", 17, "pktTooShort"},
       {0, "1101 0000 00000000" + udp.substr(0, 17), 17, "pktTooShort"},
       {0, "11ff 0000 00000000" + udp, 17, "pktTooShort"},
       {44, "1100 0009 00000001" + udp, 17, "noError"},  // not the first fragment
@@ -338,8 +290,7 @@ TEST(PktChecks, NextProtoHdr) {
       {59, udp, 17, "noError"},
       {0, "3b00 0000 00000000", 17, "noError"},            // ends exactly at the end
       {51, "3b01 0000 00000000 00000000", 17, "noError"},  // so does this
-      {59, udp, 59, "noError"},
-      {50, udp, 17, "noError"},  // encrypted
+      {50, udp, 17, "noError"},                            // encrypted
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(std::to_string(row.first) + " " + row.headers + " " + std::to_string(row.protocol));

@@ -84,7 +84,10 @@ class ReadForms {
 
   /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
   /// changes nothing, when there is none.
-  constexpr void stringValueIs(std::string_view text) { static_cast<T&>(*this) = read(text); }
+  constexpr void stringValueIs(std::string_view text) {
+    const T made = read(text);  // in one expression with the next line, GCC 12 drops what the value was before
+    static_cast<T&>(*this) = made;
+  }
   void stringValueIs(std::nullptr_t) = delete;
 
   friend constexpr auto operator<=>(const ReadForms&, const ReadForms&) noexcept = default;
