@@ -47,9 +47,9 @@ TEST(Headers, FieldsLieWhereTheStandardsHaveThem) {
       {"IpHdr", "46b9 0102 0304 a567 40 11 89ab c0000201 c6336402", "",
        "versionAndHeaderLen=70 version=4 headerLen=6 tos=185 dscp=46 ecn=1 totalLen=258 totalLenU16=258 "
        "id=772 "
-       "idU16=772 fragmentOffsetAndFlags=42343 reservedFragFlag=1 dontFrag=0 moreFrag=1 fragmentOffset=1383 "
-       "ttl=64 "
-       "protocol=17 checksum=35243 checksumU16=35243 src=3221225985 dst=3325256706"},
+       "idU16=772 fragmentOffsetAndFlags=42343 flags=5 reservedFragFlag=1 dontFrag=0 "
+       "moreFrag=1 fragmentOffset=1383 ttl=64 protocol=17 checksum=35243 checksumU16=35243 src=3221225985 "
+       "dst=3325256706"},
       {"IpHdrOptionCommon", "b4", "", "type=180 copied=1 optionClass=1 number=20"},
       {"IpHdrRouterAlertOption", "94040001", "9404",
        "type=148 copied=1 optionClass=0 number=20 length=4 value=1"},
