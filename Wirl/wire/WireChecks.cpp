@@ -532,8 +532,9 @@ template <typename Ip>
 
 template <typename Ip>
 [[gnu::always_inline]] inline bool isSummed(const Ip& ip, std::span<const U8> message, U8 protocol) {
-  return ipChecksumCalc(reinterpret_cast<const char*>(message.data()), static_cast<U16>(message.size()),
-                        pseudoHdrSum(ip, message.size(), protocol)) == IpChecksum();
+  const auto bytes = static_cast<U16>(message.size());
+  const U32 pseudoHdr = detail::addrsSum(ip) + protocol + bytes;
+  return ipChecksumCalc(reinterpret_cast<const char*>(message.data()), bytes, pseudoHdr) == IpChecksum();
 }
 
 template <typename Ip>
@@ -546,9 +547,10 @@ template <typename Ip>
   const auto message = plainMessage(pkt, ip, ipProtoUdp);
   if (message.size() >= sizeof(UdpHdr)) [[likely]] {
     auto* const found = reinterpret_cast<UdpHdr*>(message.data());
-    if (found->len() == message.size() && found->checksumU16() != 0 && isSummed(*ip, message, ipProtoUdp)) {
-      udpHdr = found;
-      return noError;
+    if (found->len() == message.size() && found->checksumU16() != 0) {
+      udpHdr = found;  // before the call, so that it need not be kept over it
+      if (isSummed(*ip, message, ipProtoUdp)) [[likely]]
+        return noError;
     }
   }
   return udpTheLongWay(pkt, ip, udpHdr);
@@ -565,9 +567,10 @@ template <typename Ip>
   if (message.size() >= kTcpBytes) [[likely]] {
     auto* const found = reinterpret_cast<TcpHdr*>(message.data());
     const U16 bytes = found->headerBytes();
-    if (bytes >= kTcpBytes && bytes <= message.size() && isSummed(*ip, message, ipProtoTcp)) {
+    if (bytes >= kTcpBytes && bytes <= message.size()) {
       tcpHdr = found;
-      return noError;
+      if (isSummed(*ip, message, ipProtoTcp)) [[likely]]
+        return noError;
     }
   }
   return tcpTheLongWay(pkt, ip, tcpHdr);

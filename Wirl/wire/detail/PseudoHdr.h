@@ -18,18 +18,24 @@ inline U16 folded(U32 sum) noexcept {
   return static_cast<U16>(halves(halves(sum)));
 }
 
-/// Sum of a pseudo-header; the length may be more than a header can say. The addresses are added up in the
-/// order of octets that the machine has, and the sum brought into that of the network.
+/// Sum of the addresses, which are added up in the order of octets that the machine has.
 template <typename Ip>
-[[gnu::always_inline]] inline U32 pseudoHdrSum(const Ip& ip, std::size_t bytes, U8 protocol) noexcept {
+[[gnu::always_inline]] inline U32 addrsSum(const Ip& ip) noexcept {
   constexpr std::size_t kAddrs = sizeof(Ip) == sizeof(IpHdr) ? 8 : 32;
-  U32 words[kAddrs / 4];
+  U64 words[kAddrs / 8];
   std::memcpy(words, reinterpret_cast<const U8*>(&ip) + sizeof(Ip) - kAddrs, kAddrs);
   U64 sum = 0;
-  for (const U32 word : words) sum += word;
-  const U16 addrs = folded(halves(static_cast<U32>(sum)) + halves(static_cast<U32>(sum >> 32)));
-  const U16 inOrder = std::endian::native == std::endian::big ? addrs : __builtin_bswap16(addrs);
-  return U32{inOrder} + protocol + halves(static_cast<U32>(bytes));
+  for (const U64 word : words) sum += __builtin_add_overflow(sum, word, &sum);
+  // Added to itself with the halves changed, a number has in its upper half the sum of both, carry included.
+  const auto half = static_cast<U32>((sum + std::rotl(sum, 32)) >> 32);
+  const auto addrs = static_cast<U16>((half + std::rotl(half, 16)) >> 16);
+  return std::endian::native == std::endian::big ? addrs : __builtin_bswap16(addrs);
+}
+
+/// Sum of a pseudo-header; the length may be more than a header can say.
+template <typename Ip>
+[[gnu::always_inline]] inline U32 pseudoHdrSum(const Ip& ip, std::size_t bytes, U8 protocol) noexcept {
+  return addrsSum(ip) + protocol + halves(static_cast<U32>(bytes));
 }
 
 }  // namespace Wirl::detail
