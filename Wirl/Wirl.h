@@ -21,6 +21,7 @@
 #include "Wirl/access/SocketPam.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"
+#include "Wirl/kernel/NetlinkPam.h"
 #include "Wirl/packet/AhHdr.h"
 #include "Wirl/packet/Checksum.h"
 #include "Wirl/packet/EthType.h"

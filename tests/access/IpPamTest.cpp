@@ -44,27 +44,6 @@ std::string thrownBy(const std::function<void()>& action) {
   return "nothing";
 }
 
-TEST(IpPam, BeginsWithItsDefaultsAndOpensNothing) {
-  const std::size_t before = settledDescriptors();
-  const auto pam = ipPamFactory("ospf", ipProtoOspf, NamespaceName("ns-red"));
-  EXPECT_EQ(pam->name(), "ospf");
-  EXPECT_EQ(pam->protocol(), ipProtoOspf);
-  EXPECT_EQ(pam->netNs(), NamespaceName("ns-red"));
-  EXPECT_EQ(pam->maxRxPktData(), 1500u);
-  EXPECT_EQ(pam->socketReadLimit(), 128);
-  EXPECT_EQ(pam->options(), Options::none);
-  EXPECT_EQ(pam->txDstIpAddr().af(), AddressFamily::ipunknown);
-  pam->enabledIs(true);
-  pam->optionsIs(Options::ipHdrIncl | Options::ipPktInfo);
-  EXPECT_TRUE(pam->enabled());
-  EXPECT_EQ(settledDescriptors(), before);
-  std::ostringstream table;
-  dump(table, *pam);
-  for (const char* cell : {"ipProtoOspf", "ns-red", "ipHdrIncl|ipPktInfo", "socketReadLimit", "fdSm"}) {
-    EXPECT_THAT(table.str(), testing::HasSubstr(cell));
-  }
-}
-
 TEST(IpPam, SettersStoreThenRunTheHookThenNotify) {
   const auto pam = Kiv::makePtr<LoggingPam>();
   const Kiv::Reactor onTos(pam->txTOS, [&] { pam->log += "!"; });
@@ -164,6 +143,8 @@ TEST(IpPam, TheFilterIsAttachedInTheOrderOfItsIndices) {
   for (const int step : {3, 1, 4, 2}) pam->rxFilterIs(static_cast<U8>(step * 50), beginsWith(step, 'a'));
   pam->rxFilterIs(7, IpFilter());
   pam->rxFilterDel(7);
+  EXPECT_EQ(pam->rxFilterAt(100), beginsWith(2, 'a'));
+  EXPECT_EQ(pam->rxFilterAt(7), IpFilter());
   {
     TraceCapture traces("IpPam/8");
     pam->doAttachBpfFilter();

@@ -74,6 +74,19 @@ class PamBackend {
   virtual bool takesNow(const Wirl::Pam&) const { return true; }
 
   // Of those with a socket:
+  /// A system call of opening, in the order of the calls of its kind, and the message of its failure.
+  struct Step {
+    Call call;
+    std::string text;
+  };
+  /// Sets whatever takes a step of its own, and names all steps.
+  virtual std::vector<Step> steps(Wirl::Pam&) const { return {{Call::socket, "socket"}}; }
+  static std::vector<Step> stepsOf(const std::vector<std::string>& options, bool bind) {
+    std::vector<Step> all = {{Call::socket, "socket"}};
+    for (const auto& option : options) all.push_back({Call::setsockopt, "setsockopt(" + option + ")"});
+    if (bind) all.push_back({Call::bind, "bind"});
+    return all;
+  }
   virtual Call receiveCall() const { return Call::recvmsg; }
   virtual Loss lossOf(int) const { return Loss::error; }
   virtual bool countsFailedReceive(int) const { return true; }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/access/PamConformance.h"
 
+#include <linux/filter.h>
+
 #include "Kiv/Kiv.h"
 #include "Wirl/access/EthDevPam.h"
 #include "Wirl/access/Ip6SocketPam.h"
@@ -53,6 +55,28 @@ class RawIpBackend final : public SocketPamBackend<RawIpPam> {
     return true;
   }
   std::uint64_t sent(const Pam& pam) const override { return as(pam).txPktCount(); }
+  std::vector<Step> steps(Pam& pam) const override {
+    auto& own = as(pam);
+    own.rxFilterIs(0, IpFilter(BPF_RET | BPF_K, 0, 0, 0xffff));
+    // IPV6_ROUTER_ALERT is for sockets of IPPROTO_RAW only.
+    own.optionsIs(v6_ ? 0x0fff & ~U32{IpSocketOptions::ipRouterAlert} : U32{0x0fff});
+    own.priorityIs(1);
+    own.txTOSIs(1);
+    own.txTTLIs(1);
+    if (v6_) {
+      return stepsOf(
+          {"SO_ATTACH_FILTER", "IPV6_FREEBIND", "IPV6_HDRINCL", "IPV6_MULTICAST_LOOP", "IPV6_RECVPKTINFO",
+           "IPV6_RECVERR", "IPV6_RECVORIGDSTADDR", "IPV6_RECVTCLASS", "IPV6_RECVHOPLIMIT", "IPV6_TRANSPARENT",
+           "SO_ATTACH_FILTER", "SO_RCVBUFFORCE", "IPV6_TCLASS", "SO_PRIORITY", "IPV6_UNICAST_HOPS",
+           "IPV6_MULTICAST_HOPS", "SO_PRIORITY"},
+          false);
+    }
+    return stepsOf({"SO_ATTACH_FILTER", "IP_FREEBIND", "IP_HDRINCL", "IP_MULTICAST_LOOP", "IP_PKTINFO",
+                    "IP_RECVERR", "IP_RECVORIGDSTADDR", "IP_RECVTOS", "IP_RECVTTL", "IP_ROUTER_ALERT",
+                    "IP_TRANSPARENT", "SO_ATTACH_FILTER", "SO_RCVBUFFORCE", "IP_TOS", "SO_PRIORITY", "IP_TTL",
+                    "IP_MULTICAST_TTL", "SO_PRIORITY"},
+                   false);
+  }
 
  private:
   const bool v6_, batches_;
@@ -107,6 +131,18 @@ class EthDevBackend final : public PacketBackend {
   }
   Call receiveCall() const override { return batches_ ? Call::recvmmsg : Call::recvmsg; }
   bool countsFailedReceive(int error) const override { return batches_ || error != EAGAIN; }
+  std::vector<Step> steps(Pam& pam) const override {
+    auto& own = dynamic_cast<EthDevPam&>(pam);
+    own.rxBufIs(100000);
+    own.promiscuousIs(true);
+    own.allMulticastIs(true);
+    std::vector<Step> all = stepsOf({"PACKET_AUXDATA", "PACKET_IGNORE_OUTGOING", "SO_RCVBUFFORCE",
+                                     "SO_ATTACH_FILTER", "PACKET_MR_PROMISC", "PACKET_MR_ALLMULTI"},
+                                    true);
+    all.push_back({Call::ioctl, "ioctl(SIOCGIFINDEX)"});
+    all.push_back({Call::ioctl, "ioctl(SIOCGIFHWADDR)"});
+    return all;
+  }
 
  private:
   const bool batches_;

@@ -40,6 +40,23 @@ class UdpBackend final : public SocketPamBackend<UdpPam> {
     return true;
   }
   std::uint64_t sent(const Pam& pam) const override { return as(pam).txPkts(); }
+  std::vector<Step> steps(Pam& pam) const override {
+    auto& own = as(pam);
+    own.txTosIs(0x20);
+    own.txTTLIs(9);
+    own.txPrioIs(tcPrioControl);
+    own.enableIpMulticastLoopIs(false);
+    own.enableRxTTLIs(true);
+    own.enableRxTOSIs(true);
+    if (own.ipv6En()) {
+      return stepsOf({"SO_REUSEADDR", "IPV6_TCLASS", "IPV6_UNICAST_HOPS", "IPV6_MULTICAST_HOPS",
+                      "IPV6_RECVHOPLIMIT", "IPV6_RECVTCLASS", "IPV6_V6ONLY", "IPV6_RECVPKTINFO"},
+                     true);
+    }
+    return stepsOf({"IP_PKTINFO", "SO_BROADCAST", "IP_MULTICAST_LOOP", "SO_PRIORITY", "IP_TTL",
+                    "SO_REUSEADDR", "IP_TOS", "IP_MULTICAST_TTL", "IP_RECVTTL", "IP_RECVTOS"},
+                   true);
+  }
 };
 
 /// Both ends of a connection. What is opened and closed are its directions.
