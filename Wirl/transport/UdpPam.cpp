@@ -25,15 +25,10 @@ constexpr std::array<std::string_view, 4> kModeNames = {"disabled", "send", "cli
 
 constexpr U32 kMaxDatagram = 65535;  // RFC 768
 
-std::string_view separator(bool ipv6) {
-  return ipv6 ? "]:" : ":";
-}
-
 /// "192.0.2.1:7000", "[2001:db8::1]:7000".
-Kiv::String textOf(const IpGenAddr& address, U16 port) {
-  const bool ipv6 = address.af() == AddressFamily::ipv6;
-  return std::string(ipv6 ? "[" : "") + std::string(address.stringValue()) + std::string(separator(ipv6)) +
-         std::to_string(port);
+std::string textOf(const IpGenAddr& address, U16 port) {
+  const std::string text = address.stringValue();
+  return (address.af() == AddressFamily::ipv6 ? "[" + text + "]" : text) + ":" + std::to_string(port);
 }
 
 }  // namespace
@@ -75,8 +70,8 @@ IpGenAddr UdpPam::rxSrc() const {
 }
 
 Kiv::String UdpPam::who() const {
-  return txPort() == 0 ? name()
-                       : Kiv::String(std::string(name()) + " to " + std::string(textOf(txDst(), txPort())));
+  const std::string own = name();
+  return txPort() == 0 ? own : own + " to " + textOf(txDst(), txPort());
 }
 
 Kiv::String UdpPam::place() const {
@@ -272,9 +267,7 @@ void UdpPam::record(const detail::Received& got, Change& changes) {
     changes.put(rxSrcIpAddr, detail::addressOf(from.sin_addr));
     changes.put(rxSrcPort, ntohs(from.sin_port));
   }
-  const auto who = [this] {
-    return std::string(name()) + " from " + std::string(textOf(rxSrc(), rxSrcPort()));
-  };
+  const auto who = [this] { return std::string(name()) + " from " + textOf(rxSrc(), rxSrcPort()); };
   KIV_TRACE(trace, 8) << who() << ": Received packet of size " << got.pkt->bytes();
   if ((got.message.msg_flags & MSG_TRUNC) != 0) {
     KIV_TRACE(trace, 0) << who() << ": Datagram truncated to " << got.pkt->bytes();
