@@ -210,7 +210,10 @@ void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
       if (hasType) {
         field = next.etherType;
       } else if (layer > 0 && field.value() == 0) {
-        field = lengthField(bytes - bytesOf(layer));
+        const U16 length = lengthField(bytes - bytesOf(layer));
+        if (!isLlcLength(length))
+          throw Kiv::RangeException("PktBuilder: IEEE 802.3 length > 1535 not allowed");
+        field = length;
       }
       return;
     }

@@ -273,8 +273,8 @@ class KIV_API PktBuilder {
   }
 
   /// Fills in all that was pushed and returns the packet; to be called once. Throws `Kiv::RangeException`
-  /// "PktBuilder: length > 65535 not allowed" where a length field cannot hold what is behind, with the inner
-  /// layers filled in.
+  /// "PktBuilder: length > 65535 not allowed" or "PktBuilder: IEEE 802.3 length > 1535 not allowed" where a
+  /// length field cannot hold what is behind, with the inner layers filled in.
   const Pkt::Ptr& finish();
 
  private:

@@ -59,6 +59,7 @@ TEST(PktBuilder, LengthsPaddingAndFrameCheckSequence) {
   EXPECT_EQ(reinterpret_cast<const EthHdr*>(pkt->front())->typeOrLen(), 6);
   EXPECT_EQ(crc32({pkt->front(), pkt->bytes()}), 0x2144df1cu);  // of any frame with its check behind it
   EXPECT_EQ(builderOf(65507).udp(1, 2).ip(kIp, kIp).finish()->bytes(), 65535u);
+  EXPECT_THROW(builderOf(1533).llc(0x42, 0x42).eth(kMac, kMac).finish(), Kiv::RangeException);
   EXPECT_THROW(builderOf(65508).udp(1, 2).ip(kIp, kIp).finish(), Kiv::RangeException);
   EXPECT_DEATH(builderOf(0).push({}, builderLayer<UdpHdr>), "the layer has a header");
 }
