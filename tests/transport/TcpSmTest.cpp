@@ -379,6 +379,7 @@ TEST(TcpServerSm, OpensWhenItCan) {
   EXPECT_EQ(second.sm->state(), ServerState::waiting);
   EXPECT_EQ(second.sm->lastErrorReason(), "bind: Address already in use");  // or at listen, by the kernel
   EXPECT_EQ(second.sm->listeningPort(), 0u);
+  EXPECT_EQ(second.sm->openErrors(), 1u);
   first.sm->enabledIs(false);
   EXPECT_TRUE(soon([&] { return second.sm->state() == ServerState::listening; }));
   // :: leaves the port of IPv4 to another one.
