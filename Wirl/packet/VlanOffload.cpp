@@ -87,7 +87,7 @@ void takeTagOut(Pkt& pkt, U32 inPrivate) {
   }
 }
 
-/// Moves the `bytes` in front of the shared data, which came `by` bytes closer to its buffer's start, after it.
+/// Moves the `bytes` that lay in front of the shared data after it, when its start has moved by -`by` bytes.
 void moveHeadroom(Pkt& pkt, U32 bytes, int by) {
   U8* const data = pkt.sharedBuffer()->data();
   std::memmove(data - bytes, data - bytes + by, bytes);

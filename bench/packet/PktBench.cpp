@@ -2,6 +2,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <thread>
+#include <vector>
 
 #include "Wirl/packet/Pkt.h"
 #include "bench/packet/MbufPeer.h"
@@ -113,7 +115,60 @@ bench::Body withAtomicCounts(bench::Body body) {
   };
 }
 
+/// `packets` are taken, given three headers, and released again: the time of one of them.
+template <U32 packets>
+void pktInFlight(benchmark::State& state) {
+  const auto manager = globalPktManager();
+  std::vector<Pkt::Ptr> inFlight;
+  inFlight.reserve(packets);
+  while (state.KeepRunningBatch(packets)) {
+    for (U32 i = 0; i < packets; ++i) {
+      inFlight.push_back(manager->newPkt());
+      Pkt& layers = *inFlight.back();
+      prependHeaders([&layers](U32 n) { return layers.newSharedHeadData(n); });
+    }
+    inFlight.clear();
+  }
+}
+
+/// Packets of one thread, made by `make` and released in another: the time of one of them.
+template <typename Make>
+void releasedElsewhere(benchmark::State& state, Make make) {
+  constexpr U32 kBurst = 4096;
+  std::vector<decltype(make())> burst;
+  burst.reserve(kBurst);
+  std::atomic<int> turn{0};  // 1: the other thread releases; 2: it ends
+  std::thread other([&] {
+    for (int now = 0; now != 2; now = turn.load(std::memory_order_acquire)) {
+      if (now == 1) {
+        burst.clear();
+        turn.store(0, std::memory_order_release);
+      }
+    }
+  });
+  while (state.KeepRunningBatch(kBurst)) {
+    for (U32 i = 0; i < kBurst; ++i) burst.push_back(make());
+    turn.store(1, std::memory_order_release);
+    while (turn.load(std::memory_order_acquire) != 0) {
+    }
+  }
+  turn.store(2, std::memory_order_release);
+  other.join();
+}
+
+void pktElsewhere(benchmark::State& state) {
+  const auto manager = globalPktManager();
+  releasedElsewhere(state, [&] { return manager->newPkt(); });
+}
+void heapElsewhere(benchmark::State& state) {
+  releasedElsewhere(state, [] { return std::make_unique<FloorBuffer>(); });
+}
+
 BENCH_ROWS {
+  bench::compare("Packet: 16,384 in flight", pktInFlight<16384>, "256 in flight", pktInFlight<256>,
+                 bench::atMost(2));
+  bench::compare("Packet: released in another thread", withAtomicCounts(pktElsewhere), "heap", heapElsewhere,
+                 bench::timesFaster(2));
   bench::compare("Packet: take, prepend 14 + 20 + 8, release", pktPrepend, "bare free list", floorPrependAll,
                  bench::atMost(1.5));
   bench::compare("Packet: take, prepend 14 + 20 + 8, release", pktPrepend, "DPDK mbuf, cached pool",

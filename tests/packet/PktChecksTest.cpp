@@ -34,9 +34,9 @@ std::string rightChecksum(std::string frame) {
 
 // A neighbour solicitation in a frame of 86 bytes: source link-layer address option, ICMPv6 from byte 54 on.
 const std::string kNs = octets(
-    "3333ff766c14 000c29766c14 86dd"
-    "60000000 0020 3aff fe80000000000000 020c29fffe766c15 ff02000000000000 00000001ff766c14"
-    "8700 4d4e 00000000 fe80000000000000 020c29fffe766c14 0101 000c29766c14");
+    "3333ff766c14 020000766c14 86dd"
+    "60000000 0020 3aff fe80000000000000 000000fffe766c15 ff02000000000000 00000001ff766c14"
+    "8700 ca71 00000000 fe80000000000000 020c29fffe766c14 0101 020000766c14");
 
 /// What a check says of `pkt`: its code, where it finds headers, in bytes from the front, and what it traces.
 template <typename... Hdrs, typename Check>
@@ -160,7 +160,7 @@ TEST_F(PktChecksOfNs, TraceEntriesAndWhatWasFoundWithoutAllocationsWhenUntraced)
       ElementsAre(at + "checkEthIpHdr",
                   at + "Got required Type: 800 src MAC: 0a:00:00:00:00:02 dst MAC: 0a:00:00:00:00:01",
                   at + "checkEthIp6Hdr",
-                  at + "Got required Type: 86dd src MAC: 00:0c:29:76:6c:14 dst MAC: 33:33:ff:76:6c:14",
+                  at + "Got required Type: 86dd src MAC: 02:00:00:76:6c:14 dst MAC: 33:33:ff:76:6c:14",
                   at + "checkIcmp6CheckSum", at + "setIcmp6CheckSum", at + "getIcmp6Opt",
                   at + "Found option: 1", at + "checkIpAhHdr", at + "getNextProtoHdr"));
 
