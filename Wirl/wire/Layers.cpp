@@ -55,7 +55,11 @@ U16 folded(U64 sum) noexcept {
   return static_cast<U16>(sum);
 }
 
-U16 sumOf(std::span<const U8> bytes, U32 start) noexcept {
+inline U16 sumOf(std::span<const U8> bytes, U32 start) noexcept {
+  if (bytes.size() <= 0xffff) [[likely]] {
+    const auto* const at = reinterpret_cast<const char*>(bytes.data());
+    return static_cast<U16>(~ipChecksumCalc(at, static_cast<U16>(bytes.size()), start).value());
+  }
   U64 sum = start;
   while (bytes.size() > 0xfffe) {
     const auto* const at = reinterpret_cast<const char*>(bytes.data());
@@ -81,47 +85,52 @@ std::string_view layerKindText(LayerKind kind) noexcept {
 LayerIterator::LayerIterator(std::span<const U8> first, std::span<const U8> second,
                              LayerOptions options) noexcept
     : pieces_{first, second},
+      piece_(first.data()),
+      pieceEnd_(static_cast<U32>(first.size())),
       end_(static_cast<U32>(first.size() + second.size())),
       wireEnd_(std::max(end_, options.wireBytes)),
       next_(options.start),
       checksums_(options.checksums) {
+  if (pieceEnd_ == 0) secondPiece();
   step();
 }
 
-const U8* LayerIterator::at() const noexcept {
-  const std::size_t firstBytes = pieces_[0].size();
-  return pos_ < firstBytes || pieces_[1].empty() ? pieces_[0].data() + pos_
-                                                 : pieces_[1].data() + (pos_ - firstBytes);
-}
-
-U32 LayerIterator::here() const noexcept {
-  const auto firstBytes = static_cast<U32>(pieces_[0].size());
-  const U32 rest = end_ - pos_;
-  return pos_ < firstBytes ? std::min(rest, firstBytes - pos_) : rest;
-}
-
-bool LayerIterator::take(U32 bytes) noexcept {
+inline bool LayerIterator::take(U32 bytes) noexcept {
   layer_.kind = next_;
   layer_.tunnels = tunnels_;
   layer_.offset = pos_;
   layer_.error = layer_.further = noError;
   next_ = LayerKind::none;
   const U32 present = here();
+  if (bytes > present) return takeCut(bytes);
   const U8* const hdr = at();
-  if (bytes > present) {
-    layer_.cut = end_ < wireEnd_ && bytes <= wire() && present == end_ - pos_;
-    if (!layer_.cut) fail(pktTooShort);
-    layer_.header = {hdr, present};
-    layer_.payload = {};
-    layer_.payloadBytes = 0;
-    return false;
-  }
   layer_.cut = false;
   layer_.header = {hdr, bytes};
-  pos_ += bytes;
   layer_.payload = {hdr + bytes, present - bytes};
-  layer_.payloadBytes = wire();
+  pos_ += bytes;
+  layer_.payloadBytes = wireEnd_ - pos_;
+  if (pos_ == pieceEnd_) secondPiece();
   return true;
+}
+
+[[gnu::cold]] bool LayerIterator::takeCut(U32 bytes) noexcept {
+  const U32 present = here();
+  layer_.cut = end_ < wireEnd_ && bytes <= wire() && present == end_ - pos_;
+  if (!layer_.cut) fail(pktTooShort);
+  layer_.header = {at(), present};
+  layer_.payload = {};
+  layer_.payloadBytes = 0;
+  return false;
+}
+
+/// At the end of the first piece, and in the second one where there is one.
+void LayerIterator::secondPiece() noexcept {
+  const auto firstBytes = static_cast<U32>(pieces_[0].size());
+  if (pos_ < firstBytes || pieces_[1].empty() || pieceEnd_ > firstBytes) return;
+  piece_ = pieces_[1].data();
+  pieceStart_ = firstBytes;
+  pieceEnd_ = firstBytes + static_cast<U32>(pieces_[1].size());
+  layer_.payload = {at(), here()};
 }
 
 void LayerIterator::limit(U32 bytes) noexcept {
@@ -139,10 +148,6 @@ void LayerIterator::tunnel(LayerKind inner) noexcept {
 }
 
 void LayerIterator::step() noexcept {
-  if (next_ == LayerKind::none) {
-    layer_.kind = LayerKind::none;
-    return;
-  }
   if (count_ == kMaxLayers) {  // told once, of a layer without bytes
     take(0);
     fail(tooManyLayers);
@@ -169,7 +174,7 @@ void LayerIterator::step() noexcept {
         const U16 type = word(snap + 3);
         if (oui == 0 || oui == 0x0000f8) ethType(type);
         if (oui == 0x0080c2 && (type == 1 || type == 7) && here() >= 2) {  // padding to words first
-          pos_ += 2;
+          skip(2);
           tunnel(LayerKind::eth);
         }
       }
@@ -800,7 +805,7 @@ void LayerIterator::gre() noexcept {
       next_ = LayerKind::erspan;
       return;
     case kWccp:  // with a header of its own in front of the datagram, or without
-      if (here() > 4 && at()[0] >> 4 != 4) pos_ += 4;
+      if (here() > 4 && at()[0] >> 4 != 4) skip(4);
       return tunnel(LayerKind::ip);
     case ethTypeIp:
       return tunnel(LayerKind::ip);

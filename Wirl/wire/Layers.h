@@ -113,24 +113,34 @@ class LayerIterator {
   const Layer& operator*() const noexcept { return layer_; }
   const Layer* operator->() const noexcept { return &layer_; }
   LayerIterator& operator++() noexcept {
-    step();
+    if (next_ == LayerKind::none) {
+      layer_.kind = LayerKind::none;
+    } else {
+      step();
+    }
     return *this;
   }
-  void operator++(int) noexcept { step(); }
+  void operator++(int) noexcept { ++*this; }
   bool operator==(std::default_sentinel_t) const noexcept { return layer_.kind == LayerKind::none; }
 
  private:
   KIV_API void step() noexcept;
 
   /// Bytes from here on, in one piece and within the limit.
-  U32 here() const noexcept;
-  const U8* at() const noexcept;
+  U32 here() const noexcept { return std::min(end_, pieceEnd_) - pos_; }
+  const U8* at() const noexcept { return piece_ + (pos_ - pieceStart_); }
+  void skip(U32 bytes) noexcept {
+    pos_ += bytes;
+    if (pos_ == pieceEnd_) secondPiece();
+  }
   /// Bytes of the wire from here on, within the limit.
   U32 wire() const noexcept { return wireEnd_ - pos_; }
   bool whole() const noexcept { return end_ == wireEnd_; }
   /// Makes the layer of a header of `bytes` bytes, and goes behind it. False, with its error, when that is not
   /// there.
   bool take(U32 bytes) noexcept;
+  bool takeCut(U32 bytes) noexcept;
+  void secondPiece() noexcept;
   void fail(PktCode code) noexcept { (layer_.error == noError ? layer_.error : layer_.further) = code; }
   /// What remains is `bytes` long on the wire; the limit only ever shrinks.
   void limit(U32 bytes) noexcept;
@@ -168,6 +178,9 @@ class LayerIterator {
   void bfd() noexcept;
 
   std::span<const U8> pieces_[2];
+  const U8* piece_ = nullptr;  ///< At work, from `pieceStart_` to `pieceEnd_` of the packet.
+  U32 pieceStart_ = 0;
+  U32 pieceEnd_ = 0;
   U32 pos_ = 0;
   U32 end_ = 0;      ///< Of what is there.
   U32 wireEnd_ = 0;  ///< Of what was on the wire.
