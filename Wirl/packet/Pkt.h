@@ -43,7 +43,8 @@ using Kiv::U8;
 /// buffer holds belongs to the buffer; which of its bytes a packet shows belongs to the packet and stays as
 /// it is when another one grows or shrinks. A packet's own next change of its shared data starts from the
 /// buffer's range, and so includes what others put there, unless `keepShownData` is asked for first: holders
-/// that want different headers on one payload put them into their private areas. Shrinking and growing again may write over what another holder shows.
+/// that want different headers on one payload put them into their private areas. Shrinking and growing again
+/// may write over what another holder shows.
 ///
 /// Ownership. Packets and buffers live as long as a `Kiv::Ptr` refers to them. Data in a buffer is never
 /// moved: growth that does not fit takes this packet, and no other, to a new buffer.
