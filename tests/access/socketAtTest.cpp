@@ -87,10 +87,6 @@ TEST_F(SocketAtTest, MovesInterfacesBetweenNamespaces) {
       {intf, "..", EINVAL},
   };
   for (const auto& [which, ns, error] : failures) EXPECT_EQ(move(which, ns.c_str()), error) << ns;
-  for (const Call call : {Call::open, Call::socket, Call::send}) {
-    const Fault fault(call, call == Call::open ? 2 : 1, ENOMEM);  // the first open is that of runIn
-    EXPECT_EQ(move(intf, green.c_str()), ENOMEM);
-  }
   EXPECT_EQ(move(intf, ""), 0);
   EXPECT_TRUE(hasIntf(red));
 
