@@ -54,10 +54,10 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
     if (Kiv::takeDecimal(rest, maxValue, value)) {
       if (value > maxValue) return kTooLarge;
     } else {
-      const Name* const name = nameAt(rest);
-      if (!name) return kTrailingText;
-      rest.remove_prefix(name->text.size());
-      value = name->value;
+      const std::size_t name = nameAt(rest);
+      if (name == kNames.size()) return kTrailingText;
+      rest.remove_prefix(kNames[name].text.size());
+      value = kNames[name].value;
     }
     out.value_ = static_cast<Kiv::U8>(value);
     text = rest;
@@ -97,16 +97,17 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
        {"AF22", 20}, {"AF23", 22}, {"AF31", 26}, {"AF32", 28}, {"AF33", 30},       {"AF41", 34},
        {"AF42", 36}, {"AF43", 38}, {"EF", 46},   {"LE", 1},    {"VOICE-ADMIT", 44}}};
 
-  static constexpr const Name* nameAt(std::string_view text) noexcept {
+  /// Which name the text begins with; how many there are where it is none.
+  static constexpr std::size_t nameAt(std::string_view text) noexcept {
     const auto upper = [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; };
-    for (const Name& name : kNames) {
-      if (std::equal(name.text.begin(), name.text.end(), text.begin(),
-                     text.begin() + static_cast<std::ptrdiff_t>(std::min(text.size(), name.text.size())),
-                     [&](char expected, char c) { return expected == upper(c); })) {
-        return &name;
-      }
+    std::size_t at = 0;
+    for (; at < kNames.size(); ++at) {
+      const std::string_view name = kNames[at].text;
+      std::size_t same = 0;
+      while (same < name.size() && same < text.size() && name[same] == upper(text[same])) ++same;
+      if (same == name.size()) break;
     }
-    return nullptr;
+    return at;
   }
 
   Kiv::U8 value_ = 0;

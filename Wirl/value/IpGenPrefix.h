@@ -64,19 +64,20 @@ class KIV_API IpGenPrefixBase : public detail::GenPrintForms<IpGenPrefixBase> {
   constexpr IpGenPrefixBase(const IpGenAddr& address, Kiv::U32 len) noexcept : address_(address), len_(len) {}
 
   static constexpr Kiv::ParseError parse(std::string_view& text, IpGenPrefixBase& out) noexcept {
-    const auto read = [&](auto prefix) {
-      Kiv::ParseError error = decltype(prefix)::parse(text, prefix);
-      if (error == detail::kIp6LenExpected) error = detail::kLenExpected;
-      if (!error) out = IpGenPrefixBase(prefix.address(), prefix.len());
-      return error;
-    };
-    switch (detail::familyOfText(text)) {
-      case AddressFamily::ipv4:
-        return read(Prefix());
-      case AddressFamily::ipv6:
-        return read(Ip6Prefix());
-      case AddressFamily::ipunknown:
-        break;
+    const AddressFamily af = detail::familyOfText(text);
+    if (af == AddressFamily::ipv4) {
+      Prefix prefix;
+      if (const Kiv::ParseError error = Prefix::parse(text, prefix)) return error;
+      out = IpGenPrefixBase(prefix.address(), prefix.len());
+      return nullptr;
+    }
+    if (af == AddressFamily::ipv6) {
+      Ip6Addr address;
+      Kiv::U32 len = 0;
+      const Kiv::ParseError error = detail::takeIp6AddrAndLen(text, address, len, detail::kLenExpected);
+      if (error) return error;
+      out = IpGenPrefixBase(address, len);
+      return nullptr;
     }
     return "Invalid prefix";
   }

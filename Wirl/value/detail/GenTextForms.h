@@ -10,7 +10,7 @@
 namespace Wirl::detail {
 
 /// What a generic text without a slash and a length or mask behind the address is refused with.
-inline constexpr char kLenExpected[] = "premature end of Prefix type";
+inline constexpr Kiv::ParseError kLenExpected = "premature end of Prefix type";
 
 /// `PrintForms` of the generic types, whose `printToBuffer` returns what the one of the family does.
 template <typename T>

@@ -13,17 +13,17 @@
 namespace Wirl::detail {
 
 /// What a text without a slash and digits behind the address is refused with.
-inline constexpr char kIp6LenExpected[] = "Ip6AddrWithMask: prefix size expected";
+inline constexpr Kiv::ParseError kIp6LenExpected = "Ip6AddrWithMask: prefix size expected";
 
 /// Reads an address, a slash and a length of at most 128.
-constexpr Kiv::ParseError takeIp6AddrAndLen(std::string_view& text, Ip6Addr& address,
-                                            Kiv::U32& len) noexcept {
+constexpr Kiv::ParseError takeIp6AddrAndLen(std::string_view& text, Ip6Addr& address, Kiv::U32& len,
+                                            Kiv::ParseError noLength = kIp6LenExpected) noexcept {
   std::string_view rest = text;
   Ip6Addr parsed;
   Kiv::U64 parsedLen = 0;
   if (const Kiv::ParseError error = Ip6Addr::parse(rest, parsed)) return error;
   if (!Kiv::takeLiteral(rest, "/") || !Kiv::takeDecimal(rest, 128, parsedLen)) {
-    return kIp6LenExpected;
+    return noLength;
   }
   if (parsedLen > 128) return "Ip6AddrWithMask: prefix too long";
   address = parsed;
