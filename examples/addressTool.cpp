@@ -263,8 +263,8 @@ void takeOne(const char* what, std::size_t number, std::string_view text,
   }
 }
 
-/// Calls `take` for each line that holds something, in constant memory: a line is cut off where none is that long. False
-/// where the input fails before its end.
+/// Calls `take` for each line that holds something, in constant memory: a line is cut off where none is that
+/// long. False where the input fails before its end.
 bool takeLines(std::istream& in, const char* what,
                const std::function<void(std::size_t, std::string_view)>& take) {
   constexpr std::size_t kLongest = 4096;

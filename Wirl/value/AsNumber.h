@@ -5,8 +5,8 @@
 
 namespace Wirl {
 
-/// Autonomous-system number of four octets (RFC 6793). Reads the three texts of RFC 5396: asplain (65536), asdot and
-/// asdot+ (1.0, 0.65535); prints asplain.
+/// Autonomous-system number of four octets (RFC 6793). Reads the three texts of RFC 5396: asplain (65536),
+/// asdot and asdot+ (1.0, 0.65535); prints asplain.
 class KIV_API AsNumber : public detail::Number<AsNumber, Kiv::U32> {
  public:
   static constexpr Kiv::ParseError kTrailingText = "Invalid AsNumber";

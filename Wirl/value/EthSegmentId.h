@@ -6,8 +6,9 @@
 
 namespace Wirl {
 
-/// Ethernet segment identifier (RFC 7432): a type and nine octets. Default zero, a segment with one device. Reads groups
-/// of hexadecimal digits as `EthAddr` does: ten octets joined by colons or by hyphens, or five pairs by full stops.
+/// Ethernet segment identifier (RFC 7432): a type and nine octets. Default zero, a segment with one device.
+/// Reads groups of hexadecimal digits as `EthAddr` does: ten octets joined by colons or by hyphens, or five
+/// pairs by full stops.
 class KIV_API EthSegmentId : public detail::Octets<EthSegmentId, 10> {
  public:
   static constexpr unsigned kTextMax = 29;
@@ -15,7 +16,8 @@ class KIV_API EthSegmentId : public detail::Octets<EthSegmentId, 10> {
 
   using Octets::Octets;
 
-  /// Of type 1: the system's address and the key of its LACP, or of type 3: the system's address and a number of 24 bits.
+  /// Of type 1: the system's address and the key of its LACP, or of type 3: the system's address and a number
+  /// of 24 bits.
   static constexpr EthSegmentId ofLacp(const EthAddr& system, Kiv::U16 key) noexcept {
     return made(1, system, Kiv::U32{key} << 8);
   }

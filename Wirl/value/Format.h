@@ -11,9 +11,9 @@
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/detail/ValueType.h"
 
-// Where the standard library has std::format: every value type formats as its `stringValue()`, with fill, width
-// and precision as strings have them, as in std::format("{:>18}", prefix). Elsewhere this header
-// holds nothing, and `Fmt.h` does the same with the fmt library. Include it beside the types; no other header does.
+// Where the standard library has std::format: every value type formats as its `stringValue()`, with fill,
+// width and precision as strings have them, as in std::format("{:>18}", prefix). Elsewhere this header holds
+// nothing, and `Fmt.h` does the same with the fmt library. Include it beside the types; no other header does.
 
 #ifdef __cpp_lib_format
 

@@ -18,8 +18,8 @@ class KIV_API InterfaceIndex : public detail::Number<InterfaceIndex, Kiv::U32, 0
   constexpr explicit operator bool() const noexcept { return value_ != 0; }
 };
 
-/// Name of a network interface, as the kernel admits them: 1 to 15 octets, without slash, colon and white space, and not
-/// "." or "..". Empty by default, for none. Ordered octet by octet.
+/// Name of a network interface, as the kernel admits them: 1 to 15 octets, without slash, colon and white
+/// space, and not "." or "..". Empty by default, for none. Ordered octet by octet.
 class KIV_API InterfaceName : public detail::TextForms<InterfaceName> {
  public:
   static constexpr unsigned maxLength = 15;

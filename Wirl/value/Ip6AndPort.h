@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// The zone of an IPv6 address that is not unique without it (RFC 4007): the name or the index of an interface. Default
-/// none. A text of digits is an index.
+/// The zone of an IPv6 address that is not unique without it (RFC 4007): the name or the index of an
+/// interface. Default none. A text of digits is an index.
 class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
  public:
   static constexpr unsigned kTextMax = InterfaceName::kTextMax;
@@ -74,8 +74,8 @@ class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
   InterfaceName name_;
 };
 
-/// An IPv6 address with a transport port, and a zone where the address needs one. Its text is that of RFC 3986 and
-/// RFC 4007: [2001:db8::1]:179, [fe80::1%eth0]:179.
+/// An IPv6 address with a transport port, and a zone where the address needs one. Its text is that of RFC
+/// 3986 and RFC 4007: [2001:db8::1]:179, [fe80::1%eth0]:179.
 class KIV_API Ip6AndPort : public detail::TextForms<Ip6AndPort> {
  public:
   static constexpr unsigned kTextMax = Ip6Addr::kTextMax + Ip6Zone::kTextMax + 9;

@@ -12,8 +12,8 @@
 
 namespace Wirl {
 
-/// An IPv4 or an IPv6 address with a transport port: 10.0.0.1:179, [2001:db8::1]:179. Default `ipunknown` with port 0,
-/// which prints as [::]:0.
+/// An IPv4 or an IPv6 address with a transport port: 10.0.0.1:179, [2001:db8::1]:179. Default `ipunknown`
+/// with port 0, which prints as [::]:0.
 class KIV_API IpGenAndPort : public detail::TextForms<IpGenAndPort> {
  public:
   static constexpr unsigned kTextMax = Ip6AndPort::kTextMax;
@@ -42,10 +42,11 @@ class KIV_API IpGenAndPort : public detail::TextForms<IpGenAndPort> {
     return af() == AddressFamily::ipv6 ? Ip6AndPort(ip_.v6Addr(), port_, zone_) : Ip6AndPort();
   }
 
-  /// The socket address, and its length in `length`; nothing for `ipunknown`, and where the zone is a name: the kernel
-  /// takes an index, and this class asks nobody for it.
+  /// The socket address, and its length in `length`; nothing for `ipunknown`, and where the zone is a name:
+  /// the kernel takes an index, and this class asks nobody for it.
   std::optional<sockaddr_storage> toSockaddr(socklen_t& length) const noexcept;
-  /// Of a socket address of AF_INET or AF_INET6 with `length` octets; nothing for others and for too few octets.
+  /// Of a socket address of AF_INET or AF_INET6 with `length` octets; nothing for others and for too few
+  /// octets.
   static std::optional<IpGenAndPort> fromSockaddr(const sockaddr_storage& address, socklen_t length) noexcept;
 
   static constexpr Kiv::ParseError parse(std::string_view& text, IpGenAndPort& out) noexcept {

@@ -12,8 +12,8 @@ namespace Wirl {
 
 namespace detail {
 
-/// Reads pairs of hexadecimal digits; a full stop may stand between two pairs. The first that is none ends them. Returns
-/// the number of characters; `count` is 0 where there are no octets, or more than `max`.
+/// Reads pairs of hexadecimal digits; a full stop may stand between two pairs. The first that is none ends
+/// them. Returns the number of characters; `count` is 0 where there are no octets, or more than `max`.
 constexpr std::size_t takeHexPairs(std::string_view text, Kiv::U8* octets, unsigned max,
                                    unsigned& count) noexcept {
   const auto isPair = [&](std::size_t at) {
@@ -33,7 +33,8 @@ constexpr std::size_t takeHexPairs(std::string_view text, Kiv::U8* octets, unsig
   }
 }
 
-/// Writes octets in hexadecimal, with a full stop in front of those whose index has a bit in `stops`; returns the end.
+/// Writes octets in hexadecimal, with a full stop in front of those whose index has a bit in `stops`; returns
+/// the end.
 inline char* putHexPairs(char* out, std::span<const Kiv::U8> octets, unsigned stops) noexcept {
   constexpr char kDigits[] = "0123456789abcdef";
   for (unsigned i = 0; i < octets.size(); ++i) {
@@ -47,8 +48,8 @@ inline char* putHexPairs(char* out, std::span<const Kiv::U8> octets, unsigned st
 
 }  // namespace detail
 
-/// IS-IS system identifier (ISO/IEC 10589): six octets, as 1921.6800.1001. Reads twelve hexadecimal digits with full stops
-/// between any two octets, or none.
+/// IS-IS system identifier (ISO/IEC 10589): six octets, as 1921.6800.1001. Reads twelve hexadecimal digits
+/// with full stops between any two octets, or none.
 class KIV_API IsisSystemId : public detail::Octets<IsisSystemId, 6> {
  public:
   static constexpr unsigned kTextMax = 14;
@@ -80,8 +81,8 @@ class KIV_API IsisSystemId : public detail::Octets<IsisSystemId, 6> {
   }
 };
 
-/// IS-IS area address (ISO/IEC 10589): one to thirteen octets, as 49.0001. Reads pairs of hexadecimal digits with full
-/// stops between any two octets, or none. Default 00. Ordered octet by octet.
+/// IS-IS area address (ISO/IEC 10589): one to thirteen octets, as 49.0001. Reads pairs of hexadecimal digits
+/// with full stops between any two octets, or none. Default 00. Ordered octet by octet.
 class KIV_API IsisAreaId : public detail::TextForms<IsisAreaId> {
  public:
   static constexpr unsigned maxSize = 13;

@@ -39,9 +39,9 @@ consteval auto literalOf() {
 
 }  // namespace detail
 
-/// Values as literals: `using namespace Wirl::literals;`. The compiler reads the text, by the grammar of the type, and
-/// refuses what is none: nothing is left to do, or to fail, at run time. Where both families have a form, the text says
-/// which type the literal is of.
+/// Values as literals: `using namespace Wirl::literals;`. The compiler reads the text, by the grammar of the
+/// type, and refuses what is none: nothing is left to do, or to fail, at run time. Where both families have a
+/// form, the text says which type the literal is of.
 ///
 ///     "10.0.0.0/8"_prefix        Prefix             "2001:db8::/32"_prefix       Ip6Prefix
 ///     "10.0.0.1"_ip              IpAddr             "2001:db8::1"_ip             Ip6Addr

@@ -31,8 +31,8 @@ inline constexpr MplsLabel mplsImplicitNull(3);
 inline constexpr MplsLabel mplsEntropyLabelIndicator(7);
 inline constexpr MplsLabel mplsGenericAssociatedChannel(13);
 
-/// The labels of a packet, the top one first: at most 16. Its text is the labels joined by slashes, as 100/200; that of
-/// no labels is empty. Ordered label by label.
+/// The labels of a packet, the top one first: at most 16. Its text is the labels joined by slashes, as
+/// 100/200; that of no labels is empty. Ordered label by label.
 class KIV_API MplsLabelStack : public detail::TextForms<MplsLabelStack> {
  public:
   static constexpr unsigned maxLabels = 16;

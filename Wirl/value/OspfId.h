@@ -39,8 +39,8 @@ class KIV_API OspfAreaId : public detail::DottedNumber<OspfAreaId> {
   constexpr bool isBackbone() const noexcept { return value_ == 0; }
 };
 
-/// Router identifier of OSPF (RFC 2328) and BGP (RFC 6286), as 192.0.2.1; also read in decimal. Default 0.0.0.0, which no
-/// router has.
+/// Router identifier of OSPF (RFC 2328) and BGP (RFC 6286), as 192.0.2.1; also read in decimal. Default
+/// 0.0.0.0, which no router has.
 class KIV_API RouterId : public detail::DottedNumber<RouterId> {
  public:
   static constexpr Kiv::ParseError kTrailingText = "Invalid RouterId";

@@ -18,8 +18,8 @@ class KIV_API Port : public detail::Number<Port, Kiv::U16> {
   constexpr bool isDynamic() const noexcept { return value_ >= 49152; }
 };
 
-/// Ports from a first to a last one, both included: as 1024-2047, or 80 alone. Default 0. Ordered by the first, then by
-/// the last port.
+/// Ports from a first to a last one, both included: as 1024-2047, or 80 alone. Default 0. Ordered by the
+/// first, then by the last port.
 class KIV_API PortRange : public detail::TextForms<PortRange> {
  public:
   static constexpr unsigned kTextMax = 11;

@@ -117,15 +117,17 @@ class PrefixMapOfBoth {
 
 }  // namespace detail
 
-/// A map from prefixes to values: a routing table. `P` is `Prefix`, `Ip6Prefix`, or `IpGenPrefix` for both families.
+/// A map from prefixes to values: a routing table. `P` is `Prefix`, `Ip6Prefix`, or `IpGenPrefix` for both
+/// families.
 ///
-/// Ordered by family, address, and length, the shorter first, whatever the order of `P` is: a prefix comes right before
-/// what it covers. Keys are valid prefixes; for others the changing members throw `Kiv::RangeException`, and the asking
-/// ones find nothing.
+/// Ordered by family, address, and length, the shorter first, whatever the order of `P` is: a prefix comes
+/// right before what it covers. Keys are valid prefixes; for others the changing members throw
+/// `Kiv::RangeException`, and the asking ones find nothing.
 ///
-/// Iterators are positions in that order, not places in memory: they stay valid whatever is inserted and erased, the
-/// prefix they stand on included. Pointers and references to values are valid until the next change. An insertion may
-/// throw `std::bad_alloc`, and has changed nothing then; nothing else allocates. `T` moves without exceptions.
+/// Iterators are positions in that order, not places in memory: they stay valid whatever is inserted and
+/// erased, the prefix they stand on included. Pointers and references to values are valid until the next
+/// change. An insertion may throw `std::bad_alloc`, and has changed nothing then; nothing else allocates. `T`
+/// moves without exceptions.
 ///
 /// Threads: as a standard container. For readers in other threads see `PrefixTable`.
 template <typename T, typename P = IpGenPrefix>
@@ -257,8 +259,8 @@ class PrefixMap {
     return Range<const_iterator>(from<const T>(key, true, key));
   }
 
-  /// Calls `visit(prefix, value)` for every prefix that contains the key, itself included, the shortest first. It must
-  /// not change the map.
+  /// Calls `visit(prefix, value)` for every prefix that contains the key, itself included, the shortest
+  /// first. It must not change the map.
   template <typename Visit>
   void covering(const P& key, Visit visit) const {
     if (!isKey(key)) return;

@@ -20,8 +20,9 @@ namespace detail {
 
 /// Longest match by reading only: a table of the first bits, then nodes for six bits each.
 ///
-/// An entry of the table or of a node is a leaf, the number of a value, or a node. Every address ends in a leaf, so
-/// that no step looks back. Equal leaves side by side are kept once. Two cache lines or three answer most addresses.
+/// An entry of the table or of a node is a leaf, the number of a value, or a node. Every address ends in a
+/// leaf, so that no step looks back. Equal leaves side by side are kept once. Two cache lines or three answer
+/// most addresses.
 template <typename Bits>
 class PrefixTableOfFamily {
  public:
@@ -61,7 +62,8 @@ class PrefixTableOfFamily {
   Kiv::U32 value(const Bits& bits) const noexcept {
     return hasPopcnt() ? valueByInstruction(bits) : valueIn<false>(bits);
   }
-  /// For many addresses: the machine is asked once what it can do, and the steps of several addresses overlap.
+  /// For many addresses: the machine is asked once what it can do, and the steps of several addresses
+  /// overlap.
   template <typename Address, typename Give>
   void values(const Address* addresses, std::size_t count, Give give) const {
     hasPopcnt() ? valuesByInstruction(addresses, count, give) : valuesIn<false>(addresses, count, give);
@@ -162,11 +164,11 @@ class PrefixTableOfFamily {
 
 }  // namespace detail
 
-/// A `PrefixMap` made for looking up, which gives the value of the longest match and nothing else. It does not change
-/// any more: any number of threads may read it. To replace it while they do, see `LiveTable`.
+/// A `PrefixMap` made for looking up, which gives the value of the longest match and nothing else. It does
+/// not change any more: any number of threads may read it. To replace it while they do, see `LiveTable`.
 ///
-/// Equal values are kept once where `T` has `==` and `std::hash`: so a table of many routes to few next hops stays in
-/// the caches. At most 2^31 - 1 different values.
+/// Equal values are kept once where `T` has `==` and `std::hash`: so a table of many routes to few next hops
+/// stays in the caches. At most 2^31 - 1 different values.
 template <typename T, typename P = IpGenPrefix>
 class PrefixTable {
  public:
@@ -198,8 +200,8 @@ class PrefixTable {
   /// The value of the longest prefix that contains the address; null where none does. Does not allocate.
   const T* longestMatch(const Address& address) const noexcept { return valueOf(number(address)); }
 
-  /// The same for many addresses: `give(index, value)` is called for each in order, with a null value where nothing
-  /// matches. Faster than one by one. Of one family only.
+  /// The same for many addresses: `give(index, value)` is called for each in order, with a null value where
+  /// nothing matches. Faster than one by one. Of one family only.
   template <typename Give>
   void longestMatches(const Address* addresses, std::size_t count, Give give) const
       requires(!std::same_as<P, IpGenPrefix>) {
@@ -257,16 +259,16 @@ class PrefixTable {
 
 /// A table that one thread replaces while others read it.
 ///
-/// Each reading thread has a `Reader`. Asking it for the table costs one load and one compare while nothing changed;
-/// after a change, once, a mutex that is held for the copy of a pointer. Nobody waits while a table is built, and
-/// replaced tables are freed by the thread that replaces, never by a reader.
+/// Each reading thread has a `Reader`. Asking it for the table costs one load and one compare while nothing
+/// changed; after a change, once, a mutex that is held for the copy of a pointer. Nobody waits while a table
+/// is built, and replaced tables are freed by the thread that replaces, never by a reader.
 template <typename Table>
 class LiveTable {
  public:
   LiveTable() : current_(std::make_shared<const Table>()) {}
 
-  /// Readers see the new table from their next `table()` on. Frees those old ones that no reader holds any more; the
-  /// others later. From any thread.
+  /// Readers see the new table from their next `table()` on. Frees those old ones that no reader holds any
+  /// more; the others later. From any thread.
   void replace(Table table) {
     auto next = std::make_shared<const Table>(std::move(table));
     std::vector<std::shared_ptr<const Table>> unused;

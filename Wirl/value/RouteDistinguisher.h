@@ -7,19 +7,20 @@
 
 namespace Wirl {
 
-/// Route distinguisher (RFC 4364): two octets of type, six of an administrator and a number of its own. Default 0:0.
+/// Route distinguisher (RFC 4364): two octets of type, six of an administrator and a number of its own.
+/// Default 0:0.
 ///
-/// The text tells the type: 65000:100 (type 0, an AS number of two octets), 192.0.2.1:100 (type 1, an IPv4 address),
-/// 1.0:100 (type 2, an AS number of four octets, as asdot+). A longer AS number in asplain is read as type 2. Any other
-/// type is written as 0x and sixteen hexadecimal digits, which are read for every type.
+/// The text tells the type: 65000:100 (type 0, an AS number of two octets), 192.0.2.1:100 (type 1, an IPv4
+/// address), 1.0:100 (type 2, an AS number of four octets, as asdot+). A longer AS number in asplain is read
+/// as type 2. Any other type is written as 0x and sixteen hexadecimal digits, which are read for every type.
 class KIV_API RouteDistinguisher : public detail::Octets<RouteDistinguisher, 8> {
  public:
   static constexpr unsigned kTextMax = 21;
   static constexpr Kiv::ParseError kTrailingText = "Invalid RouteDistinguisher";
 
   using Octets::Octets;
-  /// Type 0 where the AS number has two octets, else type 2. Type 2 admits a `number` of two octets only; a larger one
-  /// throws `Kiv::RangeException`.
+  /// Type 0 where the AS number has two octets, else type 2. Type 2 admits a `number` of two octets only; a
+  /// larger one throws `Kiv::RangeException`.
   constexpr RouteDistinguisher(AsNumber as, Kiv::U32 number) {
     if (as.isTwoOctets()) {
       *this = made(0, Kiv::U64{as.value()} << 32 | number);

@@ -16,8 +16,8 @@
 
 namespace Wirl {
 
-/// An unsigned number of 128 bits, for distances between IPv6 addresses and counts of them. Arithmetic is modulo
-/// 2^128, as that of the built-in unsigned types is modulo their size. Its text is the decimal number.
+/// An unsigned number of 128 bits, for distances between IPv6 addresses and counts of them. Arithmetic is
+/// modulo 2^128, as that of the built-in unsigned types is modulo their size. Its text is the decimal number.
 class KIV_API U128 : public detail::TextForms<U128> {
  public:
   static constexpr unsigned kTextMax = 39;

@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// Consecutive values from a first to a last one, both included: the addresses of a prefix, or its subnets of one
-/// length. A view: it owns two values, and its iterators may outlive it.
+/// Consecutive values from a first to a last one, both included: the addresses of a prefix, or its subnets of
+/// one length. A view: it owns two values, and its iterators may outlive it.
 template <typename T>
 class ValueRange {
  public:

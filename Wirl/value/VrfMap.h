@@ -26,8 +26,8 @@ WIRL_STD_HASH(L3::VrfId)
 
 namespace L3 {
 
-/// Which VRF has which number: one name a number, and one number a name. The default VRF is always in it, with number 0.
-/// Ordered by name.
+/// Which VRF has which number: one name a number, and one number a name. The default VRF is always in it,
+/// with number 0. Ordered by name.
 class KIV_API VrfMap {
  public:
   using ConstIterator = std::map<VrfName, VrfId>::const_iterator;
@@ -38,7 +38,8 @@ class KIV_API VrfMap {
   VrfMap(VrfMap&& other) = default;
   VrfMap& operator=(VrfMap other) noexcept;
 
-  /// False, and nothing changed, where the name or the number is taken (by each other: true), and for the empty name.
+  /// False, and nothing changed, where the name or the number is taken (by each other: true), and for the
+  /// empty name.
   bool insert(const VrfName& name, VrfId id);
   /// Gives the name the lowest number that is free, or the one that it has. The empty name has none.
   std::optional<VrfId> insert(const VrfName& name);

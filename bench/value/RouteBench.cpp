@@ -20,8 +20,8 @@ using Kiv::U64;
 using Kiv::U8;
 using namespace Wirl;
 
-/// Routes of one family: lengths as in the tables of the Internet, addresses that cluster as they do there, and some
-/// hundred next hops.
+/// Routes of one family: lengths as in the tables of the Internet, addresses that cluster as they do there,
+/// and some hundred next hops.
 template <typename P>
 struct Routes {
   using Address = Wirl::detail::AddressOf<P>;

@@ -22,8 +22,8 @@ std::size_t allocated() {
 
 constexpr std::uint32_t kGroups = 1 << 16;
 
-/// What `rte_lpm_add` does to the tables, without its search for the rule from end to end, which takes hours for this
-/// many. A route comes behind those that cover it.
+/// What `rte_lpm_add` does to the tables, without its search for the rule from end to end, which takes hours
+/// for this many. A route comes behind those that cover it.
 void fill(rte_lpm& lpm, const PeerRoute* routes, std::size_t count) {
   std::uint32_t groups = 0;
   for (std::size_t i = 0; i < count; ++i) {

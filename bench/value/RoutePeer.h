@@ -24,8 +24,8 @@ class RoutePeer {
   RoutePeer(const RoutePeer&) = delete;
   RoutePeer& operator=(const RoutePeer&) = delete;
 
-  /// The sum of the values of all addresses: numbers in host order for IPv4, sixteen octets each for IPv6. One by one,
-  /// or as many at once as the interface is made for.
+  /// The sum of the values of all addresses: numbers in host order for IPv4, sixteen octets each for IPv6.
+  /// One by one, or as many at once as the interface is made for.
   std::uint64_t lookUp(const std::uint32_t* addresses, std::size_t count) const;
   std::uint64_t lookUpBulk(const std::uint32_t* addresses, std::size_t count) const;
   std::uint64_t lookUpBulk(const std::uint8_t (*addresses)[16], std::size_t count) const;

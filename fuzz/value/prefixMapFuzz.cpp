@@ -6,8 +6,8 @@
 #include "Kiv/Assert.h"
 #include "Wirl/value/PrefixTable.h"
 
-// A prefix map does what a std::map does that is searched from end to end. Every seven octets of the input are a step: a
-// deed, a length, four octets of an address and how far to the right they stand.
+// A prefix map does what a std::map does that is searched from end to end. Every seven octets of the input
+// are a step: a deed, a length, four octets of an address and how far to the right they stand.
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   using namespace Wirl;

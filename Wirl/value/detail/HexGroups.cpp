@@ -57,9 +57,9 @@ constexpr auto kFormOf = [] {
   return forms;
 }();
 
-/// The ways to lay out six groups of one or two digits, or three of one to four: 64 each. A layout is known by
-/// the mask of its separators and of everything from the text's end on, and found by a hash of that mask that
-/// has no collisions (a collision does not compile).
+/// The ways to lay out six groups of one or two digits, or three of one to four: 64 each. A layout is known
+/// by the mask of its separators and of everything from the text's end on, and found by a hash of that mask
+/// that has no collisions (a collision does not compile).
 struct Layouts {
   static constexpr U32 slot(U32 form, U32 mask) { return form << 7 | mask * 0xad94'21c1u >> 24; }
 
@@ -120,8 +120,8 @@ WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
   return static_cast<U32>(_mm_movemask_epi8(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 16))));
 }
 
-/// A text of fewer than eight characters, or of more than eighteen. Three short groups joined by full stops make
-/// the one, zeros in front the other.
+/// A text of fewer than eight characters, or of more than eighteen. Three short groups joined by full stops
+/// make the one, zeros in front the other.
 [[gnu::noinline]] Taken takeUnusual(const char* text, std::size_t size) noexcept {
   if (size < 5 || (size < 8 && text[1] != '.' && text[2] != '.' && text[3] != '.')) return kNone;
   return takeHexGroupsPlainly({text, size});
@@ -157,9 +157,9 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
     return {word | U64{last & onlyIf(size > 16)} << 40, size};
   }
-  // A group of more digits than it should have may still be one, with zeros in front; nothing else can, and not
-  // that with a strange character. Zeros that no end of a group follows closely are what to look for: sixteen
-  // bits, above the shifted ones only when nothing is strange.
+  // A group of more digits than it should have may still be one, with zeros in front; nothing else can, and
+  // not that with a strange character. Zeros that no end of a group follows closely are what to look for:
+  // sixteen bits, above the shifted ones only when nothing is strange.
   const U32 ends = others | beyond;
   U32 near = ends >> 1 | ends >> 2;
   near |= near >> form;

@@ -18,7 +18,8 @@ using EuiOctets = std::array<Kiv::U8, 8>;
 // Reading octets from the front of a text: groups of hexadecimal digits, all joined by colons or all by
 // hyphens (an octet each) or all by full stops (two octets each).
 
-/// Six octets that are all of a text, by the plain loop; apart so that what calls it last keeps no registers for it.
+/// Six octets that are all of a text, by the plain loop; apart so that what calls it last keeps no registers
+/// for it.
 Taken takeHexGroupsPlainly(std::string_view text) noexcept;
 #if WIRL_HAS_SSSE3
 /// Six octets that are all of a text.

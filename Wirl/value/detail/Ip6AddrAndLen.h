@@ -45,9 +45,9 @@ KIV_API void readIp6AddrAndLen(Kiv::NboAttrLog& log, Ip6Addr& address, Kiv::U32&
 
 /// What `Ip6Prefix` and `Ip6AddrWithMask` have in common: an address and a length, neither of them checked.
 ///
-/// Ordered by the last address covered; of those that end together, the longer length sorts first, then the lower
-/// address. So where one covers the other, the longer length sorts first, and others sort by address. A length
-/// above 128 covers the address alone.
+/// Ordered by the last address covered; of those that end together, the longer length sorts first, then the
+/// lower address. So where one covers the other, the longer length sorts first, and others sort by address. A
+/// length above 128 covers the address alone.
 template <typename T>
 class Ip6AddrAndLen : public Ip6TextForms<T> {
  public:

@@ -13,8 +13,8 @@
 
 namespace Wirl::detail {
 
-// The grammar of IPv6 addresses. The outline of a text comes first, by vector instructions where there are some;
-// everything else works on its sets of characters.
+// The grammar of IPv6 addresses. The outline of a text comes first, by vector instructions where there are
+// some; everything else works on its sets of characters.
 
 enum Ip6Kind : Kiv::U8 { kIp6Foreign = 0, kIp6Colon = 1, kIp6Dot = 2, kIp6Digit = 4 };
 

@@ -31,9 +31,9 @@ constexpr bool takeNumber(std::string_view& text, Kiv::U64 max, Kiv::U32& out) n
   return true;
 }
 
-/// An identifier that is one number from 0 to `kMax`: everything but its name. Default 0; ordered as a number. The type
-/// has `kTrailingText` and `kTooLarge`, what other texts and larger numbers are refused with. Its text is the decimal
-/// number, unless it has a `parse` and a `writeText` of its own.
+/// An identifier that is one number from 0 to `kMax`: everything but its name. Default 0; ordered as a
+/// number. The type has `kTrailingText` and `kTooLarge`, what other texts and larger numbers are refused
+/// with. Its text is the decimal number, unless it has a `parse` and a `writeText` of its own.
 template <typename T, std::unsigned_integral U, U kMax = std::numeric_limits<U>::max()>
 class Number : public TextForms<T> {
  public:

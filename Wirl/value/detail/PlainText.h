@@ -9,8 +9,8 @@
 
 namespace Wirl::detail {
 
-// The grammars of addresses, one character at a time. Constant expressions, machines without vector instructions
-// and unusual texts use these.
+// The grammars of addresses, one character at a time. Constant expressions, machines without vector
+// instructions and unusual texts use these.
 
 inline constexpr Kiv::U8 kNoDigit = 0xff;
 
@@ -51,8 +51,8 @@ constexpr Taken takeDottedLoop(std::string_view text) noexcept {
   return {octets, at};
 }
 
-/// `size` octets at the front of `text`: groups of hexadecimal digits, all joined by colons or all by hyphens (one
-/// octet each) or all by full stops (two octets each). Returns the number of characters, or 0.
+/// `size` octets at the front of `text`: groups of hexadecimal digits, all joined by colons or all by hyphens
+/// (one octet each) or all by full stops (two octets each). Returns the number of characters, or 0.
 constexpr std::size_t takeHexOctets(std::string_view text, Kiv::U8* octets, unsigned size) noexcept {
   std::size_t at = 0;
   char separator = '\0';

@@ -27,16 +27,16 @@ constexpr bool hasPopcnt() noexcept {
 }
 #endif
 
-/// Bits set in `word`. Functions that count have two forms: one marked WIRL_POPCNT, which uses the instruction, and one
-/// for machines that lack it. Both inline the same template.
+/// Bits set in `word`. Functions that count have two forms: one marked WIRL_POPCNT, which uses the
+/// instruction, and one for machines that lack it. Both inline the same template.
 template <bool kInstruction>
 [[gnu::always_inline]] constexpr unsigned countBits(Kiv::U64 word) noexcept {
   if constexpr (kInstruction) return static_cast<unsigned>(__builtin_popcountll(word));
   return bitCount(word);
 }
 
-// The bits of an address, left-aligned: in a 64-bit word for IPv4, in a `U128` for IPv6. Six bits from a depth on (a
-// multiple of six) are a chunk; behind the end of the address there are zeros.
+// The bits of an address, left-aligned: in a 64-bit word for IPv4, in a `U128` for IPv6. Six bits from a
+// depth on (a multiple of six) are a chunk; behind the end of the address there are zeros.
 
 constexpr unsigned kStride = 6;
 
@@ -68,9 +68,10 @@ inline constexpr auto kCoveringSlots = [] {
 
 /// A map from prefixes to values: a trie whose nodes stand for six bits each.
 ///
-/// A node at depth d holds the prefixes of lengths d+1 to d+6 that begin with its bits. Sets of bits say which ones
-/// there are, and which of the 64 nodes below; values and nodes lie in arrays without gaps, where the number of set
-/// bits in front is the index. So a step costs one or two cache lines, and a missing prefix no memory.
+/// A node at depth d holds the prefixes of lengths d+1 to d+6 that begin with its bits. Sets of bits say
+/// which ones there are, and which of the 64 nodes below; values and nodes lie in arrays without gaps, where
+/// the number of set bits in front is the index. So a step costs one or two cache lines, and a missing prefix
+/// no memory.
 template <typename T, typename Bits>
 class PrefixTrie {
  public:
@@ -108,8 +109,8 @@ class PrefixTrie {
     size_ = nodes_ = 0;
   }
 
-  /// The value of the prefix, and whether it is new: one that is there keeps its value. May throw `std::bad_alloc`, and
-  /// has the same prefixes then.
+  /// The value of the prefix, and whether it is new: one that is there keeps its value. May throw
+  /// `std::bad_alloc`, and has the same prefixes then.
   std::pair<T*, bool> insert(const Bits& bits, unsigned len, T&& value) {
     if (len == 0) {
       const bool isNew = !whole_;
@@ -182,8 +183,8 @@ class PrefixTrie {
     }
   }
 
-  /// The first prefix behind this one, which need not be there, or itself where `orThis`. Ordered by address; of those
-  /// with one address the shorter comes first.
+  /// The first prefix behind this one, which need not be there, or itself where `orThis`. Ordered by address;
+  /// of those with one address the shorter comes first.
   Found next(const Bits& bits, unsigned len, bool orThis) const noexcept {
     if (len == 0 && orThis && whole_) return {Bits{}, 0, whole()};
     return len == 0 ? firstIn(const_cast<Node&>(root_), 0, Bits{})

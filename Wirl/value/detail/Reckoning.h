@@ -13,12 +13,13 @@ namespace Wirl::detail {
 
 /// Reckoning with addresses, made of three members of each type:
 ///
-///     constexpr unsigned bits() const noexcept;                // 32 or 128; 0 for an address without neighbours
+///     constexpr unsigned bits() const noexcept;                // 32 or 128; 0 for an address without
+/// neighbours
 ///     constexpr U128 number() const noexcept;                  // the address as a number
 ///     constexpr T withNumber(const U128& number) const noexcept;  // another address of the family
 ///
-/// No address is behind the last one of a family or in front of its first: where there is none, the named forms
-/// give nothing and the operators throw `Kiv::RangeException`.
+/// No address is behind the last one of a family or in front of its first: where there is none, the named
+/// forms give nothing and the operators throw `Kiv::RangeException`.
 template <typename T>
 class AddressReckoning {
  public:
@@ -34,8 +35,8 @@ class AddressReckoning {
   }
   constexpr std::optional<T> next() const noexcept { return after(1); }
   constexpr std::optional<T> previous() const noexcept { return before(1); }
-  /// How many addresses lie between the lower of the two and the other, the other one included. Nothing where the
-  /// families differ.
+  /// How many addresses lie between the lower of the two and the other, the other one included. Nothing where
+  /// the families differ.
   constexpr std::optional<U128> distance(const T& other) const noexcept {
     if (self().bits() != other.bits() || other.bits() == 0) return std::nullopt;
     const U128 a = self().number();
@@ -67,8 +68,8 @@ class AddressReckoning {
   }
 };
 
-/// Reckoning with prefixes: of an address without the host bits, and a length. A length that is longer than the
-/// address counts as that of a host here.
+/// Reckoning with prefixes: of an address without the host bits, and a length. A length that is longer than
+/// the address counts as that of a host here.
 template <typename T, typename Address>
 class PrefixReckoning {
  public:
@@ -82,22 +83,23 @@ class PrefixReckoning {
     const unsigned open = first().bits() - length();
     return open == 128 ? ~U128() : U128::powerOfTwo(open);
   }
-  /// How many of them a host may have: not the first (network, or subnet-router anycast, RFC 4291) and, in IPv4, not
-  /// the last (broadcast). Prefixes of one address or two have as many hosts (RFC 3021, RFC 6164).
+  /// How many of them a host may have: not the first (network, or subnet-router anycast, RFC 4291) and, in
+  /// IPv4, not the last (broadcast). Prefixes of one address or two have as many hosts (RFC 3021, RFC 6164).
   constexpr U128 hostCount() const noexcept {
     const unsigned open = first().bits() - length();
     if (open <= 1) return addressCount();
     return first().bits() == 32 ? addressCount() - U128(2) : ~U128() >> (128 - open);
   }
-  /// The address for all hosts of an IPv4 prefix; nothing for IPv6 and where there are no more than two addresses.
+  /// The address for all hosts of an IPv4 prefix; nothing for IPv6 and where there are no more than two
+  /// addresses.
   constexpr std::optional<Address> broadcast() const noexcept {
     if (first().bits() != 32 || length() > 30) return std::nullopt;
     return last();
   }
   /// All addresses in order.
   constexpr ValueRange<Address> addresses() const noexcept { return {first(), last()}; }
-  /// All prefixes of a length in this one, in order; itself for its own length. A shorter length, or one that the
-  /// family does not have, throws `Kiv::RangeException`.
+  /// All prefixes of a length in this one, in order; itself for its own length. A shorter length, or one that
+  /// the family does not have, throws `Kiv::RangeException`.
   constexpr ValueRange<T> subnets(unsigned len) const {
     if (len < length() || len > first().bits()) throwRange("Invalid subnet length");
     return {T(first(), len), T(last().maskedByLength(len), len)};

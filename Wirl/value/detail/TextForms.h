@@ -85,7 +85,8 @@ class ReadForms {
   /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
   /// changes nothing, when there is none.
   constexpr void stringValueIs(std::string_view text) {
-    const T made = read(text);  // in one expression with the next line, GCC 12 drops what the value was before
+    // In one expression with the next line, GCC 12 drops what the value was before.
+    const T made = read(text);
     static_cast<T&>(*this) = made;
   }
   void stringValueIs(std::nullptr_t) = delete;

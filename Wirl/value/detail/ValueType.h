@@ -9,7 +9,8 @@
 
 namespace Wirl::detail {
 
-// What the formatters of `Fmt.h` and `Format.h` are for: value types of this library, and no others that look alike.
+// What the formatters of `Fmt.h` and `Format.h` are for: value types of this library, and no others that look
+// alike.
 
 template <typename T>
 concept ValueType = requires {
