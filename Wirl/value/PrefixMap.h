@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "Kiv/Assert.h"
 #include "Wirl/value/Ip6Prefix.h"
 #include "Wirl/value/IpGenPrefix.h"
 #include "Wirl/value/Prefix.h"
@@ -125,9 +126,10 @@ class PrefixMapOfBoth {
 /// `Kiv::RangeException`, and the asking ones find nothing.
 ///
 /// Iterators are positions in that order, not places in memory: they stay valid whatever is inserted and
-/// erased, the prefix they stand on included. Pointers and references to values are valid until the next
-/// change. An insertion may throw `std::bad_alloc`, and has changed nothing then; nothing else allocates. `T`
-/// moves without exceptions.
+/// erased, the prefix they stand on included, but not when the map is assigned to or moved. What an iterator
+/// shows has to be in the map. Pointers and references to values are valid until the next change. An
+/// insertion may throw `std::bad_alloc`, and has changed nothing then; only a copy allocates, too. `T` moves
+/// without exceptions.
 ///
 /// Threads: as a standard container. For readers in other threads see `PrefixTable`.
 template <typename T, typename P = IpGenPrefix>
@@ -201,7 +203,11 @@ class PrefixMap {
     using iterator_concept = std::forward_iterator_tag;
 
     Iterator() noexcept = default;
-    Entry<Value> operator*() const noexcept { return {at_.key, *current()}; }
+    Entry<Value> operator*() const noexcept {
+      Value* const value = current();
+      KIV_ASSERT_AS(value, "the prefix is in the map");
+      return {at_.key, *value};
+    }
     Iterator& operator++() noexcept {
       *this = Iterator(map_, map_->map_.template next<Result<Value>>(at_.key, false), within_);
       return *this;
@@ -222,7 +228,7 @@ class PrefixMap {
       if (at_ && within_ && !within_->contains(at_.key)) at_.value = nullptr;
     }
     Value* current() const noexcept {
-      return changes_ == map_->changes_ ? at_.value : map_->map_.find(at_.key);
+      return !map_ || changes_ == map_->changes_ ? at_.value : map_->map_.find(at_.key);
     }
 
     const PrefixMap* map_ = nullptr;

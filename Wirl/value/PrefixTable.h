@@ -268,12 +268,14 @@ class LiveTable {
   LiveTable() : current_(std::make_shared<const Table>()) {}
 
   /// Readers see the new table from their next `table()` on. Frees those old ones that no reader holds any
-  /// more; the others later. From any thread.
+  /// more; the others later. May throw `std::bad_alloc`, and has replaced nothing then. From any thread.
   void replace(Table table) {
     auto next = std::make_shared<const Table>(std::move(table));
     std::vector<std::shared_ptr<const Table>> unused;
     {
       const std::lock_guard lock(mutex_);
+      old_.reserve(old_.size() + 1);
+      unused.reserve(old_.size() + 1);
       old_.push_back(std::exchange(current_, std::move(next)));
       version_.fetch_add(1, std::memory_order_release);
       const auto held =

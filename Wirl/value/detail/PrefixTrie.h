@@ -118,25 +118,12 @@ class PrefixTrie {
       size_ += isNew;
       return {&*whole_, isNew};
     }
-    Node* node = &root_;
-    unsigned depth = 0;
-    for (; len > depth + kStride; depth += kStride) {
-      const unsigned chunk = chunkOf(bits, depth);
-      const unsigned at = rank(node->children, chunk);
-      if (!has(node->children, chunk)) {
-        node->below = inserted(node->below, countBits<false>(node->children), at, Node());
-        node->children |= Kiv::U64{1} << chunk;
-        ++nodes_;
-      }
-      node = node->below + at;
+    try {
+      return insertBelow(bits, len, std::move(value));
+    } catch (...) {
+      eraseBelow(root_, 0, bits, len);  // the nodes that were to lead to it
+      throw;
     }
-    const auto [set, slot] = slotOf(*node, bits, depth, len);
-    const unsigned at = valueRank(*node, set, slot);
-    if (has(*set, slot)) return {node->values + at, false};
-    node->values = inserted(node->values, valueCount(*node), at, std::move(value));
-    *set |= Kiv::U64{1} << slot;
-    ++size_;
-    return {node->values + at, true};
   }
 
   /// Whether the prefix was there.
@@ -266,19 +253,42 @@ class PrefixTrie {
     release(node.values, valueCount(node));
   }
 
+  std::pair<T*, bool> insertBelow(const Bits& bits, unsigned len, T&& value) {
+    Node* node = &root_;
+    unsigned depth = 0;
+    for (; len > depth + kStride; depth += kStride) {
+      const unsigned chunk = chunkOf(bits, depth);
+      const unsigned at = rank(node->children, chunk);
+      if (!has(node->children, chunk)) {
+        node->below = inserted(node->below, countBits<false>(node->children), at, Node());
+        node->children |= Kiv::U64{1} << chunk;
+        ++nodes_;
+      }
+      node = node->below + at;
+    }
+    const auto [set, slot] = slotOf(*node, bits, depth, len);
+    const unsigned at = valueRank(*node, set, slot);
+    if (has(*set, slot)) return {node->values + at, false};
+    node->values = inserted(node->values, valueCount(*node), at, std::move(value));
+    *set |= Kiv::U64{1} << slot;
+    ++size_;
+    return {node->values + at, true};
+  }
+
+  /// No node stays that is empty: one would end the search for what comes behind it.
   bool eraseBelow(Node& node, unsigned depth, const Bits& bits, unsigned len) noexcept {
     if (len > depth + kStride) {
       const unsigned chunk = chunkOf(bits, depth);
       if (!has(node.children, chunk)) return false;
       const unsigned at = rank(node.children, chunk);
       Node& child = node.below[at];
-      if (!eraseBelow(child, depth + kStride, bits, len)) return false;
+      const bool erased = eraseBelow(child, depth + kStride, bits, len);
       if ((child.children | child.longest | child.shorter) == 0) {
         removed(node.below, countBits<false>(node.children), at);
         node.children &= ~(Kiv::U64{1} << chunk);
         --nodes_;
       }
-      return true;
+      return erased;
     }
     const auto [set, slot] = slotOf(node, bits, depth, len);
     if (!has(*set, slot)) return false;
