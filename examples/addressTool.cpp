@@ -338,7 +338,9 @@ int main(int argc, char** argv) {
     const auto len = Ip6PrefixLen::fromText(argument);
     if (!len || *len == Ip6PrefixLen::invalid) return usage();
     take = [len = len->value()](std::size_t, std::string_view text) {
-      for (const IpGenPrefix& subnet : prefixOf(text).subnets(len)) std::cout << subnet << '\n';
+      for (const IpGenPrefix& subnet : prefixOf(text).subnets(len)) {
+        if (!(std::cout << subnet << '\n')) break;
+      }
     };
   } else if (mode == "--contains") {
     const auto prefix = IpGenPrefix::fromText(argument);

@@ -16,9 +16,12 @@ class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
 
   constexpr Ip6Zone() noexcept = default;
   constexpr explicit Ip6Zone(InterfaceIndex index) noexcept : index_(index) {}
-  /// A name of digits alone throws `Kiv::RangeException`: its text would be that of an index.
+  /// A name of digits alone throws `Kiv::RangeException`, since its text would be that of an index. So does
+  /// one with a bracket or a percent sign, which end the text of a zone.
   constexpr explicit Ip6Zone(const InterfaceName& name) : name_(name) {
-    if (name && name.value().find_first_not_of("0123456789") == std::string_view::npos) {
+    const std::string_view text = name.value();
+    if (name &&
+        (text.find_first_not_of("0123456789") == text.npos || text.find_first_of(kEnds) != text.npos)) {
       detail::throwRange(kTrailingText);
     }
   }
@@ -32,9 +35,9 @@ class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
   /// Empty where the zone has an index, or is none.
   constexpr const InterfaceName& name() const noexcept { return name_; }
 
-  /// A name ends in front of a bracket, so that it can stand inside of some.
+  /// A name ends in front of a bracket, so that it can stand inside of some, and of a percent sign.
   static constexpr Kiv::ParseError parse(std::string_view& text, Ip6Zone& out) noexcept {
-    const std::size_t end = std::min(text.find_first_of("[]%"), text.size());
+    const std::size_t end = std::min(text.find_first_of(kEnds), text.size());
     std::string_view front = text.substr(0, end);
     Ip6Zone zone;
     if (InterfaceName::parse(front, zone.name_)) return kTrailingText;
@@ -70,6 +73,8 @@ class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
   }
 
  private:
+  static constexpr std::string_view kEnds = "[]%";
+
   InterfaceIndex index_;
   InterfaceName name_;
 };

@@ -13,7 +13,7 @@
 namespace Wirl {
 
 /// An IPv4 or an IPv6 address with a transport port: 10.0.0.1:179, [2001:db8::1]:179. Default `ipunknown`
-/// with port 0, which prints as [::]:0.
+/// with port 0; that family prints as :: does.
 class KIV_API IpGenAndPort : public detail::TextForms<IpGenAndPort> {
  public:
   static constexpr unsigned kTextMax = Ip6AndPort::kTextMax;
@@ -58,7 +58,8 @@ class KIV_API IpGenAndPort : public detail::TextForms<IpGenAndPort> {
     return text.starts_with('[') ? read(Ip6AndPort()) : read(IpAndPort());
   }
   unsigned writeText(char* out) const noexcept {
-    return af() == AddressFamily::ipv4 ? v4().writeText(out) : v6().writeText(out);
+    return af() == AddressFamily::ipv4 ? v4().writeText(out)
+                                       : Ip6AndPort(ip_.storage(), port_, zone_).writeText(out);
   }
 
   constexpr Kiv::U32 hash() const noexcept { return hash(0); }

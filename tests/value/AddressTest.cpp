@@ -351,6 +351,8 @@ TEST(IpGenAndPort, PassesThroughSocketAddresses) {
   socklen_t length = 0;
   EXPECT_FALSE(IpGenAndPort("[fe80::1%eth0]:1").toSockaddr(length) || IpGenAndPort().toSockaddr(length) ||
                IpGenAndPort::fromSockaddr(sockaddr_storage{}, sizeof(sockaddr_storage)));
+  EXPECT_EQ(IpGenAndPort(IpGenAddr(), 5).stringValue(), "[::]:5");
+  for (const char* name : {"7", "a]b", "a%b"}) EXPECT_THROW(Ip6Zone{InterfaceName(name)}, RangeException);
   EXPECT_EQ(table::streamed(IpAndPort("10.0.0.1:179")),
             "Value('Wirl::IpAndPort', ** {'ip': 10.0.0.1, 'port': 179})");
 }

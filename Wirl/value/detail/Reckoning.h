@@ -23,7 +23,7 @@ namespace Wirl::detail {
 template <typename T>
 class AddressReckoning {
  public:
-  /// The address `n` behind this one. A negative `n` gives nothing: use `before`.
+  /// The address `n` behind this one.
   constexpr std::optional<T> after(const U128& n) const noexcept {
     if (self().bits() == 0 || n > last() - self().number()) return std::nullopt;
     return self().withNumber(self().number() + n);
@@ -32,6 +32,15 @@ class AddressReckoning {
   constexpr std::optional<T> before(const U128& n) const noexcept {
     if (self().bits() == 0 || n > self().number()) return std::nullopt;
     return self().withNumber(self().number() - n);
+  }
+  /// A negative `n` counts in the other direction.
+  template <std::signed_integral N>
+  constexpr std::optional<T> after(N n) const noexcept {
+    return n < 0 ? before(U128() - U128(n)) : after(U128(n));
+  }
+  template <std::signed_integral N>
+  constexpr std::optional<T> before(N n) const noexcept {
+    return n < 0 ? after(U128() - U128(n)) : before(U128(n));
   }
   constexpr std::optional<T> next() const noexcept { return after(1); }
   constexpr std::optional<T> previous() const noexcept { return before(1); }
@@ -48,11 +57,11 @@ class AddressReckoning {
   friend constexpr T operator-(const T& a, const U128& n) { return existing(a.before(n)); }
   template <std::signed_integral N>
   friend constexpr T operator+(const T& a, N n) {
-    return existing(n < 0 ? a.before(U128() - U128(n)) : a.after(n));
+    return existing(a.after(n));
   }
   template <std::signed_integral N>
   friend constexpr T operator-(const T& a, N n) {
-    return existing(n < 0 ? a.after(U128() - U128(n)) : a.before(n));
+    return existing(a.before(n));
   }
   friend constexpr T& operator++(T& a) { return a = existing(a.next()); }
   friend constexpr T& operator--(T& a) { return a = existing(a.previous()); }
