@@ -48,6 +48,7 @@
 #include "Wirl/transport/TcpKeepaliveOptions.h"
 #include "Wirl/transport/TcpPduPam.h"
 #include "Wirl/transport/TcpPduPamBase.h"
+#include "Wirl/transport/TcpPduPamReadReturn.h"
 #include "Wirl/transport/TcpServerSm.h"
 #include "Wirl/transport/TcpSm.h"
 #include "Wirl/transport/UdpPam.h"

@@ -36,7 +36,7 @@ std::string rightChecksum(std::string frame) {
 const std::string kNs = octets(
     "3333ff766c14 020000766c14 86dd"
     "60000000 0020 3aff fe80000000000000 000000fffe766c15 ff02000000000000 00000001ff766c14"
-    "8700 ca71 00000000 fe80000000000000 020c29fffe766c14 0101 020000766c14");
+    "8700 9f66 00000000 fe80000000000000 020c29fffe766c14 0101 020000766c14");
 
 /// What a check says of `pkt`: its code, where it finds headers, in bytes from the front, and what it traces.
 template <typename... Hdrs, typename Check>
