@@ -19,6 +19,7 @@ namespace {
 Kiv::TraceHandle trace("PamConnector");
 
 constexpr Kiv::Time kTick = Kiv::timeOfSeconds(0.0009765625);  // 1/1024 s
+constexpr U32 kBudget = 2048;                                  // a full queue of the default length in one go
 
 /// Returns the packet, or a deep copy if its buffer is shared: moving bytes would corrupt the other packets.
 Pkt::Ptr withBytesOfItsOwn(const Pkt::Ptr& pkt) {
@@ -40,7 +41,9 @@ Pkt::Ptr withBytesOfItsOwn(const Pkt::Ptr& pkt) {
 // -----------------------------------------------------------------------------------------------------
 
 PamConnectorPam::PamConnectorPam(Kiv::String name, PamConnector* pamConnector)
-    : Pam(std::move(name)), pamConnector_(pamConnector) {}
+    : Pam(std::move(name)), pamConnector_(pamConnector) {
+  rxBudgetIs(kBudget);
+}
 
 PamConnectorPam::~PamConnectorPam() {
   cut();
@@ -97,8 +100,8 @@ inline void PamConnectorPam::enqueue(Pkt::Ptr pkt) {
 }
 
 void PamConnectorPam::txPktIsImpl(const Pkt::Ptr& pkt) {
-  KIV_ASSERT_AS(otherEnd(), "otherEnd()");
-  KIV_ASSERT_AS(pkt, "pkt != __null");
+  KIV_ASSERT_AS(otherEnd(), "otherEnd()", name());
+  KIV_ASSERT_AS(pkt, "pkt != __null", name());
   if (!admitted()) [[unlikely]]
     return;
   if (!peekPkt.notifiees().empty() || !peekPktCount.notifiees().empty()) [[unlikely]]

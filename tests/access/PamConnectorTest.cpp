@@ -340,6 +340,11 @@ TEST_F(PamConnectorTest, EndsOutliveTheConnectorAndATickThatHasBegunIsFinished) 
 
 TEST_F(PamConnectorTest, APullThatHasSpentItsBudgetGoesOnAtTheNextTick) {
   const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
+  for (U32 i = 0; i <= pam1->maxBuffer(); ++i) pam0->txPktIs(pktOf("x"));
+  while (pam1->rxPkt()) {
+  }
+  EXPECT_EQ(pam1->inputQueueLength(), 0u);  // as it is at first, it suffices for a full queue
+  loop.runFor(0.001);
   pam1->rxBudgetIs(2);
   int got = 0;
   const Kiv::Reactor answer(pam1->readableCount, [&] {  // each packet pulled is followed by another one
