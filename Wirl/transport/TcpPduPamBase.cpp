@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Kiv/Assert.h"
+#include "Wirl/access/detail/doBoth.h"
 
 namespace Wirl {
 
@@ -48,7 +49,9 @@ void TcpPduPamBase::socketWritable() {
 
 void TcpPduPamBase::fdIs(const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd) {
   tcpPduFdSm_ = nullptr;
-  if (const auto former = std::exchange(fd_, nullptr)) former->handleDel();
+  if (const auto former = std::exchange(fd_, nullptr)) {
+    detail::doQuietly([&former] { former->handleDel(); });  // nobody reacts to it any more
+  }
   if (!fd) return;
   tcpPduFdSm_ = Kiv::makePtr<TcpPduFdSm>(*fd, *this);
   fd_ = fd;
