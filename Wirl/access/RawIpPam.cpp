@@ -390,7 +390,7 @@ void RawIpPam::drainErrorQueue() {
       if (each.cmsg_type != IP_RECVERR && each.cmsg_type != IPV6_RECVERR) return;
       const auto what = detail::dataOf<sock_extended_err>(each);
       KIV_TRACE(family_.trace, 3) << "error queue: " << what.ee_errno << " ("
-                                  << Kiv::errorText(int(what.ee_errno)) << ") origin " << what.ee_origin
+                                  << detail::errorPrinted(int(what.ee_errno)) << ") origin " << what.ee_origin
                                   << " type " << what.ee_type << " code " << what.ee_code;
     });
   }

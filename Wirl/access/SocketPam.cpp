@@ -15,6 +15,8 @@
 
 namespace Wirl {
 
+using detail::Printed;
+
 namespace {
 
 Kiv::TraceHandle trace("SocketPam");
@@ -139,9 +141,11 @@ void SocketPam::closeAndFail(int error, const char* text, const char* complaint,
   closeDescriptor(Kiv::Ptr<Kiv::FileDescriptor>(fileDesc()), nobodyIsTold);
   if (other >= 0) close_(other);
   if (complaint) {
-    KIV_TRACE(traceHandle(), 0) << who() << ": " << complaint << ", errno: " << error;
+    KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }} << ": " << complaint
+                                << ", errno: " << error;
   } else {
-    KIV_TRACE(traceHandle(), 0) << who() << ": " << text << " failed, errno: " << error;
+    KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }} << ": " << text
+                                << " failed, errno: " << error;
   }
   fail(error, text);
 }
@@ -162,7 +166,11 @@ bool SocketPam::receive(detail::Received& got, U32 room) {
   }
   const bool received = detail::receivePkt(got, spare_, fd(), room);
   rxPulled(received);
-  if (!received) receiveFailed(false, errno);
+  if (!received) {
+    const int error = errno;
+    if (error != EAGAIN) offerRest();  // more may wait behind a failure
+    receiveFailed(false, error);
+  }
   return received;
 }
 
@@ -184,6 +192,7 @@ S32 SocketPam::receiveBatch(U16 limit, U32 room) {
   const int error = received < 0 ? errno : 0;
   rxPulled(static_cast<U32>(std::max(received, 0)));
   if (received > 0) return received;
+  if (error != EAGAIN) offerRest();
   receiveFailed(true, error);
   return 0;
 }
@@ -200,11 +209,12 @@ void SocketPam::offerRest() noexcept {
 void SocketPam::receiveFailed(bool batch, int error) {
   if (error == EAGAIN) return;
   if (error == 0) {
-    KIV_TRACE(traceHandle(), 0) << who() << ": Failed to obtain new packet object";
+    KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }}
+                                << ": Failed to obtain new packet object";
     return;
   }
-  KIV_TRACE(traceHandle(), 0) << who() << ": " << (batch ? "recvmmsg" : "recvmsg") << " failed with " << error
-                              << " (" << Kiv::errorText(error) << ") ";
+  KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }} << ": " << (batch ? "recvmmsg" : "recvmsg")
+                              << " failed with " << error << " (" << detail::errorPrinted(error) << ") ";
   rxErrorsInc(1);
 }
 
@@ -218,15 +228,15 @@ SocketPam::Loss SocketPam::lossOf(int error) const {
 int SocketPam::send(const detail::TxMessage& message, int flags) {
   if (sendmsg(fd(), &message.get(), flags) >= 0) return 0;
   const int error = errno;
-  KIV_TRACE(traceHandle(), 0) << who() << ": sendmsg failed with " << error << " (" << Kiv::errorText(error)
-                              << ") ";
+  KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }} << ": sendmsg failed with " << error
+                              << " (" << detail::errorPrinted(error) << ") ";
   lost(error, lossOf(error));
   return error;
 }
 
 void SocketPam::refuse(int error) {
-  KIV_TRACE(traceHandle(), 3) << who() << ": packet refused with " << error << " (" << Kiv::errorText(error)
-                              << ") ";
+  KIV_TRACE(traceHandle(), 3) << Printed{[this] { return who(); }} << ": packet refused with " << error
+                              << " (" << detail::errorPrinted(error) << ") ";
   lost(error, Loss::error);
 }
 

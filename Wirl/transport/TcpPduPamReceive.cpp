@@ -6,12 +6,14 @@
 #include <utility>
 
 #include "Kiv/Assert.h"
+#include "Wirl/access/detail/Socket.h"
 #include "Wirl/transport/TcpPduPam.h"
 #include "Wirl/transport/detail/TcpPduPamTrace.h"
 
 namespace Wirl {
 
 using detail::PduReader;
+using detail::Printed;
 using detail::tcpPduPamTrace;
 using Result = TcpPduPamReadReturn::Result;
 
@@ -66,9 +68,10 @@ void TcpPduPam::readableSet(bool value) {
                                    << *this;
     }
   }
-  KIV_TRACE(tcpPduPamTrace, 8) << outcome.value() << *this;
+  KIV_TRACE(tcpPduPamTrace, 8) << Printed{[&outcome] { return outcome.value(); }} << *this;
   if (outcome.result == Result::fullPduRead) {
-    KIV_TRACE(tcpPduPamTrace, 9) << "PktData: 0x" << hexOf(*reader_.pdu()) << *this;
+    KIV_TRACE(tcpPduPamTrace, 9) << "PktData: 0x" << Printed{[this] { return hexOf(*reader_.pdu()); }}
+                                 << *this;
   }
 }
 
@@ -185,7 +188,7 @@ bool TcpPduPam::offerRest() {
 
 void TcpPduPam::handleReadError(const Outcome& outcome) {
   if (!rxErrorReason().empty() || end_) return;
-  KIV_TRACE(tcpPduPamTrace, 0) << outcome.value().reason << *this;
+  KIV_TRACE(tcpPduPamTrace, 0) << Printed{[&outcome] { return outcome.value().reason; }} << *this;
   if (receiving()) reader_.clear();
   end_ = outcome.reason;
   endError_ = outcome.error;

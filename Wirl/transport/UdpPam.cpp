@@ -17,6 +17,8 @@
 
 namespace Wirl {
 
+using detail::Printed;
+
 namespace {
 
 Kiv::TraceHandle trace("UdpPam");
@@ -208,8 +210,8 @@ bool UdpPam::doConnect() {
   const detail::SockAddr peer(txDst(), txPort(), txIfIndex());
   if (connect(fd(), peer.get(), peer.length()) < 0) {
     const int error = errno;
-    KIV_TRACE(trace, 0) << who() << ": connect failed with " << error << " (" << Kiv::errorText(error)
-                        << ") ";
+    KIV_TRACE(trace, 0) << Printed{[this] { return who(); }} << ": connect failed with " << error << " ("
+                        << detail::errorPrinted(error) << ") ";
     return false;
   }
   socketConnected.set(true);
@@ -220,17 +222,18 @@ void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
   KIV_ASSERT_AS(mode() != Mode::disabled, "mode() != disabled()", name());
   KIV_ASSERT_AS(pkt, "pkt", name());
   detail::TxMessage message(pkt);
-  KIV_TRACE(trace, 8) << who() << ": Sending pkt of size " << pkt->bytes();
+  const auto me = Printed{[this] { return who(); }};
+  KIV_TRACE(trace, 8) << me << ": Sending pkt of size " << pkt->bytes();
   if (!doConnect()) return;
   KIV_ASSERT_AS(txPort() != U16(), "txPort() != U16()", name());
 
   if (!socketConnected()) message.toIs(detail::SockAddr(txDst(), txPort(), txIfIndex()));
   const IpGenAddr from = ipv6() ? IpGenAddr(txSrcIp6Addr()) : IpGenAddr(txSrcIpAddr());
   if (!from.isUnspecified() || txIfIndex() != 0) {
-    KIV_TRACE(trace, 8) << who() << ": Sending pkt with src ip " << from;
-    KIV_TRACE(trace, 8) << who() << ": Sending pkt with txIfIndex " << txIfIndex();
+    KIV_TRACE(trace, 8) << me << ": Sending pkt with src ip " << from;
+    KIV_TRACE(trace, 8) << me << ": Sending pkt with txIfIndex " << txIfIndex();
     message.fromIs(from, txIfIndex());
-    KIV_TRACE(trace, 8) << who() << ": Sending pkt to ifindex " << txIfIndex();
+    KIV_TRACE(trace, 8) << me << ": Sending pkt to ifindex " << txIfIndex();
     Change spent(this);
     if (ipv6()) {
       spent.put(txSrcIp6Addr, Ip6Addr());
@@ -267,14 +270,14 @@ void UdpPam::record(const detail::Received& got, Change& changes) {
     changes.put(rxSrcIpAddr, detail::addressOf(from.sin_addr));
     changes.put(rxSrcPort, ntohs(from.sin_port));
   }
-  const auto who = [this] { return std::string(name()) + " from " + textOf(rxSrc(), rxSrcPort()); };
-  KIV_TRACE(trace, 8) << who() << ": Received packet of size " << got.pkt->bytes();
+  const auto from = Printed{[this] { return std::string(name()) + " from " + textOf(rxSrc(), rxSrcPort()); }};
+  KIV_TRACE(trace, 8) << from << ": Received packet of size " << got.pkt->bytes();
   if ((got.message.msg_flags & MSG_TRUNC) != 0) {
-    KIV_TRACE(trace, 0) << who() << ": Datagram truncated to " << got.pkt->bytes();
+    KIV_TRACE(trace, 0) << from << ": Datagram truncated to " << got.pkt->bytes();
   }
   const detail::IpControl told = detail::ipControlOf(got.message);
   if (told.pktInfo) {
-    KIV_TRACE(trace, 8) << who() << ": Received from ifindex " << told.ifIndex << " with src IP " << rxSrc()
+    KIV_TRACE(trace, 8) << from << ": Received from ifindex " << told.ifIndex << " with src IP " << rxSrc()
                         << " and dest IP " << told.dstIpAddr;
     changes.put(rxIfIndex, told.ifIndex);
     if (ipv6()) {
@@ -283,7 +286,7 @@ void UdpPam::record(const detail::Received& got, Change& changes) {
       changes.put(rxDstIpAddr, told.dstIpAddr.v4Addr());
     }
   } else {
-    KIV_TRACE(trace, 1) << who() << ": recvmsg failed to retrieve ifindex";
+    KIV_TRACE(trace, 1) << from << ": recvmsg failed to retrieve ifindex";
   }
   changes.put(rxTTL, told.ttl);
   changes.put(rxTOS, told.tos);

@@ -473,6 +473,23 @@ TEST_P(SocketPamConformanceTest, AReactorThatThrowsCostsNoPacket) {
   EXPECT_GT(thrown, 0u);
 }
 
+TEST_P(SocketPamConformanceTest, NoMemoryForAPacketOrItsTracesCostsNoPacket) {
+  if (!backend->receives()) return;
+  open();
+  const TraceCapture traces("*/0-9");
+  for (std::uint64_t nth = 1, refused = 1; refused > 0; ++nth) {
+    send("kept");
+    Pkt::Ptr pkt;
+    Kiv::activityLoop().poll();
+    {
+      const AllocationRefusal refusal(nth, 1, true);
+      pkt = backend->pull(*backend->to);
+      refused = AllocationRefusal::refused();
+    }
+    EXPECT_EQ(pkt ? backend->payloadOf(*pkt) : receive(), "kept");
+  }
+}
+
 TEST_P(SocketPamConformanceTest, AnEventHasABudgetAndTheNextPassOffersTheRest) {
   if (!backend->receives()) return;
   for (const bool edge : {false, true}) {
@@ -484,6 +501,7 @@ TEST_P(SocketPamConformanceTest, AnEventHasABudgetAndTheNextPassOffersTheRest) {
     Kiv::activityLoop().poll();
     for (int i = 0; i < 12; ++i) send("x");
     const Fault calls(backend->receiveCall());
+    const Fault failing(backend->receiveCall(), 1, ENOBUFS);  // ends a pull, too
     unsigned got = 0, events = 0, passes = 0;
     const Kiv::Reactor pull(to.readableCount, [&] {
       ++events;

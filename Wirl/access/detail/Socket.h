@@ -6,9 +6,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <concepts>
 #include <cstring>
+#include <ostream>
 #include <string_view>
 
+#include "Kiv/Exception.h"
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/value/IpGenAddr.h"
 
@@ -27,6 +30,21 @@ inline Ip6Addr addressOf(const in6_addr& octets) noexcept {
   Ip6Addr address;
   address.copyFromBuffer(octets.s6_addr);
   return address;
+}
+
+/// A text for a trace, made while it is printed. So where there is no memory for it, the trace is dropped, and the
+/// traced code goes on.
+template <std::invocable Make>
+struct Printed {
+  Make make;
+  friend std::ostream& operator<<(std::ostream& out, const Printed& text) { return out << text.make(); }
+};
+template <typename Make>
+Printed(Make) -> Printed<Make>;
+
+/// The text of an errno, for a trace.
+inline auto errorPrinted(int error) noexcept {
+  return Printed{[error] { return Kiv::errorText(error); }};
 }
 
 /// An address and a port of either family, in the form of the system calls.
