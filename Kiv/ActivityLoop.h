@@ -56,8 +56,8 @@ class KIV_API Mailbox {
   /// Destroys what is posted and refuses everything from now on.
   void end() noexcept;
   int descriptor() const noexcept { return event_; }
-  /// While the loop sleeps, what comes in wakes it. It looks at the mailbox once more after saying so: whoever
-  /// comes earlier is seen then, and whoever comes later sees the flag.
+  /// While the loop sleeps, what comes in wakes it. It looks at the mailbox once more after saying so:
+  /// whoever comes earlier is seen then, and whoever comes later sees the flag.
   void asleepIs(bool asleep) noexcept {
     asleep ? asleep_.store(true) : asleep_.store(false, std::memory_order_relaxed);
   }
@@ -89,30 +89,31 @@ class KIV_API Mailbox {
 /// clocks, into the heap or straight to the due ones: setting and cancelling in between costs no sorting.
 ///
 /// A pass takes one event per descriptor and then looks at the clocks; descriptors that are still ready come
-/// round again behind the others. What is posted, set or asked for again during a pass waits for the next one.
-/// So neither a busy descriptor nor a clock that keeps setting itself starves the rest. A reader that may find
-/// endless work in one event stops after a while and calls `FileDescriptor::readableAgain`.
+/// round again behind the others. What is posted, set or asked for again during a pass waits for the next
+/// one. So neither a busy descriptor nor a clock that keeps setting itself starves the rest. A reader that
+/// may find endless work in one event stops after a while and calls `FileDescriptor::readableAgain`.
 ///
-/// An exception from a reactor leaves through `run()` (or whatever drives the loop). What was behind it in the
-/// pass is kept and runs in the next pass.
+/// An exception from a reactor leaves through `run()` (or whatever drives the loop). What was behind it in
+/// the pass is kept and runs in the next pass.
 ///
-/// The loop belongs to its thread, and so does everything that it drives. Other threads may `post()` to it and
-/// `stop()` it, by its `Handle` if it may end before they do. It ends with its thread: what is posted by then,
-/// or later, is destroyed unrun. The object lives on while anything is registered with it. Do not ask for a loop in destructors of
-/// statics: they run after the main thread's loop has ended. A child of fork shares the parent's watches: it
-/// ends by exec or _exit and leaves the loop alone, unless the loop was first used in the child.
+/// The loop belongs to its thread, and so does everything that it drives. Other threads may `post()` to it
+/// and `stop()` it, by its `Handle` if it may end before they do. It ends with its thread: what is posted by
+/// then, or later, is destroyed unrun. The object lives on while anything is registered with it. Do not ask
+/// for a loop in destructors of statics: they run after the main thread's loop has ended. A child of fork
+/// shares the parent's watches: it ends by exec or _exit and leaves the loop alone, unless the loop was first
+/// used in the child.
 class KIV_API ActivityLoop final : public PtrInterface {
  public:
   ~ActivityLoop() override;
 
   /// Runs passes until `stop()`. A loop that runs cannot be run again from inside (assertion "!running()").
   void run();
-  /// Ends the `run…()` or `poll()` in progress once the reactor at work returns; if there is none, the next one
-  /// returns at once. From any thread and from signal handlers.
+  /// Ends the `run…()` or `poll()` in progress once the reactor at work returns; if there is none, the next
+  /// one returns at once. From any thread and from signal handlers.
   void stop() noexcept { mailbox_->stop(); }
-  /// Runs `action` once in the loop's next pass, behind what was posted before, and wakes the loop if it waits;
-  /// in simulated time, before the time jumps. From any thread, which goes by a `Handle` if the loop's thread
-  /// may end first. Throws only for want of memory.
+  /// Runs `action` once in the loop's next pass, behind what was posted before, and wakes the loop if it
+  /// waits; in simulated time, before the time jumps. From any thread, which goes by a `Handle` if the loop's
+  /// thread may end first. Throws only for want of memory.
   template <std::invocable Action>
   void post(Action action) {
     mailbox_->post(std::make_unique<detail::PostedOf<Action>>(std::move(action)));
@@ -145,7 +146,8 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void poll();
   /// Runs passes for `seconds`.
   void runFor(double seconds);
-  /// Runs passes until `done()` is true, for at most `seconds`; returns whether it was. Asks before each pass.
+  /// Runs passes until `done()` is true, for at most `seconds`; returns whether it was. Asks before each
+  /// pass.
   bool runUntil(const std::function<bool()>& done, double seconds);
   bool running() const noexcept { return running_; }
 
@@ -155,10 +157,11 @@ class KIV_API ActivityLoop final : public PtrInterface {
 
   /// The monotonic clock, or the simulated time.
   Time now() const noexcept;
-  /// Simulated time stands still until the loop would wait. It then jumps to the next deadline: of a clock, or
-  /// the end of `runFor` or `runUntil`. Without a deadline the loop waits for descriptors in real time. While
-  /// some descriptor stays ready, time stands still, but for at most 1,000 passes. Simulated time starts at the
-  /// present time. Switching it off brings the monotonic clock back; clocks keep the times they were set to.
+  /// Simulated time stands still until the loop would wait. It then jumps to the next deadline: of a clock,
+  /// or the end of `runFor` or `runUntil`. Without a deadline the loop waits for descriptors in real time.
+  /// While some descriptor stays ready, time stands still, but for at most 1,000 passes. Simulated time
+  /// starts at the present time. Switching it off brings the monotonic clock back; clocks keep the times they
+  /// were set to.
   bool simulatedTime() const noexcept { return simulated_; }
   void simulatedTimeIs(bool on);
 

@@ -7,8 +7,8 @@
 
 namespace Kiv {
 
-/// Writes "file:line: assertion failed: text" to standard error, " (name)" behind it where a name is given, and
-/// aborts. In every build type.
+/// Writes "file:line: assertion failed: text" to standard error, " (name)" behind it where a name is given,
+/// and aborts. In every build type.
 [[noreturn, gnu::cold]] KIV_API void assertionFailed(const char* file, int line, const char* text,
                                                      std::string_view name = {}) noexcept;
 

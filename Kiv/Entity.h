@@ -179,7 +179,7 @@ class KIV_API Entity : public PtrInterface {
   ///       change.put(open, false);             // stored, nobody is told yet
   ///       change.put(reason, why);
   ///       change.run([&] { handleClose(); });  // what it throws waits
-  ///       change.tell();                       // tells of `open` and `reason`, then throws the first failure
+  ///       change.tell();                       // tells of both, then throws the first failure
   ///       if (!change.newest()) return;        // a reactor has begun a newer turn, and that one counts
   ///       retryLater();
   ///     }

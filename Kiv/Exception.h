@@ -45,8 +45,8 @@ class KIV_API NondeletableAttrException : public Exception {
   ~NondeletableAttrException() override;
 };
 
-/// A failed system call. `what()` is the message, ": ", the error's own text and, if there is one, the context
-/// in parentheses, as in "bind: Address already in use (192.0.2.1:7000 in ns-red)".
+/// A failed system call. `what()` is the message, ": ", the error's own text and, if there is one, the
+/// context in parentheses, as in "bind: Address already in use (192.0.2.1:7000 in ns-red)".
 class KIV_API ErrnoException : public Exception {
  public:
   /// `context` names what the call was about: a namespace, a device, an address and port.

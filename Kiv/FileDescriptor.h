@@ -14,10 +14,10 @@ namespace Kiv {
 /// as the descriptor stays ready; edge-triggered it comes once for each change, and switching a notification
 /// on asks anew.
 ///
-/// The descriptor belongs to whoever opened it; this class closes nothing. Set it to -1 here before closing it.
-/// If it is closed without that, it is no longer reported, and its number can be watched again, by another
-/// object or by this one after -1. But if a duplicate of it exists (dup, fork), the kernel goes on watching
-/// that one, and nothing can stop it. Only one object at a time can watch a descriptor.
+/// The descriptor belongs to whoever opened it; this class closes nothing. Set it to -1 here before closing
+/// it. If it is closed without that, it is no longer reported, and its number can be watched again, by
+/// another object or by this one after -1. But if a duplicate of it exists (dup, fork), the kernel goes on
+/// watching that one, and nothing can stop it. Only one object at a time can watch a descriptor.
 class KIV_API FileDescriptor : public Entity {
  public:
   KIV_ENTITY(FileDescriptor, Entity)

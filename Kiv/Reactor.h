@@ -15,8 +15,8 @@ namespace detail {
 
 struct NotifieeTable;
 
-/// One registration. The `Reactor` owns it. If that goes while the list is being notified, the table takes the
-/// registration over until the outermost notification is over: its closure may be the one that runs.
+/// One registration. The `Reactor` owns it. If that goes while the list is being notified, the table takes
+/// the registration over until the outermost notification is over: its closure may be the one that runs.
 struct Notifiee {
   virtual ~Notifiee() = default;
   virtual void run() = 0;
@@ -37,7 +37,8 @@ struct NotifieeOf final : Notifiee {
 };
 
 /// The registrations of one attribute. On the heap, and made for the first one only: an attribute that nobody
-/// watches carries a null pointer. Outlives its attribute when one of the attribute's own reactors destroys it.
+/// watches carries a null pointer. Outlives its attribute when one of the attribute's own reactors destroys
+/// it.
 struct NotifieeTable {
   Notifiee* last = nullptr;       // of the ring; there is no table without a registration
   NotifieeList* owner = nullptr;  // null once the attribute is gone: then nothing runs any more

@@ -49,7 +49,8 @@ constexpr bool takeLiteral(std::string_view& text, std::string_view literal) noe
 ///
 ///     static constexpr auto representation() {
 ///       return Kiv::representation("Wirl::IpAndPort", "Invalid IpAndPort",
-///                                  Kiv::field("ip", &IpAndPort::ip_), Kiv::field("port", &IpAndPort::port_));
+///                                  Kiv::field("ip", &IpAndPort::ip_),
+///                                  Kiv::field("port", &IpAndPort::port_));
 ///     }
 ///
 /// Attributes print by their own representation, else by `stringValue()`; integers in decimal, flags as True

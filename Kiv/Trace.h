@@ -13,7 +13,8 @@
 
 namespace Kiv {
 
-/// A named source of traces with levels 0 (failures) to 9 (everything). Each source unit has one, as a static:
+/// A named source of traces with levels 0 (failures) to 9 (everything). Each source unit has one, as a
+/// static:
 ///
 ///     namespace { Kiv::TraceHandle trace("UdpPam"); }
 ///     ...

@@ -16,8 +16,8 @@
 ///
 /// A name is one component below /run/netns. The empty name, null and "default" stand for the namespace that
 /// the calling thread was in before `netnsEnter` first moved it. Namespaces may come and go at any time. A
-/// name without a namespace gives ENOENT, or EINVAL if only the file of a deleted one remains. Descriptors and
-/// sockets keep their namespace alive.
+/// name without a namespace gives ENOENT, or EINVAL if only the file of a deleted one remains. Descriptors
+/// and sockets keep their namespace alive.
 ///
 /// Every function may be called from any thread, holds no lock and allocates nothing. Failure is a negative
 /// result with the errno of the step that failed: of open(2), setns(2) or socket(2), ENAMETOOLONG for a
@@ -28,8 +28,8 @@ namespace Nimbo {
 /// the caller owns.
 KIV_API int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept;
 
-/// Moves the calling thread into the namespace `name` for good; "default" brings it back. Keeps one descriptor
-/// for each thread that was moved. Returns 0.
+/// Moves the calling thread into the namespace `name` for good; "default" brings it back. Keeps one
+/// descriptor for each thread that was moved. Returns 0.
 KIV_API int netnsEnter(const char* name) noexcept;
 
 /// Opens the namespace `name` itself, for setns(2) or a netlink request. Returns the descriptor,

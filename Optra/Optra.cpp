@@ -60,8 +60,8 @@ bool readFile(const std::string& path, std::string& content, Kiv::String& failur
   return failure.empty();
 }
 
-/// Looks for one toggle while the parser goes through the file. No tree of values is made: its destructor would
-/// take memory, and end the process without.
+/// Looks for one toggle while the parser goes through the file. No tree of values is made: its destructor
+/// would take memory, and end the process without.
 class Finder : public nlohmann::json_sax<nlohmann::json> {
  public:
   explicit Finder(std::string_view name) : name_(name) {}

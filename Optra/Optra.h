@@ -6,9 +6,9 @@
 
 namespace Optra {
 
-/// The state of the feature toggle `name` in the JSON file `file` (as "Wirl.json"), an object of flags such as
-/// {"Ipv4Routable240ClassE": true}. The environment variable `OPTRA_DIR` names the file's directory; without
-/// it that is "/etc/optra". Returns `byDefault`, with a trace of handle "Optra", when
+/// The state of the feature toggle `name` in the JSON file `file` (as "Wirl.json"), an object of flags such
+/// as {"Ipv4Routable240ClassE": true}. The environment variable `OPTRA_DIR` names the file's directory;
+/// without it that is "/etc/optra". Returns `byDefault`, with a trace of handle "Optra", when
 ///
 /// - `file` is empty or contains a slash or a NUL,
 /// - the file is absent, unreadable, not regular, larger than a mebibyte, or not JSON,

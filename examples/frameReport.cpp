@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Says of each frame in a capture what is in it and what is wrong with it:  frameReport trace.pcap 'icmp6 or udp port 53'
+// Says of each frame in a capture what is in it and what is wrong with it:  frameReport trace.pcap 'icmp6 or
+// udp port 53'
 
 #include <pcap/pcap.h>
 #include <sys/stat.h>

@@ -132,8 +132,8 @@ void EthDevPam::handleAllMulticast() {
   if (fd() >= 0) membershipIs(PACKET_MR_ALLMULTI, allMulticast(), "setsockopt(PACKET_MR_ALLMULTI)");
 }
 
-/// Filters the EtherType with BPF instead of the socket's protocol: sockets bound to one protocol get frames with
-/// the VLAN tag stripped and not reported.
+/// Filters the EtherType with BPF instead of the socket's protocol: sockets bound to one protocol get frames
+/// with the VLAN tag stripped and not reported.
 void EthDevPam::handleRxFilter() {
   if (fd() < 0) return;
   std::vector<sock_filter> program;

@@ -30,21 +30,24 @@ struct EthRxMetadata {
 
 /// Receives and sends whole frames of one network device; see `PacketPam`.
 ///
-/// The kernel selects what is received: frames of one EtherType (`ethType`, host order; 3 for all types) that pass
-/// a classic BPF program (`rxFilter`; empty: no filter). Frames that this host sends on the device come only with
-/// `rxOutgoing`. `promiscuous`, `allMulticast` and `handleMembership` make the device accept frames that it would
-/// otherwise ignore. `rxOutgoing` and `rxBuf` (octets; 0: the system's default) apply when the Pam is enabled. The
-/// others also apply at once; if the kernel refuses one then, the socket is closed and the setter throws.
+/// The kernel selects what is received: frames of one EtherType (`ethType`, host order; 3 for all types) that
+/// pass a classic BPF program (`rxFilter`; empty: no filter). Frames that this host sends on the device come
+/// only with `rxOutgoing`. `promiscuous`, `allMulticast` and `handleMembership` make the device accept frames
+/// that it would otherwise ignore. `rxOutgoing` and `rxBuf` (octets; 0: the system's default) apply when the
+/// Pam is enabled. The others also apply at once; if the kernel refuses one then, the socket is closed and
+/// the setter throws.
 ///
 /// The kernel removes the VLAN tag of a frame; the packet has it as its separate tag.
 ///
-/// Receiving: `rxPkt` gives one frame. `rxPktBulk` gives up to `socketReadLimit` frames with one system call, in
-/// the slots of `savedPacket` that `savedPacketRx` marks, the first ones. A client may keep a packet of a batch: its
-/// slot gets another one for the next batch. A failed receive counts in `rxErrors`; an empty socket counts in batch
-/// receive only. `rxDrops` is the kernel's count of frames for which the socket had no room.
+/// Receiving: `rxPkt` gives one frame. `rxPktBulk` gives up to `socketReadLimit` frames with one system call,
+/// in the slots of `savedPacket` that `savedPacketRx` marks, the first ones. A client may keep a packet of a
+/// batch: its slot gets another one for the next batch. A failed receive counts in `rxErrors`; an empty
+/// socket counts in batch receive only. `rxDrops` is the kernel's count of frames for which the socket had no
+/// room.
 ///
-/// When the device goes down, receiving fails once (ENETDOWN) and goes on by itself when the device is up again.
-/// When the device disappears, sends fail (ENXIO) and nothing is received until the Pam is disabled and enabled.
+/// When the device goes down, receiving fails once (ENETDOWN) and goes on by itself when the device is up
+/// again. When the device disappears, sends fail (ENXIO) and nothing is received until the Pam is disabled
+/// and enabled.
 class KIV_API EthDevPam final : public PacketPam {
  public:
   KIV_ENTITY(EthDevPam, PacketPam)

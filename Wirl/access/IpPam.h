@@ -30,8 +30,8 @@ using Kiv::U64;
 /// Batch receive: set `socketReadLimit`, then `enableBulkReadIs(true)`, which makes a packet for each slot of
 /// `savedPacket`. One `rxPkt` then receives up to that many packets.
 ///
-/// `socketReadLimitIs` and `priorityIs` store a value before they check its range: a value that they refuse with
-/// an exception stays stored, and neither the hook nor reactors run.
+/// `socketReadLimitIs` and `priorityIs` store a value before they check its range: a value that they refuse
+/// with an exception stays stored, and neither the hook nor reactors run.
 class KIV_API IpPam : public SocketPam {
  public:
   KIV_ENTITY(IpPam, SocketPam)
@@ -94,15 +94,16 @@ class KIV_API IpPam : public SocketPam {
 
   void enableBulkReadIs(bool on);
 
-  /// Makes the descriptor object and returns it. Ends the process if a former one still has a descriptor, which
-  /// would be lost (`fileDescDel` hands it out).
+  /// Makes the descriptor object and returns it. Ends the process if a former one still has a descriptor,
+  /// which would be lost (`fileDescDel` hands it out).
   Kiv::Ptr<Kiv::FileDescriptor> fileDescIs(Kiv::String name);
   /// Detaches the descriptor object and returns it, null if there was none. Closes nothing.
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
 
   /// Attaches the program `rxFilter` to a socket. Throws `Kiv::ErrnoException`: EINVAL "SO_ATTACH_FILTER
-  /// option must be supplied with a valid filter" without an instruction; "setsockopt(SO_ATTACH_FILTER)" if the
-  /// kernel refuses the program. The latter closes the socket, and the one of `fileDesc`, which reads -1 then.
+  /// option must be supplied with a valid filter" without an instruction; "setsockopt(SO_ATTACH_FILTER)" if
+  /// the kernel refuses the program. The latter closes the socket, and the one of `fileDesc`, which reads -1
+  /// then.
   void doAttachBpfFilter(S32 fd);
   /// The same for the socket of `fileDesc`.
   void doAttachBpfFilter();

@@ -13,13 +13,13 @@ using Kiv::U64;
 /// sequence.
 ///
 /// `enabledIs(true)` opens the socket in the namespace `netNs`. If that fails it throws `Kiv::ErrnoException`
-/// with the failed call in its message ("socket", "bind", "setsockopt(PACKET_AUXDATA)", ...); the Pam is closed
-/// and disabled then and can be enabled again. The deferred closer (`deferClose`) closes the sockets.
+/// with the failed call in its message ("socket", "bind", "setsockopt(PACKET_AUXDATA)", ...); the Pam is
+/// closed and disabled then and can be enabled again. The deferred closer (`deferClose`) closes the sockets.
 ///
 /// Sending: a packet's separate VLAN tag is inserted behind the two addresses. If the socket is full, the
 /// packet counts in `txDrops`; any other failure counts in `txErrors`. Both set `txErrno`. Refused before any
-/// system call and counted in `txErrors`: a send while disabled (EBADF), and a tag on a packet that is too short
-/// for two addresses (EINVAL). An interface that is down or gone shows in these counters only.
+/// system call and counted in `txErrors`: a send while disabled (EBADF), and a tag on a packet that is too
+/// short for two addresses (EINVAL). An interface that is down or gone shows in these counters only.
 class KIV_API PacketPam : public SocketPam {
  public:
   KIV_ENTITY(PacketPam, SocketPam)

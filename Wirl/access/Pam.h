@@ -27,16 +27,16 @@ using Kiv::S32;
 /// for each writable one. Clients react to these attributes: they pull and push. Opening a descriptor counts
 /// both up once, so that clients drain what is already queued and send what they hold.
 ///
-/// `txPktIs` sends the packet or drops it. It queues nothing, retries nothing and throws nothing. The counters
-/// (and the traces of the class) show the result: `txDrops` if there was no room, `txErrors` with `txErrno` for
-/// other reasons, `rxErrors`, `rxDrops`. Counters wrap at their width.
+/// `txPktIs` sends the packet or drops it. It queues nothing, retries nothing and throws nothing. The
+/// counters (and the traces of the class) show the result: `txDrops` if there was no room, `txErrors` with
+/// `txErrno` for other reasons, `rxErrors`, `rxDrops`. Counters wrap at their width.
 ///
 /// `rxBudget` bounds how many packets one readable event gives, 0 for no bound. Then the pull gives null, and
 /// the loop offers the rest in its next pass, after other descriptors and clocks that are due.
 ///
-/// A Pam belongs to the thread of its activity loop. Reactors may disable the Pam, change it or drop it at any
-/// point. If a reactor to an `rx...` attribute throws, the exception leaves `rxPkt()` and the next `rxPkt()`
-/// returns the packet.
+/// A Pam belongs to the thread of its activity loop. Reactors may disable the Pam, change it or drop it at
+/// any point. If a reactor to an `rx...` attribute throws, the exception leaves `rxPkt()` and the next
+/// `rxPkt()` returns the packet.
 class KIV_API Pam : public Kiv::Entity {
  public:
   KIV_ENTITY(Pam, Kiv::Entity)
@@ -70,8 +70,8 @@ class KIV_API Pam : public Kiv::Entity {
   virtual void txPktIsImpl(const Pkt::Ptr& pkt);
   /// Receives at most one packet into the slot (`rxPktHolderIs`).
   virtual void doGetRxPkt() = 0;
-  /// Receives a batch into `savedPacket`, marks the slots in `savedPacketRx` and returns the number of packets.
-  /// The base class ends the process.
+  /// Receives a batch into `savedPacket`, marks the slots in `savedPacketRx` and returns the number of
+  /// packets. The base class ends the process.
   virtual S32 doGetBulkRxPkt();
 
  public:
@@ -88,7 +88,8 @@ class KIV_API Pam : public Kiv::Entity {
     const_cast<Pam*>(this)->doGetRxPkt();
     return std::move(rxPktHolder_);
   }
-  /// Receives a batch and returns the number of packets: slot i of `savedPacket` holds one if `savedPacketRx(i)`.
+  /// Receives a batch and returns the number of packets: slot i of `savedPacket` holds one if
+  /// `savedPacketRx(i)`.
   S32 rxPktBulk() const {
     const auto alive = Kiv::keepAlive(this);
     unpulled_ = 0;
@@ -115,8 +116,8 @@ class KIV_API Pam : public Kiv::Entity {
   /// Whether the slot still holds a packet, because a reactor threw when it was told of it.
   bool rxPktHeld() const noexcept { return rxPktHolder_ != nullptr; }
 
-  /// How many of `wanted` packets the present event may still give. 0 ends its pull, and the next pull begins a
-  /// new budget; the caller sees to it that an event comes.
+  /// How many of `wanted` packets the present event may still give. 0 ends its pull, and the next pull begins
+  /// a new budget; the caller sees to it that an event comes.
   U32 rxAllowance(U32 wanted) noexcept;
   /// Takes packets from the budget; 0 if there was nothing to receive, which ends the pull.
   void rxPulled(U32 packets) noexcept { pulled_ = packets == 0 ? 0 : pulled_ + packets; }

@@ -21,27 +21,28 @@ struct IpRxMetadata {
 
 /// A raw IP socket of either family; see `IpSocketPam` and `Ip6SocketPam`.
 ///
-/// `enabledIs(true)` opens a socket for `protocol` in the namespace `netNs`, applies the configuration and then
-/// counts `readableCount` and `writableCount` up once. If that fails it throws `Kiv::ErrnoException` with the
-/// failed call in its message ("socket", "setsockopt(IP_HDRINCL)", ...); the Pam is closed and disabled then and
-/// can be enabled again.
+/// `enabledIs(true)` opens a socket for `protocol` in the namespace `netNs`, applies the configuration and
+/// then counts `readableCount` and `writableCount` up once. If that fails it throws `Kiv::ErrnoException`
+/// with the failed call in its message ("socket", "setsockopt(IP_HDRINCL)", ...); the Pam is closed and
+/// disabled then and can be enabled again.
 ///
-/// Options that change while the socket is open apply at once, in the order of their bits. If the kernel refuses
-/// one, the socket is closed and the setter throws; disable and enable the Pam to get a new socket. Opening applies
-/// `ipMulticastLoop` in either state, and `txTOS`, `txTTL` (unicast and multicast) and `priority` if they are not
-/// 0. Switching `ipRcvBuf` off leaves the buffer as it is. `ipAttachFilter` holds from the first packet on: packets
-/// that arrive before the program is attached are discarded.
+/// Options that change while the socket is open apply at once, in the order of their bits. If the kernel
+/// refuses one, the socket is closed and the setter throws; disable and enable the Pam to get a new socket.
+/// Opening applies `ipMulticastLoop` in either state, and `txTOS`, `txTTL` (unicast and multicast) and
+/// `priority` if they are not 0. Switching `ipRcvBuf` off leaves the buffer as it is. `ipAttachFilter` holds
+/// from the first packet on: packets that arrive before the program is attached are discarded.
 ///
 /// Sending: `txDstIpAddr` is the destination; `txSrcIpAddr` and `txIfIndex` (or `txIfName`, looked up at each
 /// send) choose source and interface. They stay until they are changed. With the option `ipHdrIncl` a packet
-/// begins with its IP header and goes to that header's destination, unless `txDstIpAddr` is set. A failed send
-/// counts in `txErrors` and sets `txErrno`. So does, before any system call, a send without a destination
-/// (EDESTADDRREQ) or with addresses of the other family (EAFNOSUPPORT). Sending while disabled ends the process.
+/// begins with its IP header and goes to that header's destination, unless `txDstIpAddr` is set. A failed
+/// send counts in `txErrors` and sets `txErrno`. So does, before any system call, a send without a
+/// destination (EDESTADDRREQ) or with addresses of the other family (EAFNOSUPPORT). Sending while disabled
+/// ends the process.
 ///
-/// Receiving: each `rxPkt` makes one receive call. A failed one counts in `rxErrors`, even if the socket was only
-/// empty. A packet longer than `maxRxPktData` is delivered cut, with MSG_TRUNC in `rxFlags`. With `ipRecvErr`, a
-/// failed receive also drains the socket's error queue (what ICMP reported about earlier sends) into
-/// `rxErrQueueCount` and traces.
+/// Receiving: each `rxPkt` makes one receive call. A failed one counts in `rxErrors`, even if the socket was
+/// only empty. A packet longer than `maxRxPktData` is delivered cut, with MSG_TRUNC in `rxFlags`. With
+/// `ipRecvErr`, a failed receive also drains the socket's error queue (what ICMP reported about earlier
+/// sends) into `rxErrQueueCount` and traces.
 ///
 /// With `enableBulkRead`, each `rxPkt` receives a batch of up to `socketReadLimit` packets and marks them in
 /// `savedPacketRx`. It returns the last one, which the `rx...` attributes describe:
@@ -58,15 +59,15 @@ class KIV_API RawIpPam : public IpPam {
 
   ~RawIpPam() override;
 
-  /// Joins or leaves a multicast group on an interface (0: the system's choice). Returns 0 or an errno: ENODEV
-  /// without a socket or interface, EINVAL for an address that is no group of the family, EADDRINUSE for a group
-  /// already joined, EADDRNOTAVAIL for one not joined. From the first join on, an IPv4 socket receives only groups
-  /// that it joined itself; the kernel gives an IPv6 socket the groups that others joined, too. Memberships end
-  /// with the socket.
+  /// Joins or leaves a multicast group on an interface (0: the system's choice). Returns 0 or an errno:
+  /// ENODEV without a socket or interface, EINVAL for an address that is no group of the family, EADDRINUSE
+  /// for a group already joined, EADDRNOTAVAIL for one not joined. From the first join on, an IPv4 socket
+  /// receives only groups that it joined itself; the kernel gives an IPv6 socket the groups that others
+  /// joined, too. Memberships end with the socket.
   S32 handleMcastGroup(const IpGenAddr& group, bool join, U32 ifIndex);
 
-  /// Of the packet in slot `index` of the latest batch, while nobody changes that packet; all unknown for a slot
-  /// without one.
+  /// Of the packet in slot `index` of the latest batch, while nobody changes that packet; all unknown for a
+  /// slot without one.
   IpRxMetadata rxMetadata(U16 index) const;
 
  protected:

@@ -5,9 +5,9 @@
 
 namespace Wirl {
 
-/// A `RawTxPam` whose clients ask when they may send: after `requestWritable`, `writableCount` goes up once as
-/// soon as the socket has room. A client that lost a packet to a full socket (`txDrops`) asks, and sends again in
-/// its reactor to `writableCount`.
+/// A `RawTxPam` whose clients ask when they may send: after `requestWritable`, `writableCount` goes up once
+/// as soon as the socket has room. A client that lost a packet to a full socket (`txDrops`) asks, and sends
+/// again in its reactor to `writableCount`.
 class KIV_API ReqResponseRawTxPam final : public RawTxPam {
  public:
   ReqResponseRawTxPam(Kiv::String name, const NamespaceName& ns) : RawTxPam(std::move(name), ns) {}

@@ -258,7 +258,8 @@ void SocketPam::collectDrops() const {
   if (fd() < 0 || getsockopt(fd(), SOL_SOCKET, SO_MEMINFO, info, &length) < 0) return;
   const U32 drops = info[SK_MEMINFO_DROPS] - dropsSeen_;
   dropsSeen_ += drops;
-  // const_cast: moves the kernel's count into the stored one; the total that rxDrops() reports stays the same.
+  // const_cast: moves the kernel's count into the stored one; the total that rxDrops() reports stays the
+  // same.
   if (drops != 0) const_cast<SocketPam*>(this)->Pam::rxDropsIs(Pam::rxDrops() + drops);
 }
 

@@ -23,17 +23,18 @@ class TxMessage;
 struct Received;
 }  // namespace detail
 
-/// Base of all Pams that own a socket: opens and closes it, tells reactors, counts, and names itself in errors.
+/// Base of all Pams that own a socket: opens and closes it, tells reactors, counts, and names itself in
+/// errors.
 ///
 ///     reopen(on, kind, ns)    closes ──> forget()          receive(got, room) ──> receiveFailed()
 ///                             opens ───> setUp()           send(message) ───────> lossOf()
 ///                                   ───> newFdSm()
 ///
-/// A derived class calls `reopen` with what to open, sets the socket up in `setUp`, overrides `doGetRxPkt` and
-/// `txPktIsImpl` with the help of `receive` and `send`, and calls `closeSocket` in its destructor.
+/// A derived class calls `reopen` with what to open, sets the socket up in `setUp`, overrides `doGetRxPkt`
+/// and `txPktIsImpl` with the help of `receive` and `send`, and calls `closeSocket` in its destructor.
 ///
-/// Reactors find the Pam open or closed, never in between. They may open or close it again: the newest call wins,
-/// and the outer one returns without doing more.
+/// Reactors find the Pam open or closed, never in between. They may open or close it again: the newest call
+/// wins, and the outer one returns without doing more.
 class KIV_API SocketPam : public Pam {
  public:
   Kiv::Attr<Kiv::Ptr<Kiv::FileDescriptor>, SocketPam> fileDesc;
@@ -58,8 +59,8 @@ class KIV_API SocketPam : public Pam {
 
   // For derived classes to define ---------------------------------------------------------------------------
 
-  /// Sets up the new socket `fd()`: options, bind(2), attributes that depend on the socket. Nothing is watched
-  /// yet, and reactors are told afterwards, of `changes` as well. May throw.
+  /// Sets up the new socket `fd()`: options, bind(2), attributes that depend on the socket. Nothing is
+  /// watched yet, and reactors are told afterwards, of `changes` as well. May throw.
   virtual void setUp(Change& changes);
   /// Whether the socket is watched for packets.
   virtual bool receives() const { return true; }
@@ -73,8 +74,8 @@ class KIV_API SocketPam : public Pam {
   virtual Kiv::String place() const { return name(); }
   /// Here: EAGAIN is a drop, everything else an error.
   virtual Loss lossOf(int error) const;
-  /// Counts and traces a receive that failed with `error`, or without memory for a packet (0). `batch`: whether it
-  /// was recvmmsg(2). Here: EAGAIN, which says only that the socket is empty, leaves no mark.
+  /// Counts and traces a receive that failed with `error`, or without memory for a packet (0). `batch`:
+  /// whether it was recvmmsg(2). Here: EAGAIN, which says only that the socket is empty, leaves no mark.
   virtual void receiveFailed(bool batch, int error);
   /// For traces.
   virtual const Kiv::TraceHandle& traceHandle() const;
@@ -110,10 +111,11 @@ class KIV_API SocketPam : public Pam {
     setOption(level, option, &value, sizeof(value), text, complaint);
   }
 
-  /// Receives one packet of at most `room` octets. False if there is none, if the event's budget is spent, or if
-  /// the slot still holds a packet.
+  /// Receives one packet of at most `room` octets. False if there is none, if the event's budget is spent, or
+  /// if the slot still holds a packet.
   bool receive(detail::Received& got, U32 room);
-  /// Puts the packet into the slot, then tells the changes. If a reactor throws, the next pull gets the packet.
+  /// Puts the packet into the slot, then tells the changes. If a reactor throws, the next pull gets the
+  /// packet.
   void deliver(Pkt::Ptr pkt, Change& changes);
   /// Receives up to `limit` packets into `savedPacket` and returns how many.
   S32 receiveBatch(U16 limit, U32 room);

@@ -7,12 +7,13 @@ namespace Wirl {
 
 using Kiv::U64;
 
-/// A netlink socket (netlink(7)) in a network namespace. A packet is one datagram: whole netlink messages, one
-/// after the other, each with its header, in host byte order.
+/// A netlink socket (netlink(7)) in a network namespace. A packet is one datagram: whole netlink messages,
+/// one after the other, each with its header, in host byte order.
 ///
-/// `enabledIs(true)` opens the socket for `protocol` (NETLINK_ROUTE, ...) and joins the multicast groups of the bit
-/// set `groups` (bit n - 1 for group n). If that fails it throws `Kiv::ErrnoException` ("socket", "bind"); the Pam is
-/// closed and disabled then and can be enabled again. `portId` is the address that the kernel chose.
+/// `enabledIs(true)` opens the socket for `protocol` (NETLINK_ROUTE, ...) and joins the multicast groups of
+/// the bit set `groups` (bit n - 1 for group n). If that fails it throws `Kiv::ErrnoException` ("socket",
+/// "bind"); the Pam is closed and disabled then and can be enabled again. `portId` is the address that the
+/// kernel chose.
 ///
 ///     auto pam = Wirl::netlinkPamFactory("links", NETLINK_ROUTE, L3::VrfName("red").nsName());
 ///     pam->groupsIs(RTMGRP_LINK);
@@ -23,10 +24,10 @@ using Kiv::U64;
 ///
 /// Sending: to the kernel. Sends that fail count as those of `PacketPam` do.
 ///
-/// Receiving: a datagram longer than `maxRxPktData` is delivered cut, and `rxTruncated` is true for it. When the
-/// kernel had no room for a datagram (ENOBUFS), the next pull gives null and counts in `rxOverruns`: the client has
-/// missed something and asks for a new dump. Only the kernel can send to this socket (`rxPortId` is 0) unless
-/// another process has CAP_NET_ADMIN.
+/// Receiving: a datagram longer than `maxRxPktData` is delivered cut, and `rxTruncated` is true for it. When
+/// the kernel had no room for a datagram (ENOBUFS), the next pull gives null and counts in `rxOverruns`: the
+/// client has missed something and asks for a new dump. Only the kernel can send to this socket (`rxPortId`
+/// is 0) unless another process has CAP_NET_ADMIN.
 class KIV_API NetlinkPam final : public SocketPam {
  public:
   KIV_ENTITY(NetlinkPam, SocketPam)

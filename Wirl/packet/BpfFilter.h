@@ -16,8 +16,8 @@ struct bpf_program;
 
 namespace Wirl {
 
-/// What libpcap finds wrong with a filter expression for Ethernet frames (pcap-filter(7)); nothing if it compiles.
-/// The empty expression is valid. Takes as long as compiling does: see `BpfFilter`.
+/// What libpcap finds wrong with a filter expression for Ethernet frames (pcap-filter(7)); nothing if it
+/// compiles. The empty expression is valid. Takes as long as compiling does: see `BpfFilter`.
 KIV_API std::optional<Kiv::String> bpfFilterError(std::string_view expression);
 
 /// What to do with names of hosts and networks in an expression.
@@ -29,15 +29,15 @@ enum class BpfNames : bool {
 /// Matches packets in software against an expression of the pcap filter language, compiled once, when it is
 /// set, into a classic BPF program for Ethernet frames.
 ///
-/// Expressions of two origins. `bpfFilterStringIs` is for expressions that the programmer wrote: one that does
-/// not compile ends the process. `bpfFilterStringUntrustedIs` is for those of users, files and peers: it refuses
-/// what is too long, what needs the resolver and what does not compile, and says why.
+/// Expressions of two origins. `bpfFilterStringIs` is for expressions that the programmer wrote: one that
+/// does not compile ends the process. `bpfFilterStringUntrustedIs` is for those of users, files and peers: it
+/// refuses what is too long, what needs the resolver and what does not compile, and says why.
 ///
-/// What compiling costs. libpcap's time grows faster than the length: 10 KB of alternatives take seconds, 48 KB
-/// tens of seconds. Each name of a host or network is looked up while the expression is compiled, and the thread
-/// waits: typically milliseconds, but with an unreachable server as long as the resolver tries, which with its
-/// defaults is 10 seconds a server, for every name. The result is compiled in; a later change of the name's address
-/// does not show. Names of ports and protocols are read from the local files.
+/// What compiling costs. libpcap's time grows faster than the length: 10 KB of alternatives take seconds, 48
+/// KB tens of seconds. Each name of a host or network is looked up while the expression is compiled, and the
+/// thread waits: typically milliseconds, but with an unreachable server as long as the resolver tries, which
+/// with its defaults is 10 seconds a server, for every name. The result is compiled in; a later change of the
+/// name's address does not show. Names of ports and protocols are read from the local files.
 ///
 /// A filter sees the bytes of a packet, in however many pieces they lie, and not the separate VLAN tag. It
 /// belongs to one thread.
@@ -65,8 +65,8 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   /// Puts in an expression from outside, or refuses it: returns the reason, and the filter keeps what it has.
   /// Nothing is returned if the expression is in use now. Refused are expressions beyond
   /// the bounds above, expressions with a word that libpcap could look up as the name of a host or network
-  /// (unless `names` allows that; the time is then the resolver's), and those that do not compile. Compiles once.
-  /// Never throws: without memory the reason is "out of memory".
+  /// (unless `names` allows that; the time is then the resolver's), and those that do not compile. Compiles
+  /// once. Never throws: without memory the reason is "out of memory".
   std::optional<Kiv::String> bpfFilterStringUntrustedIs(std::string_view expression,
                                                         BpfNames names = BpfNames::refused) noexcept;
   /// The compiled program, or null while the expression is empty. It goes with the next expression.
@@ -82,7 +82,8 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   bool match(const Pkt::Ptr& pkt) const;
 
  private:
-  /// Runs a program over as many bytes as there are, of as many as there were, as libpcap's `bpf_filter` does.
+  /// Runs a program over as many bytes as there are, of as many as there were, as libpcap's `bpf_filter`
+  /// does.
   using Run = unsigned (*)(const bpf_insn* program, const unsigned char* data, unsigned wireBytes,
                            unsigned bytes);
 

@@ -26,9 +26,9 @@ namespace {
 constexpr bool kBigEndian = std::endian::native == std::endian::big;
 
 // Exact sums. As many words as a vector holds go at once, in lanes of 16 bits: the words as the machine reads
-// them, modulo 2^16, and apart from them their upper octets. What the lower octets add up to is the difference.
-// So neither the machine's order of octets nor a carry between words matters. The vectors are the compiler's
-// own: one source for every instruction set.
+// them, modulo 2^16, and apart from them their upper octets. What the lower octets add up to is the
+// difference. So neither the machine's order of octets nor a carry between words matters. The vectors are the
+// compiler's own: one source for every instruction set.
 
 constexpr std::size_t kVector = 16;  // the smallest
 constexpr std::size_t kShort = 255;  // up to here the smallest is the fastest

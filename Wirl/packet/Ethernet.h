@@ -12,8 +12,8 @@
 
 namespace Wirl {
 
-// Views of link-layer headers. Accessors take and return numbers in host order. Setters do not check what they
-// write against the rest of the frame.
+// Views of link-layer headers. Accessors take and return numbers in host order. Setters do not check what
+// they write against the rest of the frame.
 
 /// Whether the field behind the addresses is a length (IEEE 802.3), and an LLC header follows.
 constexpr bool isLlcLength(U16 typeOrLen) noexcept {

@@ -25,14 +25,15 @@
 ///     };
 ///     static_assert(isHeaderImage<UdpHdr, 8>);
 ///
-/// The line gives the accessor `T field() const`, the setter `void fieldIs(T)` and a row of `hdrFields<UdpHdr>`,
-/// from which printing, JSON and tests follow. Bits are counted as the drawings in RFCs do: from the most
-/// significant one of octet 0. Numbers are in host order; a setter cuts a number to its field and leaves the
-/// neighbouring bits alone. A header that begins as another one does derives from `HdrImage<bytes, Other>`.
+/// The line gives the accessor `T field() const`, the setter `void fieldIs(T)` and a row of
+/// `hdrFields<UdpHdr>`, from which printing, JSON and tests follow. Bits are counted as the drawings in RFCs
+/// do: from the most significant one of octet 0. Numbers are in host order; a setter cuts a number to its
+/// field and leaves the neighbouring bits alone. A header that begins as another one does derives from
+/// `HdrImage<bytes, Other>`.
 ///
 /// T is an unsigned integer, bool, an enumeration, an address, or a class of one number as `HdrNumber`, whose
-/// setter takes the plain number. `HdrFieldOptions` are what may follow the number of bits. No two fields stand
-/// on one line of a file.
+/// setter takes the plain number. `HdrFieldOptions` are what may follow the number of bits. No two fields
+/// stand on one line of a file.
 
 namespace Wirl {
 
@@ -63,8 +64,8 @@ struct HdrField {
   Kiv::U16 firstBit, bits;
   Kiv::U16 scale;
   std::string_view (*text)(Kiv::U64 value);
-  /// The accessor and the setter, as numbers. Of an IPv6 address this is the lower half; setting makes the upper
-  /// half its complement.
+  /// The accessor and the setter, as numbers. Of an IPv6 address this is the lower half; setting makes the
+  /// upper half its complement.
   Kiv::U64 (*get)(const void* hdr) noexcept;
   void (*set)(void* hdr, Kiv::U64 value) noexcept;
 };

@@ -39,8 +39,8 @@ struct Joined {
   static constexpr const char* text = array.data();
 };
 
-/// What composite values of headers offer besides their `value()`: the framework's representation as text, and
-/// a hash.
+/// What composite values of headers offer besides their `value()`: the framework's representation as text,
+/// and a hash.
 template <typename T>
 class CompositeForms {
  public:

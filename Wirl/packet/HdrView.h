@@ -10,9 +10,9 @@
 
 namespace Wirl {
 
-/// A header that was found whole, and what is behind it: as a pointer, null where there is none. It was looked at
-/// once, when it was made; nothing that it gives lies outside of the bytes that it was made from. It owns nothing:
-/// valid as long as these bytes stay where they are and the header's length is not changed.
+/// A header that was found whole, and what is behind it: as a pointer, null where there is none. It was
+/// looked at once, when it was made; nothing that it gives lies outside of the bytes that it was made from.
+/// It owns nothing: valid as long as these bytes stay where they are and the header's length is not changed.
 template <typename Hdr>
 class HdrView {
  public:
@@ -20,8 +20,8 @@ class HdrView {
 
   constexpr HdrView() noexcept = default;
   constexpr HdrView(std::nullptr_t) noexcept {}
-  /// Of a header at the front of `bytes`: null unless these have all of it, options included, and its own length
-  /// is not less than that of its fixed part.
+  /// Of a header at the front of `bytes`: null unless these have all of it, options included, and its own
+  /// length is not less than that of its fixed part.
   explicit HdrView(std::span<Octet> bytes) noexcept {
     if (bytes.size() < sizeof(Hdr)) return;
     auto* const hdr = reinterpret_cast<Hdr*>(bytes.data());
@@ -73,8 +73,8 @@ inline std::span<U8> pieceAt(const Pkt::Ptr& pkt, std::size_t offset) noexcept {
   return {};
 }
 
-/// The header at `offset` of the packet's bytes, to read and to write; null when it is not there whole, in one of
-/// the packet's pieces. What is behind it ends with that piece.
+/// The header at `offset` of the packet's bytes, to read and to write; null when it is not there whole, in
+/// one of the packet's pieces. What is behind it ends with that piece.
 template <typename Hdr>
 HdrView<Hdr> viewAt(const Pkt::Ptr& pkt, std::size_t offset) noexcept {
   return HdrView<Hdr>(pieceAt(pkt, offset));

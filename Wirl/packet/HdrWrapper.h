@@ -11,8 +11,8 @@
 namespace Wirl {
 
 /// Binds a header to a packet at an offset from its front, and keeps the packet. The header must lie whole in
-/// the packet's first piece; this is checked when it is bound, and a header that does not ends the process. It
-/// does not follow the packet to another buffer or to new head data: run `handleHeader()` then.
+/// the packet's first piece; this is checked when it is bound, and a header that does not ends the process.
+/// It does not follow the packet to another buffer or to new head data: run `handleHeader()` then.
 ///
 /// `Wrapper` derives from it, and names the condition in `kFits`: see `WIRL_HDR_WRAPPER`.
 template <typename Wrapper, typename Header>
@@ -54,7 +54,8 @@ class HdrWrapper : public Kiv::PtrInterface {
 
 }  // namespace Wirl
 
-/// In a class `hdr##Wrapper` that derives from `HdrWrapper`: its constructor, and the condition on the packet.
+/// In a class `hdr##Wrapper` that derives from `HdrWrapper`: its constructor, and the condition on the
+/// packet.
 #define WIRL_HDR_WRAPPER_MEMBERS(hdr)                                                            \
   static constexpr const char* kFits = "( offset_ + sizeof( " #hdr " ) ) <= pkt_->frontBytes()"; \
   hdr##Wrapper(Wirl::Pkt::Ptr pkt, Wirl::U32 offset) : HdrWrapper(std::move(pkt), offset) {}     \

@@ -16,8 +16,8 @@
 
 namespace Wirl {
 
-/// IPv4 header (RFC 791) without its options. Setters cut a number to its field and leave the neighbouring bits
-/// alone. Do not trust a received header: the lengths in it may be anything.
+/// IPv4 header (RFC 791) without its options. Setters cut a number to its field and leave the neighbouring
+/// bits alone. Do not trust a received header: the lengths in it may be anything.
 class KIV_API IpHdr : public HdrImage<20> {
  public:
   static constexpr U8 ipVersion4 = 4;

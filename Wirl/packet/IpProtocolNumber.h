@@ -38,8 +38,8 @@ enum IpProtocolNumber : Kiv::U8 {
   ipProtoUnknown = 255,
 };
 
-/// The member of that number; `ipProtoUnknown` where there is none. The accessors `protocolNum` of IPv4 and IPv6
-/// headers know fewer.
+/// The member of that number; `ipProtoUnknown` where there is none. The accessors `protocolNum` of IPv4 and
+/// IPv6 headers know fewer.
 KIV_API IpProtocolNumber ipProtocolNumberOf(Kiv::U8 octet) noexcept;
 /// Also of a number without a name: then that of `ipProtoUnknown`.
 KIV_API std::string_view ipProtocolNumberText(IpProtocolNumber protocol) noexcept;

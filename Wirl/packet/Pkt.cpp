@@ -224,7 +224,8 @@ void Pkt::Cache::keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept {
 
 void Pkt::SharedBuffer::onZeroReferences() const noexcept {
   if (cache_.state == Cache::State::unused) cache_.limitIs(kCacheLimit);
-  // Buffers that are kept together with a packet count too: a spare buffer serves only packets that lost theirs.
+  // Buffers that are kept together with a packet count too: a spare buffer serves only packets that lost
+  // theirs.
   if (size_ != Manager::defaultBufferBytes_ ||
       (Manager::cachedBuffers() >= cache_.limit && !spill(cache_.buffers)) ||
       !cache_.buffers.keep(const_cast<SharedBuffer*>(this))) {

@@ -368,8 +368,8 @@ class KIV_API Pkt::Manager final : public Kiv::PtrInterface {
   static U32 cachedBuffers() noexcept { return cache_.pkts.count() + cache_.buffers.count(); }
   /// What threads left for each other, packets with a buffer, packets and buffers counted alike.
   static U32 depotObjects() noexcept;
-  /// Frees what threads left for each other, as after a burst that will not come again soon. Callable from any
-  /// thread.
+  /// Frees what threads left for each other, as after a burst that will not come again soon. Callable from
+  /// any thread.
   static void depotDel() noexcept;
 
  private:

@@ -101,8 +101,8 @@ template <bool kTraced, typename Next, typename CheckNext>
 
 /// Of a header of 20 bytes that does not begin with 0.
 [[gnu::always_inline]] inline bool ipChecksumIsRight(const IpHdr* ipHdr) noexcept {
-  // Summed with the field, a good header is all ones. The field itself is never that, since the others are not
-  // all 0.
+  // Summed with the field, a good header is all ones. The field itself is never that, since the others are
+  // not all 0.
   const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
   const U64 sum = U64{wordAt(octets)} + wordAt(octets + 4) + wordAt(octets + 8) + wordAt(octets + 12) +
                   wordAt(octets + 16);

@@ -33,9 +33,10 @@ KIV_API PktErrors checkEthIp6Hdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, Ip6Hdr*& 
 
 // Checks of what an IP header carries. The header must have passed the check above: its length field, found
 // right there, is what bounds these. Take the forms with the packet: they return `pktTooShort` where the
-// datagram is not all in the packet's first piece, and change nothing then. The forms without are for a packet
-// that is known to lie in one piece, as received ones do. They cannot see where a piece ends: of a datagram in
-// two pieces they read, and those of the ICMPv6 checksum write, the memory that follows the first one.
+// datagram is not all in the packet's first piece, and change nothing then. The forms without are for a
+// packet that is known to lie in one piece, as received ones do. They cannot see where a piece ends: of a
+// datagram in two pieces they read, and those of the ICMPv6 checksum write, the memory that follows the first
+// one.
 
 /// The checksum of the ICMPv6 message right behind the IPv6 header; extension headers are not skipped. The
 /// checksum field is 0 afterwards. Codes: `nextHdrIsNotIcmp6`, `badIp6PayloadLen` (fewer than 4 bytes),

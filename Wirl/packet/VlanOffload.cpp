@@ -143,7 +143,8 @@ bool maybeRestoreVlanTag(const Pkt::Ptr& pkt) {
   } else {
     pkt->newPrivateHeadData(kTag);
   }
-  // The new bytes are a gap, at the front of the frame or of its shared data. It moves to where the tag belongs.
+  // The new bytes are a gap, at the front of the frame or of its shared data. It moves to where the tag
+  // belongs.
   U32 gap = toPrivate ? 0 : inPrivate;
   for (; gap < kAddresses; ++gap) pkt->rawByteIs(gap, pkt->rawByte(gap + kTag));
   for (; gap > kAddresses; --gap) pkt->rawByteIs(gap - 1 + kTag, pkt->rawByte(gap - 1));

@@ -13,7 +13,8 @@ namespace Wirl {
 
 using Kiv::U64;
 
-/// One UDP socket (RFC 768), IPv4 or IPv6 but never both, in a named network namespace. Its attributes drive it.
+/// One UDP socket (RFC 768), IPv4 or IPv6 but never both, in a named network namespace. Its attributes drive
+/// it.
 ///
 ///     mode       socket   bound to rxIpAddr/rxIp6Addr:rxPortLocal   receives   connects before it sends
 ///     disabled   no
@@ -21,21 +22,24 @@ using Kiv::U64;
 ///     client     yes      yes                                       yes        yes
 ///     server     yes      yes                                       yes        no
 ///
-/// Every change of `mode`, and of `netNs` in an open mode, closes the socket and, for an open mode, opens a new
-/// one. The new socket takes `ipv6En`, the local address and port, `txTTL` (unicast and multicast), `txPrio` and
-/// `enableIpMulticastLoop` (IPv4 only). `txTos`, `enableRxTTL` and `enableRxTOS` also apply at once.
+/// Every change of `mode`, and of `netNs` in an open mode, closes the socket and, for an open mode, opens a
+/// new one. The new socket takes `ipv6En`, the local address and port, `txTTL` (unicast and multicast),
+/// `txPrio` and `enableIpMulticastLoop` (IPv4 only). `txTos`, `enableRxTTL` and `enableRxTOS` also apply at
+/// once.
 ///
 /// If opening fails it throws `Kiv::ErrnoException` with the failed call in its message
 /// ("setsockopt(IP_PKTINFO)", "bind", ...); the Pam is closed and `disabled` then and can be opened again.
 ///
-/// Sending: set the destination and `txPort`, then `txPktIs`. `txSrcIpAddr`, `txSrcIp6Addr` and `txIfIndex` choose
-/// source and interface of the next datagram only; a link-local IPv6 destination needs `txIfIndex`. A failed send
-/// sets `txErrno` and drops the packet. ECONNREFUSED is about an earlier datagram, so the packet counts as sent. In
-/// `client` mode the first send connects the socket to the destination, which is fixed until the socket is closed.
+/// Sending: set the destination and `txPort`, then `txPktIs`. `txSrcIpAddr`, `txSrcIp6Addr` and `txIfIndex`
+/// choose source and interface of the next datagram only; a link-local IPv6 destination needs `txIfIndex`. A
+/// failed send sets `txErrno` and drops the packet. ECONNREFUSED is about an earlier datagram, so the packet
+/// counts as sent. In `client` mode the first send connects the socket to the destination, which is fixed
+/// until the socket is closed.
 ///
-/// Receiving: `rxPkt` gives one datagram per packet and sets the `rx...` attributes for it. A datagram longer than
-/// `maxRxPktData` is delivered cut. `rxTTL` and `rxTOS` are -1 unless `enableRxTTL` and `enableRxTOS` ask the kernel
-/// for them. `rxDrops` is the kernel's count of datagrams for which the sockets of this Pam had no room.
+/// Receiving: `rxPkt` gives one datagram per packet and sets the `rx...` attributes for it. A datagram longer
+/// than `maxRxPktData` is delivered cut. `rxTTL` and `rxTOS` are -1 unless `enableRxTTL` and `enableRxTOS`
+/// ask the kernel for them. `rxDrops` is the kernel's count of datagrams for which the sockets of this Pam
+/// had no room.
 class KIV_API UdpPam : public SocketPam {
  public:
   /// What the socket is for.
@@ -93,8 +97,8 @@ class KIV_API UdpPam : public SocketPam {
   ~UdpPam() override;
 
   /// Grows the socket's receive buffer, past the system's limit (SO_RCVBUFFORCE), to at least `size` octets.
-  /// Returns 0, or -1 without a socket. Throws `Kiv::ErrnoException` "Error increasing socket buffer size" if the
-  /// kernel refuses or grants less (ENOBUFS).
+  /// Returns 0, or -1 without a socket. Throws `Kiv::ErrnoException` "Error increasing socket buffer size" if
+  /// the kernel refuses or grants less (ENOBUFS).
   int incSockBufSize(int size);
 
   /// Joins or leaves an IPv6 multicast group on the interface (0: the system's choice). Returns 0 or an

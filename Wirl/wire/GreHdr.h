@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// GRE header (RFC 2784) without its optional fields: checksum (and offset), key (RFC 2890), sequence number, and
-/// routing (RFC 1701). Version 1 is that of PPTP (RFC 2637), with an acknowledgement.
+/// GRE header (RFC 2784) without its optional fields: checksum (and offset), key (RFC 2890), sequence number,
+/// and routing (RFC 1701). Version 1 is that of PPTP (RFC 2637), with an acknowledgement.
 class GreHdr : public HdrImage<4> {
  public:
   WIRL_HDR(GreHdr, "gre");

@@ -76,8 +76,8 @@ class IcmpAddressMaskHdr : public HdrImage<12, IcmpEchoHdr> {
 };
 static_assert(isHeaderImage<IcmpAddressMaskHdr, 12>);
 
-/// Destination unreachable, with the length of RFC 4884 and the MTU of RFC 1191; time exceeded and source quench
-/// have the same form.
+/// Destination unreachable, with the length of RFC 4884 and the MTU of RFC 1191; time exceeded and source
+/// quench have the same form.
 class IcmpUnreachableHdr : public HdrImage<8, IcmpHdr> {
  public:
   WIRL_HDR(IcmpUnreachableHdr, "icmp");

@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// The fields of a layer's header: of messages with a type those of that type, where their bytes are there. They may
-/// reach into the payload. Nothing for a layer without fields.
+/// The fields of a layer's header: of messages with a type those of that type, where their bytes are there.
+/// They may reach into the payload. Nothing for a layer without fields.
 KIV_API HdrDescription layerFields(const Layer& layer) noexcept;
 /// Octets that the fields lie in: header and payload.
 inline std::span<const U8> layerBytes(const Layer& layer) noexcept {

@@ -69,8 +69,8 @@ struct Layer {
   U32 offset = 0;
   /// Its header with options; as much of that as is there.
   std::span<const U8> header;
-  /// What is behind its header, as far as this layer's length and those of the outer layers go, and as is there in
-  /// the header's piece of the packet.
+  /// What is behind its header, as far as this layer's length and those of the outer layers go, and as is
+  /// there in the header's piece of the packet.
   std::span<const U8> payload;
   /// As on the wire, in all pieces.
   U32 payloadBytes = 0;
@@ -91,10 +91,11 @@ struct LayerOptions {
   bool checksums = true;
 };
 
-/// Walks over the layers of a packet from the outermost one. Each step looks at one header, and at the bytes that
-/// its checksum covers; nothing is allocated or written, and nothing outside of the packet is read. The walk ends
-/// behind a layer whose header is not there or cannot be trusted, at a fragment that is not the first one, at what
-/// is encrypted, and at protocols that have no kind. The datagram in an ICMP error is no layer.
+/// Walks over the layers of a packet from the outermost one. Each step looks at one header, and at the bytes
+/// that its checksum covers; nothing is allocated or written, and nothing outside of the packet is read. The
+/// walk ends behind a layer whose header is not there or cannot be trusted, at a fragment that is not the
+/// first one, at what is encrypted, and at protocols that have no kind. The datagram in an ICMP error is no
+/// layer.
 class LayerIterator {
  public:
   using iterator_concept = std::input_iterator_tag;
@@ -136,8 +137,8 @@ class LayerIterator {
   /// Bytes of the wire from here on, within the limit.
   U32 wire() const noexcept { return wireEnd_ - pos_; }
   bool whole() const noexcept { return end_ == wireEnd_; }
-  /// Makes the layer of a header of `bytes` bytes, and goes behind it. False, with its error, when that is not
-  /// there.
+  /// Makes the layer of a header of `bytes` bytes, and goes behind it. False, with its error, when that is
+  /// not there.
   bool take(U32 bytes) noexcept;
   bool takeCut(U32 bytes) noexcept;
   void secondPiece() noexcept;
@@ -220,8 +221,8 @@ inline Layers layers(std::span<const U8> bytes, LayerOptions options = {}) noexc
   return Layers(bytes.first(std::min<std::size_t>(bytes.size(), std::numeric_limits<U32>::max())), {},
                 options);
 }
-/// Of a packet in one or two pieces. A header that lies in both gives `pktTooShort` and ends the walk; checksums
-/// are taken over both.
+/// Of a packet in one or two pieces. A header that lies in both gives `pktTooShort` and ends the walk;
+/// checksums are taken over both.
 KIV_API Layers layers(const Pkt::Ptr& pkt, LayerOptions options = {}) noexcept;
 
 }  // namespace Wirl

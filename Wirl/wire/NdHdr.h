@@ -8,8 +8,8 @@
 
 namespace Wirl {
 
-// Messages and options of ICMPv6 beside those of `Icmp6Hdr.h`: errors and echo (RFC 4443), neighbour discovery
-// (RFC 4861 and others), listener discovery (RFC 2710, RFC 3810).
+// Messages and options of ICMPv6 beside those of `Icmp6Hdr.h`: errors and echo (RFC 4443), neighbour
+// discovery (RFC 4861 and others), listener discovery (RFC 2710, RFC 3810).
 
 /// Destination unreachable and time exceeded; the front of the datagram that they are about follows.
 class Icmp6ErrorHdr : public HdrImage<8, Icmp6Hdr> {

@@ -10,7 +10,8 @@
 
 namespace Wirl {
 
-/// An option, a TLV, a chunk or a record: one item of a list that a header carries. All of its bytes are there.
+/// An option, a TLV, a chunk or a record: one item of a list that a header carries. All of its bytes are
+/// there.
 struct WireOption {
   U16 type = 0;
   std::span<const U8> bytes;  ///< From its type on.
@@ -32,8 +33,8 @@ struct OptionStep {
 };
 
 /// The items of a list, in their order, without memory of its own. `Format` has `static OptionStep
-/// next(std::span<const U8>)`, asked for as long as there are bytes. Iterating ends in front of an item that does
-/// not fit; `whole()` says whether there is one.
+/// next(std::span<const U8>)`, asked for as long as there are bytes. Iterating ends in front of an item that
+/// does not fit; `whole()` says whether there is one.
 template <typename Format>
 class OptionList {
  public:
@@ -98,8 +99,8 @@ class OptionList {
   std::span<const U8> bytes_;
 };
 
-/// Options of IPv4 (RFC 791) and TCP (RFC 9293): 0 ends the list, 1 is one octet of padding, others have a length
-/// that counts type and length too.
+/// Options of IPv4 (RFC 791) and TCP (RFC 9293): 0 ends the list, 1 is one octet of padding, others have a
+/// length that counts type and length too.
 struct IpOptionFormat {
   /// The same as by `next`, in less time: of every packet with options somebody asks.
   static bool whole(std::span<const U8> bytes) noexcept {
@@ -139,8 +140,8 @@ struct NdOptionFormat {
   }
 };
 
-/// A type, a flag octet, and a length of 16 bits that counts these and the data, but not the padding to 4 octets
-/// behind it: chunks of SCTP (RFC 9260).
+/// A type, a flag octet, and a length of 16 bits that counts these and the data, but not the padding to 4
+/// octets behind it: chunks of SCTP (RFC 9260).
 struct SctpChunkFormat {
   static OptionStep next(std::span<const U8> rest) noexcept {
     if (rest.size() < 4) return {};

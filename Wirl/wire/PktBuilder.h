@@ -150,8 +150,8 @@ inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0,
 /// known kind, EtherType 0) leaves that field as it was pushed.
 ///
 /// The packet must have a shared buffer and no private head data. Where other packets show the same buffer,
-/// ask for `keepShownData` first, and do not `pad`. More than `kMostLayers` layers end the process, and so does
-/// a layer that is shorter than its header.
+/// ask for `keepShownData` first, and do not `pad`. More than `kMostLayers` layers end the process, and so
+/// does a layer that is shorter than its header.
 class KIV_API PktBuilder {
  public:
   static constexpr U32 kMostLayers = 32;

@@ -186,8 +186,8 @@ void writeArpAddrs(Out& out, std::span<const U8> packet) {
   }
 }
 
-/// Whether there is enough of a layer for others to see it as one: ports come together, and an Ethernet header
-/// that ends early is none.
+/// Whether there is enough of a layer for others to see it as one: ports come together, and an Ethernet
+/// header that ends early is none.
 bool isLayer(const Layer& layer) noexcept {
   switch (layer.kind) {
     case LayerKind::eth:

@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// VRRP advertisement of version 2 (RFC 3768) or 3 (RFC 5798), without the addresses behind it; of version 2 also
-/// without the authentication data behind those.
+/// VRRP advertisement of version 2 (RFC 3768) or 3 (RFC 5798), without the addresses behind it; of version 2
+/// also without the authentication data behind those.
 class VrrpHdr : public HdrImage<8> {
  public:
   static constexpr U8 advertisement = 1;

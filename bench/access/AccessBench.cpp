@@ -291,8 +291,8 @@ void moveByDequeAtTick(State& state) {
   state.SetItemsProcessed(state.iterations() * Packets);
 }
 
-/// The least that has the connector's duties, written by hand: a queue, a count on each side, and somebody who
-/// is told of each packet at the tick, and pulls it then.
+/// The least that has the connector's duties, written by hand: a queue, a count on each side, and somebody
+/// who is told of each packet at the tick, and pulls it then.
 class Pipe {
  public:
   std::function<void()> onReadable;

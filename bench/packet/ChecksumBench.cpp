@@ -55,8 +55,8 @@ bench::Body chunk(Kiv::U16 bytes) {
   return folded(bytes, [](const char* data, Kiv::U16 length) { return ipChecksumChunk(data, length, 0); });
 }
 
-/// What a machine without the wider instruction sets runs. Up to 255 bytes all of them do the same: that of the
-/// rows above.
+/// What a machine without the wider instruction sets runs. Up to 255 bytes all of them do the same: that of
+/// the rows above.
 bench::Body portable(Kiv::U16 bytes) {
   return folded(bytes, [sum = detail::checksumKernels().front().sum](const char* data, Kiv::U16 length) {
     return sum(reinterpret_cast<const Kiv::U8*>(data), length);

@@ -35,8 +35,9 @@ class Input {
   std::size_t size_;
 };
 
-/// A packet of `frame`, whose first octets may lie in the private area, and whose others end where a buffer of
-/// the heap ends, so that a sanitizer sees a read past them; at any alignment, with or without a separate tag.
+/// A packet of `frame`, whose first octets may lie in the private area, and whose others end where a buffer
+/// of the heap ends, so that a sanitizer sees a read past them; at any alignment, with or without a separate
+/// tag.
 inline Pkt::Ptr packet(Input& input, const std::string& frame) {
   const U8 shape = input.octet();
   const U8 split = input.octet();

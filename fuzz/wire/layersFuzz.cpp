@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whatever a packet says: the walk stays in its bytes and within its bounds, and what is printed is well-formed.
+// Whatever a packet says: the walk stays in its bytes and within its bounds, and what is printed is
+// well-formed.
 #include <string>
 
 #include "Wirl/wire/LayerFields.h"

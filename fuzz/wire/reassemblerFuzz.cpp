@@ -6,7 +6,8 @@
 #include "Wirl/wire/PktFragmenter.h"
 #include "fuzz/packet/FuzzPkt.h"
 
-// Packets of any contents, one after the other, into one reassembler; what comes out is cut and put together again.
+// Packets of any contents, one after the other, into one reassembler; what comes out is cut and put together
+// again.
 
 namespace {
 

@@ -3,7 +3,8 @@
 
 #include "fuzz/packet/FuzzPkt.h"
 
-// Every check over a packet in one or two pieces, and over octets alone; UDP and TCP against a second opinion.
+// Every check over a packet in one or two pieces, and over octets alone; UDP and TCP against a second
+// opinion.
 
 namespace {
 

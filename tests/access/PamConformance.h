@@ -55,8 +55,8 @@ class PamBackend {
   virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
   /// The next packet; of those that receive in batches, one after the other.
   virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) { return pam.rxPkt(); }
-  /// Attributes that change when the subject is opened, asks for a writable event, receives, fails to, fails to
-  /// send and is closed.
+  /// Attributes that change when the subject is opened, asks for a writable event, receives, fails to, fails
+  /// to send and is closed.
   virtual std::vector<Watch> attributes(Wirl::Pam& pam) const {
     return {on(pam.readableCount), on(pam.writableCount)};
   }

@@ -38,8 +38,8 @@ bool isOpen(int fd) {
 
 class DeferCloseTest : public testing::Test {
  protected:
-  // While the closer thread starts it allocates, and a child of fork(2) would inherit a locked allocator from the
-  // sanitizers.
+  // While the closer thread starts it allocates, and a child of fork(2) would inherit a locked allocator from
+  // the sanitizers.
   void SetUp() override {
     EXPECT_EQ(deferClose(dup(0)), 0);
     settle();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The fuzz targets, each of which holds a part of the room against a second, slow version of it: over their corpora,
-// over changes of these and over random inputs. A difference ends the process.
+// The fuzz targets, each of which holds a part of the room against a second, slow version of it: over their
+// corpora, over changes of these and over random inputs. A difference ends the process.
 #include <gtest/gtest.h>
 
 #include <filesystem>

@@ -75,8 +75,8 @@ inline const std::vector<Header>& headers() {
 #undef BOUND
 #undef UNBOUND
 
-/// `memory`, which has the header at `offset`, with the lowest bits of `value` in the field, bit by bit; of a wide
-/// field the upper half is the complement.
+/// `memory`, which has the header at `offset`, with the lowest bits of `value` in the field, bit by bit; of a
+/// wide field the upper half is the complement.
 inline Octets withField(Octets memory, std::size_t offset, const HdrField& field, U64 value) {
   for (unsigned i = 0; i < field.bits; ++i) {
     const std::size_t bit = offset * 8 + field.firstBit + field.bits - 1u - i;

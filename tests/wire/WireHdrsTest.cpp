@@ -44,8 +44,8 @@ const std::vector<HdrDescription> kHdrs = descriptions<
     TcpMssOption, TcpWindowScaleOption, TcpSackBlock, TcpTimestampsOption, TcpUserTimeoutOption,
     TcpAuthenticationOption, VrrpHdr, VxlanHdr>();
 
-/// At every offset of a word, among any bits, a setter writes the bits of its row and no other, and the accessor
-/// reads them.
+/// At every offset of a word, among any bits, a setter writes the bits of its row and no other, and the
+/// accessor reads them.
 TEST(WireHdrs, AccessorsAreThoseOfTheTable) {
   std::mt19937_64 random(1);
   for (const HdrDescription& hdr : kHdrs) {

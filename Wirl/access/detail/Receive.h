@@ -45,20 +45,20 @@ struct Received {
   RxSide side;
 };
 
-/// One non-blocking recvmsg(2) of at most `room` octets into `got`. False if it fails, with errno; 0 there means
-/// that there was no memory for a packet. `spare` keeps a packet for the next call: one that was not filled, or
-/// one whose buffer is too large for the packet manager to recycle.
+/// One non-blocking recvmsg(2) of at most `room` octets into `got`. False if it fails, with errno; 0 there
+/// means that there was no memory for a packet. `spare` keeps a packet for the next call: one that was not
+/// filled, or one whose buffer is too large for the packet manager to recycle.
 KIV_API bool receivePkt(Received& got, Pkt::Ptr& spare, int fd, U32 room) noexcept;
 
 /// Batch receive into the saved packets of a Pam.
 ///
-/// The packets of the slots are reused without touching the heap. If somebody else holds a packet or its buffer,
-/// the slot gets a fresh packet before the next batch; so clients may keep what they received.
+/// The packets of the slots are reused without touching the heap. If somebody else holds a packet or its
+/// buffer, the slot gets a fresh packet before the next batch; so clients may keep what they received.
 class KIV_API RxBatch {
  public:
-  /// One non-blocking recvmmsg(2) of at most `limit` packets of at most `room` octets each. Returns its result,
-  /// with errno; 0, without a call, means that there was no memory for a packet. The packets stand in the slots
-  /// from 0 on, cut to their lengths; `savedPacketRx` is true for these slots only.
+  /// One non-blocking recvmmsg(2) of at most `limit` packets of at most `room` octets each. Returns its
+  /// result, with errno; 0, without a call, means that there was no memory for a packet. The packets stand in
+  /// the slots from 0 on, cut to their lengths; `savedPacketRx` is true for these slots only.
   S32 receive(Pam& pam, int fd, U16 limit, U32 room);
   /// Packets in the latest batch.
   U16 received() const noexcept { return received_; }

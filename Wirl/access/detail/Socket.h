@@ -15,7 +15,8 @@
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/value/IpGenAddr.h"
 
-// What every socket of the library needs: addresses, control messages both ways, interfaces, group membership.
+// What every socket of the library needs: addresses, control messages both ways, interfaces, group
+// membership.
 namespace Wirl::detail {
 
 using Kiv::S32;
@@ -112,8 +113,8 @@ class TxMessage {
     toIs(&address, sizeof(address));
   }
   void toIs(const SockAddr& address) noexcept { toIs(address.get(), address.length()); }
-  /// Adds packet information: the source address, unspecified for any, and the interface, 0 for any. `from` is
-  /// of the socket's family.
+  /// Adds packet information: the source address, unspecified for any, and the interface, 0 for any. `from`
+  /// is of the socket's family.
   void fromIs(const IpGenAddr& from, U32 ifIndex) noexcept;
   template <typename T>
   void control(int level, int type, const T& data) noexcept {

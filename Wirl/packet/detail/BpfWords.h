@@ -11,9 +11,9 @@ namespace Wirl::detail {
 struct BpfWords {
   /// Words that are no keywords: numbers, addresses, names.
   Kiv::U32 operands = 0;
-  /// The first word that libpcap could look up as the name of a host or a network; empty if there is none. A word
-  /// is such a name unless it is known to be something else: a keyword, a number, an address, or the name of a
-  /// port or protocol behind the keyword that says so.
+  /// The first word that libpcap could look up as the name of a host or a network; empty if there is none. A
+  /// word is such a name unless it is known to be something else: a keyword, a number, an address, or the
+  /// name of a port or protocol behind the keyword that says so.
   std::string_view hostName;
 };
 BpfWords bpfWordsOf(std::string_view expression) noexcept;

@@ -10,9 +10,9 @@
 
 namespace Wirl::detail {
 
-// The checksum of a header, inline in the public function: to add up so little takes hardly longer than a call. Words
-// are as wide as the machine's and in its order of octets, which matters in the result only; their carries count as
-// ones, since 2^16 is 1 in this arithmetic.
+// The checksum of a header, inline in the public function: to add up so little takes hardly longer than a
+// call. Words are as wide as the machine's and in its order of octets, which matters in the result only;
+// their carries count as ones, since 2^16 is 1 in this arithmetic.
 
 using ChecksumWord = std::conditional_t<sizeof(void*) == 8, Kiv::U64, Kiv::U32>;
 
@@ -44,7 +44,8 @@ template <std::size_t count>
   }
 }
 
-/// Of kFewestShort to kMostShort bytes, with a start of at most kMostToStart; in the order of octets of the data.
+/// Of kFewestShort to kMostShort bytes, with a start of at most kMostToStart; in the order of octets of the
+/// data.
 [[gnu::always_inline]] inline Kiv::U16 shortChecksum(const Kiv::U8* data, std::size_t bytes,
                                                      Kiv::U32 start) noexcept {
   constexpr bool kBigEndian = std::endian::native == std::endian::big;
