@@ -36,7 +36,8 @@ class PrefixTableOfFamily {
   /// `routes` in the order of `PrefixMap`.
   void build(const std::vector<Route>& routes) {
     // Small tables keep a small root: at most some entries for each route.
-    rootBits_ = routes.size() < 64 ? kStride : routes.size() < 4096 ? 2 * kStride : 3 * kStride;
+    const std::size_t count = routes.size();
+    rootBits_ = kStride * (count < 64 ? 1 : count < 4096 ? 2 : count < 1 << 17 ? 3 : 4);
     root_.assign(std::size_t{1} << rootBits_, 0);
     for (std::size_t at = 0; at < routes.size();) {
       const Route& route = routes[at];
@@ -60,6 +61,7 @@ class PrefixTableOfFamily {
   }
 
   Kiv::U32 value(const Bits& bits) const noexcept {
+    if (const Kiv::U32 entry = root_[rootSlot(bits)]; (entry & kNode) == 0) return entry;
     return hasPopcnt() ? valueByInstruction(bits) : valueIn<false>(bits);
   }
   /// For many addresses: the machine is asked once what it can do, and the steps of several addresses

@@ -58,7 +58,8 @@ void fill(rte_lpm& lpm, const PeerRoute* routes, std::size_t count) {
 
 bool RoutePeer::available() {
   static const bool started = [] {
-    char words[][24] = {"bench", "--no-huge", "--no-pci", "-m", "1500", "--no-telemetry", "--log-level=1"};
+    char words[][24] = {"bench", "--no-shconf", "--no-huge",      "--no-pci",
+                        "-m",    "1500",        "--no-telemetry", "--log-level=1"};
     char* argv[std::size(words)];
     for (std::size_t i = 0; i < std::size(words); ++i) argv[i] = words[i];
     return rte_eal_init(static_cast<int>(std::size(words)), argv) >= 0;

@@ -168,6 +168,27 @@ TYPED_TEST(PrefixMapTest, DoesWhatTheModelDoes) {
   EXPECT_DEATH((void)*moved.begin(), "the prefix is in the map");
 }
 
+TEST(PrefixTable, OfManyRoutesAgreesWithTheMap) {
+  Random random(24);
+  PrefixMap<int> map;
+  while (map.size() < 340'000) {
+    const unsigned len = 8 + random() % 25;
+    const IpAddr v4 = IpAddr::fromHostOrder(random());
+    map.insert(Prefix(v4.maskedByLength(len), len), static_cast<int>(random() % 100));
+    const Ip6Addr v6(Kiv::U64{random()} << 32, Kiv::U64{random()} << 32);
+    map.insert(Ip6Prefix(v6.maskedByLength(4 * len), 4 * len), static_cast<int>(random() % 100));
+  }
+  const PrefixTable<int> table(map);
+  for (const auto& [prefix, value] : map) {
+    for (const auto& address : {std::optional(prefix.first()), prefix.last().next()}) {
+      if (!address) continue;
+      const auto found = map.longestMatch(*address);
+      const int* const looked = table.longestMatch(*address);
+      ASSERT_TRUE(looked ? found && *found == *looked : !found) << *address;
+    }
+  }
+}
+
 TEST(PrefixMap, RefusesKeysThatAreNoPrefixes) {
   PrefixMap<std::unique_ptr<int>> map;
   EXPECT_TRUE(map.insert(IpGenPrefix("10.0.0.0/8"), std::make_unique<int>(1)).second);
