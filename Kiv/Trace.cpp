@@ -118,7 +118,7 @@ class TraceRegistry {
       const std::lock_guard lock(sinkMutex_);
       const std::shared_ptr<TraceSink> sink = sink_;  // it may replace itself
       (*sink)(handle, level, text);
-    } catch (const std::exception&) {
+    } catch (...) {
       ++drops;
     }
   }
