@@ -251,6 +251,12 @@ TEST_P(UdpPamTest, GroupsAreJoinedAndLeftOnAWire) {
     // A link-local group needs the interface, also to be connected to.
     EXPECT_EQ(send(group, "group"), "group");
     EXPECT_TRUE(sender.pam->socketConnected());
+    sender.pam->modeIs(Mode::disabled);
+    sender.pam->modeIs(Mode::client);
+    sender.sendTo("ff01::7777", 7000);  // so does a group on its own machine
+    sender.pam->txIfIndexIs(index);
+    sender.send("group");
+    EXPECT_TRUE(sender.pam->socketConnected());
     return;
   }
   EXPECT_EQ(send(group, "group"), "group");

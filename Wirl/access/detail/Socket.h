@@ -53,7 +53,8 @@ class SockAddr {
  public:
   /// Room for an address from the kernel.
   SockAddr() noexcept = default;
-  /// `port` is in host order. `scope` is the interface index for a link-local IPv6 address or group.
+  /// `port` is in host order. `scope` is the interface index for a link-local IPv6 address or any IPv6 group; the
+  /// kernel looks at it where the group's own scope asks for it.
   SockAddr(const IpGenAddr& address, U16 port, U32 scope) noexcept {
     if (address.af() == AddressFamily::ipv4) {
       v4_.sin_family = AF_INET;
@@ -64,7 +65,7 @@ class SockAddr {
       v6_.sin6_family = AF_INET6;
       v6_.sin6_port = htons(port);
       address.copyToBuffer(v6_.sin6_addr.s6_addr);
-      if (address.isLinkLocalUnicast() || address.isLinkLocalMulticast()) v6_.sin6_scope_id = scope;
+      if (address.isLinkLocalUnicast() || address.isMulticast()) v6_.sin6_scope_id = scope;
     }
   }
 
