@@ -15,6 +15,7 @@
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Nimbo/Nimbo.h"
+#include "Wirl/access/detail/Socket.h"
 
 namespace Wirl {
 
@@ -128,7 +129,7 @@ int moveIntfNetNs(const char* intf, const char* ns) {
   const int error = moveIntf(text(intf), ns);
   if (error == 0) return 0;
   KIV_TRACE(trace, 0) << "moveIntfNetNs failed : " << text(intf) << " to ns " << text(ns) << ": "
-                      << Kiv::errorText(error);
+                      << detail::errorPrinted(error);
   errno = error;
   return -1;
 }
