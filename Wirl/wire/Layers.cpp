@@ -2,6 +2,7 @@
 #include "Wirl/wire/Layers.h"
 
 #include <algorithm>
+#include <type_traits>
 
 #include "Wirl/packet/Checksum.h"
 #include "Wirl/packet/EthType.h"
@@ -24,6 +25,7 @@
 #include "Wirl/wire/TcpHdr.h"
 #include "Wirl/wire/VrrpHdr.h"
 #include "Wirl/wire/VxlanHdr.h"
+#include "Wirl/wire/detail/PseudoHdr.h"
 
 namespace Wirl {
 
@@ -82,8 +84,73 @@ std::string_view layerKindText(LayerKind kind) noexcept {
   return kTexts[static_cast<U8>(kind)];
 }
 
+/// What most packets begin with. Each step of its own says the same. `kTags`: bytes between Ethernet and IP.
+template <typename Ip, U32 kTags>
+[[gnu::always_inline]] inline bool LayerIterator::ethIp() noexcept {
+  constexpr bool kIs4 = std::is_same_v<Ip, IpHdr>;
+  constexpr U32 kEth = sizeof(EthHdr), kAt = kEth + kTags, kBehind = kAt + sizeof(Ip);
+  const U8* const frame = piece_;
+  const U8* const hdr = frame + kAt;
+  const U32 present = end_, wireBytes = wireEnd_;
+  if (present < kBehind || (kIs4 ? hdr[0] != 0x45 : hdr[0] >> 4 != 6)) return false;
+  const U32 length = word(hdr + (kIs4 ? 2 : 4));
+  if (kIs4 && (length < sizeof(Ip) || (word(hdr + 6) & 0x3fff) != 0)) return false;
+  if (!kIs4 && length == 0) return false;
+  const U32 bytes = kIs4 ? length - U32{sizeof(Ip)} : length;
+  if (bytes > wireBytes - kBehind) return false;
+  const auto found = [frame](Layer& layer, LayerKind kind, U32 offset, U32 behind, U32 end, U32 wireEnd) {
+    layer.kind = kind;
+    layer.tunnels = 0;
+    layer.cut = false;
+    layer.error = noError;
+    layer.further = noError;
+    layer.offset = offset;
+    layer.header = {frame + offset, behind - offset};
+    layer.payload = {frame + behind, end - behind};
+    layer.payloadBytes = wireEnd - behind;
+  };
+  constexpr U8 kFirst = kTags != 0 ? 0 : 1;
+  found(found_[kFirst], LayerKind::eth, 0, kEth, present, wireBytes);
+  if constexpr (kTags != 0) found(found_[1], LayerKind::vlan, kEth, kAt, present, wireBytes);
+  const U32 wireEnd = kBehind + bytes, end = std::min(present, wireEnd);
+  found(layer(), kIs4 ? LayerKind::ip : LayerKind::ip6, kAt, kBehind, end, wireEnd);
+  if (kIs4 && ipChecksumCalc(reinterpret_cast<const char*>(hdr), sizeof(Ip), 0).value() != 0) {
+    layer().error = badIpHdrChecksum;
+  }
+  pos_ = kBehind;
+  end_ = end;
+  wireEnd_ = wireEnd;
+  ip_ = hdr;
+  ipVersion_ = kIs4 ? 4 : 6;
+  at_ = kFirst;
+  count_ = kLast + 1 - kFirst;
+  const U8 protocol = hdr[kIs4 ? 9 : 6];
+  next_ = protocol == ipProtoTcp ? LayerKind::tcp : LayerKind::none;
+  if (protocol != ipProtoTcp) ipProtocol(protocol);
+  return true;
+}
+
+[[gnu::always_inline]] inline bool LayerIterator::ethIp() noexcept {
+  if (end_ < sizeof(EthHdr) + sizeof(Eth8021QHdr)) return false;
+  switch (word(piece_ + 12)) {
+    case ethTypeIp:
+      return ethIp<IpHdr, 0>();
+    case ethTypeIp6:
+      return ethIp<Ip6Hdr, 0>();
+    case ethTypeDot1Q:
+    case ethTypeDot1ad:
+    case ethTypeQinQ: {
+      const U16 type = word(piece_ + 16);
+      if (type == ethTypeIp) return ethIp<IpHdr, sizeof(Eth8021QHdr)>();
+      return type == ethTypeIp6 && ethIp<Ip6Hdr, sizeof(Eth8021QHdr)>();
+    }
+    default:
+      return false;
+  }
+}
+
 LayerIterator::LayerIterator(std::span<const U8> first, std::span<const U8> second,
-                             LayerOptions options) noexcept
+                             const LayerOptions& options) noexcept
     : pieces_{first, second},
       piece_(first.data()),
       pieceEnd_(static_cast<U32>(first.size())),
@@ -91,35 +158,39 @@ LayerIterator::LayerIterator(std::span<const U8> first, std::span<const U8> seco
       wireEnd_(std::max(end_, options.wireBytes)),
       next_(options.start),
       checksums_(options.checksums) {
+  if (next_ == LayerKind::eth && second.empty() && ethIp()) return;
+  layer().kind = LayerKind::none;
+  layer().payload = {};
   if (pieceEnd_ == 0) secondPiece();
   step();
 }
 
-inline bool LayerIterator::take(U32 bytes) noexcept {
-  layer_.kind = next_;
-  layer_.tunnels = tunnels_;
-  layer_.offset = pos_;
-  layer_.error = layer_.further = noError;
+[[gnu::always_inline]] inline bool LayerIterator::take(U32 bytes) noexcept {
+  layer().kind = next_;
+  layer().tunnels = tunnels_;
+  layer().offset = pos_;
+  layer().error = noError;
+  layer().further = noError;
   next_ = LayerKind::none;
   const U32 present = here();
   if (bytes > present) return takeCut(bytes);
   const U8* const hdr = at();
-  layer_.cut = false;
-  layer_.header = {hdr, bytes};
-  layer_.payload = {hdr + bytes, present - bytes};
+  layer().cut = false;
+  layer().header = {hdr, bytes};
+  layer().payload = {hdr + bytes, present - bytes};
   pos_ += bytes;
-  layer_.payloadBytes = wireEnd_ - pos_;
+  layer().payloadBytes = wireEnd_ - pos_;
   if (pos_ == pieceEnd_) secondPiece();
   return true;
 }
 
 [[gnu::cold]] bool LayerIterator::takeCut(U32 bytes) noexcept {
   const U32 present = here();
-  layer_.cut = end_ < wireEnd_ && bytes <= wire() && present == end_ - pos_;
-  if (!layer_.cut) fail(pktTooShort);
-  layer_.header = {at(), present};
-  layer_.payload = {};
-  layer_.payloadBytes = 0;
+  layer().cut = end_ < wireEnd_ && bytes <= wire() && present == end_ - pos_;
+  if (!layer().cut) fail(pktTooShort);
+  layer().header = {at(), present};
+  layer().payload = {};
+  layer().payloadBytes = 0;
   return false;
 }
 
@@ -130,15 +201,15 @@ void LayerIterator::secondPiece() noexcept {
   piece_ = pieces_[1].data();
   pieceStart_ = firstBytes;
   pieceEnd_ = firstBytes + static_cast<U32>(pieces_[1].size());
-  layer_.payload = {at(), here()};
+  layer().payload = {at(), here()};
 }
 
 void LayerIterator::limit(U32 bytes) noexcept {
   if (bytes >= wire()) return;
   wireEnd_ = pos_ + bytes;
   end_ = std::min(end_, wireEnd_);
-  layer_.payload = layer_.payload.first(std::min<std::size_t>(layer_.payload.size(), here()));
-  layer_.payloadBytes = bytes;
+  layer().payload = layer().payload.first(std::min<std::size_t>(layer().payload.size(), here()));
+  layer().payloadBytes = bytes;
 }
 
 void LayerIterator::tunnel(LayerKind inner) noexcept {
@@ -154,22 +225,23 @@ void LayerIterator::step() noexcept {
     return;
   }
   ++count_;
+  if (next_ == LayerKind::tcp) return tcp();
   switch (next_) {
     case LayerKind::none:
       return;
     case LayerKind::eth:
       return eth();
     case LayerKind::vlan:
-      if (take(sizeof(Eth8021QHdr))) typeOrLength(word(layer_.header.data() + 2));
+      if (take(sizeof(Eth8021QHdr))) typeOrLength(word(layer().header.data() + 2));
       return;
     case LayerKind::mim:
-      if (take(18)) typeOrLength(word(layer_.header.data() + 16));
+      if (take(18)) typeOrLength(word(layer().header.data() + 16));
       return;
     case LayerKind::llc:
       return llc();
     case LayerKind::snap:
       if (take(sizeof(Eth8022SnapHdr))) {
-        const U8* const snap = layer_.header.data();
+        const U8* const snap = layer().header.data();
         const U32 oui = U32{snap[0]} << 16 | word(snap + 1);
         const U16 type = word(snap + 3);
         if (oui == 0 || oui == 0x0000f8) ethType(type);
@@ -181,15 +253,15 @@ void LayerIterator::step() noexcept {
       return;
     case LayerKind::pppoe:
       if (take(6)) {
-        limit(word(layer_.header.data() + 4));
-        if (layer_.header[1] == 0) next_ = LayerKind::ppp;
+        limit(word(layer().header.data() + 4));
+        if (layer().header[1] == 0) next_ = LayerKind::ppp;
       }
       return;
     case LayerKind::ppp:
       return pppProtocol();
     case LayerKind::mpls:
       if (take(sizeof(MplsHdr))) {
-        const auto mpls = layer_.as<MplsHdr>();
+        const auto mpls = layer().as<MplsHdr>();
         if (mpls->bottom()) return mplsPayload(mpls->label());
         next_ = LayerKind::mpls;
       }
@@ -199,7 +271,7 @@ void LayerIterator::step() noexcept {
       return;
     case LayerKind::pwach:
       if (take(sizeof(PwAssociatedChannelHdr))) {
-        const U16 channel = word(layer_.header.data() + 2);
+        const U16 channel = word(layer().header.data() + 2);
         if (channel == 0x21) tunnel(LayerKind::ip);
         if (channel == 0x57) tunnel(LayerKind::ip6);
         if (channel == 7 || channel == 0x22 || channel == 0x23) next_ = LayerKind::bfd;
@@ -230,11 +302,11 @@ void LayerIterator::step() noexcept {
         take(std::min(here(), 8u));
         return fail(badIp6ExtHdr), void(next_ = LayerKind::none);
       }
-      if (take(here() < 2 ? 8 : (at()[1] + 1u) * 8)) ipProtocol(layer_.header[0]);
+      if (take(here() < 2 ? 8 : (at()[1] + 1u) * 8)) ipProtocol(layer().header[0]);
       return;
     case LayerKind::ip6frag:
       if (take(sizeof(Ip6FragHdr))) {
-        const auto frag = layer_.as<Ip6FragHdr>();
+        const auto frag = layer().as<Ip6FragHdr>();
         if (frag->more() || frag->offset() != 0) fragment_ = true;
         if (frag->offset() == 0) ipProtocol(frag->nextHeader());
       }
@@ -261,8 +333,8 @@ void LayerIterator::step() noexcept {
       return erspan();
     case LayerKind::vxlan:
       if (take(sizeof(VxlanHdr))) {
-        if (!layer_.as<VxlanHdr>()->vniValid()) fail(badVxlanFlags);
-        const U8 inner = vxlanGpe_ ? layer_.header[3] : U8{3};
+        if (!layer().as<VxlanHdr>()->vniValid()) fail(badVxlanFlags);
+        const U8 inner = vxlanGpe_ ? layer().header[3] : U8{3};
         if (inner <= 3 && inner > 0) {
           tunnel(inner == 1 ? LayerKind::ip : inner == 2 ? LayerKind::ip6 : LayerKind::eth);
         }
@@ -275,7 +347,7 @@ void LayerIterator::step() noexcept {
       return void(take(sizeof(IgmpHdr)));
     case LayerKind::geneve:
       if (take(here() < 1 ? 8 : 8 + (at()[0] & 0x3fu) * 4)) {
-        const U16 type = word(layer_.header.data() + 2);
+        const U16 type = word(layer().header.data() + 2);
         if (type == kTransparentEthernet) {
           tunnel(LayerKind::eth);
         } else {
@@ -291,7 +363,7 @@ void LayerIterator::step() noexcept {
     case LayerKind::bfd:
       return bfd();
     case LayerKind::ipfix:
-      if (take(sizeof(IpfixHdr)) && !IpfixSets(layer_.payload).whole() && whole()) fail(pktTooShort);
+      if (take(sizeof(IpfixHdr)) && !IpfixSets(layer().payload).whole() && whole()) fail(pktTooShort);
       return;
     case LayerKind::lldp:
       return lldp();
@@ -299,7 +371,7 @@ void LayerIterator::step() noexcept {
 }
 
 void LayerIterator::eth() noexcept {
-  if (take(sizeof(EthHdr))) typeOrLength(word(layer_.header.data() + 12));
+  if (take(sizeof(EthHdr))) typeOrLength(word(layer().header.data() + 12));
 }
 
 /// What a type or length field leads to: behind a length LLC, unless the first octets are those of the oldest
@@ -354,7 +426,7 @@ void LayerIterator::llc() noexcept {
   // A control field of one octet is that of an unnumbered frame, others have two.
   const U32 bytes = here() >= 3 && (at()[2] & 3) != 3 ? 4 : 3;
   if (!take(bytes) || bytes != 3) return;
-  const U8* const hdr = layer_.header.data();
+  const U8* const hdr = layer().header.data();
   if (hdr[0] == Eth8022LlcHdr::snapSap && hdr[1] == Eth8022LlcHdr::snapSap) {
     next_ = LayerKind::snap;
   } else if (hdr[0] == 0x06 && (hdr[2] & 0xef) == Eth8022LlcHdr::pduControl) {
@@ -368,7 +440,7 @@ void LayerIterator::pppProtocol() noexcept {
   U32 bytes = here() >= 2 && ppp[0] == 0xff && ppp[1] == 3 ? 2 : 0;
   bytes += here() > bytes && (ppp[bytes] & 1) != 0 ? 1u : 2u;
   if (!take(bytes)) return;
-  const U8* const end = layer_.header.data() + bytes;
+  const U8* const end = layer().header.data() + bytes;
   const U16 protocol = bytes % 2 != 0 ? end[-1] : word(end - 2);
   switch (protocol) {
     case 0x0021:
@@ -442,7 +514,7 @@ void LayerIterator::ip() noexcept {
   if (ipChecksumCalc(reinterpret_cast<const char*>(hdr), static_cast<U16>(bytes), 0).value() != 0) {
     fail(badIpHdrChecksum);
   }
-  if (bytes > 20 && !IpOptions(layer_.header.subspan(20)).whole()) fail(badIpOptions);
+  if (bytes > 20 && !IpOptions(layer().header.subspan(20)).whole()) fail(badIpOptions);
   ip_ = hdr;
   ipVersion_ = 4;
   const U16 fragment = word(hdr + 6);
@@ -479,7 +551,7 @@ void LayerIterator::ip6Options() noexcept {
     return fail(badIp6ExtHdr);
   }
   if (!take(bytes)) return;
-  const Ip6Options options(layer_.header.subspan(2));
+  const Ip6Options options(layer().header.subspan(2));
   if (!options.whole()) fail(badIp6ExtHdr);
   if (jumbo_) {
     if (const auto jumbo = options.find<Ip6JumboOption>()) {
@@ -492,7 +564,7 @@ void LayerIterator::ip6Options() noexcept {
       }
     }
   }
-  ipProtocol(layer_.header[0]);
+  ipProtocol(layer().header[0]);
 }
 
 void LayerIterator::ipProtocol(U8 protocol) noexcept {
@@ -546,9 +618,9 @@ void LayerIterator::ah() noexcept {
   if (bytes < 12 || bytes > wire()) {
     take(std::min(here(), 12u));
     next_ = LayerKind::none;
-    return fail(wire() + layer_.header.size() < 12 ? pktTooShort : badAhLen);
+    return fail(wire() + layer().header.size() < 12 ? pktTooShort : badAhLen);
   }
-  if (take(bytes)) ipProtocol(layer_.header[0]);
+  if (take(bytes)) ipProtocol(layer().header[0]);
 }
 
 // Checksums.
@@ -564,20 +636,25 @@ U16 LayerIterator::foldedSum(U32 bytes, U32 start) const noexcept {
   return folded(U64{sum} + (first % 2 == 0 ? second : static_cast<U16>(second << 8 | second >> 8)));
 }
 
-U32 LayerIterator::pseudoSum(U32 bytes, U8 protocol) const noexcept {
-  const auto* const at = reinterpret_cast<const char*>(ip_);
-  const U32 start = (bytes >> 16) + (bytes & 0xffff) + protocol;
-  return ipVersion_ == 6 ? ipChecksumChunk(at + 8, 32, start) : ipChecksumChunk(at + 12, 8, start);
+[[gnu::always_inline]] inline U32 LayerIterator::pseudoSum(U32 bytes, U8 protocol) const noexcept {
+  return ipVersion_ == 6 ? detail::pseudoHdrSum(*reinterpret_cast<const Ip6Hdr*>(ip_), bytes, protocol)
+                         : detail::pseudoHdrSum(*reinterpret_cast<const IpHdr*>(ip_), bytes, protocol);
 }
 
 /// Whether all of the message is there that the innermost IP header says.
-bool LayerIterator::mayCheck(U32 bytes) const noexcept {
+[[gnu::always_inline]] inline bool LayerIterator::mayCheck(U32 bytes) const noexcept {
   return checksums_ && !fragment_ && ip_ && bytes <= end_ - pos_;
 }
 
-bool LayerIterator::transportSumIsGood(U32 bytes, U8 protocol, U16 stored) const noexcept {
+[[gnu::always_inline]] inline bool LayerIterator::transportSumIsGood(U32 bytes, U8 protocol,
+                                                                     U16 stored) const noexcept {
   const U32 pseudo = pseudoSum(bytes, protocol);
-  if (foldedSum(bytes, folded(pseudo)) == 0xffff) return true;
+  if (bytes <= here() && bytes <= 0xffff) [[likely]] {
+    const auto* const octets = reinterpret_cast<const char*>(at());
+    if (ipChecksumCalc(octets, static_cast<U16>(bytes), pseudo).value() == 0) return true;
+  } else if (foldedSum(bytes, folded(pseudo)) == 0xffff) {
+    return true;
+  }
   // Left to the device: the sum of the pseudo-header, which it then adds to.
   return stored == folded(pseudo);
 }
@@ -596,7 +673,7 @@ void LayerIterator::tcp() noexcept {
       present < bytes || !mayCheck(wireBytes) || transportSumIsGood(wireBytes, ipProtoTcp, word(hdr + 16));
   if (!take(bytes)) return;
   if (!good) fail(badTcpChecksum);
-  if (bytes > 20 && !TcpOptions(layer_.header.subspan(20)).whole()) fail(badTcpOptions);
+  if (bytes > 20 && !TcpOptions(layer().header.subspan(20)).whole()) fail(badTcpOptions);
 }
 
 void LayerIterator::udp() noexcept {
@@ -667,8 +744,8 @@ void LayerIterator::sctp() noexcept {
   }
   if (!take(sizeof(SctpHdr))) return;
   if (!good) fail(badSctpChecksum);
-  if (!fragment_ && whole() && layer_.payload.size() == layer_.payloadBytes &&
-      !SctpChunks(layer_.payload).whole()) {
+  if (!fragment_ && whole() && layer().payload.size() == layer().payloadBytes &&
+      !SctpChunks(layer().payload).whole()) {
     fail(badSctpLen);
   }
 }
@@ -688,7 +765,7 @@ void LayerIterator::icmp6() noexcept {
   if (!take(4)) return;
   if (!good) fail(badIcmp6Checksum);
   U32 fixed = 0;
-  switch (layer_.header[0]) {
+  switch (layer().header[0]) {
     case icmp6TypeRouterSolicitation:
       fixed = sizeof(Icmp6RsHdr);
       break;
@@ -709,13 +786,13 @@ void LayerIterator::icmp6() noexcept {
   }
   if (fragment_ || !whole()) return;
   if (bytes < fixed) return fail(icmp6PayloadLenTooShortForHdr);
-  if (layer_.payload.size() < layer_.payloadBytes) return;
-  const NdOptions options(layer_.payload.subspan(fixed - 4));
+  if (layer().payload.size() < layer().payloadBytes) return;
+  const NdOptions options(layer().payload.subspan(fixed - 4));
   auto option = options.begin();
   std::size_t taken = 0;
   for (; option != options.end(); ++option) taken += option->bytes.size();
   if (option.whole()) return;
-  const auto rest = layer_.payload.subspan(fixed - 4 + taken);
+  const auto rest = layer().payload.subspan(fixed - 4 + taken);
   fail(rest.size() >= 2 && rest[1] == 0 ? icmp6OptLenZero : icmp6OptLenExceedPayloadLen);
 }
 
@@ -728,10 +805,10 @@ void LayerIterator::igmp() noexcept {
   if (here() > 0 && at()[0] == IgmpHdr::dvmrp) next_ = LayerKind::dvmrp;
   if (!take(query3 ? sizeof(Igmp3QueryHdr) : sizeof(IgmpHdr))) return;
   if (!good) fail(badIgmpChecksum);
-  if (layer_.header[0] == IgmpHdr::reportV3 && whole() && !fragment_) {
+  if (layer().header[0] == IgmpHdr::reportV3 && whole() && !fragment_) {
     U32 count = 0;
-    for ([[maybe_unused]] const WireOption& record : IgmpRecords(layer_.payload)) ++count;
-    if (count < word(layer_.header.data() + 6)) fail(badIgmpLen);
+    for ([[maybe_unused]] const WireOption& record : IgmpRecords(layer().payload)) ++count;
+    if (count < word(layer().header.data() + 6)) fail(badIgmpLen);
   }
 }
 
@@ -767,10 +844,10 @@ void LayerIterator::vrrp() noexcept {
     good = alone || (hdr[0] >> 4 == 3 && foldedSum(bytes, folded(pseudoSum(bytes, ipProtoVrrp))) == 0xffff);
   }
   if (!take(sizeof(VrrpHdr))) return;
-  const auto vrrp = layer_.as<VrrpHdr>();
+  const auto vrrp = layer().as<VrrpHdr>();
   if (vrrp->version() != 2 && vrrp->version() != 3) return fail(badVrrpVersion);
   const U32 addresses = vrrp->addressCount() * (ipVersion_ == 6 ? 16u : 4u);
-  if (layer_.payloadBytes < addresses + (vrrp->version() == 2 ? VrrpHdr::authBytes : 0u)) fail(badVrrpLen);
+  if (layer().payloadBytes < addresses + (vrrp->version() == 2 ? VrrpHdr::authBytes : 0u)) fail(badVrrpLen);
   if (!good) fail(badVrrpChecksum);
 }
 
@@ -840,7 +917,7 @@ void LayerIterator::bfd() noexcept {
   const U32 wireBytes = wire();
   const bool lengthIsBad = bytes < sizeof(BfdHdr) || bytes > wireBytes;
   if (!take(lengthIsBad ? sizeof(BfdHdr) : bytes)) {
-    if (lengthIsBad && wireBytes >= 4 && whole()) layer_.error = badBfdLen;
+    if (lengthIsBad && wireBytes >= 4 && whole()) layer().error = badBfdLen;
     return;
   }
   if (hdr[0] >> 5 != 1) fail(badBfdVersion);
@@ -864,7 +941,7 @@ void LayerIterator::lldp() noexcept {
   if (wasWhole && (!ended || next <= lldpTtl)) fail(badLldpTlv);
 }
 
-Layers layers(const Pkt::Ptr& pkt, LayerOptions options) noexcept {
+Layers layers(const Pkt::Ptr& pkt, const LayerOptions& options) noexcept {
   std::span<const U8> pieces[Pkt::maxIovecs_];
   const struct ::iovec* const vector = pkt->iovecs();
   unsigned count = 0;

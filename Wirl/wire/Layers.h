@@ -108,24 +108,34 @@ class LayerIterator {
   static constexpr unsigned kMaxLayers = 128;
   static constexpr unsigned kMaxTunnels = 8;
 
-  LayerIterator() noexcept = default;
-  KIV_API LayerIterator(std::span<const U8> first, std::span<const U8> second, LayerOptions options) noexcept;
+  LayerIterator() noexcept { layer().kind = LayerKind::none; }
+  KIV_API LayerIterator(std::span<const U8> first, std::span<const U8> second,
+                        const LayerOptions& options) noexcept;
 
-  const Layer& operator*() const noexcept { return layer_; }
-  const Layer* operator->() const noexcept { return &layer_; }
+  const Layer& operator*() const noexcept { return found_[at_]; }
+  const Layer* operator->() const noexcept { return &found_[at_]; }
   LayerIterator& operator++() noexcept {
-    if (next_ == LayerKind::none) {
-      layer_.kind = LayerKind::none;
+    if (at_ != kLast) {
+      ++at_;
+    } else if (next_ == LayerKind::none) {
+      layer().kind = LayerKind::none;
     } else {
       step();
     }
     return *this;
   }
   void operator++(int) noexcept { ++*this; }
-  bool operator==(std::default_sentinel_t) const noexcept { return layer_.kind == LayerKind::none; }
+  bool operator==(std::default_sentinel_t) const noexcept { return found_[kLast].kind == LayerKind::none; }
 
  private:
   KIV_API void step() noexcept;
+  /// Ethernet, perhaps a tag, and IP, at once; false, with nothing changed, when there is anything else.
+  bool ethIp() noexcept;
+  template <typename Ip, U32 kTags>
+  bool ethIp() noexcept;
+  /// The layer at work.
+  Layer& layer() noexcept { return found_[kLast]; }
+  const Layer& layer() const noexcept { return found_[kLast]; }
 
   /// Bytes from here on, in one piece and within the limit.
   U32 here() const noexcept { return std::min(end_, pieceEnd_) - pos_; }
@@ -142,7 +152,7 @@ class LayerIterator {
   bool take(U32 bytes) noexcept;
   bool takeCut(U32 bytes) noexcept;
   void secondPiece() noexcept;
-  void fail(PktCode code) noexcept { (layer_.error == noError ? layer_.error : layer_.further) = code; }
+  void fail(PktCode code) noexcept { (layer().error == noError ? layer().error : layer().further) = code; }
   /// What remains is `bytes` long on the wire; the limit only ever shrinks.
   void limit(U32 bytes) noexcept;
   void next(LayerKind kind) noexcept { next_ = kind; }
@@ -178,6 +188,8 @@ class LayerIterator {
   void lldp() noexcept;
   void bfd() noexcept;
 
+  static constexpr U8 kLast = 2;
+
   std::span<const U8> pieces_[2];
   const U8* piece_ = nullptr;  ///< At work, from `pieceStart_` to `pieceEnd_` of the packet.
   U32 pieceStart_ = 0;
@@ -193,14 +205,19 @@ class LayerIterator {
   U8 ipVersion_ = 0;
   U8 tunnels_ = 0;
   U8 count_ = 0;
+  U8 at_ = kLast;
   const U8* ip_ = nullptr;  ///< The innermost IP header.
-  Layer layer_;
+  /// The last is at work; those in front of it were found before and wait for their turn. What is not in use
+  /// has no value: to give it one would take as long as a header does.
+  union {
+    Layer found_[kLast + 1];
+  };
 };
 
 /// The layers of a packet, to iterate over.
 class Layers {
  public:
-  Layers(std::span<const U8> first, std::span<const U8> second, LayerOptions options) noexcept
+  Layers(std::span<const U8> first, std::span<const U8> second, const LayerOptions& options) noexcept
       : pieces_{first, second}, options_(options) {}
 
   LayerIterator begin() const noexcept { return LayerIterator(pieces_[0], pieces_[1], options_); }
@@ -217,12 +234,12 @@ class Layers {
 };
 
 /// `for (const Layer& layer : layers(bytes))`. At most 2^32 - 1 bytes are looked at.
-inline Layers layers(std::span<const U8> bytes, LayerOptions options = {}) noexcept {
+inline Layers layers(std::span<const U8> bytes, const LayerOptions& options = {}) noexcept {
   return Layers(bytes.first(std::min<std::size_t>(bytes.size(), std::numeric_limits<U32>::max())), {},
                 options);
 }
 /// Of a packet in one or two pieces. A header that lies in both gives `pktTooShort` and ends the walk;
 /// checksums are taken over both.
-KIV_API Layers layers(const Pkt::Ptr& pkt, LayerOptions options = {}) noexcept;
+KIV_API Layers layers(const Pkt::Ptr& pkt, const LayerOptions& options = {}) noexcept;
 
 }  // namespace Wirl

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/wire/PktText.h"
 
+#include <bit>
 #include <charconv>
 #include <cstring>
+#include <limits>
 
 #include "Wirl/packet/EthType.h"
 #include "Wirl/packet/Icmp6Hdr.h"
@@ -10,6 +12,7 @@
 #include "Wirl/value/EthAddr.h"
 #include "Wirl/value/Ip6Addr.h"
 #include "Wirl/value/IpAddr.h"
+#include "Wirl/value/detail/LittleEndian.h"
 #include "Wirl/wire/ArpHdr.h"
 #include "Wirl/wire/BfdHdr.h"
 #include "Wirl/wire/EspHdr.h"
@@ -31,6 +34,58 @@ namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
 
+/// Writes where there is room. Its position stays in a register: that of `Out` is in memory, where each piece
+/// waits for the one before.
+class Cursor {
+ public:
+  explicit Cursor(char* at) noexcept : at_(at) {}
+  char* at() const noexcept { return at_; }
+
+  template <std::size_t size>
+  [[gnu::always_inline]] Cursor& operator<<(const char (&text)[size]) noexcept {
+    std::memcpy(at_, text, size - 1);
+    at_ += size - 1;
+    return *this;
+  }
+  Cursor& operator<<(char c) noexcept {
+    *at_++ = c;
+    return *this;
+  }
+  [[gnu::always_inline]] Cursor& number(U32 value) noexcept {
+    constexpr U32 kEightDigits = 100'000'000;
+    if (value < kEightDigits) {
+      eightDigits(value, false);
+    } else {
+      eightDigits(value / kEightDigits, false);
+      eightDigits(value % kEightDigits, true);
+    }
+    return *this;
+  }
+  template <typename Addr>
+  [[gnu::always_inline]] Cursor& addr(const U8* octets) noexcept {
+    Addr value;
+    std::memcpy(&value, octets, sizeof(value));
+    at_ += value.writeText(at_);
+    return *this;
+  }
+
+ private:
+  /// All digits at once, the first one in the lowest octet: halves of 4 digits, then pairs, then digits, each
+  /// split by a product that is as good as a division for numbers so small. `zeros`: also those in front.
+  [[gnu::always_inline]] void eightDigits(U32 value, bool zeros) noexcept {
+    const U64 fours = value / 10000 | U64{value % 10000} << 32;
+    const U64 hundreds = fours * 10486 >> 20 & 0x0000'007f'0000'007f;
+    const U64 twos = hundreds | (fours - hundreds * 100) << 16;
+    const U64 tens = twos * 103 >> 10 & 0x000f'000f'000f'000f;
+    const U64 ones = tens | (twos - tens * 10) << 8;
+    const unsigned skip = zeros ? 0 : static_cast<unsigned>(std::countr_zero(ones | U64{1} << 56)) / 8;
+    detail::storeLittle64(at_, (ones | 0x3030'3030'3030'3030) >> 8 * skip);
+    at_ += 8 - skip;
+  }
+
+  char* at_;
+};
+
 /// Appends to a string by way of a buffer, so that most pieces cost no more than their copy.
 class Out {
  public:
@@ -39,6 +94,15 @@ class Out {
   Out(const Out&) = delete;
   Out& operator=(const Out&) = delete;
 
+  /// A literal: its length is known here.
+  template <std::size_t size>
+  [[gnu::always_inline]] Out& operator<<(const char (&text)[size]) {
+    static_assert(size <= kSlack);
+    room();
+    std::memcpy(at_, text, size - 1);
+    at_ += size - 1;
+    return *this;
+  }
   Out& operator<<(std::string_view text) {
     if (text.size() > kSlack) {
       flush();
@@ -57,7 +121,11 @@ class Out {
   }
   Out& number(U64 value) {
     room();
-    at_ = std::to_chars(at_, buffer_ + sizeof(buffer_), value).ptr;
+    if (value <= std::numeric_limits<U32>::max()) {
+      at_ = Cursor(at_).number(static_cast<U32>(value)).at();
+    } else {
+      at_ = std::to_chars(at_, buffer_ + sizeof(buffer_), value).ptr;
+    }
     return *this;
   }
   Out& hex(U64 value, unsigned digits) {
@@ -68,18 +136,24 @@ class Out {
   template <typename Addr>
   Out& addr(const U8* octets) {
     room();
-    Addr value;
-    std::memcpy(&value, octets, sizeof(value));
-    at_ += value.writeText(at_);
+    at_ = Cursor(at_).addr<Addr>(octets).at();
     return *this;
   }
+  /// For what has no more than `kSlack` characters, back with `wrote`.
+  Cursor cursor() {
+    room();
+    return Cursor(at_);
+  }
+  void wrote(const Cursor& cursor) noexcept { at_ = cursor.at(); }
+
+  static constexpr std::size_t kSlack = 256;
 
  private:
-  static constexpr std::size_t kSlack = 128;
   void room() {
-    if (static_cast<std::size_t>(buffer_ + sizeof(buffer_) - at_) < kSlack) flush();
+    if (static_cast<std::size_t>(buffer_ + sizeof(buffer_) - at_) < kSlack) [[unlikely]]
+      flush();
   }
-  void flush() {
+  [[gnu::noinline]] void flush() {
     to_.append(buffer_, static_cast<std::size_t>(at_ - buffer_));
     at_ = buffer_;
   }
@@ -376,7 +450,9 @@ class Line {
   explicit Line(Out& out) noexcept : out_(out) {}
 
   void add(const Layer& layer) {
-    last_ = layer;
+    last_ = layer.kind;
+    lastBytes_ = layer.payloadBytes;
+    cut_ = layer.cut;
     const U8* const hdr = layer.header.data();
     const std::size_t bytes = layer.header.size();
     switch (layer.kind) {
@@ -504,11 +580,11 @@ class Line {
         out_ << ", type 0x";
         out_.hex(type, 4);
       }
-      length(last_.payloadBytes);
-    } else if (last_.kind == LayerKind::llc || last_.kind == LayerKind::snap) {
-      length(last_.payloadBytes);
+      length(lastBytes_);
+    } else if (last_ == LayerKind::llc || last_ == LayerKind::snap) {
+      length(lastBytes_);
     }
-    if (last_.cut) out_ << " [cut]";
+    if (cut_) out_ << " [cut]";
   }
 
  private:
@@ -580,49 +656,46 @@ class Line {
   void ends(const Layer& layer, std::string_view what) {
     if (!ip_ || !pending_ || layer.header.size() < 4) return addrs(what);
     pending_ = false;
+    start();
+    Cursor cursor = out_.cursor();
     const U8* const ports = layer.header.data();
-    start() << (ip6_ ? "IP6 " : "IP ");
-    ipAddr(false);
-    out_ << '.';
-    out_.number(ports[0] * 256u + ports[1]) << " > ";
-    ipAddr(true);
-    out_ << '.';
-    out_.number(ports[2] * 256u + ports[3]) << ": " << what;
+    const auto port = [&](unsigned at) { cursor.number(ports[at] * 256u + ports[at + 1]); };
+    if (ip6_) {
+      (cursor << "IP6 ").addr<Ip6Addr>(ip_ + 8) << '.';
+      port(0);
+      (cursor << " > ").addr<Ip6Addr>(ip_ + 24) << '.';
+    } else {
+      (cursor << "IP ").addr<IpAddr>(ip_ + 12) << '.';
+      port(0);
+      (cursor << " > ").addr<IpAddr>(ip_ + 16) << '.';
+    }
+    port(2);
+    out_.wrote(cursor << ": ");
+    out_ << what;
     writeFragment();
   }
   void tcp(const Layer& layer) {
     ends(layer, "TCP");
     if (layer.header.size() < sizeof(TcpHdr)) return;
     const auto& hdr = *reinterpret_cast<const TcpHdr*>(layer.header.data());
-    out_ << " [";
-    static constexpr char kFlags[] = {'F', 'S', 'R', 'P', '.', 'U', 'E', 'W'};
-    const U16 flags = hdr.flags();
-    for (const unsigned bit : {1u, 0u, 2u, 3u, 5u, 6u, 7u, 4u}) {
-      if ((flags >> bit & 1) != 0) out_ << kFlags[bit];
-    }
-    out_ << "], seq ";
-    out_.number(hdr.seqNum());
-    if (layer.payloadBytes > 0) {
-      out_ << ':';
-      out_.number(hdr.seqNum() + layer.payloadBytes);
-    }
-    if (hdr.ack()) {
-      out_ << ", ack ";
-      out_.number(hdr.ackNum());
-    }
-    out_ << ", win ";
-    out_.number(hdr.window());
-    if (hdr.urg()) {
-      out_ << ", urg ";
-      out_.number(hdr.urgentPointer());
-    }
+    Cursor cursor = out_.cursor();
+    cursor << " [";
+    static constexpr std::string_view kFlags = "SFRPUEW.";
+    const U32 flags = hdr.flags();
+    U32 named = (flags >> 1 & 0x71) | (flags << 1 & 0x02) | (flags & 0x0c) | (flags << 3 & 0x80);
+    for (; named != 0; named &= named - 1) cursor << kFlags[static_cast<unsigned>(std::countr_zero(named))];
+    (cursor << "], seq ").number(hdr.seqNum());
+    if (layer.payloadBytes > 0) (cursor << ':').number(hdr.seqNum() + layer.payloadBytes);
+    if (hdr.ack()) (cursor << ", ack ").number(hdr.ackNum());
+    (cursor << ", win ").number(hdr.window());
+    if (hdr.urg()) (cursor << ", urg ").number(hdr.urgentPointer());
     if (hdr.syn() && layer.header.size() > sizeof(TcpHdr)) {
       if (const auto mss = TcpOptions(layer.header.subspan(sizeof(TcpHdr))).find<TcpMssOption>()) {
-        out_ << ", mss ";
-        out_.number(mss->mss());
+        (cursor << ", mss ").number(mss->mss());
       }
     }
-    length(layer.payloadBytes);
+    (cursor << ", length ").number(layer.payloadBytes);
+    out_.wrote(cursor);
   }
   void message(std::string_view what, std::string_view name, const Layer& layer) {
     addrs(what);
@@ -728,8 +801,10 @@ class Line {
   bool any_ = false;
   bool moreFragments_ = false;
   U8 protocol_ = 0;
+  bool cut_ = false;
+  LayerKind last_ = LayerKind::none;
+  U32 lastBytes_ = 0;
   U32 fragmentOffset_ = 0;
-  Layer last_;
 };
 
 }  // namespace

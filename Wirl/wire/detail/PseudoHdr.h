@@ -2,10 +2,11 @@
 #pragma once
 
 #include <bit>
-#include <cstring>
+#include <cstddef>
 
 #include "Wirl/packet/Ip6Hdr.h"
 #include "Wirl/packet/IpHdr.h"
+#include "Wirl/packet/detail/ShortChecksum.h"
 
 namespace Wirl::detail {
 
@@ -22,14 +23,15 @@ inline U16 folded(U32 sum) noexcept {
 template <typename Ip>
 [[gnu::always_inline]] inline U32 addrsSum(const Ip& ip) noexcept {
   constexpr std::size_t kAddrs = sizeof(Ip) == sizeof(IpHdr) ? 8 : 32;
-  U64 words[kAddrs / 8];
-  std::memcpy(words, reinterpret_cast<const U8*>(&ip) + sizeof(Ip) - kAddrs, kAddrs);
-  U64 sum = 0;
-  for (const U64 word : words) sum += __builtin_add_overflow(sum, word, &sum);
+  const U8* const addrs = reinterpret_cast<const U8*>(&ip) + sizeof(Ip) - kAddrs;
+  U64 sum = load<U64>(addrs);
+  for (std::size_t at = 8; at < kAddrs; at += 8) {
+    sum += __builtin_add_overflow(sum, load<U64>(addrs + at), &sum);
+  }
   // Added to itself with the halves changed, a number has in its upper half the sum of both, carry included.
   const auto half = static_cast<U32>((sum + std::rotl(sum, 32)) >> 32);
-  const auto addrs = static_cast<U16>((half + std::rotl(half, 16)) >> 16);
-  return std::endian::native == std::endian::big ? addrs : __builtin_bswap16(addrs);
+  const auto words = static_cast<U16>((half + std::rotl(half, 16)) >> 16);
+  return std::endian::native == std::endian::big ? words : __builtin_bswap16(words);
 }
 
 /// Sum of a pseudo-header; the length may be more than a header can say.
