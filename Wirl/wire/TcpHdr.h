@@ -86,7 +86,9 @@ class TcpSackBlock : public HdrImage<8> {
 class TcpSackOption : public TcpOptionHdr {
  public:
   static constexpr U8 kType = 5;
-  unsigned blocks() const noexcept { return length() < 2 ? 0 : (length() - 2u) / sizeof(TcpSackBlock); }
+  unsigned blocks() const noexcept {
+    return length() < 2 ? 0u : (length() - 2u) / unsigned{sizeof(TcpSackBlock)};
+  }
 };
 
 /// Timestamps (RFC 7323).
