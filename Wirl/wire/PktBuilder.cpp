@@ -43,9 +43,9 @@ bool isPart(U8* fragmentHdr) noexcept {
 void fillChecksum(IpHdr& hdr) {
   hdr.checksumU16Is(0);
   if (hdr.hasOptions()) return hdr.checksumIs(hdr.computedChecksum());
-  const U32 sum = (hdr.versionAndHeaderLen().value() << 8 | hdr.tos()) + U32{hdr.totalLenU16()} +
+  const U32 sum = (U32{hdr.versionAndHeaderLen().value()} << 8 | hdr.tos()) + U32{hdr.totalLenU16()} +
                   hdr.idU16() + hdr.fragmentOffsetAndFlags().value() +
-                  (hdr.ttl().value() << 8 | hdr.protocol()) + detail::halves(hdr.src().hostOrder()) +
+                  (U32{hdr.ttl().value()} << 8 | hdr.protocol()) + detail::halves(hdr.src().hostOrder()) +
                   detail::halves(hdr.dst().hostOrder());
   hdr.checksumU16Is(static_cast<U16>(~detail::folded(sum)));
 }

@@ -150,6 +150,9 @@ void* allocated(std::size_t size) noexcept {
 }
 }  // namespace
 
+// GCC takes the malloc() that it inlines for one that somebody else pairs with delete.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+
 // Without a sanitizer, arrays come to these, too.
 void* operator new(std::size_t size) {
   if (void* const block = allocated(size)) return block;
