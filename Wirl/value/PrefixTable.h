@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <memory>
@@ -18,11 +19,13 @@ namespace Wirl {
 
 namespace detail {
 
-/// Longest match by reading only: a table of the first bits, then nodes for six bits each.
+/// Longest match by reading only: a table of the first bits, then nodes for eight bits each.
 ///
 /// An entry of the table or of a node is a leaf, the number of a value, or a node. Every address ends in a
-/// leaf, so that no step looks back. Equal leaves side by side are kept once. Two cache lines or three answer
-/// most addresses.
+/// leaf, so that no step looks back. Equal leaves side by side are kept once. The table leaves out the bits
+/// that all routes have in common, and ends on a whole octet of the address. It has at most 128 entries for
+/// each route, or 256, and not more than 2^24: a full table of IPv4 finds nearly every address in it at once.
+/// 900,000 routes of the Internet take 76 octets each, 200,000 of IPv6 153.
 template <typename Bits>
 class PrefixTableOfFamily {
  public:
@@ -33,36 +36,42 @@ class PrefixTableOfFamily {
     Kiv::U32 value;
   };
 
-  /// `routes` in the order of `PrefixMap`.
+  /// `routes` in the order of `PrefixMap`. Once only, on an empty table.
   void build(const std::vector<Route>& routes) {
-    // Small tables keep a small root: at most some entries for each route.
-    const std::size_t count = routes.size();
-    rootBits_ = kStride * (count < 64 ? 1 : count < 4096 ? 2 : count < 1 << 17 ? 3 : 4);
-    root_.assign(std::size_t{1} << rootBits_, 0);
-    for (std::size_t at = 0; at < routes.size();) {
-      const Route& route = routes[at];
-      const std::size_t slot = rootSlot(route.bits);
-      if (route.len <= rootBits_) {
-        std::fill_n(root_.begin() + static_cast<std::ptrdiff_t>(slot),
-                    std::size_t{1} << (rootBits_ - route.len), route.value);
+    const Route* at = routes.data();
+    const Route* const end = at + routes.size();
+    // The route to everything is no reason to begin the table at the first bit.
+    if (at != end && at->len == 0) outside_ = (at++)->value;
+    if (at == end) return;
+    const unsigned common = commonBits(at, end);
+    const unsigned wanted = common + static_cast<unsigned>(std::bit_width(routes.size())) + 6;
+    rootEnd_ = std::clamp(wanted, common / kStride * kStride + kStride, std::min(common + 24, kMaxEnd));
+    rootEnd_ -= rootEnd_ % kStride;
+    first_ = high(at->bits) & ~(~Kiv::U64{0} >> common);
+    root_.assign(std::size_t{1} << (rootEnd_ - common), outside_);
+    while (at != end) {
+      const auto slot = static_cast<std::size_t>((high(at->bits) - first_) >> (64 - rootEnd_));
+      if (at->len <= rootEnd_) {
+        std::fill_n(root_.begin() + static_cast<std::ptrdiff_t>(slot), std::size_t{1} << (rootEnd_ - at->len),
+                    at->value);
         ++at;
         continue;
       }
-      std::size_t end = at + 1;
-      while (end < routes.size() && rootSlot(routes[end].bits) == slot) ++end;
+      const Route* const begin = at;
+      while (at != end && (high(at->bits) - first_) >> (64 - rootEnd_) == slot) ++at;
       const Kiv::U32 inherited = root_[slot];
-      root_[slot] = kNode | static_cast<Kiv::U32>(nodes_.size());
-      nodes_.emplace_back();
-      fill(nodes_.size() - 1, rootBits_, routes.data() + at, routes.data() + end, inherited);
-      at = end;
+      root_[slot] = kNode | static_cast<Kiv::U32>(quarters_.size() / 4);
+      quarters_.resize(quarters_.size() + 4);
+      fill(quarters_.size() / 4 - 1, rootEnd_, begin, at, inherited);
     }
-    nodes_.shrink_to_fit();
+    quarters_.shrink_to_fit();
     leaves_.shrink_to_fit();
   }
 
   Kiv::U32 value(const Bits& bits) const noexcept {
-    if (const Kiv::U32 entry = root_[rootSlot(bits)]; (entry & kNode) == 0) return entry;
-    return hasPopcnt() ? valueByInstruction(bits) : valueIn<false>(bits);
+    const Kiv::U32 entry = rootEntry(bits);
+    if ((entry & kNode) == 0) return entry;
+    return hasPopcnt() ? valueByInstruction(bits, entry) : valueBelow<false>(bits, entry);
   }
   /// For many addresses: the machine is asked once what it can do, and the steps of several addresses
   /// overlap.
@@ -72,95 +81,166 @@ class PrefixTableOfFamily {
   }
 
   std::size_t memory() const noexcept {
-    return root_.capacity() * sizeof(Kiv::U32) + nodes_.capacity() * sizeof(Node) +
+    return root_.capacity() * sizeof(Kiv::U32) + quarters_.capacity() * sizeof(Quarter) +
            leaves_.capacity() * sizeof(Kiv::U32);
   }
 
  private:
   static constexpr Kiv::U32 kNode = 0x8000'0000;
+  static constexpr unsigned kStride = 8;
+  /// Where the table ends at the latest.
+  static constexpr unsigned kMaxEnd = std::same_as<Bits, U128> ? 64 : 32;
 
-  struct Node {
+  /// A quarter of a node: 64 of its 256 chunks.
+  struct Quarter {
     Kiv::U64 children = 0;  // chunks with a node below
     Kiv::U64 changes = 0;   // chunks whose leaf is not the one of the leaf in front
     Kiv::U32 firstNode = 0;
     Kiv::U32 firstLeaf = 0;
   };
 
-  std::size_t rootSlot(Kiv::U64 bits) const noexcept {
-    return static_cast<std::size_t>(bits >> (64 - rootBits_));
+  static Kiv::U64 high(Kiv::U64 bits) noexcept { return bits; }
+  static Kiv::U64 high(const U128& bits) noexcept { return bits.high(); }
+  static unsigned octetAt(Kiv::U64 bits, unsigned depth) noexcept {
+    return static_cast<unsigned>(bits >> (56 - depth)) & 255;
   }
-  std::size_t rootSlot(const U128& bits) const noexcept { return rootSlot(bits.high()); }
+  static unsigned octetAt(const U128& bits, unsigned depth) noexcept {
+    return octetAt(depth < 64 ? bits.high() : bits.low(), depth % 64);
+  }
+
+  /// How many first bits are the same in all routes, as far as the table may leave them out.
+  static unsigned commonBits(const Route* at, const Route* end) noexcept {
+    unsigned common = kMaxEnd - kStride;
+    const Kiv::U64 first = high(at->bits);
+    for (; at != end; ++at)
+      common = std::min({common, at->len, static_cast<unsigned>(std::countl_zero(high(at->bits) ^ first))});
+    return common;
+  }
 
   /// Makes a node of routes that begin with its bits and are longer.
-  void fill(std::size_t index, unsigned depth, const Route* at, const Route* end, Kiv::U32 inherited) {
+  void fill(std::size_t index, unsigned depth, const Route* const routes, const Route* const end,
+            Kiv::U32 inherited) {
     struct Child {
-      const Route* begin;
-      const Route* end;
-      Kiv::U32 inherited;
+      std::size_t begin = 0;
+      std::size_t end = 0;  // 0: no child
     };
-    std::array<Kiv::U32, 64> leaf;
+    std::array<Kiv::U32, 256> leaf;
     leaf.fill(inherited);
-    std::array<Child, 64> child;
-    Node node;
-    while (at != end) {
-      const unsigned chunk = chunkOf(at->bits, depth);
+    std::array<Child, 256> child{};
+    for (const Route* at = routes; at != end;) {
+      const unsigned chunk = octetAt(at->bits, depth);
       if (at->len <= depth + kStride) {
         // Longer prefixes come later, so that they overwrite.
         std::fill_n(leaf.begin() + chunk, std::size_t{1} << (depth + kStride - at->len), at->value);
         ++at;
         continue;
       }
-      const Route* const begin = at;
-      while (at != end && chunkOf(at->bits, depth) == chunk) ++at;
-      node.children |= Kiv::U64{1} << chunk;
-      child[chunk] = {begin, at, leaf[chunk]};
+      child[chunk].begin = static_cast<std::size_t>(at - routes);
+      while (at != end && octetAt(at->bits, depth) == chunk) ++at;
+      child[chunk].end = static_cast<std::size_t>(at - routes);
     }
-    node.firstNode = static_cast<Kiv::U32>(nodes_.size());
-    node.firstLeaf = static_cast<Kiv::U32>(leaves_.size());
-    for (unsigned chunk = 0; chunk < 64; ++chunk) {
-      if ((node.children >> chunk & 1) != 0) continue;
-      if (node.changes != 0 && leaf[chunk] == leaves_.back()) continue;
-      node.changes |= Kiv::U64{1} << chunk;
-      leaves_.push_back(leaf[chunk]);
+    const std::size_t firstNode = quarters_.size() / 4;
+    std::size_t nextNode = firstNode;
+    for (unsigned from = 0; from < 256; from += 64) {
+      Quarter quarter;
+      quarter.firstNode = static_cast<Kiv::U32>(nextNode);
+      quarter.firstLeaf = static_cast<Kiv::U32>(leaves_.size());
+      for (unsigned i = 0; i < 64; ++i) {
+        if (child[from + i].end != 0) {
+          quarter.children |= Kiv::U64{1} << i;
+          ++nextNode;
+        } else if (quarter.changes == 0 || leaf[from + i] != leaves_.back()) {
+          quarter.changes |= Kiv::U64{1} << i;
+          leaves_.push_back(leaf[from + i]);
+        }
+      }
+      quarters_[index * 4 + from / 64] = quarter;
     }
-    nodes_.resize(nodes_.size() + countBits<false>(node.children));
-    nodes_[index] = node;
-    std::size_t next = node.firstNode;
-    for (Kiv::U64 left = node.children; left != 0; left &= left - 1) {
-      const Child& below = child[static_cast<std::size_t>(std::countr_zero(left))];
-      fill(next++, depth + kStride, below.begin, below.end, below.inherited);
+    quarters_.resize(nextNode * 4);
+    nextNode = firstNode;
+    for (unsigned chunk = 0; chunk < 256; ++chunk) {
+      const Child& below = child[chunk];
+      if (below.end == 0) continue;
+      fill(nextNode++, depth + kStride, routes + below.begin, routes + below.end, leaf[chunk]);
     }
   }
 
-  WIRL_POPCNT Kiv::U32 valueByInstruction(const Bits& bits) const noexcept { return valueIn<true>(bits); }
+  [[gnu::always_inline]] Kiv::U32 rootEntry(const Bits& bits) const noexcept {
+    const Kiv::U64 slot = (high(bits) - first_) >> (64 - rootEnd_);
+    return slot < root_.size() ? root_[static_cast<std::size_t>(slot)] : outside_;
+  }
+  [[gnu::always_inline]] const Quarter& quarterOf(const Bits& bits, unsigned depth,
+                                                  std::size_t node) const noexcept {
+    return quarters_[node * 4 + octetAt(bits, depth) / 64];
+  }
+
+  WIRL_POPCNT Kiv::U32 valueByInstruction(const Bits& bits, Kiv::U32 entry) const noexcept {
+    return valueBelow<true>(bits, entry);
+  }
   template <typename Address, typename Give>
   WIRL_POPCNT void valuesByInstruction(const Address* addresses, std::size_t count, Give give) const {
     valuesIn<true>(addresses, count, give);
   }
   template <bool kInstruction, typename Address, typename Give>
   [[gnu::always_inline]] void valuesIn(const Address* addresses, std::size_t count, Give& give) const {
-    for (std::size_t i = 0; i < count; ++i) give(i, valueIn<kInstruction>(trieBits(addresses[i])));
-  }
-
-  template <bool kInstruction>
-  [[gnu::always_inline]] Kiv::U32 valueIn(const Bits& bits) const noexcept {
-    Kiv::U32 entry = root_[rootSlot(bits)];
-    if ((entry & kNode) == 0) return entry;
-    std::size_t index = entry & ~kNode;
-    for (unsigned depth = rootBits_;; depth += kStride) {
-      const Node& node = nodes_[index];
-      const unsigned chunk = chunkOf(bits, depth);
-      const Kiv::U64 upTo = ~Kiv::U64{0} >> (63 - chunk);
-      if ((node.children >> chunk & 1) == 0) {
-        return leaves_[node.firstLeaf + countBits<kInstruction>(node.changes & upTo) - 1];
+    constexpr std::size_t kGroup = 16;
+    std::array<Kiv::U32, kGroup> entry;
+    std::array<Kiv::U32, kGroup> leafAt;
+    std::array<unsigned, kGroup> open;
+    for (std::size_t at = 0; at < count; at += kGroup) {
+      const Address* const group = addresses + at;
+      const unsigned size = static_cast<unsigned>(std::min(kGroup, count - at));
+      std::size_t opened = 0;
+      for (unsigned i = 0; i < size; ++i) {
+        entry[i] = rootEntry(trieBits(group[i]));
+        open[opened] = i;
+        opened += entry[i] >> 31;
       }
-      index = node.firstNode + countBits<kInstruction>(node.children & upTo) - 1;
+      const std::size_t below = opened;
+      std::array<unsigned, kGroup> belowRoot = open;
+      // One step of all addresses that need one, then the next: they wait for memory together.
+      for (unsigned depth = rootEnd_; opened != 0; depth += kStride) {
+        for (std::size_t k = 0; k < opened; ++k) {
+          const unsigned i = open[k];
+          __builtin_prefetch(&quarterOf(trieBits(group[i]), depth, entry[i] & ~kNode));
+        }
+        std::size_t left = 0;
+        for (std::size_t k = 0; k < opened; ++k) {
+          const unsigned i = open[k];
+          const Bits bits = trieBits(group[i]);
+          const Quarter& quarter = quarterOf(bits, depth, entry[i] & ~kNode);
+          const unsigned chunk = octetAt(bits, depth) % 64;
+          const Kiv::U64 upTo = ~Kiv::U64{0} >> (63 - chunk);
+          entry[i] = quarter.firstNode + countBits<kInstruction>(quarter.children & upTo) - 1;
+          leafAt[i] = quarter.firstLeaf + countBits<kInstruction>(quarter.changes & upTo) - 1;
+          open[left] = i;
+          left += quarter.children >> chunk & 1;
+        }
+        opened = left;
+      }
+      for (std::size_t k = 0; k < below; ++k) entry[belowRoot[k]] = leaves_[leafAt[belowRoot[k]]];
+      for (unsigned i = 0; i < size; ++i) give(at + i, entry[i]);
     }
   }
 
-  unsigned rootBits_ = kStride;
-  std::vector<Kiv::U32> root_ = std::vector<Kiv::U32>(std::size_t{1} << kStride);
-  std::vector<Node> nodes_;
+  template <bool kInstruction>
+  [[gnu::always_inline]] Kiv::U32 valueBelow(const Bits& bits, Kiv::U32 entry) const noexcept {
+    std::size_t node = entry & ~kNode;
+    for (unsigned depth = rootEnd_;; depth += kStride) {
+      const Quarter& quarter = quarterOf(bits, depth, node);
+      const unsigned chunk = octetAt(bits, depth) % 64;
+      const Kiv::U64 upTo = ~Kiv::U64{0} >> (63 - chunk);
+      if ((quarter.children >> chunk & 1) == 0)
+        return leaves_[quarter.firstLeaf + countBits<kInstruction>(quarter.changes & upTo) - 1];
+      node = quarter.firstNode + countBits<kInstruction>(quarter.children & upTo) - 1;
+    }
+  }
+
+  Kiv::U64 first_ = 0;    // the bits that all routes have in common
+  unsigned rootEnd_ = 8;  // the bits of an address up to here give the entry of the root
+  Kiv::U32 outside_ = 0;  // the leaf of addresses that do not have those bits
+  std::vector<Kiv::U32> root_;
+  std::vector<Quarter> quarters_;
   std::vector<Kiv::U32> leaves_;
 };
 

@@ -69,6 +69,23 @@ class PrefixMapTest : public testing::Test {
     return best;
   }
 
+  static void expectSameTable(PrefixMap<int, P>& map, Random& random) {
+    const PrefixTable<int, P> table(map);
+    std::vector<Address> addresses;
+    for (unsigned i = 0; i < 50; ++i) {
+      P asked = randomPrefix<P>(random);
+      if (const auto at = map.lowerBound(asked); i % 3 == 0 && at != map.end()) asked = (*at).key;
+      addresses.push_back(i % 2 ? asked.first() : asked.last());
+    }
+    const auto expect = [&](std::size_t i, const int* value) {
+      const auto found = map.longestMatch(addresses[i]);
+      ASSERT_EQ(value ? *value : -1, found ? *found : -1) << addresses[i];
+    };
+    for (std::size_t i = 0; i < addresses.size(); ++i) expect(i, table.longestMatch(addresses[i]));
+    if constexpr (!std::same_as<P, IpGenPrefix>)
+      table.longestMatches(addresses.data(), addresses.size(), expect);
+  }
+
   static void expectSame(PrefixMap<int, P>& map, const Model& model, Random& random) {
     ASSERT_EQ(map.size(), model.size());
     auto at = model.begin();
@@ -79,6 +96,12 @@ class PrefixMapTest : public testing::Test {
     ASSERT_TRUE(at == model.end());
     const PrefixTable<int, P> table(map);
     const PrefixMap<int, P> copy = map;
+    // A part of the routes, which mostly have their first bits in common.
+    const P block = randomPrefix<P>(random);
+    PrefixMap<int, P> part;
+    for (const auto [prefix, value] : copy.covered(block)) part.insert(prefix, value);
+    expectSameTable(part, random);
+    expectSameTable(map, random);
     for (int i = 0; i < 60; ++i) {
       const P asked = randomPrefix<P>(random);
       const Address address = random() % 2 ? asked.first() : asked.last();
