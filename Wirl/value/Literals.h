@@ -37,6 +37,11 @@ consteval auto literalOf() {
   }
 }
 
+/// The value itself, so that the operators below return a constant: clang 14 crashes on a consteval function
+/// that returns an object of more than 16 octets.
+template <typename V4, typename V6, LiteralText text>
+inline constexpr auto kLiteral = literalOf<V4, V6, text>();
+
 }  // namespace detail
 
 /// Values as literals: `using namespace Wirl::literals;`. The compiler reads the text, by the grammar of the
@@ -52,20 +57,20 @@ consteval auto literalOf() {
 namespace literals {
 
 template <detail::LiteralText text>
-consteval auto operator""_ip() {
-  return detail::literalOf<IpAddr, Ip6Addr, text>();
+constexpr auto operator""_ip() noexcept {
+  return detail::kLiteral<IpAddr, Ip6Addr, text>;
 }
 template <detail::LiteralText text>
-consteval auto operator""_prefix() {
-  return detail::literalOf<Prefix, Ip6Prefix, text>();
+constexpr auto operator""_prefix() noexcept {
+  return detail::kLiteral<Prefix, Ip6Prefix, text>;
 }
 template <detail::LiteralText text>
-consteval auto operator""_ipWithMask() {
-  return detail::literalOf<IpAddrWithMask, Ip6AddrWithMask, text>();
+constexpr auto operator""_ipWithMask() noexcept {
+  return detail::kLiteral<IpAddrWithMask, Ip6AddrWithMask, text>;
 }
 template <detail::LiteralText text>
-consteval auto operator""_ipAndPort() {
-  return detail::literalOf<IpAndPort, Ip6AndPort, text>();
+constexpr auto operator""_ipAndPort() noexcept {
+  return detail::kLiteral<IpAndPort, Ip6AndPort, text>;
 }
 consteval EthAddr operator""_mac(const char* text, std::size_t size) {
   return EthAddr(std::string_view(text, size));
