@@ -33,8 +33,8 @@ inline Ip6Addr addressOf(const in6_addr& octets) noexcept {
   return address;
 }
 
-/// A text for a trace, made while it is printed. So where there is no memory for it, the trace is dropped, and the
-/// traced code goes on.
+/// A text for a trace, made while it is printed. So where there is no memory for it, the trace is dropped,
+/// and the traced code goes on.
 template <std::invocable Make>
 struct Printed {
   Make make;
@@ -53,8 +53,8 @@ class SockAddr {
  public:
   /// Room for an address from the kernel.
   SockAddr() noexcept = default;
-  /// `port` is in host order. `scope` is the interface index for a link-local IPv6 address or any IPv6 group; the
-  /// kernel looks at it where the group's own scope asks for it.
+  /// `port` is in host order. `scope` is the interface index for a link-local IPv6 address or any IPv6 group;
+  /// the kernel looks at it where the group's own scope asks for it.
   SockAddr(const IpGenAddr& address, U16 port, U32 scope) noexcept {
     if (address.af() == AddressFamily::ipv4) {
       v4_.sin_family = AF_INET;
