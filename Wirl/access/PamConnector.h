@@ -42,8 +42,8 @@ inline std::ostream& operator<<(std::ostream& out, const InputQueueMetadata& que
 /// Sending without another end ends the process. There is none once either end was removed or the connector
 /// is gone.
 ///
-/// A pull that has spent the event's `rxBudget` (here 2,048 at first) gives null. The rest is offered at the next
-/// tick.
+/// A pull that has spent the event's `rxBudget` (here 2,048 at first) gives null. The rest is offered at the
+/// next tick.
 class KIV_API PamConnectorPam final : public Pam {
  public:
   KIV_ENTITY(PamConnectorPam, Pam)
