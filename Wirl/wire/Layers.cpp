@@ -351,8 +351,9 @@ void LayerIterator::step() noexcept {
         if (type == kTransparentEthernet) {
           tunnel(LayerKind::eth);
         } else {
+          const bool follow = tunnels_ < kMaxTunnels;
           tunnel(LayerKind::none);
-          ethType(type);
+          if (follow) ethType(type);
         }
       }
       return;
@@ -816,11 +817,11 @@ void LayerIterator::pim() noexcept {
   const U8* const hdr = at();
   const U32 bytes = wire();
   const bool isRegister = here() >= 8 && (hdr[0] & 0x0f) == pimRegister;
-  // The datagram in a register is not summed; some senders do all the same.
+  // Neither the datagram in a register nor its length is summed (RFC 7761, 4.9); some senders do all the same.
   bool good = true;
   if (here() >= 4 && mayCheck(bytes)) {
     const auto sumFits = [&](U32 covered) {
-      const U32 start = ipVersion_ == 6 ? folded(pseudoSum(bytes, ipProtoPim)) : 0;
+      const U32 start = ipVersion_ == 6 ? folded(pseudoSum(covered, ipProtoPim)) : 0;
       return foldedSum(covered, start) == 0xffff;
     };
     good = sumFits(bytes) || (isRegister && sumFits(8));

@@ -774,7 +774,8 @@ void setPimChecksum(const IpHdr&, std::span<U8> message) {
   checksumIs(summedPim(message), kIcmpChecksumAt, 0);
 }
 void setPimChecksum(const Ip6Hdr& ip6Hdr, std::span<U8> message) {
-  checksumIs(summedPim(message), kIcmpChecksumAt, pseudoHdrSum(ip6Hdr, message.size(), ipProtoPim));
+  const std::span<U8> summed = summedPim(message);
+  checksumIs(summed, kIcmpChecksumAt, pseudoHdrSum(ip6Hdr, summed.size(), ipProtoPim));
 }
 void setVrrpChecksum(const IpHdr& ipHdr, std::span<U8> message) {
   const bool withPseudoHdr = !message.empty() && message[0] >> 4 == 3;
