@@ -817,7 +817,7 @@ void LayerIterator::pim() noexcept {
   const U8* const hdr = at();
   const U32 bytes = wire();
   const bool isRegister = here() >= 8 && (hdr[0] & 0x0f) == pimRegister;
-  // Neither the datagram in a register nor its length is summed (RFC 7761, 4.9); some senders do all the same.
+  // Neither the datagram in a register nor its length is summed (RFC 7761, 4.9); some senders sum both.
   bool good = true;
   if (here() >= 4 && mayCheck(bytes)) {
     const auto sumFits = [&](U32 covered) {
