@@ -46,6 +46,7 @@
 #include "Wirl/transport/TcpFd.h"
 #include "Wirl/transport/TcpFdKivc.h"
 #include "Wirl/transport/TcpKeepaliveOptions.h"
+#include "Wirl/transport/TcpOptions.h"
 #include "Wirl/transport/TcpPduPam.h"
 #include "Wirl/transport/TcpPduPamBase.h"
 #include "Wirl/transport/TcpPduPamReadReturn.h"

@@ -66,6 +66,9 @@ TcpPduPam::TcpPduPam(const TcpFileDescriptor::PtrConst& descriptor,
     peerAddr_ = peer.address();
     peerPort_ = peer.port();
   }
+  // Refused only by what is no TCP socket.
+  const int on = 1;
+  setsockopt(descriptor->descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   fd()->enabledIs(true);
   handleInitialized();
 }
@@ -104,6 +107,24 @@ void TcpPduPam::keepaliveOptsIs(TcpKeepaliveOptions options) {
   Kiv::detail::hookAndNotify(this, keepaliveOpts.notifiees(), [this] { handleKeepaliveOptions(); });
 }
 
+void TcpPduPam::noDelayIs(bool on) {
+  if (!noDelay.store(on)) return;
+  Kiv::detail::hookAndNotify(this, noDelay.notifiees(),
+                             [this] { tcpOptionIs(IPPROTO_TCP, TCP_NODELAY, noDelay(), "TCP_NODELAY"); });
+}
+
+/// Sets a socket option; counts and explains a failure, and returns false then.
+bool TcpPduPam::tcpOptionIs(int level, int option, S32 value, const char* name) {
+  if (setsockopt(fileDescriptor()->descriptor(), level, option, &value, sizeof(value)) == 0) return true;
+  const int error = errno;
+  KIV_TRACE(tcpPduPamTrace, 0) << "Setsockopt failed with " << error << *this;
+  const bool news = tcpOptErrorReason.store(Kiv::String(std::string("setsockopt() error while setting ") +
+                                                        name + ": " + Kiv::errorText(error).c_str()));
+  tcpOptErrors.set(tcpOptErrors() + 1);
+  if (news) tcpOptErrorReason.notifiees().notify();
+  return false;
+}
+
 /// Sets one option after the other, until one fails.
 void TcpPduPam::handleKeepaliveOptions() {
   const TcpKeepaliveOptions options = keepaliveOpts();
@@ -116,17 +137,7 @@ void TcpPduPam::handleKeepaliveOptions() {
              {IPPROTO_TCP, TCP_KEEPINTVL, "TCP_KEEPINTVL", options.probeInterval()},
              {IPPROTO_TCP, TCP_KEEPCNT, "TCP_KEEPCNT", options.probeCount()}};
   for (const auto& each : all) {
-    const int value = static_cast<int>(each.value);
-    if (setsockopt(fileDescriptor()->descriptor(), each.level, each.option, &value, sizeof(value)) != 0) {
-      const int error = errno;
-      KIV_TRACE(tcpPduPamTrace, 0) << "Setsockopt failed with " << error << *this;
-      const bool news =
-          tcpOptErrorReason.store(Kiv::String(std::string("setsockopt() error while setting ") + each.name +
-                                              ": " + Kiv::errorText(error).c_str()));
-      tcpOptErrors.set(tcpOptErrors() + 1);
-      if (news) tcpOptErrorReason.notifiees().notify();
-      return;
-    }
+    if (!tcpOptionIs(each.level, each.option, static_cast<S32>(each.value), each.name)) return;
     if (!options.enabled()) {
       KIV_TRACE(tcpPduPamTrace, 5) << "Setsockopt(): TCP Keepalive disabled" << *this;
       return;

@@ -82,6 +82,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_DERIVED(TcpPduPamEnableMode, pendingEnableReadOnlyOrWriteOnlyMode)
   KIV_ATTR_READ(bool, initialized, false)
   KIV_ATTR_RARE_READ(TcpKeepaliveOptions, keepaliveOpts, keepaliveDisabled)
+  KIV_ATTR_RARE_READ(bool, noDelay, true)
   KIV_ATTR(U16, maxPduLength, 0)
   KIV_ATTR(bool, readOnePktOnly, false)
   KIV_ATTR(bool, readAhead, false)
@@ -134,6 +135,9 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const noexcept { return pendingMode_; }
   /// Applies the options to the socket. A failure counts in `tcpOptErrors`.
   void keepaliveOptsIs(TcpKeepaliveOptions options);
+  /// Whether small PDUs go out at once (TCP_NODELAY) or wait for the peer's acknowledgment. A Pam switches it
+  /// on when it is made. A failure of this setter counts in `tcpOptErrors`.
+  void noDelayIs(bool on);
   /// True for any mode but none. Setting it enables both directions, unless one is enabled already, or none.
   void enabledIs(bool on);
   bool readModeEnabled() const noexcept {
@@ -203,6 +207,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   // TcpPduPam.cpp: beginning and end, modes.
   void handleInitialized();
   void handleKeepaliveOptions();
+  bool tcpOptionIs(int level, int option, S32 value, const char* name);
   void drop() noexcept;
   void tearDown(Change& change);
   void modeStore(Change& change, TcpPduPamEnableMode mode);

@@ -228,6 +228,19 @@ void TcpServerSm::handleMaxConnections() {
   if (state() == State::listening && openConnections() >= maxConnections()) drive(*this, Event::limit);
 }
 
+void TcpServerSm::handleKeys() {
+  if (!socket_) return;
+  Change change(this);
+  try {
+    return keysUpdate(*socket_);
+  } catch (...) {
+    change.put(openErrors, openErrors() + 1);
+    failureIs(change);
+  }
+  // Without the key the socket would take unsigned segments.
+  drive(change, *this, Event::failed);
+}
+
 std::ostream& operator<<(std::ostream& out, TcpServerSm::State state) {
   static constexpr const char* kNames[] = {"disabled", "opening", "waiting", "listening", "full", "paused"};
   return out << kNames[static_cast<std::size_t>(state)];

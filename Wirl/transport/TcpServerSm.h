@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <sys/socket.h>
+
 #include <array>
 #include <optional>
 #include <ostream>
@@ -48,7 +50,7 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 ///                                                    full ──┼──────┘                       │
 ///                                                           │ accept() failed              │
 ///                                                           └────────────────────────> paused
-///     listening: the socket is of no more use ──> waiting
+///     listening: the socket is of no more use ──> waiting; and, full and paused too: a key was refused
 ///     from everywhere: enabledIs(false) ──> disabled
 ///
 /// In use:
@@ -87,8 +89,9 @@ class KIV_API TcpServerSm final : public TcpSm {
   enum class Event : Kiv::U8 { enable, disable, opened, failed, clock, limit, exhausted };
 
   KIV_ENTITY(TcpServerSm, TcpSm)
-  /// Connections that wait to be accepted, as listen(2) has it; the system may have a lower limit.
-  KIV_ATTR(U32, backlog, 128)
+  /// Connections that may wait to be accepted, as for listen(2); net.core.somaxconn limits it. When the queue
+  /// is full, further peers wait a second and longer.
+  KIV_ATTR(U32, backlog, SOMAXCONN)
   /// Connections that may be open at a time; may change at any time, and closes none that is open.
   KIV_ATTR_HOOK(U32, maxConnections, 0xffffffff, handleMaxConnections)
   /// Connections that one event gives; 0: no bound.
@@ -142,8 +145,10 @@ class KIV_API TcpServerSm final : public TcpSm {
       {State::listening, Event::failed, State::waiting},
       {State::listening, Event::disable, State::disabled},
       {State::full, Event::clock, State::listening},
+      {State::full, Event::failed, State::waiting},
       {State::full, Event::disable, State::disabled},
       {State::paused, Event::clock, State::listening},
+      {State::paused, Event::failed, State::waiting},
       {State::paused, Event::disable, State::disabled},
   });
 
@@ -157,6 +162,7 @@ class KIV_API TcpServerSm final : public TcpSm {
   void connectionClosed() noexcept;
   void handleMaxConnections();
   void handleClock() override { drive(*this, Event::clock); }
+  void handleKeys() override;
   const Kiv::TraceHandle& trace() const noexcept override;
   std::pair<IpGenAddr, U16> endpoint() const override { return {localAddr(), localPort()}; }
 

@@ -3,6 +3,7 @@
 
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -24,10 +25,10 @@ namespace Wirl {
 
 namespace {
 
-/// Until an event is tried again for which there was no memory.
+/// After this time an event is tried again that failed for want of memory.
 constexpr Kiv::Time kMemoryPause = std::chrono::milliseconds(100);
 
-/// For all machines; makes nothing but registrations of the thread that asks.
+/// Shared by all machines: its registrations belong to the thread that asks for them.
 TcpFileDescriptorEventRegistrationFactory& activityLoopFactory() {
   static TcpFileDescriptorEventRegistrationFactoryKivc factory;
   return factory;
@@ -57,7 +58,45 @@ void TcpSm::backoffMaxIs(Kiv::Time time) {
   backoffMax.set(time);
 }
 
-TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool server) const {
+TcpSm::Extras& TcpSm::extras() {
+  if (!extras_) extras_ = std::make_unique<Extras>();
+  return *extras_;
+}
+
+const Kiv::Ptr<TcpOptions>& TcpSm::options() {
+  if (!extras().options) optionsIs(Kiv::makePtr<TcpOptions>(name()));
+  return extras_->options;
+}
+
+void TcpSm::optionsIs(const Kiv::Ptr<TcpOptions>& options) {
+  Extras& own = extras();
+  Kiv::Reactor onKeys;
+  if (options) onKeys = Kiv::Reactor(options->keyChanges, [this] { handleKeys(); });
+  own.onKeys = std::move(onKeys);
+  own.options = options;
+  handleKeys();
+}
+
+void TcpSm::socketHookIs(SocketHook hook) {
+  extras().hook = std::move(hook);
+}
+
+void TcpSm::keysUpdate(const TcpFileDescriptor& socket) {
+  if (!extras_) return;
+  // Attributes may have changed since the socket was opened.
+  int domain = 0;
+  socklen_t length = sizeof(domain);
+  getsockopt(socket.descriptor(), SOL_SOCKET, SO_DOMAIN, &domain, &length);
+  const AddressFamily af = domain == AF_INET ? AddressFamily::ipv4 : AddressFamily::ipv6;
+  TcpOptions::Keys wanted;
+  if (extras_->options) wanted = extras_->options->keysFor(af, IpGenAddr());
+  if (const char* call = TcpOptions::keysApply(socket.descriptor(), extras_->keys, wanted)) {
+    throw failed(errno, call);
+  }
+  extras_->keys = std::move(wanted);
+}
+
+TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool server) {
   TcpFileDescriptor::PtrConst socket = TcpFileDescriptor::socket(af, netNs(), edge);
   if (!socket) throw failed(errno, "socket");
   const auto check = [this](int result, const char* call) {
@@ -67,9 +106,9 @@ TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool 
     const int on = 1;
     return setsockopt(socket->descriptor(), level, option, &on, sizeof(on));
   };
-  // Former connections of the port that linger in the kernel are no reason to wait.
+  // Connections of the port that linger in the kernel must not delay this one.
   if (server || localPort() != 0) check(switchOn(SOL_SOCKET, SO_REUSEADDR), "setsockopt(SO_REUSEADDR)");
-  // A server of :: leaves the port of IPv4 to another one.
+  // A server of :: leaves the IPv4 port to another server.
   if (server && af == AddressFamily::ipv6) {
     check(switchOn(IPPROTO_IPV6, IPV6_V6ONLY), "setsockopt(IPV6_V6ONLY)");
   }
@@ -79,11 +118,26 @@ TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool 
                      static_cast<socklen_t>(interface().bytes())),
           "setsockopt(SO_BINDTODEVICE)");
   }
+  if (!extras_ || !extras_->options) {
+    check(switchOn(IPPROTO_TCP, TCP_NODELAY), "setsockopt(TCP_NODELAY)");
+  } else if (const char* call = extras_->options->apply(socket->descriptor(), af)) {
+    throw failed(errno, call);
+  }
+  if (extras_) {
+    extras_->keys.clear();
+    const IpGenAddr peer = server ? IpGenAddr() : endpoint().first;
+    TcpOptions::Keys keys;
+    if (extras_->options) keys = extras_->options->keysFor(af, peer);
+    if (const char* call = TcpOptions::keysApply(socket->descriptor(), {}, keys)) throw failed(errno, call);
+    if (server) extras_->keys = std::move(keys);
+    // A copy: the hook may set another one.
+    if (const SocketHook hook = extras_->hook) hook(socket->descriptor(), af);
+  }
   const bool addressed = localAddr().af() != AddressFamily::ipunknown;
   if (addressed && localAddr().af() != af) throw failed(EAFNOSUPPORT, "bind");
   if (!addressed && localPort() == 0) return socket;
-  // The port that the system chooses for a client need only be free for the one destination; where an old
-  // kernel does not know this, ports run short earlier.
+  // The port that the system chooses for a client need only be free for that destination. Old kernels do not
+  // know the option and run out of ports earlier.
   if (!server && localPort() == 0) switchOn(IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT);
   const detail::SockAddr local(addressed ? localAddr() : IpGenAddr(af), localPort(), scopeOf(*socket));
   check(bind(socket->descriptor(), local.get(), local.length()), "bind");
@@ -107,7 +161,7 @@ void TcpSm::watchDel() noexcept {
   try {
     former->handleDel();
   } catch (...) {
-    // It is detached as far as its loop can do that; nobody reacts to it any more.
+    // Its loop could not detach it completely; nobody reacts to it any more.
   }
 }
 
@@ -166,7 +220,7 @@ void TcpSm::failureIs(Change& change, const Kiv::ErrnoException& failure) noexce
     change.put(lastErrorReason,
                Kiv::String(std::string(failure.message()) + ": " + Kiv::errorText(failure.error()).c_str()));
   } catch (const std::bad_alloc&) {
-    // It failed all the same.
+    // Without memory the failure goes unexplained.
   }
 }
 
@@ -176,7 +230,7 @@ void TcpSm::failureIs(Change& change, int error, const char* reason) noexcept {
     change.put(lastError, error);
     change.put(lastErrorReason, Kiv::String(reason));
   } catch (const std::bad_alloc&) {
-    // It failed all the same.
+    // Without memory the failure goes unexplained.
   }
 }
 

@@ -3,6 +3,8 @@
 
 #include <array>
 #include <cstddef>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -12,6 +14,7 @@
 #include "Kiv/Reactor.h"
 #include "Kiv/Trace.h"
 #include "Wirl/transport/TcpFd.h"
+#include "Wirl/transport/TcpOptions.h"
 #include "Wirl/transport/detail/Backoff.h"
 #include "Wirl/value/IpGenAddr.h"
 #include "Wirl/value/NamespaceName.h"
@@ -56,6 +59,15 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// Throw `Kiv::RangeException` for a time that is not above zero.
   void backoffMinIs(Kiv::Time time);
   void backoffMaxIs(Kiv::Time time);
+
+  /// Further options of the sockets: made at the first call, or shared with other machines by `optionsIs`.
+  /// Null: the defaults of `TcpOptions`, and no memory for them.
+  const Kiv::Ptr<TcpOptions>& options();
+  void optionsIs(const Kiv::Ptr<TcpOptions>& options);
+  /// Called with each new socket, between socket(2) and bind(2), behind all options: for what no attribute
+  /// sets. An exception counts as a failure of the try.
+  using SocketHook = std::function<void(int socket, AddressFamily af)>;
+  void socketHookIs(SocketHook hook);
   ~TcpSm() override;
 
  protected:
@@ -109,9 +121,14 @@ class KIV_API TcpSm : public Kiv::Entity {
   }
 
   virtual void handleClock() = 0;
+  /// Keys have changed.
+  virtual void handleKeys() {}
 
-  /// A socket with the options above, bound if anything says where. Throws `Kiv::ErrnoException`.
-  TcpFileDescriptor::PtrConst openSocket(AddressFamily af, bool edge, bool server) const;
+  /// A socket with the options above, bound if anything says where. Throws what the kernel (as a
+  /// `Kiv::ErrnoException`) or the hook refuses.
+  TcpFileDescriptor::PtrConst openSocket(AddressFamily af, bool edge, bool server);
+  /// Gives a listening socket the present keys. Throws `Kiv::ErrnoException`.
+  void keysUpdate(const TcpFileDescriptor& socket);
   /// The index of `interface` for the socket's namespace, 0 for none.
   U32 scopeOf(const TcpFileDescriptor& socket) const noexcept;
   void watchIs(const TcpFileDescriptor::PtrConst& socket);
@@ -149,7 +166,17 @@ class KIV_API TcpSm : public Kiv::Entity {
   virtual const Kiv::TraceHandle& trace() const noexcept = 0;
 
  private:
+  /// What most machines have no use for.
+  struct Extras {
+    Kiv::Ptr<TcpOptions> options;
+    Kiv::Reactor onKeys;
+    TcpOptions::Keys keys;  // of the last socket
+    SocketHook hook;
+  };
+  Extras& extras();
+
   const Factory factory_;
+  std::unique_ptr<Extras> extras_;
   Kiv::Ptr<Kiv::Clock> clock_;
   Kiv::Reactor onClock_;
   Kiv::Ptr<TcpFileDescriptorEventRegistration> watch_;

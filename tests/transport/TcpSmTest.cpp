@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 
 #include <functional>
 #include <optional>
@@ -75,6 +76,7 @@ struct SimulatedTime {
 TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
   const auto sm = tcpClientSmFactory("client");
   const auto server = tcpServerSmFactory("server");
+  TcpOptions& options = *sm->options();
   const auto enable = [&] { sm->enabledIs(true); };
   const struct {
     std::function<void()> act;
@@ -91,6 +93,18 @@ TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
       {[&] { sm->closeTimeoutIs(0s); }, "TcpClientSm::closeTimeout <= 0 not allowed"},
       {[&] { sm->stableTimeIs(-1s); }, "TcpClientSm::stableTime < 0 not allowed"},
       {[&] { server->acceptPauseIs(0s); }, "TcpServerSm::acceptPause <= 0 not allowed"},
+      {[&] { options.dscpIs(64); }, "TcpOptions::dscp < -1 or > 63 not allowed"},
+      {[&] { options.ttlIs(0); }, "TcpOptions::ttl < 1 or > 255 not allowed"},
+      {[&] { options.minTtlIs(256); }, "TcpOptions::minTtl < 0 or > 255 not allowed"},
+      {[&] { options.gtsmIs(0); }, "TcpOptions::gtsm < 1 or > 255 not allowed"},
+      {[&] { options.userTimeoutIs(1us); }, "TcpOptions::userTimeout < 1 ms or > 2147483647 ms not allowed"},
+      {[&] { options.md5KeyIs(IpGenAddr("::1"), ""); },
+       "TcpOptions: key of 0 or more than 80 octets not allowed"},
+      {[&] { options.md5KeyIs(IpGenAddr("::1"), std::string(81, 'x')); },
+       "TcpOptions: key of 0 or more than 80 octets not allowed"},
+      {[&] { options.md5KeyIs(IpGenAddr(), "x"); }, "TcpOptions: key for peers without family not allowed"},
+      {[&] { options.aoKeyIs(IpGenAddr("::1"), {.key = "x", .algorithm = std::string(64, 'x')}); },
+       "TcpAoKey::algorithm of 0 or more than 63 octets not allowed"},
   };
   for (const auto& row : rows) {
     try {
@@ -101,6 +115,109 @@ TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
     }
   }
   EXPECT_FALSE(sm->enabled() || server->enabled());
+  EXPECT_EQ(options.dscp() + options.ttl() + options.minTtl() + S32(options.keys()), -2);
+}
+
+int optionOf(int fd, int level, int option) {
+  int value = -1;
+  socklen_t length = sizeof(value);
+  getsockopt(fd, level, option, &value, &length);
+  return value;
+}
+
+TEST(TcpSm, SetsOptionsBeforeItConnectsAndAcceptedConnectionsInheritThem) {
+  for (const bool v6 : {false, true}) {
+    const int network = v6 ? IPPROTO_IPV6 : IPPROTO_IP;
+    using Options = TcpOptions;
+    const struct {
+      std::function<void(Options&)> set;
+      int level, option, value;
+      const char* refused;
+    } rows[] = {
+        {[](Options&) {}, IPPROTO_TCP, TCP_NODELAY, 1, "TCP_NODELAY"},
+        {[](Options& o) { o.noDelayIs(false); }, IPPROTO_TCP, TCP_NODELAY, 0, nullptr},
+        {[](Options& o) { o.dscpIs(46); }, network, v6 ? IPV6_TCLASS : IP_TOS, 184,
+         v6 ? "IPV6_TCLASS" : "IP_TOS"},
+        {[](Options& o) { o.ttlIs(7); }, network, v6 ? IPV6_UNICAST_HOPS : IP_TTL, 7,
+         v6 ? "IPV6_UNICAST_HOPS" : "IP_TTL"},
+        {[](Options& o) { o.gtsmIs(3); }, network, v6 ? IPV6_MINHOPCOUNT : IP_MINTTL, 253,
+         v6 ? "IPV6_MINHOPCOUNT" : "IP_MINTTL"},
+        {[](Options& o) { o.rxBufIs(30000); }, SOL_SOCKET, SO_RCVBUF, 60000, "SO_RCVBUF"},
+        {[](Options& o) { o.txBufIs(20000); }, SOL_SOCKET, SO_SNDBUF, 40000, "SO_SNDBUF"},
+        {[](Options& o) { o.userTimeoutIs(1500ms); }, IPPROTO_TCP, TCP_USER_TIMEOUT, 1500,
+         "TCP_USER_TIMEOUT"},
+        {[&](Options& o) { o.md5KeyIs(IpGenPrefix(v6 ? "::/0" : "0.0.0.0/0"), "secret"); }, 0, 0, -1,
+         "TCP_MD5SIG_EXT"},
+    };
+    const std::string address = v6 ? "::1" : "127.0.0.1";
+    for (const auto& row : rows) {
+      SCOPED_TRACE(row.refused ? row.refused : "off");
+      Server server(address);
+      row.set(*server.sm->options());
+      const auto sm = client(server.open(), address);
+      if (row.value != 1) sm->optionsIs(server.sm->options());
+      std::string reason;
+      for (unsigned nth = 1; sm->failures() == nth - 1; ++nth) {
+        const Fault fault(Call::setsockopt, nth, EPERM);
+        sm->enabledIs(true);
+        sm->enabledIs(false);
+        if (sm->failures() == nth) reason = sm->lastErrorReason();
+        if (fault.calls() < nth) break;
+      }
+      const std::string call = row.refused ? "setsockopt(" + std::string(row.refused) + ")" : "";
+      EXPECT_EQ(reason, row.refused ? call + ": Operation not permitted" : "");
+      int hooked = 0;
+      sm->socketHookIs([&](int fd, AddressFamily af) {
+        EXPECT_EQ(optionOf(fd, row.level, row.option), row.value);
+        EXPECT_EQ(af, v6 ? AddressFamily::ipv6 : AddressFamily::ipv4);
+        if (++hooked == 1) throw std::runtime_error("not this one");
+      });
+      sm->backoffMinIs(1ms);
+      ASSERT_TRUE(connects(sm)) << sm->lastErrorReason();
+      EXPECT_EQ(sm->lastErrorReason(), "not this one");
+      EXPECT_EQ(hooked, 2);
+      ASSERT_TRUE(soon([&] { return !server.connections.empty(); }));
+      EXPECT_EQ(optionOf(server.connections[0]->descriptor(), row.level, row.option), row.value);
+    }
+  }
+}
+
+TEST(TcpServerSm, TakesKeysAndDropsThemWhileItListens) {
+  Server server;
+  server.open();
+  const Kiv::Ptr<TcpOptions> options = server.sm->options();
+  TcpOptions& keys = *options;
+  const auto meets = [&](const char* key, bool wanted) {
+    const auto sm = client(server.sm->listeningPort());
+    sm->connectTimeoutIs(wanted ? 30s : 100ms);
+    if (key) sm->options()->md5KeyIs(IpGenAddr("127.0.0.1"), key);
+    sm->enabledIs(true);
+    EXPECT_TRUE(soon([&] { return sm->connects() + sm->timeouts() > 0; }));
+    return sm->connects() == 1;
+  };
+  const IpGenPrefix all("127.0.0.0/8"), one("127.0.0.1/32");
+  keys.md5KeyIs(all, "wide");
+  EXPECT_TRUE(!meets(nullptr, false) && meets("wide", true));
+  keys.md5KeyIs(one, "narrow");
+  EXPECT_TRUE(!meets("wide", false) && meets("narrow", true));
+  keys.md5KeyIs(all, "other");
+  keys.md5KeyDel(one);
+  EXPECT_TRUE(!meets("wide", false) && meets("other", true));
+  {
+    const Fault fault(Call::setsockopt, 1, ENOMEM);
+    keys.md5KeyIs(all, "last");  // a socket without it must not go on
+  }
+  EXPECT_EQ(server.sm->state(), ServerState::waiting);
+  EXPECT_EQ(server.sm->lastErrorReason(), "setsockopt(TCP_MD5SIG_EXT): Cannot allocate memory");
+  EXPECT_TRUE(soon([&] { return server.sm->state() == ServerState::listening; }));
+  EXPECT_TRUE(!meets("other", false) && meets("last", true));
+  server.sm->optionsIs(nullptr);
+  EXPECT_TRUE(!meets("last", false) && meets(nullptr, true));
+  // Most kernels do not have TCP-AO yet.
+  server.sm->options()->aoKeyIs(one, {.sendId = 1, .recvId = 2, .key = "secret"});
+  if (server.sm->state() != ServerState::listening) {
+    EXPECT_EQ(server.sm->lastErrorReason(), "setsockopt(TCP_AO_ADD_KEY): Protocol not available");
+  }
 }
 
 TEST(TcpClientSm, TriesAgainLaterAndLaterUntilAConnectionProvesGood) {
