@@ -120,7 +120,16 @@
 #include "Wirl/wire/WireChecks.h"
 #include "Wirl/wire/WireErrors.h"
 
-// Not there where the library was built without filters.
+// Not there where the library was built without them.
 #if __has_include("Wirl/packet/BpfFilter.h")
 #include "Wirl/packet/BpfFilter.h"
+#endif
+#if __has_include("Wirl/kernel/KernelView.h")
+#include "Wirl/kernel/AddressView.h"
+#include "Wirl/kernel/KernelView.h"
+#include "Wirl/kernel/LinkView.h"
+#include "Wirl/kernel/NamespaceView.h"
+#include "Wirl/kernel/NeighborView.h"
+#include "Wirl/kernel/NetlinkClient.h"
+#include "Wirl/kernel/RouteView.h"
 #endif

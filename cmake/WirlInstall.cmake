@@ -55,15 +55,18 @@ set_target_properties(wirl_static PROPERTIES EXPORT_NAME WirlStatic)
 add_library(Wirl::Wirl ALIAS wirl_shared)
 add_library(Wirl::WirlStatic ALIAS wirl_static)
 
-# Where filters are left out, their header is too.
-set(withoutFilters "")
+# The headers of what is left out are left out too.
+set(without "")
 if(NOT WIRL_WITH_FILTERS)
-  set(withoutFilters PATTERN "BpfFilter.h" EXCLUDE)
+  list(APPEND without PATTERN "BpfFilter.h" EXCLUDE)
+endif()
+if(NOT WIRL_WITH_VIEWS)
+  list(APPEND without REGEX "Wirl/kernel/.*(View|Changes|Resolver|Client|Attrs|Messages)[.]h$" EXCLUDE)
 endif()
 foreach(room IN LISTS rooms)
   get_property(folder GLOBAL PROPERTY WIRL_FOLDER_${room})
   install(DIRECTORY "${folder}/" DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/${folder}"
-    FILES_MATCHING PATTERN "*.h" ${withoutFilters})
+    FILES_MATCHING PATTERN "*.h" ${without})
 endforeach()
 install(FILES Wirl/Wirl.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/Wirl")
 install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
@@ -82,6 +85,9 @@ install(FILES "${PROJECT_BINARY_DIR}/WirlConfig.cmake" "${PROJECT_BINARY_DIR}/Wi
   DESTINATION "${packageDir}")
 if("Pcap" IN_LIST WIRL_PACKAGES)
   install(FILES cmake/FindPcap.cmake DESTINATION "${packageDir}")
+endif()
+if("Mnl" IN_LIST WIRL_PACKAGES)
+  install(FILES cmake/FindMnl.cmake DESTINATION "${packageDir}")
 endif()
 
 # Folders relative to the prefix follow it when the tree moves; absolute ones stay where they were put.

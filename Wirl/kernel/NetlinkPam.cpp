@@ -43,6 +43,19 @@ void NetlinkPam::openFailed(Change& changes) noexcept {
 }
 
 void NetlinkPam::setUp(Change& changes) {
+  // Kernels without one of the options do without it.
+  if (extended()) {
+    const int on = 1;
+    for (const int option : {NETLINK_EXT_ACK, NETLINK_CAP_ACK, NETLINK_GET_STRICT_CHK}) {
+      setsockopt(fd(), SOL_NETLINK, option, &on, sizeof(on));
+    }
+  }
+  // Past the system's limit where that is permitted.
+  const int room = static_cast<int>(std::min<U32>(rxBuf(), 1u << 30));
+  if (room != 0 && setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) < 0 &&
+      setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room)) < 0) {
+    fail(errno, "setsockopt(SO_RCVBUF)");
+  }
   sockaddr_nl local = addressOf(groups());
   socklen_t length = sizeof(local);
   auto* const address = reinterpret_cast<sockaddr*>(&local);

@@ -13,7 +13,10 @@ using Kiv::U64;
 /// `enabledIs(true)` opens the socket for `protocol` (NETLINK_ROUTE, ...) and joins the multicast groups of
 /// the bit set `groups` (bit n - 1 for group n). If that fails it throws `Kiv::ErrnoException` ("socket",
 /// "bind"); the Pam is closed and disabled then and can be enabled again. `portId` is the address that the
-/// kernel chose.
+/// kernel chose. `extended` asks for the kernel's texts in acknowledgements (NETLINK_EXT_ACK), without a copy
+/// of the request (NETLINK_CAP_ACK), and for strict checks of dump requests (NETLINK_GET_STRICT_CHK), as far
+/// as the kernel has them. `rxBuf` is the room for datagrams in octets (0: the system's default). These
+/// attributes apply when the Pam is enabled.
 ///
 ///     auto pam = Wirl::netlinkPamFactory("links", NETLINK_ROUTE, L3::VrfName("red").nsName());
 ///     pam->groupsIs(RTMGRP_LINK);
@@ -34,6 +37,8 @@ class KIV_API NetlinkPam final : public SocketPam {
   KIV_ATTR_READ(S32, protocol, 0)
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR(U32, groups, 0)
+  KIV_ATTR(bool, extended, false)
+  KIV_ATTR(U32, rxBuf, 0)
   KIV_ATTR_READ(bool, enabled, false)
   KIV_ATTR_READ(U32, portId, 0)
   KIV_ATTR(U32, maxRxPktData, 32768)

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Wirl/kernel/KernelView.h"
+#include "Wirl/value/EthAddr.h"
+
+namespace Wirl {
+
+/// Operational state of a link (RFC 2863), in the kernel's numbers.
+enum class OperState : U8 { unknown, notPresent, down, lowerLayerDown, testing, dormant, up };
+KIV_API std::ostream& operator<<(std::ostream& out, OperState state);
+
+/// Counters of a link, since it was made.
+struct LinkStats {
+  U64 rxPkts = 0, txPkts = 0, rxBytes = 0, txBytes = 0, rxErrors = 0, txErrors = 0, rxDrops = 0, txDrops = 0;
+  U64 multicast = 0, collisions = 0;
+
+  friend bool operator==(const LinkStats&, const LinkStats&) = default;
+};
+
+/// All that a `LinkView` knows of a link (netdevice).
+struct LinkInfo {
+  U32 ifIndex = 0;
+  std::string name;
+  std::vector<std::string> altNames;
+  std::string alias;
+  U32 flags = 0;   ///< IFF_UP and others
+  U16 hwType = 0;  ///< ARPHRD_ETHER and others
+  U32 mtu = 0;
+  U32 txQueueLen = 0;
+  U32 group = 0;
+  OperState operState = OperState::unknown;
+  U8 linkMode = 0;
+  bool protoDown = false;
+  std::string qdisc;
+  std::string kind;      ///< "veth", "vlan", "vrf"; empty for devices of hardware
+  std::string portKind;  ///< as what its master has it: "bridge", "vrf"
+  /// Octets of link-layer addresses, in the length of the link's kind.
+  std::string address, broadcast, permanentAddress;
+  U32 master = 0;                ///< index of the link that has this one as a port; 0: none
+  std::optional<U32> lower;      ///< index of the link below, or the peer of a veth; 0: none
+  std::optional<S32> lowerNsid;  ///< the namespace of `lower`, if it is another one
+  U32 vrfTable = 0;              ///< of a VRF and of its ports: the table of the VRF's routes
+  U16 vlanId = 0;                ///< of a VLAN device
+  U16 vlanProtocol = 0;          ///< of a VLAN device: its EtherType
+  std::optional<LinkStats> stats;
+
+  /// All zeros unless the link-layer address has six octets.
+  EthAddr ethAddr() const noexcept;
+  friend bool operator==(const LinkInfo&, const LinkInfo&) = default;
+};
+
+class KIV_API Link final : public KernelEntity<LinkInfo> {
+ public:
+  KIV_ENTITY(Link, KernelEntity<LinkInfo>)
+  KIV_ATTR_READ(Kiv::String, ifName)
+  KIV_ATTR_READ(bool, up, false)
+  KIV_ATTR_READ(OperState, operState, OperState::unknown)
+  KIV_ATTR_READ(U32, mtu, 0)
+  KIV_ATTR_READ(EthAddr, ethAddr)
+  KIV_ATTR_READ(U32, master, 0)
+  KIV_ATTR_DERIVED(U32, ifIndex)
+
+  using Key = U32;  ///< the interface index
+  explicit Link(const LinkInfo& info);
+  ~Link() override;
+  U32 ifIndex() const noexcept { return info().ifIndex; }
+
+ protected:
+  void putAttrs(Telling& telling) override;
+};
+
+/// The links of a network namespace; see `KernelView`. Statistics are those of the latest dump or change.
+///
+///     auto links = Wirl::linkViewFactory("links", L3::VrfName("red").nsName());
+///     links->enabledIs(true);
+///     Kiv::Reactor onSync(links->inSync, [&] { ... links->findByName("eth0")->mtu() ... });
+class KIV_API LinkView final : public EntityView<Link> {
+ public:
+  KIV_ENTITY(LinkView, KernelView)
+
+  LinkView(Kiv::String name, const NamespaceName& ns);
+  ~LinkView() override;
+  /// By name or alternative name; null if there is none.
+  Kiv::Ptr<Link> findByName(std::string_view name) const;
+  /// The VRF that the link is a port of; null if there is none.
+  Kiv::Ptr<Link> vrfOf(const Link& link) const;
+
+ protected:
+  std::vector<std::string> dumpRequests() const override;
+  void take(const nlmsghdr& message, bool inDump) override;
+  void passEnds() override;
+
+ private:
+  void refreshPeers(U32 ifIndex, std::optional<U32> lower);
+  std::set<U32> refresh_;
+};
+
+KIV_API Kiv::Ptr<LinkView> linkViewFactory(Kiv::String name, const NamespaceName& netNs);
+
+}  // namespace Wirl
