@@ -90,6 +90,8 @@ void TcpPduPam::cleanup() {
 void TcpPduPam::tearDown(Change& change) {
   drop();
   change.put(initialized, false);
+  if (closing_) change.put(closed, true);
+  deadlinesSet();  // to none
   if (change.put(readable, false)) change.run([this] { handleReadable(); });
   if (change.put(writable, false)) change.run([this] { handleWritable(); });
 }
@@ -221,6 +223,8 @@ void TcpPduPam::modeStore(Change& change, TcpPduPamEnableMode mode) {
     }
     change.changed(enableMode);
     change.put(enabled, mode != tcpEnableModeNone);
+    heardNow();
+    deadlinesSet();
   }
   pendingMode_ = tcpEnableModeNone;
 }

@@ -3,9 +3,12 @@
 
 #include <sys/uio.h>
 
+#include <chrono>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 
+#include "Kiv/Clock.h"
 #include "Wirl/transport/TcpKeepaliveOptions.h"
 #include "Wirl/transport/TcpPduPamBase.h"
 #include "Wirl/transport/TcpPduPamReadReturn.h"
@@ -60,7 +63,19 @@ KIV_API std::ostream& operator<<(std::ostream& out, TcpPduPamEnableMode mode);
 /// before are handed over first: the reason is set behind the reactor to `readableCount`, when the client has
 /// pulled them all. Reading is over then, while sending may go on; an incomplete PDU is not delivered. A
 /// failed send sets `txErrorReason` and tears everything down, as `cleanup()` does; packets sent later count
-/// in `txErrors`. The owner of the connection reacts to these attributes and replaces the Pam.
+/// in `txErrors`. The owner of the connection reacts to these attributes and replaces the Pam. `rxErrno` and
+/// `txErrno` have the errno: 0 if the peer closed, EMSGSIZE for "PDU length too big". What had arrived of a
+/// PDU that is too big stays in `rxPktHolderShadow()` until `cleanup()`, so that the peer can be told of it.
+///
+/// End in order. `close()` sends what is queued and in flight, then tells the peer that no more follows, and
+/// the Pam goes on receiving until the peer has closed, too. Then `closed` is on, and the Pam may be dropped:
+/// nothing was lost in either direction. `allSentCount` goes up each time that the socket has taken the last
+/// of what had to wait for it (a packet that it takes at once does not count).
+///
+/// Deadlines, off when zero. Reading fails with ETIMEDOUT if nothing arrived for `idleTimeout` while reading
+/// was enabled. Sending fails with ETIMEDOUT if a full socket took nothing for `writeTimeout`. If the peer
+/// does not close within `closeTimeout` of `close()`, the direction that is still open fails. They are clocks
+/// of the thread's activity loop, also if another loop watches the socket.
 ///
 /// If the loop cannot watch the socket (no memory), the direction fails; `enableModeIs` throws instead and
 /// changes nothing.
@@ -90,6 +105,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_READ(bool, readable, false)  // a whole PDU is held
   KIV_ATTR_READ(bool, writable, false)  // a packet may be sent
   KIV_ATTR_RARE_READ(Kiv::String, rxErrorReason)
+  KIV_ATTR_RARE_READ(S32, rxErrno)
   KIV_ATTR_RARE_READ(Kiv::String, txErrorReason)
   KIV_ATTR_RARE_READ(Kiv::String, tcpOptErrorReason)
   KIV_ATTR_RARE_READ(U32, tcpOptErrors)
@@ -100,6 +116,12 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_DERIVED(U32, txQueued)
   KIV_ATTR_DERIVED(U16, txRemainingLength)
   KIV_ATTR_READ(U16, writeLength, 0)
+  KIV_ATTR_RARE_READ(U32, allSentCount)
+  KIV_ATTR_DERIVED(Kiv::Time, idleTimeout)
+  KIV_ATTR_DERIVED(Kiv::Time, writeTimeout)
+  KIV_ATTR_DERIVED(Kiv::Time, closeTimeout)
+  KIV_ATTR_DERIVED(bool, closing)
+  KIV_ATTR_RARE_READ(bool, closed)
   KIV_ATTR_DERIVED(IpGenAddr, peerAddr)
   KIV_ATTR_DERIVED(U16, peerPort)
 
@@ -159,6 +181,18 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Reads once.
   TcpPduPamReadReturn readFromSocket();
 
+  /// Ends in order; see above. `writable()` is off from here on. Does nothing the second time, and nothing
+  /// after `cleanup()`. What is queued in a mode that does not write waits for one that does.
+  void close();
+  bool closing() const noexcept { return closing_ && !closed(); }
+  /// The defaults are 0, 0 and 5 s. The setters throw `Kiv::RangeException` for a negative time.
+  Kiv::Time idleTimeout() const noexcept;
+  Kiv::Time writeTimeout() const noexcept;
+  Kiv::Time closeTimeout() const noexcept;
+  void idleTimeoutIs(Kiv::Time time);
+  void writeTimeoutIs(Kiv::Time time);
+  void closeTimeoutIs(Kiv::Time time);
+
   /// Drops the registration, the PDUs and packets in reception and in flight, and the state machine. The
   /// socket stays open for as long as someone holds the descriptor.
   void cleanup();
@@ -169,7 +203,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Writes all attributes and the additions of a derived class.
   void dumpState(std::ostream& out) const;
 
-  /// The PDU in reception; while `readable()`, whole.
+  /// The PDU in reception; while `readable()`, whole. After "PDU length too big", what arrived of that one.
   const Pkt::Ptr& rxPktHolderShadow() const noexcept { return reader_.pdu(); }
   /// Octets that the PDU in reception is known to lack.
   U16 rxRemainingLength() const noexcept { return reader_.lacks(); }
@@ -221,7 +255,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
 
   // TcpPduPamReceive.cpp
   bool withinBudget() const noexcept { return rxBudget() == 0 || pdusOfEvent_ < rxBudget(); }
-  bool receiving() const noexcept { return reader_.pdu() && !readable(); }
+  bool readingIsOver() const noexcept { return end_ || !rxErrorReason().empty(); }
+  bool receiving() const noexcept { return reader_.pdu() && !readable() && !readingIsOver(); }
   void readableSet(bool value);
   Outcome readOnce();
   bool readPdu();
@@ -233,6 +268,22 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   void traceRead(const Outcome& outcome, U16 lacked) const;
   void traceNotPulled();
 
+  // TcpPduPamEnd.cpp
+  struct Deadlines;
+  struct DeadlinesDelete {
+    void operator()(Deadlines* deadlines) const noexcept;
+  };
+  Deadlines& deadlines();
+  Kiv::Time idleDue() const noexcept;
+  Kiv::Time writeDue() const noexcept;
+  Kiv::Time closeDue() const noexcept;
+  void deadlinesSet() noexcept;
+  void heardNow() noexcept;
+  void blockedNow(bool some) noexcept;
+  void unblockedNow() noexcept;
+  void handleDeadline();
+  void closeSending();
+
   // TcpPduPamSend.cpp
   bool roomToSend() const noexcept;
   void handleTxQueueLimit();
@@ -242,6 +293,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   void enqueue(const Pkt& pkt);
   void writeCompleteAndSpaceAvailable();
   void spaceAvailable();
+  void allSent();
   void handleWriteError(int error);
 
   detail::PduReader reader_;
@@ -249,13 +301,18 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   Pkt::Ptr pulled_;            // kept here while it is on its way, in case a reactor throws
   const char* end_ = nullptr;  // why reading is over, while nobody has been told
   int endError_ = 0;           // errno, appended
+  std::unique_ptr<Deadlines, DeadlinesDelete> deadlines_;
   IpGenAddr peerAddr_;
   U16 peerPort_ = 0;
   TcpPduPamEnableMode pendingMode_ = tcpEnableModeNone;
   bool inReadEvent_ = false;
   bool readAgain_ = false;  // before that is over
   bool inPull_ = false;
+  bool heard_ = false;  // octets came since the idle time began
   bool txFailed_ = false;
+  bool txWaited_ = false;  // something had to wait for the socket since all was sent
+  bool closing_ = false;
+  bool shutDown_ = false;    // the peer was told that no more follows
   U32 modeTurn_ = 0;         // of switching modes
   U32 pdusOfEvent_ = 0;      // handed over since the last readable event
   U32 eventsNotPulled_ = 0;  // while a PDU was held

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The receiving half of `TcpPduPam`: events, pulls and the end of the stream.
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <string>
 #include <utility>
@@ -83,6 +84,7 @@ void TcpPduPam::readableSet(bool value) {
   const U16 lacked = reader_.lacks();
   const Outcome outcome =
       reader_.read(fileDescriptor()->descriptor(), take, maxPduLength(), [this] { return getPduSize(); });
+  heard_ |= outcome.received > 0;
   if (tcpPduPamTrace.enabled(8)) [[unlikely]]
     traceRead(outcome, lacked);
   return outcome;
@@ -146,6 +148,7 @@ void TcpPduPam::handleSocketReadable() {
   pdusOfEvent_ = 0;
   failure.run([this] { readEvent(); });
   inReadEvent_ = false;
+  if (heard_ && deadlines_) heardNow();
   failure.run([this] { readNotificationUpdate(); });
   failure.run([this] {
     if (writer_.queued() > 0) txFlush();
@@ -187,9 +190,9 @@ bool TcpPduPam::offerRest() {
 // ------------------------------------------------------------------------------------------------------
 
 void TcpPduPam::handleReadError(const Outcome& outcome) {
-  if (!rxErrorReason().empty() || end_) return;
+  if (readingIsOver()) return;
   KIV_TRACE(tcpPduPamTrace, 0) << Printed{[&outcome] { return outcome.value().reason; }} << *this;
-  if (receiving()) reader_.clear();
+  if (receiving()) outcome.error == EMSGSIZE ? reader_.giveUp() : reader_.clear();
   end_ = outcome.reason;
   endError_ = outcome.error;
   // The client still has PDUs to take in an event, in a pull and while one is held: tell it behind them.
@@ -200,13 +203,16 @@ void TcpPduPam::handleReadError(const Outcome& outcome) {
 void TcpPduPam::endTell() {
   Change change(this);
   try {
+    rxErrno.store(endError_);
     rxErrorReason.store(Outcome{Result::error, endError_, end_}.value().reason);
   } catch (const std::bad_alloc&) {
     if (fd() && fd()->readableAgain()) return;  // later
     throw;
   }
   if (std::exchange(end_, nullptr) != PduReader::kClosedByPeer) change.put(rxErrors, rxErrors() + 1);
+  if (rxErrno() != 0) change.changed(rxErrno);
   change.changed(rxErrorReason);
+  if (shutDown_) change.put(closed, true);
   readNotificationUpdate();
   change.tell();
 }
@@ -220,7 +226,7 @@ inline void TcpPduPam::readOn() {
     return;
   }
   if (!fd()->notifyOnReadable()) readNotificationUpdate();
-  if (!rxErrorReason().empty() || end_) return;
+  if (readingIsOver()) return;
   if (readOnePktOnly()) {
     if (!offerRest()) handleSocketReadable();
   } else if (withinBudget() || !offerRest()) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "Kiv/Assert.h"
@@ -21,7 +22,7 @@ void TcpPduPam::handleWritable() {}
 void TcpPduPam::handleWriteLength() {}
 
 bool TcpPduPam::roomToSend() const noexcept {
-  if (!fd() || !writeModeEnabled() || pendingMode_ == tcpEnableModeReadOnly) return false;
+  if (!fd() || closing_ || !writeModeEnabled() || pendingMode_ == tcpEnableModeReadOnly) return false;
   if (txQueueLimit() == 0) return writer_.idle();
   if (writer_.inFlight()) return false;
   // Once full, the queue takes more when half of it is gone.
@@ -117,6 +118,8 @@ void TcpPduPam::follow(const PduWriter::Sent& sent, const char* rest, std::size_
     handleWriteError(sent.error);
   } else if (!sent.all) {
     KIV_TRACE(tcpPduPamTrace, 8) << "Partial send " << sent.bytes << " bytes. " << rest << left << *this;
+    txWaited_ = true;
+    blockedNow(sent.bytes > 0);
     // The socket may have room again already, or have taken less than it had room for: ask for the edge anew.
     writeNotificationUpdate(edgeTriggered());
     writableSet(roomToSend());
@@ -131,6 +134,7 @@ void TcpPduPam::follow(const PduWriter::Sent& sent, const char* rest, std::size_
 
 void TcpPduPam::enqueue(const Pkt& pkt) {
   writer_.push(pkt);
+  txWaited_ = true;
   if (writer_.queued() >= std::min<U32>(PduWriter::kGather, txQueueLimit())) {
     txFlush();
   } else if (!inReadEvent_) {
@@ -159,6 +163,19 @@ void TcpPduPam::spaceAvailable() {
   // Re-arm for packets that its reactors have queued: the edge is spent.
   writeNotificationUpdate(edgeTriggered());
   if (ending()) pendingModeApply();
+  if (!writer_.blocked()) unblockedNow();
+  if (!writer_.idle()) return;
+  if (std::exchange(txWaited_, false)) allSent();
+  closeSending();
+}
+
+void TcpPduPam::allSent() {
+  try {
+    allSentCount.store(allSentCount() + 1);
+  } catch (const std::bad_alloc&) {
+    return;  // only of a first count that nobody watches
+  }
+  allSentCount.notifiees().notify();
 }
 
 void TcpPduPam::handleSocketWritable() {

@@ -63,12 +63,12 @@ TcpSm::Extras& TcpSm::extras() {
   return *extras_;
 }
 
-const Kiv::Ptr<TcpOptions>& TcpSm::options() {
-  if (!extras().options) optionsIs(Kiv::makePtr<TcpOptions>(name()));
+const Kiv::Ptr<TcpSocketOptions>& TcpSm::options() {
+  if (!extras().options) optionsIs(Kiv::makePtr<TcpSocketOptions>(name()));
   return extras_->options;
 }
 
-void TcpSm::optionsIs(const Kiv::Ptr<TcpOptions>& options) {
+void TcpSm::optionsIs(const Kiv::Ptr<TcpSocketOptions>& options) {
   Extras& own = extras();
   Kiv::Reactor onKeys;
   if (options) onKeys = Kiv::Reactor(options->keyChanges, [this] { handleKeys(); });
@@ -88,9 +88,9 @@ void TcpSm::keysUpdate(const TcpFileDescriptor& socket) {
   socklen_t length = sizeof(domain);
   getsockopt(socket.descriptor(), SOL_SOCKET, SO_DOMAIN, &domain, &length);
   const AddressFamily af = domain == AF_INET ? AddressFamily::ipv4 : AddressFamily::ipv6;
-  TcpOptions::Keys wanted;
+  TcpSocketOptions::Keys wanted;
   if (extras_->options) wanted = extras_->options->keysFor(af, IpGenAddr());
-  if (const char* call = TcpOptions::keysApply(socket.descriptor(), extras_->keys, wanted)) {
+  if (const char* call = TcpSocketOptions::keysApply(socket.descriptor(), extras_->keys, wanted)) {
     throw failed(errno, call);
   }
   extras_->keys = std::move(wanted);
@@ -126,9 +126,10 @@ TcpFileDescriptor::PtrConst TcpSm::openSocket(AddressFamily af, bool edge, bool 
   if (extras_) {
     extras_->keys.clear();
     const IpGenAddr peer = server ? IpGenAddr() : endpoint().first;
-    TcpOptions::Keys keys;
+    TcpSocketOptions::Keys keys;
     if (extras_->options) keys = extras_->options->keysFor(af, peer);
-    if (const char* call = TcpOptions::keysApply(socket->descriptor(), {}, keys)) throw failed(errno, call);
+    if (const char* call = TcpSocketOptions::keysApply(socket->descriptor(), {}, keys))
+      throw failed(errno, call);
     if (server) extras_->keys = std::move(keys);
     // A copy: the hook may set another one.
     if (const SocketHook hook = extras_->hook) hook(socket->descriptor(), af);

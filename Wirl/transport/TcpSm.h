@@ -14,7 +14,7 @@
 #include "Kiv/Reactor.h"
 #include "Kiv/Trace.h"
 #include "Wirl/transport/TcpFd.h"
-#include "Wirl/transport/TcpOptions.h"
+#include "Wirl/transport/TcpSocketOptions.h"
 #include "Wirl/transport/detail/Backoff.h"
 #include "Wirl/value/IpGenAddr.h"
 #include "Wirl/value/NamespaceName.h"
@@ -40,12 +40,12 @@ class KIV_API TcpSm : public Kiv::Entity {
   KIV_ENTITY(TcpSm, Kiv::Entity)
   /// Where the socket is bound; `ipunknown`, and port 0 (in host order): the system's choice.
   KIV_ATTR_RARE(IpGenAddr, localAddr)
-  KIV_ATTR(U16, localPort, 0)
+  KIV_ATTR_RARE(U16, localPort)
   /// The interface that the socket is tied to, also the scope of link-local addresses; empty: none.
   KIV_ATTR_RARE(Kiv::String, interface)
   KIV_ATTR_RARE(NamespaceName, netNs, NamespaceName("default"))
   /// How the connections report readiness.
-  KIV_ATTR(bool, edgeTriggered, false)
+  KIV_ATTR_RARE(bool, edgeTriggered)
   /// After a failure the next try waits `backoffMin`, then twice as long each time, up to `backoffMax`; a
   /// success starts over. Each delay is shortened by a random part of up to `backoffJitter` percent, so that
   /// many machines do not try in step.
@@ -61,9 +61,9 @@ class KIV_API TcpSm : public Kiv::Entity {
   void backoffMaxIs(Kiv::Time time);
 
   /// Further options of the sockets: made at the first call, or shared with other machines by `optionsIs`.
-  /// Null: the defaults of `TcpOptions`, and no memory for them.
-  const Kiv::Ptr<TcpOptions>& options();
-  void optionsIs(const Kiv::Ptr<TcpOptions>& options);
+  /// Null: the defaults of `TcpSocketOptions`, and no memory for them.
+  const Kiv::Ptr<TcpSocketOptions>& options();
+  void optionsIs(const Kiv::Ptr<TcpSocketOptions>& options);
   /// Called with each new socket, between socket(2) and bind(2), behind all options: for what no attribute
   /// sets. An exception counts as a failure of the try.
   using SocketHook = std::function<void(int socket, AddressFamily af)>;
@@ -168,9 +168,9 @@ class KIV_API TcpSm : public Kiv::Entity {
  private:
   /// What most machines have no use for.
   struct Extras {
-    Kiv::Ptr<TcpOptions> options;
+    Kiv::Ptr<TcpSocketOptions> options;
     Kiv::Reactor onKeys;
-    TcpOptions::Keys keys;  // of the last socket
+    TcpSocketOptions::Keys keys;  // of the last socket
     SocketHook hook;
   };
   Extras& extras();

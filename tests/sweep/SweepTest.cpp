@@ -180,6 +180,9 @@ struct Machines {
     }
     server->enabledIs(true);
     if (!client) client = tcpClientSmFactory("client");
+    client->options()->dscpIs(8);
+    client->socketHookIs([](int, AddressFamily) {});
+    server->options()->md5KeyIs(IpGenAddr("192.0.2.1"), "secret");
     client->remoteAddrIs(IpGenAddr("127.0.0.1"));
     loop.runUntil([&] { return server->listeningPort() != 0; }, 1000);
     if (client->enabled()) return;
@@ -215,7 +218,10 @@ struct Machines {
     return got && got->stringValue() == pdu->stringValue();
   }
   void run() {
-    exchange();
+    if (exchange()) {
+      clientPam->idleTimeoutIs(std::chrono::seconds(9));
+      clientPam->close();
+    }
     serverPam = nullptr;  // the end of the stream
     loop.poll();
     if (clientPam) clientPam->rxPkt();

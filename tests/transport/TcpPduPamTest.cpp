@@ -206,6 +206,74 @@ TEST_P(TcpPduPamTest, EachRequestInEachModeIsAppliedNowOrBehindTheTransferInFlig
   }
 }
 
+// The end --------------------------------------------------------------------------------------------------
+
+TEST_P(TcpPduPamTest, EndsInOrderWhenAllIsSentAndThePeerHasClosedToo) {
+  for (const bool peerFirst : {false, true}) {
+    PamEnd end(GetParam(), kSmall, kSmall);
+    end.open();
+    const std::string sent = end.fill();
+    const auto ended = [&] {
+      char octet;
+      return recv(end.peer(), &octet, 1, 0) == 0;
+    };
+    const auto hearsTheEnd = [&] {
+      shutdown(end.peer(), SHUT_WR);
+      EXPECT_TRUE(end.loop.runUntil([&] { return !end.pam->rxErrorReason().empty(); }));
+    };
+    if (peerFirst) hearsTheEnd();
+    int told = 0;
+    const Kiv::Reactor onSent(end.pam->allSentCount, [&] { ++told; });
+    const Kiv::Reactor onClosed(end.pam->closed, [&] { ++told; });
+    end.pam->close();
+    end.pam->close();
+    EXPECT_TRUE(end.pam->closing() && !end.pam->writable() && !end.pam->closed());
+    EXPECT_TRUE(end.peerReceives(sent.size()) == sent);
+    EXPECT_TRUE(end.loop.runUntil(ended));
+    EXPECT_EQ(end.pam->allSentCount(), 1u);
+    EXPECT_EQ(end.pam->closed(), peerFirst);
+    if (!peerFirst) {
+      end.peerSends(pduOf(40));  // goes on receiving
+      EXPECT_TRUE(end.receives(1));
+      hearsTheEnd();
+    }
+    EXPECT_TRUE(end.pam->closed() && !end.pam->closing());
+    EXPECT_EQ(end.pam->rxErrorReason(), "Connection closed by peer");
+    EXPECT_EQ(told, 2);
+  }
+}
+
+TEST_P(TcpPduPamTest, EndsInTime) {
+  if (foreign) return;  // deadlines are the activity loop's
+  Kiv::ActivityLoop& loop = Kiv::activityLoop();
+  loop.simulatedTimeIs(true);
+  enum Deadline { idle, write, peerSilent, unsent };
+  for (const Deadline deadline : {idle, write, peerSilent, unsent}) {
+    SCOPED_TRACE(deadline);
+    PamEnd end(GetParam(), kSmall, kSmall);
+    TcpPduPam& pam = *end.pam;
+    if (deadline == idle) pam.idleTimeoutIs(std::chrono::seconds(5));
+    if (deadline == write) pam.writeTimeoutIs(std::chrono::seconds(5));
+    end.open();
+    loop.runFor(4);
+    if (deadline == idle) end.peerSends(pduOf(30));
+    loop.poll();
+    if (deadline == write || deadline == unsent) end.fill();
+    if (deadline >= peerSilent) pam.close();
+    const auto over = [&] { return !pam.rxErrorReason().empty() || !pam.txErrorReason().empty(); };
+    const Kiv::Time start = loop.now();
+    EXPECT_TRUE(loop.runUntil(over, 100));
+    EXPECT_EQ(loop.now() - start, std::chrono::seconds(5));
+    const bool sending = deadline == write || deadline == unsent;
+    EXPECT_EQ(pam.rxErrorReason(), sending ? "" : deadline == idle ? "Idle timeout" : "Close timeout");
+    EXPECT_EQ(pam.txErrorReason(), sending ? "Connection timed out" : "");
+    EXPECT_EQ(sending ? pam.txErrno() : pam.rxErrno(), ETIMEDOUT);
+    EXPECT_EQ(pam.closed(), deadline >= peerSilent);
+    EXPECT_THROW(pam.idleTimeoutIs(std::chrono::seconds(-1)), Kiv::RangeException);
+  }
+  loop.simulatedTimeIs(false);
+}
+
 // Variations do not matter to these ------------------------------------------------------------------------
 
 const Variation kPlain = variations()[0];

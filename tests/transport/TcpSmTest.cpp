@@ -76,7 +76,7 @@ struct SimulatedTime {
 TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
   const auto sm = tcpClientSmFactory("client");
   const auto server = tcpServerSmFactory("server");
-  TcpOptions& options = *sm->options();
+  TcpSocketOptions& options = *sm->options();
   const auto enable = [&] { sm->enabledIs(true); };
   const struct {
     std::function<void()> act;
@@ -93,16 +93,18 @@ TEST(TcpSm, RefusesWhatCannotWorkAndStaysDisabled) {
       {[&] { sm->closeTimeoutIs(0s); }, "TcpClientSm::closeTimeout <= 0 not allowed"},
       {[&] { sm->stableTimeIs(-1s); }, "TcpClientSm::stableTime < 0 not allowed"},
       {[&] { server->acceptPauseIs(0s); }, "TcpServerSm::acceptPause <= 0 not allowed"},
-      {[&] { options.dscpIs(64); }, "TcpOptions::dscp < -1 or > 63 not allowed"},
-      {[&] { options.ttlIs(0); }, "TcpOptions::ttl < 1 or > 255 not allowed"},
-      {[&] { options.minTtlIs(256); }, "TcpOptions::minTtl < 0 or > 255 not allowed"},
-      {[&] { options.gtsmIs(0); }, "TcpOptions::gtsm < 1 or > 255 not allowed"},
-      {[&] { options.userTimeoutIs(1us); }, "TcpOptions::userTimeout < 1 ms or > 2147483647 ms not allowed"},
+      {[&] { options.dscpIs(64); }, "TcpSocketOptions::dscp < -1 or > 63 not allowed"},
+      {[&] { options.ttlIs(0); }, "TcpSocketOptions::ttl < 1 or > 255 not allowed"},
+      {[&] { options.minTtlIs(256); }, "TcpSocketOptions::minTtl < 0 or > 255 not allowed"},
+      {[&] { options.gtsmIs(0); }, "TcpSocketOptions::gtsm < 1 or > 255 not allowed"},
+      {[&] { options.userTimeoutIs(1us); },
+       "TcpSocketOptions::userTimeout < 1 ms or > 2147483647 ms not allowed"},
       {[&] { options.md5KeyIs(IpGenAddr("::1"), ""); },
-       "TcpOptions: key of 0 or more than 80 octets not allowed"},
+       "TcpSocketOptions: key of 0 or more than 80 octets not allowed"},
       {[&] { options.md5KeyIs(IpGenAddr("::1"), std::string(81, 'x')); },
-       "TcpOptions: key of 0 or more than 80 octets not allowed"},
-      {[&] { options.md5KeyIs(IpGenAddr(), "x"); }, "TcpOptions: key for peers without family not allowed"},
+       "TcpSocketOptions: key of 0 or more than 80 octets not allowed"},
+      {[&] { options.md5KeyIs(IpGenAddr(), "x"); },
+       "TcpSocketOptions: key for peers without family not allowed"},
       {[&] { options.aoKeyIs(IpGenAddr("::1"), {.key = "x", .algorithm = std::string(64, 'x')}); },
        "TcpAoKey::algorithm of 0 or more than 63 octets not allowed"},
   };
@@ -128,7 +130,7 @@ int optionOf(int fd, int level, int option) {
 TEST(TcpSm, SetsOptionsBeforeItConnectsAndAcceptedConnectionsInheritThem) {
   for (const bool v6 : {false, true}) {
     const int network = v6 ? IPPROTO_IPV6 : IPPROTO_IP;
-    using Options = TcpOptions;
+    using Options = TcpSocketOptions;
     const struct {
       std::function<void(Options&)> set;
       int level, option, value;
@@ -185,8 +187,8 @@ TEST(TcpSm, SetsOptionsBeforeItConnectsAndAcceptedConnectionsInheritThem) {
 TEST(TcpServerSm, TakesKeysAndDropsThemWhileItListens) {
   Server server;
   server.open();
-  const Kiv::Ptr<TcpOptions> options = server.sm->options();
-  TcpOptions& keys = *options;
+  const Kiv::Ptr<TcpSocketOptions> options = server.sm->options();
+  TcpSocketOptions& keys = *options;
   const auto meets = [&](const char* key, bool wanted) {
     const auto sm = client(server.sm->listeningPort());
     sm->connectTimeoutIs(wanted ? 30s : 100ms);

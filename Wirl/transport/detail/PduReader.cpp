@@ -14,7 +14,8 @@ namespace detail {
 
 TcpPduPamReadReturn PduReader::Outcome::value() const {
   if (!reason) return {result, {}};
-  return {result, error == 0 ? Kiv::String(reason) : Kiv::String(reason + std::to_string(error))};
+  const std::string text = reason;
+  return {result, text.ends_with(' ') ? text + std::to_string(error) : text};
 }
 
 }  // namespace detail

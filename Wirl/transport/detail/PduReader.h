@@ -31,8 +31,8 @@ class PduReader {
   };
   struct Outcome {
     Result result;
-    int error = 0;                 // errno, appended to the reason; 0 for none
-    const char* reason = nullptr;  // of an error
+    int error = 0;                 // errno; 0 for none
+    const char* reason = nullptr;  // of an error; the errno is appended where it ends in a space
     U32 received = 0;              // octets
     U16 total = 0;                 // what the framing said then
     TcpPduPamReadReturn value() const;
@@ -56,6 +56,12 @@ class PduReader {
   }
   void clear() noexcept {
     take();
+    ahead_.clear();
+  }
+
+  /// Keeps what arrived of the PDU, to be looked at, and nothing behind it.
+  void giveUp() noexcept {
+    lacks_ = 0;
     ahead_.clear();
   }
 
@@ -117,7 +123,7 @@ void PduReader::begin(U32 max, Size size) {
 // misprediction.
 template <typename Size>
 [[gnu::always_inline]] inline PduReader::Outcome PduReader::read(int socket, Take take, U32 max, Size size) {
-  if (!pdu_) return {Result::error, 0, "Failed to allocate packet"};
+  if (!pdu_) return {Result::error, ENOMEM, "Failed to allocate packet"};
   Pkt& pkt = *pdu_;
   const U16 wanted = lacks_;
   const ssize_t received = receive(socket, take, pkt.newSharedTailData(wanted), wanted);
@@ -139,7 +145,7 @@ template <typename Size>
   const U32 here = pkt.frontBytes();
   const U32 count = static_cast<U32>(received);
   if (tooBig_ || std::max<U32>(total, here) > max) [[unlikely]]
-    return {Result::error, 0, "PDU length too big", count, total};
+    return {Result::error, EMSGSIZE, "PDU length too big", count, total};
   lacks_ = total > here ? static_cast<U16>(total - here) : U16{0};
   return {lacks_ > 0 ? Result::readMoreData : Result::fullPduRead, 0, nullptr, count, total};
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Wirl/transport/TcpOptions.h"
+#include "Wirl/transport/TcpSocketOptions.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -60,68 +60,68 @@ void checkRange(S32 value, S32 min, S32 max, const char* text) {
 
 }  // namespace
 
-TcpOptions::~TcpOptions() = default;
+TcpSocketOptions::~TcpSocketOptions() = default;
 
-void TcpOptions::dscpIs(S32 value) {
-  checkRange(value, -1, 63, "TcpOptions::dscp < -1 or > 63 not allowed");
+void TcpSocketOptions::dscpIs(S32 value) {
+  checkRange(value, -1, 63, "TcpSocketOptions::dscp < -1 or > 63 not allowed");
   dscp.set(value);
 }
 
-void TcpOptions::ttlIs(S32 value) {
-  if (value != -1) checkRange(value, 1, 255, "TcpOptions::ttl < 1 or > 255 not allowed");
+void TcpSocketOptions::ttlIs(S32 value) {
+  if (value != -1) checkRange(value, 1, 255, "TcpSocketOptions::ttl < 1 or > 255 not allowed");
   ttl.set(value);
 }
 
-void TcpOptions::minTtlIs(S32 value) {
-  checkRange(value, 0, 255, "TcpOptions::minTtl < 0 or > 255 not allowed");
+void TcpSocketOptions::minTtlIs(S32 value) {
+  checkRange(value, 0, 255, "TcpSocketOptions::minTtl < 0 or > 255 not allowed");
   minTtl.set(value);
 }
 
-void TcpOptions::userTimeoutIs(Kiv::Time time) {
+void TcpSocketOptions::userTimeoutIs(Kiv::Time time) {
   const bool fits = time == Kiv::Time::zero() ||
                     (time >= std::chrono::milliseconds(1) && time <= std::chrono::milliseconds(INT_MAX));
-  if (!fits) throw Kiv::RangeException("TcpOptions::userTimeout < 1 ms or > 2147483647 ms not allowed");
+  if (!fits) throw Kiv::RangeException("TcpSocketOptions::userTimeout < 1 ms or > 2147483647 ms not allowed");
   userTimeout.set(time);
 }
 
-void TcpOptions::gtsmIs(S32 hops) {
-  checkRange(hops, 1, 255, "TcpOptions::gtsm < 1 or > 255 not allowed");
+void TcpSocketOptions::gtsmIs(S32 hops) {
+  checkRange(hops, 1, 255, "TcpSocketOptions::gtsm < 1 or > 255 not allowed");
   Change change(this);
   change.put(ttl, 255);
   change.put(minTtl, 256 - hops);
   change.tell();
 }
 
-bool TcpOptions::Key::replaces(const Key& other) const noexcept {
+bool TcpSocketOptions::Key::replaces(const Key& other) const noexcept {
   return peers == other.peers && ao == other.ao && key.sendId == other.key.sendId &&
          key.recvId == other.key.recvId;
 }
 
-void TcpOptions::md5KeyIs(const IpGenPrefix& peers, const Kiv::String& key) {
+void TcpSocketOptions::md5KeyIs(const IpGenPrefix& peers, const Kiv::String& key) {
   keyIs({peers, false, {.key = key}});
 }
 
-void TcpOptions::md5KeyDel(const IpGenPrefix& peers) {
+void TcpSocketOptions::md5KeyDel(const IpGenPrefix& peers) {
   keyDel({peers, false, {}});
 }
 
-void TcpOptions::aoKeyIs(const IpGenPrefix& peers, const TcpAoKey& key) {
+void TcpSocketOptions::aoKeyIs(const IpGenPrefix& peers, const TcpAoKey& key) {
   if (key.algorithm.empty() || key.algorithm.bytes() >= sizeof(AoAdd::algorithm)) {
     throw Kiv::RangeException("TcpAoKey::algorithm of 0 or more than 63 octets not allowed");
   }
   keyIs({peers, true, key});
 }
 
-void TcpOptions::aoKeyDel(const IpGenPrefix& peers, Kiv::U8 sendId, Kiv::U8 recvId) {
+void TcpSocketOptions::aoKeyDel(const IpGenPrefix& peers, Kiv::U8 sendId, Kiv::U8 recvId) {
   keyDel({peers, true, {.sendId = sendId, .recvId = recvId, .key = {}}});
 }
 
-void TcpOptions::keyIs(Key key) {
+void TcpSocketOptions::keyIs(Key key) {
   if (key.peers.af() == AddressFamily::ipunknown) {
-    throw Kiv::RangeException("TcpOptions: key for peers without family not allowed");
+    throw Kiv::RangeException("TcpSocketOptions: key for peers without family not allowed");
   }
   if (key.key.key.empty() || key.key.key.bytes() > kMaxKey) {
-    throw Kiv::RangeException("TcpOptions: key of 0 or more than 80 octets not allowed");
+    throw Kiv::RangeException("TcpSocketOptions: key of 0 or more than 80 octets not allowed");
   }
   const auto former = std::find_if(keys_.begin(), keys_.end(), [&](const Key& k) { return key.replaces(k); });
   if (former == keys_.end()) {
@@ -134,12 +134,12 @@ void TcpOptions::keyIs(Key key) {
   keyChanges.set(keyChanges() + 1);
 }
 
-void TcpOptions::keyDel(const Key& key) {
+void TcpSocketOptions::keyDel(const Key& key) {
   if (std::erase_if(keys_, [&](const Key& k) { return key.replaces(k); }) > 0)
     keyChanges.set(keyChanges() + 1);
 }
 
-const char* TcpOptions::apply(int fd, AddressFamily af) const noexcept {
+const char* TcpSocketOptions::apply(int fd, AddressFamily af) const noexcept {
   const bool v6 = af == AddressFamily::ipv6;
   const int network = v6 ? IPPROTO_IPV6 : IPPROTO_IP;
   const struct {
@@ -171,7 +171,7 @@ const char* TcpOptions::apply(int fd, AddressFamily af) const noexcept {
   return nullptr;
 }
 
-const char* TcpOptions::applyKey(int fd, const Key& key, bool on) noexcept {
+const char* TcpSocketOptions::applyKey(int fd, const Key& key, bool on) noexcept {
   const Kiv::U8 length = static_cast<Kiv::U8>(key.peers.len());
   const Kiv::String& secret = key.key.key;
   if (!key.ao) {
@@ -205,7 +205,7 @@ const char* TcpOptions::applyKey(int fd, const Key& key, bool on) noexcept {
   return request(fd, kTcpAoAddKey, ao) ? nullptr : "setsockopt(TCP_AO_ADD_KEY)";
 }
 
-const char* TcpOptions::keysApply(int fd, const Keys& former, const Keys& wanted) noexcept {
+const char* TcpSocketOptions::keysApply(int fd, const Keys& former, const Keys& wanted) noexcept {
   const char* failed = nullptr;
   // Both lists have the order in which the keys came.
   auto next = wanted.begin();
@@ -222,7 +222,7 @@ const char* TcpOptions::keysApply(int fd, const Keys& former, const Keys& wanted
   return failed;
 }
 
-TcpOptions::Keys TcpOptions::keysFor(AddressFamily af, const IpGenAddr& peer) const {
+TcpSocketOptions::Keys TcpSocketOptions::keysFor(AddressFamily af, const IpGenAddr& peer) const {
   Keys keys;
   std::copy_if(keys_.begin(), keys_.end(), std::back_inserter(keys), [&](const Key& key) {
     return key.peers.af() == af && (peer.af() == AddressFamily::ipunknown || key.peers.contains(peer));

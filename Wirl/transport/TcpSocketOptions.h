@@ -33,9 +33,9 @@ struct TcpAoKey {
 /// the exception: a server adds them to its listening socket, and removes them there, at once. If the kernel
 /// refuses an option, the machine does not use the socket: that counts as a failure and names the call, for
 /// example "setsockopt(TCP_MD5SIG_EXT)".
-class KIV_API TcpOptions final : public Kiv::Entity {
+class KIV_API TcpSocketOptions final : public Kiv::Entity {
  public:
-  KIV_ENTITY(TcpOptions, Kiv::Entity)
+  KIV_ENTITY(TcpSocketOptions, Kiv::Entity)
   /// TCP_NODELAY: small packets go out at once instead of waiting for the peer's acknowledgment.
   KIV_ATTR(bool, noDelay, true)
   /// Differentiated services code point, 0 to 63; -1: the system's.
@@ -54,8 +54,8 @@ class KIV_API TcpOptions final : public Kiv::Entity {
   KIV_ATTR_READ(U32, keyChanges, 0)
   KIV_ATTR_DERIVED(U32, keys)
 
-  explicit TcpOptions(Kiv::String name) : Entity(std::move(name)) {}
-  ~TcpOptions() override;
+  explicit TcpSocketOptions(Kiv::String name) : Entity(std::move(name)) {}
+  ~TcpSocketOptions() override;
 
   /// Throw `Kiv::RangeException` for a value outside of the range above.
   void dscpIs(S32 value);
