@@ -44,6 +44,11 @@ class Collector : public benchmark::BenchmarkReporter {
         sizes[run.run_name.function_name] = bytes->second;
         continue;
       }
+      const auto own = run.counters.find("nanoseconds");
+      if (own != run.counters.end()) {
+        times[run.run_name.function_name].push_back(own->second);
+        continue;
+      }
       // A body may count several pieces of work an iteration.
       const auto items = run.counters.find("items_per_second");
       times[run.run_name.function_name].push_back(items != run.counters.end()

@@ -23,7 +23,8 @@ inline Target timesFaster(double ratio) {
 }
 
 /// A row of the table: ours and a peer (or floor) doing the same work in the same run, repetitions of the two
-/// interleaved. Call it before main, through `BENCH_ROWS`.
+/// interleaved. The time is that of the wall clock, or the counter "nanoseconds" where the body sets it. Call
+/// it before main, through `BENCH_ROWS`.
 void compare(std::string work, Body ours, std::string peer, Body theirs, Target target);
 
 /// A figure with no peer, for the table's foot: the time, or the counter "bytes" where the body sets it, of

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <stdexcept>
 
 namespace bench {
 
@@ -20,7 +21,20 @@ std::size_t allocated() {
   return rte_malloc_get_socket_stats(0, &stats) == 0 ? stats.heap_allocsz_bytes : 0;
 }
 
-constexpr std::uint32_t kGroups = 1 << 16;
+/// How many tables of eight bits the routes need: one for each prefix of 24, 32, 40... bits that longer ones
+/// begin with. Routes are in order, so equal beginnings are neighbours.
+std::uint32_t groupsOf(const PeerRoute* routes, std::size_t count) {
+  std::uint32_t groups = 0;
+  for (std::size_t octets = 3; octets < 16; ++octets) {
+    const PeerRoute* last = nullptr;
+    for (const PeerRoute* at = routes; at != routes + count; ++at) {
+      if (at->len <= octets * 8) continue;
+      groups += !last || std::memcmp(last->address, at->address, octets) != 0;
+      last = at;
+    }
+  }
+  return groups;
+}
 
 /// What `rte_lpm_add` does to the tables, without its search for the rule from end to end, which takes hours
 /// for this many. A route comes behind those that cover it.
@@ -40,7 +54,7 @@ void fill(rte_lpm& lpm, const PeerRoute* routes, std::size_t count) {
       continue;
     }
     rte_lpm_tbl_entry& first = lpm.tbl24[ip >> 8];
-    if (!first.valid_group && groups < kGroups) {
+    if (!first.valid_group) {
       for (unsigned k = 0; k < 256; ++k) {
         lpm.tbl8[groups * 256 + k] = first;
         lpm.tbl8[groups * 256 + k].valid_group = 1;
@@ -52,6 +66,24 @@ void fill(rte_lpm& lpm, const PeerRoute* routes, std::size_t count) {
     for (std::uint32_t k = 0; k < 1u << (32 - len); ++k)
       lpm.tbl8[first.next_hop * 256 + (ip & 255) + k] = entry;
   }
+}
+
+/// Null where there are too few tables for the routes.
+rte_fib6* fib(const PeerRoute* routes, std::size_t count, std::uint32_t tables) {
+  rte_fib6_conf config{};
+  config.type = RTE_FIB6_TRIE;
+  config.default_nh = 0;
+  config.max_routes = 300'000;
+  config.trie.nh_sz = RTE_FIB6_TRIE_4B;
+  config.trie.num_tbl8 = tables;
+  auto* const fib = rte_fib6_create("bench6", 0, &config);
+  for (std::size_t i = 0; fib && i < count; ++i) {
+    if (rte_fib6_add(fib, routes[i].address, routes[i].len, routes[i].value) == 0) continue;
+    rte_fib6_free(fib);
+    return nullptr;
+  }
+  if (!fib) throw std::runtime_error("rte_fib6_create");
+  return fib;
 }
 
 }  // namespace
@@ -70,19 +102,13 @@ bool RoutePeer::available() {
 RoutePeer::RoutePeer(bool v6, const PeerRoute* routes, std::size_t count) : v6_(v6) {
   if (!available()) return;
   const std::size_t before = allocated();
+  const std::uint32_t groups = groupsOf(routes, count) + 16;
   if (v6) {
-    rte_fib6_conf config{};
-    config.type = RTE_FIB6_TRIE;
-    config.default_nh = 0;
-    config.max_routes = 300'000;
-    config.trie.nh_sz = RTE_FIB6_TRIE_4B;
-    config.trie.num_tbl8 = 1 << 19;
-    auto* const fib = rte_fib6_create("bench6", 0, &config);
-    table_ = fib;
-    for (std::size_t i = 0; fib && i < count; ++i)
-      rte_fib6_add(fib, routes[i].address, routes[i].len, routes[i].value);
+    // It wants more tables than the routes need in the end, so ask for as many as it takes.
+    for (std::uint32_t tables = groups; !(table_ = fib(routes, count, tables)); tables += tables / 4) {
+    }
   } else {
-    rte_lpm_config config{1'100'000, kGroups, 0};
+    rte_lpm_config config{1'100'000, groups, 0};
     auto* const lpm = rte_lpm_create("bench4", 0, &config);
     table_ = lpm;
     if (lpm) fill(*lpm, routes, count);
