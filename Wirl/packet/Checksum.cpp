@@ -25,10 +25,10 @@ namespace {
 
 constexpr bool kBigEndian = std::endian::native == std::endian::big;
 
-// Exact sums. As many words as a vector holds go at once, in lanes of 16 bits: the words as the machine reads
-// them, modulo 2^16, and apart from them their upper octets. What the lower octets add up to is the
-// difference. So neither the machine's order of octets nor a carry between words matters. The vectors are the
-// compiler's own: one source for every instruction set.
+// Exact sums, a vector of 16-bit lanes at a time. One vector adds the words as the machine reads them, modulo
+// 2^16; another adds their upper octets. The difference is the sum of the lower octets. So neither the byte
+// order of the machine nor a carry between words matters. The compiler's own vector types give one source for
+// every instruction set.
 
 constexpr std::size_t kVector = 16;  // the smallest
 constexpr std::size_t kShort = 255;  // up to here the smallest is the fastest
@@ -38,7 +38,7 @@ constexpr bool kHasVectors = false;  // they are in the kernels only
 constexpr bool kHasVectors = true;
 #endif
 
-/// Takes what is wanted from a vector that reaches further back.
+/// Masks that keep the last bytes of a vector that begins earlier.
 struct LastOctets {
   constexpr LastOctets() noexcept {
     for (std::size_t i = kZeros; i < sizeof(octets); ++i) octets[i] = 0xff;
@@ -57,7 +57,7 @@ class Lanes {
   /// A lane then holds less than 2^15.
   static constexpr std::size_t kMost = 128;
 
-  /// Takes vectors and goes behind them.
+  /// Adds vectors and moves behind them.
   template <int count>
   [[gnu::always_inline]] void take(const U8*& data) noexcept {
     for (int i = 0; i < count; ++i, data += Size) {
@@ -143,7 +143,7 @@ template <std::size_t Size>
   return static_cast<U32>(sums) + static_cast<U32>(sums >> 32);
 }
 
-/// What is worth a vector, but not the call of a wider one.
+/// Long enough for a vector, too short for the call of a wider one.
 [[gnu::always_inline]] inline bool forVectorsAtHand(std::size_t bytes) noexcept {
   return kHasVectors && bytes > kVector && bytes <= kShort && bytes % 2 == 0;
 }
@@ -151,7 +151,7 @@ template <std::size_t Size>
 /// More than one vector and at most kShort bytes.
 [[gnu::always_inline]] inline U32 sumOfShort(const U8* data, std::size_t bytes) noexcept {
   Lanes<kVector> lanes;
-  // The last vector goes first: it may be one of which only a part is new.
+  // Add the last vector first: only a part of it may be new.
   const std::size_t others = bytes - 1;
   lanes.takeLast(data + bytes, others % kVector + 1);
   lanes.take<1>(data);
@@ -171,7 +171,7 @@ template <std::size_t Size>
   if (bytes <= kVector) return sumOfFewWords(data, bytes);
   if (bytes <= kShort) return sumOfShort(data, bytes);
   typename Lanes<Size>::Pairs total{};
-  // Two, so that an addition need not wait for the one before.
+  // Two accumulators, so that an addition need not wait for the previous one.
   Lanes<Size> even;
   Lanes<Size> odd;
   even.takeLast(data + bytes, (bytes - 1) % Size + 1);
@@ -252,7 +252,7 @@ U32 chooseAndSum(const U8* data, std::size_t bytes) noexcept {
 
 }  // namespace
 
-// Aligned: where they happen to lie takes up to two thirds more time otherwise.
+// Aligned: at an unlucky address the loops take up to two thirds more time.
 
 [[gnu::aligned(64)]] U32 ipChecksumChunk(const char* data, U16 len, U32 sum) {
   if (!forVectorsAtHand(len)) return sumByKernel(data, len, sum);

@@ -15,7 +15,7 @@ namespace Wirl {
 /// Family of a generic address. The text of each is its name here.
 enum class AddressFamily : Kiv::U32 { ipunknown = 0, ipv4 = 1, ipv6 = 2 };
 
-/// Also of a number that is no family: then that of `ipunknown`.
+/// The text of the family; that of `ipunknown` for a number that is no family.
 KIV_API std::string_view addressFamilyText(AddressFamily af) noexcept;
 /// The family that the whole of `text` names, or nothing.
 KIV_API std::optional<AddressFamily> addressFamilyFromText(std::string_view text) noexcept;

@@ -18,8 +18,8 @@
 
 namespace Wirl {
 
-/// Ethernet (48-bit IEEE MAC) address: exactly its six octets in wire order, without alignment, so that it
-/// can stand inside header images and be copied to and from frames. Default 00:00:00:00:00:00.
+/// Ethernet (48-bit IEEE MAC) address. The object is its six octets in wire order with alignment 1, so it can
+/// be a member of a header image and be copied to and from frames. Default 00:00:00:00:00:00.
 class KIV_API EthAddr : public detail::TextForms<EthAddr> {
  public:
   static constexpr unsigned kTextMax = 17;
@@ -71,8 +71,8 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
   constexpr std::uint32_t station() const noexcept {
     return static_cast<std::uint32_t>(number() & 0xff'ffff);
   }
-  /// The IEEE encapsulation of an EUI-48: ff:ff in the middle and no bit inverted. The interface identifier
-  /// of an IPv6 address is another one.
+  /// The EUI-64 that IEEE makes of an EUI-48: ff:ff in the middle, no bit inverted. This is not the interface
+  /// identifier of an IPv6 address; for that see `ip6LinkLocalFromMac`.
   constexpr Eui64 eui64() const noexcept {
     const auto& o = octets_;
     return Eui64({o[0], o[1], o[2], 0xff, 0xff, o[3], o[4], o[5]});
@@ -81,7 +81,7 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
   /// Six groups of hexadecimal digits joined by colons or by hyphens, or three joined by full stops; any
   /// number of leading zeros.
   static constexpr Kiv::ParseError parse(std::string_view& text, EthAddr& out) noexcept {
-    // Mostly nothing follows, and reading whole texts is several times faster.
+    // Usually no text follows, and the parser for whole texts is several times faster.
     auto taken = take(text);
     if (taken.length == 0) taken = detail::takeHexGroupsLoop(text, 6);
     if (taken.length == 0) [[unlikely]]
@@ -107,7 +107,7 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
     return Kiv::hashMix(static_cast<Kiv::U32>((n >> 32 ^ (n >> 16 & 0xffff)) << 16 | (n & 0xffff)));
   }
   constexpr Kiv::U32 hash(unsigned seed) const noexcept {
-    // The words as they are stored, read as a little-endian machine does: the same value everywhere.
+    // Read the stored words as a little-endian machine does, to get the same hash on every machine.
     Kiv::SeededHash hash(seed);
     for (unsigned i = 0; i < 6; i += 2) hash.add(Kiv::U32{octets_[i]} | Kiv::U32{octets_[i + 1]} << 8);
     return hash.value();
@@ -142,7 +142,7 @@ class KIV_API EthAddr : public detail::TextForms<EthAddr> {
   std::array<Kiv::U8, 6> octets_{};
 };
 
-/// An address and the bits of it that count. Default: matches 00:00:00:00:00:00 exactly.
+/// An address and a mask of the bits to compare. Default: matches 00:00:00:00:00:00 exactly.
 class KIV_API EthAddrWithMask : public detail::TextForms<EthAddrWithMask> {
  public:
   static constexpr Kiv::ParseError kTrailingText = "Invalid EthAddrWithMask";

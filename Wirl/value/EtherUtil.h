@@ -11,7 +11,7 @@ constexpr EthAddr ipMcastMacAddr(const IpAddr& group) noexcept {
   return group.mcastEtherAddress();
 }
 
-/// Whether an IPv4 group may stand behind the address: 01:00:5e and a clear bit.
+/// Whether the address is that of some IPv4 group: 01:00:5e and a clear bit.
 constexpr bool isIpMcastMacAddr(const EthAddr& mac) noexcept {
   return mac.oui() == 0x01'005e && mac.station() <= 0x7f'ffff;
 }

@@ -26,8 +26,7 @@ class KIV_API Eui64U8Key : public detail::TextForms<Eui64U8Key> {
   static constexpr Kiv::ParseError kTrailingText = "Invalid Eui64U8Key";
 
   constexpr Eui64U8Key() noexcept = default;
-  /// Not checked here: the use of an index above 7 is what ends the process. A number that is no octet counts
-  /// as 255.
+  /// Accepts any number; one that does not fit an octet becomes 255. Using an index above 7 ends the process.
   template <std::integral T>
   constexpr Eui64U8Key(T value) noexcept
       : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}
@@ -85,7 +84,7 @@ class KIV_API Eui64 : public detail::TextForms<Eui64> {
   static constexpr Kiv::ParseError parse(std::string_view& text, Eui64& out) noexcept {
     std::array<Kiv::U8, 8> octets{};
     const std::size_t length = detail::takeHexOctets(text, octets.data(), 8);
-    // The message names the other type on purpose: the two share one grammar.
+    // The message names EthAddr on purpose: the two types share one grammar.
     if (length == 0) [[unlikely]]
       return "Invalid EthAddr";
     out.octets_ = octets;

@@ -11,9 +11,10 @@
 #include "Wirl/value/AddressFamily.h"
 #include "Wirl/value/detail/ValueType.h"
 
-// Where the standard library has std::format: every value type formats as its `stringValue()`, with fill,
-// width and precision as strings have them, as in std::format("{:>18}", prefix). Elsewhere this header holds
-// nothing, and `Fmt.h` does the same with the fmt library. Include it beside the types; no other header does.
+// Formatters for std::format, where the standard library has it: every value type formats as its
+// `stringValue()`, with the fill, width and precision of strings, as in std::format("{:>18}", prefix). With
+// other standard libraries this header is empty; `Fmt.h` does the same for the fmt library. No other header
+// includes this one.
 
 #ifdef __cpp_lib_format
 

@@ -82,7 +82,7 @@ class KIV_API InterfaceName : public detail::TextForms<InterfaceName> {
 
  private:
   static constexpr bool isOfName(char c) noexcept {
-    // White space of Latin-1 is what the kernel means by it.
+    // The kernel's isspace() means white space of Latin-1.
     return c != '\0' && c != '/' && c != ':' && c != ' ' && (c < '\t' || c > '\r') && c != '\xa0';
   }
 

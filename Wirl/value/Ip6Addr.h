@@ -31,7 +31,7 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
   static constexpr Kiv::ParseError kOutOfRange = "Ip6AddrU8Key::value < 0 or > 15 not allowed";
 
   constexpr Ip6AddrU8Key() noexcept = default;
-  /// Not checked here: the use of an index above 15 is what throws. A number that is no octet counts as 255.
+  /// Accepts any number; one that does not fit an octet becomes 255. Using an index above 15 throws.
   template <std::integral T>
   constexpr Ip6AddrU8Key(T value) noexcept
       : value_(std::in_range<Kiv::U8>(value) ? static_cast<Kiv::U8>(value) : Kiv::U8{0xff}) {}
@@ -60,8 +60,8 @@ class KIV_API Ip6AddrU8Key : public detail::TextForms<Ip6AddrU8Key> {
   Kiv::U8 value_ = 0;
 };
 
-/// IPv6 address (RFC 4291): exactly its sixteen octets in network order, without alignment, so that it can
-/// stand inside header images and be copied to and from packets. Default ::. Ordered as a number, octet 0
+/// IPv6 address (RFC 4291). The object is its sixteen octets in network order with alignment 1, so it can be
+/// a member of a header image and be copied to and from packets. Default ::. Ordered as a number, octet 0
 /// most significant.
 class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::AddressReckoning<Ip6Addr> {
  public:
@@ -103,7 +103,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   constexpr void u64Is(Kiv::U64 i, Kiv::U64 half) {
     store(8 * index(i, 2, "Ip6Addr::u64Is: index out of range"), half);
   }
-  /// The parts are always there: throw `Kiv::NondeletableAttrException`.
+  /// Always throw `Kiv::NondeletableAttrException`: no part of an address can be deleted.
   [[noreturn]] void u8Del(unsigned i);
   [[noreturn]] void u16Del(unsigned i);
   [[noreturn]] void u64Del(unsigned i);
@@ -190,14 +190,14 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   }
 
   /// Groups of one to four hexadecimal digits, "::" at most once, the last two groups also as dotted decimal.
-  /// At most 45 characters are looked at, the longest that an address needs; the address ends at the first
-  /// one that is no hexadecimal digit, colon or full stop.
+  /// The address ends at the first character that is not a hexadecimal digit, colon or full stop, and after
+  /// 45 characters, the longest text of an address.
   static constexpr Kiv::ParseError parse(std::string_view& text, Ip6Addr& out) noexcept {
     if (!std::is_constant_evaluated()) return parseFast(text, out);
     const detail::Loadable chars(text);
     return parseOutlined(text, chars.text(), detail::ip6OutlineLoop(chars.text()), out);
   }
-  /// The address that the whole of `text` stands for, or nothing: without a look for what is wrong then.
+  /// Parses the whole of `text`. Returns nothing for a bad text, without finding out what is wrong with it.
   static constexpr std::optional<Ip6Addr> fromText(std::string_view text) noexcept {
     if (!std::is_constant_evaluated()) return fromTextFast(text);
     const detail::Loadable chars(text);
@@ -209,7 +209,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   unsigned writeText(char* out) const noexcept;
   /// Eight groups of four digits.
   Kiv::String stringValueExpanded() const;
-  /// As `stringValueIs`, except that the text "::" is refused; other compressed texts serve.
+  /// As `stringValueIs`, but refuses the text "::". Accepts other compressed texts.
   void stringValueExpandedIs(std::string_view text);
 
   constexpr Kiv::U32 hash() const noexcept {
@@ -230,7 +230,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   }
 
  private:
-  /// Of a text as `chars` has it, in one way or another made out.
+  /// Parses `chars`, whose outline was found in one way or another.
   static constexpr Kiv::ParseError parseOutlined(std::string_view& text, std::string_view chars,
                                                  const detail::Ip6Outline& outline, Ip6Addr& out) noexcept {
     unsigned dottedAt = detail::kNowhere;
@@ -251,13 +251,13 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
   static Kiv::ParseError parseFast(std::string_view& text, Ip6Addr& out) noexcept;
   static std::optional<Ip6Addr> fromTextFast(std::string_view text) noexcept;
 
-  /// `i`, where there are `size` of them; else throws.
+  /// Returns `i` if it is below `size`; else throws.
   static constexpr unsigned index(Kiv::U64 i, unsigned size, Kiv::ParseError outOfRange) {
     if (i >= size) [[unlikely]]
       detail::throwRange(outOfRange);
     return static_cast<unsigned>(i);
   }
-  // Spelled out octet by octet: the compilers make one load and one byte swap of each.
+  // Written octet by octet, which compilers turn into one load and one byte swap.
   constexpr Kiv::U32 word(unsigned i) const noexcept {
     return Kiv::U32{octets_[i]} << 24 | Kiv::U32{octets_[i + 1]} << 16 | Kiv::U32{octets_[i + 2]} << 8 |
            octets_[i + 3];

@@ -14,7 +14,7 @@
 
 namespace Wirl {
 
-/// An interface's IPv6 address with its mask length: host bits are kept. Default ::/0.
+/// An interface's IPv6 address with its mask length. Keeps host bits. Default ::/0.
 class KIV_API Ip6AddrWithMask : public detail::Ip6AddrAndLen<Ip6AddrWithMask> {
  public:
   static constexpr Kiv::ParseError kTrailingText = "Ip6AddrWithMask: unexpected trailing characters";
@@ -69,7 +69,7 @@ class KIV_API Ip6AddrWithFullMask : public detail::Ip6TextForms<Ip6AddrWithFullM
     Kiv::U64 len = 0;
     if (const Kiv::ParseError error = Ip6Addr::parse(rest, address)) return error;
     if (!Kiv::takeLiteral(rest, "/")) return "Ip6AddrWithFullMask: mask expected";
-    // No address is made of decimal digits alone, so a length cannot be taken for one.
+    // An address never consists of decimal digits alone, so a length cannot be mistaken for one.
     if (detail::takeIp6MaskLength(rest, len)) {
       mask = Ip6Addr::maskOfLength(static_cast<unsigned>(len));
     } else if (const Kiv::ParseError error = Ip6Addr::parse(rest, mask)) {

@@ -12,8 +12,8 @@
 
 namespace Wirl {
 
-/// IPv6 prefix: an address and a length. Nothing is checked when it is made, from text neither, save that a
-/// length in text is at most 128: `validAsPrefix()` tells. Default ::/0.
+/// IPv6 prefix: an address and a length. Neither the constructors nor the parser check for host bits; only
+/// the parser refuses lengths above 128. Ask `validAsPrefix()`. Default ::/0.
 class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix>,
                           public detail::PrefixReckoning<Ip6Prefix, Ip6Addr> {
  public:

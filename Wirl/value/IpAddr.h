@@ -19,9 +19,9 @@
 
 namespace Wirl {
 
-/// IPv4 address: exactly its four octets in network order, without alignment, so that it can stand inside
-/// header images and be copied to and from packets. Default 0.0.0.0. Ordered as a number, the first octet
-/// most significant.
+/// IPv4 address. The object is its four octets in network order with alignment 1, so it can be a member of a
+/// header image and be copied to and from packets. Default 0.0.0.0. Ordered as a number, the first octet most
+/// significant.
 class KIV_API IpAddr : public detail::TextForms<IpAddr>, public detail::AddressReckoning<IpAddr> {
  public:
   static constexpr unsigned kTextMax = 15;
@@ -83,11 +83,11 @@ class KIV_API IpAddr : public detail::TextForms<IpAddr>, public detail::AddressR
   /// 169.254.0.0/16.
   constexpr bool isLinkLocal() const noexcept { return hostOrder() >> 16 == 0xa9fe; }
   constexpr bool isLinkLocalUnicast() const noexcept { return isLinkLocal(); }
-  /// 240.0.0.0 to 255.255.255.254, unless the feature toggle `Ipv4Routable240ClassE` (file "Wirl.json") makes
-  /// these addresses ordinary. The toggle is read once, by the first call in the process.
+  /// 240.0.0.0 to 255.255.255.254. Always false when the feature toggle `Ipv4Routable240ClassE` (file
+  /// "Wirl.json") is on. The first call in the process reads the toggle.
   bool isReserved() const noexcept;
-  /// Whether all bits of 10.0.0.0, of 172.16.0.0 or of 192.168.0.0 are set. The private ranges of RFC 1918
-  /// are among these addresses, and others are too, as 11.0.0.1; kept so on purpose.
+  /// Whether all bits that are set in 10.0.0.0, in 172.16.0.0 or in 192.168.0.0 are set in the address. True
+  /// for the private ranges of RFC 1918, and for others such as 11.0.0.1. Kept so on purpose.
   constexpr bool isPrivate() const noexcept {
     const auto has = [n = hostOrder()](Kiv::U32 bits) { return (n & bits) == bits; };
     return has(0x0a00'0000) || has(0xac10'0000) || has(0xc0a8'0000);
@@ -179,6 +179,6 @@ KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpAddr& value);
 
 template <>
 struct std::hash<Wirl::IpAddr> {
-  /// What the standard library makes of an integer key.
+  /// Hashes like an integer key of the standard library.
   std::size_t operator()(Wirl::IpAddr value) const noexcept { return value.netOrder(); }
 };

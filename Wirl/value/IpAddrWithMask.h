@@ -18,7 +18,7 @@
 
 namespace Wirl {
 
-/// An interface's IPv4 address with its mask length: host bits are kept, and no length is refused.
+/// An interface's IPv4 address with its mask length. Keeps host bits and accepts any length.
 class KIV_API IpAddrWithMask : public detail::TextForms<IpAddrWithMask> {
  public:
   static constexpr unsigned kTextMax = Prefix::kTextMax;

@@ -23,8 +23,8 @@ namespace Wirl {
 /// An IPv4 or an IPv6 address, tagged by its family; default `ipunknown`, which holds ::. Ordered by family,
 /// then as a number.
 ///
-/// A predicate asks the address of the family. Where it has a meaning for IPv4 only, other families answer
-/// no; else `ipunknown` answers as the IPv6 address :: does.
+/// Each predicate asks the address of the current family. Predicates that only IPv4 has are false for the
+/// other families. For the rest, `ipunknown` answers as the IPv6 address :: does.
 class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr>, public detail::AddressReckoning<IpGenAddr> {
  public:
   static constexpr unsigned kTextMax = Ip6Addr::kTextMax;
@@ -47,7 +47,7 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr>, public detail:
   constexpr AddressFamily af() const noexcept { return af_; }
   /// 0.0.0.0 when the family is another one.
   constexpr IpAddr v4Addr() const noexcept {
-    // The octets behind the first four are zero, but not those of the other families.
+    // An `ipv4` address has zeros behind its four octets; the other families may have any octets there.
     return isV4() ? IpAddr::fromHostOrder(static_cast<Kiv::U32>(storage_.u64(0) >> 32)) : IpAddr();
   }
   /// :: when the family is another one.
@@ -66,8 +66,8 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr>, public detail:
   constexpr EthAddr mcastEtherAddress() const noexcept {
     return isV4() ? v4Addr().mcastEtherAddress() : storage_.mcastEtherAddress();
   }
-  /// Leading bits in which the two agree, by the family of this one; the other counts as zero when it is of
-  /// another family.
+  /// Number of leading bits in which the two agree, up to the size of this one's family. If `other` has
+  /// another family, compares with the zero address.
   constexpr unsigned longestCommonPrefix(const IpGenAddr& other) const noexcept {
     return isV4() ? v4Addr().longestCommonPrefix(other.v4Addr())
                   : v6Addr().longestCommonPrefix(other.v6Addr());
@@ -152,7 +152,7 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr>, public detail:
     }
     return kTrailingText;
   }
-  /// Finds no reason for a refusal, which takes as long as several addresses.
+  /// Like `parse`, but does not find out why a text is refused: that takes as long as several addresses.
   static constexpr std::optional<IpGenAddr> fromText(std::string_view text) noexcept {
     switch (detail::familyOfText(text)) {
       case AddressFamily::ipv4:

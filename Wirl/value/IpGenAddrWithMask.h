@@ -20,7 +20,7 @@
 
 namespace Wirl {
 
-/// An IPv4 or an IPv6 address with its mask length: host bits are kept. Default `ipunknown` with length 0.
+/// An IPv4 or an IPv6 address with its mask length. Keeps host bits. Default `ipunknown` with length 0.
 class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask> {
  public:
   static constexpr unsigned kTextMax = Ip6Addr::kTextMax + 4;
@@ -92,7 +92,7 @@ class KIV_API IpGenAddrWithMask : public detail::GenTextForms<IpGenAddrWithMask>
 
 namespace detail {
 
-/// What the parts of a text are refused with.
+/// The errors for the parts of a text.
 struct MaskRefusals {
   Kiv::ParseError address;
   Kiv::ParseError mask;
@@ -191,7 +191,7 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   constexpr const IpGenAddr& mask() const noexcept { return mask_; }
 
   constexpr PrefixLen prefixLen() const {
-    // Of an IPv4 mask the octets behind the first four are zero: it has no more leading ones than 32.
+    // An IPv4 mask has zeros behind its four octets, so it has at most 32 leading ones.
     const unsigned ones = mask_.storage().longestCommonPrefix(~Ip6Addr());
     if (mask_.storage() != Ip6Addr::maskOfLength(ones)) return PrefixLen::invalid;
     return ones;
@@ -199,7 +199,7 @@ class KIV_API IpGenAddrWithFullMask : public detail::GenTextForms<IpGenAddrWithF
   constexpr bool hasPrefixRepr() const { return prefixLen() != PrefixLen::invalid; }
 
  private:
-  // In front of its use: clang does not evaluate templates that follow.
+  // Defined before its use: clang does not evaluate a constexpr template that is defined later.
   template <typename Address>
   static constexpr Kiv::ParseError takeMasked(std::string_view& text, const detail::MaskRefusals& refusals,
                                               unsigned maxLen, IpGenAddrWithFullMask& out) noexcept {
@@ -282,7 +282,7 @@ static_assert(std::is_trivially_copyable_v<IpGenAddrWithFullMask> && sizeof(IpGe
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, IpGenAddrWithFullMask::PrefixLen value);
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithMask& value);
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenAddrWithFullMask& value);
-/// What no constructor accepts throws `Kiv::RangeException`.
+/// Throws `Kiv::RangeException` for values that no constructor accepts.
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithFullMask::PrefixLen& value);
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithMask& value);
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenAddrWithFullMask& value);

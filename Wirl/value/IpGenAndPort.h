@@ -42,8 +42,8 @@ class KIV_API IpGenAndPort : public detail::TextForms<IpGenAndPort> {
     return af() == AddressFamily::ipv6 ? Ip6AndPort(ip_.v6Addr(), port_, zone_) : Ip6AndPort();
   }
 
-  /// The socket address, and its length in `length`; nothing for `ipunknown`, and where the zone is a name:
-  /// the kernel takes an index, and this class asks nobody for it.
+  /// The socket address, and its length in `length`. Returns nothing for `ipunknown`, and for a zone that is
+  /// a name: the kernel wants an index, and this class does not look it up.
   std::optional<sockaddr_storage> toSockaddr(socklen_t& length) const noexcept;
   /// Of a socket address of AF_INET or AF_INET6 with `length` octets; nothing for others and for too few
   /// octets.

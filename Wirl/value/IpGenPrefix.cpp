@@ -18,7 +18,7 @@ Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value) {
   IpGenAddr address;
   Kiv::U32 len = 0;
   log >> address >> len;
-  // Only what a constructor makes: unchecked are no more than the values of the types of a family.
+  // Accept only what a constructor makes.
   switch (address.af()) {
     case AddressFamily::ipv4:
       value = Prefix(address.v4Addr(), len);

@@ -18,7 +18,7 @@
 
 namespace Wirl {
 
-/// What generic prefixes have in common: an address, a length, and what can be asked of them.
+/// The common part of generic prefixes: an address, a length, and the questions about them.
 ///
 /// Ordered by family, then by address as a number, then by length, the shorter first: 10.0.0.0/8 sorts before
 /// 10.0.0.0/16. Deliberately not the order of `Prefix` and `Ip6Prefix`.
@@ -43,8 +43,8 @@ class KIV_API IpGenPrefixBase : public detail::GenPrintForms<IpGenPrefixBase> {
   constexpr bool isLinkLocal() const noexcept { return address_.isLinkLocal(); }
   constexpr bool isRoutableMulticast() const noexcept { return address_.isRoutableMulticast(); }
   constexpr bool isUnspecified() const noexcept { return address_.isUnspecified(); }
-  /// Whether an address is of the same family and agrees over the length; never with a length that is longer
-  /// than the addresses of the family.
+  /// Whether an address has the same family and the same first `len()` bits. False if the length is longer
+  /// than an address of the family.
   constexpr bool contains(const IpGenAddr& address) const noexcept {
     return address.af() == af() && len_ <= address_.size() * 8 &&
            address_.longestCommonPrefix(address) >= len_;
@@ -111,8 +111,8 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase,
   /// Without a check: the prefix may be one without length, or have host bits.
   constexpr IpGenPrefix(const Prefix& prefix) noexcept : IpGenPrefixBase(prefix.address(), prefix.len()) {}
   constexpr IpGenPrefix(const Ip6Prefix& prefix) noexcept : IpGenPrefixBase(prefix.address(), prefix.len()) {}
-  /// From the sixteen octets of the storage as four numbers in host order, octet 0 the most significant of
-  /// the first one. Checked as above; octets that the family does not have count as bits behind the length.
+  /// From the sixteen stored octets as four numbers in host order; octet 0 is the most significant octet of
+  /// the first number. Checked as above; octets that the family does not have count as host bits.
   constexpr IpGenPrefix(AddressFamily af, Kiv::U64 len, const std::array<Kiv::U32, 4>& words)
       : IpGenPrefix(addressOfWords(af, words), len) {}
   /// From text as 10.1.0.0/16 or 2001:db8::/32; throws `Kiv::RangeException`.
@@ -163,8 +163,8 @@ class KIV_API IpGenPrefix : public IpGenPrefixBase,
 static_assert(std::is_trivially_copyable_v<IpGenPrefix> && sizeof(IpGenPrefix) == 24);
 
 KIV_API Kiv::NboAttrLog& operator<<(Kiv::NboAttrLog& log, const IpGenPrefixBase& value);
-/// What is no `Prefix` or `Ip6Prefix` of the family, or a bit behind the length of the unknown family, throws
-/// `Kiv::RangeException`.
+/// Throws `Kiv::RangeException` for a value that is not a `Prefix` or `Ip6Prefix` of the family, and for host
+/// bits in the unknown family.
 KIV_API Kiv::NboAttrLog& operator>>(Kiv::NboAttrLog& log, IpGenPrefix& value);
 
 }  // namespace Wirl

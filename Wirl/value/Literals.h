@@ -26,7 +26,7 @@ struct LiteralText {
   char chars[kSize];
 };
 
-/// What the text is of: `V4`, or else `V6`. A text of neither does not compile.
+/// The value of the text: a `V4`, or else a `V6`. A text that is neither does not compile.
 template <typename V4, typename V6, LiteralText text>
 consteval auto literalOf() {
   constexpr bool kIsV4 = V4::fromText(text.view()).has_value();
@@ -44,9 +44,9 @@ inline constexpr auto kLiteral = literalOf<V4, V6, text>();
 
 }  // namespace detail
 
-/// Values as literals: `using namespace Wirl::literals;`. The compiler reads the text, by the grammar of the
-/// type, and refuses what is none: nothing is left to do, or to fail, at run time. Where both families have a
-/// form, the text says which type the literal is of.
+/// Values as literals: `using namespace Wirl::literals;`. The compiler parses the text with the grammar of
+/// the type; a bad text does not compile, and nothing is left to do at run time. Where both families have a
+/// form, the text decides the type of the literal.
 ///
 ///     "10.0.0.0/8"_prefix        Prefix             "2001:db8::/32"_prefix       Ip6Prefix
 ///     "10.0.0.1"_ip              IpAddr             "2001:db8::1"_ip             Ip6Addr

@@ -25,7 +25,7 @@ class KIV_API MplsLabel : public detail::Number<MplsLabel, Kiv::U32, 0xf'ffff> {
 inline constexpr MplsLabel mplsIp4ExplicitNull(0);
 inline constexpr MplsLabel mplsRouterAlert(1);
 inline constexpr MplsLabel mplsIp6ExplicitNull(2);
-/// Stands in signalling for no label, and is in no packet.
+/// Means "no label" in signalling; never in a packet.
 inline constexpr MplsLabel mplsImplicitNull(3);
 /// RFC 6790, RFC 5586.
 inline constexpr MplsLabel mplsEntropyLabelIndicator(7);

@@ -121,15 +121,15 @@ class PrefixMapOfBoth {
 /// A map from prefixes to values: a routing table. `P` is `Prefix`, `Ip6Prefix`, or `IpGenPrefix` for both
 /// families.
 ///
-/// Ordered by family, address, and length, the shorter first, whatever the order of `P` is: a prefix comes
-/// right before what it covers. Keys are valid prefixes; for others the changing members throw
-/// `Kiv::RangeException`, and the asking ones find nothing.
+/// Ordered by family, then by address, then by length, the shorter first: a prefix comes right before those
+/// that it covers. This holds whatever the order of `P` is. Keys must be valid prefixes. With others, members
+/// that change the map throw `Kiv::RangeException`, and members that search find nothing.
 ///
-/// Iterators are positions in that order, not places in memory: they stay valid whatever is inserted and
-/// erased, the prefix they stand on included, but not when the map is assigned to or moved. What an iterator
-/// shows has to be in the map. Pointers and references to values are valid until the next change. An
-/// insertion may throw `std::bad_alloc`, and has changed nothing then; only a copy allocates, too. `T` moves
-/// without exceptions.
+/// An iterator is a position in that order, not a place in memory. It stays valid when prefixes are inserted
+/// or erased, even its own; it becomes invalid when the map is assigned to or moved. Dereferencing it ends the
+/// process if its prefix is not in the map. Pointers and references to values are valid until the next change.
+/// Only insertions and copies allocate; an insertion that throws `std::bad_alloc` changes nothing. `T` must
+/// move without exceptions.
 ///
 /// Threads: as a standard container. For readers in other threads see `PrefixTable`.
 template <typename T, typename P = IpGenPrefix>
@@ -140,7 +140,7 @@ class PrefixMap {
  public:
   using Address = detail::AddressOf<P>;
 
-  /// What a look-up gives: null where nothing was found.
+  /// The result of a look-up; `value` is null if nothing was found.
   template <typename Value>
   struct Result {
     P key;
@@ -150,14 +150,14 @@ class PrefixMap {
     Value& operator*() const noexcept { return *value; }
     Value* operator->() const noexcept { return value; }
   };
-  /// What an iterator shows: `for (auto [prefix, value] : map)`.
+  /// An element, as in `for (auto [prefix, value] : map)`.
   template <typename Value>
   struct Entry {
     P key;
     Value& value;
   };
 
-  /// The value of the prefix, and whether it is new: one that is there keeps its value.
+  /// Returns the value of the prefix, and whether it is new. An existing prefix keeps its value.
   std::pair<T*, bool> insert(const P& key, T value) {
     check(key);
     const auto result = map_.insert(key, std::move(value));
@@ -183,10 +183,10 @@ class PrefixMap {
 
   std::size_t size() const noexcept { return map_.size(); }
   bool empty() const noexcept { return size() == 0; }
-  /// Octets in use, without what the allocator adds and what values own.
+  /// Octets of memory in use, without the allocator's overhead and without memory that values own.
   std::size_t memory() const noexcept { return map_.memory(); }
 
-  /// Exactly this prefix; null where it is not there.
+  /// The value of exactly this prefix, or null.
   T* find(const P& key) noexcept { return isKey(key) ? map_.find(key) : nullptr; }
   const T* find(const P& key) const noexcept { return isKey(key) ? map_.find(key) : nullptr; }
   /// The longest prefix that contains the address.
@@ -266,7 +266,7 @@ class PrefixMap {
   }
 
   /// Calls `visit(prefix, value)` for every prefix that contains the key, itself included, the shortest
-  /// first. It must not change the map.
+  /// first. `visit` must not change the map.
   template <typename Visit>
   void covering(const P& key, Visit visit) const {
     if (!isKey(key)) return;

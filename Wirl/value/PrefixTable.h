@@ -258,8 +258,8 @@ class PrefixTableOfFamily {
 
 }  // namespace detail
 
-/// A `PrefixMap` made for looking up, which gives the value of the longest match and nothing else. It does
-/// not change any more: any number of threads may read it. To replace it while they do, see `LiveTable`.
+/// A `PrefixMap` frozen for fast look-ups: it finds the value of the longest match and nothing else. It never
+/// changes, so any number of threads may read it. To replace it while they do, see `LiveTable`.
 ///
 /// Equal values are kept once where `T` has `==` and `std::hash`: so a table of many routes to few next hops
 /// stays in the caches. At most 2^31 - 1 different values. 900,000 routes of the Internet take 76 octets each,
@@ -271,7 +271,7 @@ class PrefixTable {
 
   /// Nothing matches.
   PrefixTable() = default;
-  /// A copy of all values; the map is not needed any more. Takes time and memory as the map does.
+  /// Copies all values; the map is not needed afterwards.
   explicit PrefixTable(const PrefixMap<T, P>& map) {
     std::vector<typename V4::Route> v4;
     std::vector<typename V6::Route> v6;
@@ -295,8 +295,8 @@ class PrefixTable {
   /// The value of the longest prefix that contains the address; null where none does. Does not allocate.
   const T* longestMatch(const Address& address) const noexcept { return valueOf(number(address)); }
 
-  /// The same for many addresses: `give(index, value)` is called for each in order, with a null value where
-  /// nothing matches. Faster than one by one. Of one family only.
+  /// The same for many addresses, faster than one by one: calls `give(index, value)` for each in order, with
+  /// a null value if nothing matches. For tables of one family only.
   template <typename Give>
   void longestMatches(const Address* addresses, std::size_t count, Give give) const
       requires(!std::same_as<P, IpGenPrefix>) {
@@ -308,7 +308,7 @@ class PrefixTable {
     }
   }
 
-  /// Octets in use, without what the allocator adds and what values own.
+  /// Octets of memory in use, without the allocator's overhead and without memory that values own.
   std::size_t memory() const noexcept { return v4_.memory() + v6_.memory() + values_.capacity() * sizeof(T); }
 
  private:
@@ -362,16 +362,17 @@ class PrefixTable {
 
 /// A table that one thread replaces while others read it.
 ///
-/// Each reading thread has a `Reader`. Asking it for the table costs one load and one compare while nothing
-/// changed; after a change, once, a mutex that is held for the copy of a pointer. Nobody waits while a table
-/// is built, and replaced tables are freed by the thread that replaces, never by a reader.
+/// Each reading thread has a `Reader`. Asking it for the table costs one load and one compare. Only the first
+/// call after a change takes a mutex, which is held just for copying a pointer. Nobody waits while a table is
+/// built, and the thread that replaces a table frees the old one, never a reader.
 template <typename Table>
 class LiveTable {
  public:
   LiveTable() : current_(std::make_shared<const Table>()) {}
 
-  /// Readers see the new table from their next `table()` on. Frees those old ones that no reader holds any
-  /// more; the others later. May throw `std::bad_alloc`, and has replaced nothing then. From any thread.
+  /// From their next `table()` on, readers see the new table. Frees the old tables that no reader holds any
+  /// more; a later call frees the rest. Any thread may call this. `std::bad_alloc` leaves the old table in
+  /// place.
   void replace(Table table) {
     auto next = std::make_shared<const Table>(std::move(table));
     std::vector<std::shared_ptr<const Table>> unused;
@@ -388,7 +389,7 @@ class LiveTable {
     }
   }
 
-  /// How a thread reads; not for several threads at once. Lives no longer than the `LiveTable`.
+  /// For one reading thread. Must not outlive the `LiveTable`.
   class Reader {
    public:
     explicit Reader(const LiveTable& live) : live_(live) { refresh(); }

@@ -10,9 +10,9 @@
 
 namespace Wirl {
 
-/// The fewest prefixes that cover the same addresses, in order of their addresses, IPv4 first. A prefix that
-/// is not valid as one throws `Kiv::RangeException`. `P` is `Prefix`, `Ip6Prefix` or `IpGenPrefix`. n log n
-/// steps, without memory beyond that of the vector.
+/// The fewest prefixes that cover the same addresses, ordered by address, IPv4 first. An invalid prefix
+/// throws `Kiv::RangeException`. `P` is `Prefix`, `Ip6Prefix` or `IpGenPrefix`. Takes O(n log n) steps and no
+/// memory beyond the vector.
 template <typename P>
 std::vector<P> summarised(std::vector<P> prefixes) {
   for (const P& prefix : prefixes) {
@@ -23,8 +23,8 @@ std::vector<P> summarised(std::vector<P> prefixes) {
   std::sort(prefixes.begin(), prefixes.end(), [](const P& a, const P& b) {
     return a.baseAddress() != b.baseAddress() ? a.baseAddress() < b.baseAddress() : a.len() < b.len();
   });
-  // The front of the vector is a stack of what is summarised so far. Two halves become what they are halves
-  // of, and that may be a half, too.
+  // The front of the vector is a stack of the result so far. Two halves on top become their whole, which may
+  // be a half again.
   std::size_t size = 0;
   for (const P& prefix : prefixes) {
     if (size > 0 && prefixes[size - 1].contains(prefix)) continue;
@@ -39,8 +39,8 @@ std::vector<P> summarised(std::vector<P> prefixes) {
   return prefixes;
 }
 
-/// The fewest prefixes that cover all addresses from `first` to `last`, in order. Addresses that are not of
-/// one family, or not in order, throw `Kiv::RangeException`.
+/// The fewest prefixes that cover exactly the addresses from `first` to `last`, in order. Throws
+/// `Kiv::RangeException` if the families differ or `last` is below `first`.
 template <typename P, typename Address>
 std::vector<P> summarisedRange(const Address& first, const Address& last) {
   if (!first.distance(last) || last < first) detail::throwRange("Invalid range to summarise");

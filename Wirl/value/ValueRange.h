@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// Consecutive values from a first to a last one, both included: the addresses of a prefix, or its subnets of
-/// one length. A view: it owns two values, and its iterators may outlive it.
+/// A view of consecutive values from a first to a last one, both included: the addresses of a prefix, or its
+/// subnets of one length. Its iterators may outlive it.
 template <typename T>
 class ValueRange {
  public:
@@ -23,7 +23,7 @@ class ValueRange {
 
     constexpr T operator*() const noexcept { return at_; }
     constexpr Iterator& operator++() noexcept {
-      // There may be no value behind the last one, so the end stays on it.
+      // The last value may have no successor, so the end iterator stays on it.
       past_ = at_ == last_;
       if (!past_) at_ = *at_.next();
       return *this;

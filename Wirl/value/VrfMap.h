@@ -26,8 +26,8 @@ WIRL_STD_HASH(L3::VrfId)
 
 namespace L3 {
 
-/// Which VRF has which number: one name a number, and one number a name. The default VRF is always in it,
-/// with number 0. Ordered by name.
+/// A one-to-one map between VRF names and numbers. It always contains the default VRF, with number 0. Ordered
+/// by name.
 class KIV_API VrfMap {
  public:
   using ConstIterator = std::map<VrfName, VrfId>::const_iterator;
@@ -38,10 +38,10 @@ class KIV_API VrfMap {
   VrfMap(VrfMap&& other) = default;
   VrfMap& operator=(VrfMap other) noexcept;
 
-  /// False, and nothing changed, where the name or the number is taken (by each other: true), and for the
-  /// empty name.
+  /// Returns false and changes nothing if the name is empty, or if the name or the number belongs to another
+  /// entry. Returns true if exactly this entry is there already.
   bool insert(const VrfName& name, VrfId id);
-  /// Gives the name the lowest number that is free, or the one that it has. The empty name has none.
+  /// The number of the name; a new name gets the lowest free number. Nothing for the empty name.
   std::optional<VrfId> insert(const VrfName& name);
   /// True when the name was there; the default VRF stays.
   bool erase(const VrfName& name);

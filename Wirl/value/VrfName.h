@@ -13,7 +13,7 @@ class KIV_API VrfName : public Wirl::detail::BoundedName<VrfName> {
  public:
   static constexpr std::size_t maxLength = 100;
   static constexpr Kiv::ParseError kTooLong = "VrfName::value::bytes > VrfName::maxLength not allowed";
-  /// What the namespace of a VRF has before the VRF's name.
+  /// A VRF's namespace is named by this and the VRF's name.
   static constexpr std::string_view nsPrefix = "ns-";
 
   VrfName() noexcept = default;
@@ -28,7 +28,7 @@ class KIV_API VrfName : public Wirl::detail::BoundedName<VrfName> {
   bool isDefault() const noexcept { return value() == "default"; }
   /// The namespace of the VRF: "default" for the default one, else `nsPrefix` and the name, whatever it is.
   Wirl::NamespaceName nsName() const;
-  /// The VRF of a namespace, which is "default" or begins with `nsPrefix`; anything else ends the process.
+  /// The VRF of a namespace. Ends the process unless the name is "default" or begins with `nsPrefix`.
   static VrfName netNsVrf(const Wirl::NamespaceName& ns);
 };
 

@@ -15,7 +15,7 @@
 
 namespace Wirl::detail {
 
-/// A name of at most `T::maxLength` octets, whatever they are; a longer one is refused with `T::kTooLong`.
+/// A name of at most `T::maxLength` octets of any value. A longer one is refused with `T::kTooLong`.
 /// Ordered octet by octet.
 template <typename T>
 class BoundedName {
@@ -26,7 +26,7 @@ class BoundedName {
   const Kiv::String& stringValue() const noexcept { return value_; }
   explicit operator bool() const noexcept { return !value_.empty(); }
 
-  // A long name is kept on the heap: reading one may throw `std::bad_alloc`, and changes nothing then.
+  // A long name lives on the heap, so reading one may throw `std::bad_alloc`; it then changes nothing.
 
   /// The name that the text is, or nothing when it is too long.
   static std::optional<T> fromText(std::string_view text) {
@@ -42,7 +42,7 @@ class BoundedName {
     value_ = text;
   }
   void stringValueIs(std::nullptr_t) = delete;
-  /// Reads a name in the quotes that it has inside a text representation.
+  /// Reads a quoted name, as in a text representation.
   static Kiv::ParseError parse(std::string_view& text, T& out) {
     std::string_view rest = text;
     Kiv::String name;

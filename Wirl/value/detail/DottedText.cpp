@@ -15,7 +15,8 @@ using Kiv::U32;
 using Kiv::U64;
 using Kiv::U8;
 
-/// Each octet's digits, a full stop and, up to four characters, NULs: the first character least significant.
+/// The digits of each octet and a full stop, filled up to four characters with NULs. The first character is
+/// the least significant.
 struct OctetTexts {
   std::array<U32, 256> text{};
   std::array<U8, 256> length{};  // with the full stop
@@ -50,16 +51,16 @@ Taken takeFourDigits(const char* text) noexcept {
   U32 back;
   std::memcpy(&front, text, 4);
   std::memcpy(&back, text + 3, 4);
-  // What is 0 to 9 for a digit in its place, 0 for a full stop; a sum behind a larger one may be wrong too.
+  // After this each digit is 0 to 9 and each full stop 0. A carry out of one place may falsify the next, but
+  // only if the text is refused anyway.
   const U64 values = (front | U64{back} << 24) ^ 0x0030'2e30'2e30'2e30;
   if (((values | (values + 0x0076'0076'0076'0076)) & 0x0080'ff80'ff80'ff80) != 0) return kNone;
   const U64 pairs = values | values >> 8;
   return {static_cast<U32>((pairs & 0xffff) | (pairs >> 16 & 0xffff'0000)), 7};
 }
 
-/// The ways to lay out four octets of one to three digits: 81. A layout is known by the set of places, of
-/// sixteen, that have no digit, and found by a hash of that set that has no collisions (a collision does not
-/// compile).
+/// The 81 ways to lay out four octets of one to three digits. The set of places without a digit, of sixteen,
+/// identifies a layout. A hash of that set without collisions finds it; a collision does not compile.
 struct Layouts {
   static constexpr U32 slot(U32 others) { return others * 0xe3cf'fe0du >> 24; }
   /// Everything from the end of an address on.
@@ -116,7 +117,7 @@ struct Digits {
   WIRL_SSSE3 U32 dots() const noexcept { return maskOf(_mm_cmpeq_epi8(values, _mm_set1_epi8('.' ^ '0'))); }
 };
 
-/// An address whose places without a digit are `others`, and should be `ends`.
+/// Reads an address. `others` are the places without a digit; they must equal `ends`.
 WIRL_SSSE3 inline Taken takeLayout(const Digits& digits, U32 others, U32 ends, std::size_t end,
                                    std::string_view text, Extent extent) noexcept {
   const U32 slot = Layouts::slot(ends);
@@ -131,7 +132,7 @@ WIRL_SSSE3 inline Taken takeLayout(const Digits& digits, U32 others, U32 ends, s
     const __m128i words = _mm_packs_epi32(octets, octets);
     return {static_cast<U32>(_mm_cvtsi128_si32(_mm_packus_epi16(words, words))), fits ? end : 0};
   }
-  // An octet of more than three digits may still be one, with zeros in front; nothing else can.
+  // Only an octet with leading zeros can still be valid: it may have more than three digits.
   const U32 zeros = maskOf(_mm_cmpeq_epi8(digits.values, _mm_setzero_si128()));
   const U32 digitsToo = ~others;
   // A zero and three more digits.
@@ -153,7 +154,7 @@ Taken takeDottedSsse3(const char* text, std::size_t size) noexcept {
 Taken takeDottedFrontSsse3(const char* text, std::size_t size) noexcept {
   if (size < 7) return kNone;
   const Digits digits(loadText16(text, size));
-  // The fourth character that is no digit ends the address; a set bit 16 stands for those not looked at.
+  // The fourth character that is not a digit ends the address. Bit 16 stands for the text not looked at.
   U32 others = digits.others | 0x1'0000;
   for (unsigned i = 0; i < 3; ++i) others &= others - 1;
   const auto end = static_cast<std::size_t>(std::countr_zero(others));
@@ -165,8 +166,8 @@ Taken takeDottedFrontSsse3(const char* text, std::size_t size) noexcept {
 #endif
 
 unsigned writeDotted(const DottedOctets& octets, char* out) noexcept {
-  // Two octets and their full stops are eight characters at most: the text is put together in two words. The
-  // last full stop becomes the NUL.
+  // Two octets with their full stops have at most eight characters, so build the text in two words. The last
+  // full stop becomes the NUL.
   const auto two = [](U8 a, U8 b) { return kOctets.text[a] | U64{kOctets.text[b]} << 8 * kOctets.length[a]; };
   const unsigned length = static_cast<unsigned>(kOctets.length[octets[0]] + kOctets.length[octets[1]]);
   const unsigned length2 = static_cast<unsigned>(kOctets.length[octets[2]] + kOctets.length[octets[3]]);

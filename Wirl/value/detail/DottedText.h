@@ -16,7 +16,7 @@ using DottedOctets = std::array<Kiv::U8, 4>;
 
 // Reading dotted decimal from the front of a text, each function in its own way.
 
-/// By the plain loop; apart so that what calls it last keeps no registers for it.
+/// By the plain loop. A function of its own so that the fast path ends in a jump and saves no registers.
 Taken takeDottedPlainly(std::string_view text, Extent extent) noexcept;
 #if WIRL_HAS_SSSE3
 /// All of a text, or nothing.

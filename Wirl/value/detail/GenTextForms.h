@@ -9,7 +9,7 @@
 
 namespace Wirl::detail {
 
-/// What a generic text without a slash and a length or mask behind the address is refused with.
+/// The error for a generic text that has no slash and length or mask behind the address.
 inline constexpr Kiv::ParseError kLenExpected = "premature end of Prefix type";
 
 /// `PrintForms` of the generic types, whose `printToBuffer` returns what the one of the family does.

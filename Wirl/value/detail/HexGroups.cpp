@@ -45,8 +45,8 @@ U64 threeOctets(const U8* octets) noexcept {
 
 namespace {
 
-/// The two ways to join groups: octets by colons or hyphens, pairs of octets by full stops. The value is how
-/// many digits a group may have beyond two.
+/// How groups are joined: single octets by colons or hyphens, pairs of octets by full stops. The value is the
+/// number of digits that a group may have beyond two.
 enum Form : U8 { kOctets = 0, kPairs = 2, kNoForm = 4 };
 
 constexpr auto kFormOf = [] {

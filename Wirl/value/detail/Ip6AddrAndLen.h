@@ -12,7 +12,7 @@
 
 namespace Wirl::detail {
 
-/// What a text without a slash and digits behind the address is refused with.
+/// The error for a text that has no slash and digits behind the address.
 inline constexpr Kiv::ParseError kIp6LenExpected = "Ip6AddrWithMask: prefix size expected";
 
 /// Reads an address, a slash and a length of at most 128.
@@ -31,7 +31,7 @@ constexpr Kiv::ParseError takeIp6AddrAndLen(std::string_view& text, Ip6Addr& add
   text = rest;
   return nullptr;
 }
-/// Reads a run of digits of at most 128 that no other character of an address follows.
+/// Reads a decimal length of at most 128. Refuses it if another character of an address follows.
 constexpr bool takeIp6MaskLength(std::string_view& text, Kiv::U64& len) noexcept {
   std::string_view rest = text;
   if (!Kiv::takeDecimal(rest, 128, len) || len > 128) return false;
@@ -43,11 +43,11 @@ KIV_API unsigned writeIp6AddrAndLen(const Ip6Addr& address, Kiv::U32 len, char* 
 KIV_API void logIp6AddrAndLen(Kiv::NboAttrLog& log, const Ip6Addr& address, Kiv::U32 len);
 KIV_API void readIp6AddrAndLen(Kiv::NboAttrLog& log, Ip6Addr& address, Kiv::U32& len);
 
-/// What `Ip6Prefix` and `Ip6AddrWithMask` have in common: an address and a length, neither of them checked.
+/// The common part of `Ip6Prefix` and `Ip6AddrWithMask`: an address and a length, neither of them checked.
 ///
-/// Ordered by the last address covered; of those that end together, the longer length sorts first, then the
-/// lower address. So where one covers the other, the longer length sorts first, and others sort by address. A
-/// length above 128 covers the address alone.
+/// Ordered by the last address covered, then the longer length first, then the lower address first. So if one
+/// covers the other, the longer length sorts first; otherwise they sort by address. A length above 128 covers
+/// the address alone.
 template <typename T>
 class Ip6AddrAndLen : public Ip6TextForms<T> {
  public:

@@ -13,8 +13,8 @@
 
 namespace Wirl::detail {
 
-// The grammar of IPv6 addresses. The outline of a text comes first, by vector instructions where there are
-// some; everything else works on its sets of characters.
+// The grammar of IPv6 addresses. First the outline of a text is found, with vector instructions where the
+// machine has them. All further work is on its sets of characters.
 
 enum Ip6Kind : Kiv::U8 { kIp6Foreign = 0, kIp6Colon = 1, kIp6Dot = 2, kIp6Digit = 4 };
 
@@ -80,7 +80,8 @@ constexpr Kiv::U32 groupValue(std::string_view text, unsigned at, unsigned digit
   return (pairs & 0xff) << 8 | pairs >> 16;
 }
 
-/// Number of bits set; for machines without an instruction for it better than what the compilers call.
+/// Number of bits set. Faster than the library function that compilers call on machines without an
+/// instruction.
 constexpr unsigned bitCount(Kiv::U64 bits) noexcept {
   bits -= bits >> 1 & 0x5555'5555'5555'5555;
   bits = (bits & 0x3333'3333'3333'3333) + (bits >> 2 & 0x3333'3333'3333'3333);
@@ -92,8 +93,8 @@ constexpr bool isSet(Kiv::U64 bits, unsigned i) noexcept {
   return (bits >> i & 1) != 0;
 }
 
-/// Goes through a text that is no address from left to right and finds what is wrong with it. The number of
-/// colons comes first, wherever they are.
+/// Finds the error in a text that is not an address, from left to right. Too many colons are reported before
+/// anything else, wherever they are.
 constexpr Kiv::ParseError ip6Refusal(std::string_view text, const Ip6Outline& outline,
                                      unsigned dottedAt) noexcept {
   const Kiv::U64 colons = outline.colons;
@@ -124,7 +125,7 @@ constexpr Kiv::ParseError ip6Refusal(std::string_view text, const Ip6Outline& ou
   return takeDottedLoop(text).length != text.size() ? "Invalid IpAddr" : kIp6Incomplete;
 }
 
-/// A text, or a copy with NULs behind it where it has less than the four characters that a load needs.
+/// A text of at least four characters, which a load needs: a shorter one is copied and filled with NULs.
 class Loadable {
  public:
   constexpr explicit Loadable(std::string_view text) noexcept : text_(text) {
@@ -143,8 +144,8 @@ class Loadable {
   std::string_view text_;
 };
 
-/// Reads the address that an outline is of; false when it is none. Sets `dottedAt` where its dotted part
-/// begins if it has one.
+/// Reads the address with the given outline; returns false if it is not an address. If it has a dotted part,
+/// sets `dottedAt` to its beginning.
 constexpr bool readIp6(std::string_view text, const Ip6Outline& outline, unsigned& dottedAt,
                        std::array<Kiv::U8, 16>& octets) noexcept {
   const Kiv::U64 colons = outline.colons;

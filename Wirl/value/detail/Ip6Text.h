@@ -24,7 +24,7 @@ inline Ip6Outline ip6OutlineOf(std::string_view text) noexcept {
   return ip6OutlineLoop(text);
 }
 
-/// An address in hexadecimal, and what of it has to be shown.
+/// An address in hexadecimal, and which of its digits the text shows.
 struct Ip6Hex {
   std::array<char, 32> digits;
   Kiv::U32 significant;  // bit 4i+k: digit k of group i is not zero, or the last one

@@ -21,7 +21,7 @@ inline char* putDecimal(char* out, Kiv::U32 number) noexcept {
   return std::to_chars(out, out + 10, number).ptr;
 }
 
-/// Reads a decimal number of at most `max`; false, and nothing consumed, where there is none or a larger one.
+/// Reads a decimal number. Returns false and consumes nothing if there is none, or one above `max`.
 constexpr bool takeNumber(std::string_view& text, Kiv::U64 max, Kiv::U32& out) noexcept {
   Kiv::U64 value = 0;
   std::string_view rest = text;
@@ -31,9 +31,9 @@ constexpr bool takeNumber(std::string_view& text, Kiv::U64 max, Kiv::U32& out) n
   return true;
 }
 
-/// An identifier that is one number from 0 to `kMax`: everything but its name. Default 0; ordered as a
-/// number. The type has `kTrailingText` and `kTooLarge`, what other texts and larger numbers are refused
-/// with. Its text is the decimal number, unless it has a `parse` and a `writeText` of its own.
+/// Base of identifiers that are one number from 0 to `kMax`. Default 0; ordered as a number. The derived type
+/// has the errors `kTrailingText` for bad texts and `kTooLarge` for larger numbers. Its text is the decimal
+/// number, unless it has a `parse` and a `writeText` of its own.
 template <typename T, std::unsigned_integral U, U kMax = std::numeric_limits<U>::max()>
 class Number : public TextForms<T> {
  public:
@@ -83,7 +83,7 @@ class Number : public TextForms<T> {
   U value_ = 0;
 };
 
-/// An identifier of fixed octets in wire order: what it has beside its text.
+/// Base of identifiers of `kSize` octets in wire order. The derived type adds the text.
 template <typename T, std::size_t kSize>
 class Octets : public TextForms<T> {
  public:

@@ -9,8 +9,8 @@
 
 namespace Wirl::detail {
 
-// The grammars of addresses, one character at a time. Constant expressions, machines without vector
-// instructions and unusual texts use these.
+// The grammars of addresses, one character at a time: for constant expressions, for machines without vector
+// instructions, and for unusual texts.
 
 inline constexpr Kiv::U8 kNoDigit = 0xff;
 

@@ -27,16 +27,16 @@ constexpr bool hasPopcnt() noexcept {
 }
 #endif
 
-/// Bits set in `word`. Functions that count have two forms: one marked WIRL_POPCNT, which uses the
-/// instruction, and one for machines that lack it. Both inline the same template.
+/// Number of bits set in `word`. Callers have two forms that inline the same template: one marked WIRL_POPCNT,
+/// which uses the instruction, and one for machines without it.
 template <bool kInstruction>
 [[gnu::always_inline]] constexpr unsigned countBits(Kiv::U64 word) noexcept {
   if constexpr (kInstruction) return static_cast<unsigned>(__builtin_popcountll(word));
   return bitCount(word);
 }
 
-// The bits of an address, left-aligned: in a 64-bit word for IPv4, in a `U128` for IPv6. Six bits from a
-// depth on (a multiple of six) are a chunk; behind the end of the address there are zeros.
+// The bits of an address are left-aligned: in a 64-bit word for IPv4, in a `U128` for IPv6. A chunk is the six
+// bits from a depth on, which is a multiple of six. Behind the end of the address there are zeros.
 
 constexpr unsigned kStride = 6;
 
@@ -55,7 +55,7 @@ constexpr U128 chunkAt(const U128&, unsigned depth, unsigned chunk) noexcept {
   return depth == 126 ? U128(chunk) >> 4 : U128(chunk) << (122 - depth);
 }
 
-/// By chunk, the slots of lengths 1 to 5 that cover it; see `TrieNode::shorter`.
+/// By chunk, the slots of lengths 1 to 5 that cover it; see `PrefixTrie::Node::shorter`.
 inline constexpr auto kCoveringSlots = [] {
   std::array<Kiv::U64, 64> slots{};
   for (unsigned chunk = 0; chunk < 64; ++chunk) {
@@ -68,10 +68,10 @@ inline constexpr auto kCoveringSlots = [] {
 
 /// A map from prefixes to values: a trie whose nodes stand for six bits each.
 ///
-/// A node at depth d holds the prefixes of lengths d+1 to d+6 that begin with its bits. Sets of bits say
-/// which ones there are, and which of the 64 nodes below; values and nodes lie in arrays without gaps, where
-/// the number of set bits in front is the index. So a step costs one or two cache lines, and a missing prefix
-/// no memory.
+/// A node at depth d holds the prefixes of lengths d+1 to d+6 that begin with its bits. Sets of bits say which
+/// of these prefixes exist, and which of the 64 nodes below. Values and nodes lie in arrays without gaps; the
+/// index of one is the number of bits set before its own. So a step costs one or two cache lines, and a
+/// missing prefix no memory.
 template <typename T, typename Bits>
 class PrefixTrie {
  public:
@@ -109,8 +109,8 @@ class PrefixTrie {
     size_ = nodes_ = 0;
   }
 
-  /// The value of the prefix, and whether it is new: one that is there keeps its value. May throw
-  /// `std::bad_alloc`, and has the same prefixes then.
+  /// Returns the value of the prefix, and whether it is new; an existing prefix keeps its value. May throw
+  /// `std::bad_alloc`; the trie then has the same prefixes as before.
   std::pair<T*, bool> insert(const Bits& bits, unsigned len, T&& value) {
     if (len == 0) {
       const bool isNew = !whole_;
@@ -170,8 +170,8 @@ class PrefixTrie {
     }
   }
 
-  /// The first prefix behind this one, which need not be there, or itself where `orThis`. Ordered by address;
-  /// of those with one address the shorter comes first.
+  /// The first prefix behind the given one, or that one itself if `orThis` and it exists. Ordered by address;
+  /// of prefixes with the same address the shorter comes first.
   Found next(const Bits& bits, unsigned len, bool orThis) const noexcept {
     if (len == 0 && orThis && whole_) return {Bits{}, 0, whole()};
     return len == 0 ? firstIn(const_cast<Node&>(root_), 0, Bits{})
@@ -224,7 +224,7 @@ class PrefixTrie {
 
   T* whole() const noexcept { return whole_ ? const_cast<T*>(&*whole_) : nullptr; }
 
-  /// A copy of the array with one more element in it; the old one is gone.
+  /// Moves the array into a new one with one more element, and frees the old one.
   template <typename E>
   static E* inserted(E* old, unsigned count, unsigned at, E&& element) {
     auto* const grown = static_cast<E*>(::operator new((count + 1) * sizeof(E)));
@@ -234,7 +234,7 @@ class PrefixTrie {
     release(old, count);
     return grown;
   }
-  /// Closes the gap in place, so that it needs no memory.
+  /// Removes an element in place, which needs no memory.
   template <typename E>
   static void removed(E*& array, unsigned count, unsigned at) noexcept {
     std::move(array + at + 1, array + count, array + at);
@@ -275,7 +275,7 @@ class PrefixTrie {
     return {node->values + at, true};
   }
 
-  /// No node stays that is empty: one would end the search for what comes behind it.
+  /// Removes nodes that become empty: the search for the next prefix relies on finding one in every node.
   bool eraseBelow(Node& node, unsigned depth, const Bits& bits, unsigned len) noexcept {
     if (len > depth + kStride) {
       const unsigned chunk = chunkOf(bits, depth);
@@ -326,7 +326,7 @@ class PrefixTrie {
     return {Bits{}, bestDepth + own, best->values + countBits<kInstruction>(below(best->shorter, slot))};
   }
 
-  /// What begins at a chunk: a prefix of one to six bits, or (7) the node below, which comes behind them.
+  /// A chunk, and what begins there: a prefix of `level` bits, or the node below (7), which comes after them.
   struct Place {
     unsigned chunk = 64;  // nowhere
     unsigned level = 0;

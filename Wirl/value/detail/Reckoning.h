@@ -11,15 +11,14 @@
 
 namespace Wirl::detail {
 
-/// Reckoning with addresses, made of three members of each type:
+/// Arithmetic of addresses, made of three members of each type:
 ///
-///     constexpr unsigned bits() const noexcept;                // 32 or 128; 0 for an address without
-/// neighbours
-///     constexpr U128 number() const noexcept;                  // the address as a number
-///     constexpr T withNumber(const U128& number) const noexcept;  // another address of the family
+///     constexpr unsigned bits() const noexcept;      // 32 or 128; 0 for an address without neighbours
+///     constexpr U128 number() const noexcept;        // the address as a number
+///     constexpr T withNumber(const U128&) const noexcept;  // another address of the family
 ///
-/// No address is behind the last one of a family or in front of its first: where there is none, the named
-/// forms give nothing and the operators throw `Kiv::RangeException`.
+/// Nothing wraps at the ends of a family's addresses: there the named forms return nothing, and the operators
+/// throw `Kiv::RangeException` and change nothing.
 template <typename T>
 class AddressReckoning {
  public:
@@ -44,8 +43,7 @@ class AddressReckoning {
   }
   constexpr std::optional<T> next() const noexcept { return after(1); }
   constexpr std::optional<T> previous() const noexcept { return before(1); }
-  /// How many addresses lie between the lower of the two and the other, the other one included. Nothing where
-  /// the families differ.
+  /// The absolute difference of the two as numbers. Nothing if the families differ.
   constexpr std::optional<U128> distance(const T& other) const noexcept {
     if (self().bits() != other.bits() || other.bits() == 0) return std::nullopt;
     const U128 a = self().number();
@@ -77,8 +75,7 @@ class AddressReckoning {
   }
 };
 
-/// Reckoning with prefixes: of an address without the host bits, and a length. A length that is longer than
-/// the address counts as that of a host here.
+/// Arithmetic of prefixes. Host bits are ignored. A length longer than the address counts as that of a host.
 template <typename T, typename Address>
 class PrefixReckoning {
  public:
@@ -87,28 +84,28 @@ class PrefixReckoning {
   constexpr Address last() const noexcept {
     return first().withNumber(first().number() | ~(~U128() << (first().bits() - length())));
   }
-  /// How many addresses there are; 2^128 - 1 for ::/0, which has one more.
+  /// Number of addresses. For ::/0, which has 2^128, it is 2^128 - 1.
   constexpr U128 addressCount() const noexcept {
     const unsigned open = first().bits() - length();
     return open == 128 ? ~U128() : U128::powerOfTwo(open);
   }
-  /// How many of them a host may have: not the first (network, or subnet-router anycast, RFC 4291) and, in
-  /// IPv4, not the last (broadcast). Prefixes of one address or two have as many hosts (RFC 3021, RFC 6164).
+  /// Number of addresses that a host may have: without the first (network, or subnet-router anycast, RFC 4291)
+  /// and, in IPv4, the last (broadcast). In prefixes of one or two addresses, hosts may have all of them (RFC
+  /// 3021, RFC 6164).
   constexpr U128 hostCount() const noexcept {
     const unsigned open = first().bits() - length();
     if (open <= 1) return addressCount();
     return first().bits() == 32 ? addressCount() - U128(2) : ~U128() >> (128 - open);
   }
-  /// The address for all hosts of an IPv4 prefix; nothing for IPv6 and where there are no more than two
-  /// addresses.
+  /// The broadcast address of an IPv4 prefix. Nothing for IPv6, and for prefixes of one or two addresses.
   constexpr std::optional<Address> broadcast() const noexcept {
     if (first().bits() != 32 || length() > 30) return std::nullopt;
     return last();
   }
   /// All addresses in order.
   constexpr ValueRange<Address> addresses() const noexcept { return {first(), last()}; }
-  /// All prefixes of a length in this one, in order; itself for its own length. A shorter length, or one that
-  /// the family does not have, throws `Kiv::RangeException`.
+  /// All prefixes of the given length in this one, in order; for its own length, itself. A shorter length, or
+  /// one that the family does not have, throws `Kiv::RangeException`.
   constexpr ValueRange<T> subnets(unsigned len) const {
     if (len < length() || len > first().bits()) throwRange("Invalid subnet length");
     return {T(first(), len), T(last().maskedByLength(len), len)};
@@ -127,7 +124,7 @@ class PrefixReckoning {
     const auto address = first().previous();
     return address ? std::optional(T(address->maskedByLength(length()), length())) : std::nullopt;
   }
-  /// Whether all addresses of the other are in this one. Never where one has a length that no address has.
+  /// Whether all addresses of `other` are in this one. False if a length is longer than the address.
   constexpr bool contains(const T& other) const noexcept {
     return hasLength() && other.hasLength() && self().len() <= other.len() &&
            self().contains(other.baseAddress());

@@ -7,8 +7,8 @@
 
 #include "Kiv/Types.h"
 
-// Parsers that look at sixteen characters at once have a function of their own for it, marked WIRL_SSSE3 and
-// called where `hasSsse3()`; everywhere else, and for texts out of the ordinary, a plain loop does the work.
+// Parsers have a function that looks at sixteen characters at once. It is marked WIRL_SSSE3, and called only if
+// `hasSsse3()`. On other machines, and for unusual texts, a plain loop does the work.
 #if defined(__x86_64__) || defined(__i386__)
 #define WIRL_HAS_SSSE3 1
 #define WIRL_SSSE3 __attribute__((target("ssse3")))
@@ -30,18 +30,18 @@ inline bool hasSsse3() noexcept {
 
 #if WIRL_HAS_SSSE3
 
-// The address and the size of a text go apart here: GCC for 32-bit x86 would read a string_view in one load,
-// which waits for the two stores that it came by.
+// These take the address and the size of a text as two arguments. GCC for 32-bit x86 would read a string_view
+// in one load, which has to wait for the two stores that wrote it.
 
-/// A mask of all or nothing: compilers make a branch of a choice between numbers, but not of this.
+/// All bits set, or none. Compilers turn a choice between two numbers into a branch, but not this.
 constexpr Kiv::U32 onlyIf(bool condition) noexcept {
   return 0u - static_cast<Kiv::U32>(condition);
 }
 
-/// NULs to load in the place of a text that is too short.
+/// NULs, to be loaded instead of a text that is too short.
 extern const char kNuls[16];
 
-/// `text`, or the middle of the NULs. Which texts are too short cannot be predicted: there is no branch here.
+/// `text`, or the middle of the NULs. Without a branch, because it could not be predicted.
 inline const char* orNuls(bool tooShort, const char* text) noexcept {
   const auto nuls = reinterpret_cast<std::uintptr_t>(kNuls + 8);
   const auto at = reinterpret_cast<std::uintptr_t>(text);
@@ -50,7 +50,7 @@ inline const char* orNuls(bool tooShort, const char* text) noexcept {
 
 /// A text of eight to sixteen characters, and zeros.
 WIRL_SSSE3 inline __m128i loadText8to16(const char* at, std::size_t size) noexcept {
-  // Two overlapping halves; the second without what the first has.
+  // Two halves that may overlap; the shift removes from the second what the first has.
   const auto from = [](const char* place) { return reinterpret_cast<const __m128i*>(place); };
   const __m128i shift = _mm_cvtsi32_si128(static_cast<int>(128 - 8 * size));
   return _mm_unpacklo_epi64(_mm_loadl_epi64(from(at)),

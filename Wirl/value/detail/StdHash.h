@@ -9,13 +9,13 @@
 
 namespace Wirl::detail {
 
-/// What `std::hash` gives for values of up to 128 bits: two multiplications, or one where the machine has a
-/// product of 128 bits. Not the same on every machine, unlike `hash()`.
+/// `std::hash` of values of up to 128 bits. Takes one multiplication where the machine has a product of 128
+/// bits, else two. Unlike `hash()` it differs between machines.
 constexpr std::size_t stdHash(Kiv::U64 a, Kiv::U64 b) noexcept {
 #ifdef __SIZEOF_INT128__
   __extension__ using Product = unsigned __int128;
   const Product product = Product{a ^ 0x9e37'79b9'7f4a'7c15} * (b ^ 0xd1b5'4a32'd192'ed03);
-  // The sum keeps keys apart for which one factor is zero.
+  // If one factor is zero, the product is too: adding `b` still keeps such keys apart.
   return static_cast<std::size_t>((static_cast<Kiv::U64>(product >> 64) ^ static_cast<Kiv::U64>(product)) +
                                   b);
 #else

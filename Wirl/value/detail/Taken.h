@@ -10,13 +10,13 @@ namespace Wirl::detail {
 /// Whether text may follow what is read.
 enum class Extent { front, whole };
 
-/// What stood at the front of a text: octets as a number, the first one least significant, and how many
-/// characters they took; none when they were not there. Small enough to be returned in registers.
+/// The octets read from the front of a text, as a number whose least significant octet is the first, and the
+/// number of characters that they took: 0 if they were not there. Small enough to be returned in registers.
 struct Taken {
-  Kiv::U64 octets;  // of no meaning where `length` is 0
+  Kiv::U64 octets;  // undefined if `length` is 0
   std::size_t length;
 
-  /// Itself, but nothing when there is more text and none may follow.
+  /// Itself, or nothing if text follows that may not.
   constexpr Taken within(std::size_t size, Extent extent) const noexcept {
     return extent == Extent::whole && length != size ? Taken{0, 0} : *this;
   }

@@ -20,7 +20,7 @@ namespace Wirl::detail {
 /// the whole text.
 KIV_API unsigned printTruncated(std::string_view text, char* buffer, unsigned size) noexcept;
 
-/// What a value type prints, made of `writeText` and `kTextMax` of its own; see `TextForms`.
+/// The printing members of a value type, made of its own `writeText` and `kTextMax`; see `TextForms`.
 template <typename T>
 class PrintForms {
  public:
@@ -54,18 +54,18 @@ class PrintForms {
     }
   }
 
-  // There is nothing in here to compare: what lets a value type default its own comparisons.
+  // Nothing to compare here. Declared so that a value type can default its own comparisons.
   friend constexpr auto operator<=>(const PrintForms&, const PrintForms&) noexcept = default;
 
  private:
   const T& self() const noexcept { return static_cast<const T&>(*this); }
 };
 
-/// What a value type reads, made of `parse` and `kTrailingText` of its own; see `TextForms`.
+/// The parsing members of a value type, made of its own `parse` and `kTrailingText`; see `TextForms`.
 template <typename T>
 class ReadForms {
  public:
-  /// The value that the whole of `text` stands for, or nothing.
+  /// Parses the whole of `text`; returns nothing if it is not a value.
   static constexpr std::optional<T> fromText(std::string_view text) noexcept {
     T value;
     if (T::parse(text, value) || !text.empty()) [[unlikely]]
@@ -73,7 +73,7 @@ class ReadForms {
     return value;
   }
   static std::optional<T> fromText(std::nullptr_t) = delete;
-  /// The same; throws `Kiv::RangeException` with the reason when there is none.
+  /// The same, but throws `Kiv::RangeException` with the reason.
   static constexpr T read(std::string_view text) {
     T value;
     Kiv::ParseError error = T::parse(text, value);
@@ -82,10 +82,10 @@ class ReadForms {
     return value;
   }
 
-  /// Takes the value that the whole of `text` stands for; throws `Kiv::RangeException` with the reason, and
-  /// changes nothing, when there is none.
+  /// Parses the whole of `text` and takes its value. If it is not a value, throws `Kiv::RangeException` with
+  /// the reason and changes nothing.
   constexpr void stringValueIs(std::string_view text) {
-    // In one expression with the next line, GCC 12 drops what the value was before.
+    // Not in one expression with the next line: GCC 12 would then lose the old value when `read` throws.
     const T made = read(text);
     static_cast<T&>(*this) = made;
   }
@@ -94,7 +94,7 @@ class ReadForms {
   friend constexpr auto operator<=>(const ReadForms&, const ReadForms&) noexcept = default;
 };
 
-/// What a value type offers as text, made of four members of its own:
+/// The text members of a value type, made of four of its own:
 ///
 ///     static constexpr Kiv::ParseError parse(std::string_view& text, T& out) noexcept;  // see Kiv
 ///     unsigned writeText(char* out) const noexcept;    // the text and a NUL, no octet more; its length

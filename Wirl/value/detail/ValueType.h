@@ -9,8 +9,7 @@
 
 namespace Wirl::detail {
 
-// What the formatters of `Fmt.h` and `Format.h` are for: value types of this library, and no others that look
-// alike.
+// The types that `Fmt.h` and `Format.h` format: value types of this library, and no others that look alike.
 
 template <typename T>
 concept ValueType = requires {
