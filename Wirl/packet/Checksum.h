@@ -36,8 +36,8 @@ static_assert(isHeaderImage<IpChecksum, 2>);
 /// `sum` and the big-endian 16-bit words of `data`, added modulo 2^32. An odd length ends the process.
 KIV_API Kiv::U32 ipChecksumChunk(const char* data, Kiv::U16 len, Kiv::U32 sum);
 
-/// The checksum of `data`; an odd last byte is the high byte of a word. `sum` is the start value, for instance
-/// the sum of a pseudo-header from `ipChecksumChunk`. A result of 0 stays 0.
+/// The checksum of `data`; an odd last byte is the high byte of a word. `sum` is the start value, for
+/// instance the sum of a pseudo-header from `ipChecksumChunk`. A result of 0 stays 0.
 IpChecksum ipChecksumCalc(const char* data, Kiv::U16 len, Kiv::U32 sum);
 
 namespace detail {

@@ -23,7 +23,8 @@ namespace Wirl {
 /// Ethernet and IPv4: the EtherType, the version, the lengths against the bytes present, and the header's
 /// checksum. Codes: `pktTooShort` (also for a header whose own length runs past the first piece),
 /// `wrongEthType`, `nonIpHdr`, `badIpPayloadLen`, `badIpHdrChecksum`. Sets a wrong checksum to 0; otherwise
-/// does not change the packet. Accepts a header length below 20 bytes, and computes the checksum of that many.
+/// does not change the packet. Accepts a header length below 20 bytes, and computes the checksum of that
+/// many.
 KIV_API PktErrors checkEthIpHdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, IpHdr*& ipHdr);
 
 /// Ethernet and IPv6: the EtherType, the version, and the payload length against the bytes present. Codes:
@@ -36,30 +37,30 @@ KIV_API PktErrors checkEthIp6Hdr(const Pkt::Ptr& pkt, EthHdr*& ethHdr, Ip6Hdr*& 
 // piece, as received ones are. They cannot see where the piece ends: with a datagram in two pieces they read
 // memory behind the first one, and the ICMPv6 checksum is even written there.
 
-/// Checks the checksum of the ICMPv6 message right behind the IPv6 header, without skipping extension headers.
-/// Leaves 0 in the checksum field. Codes: `nextHdrIsNotIcmp6`, `badIp6PayloadLen` (fewer than 4 bytes),
-/// `badIcmp6Checksum`; with the last one the header pointer is set.
+/// Checks the checksum of the ICMPv6 message right behind the IPv6 header, without skipping extension
+/// headers. Leaves 0 in the checksum field. Codes: `nextHdrIsNotIcmp6`, `badIp6PayloadLen` (fewer than 4
+/// bytes), `badIcmp6Checksum`; with the last one the header pointer is set.
 KIV_API PktErrors checkIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr);
 KIV_API PktErrors checkIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr);
 
-/// Computes and stores the checksum of the ICMPv6 message at `icmp6Hdr`, over the IPv6 payload length. Does not
-/// check that the payload has room for a header. Code: `nextHdrIsNotIcmp6`.
+/// Computes and stores the checksum of the ICMPv6 message at `icmp6Hdr`, over the IPv6 payload length. Does
+/// not check that the payload has room for a header. Code: `nextHdrIsNotIcmp6`.
 KIV_API PktErrors setIcmp6CheckSum(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr);
 KIV_API PktErrors setIcmp6CheckSum(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr);
 
-/// Finds the last option of a type in a neighbour solicitation, neighbour advertisement or router solicitation
-/// that passed `checkIcmp6CheckSum`. If there is none, the result is null with `noError`. The option lies in
-/// the message with all the bytes that its length says; the caller checks whether its type needs more. Codes:
-/// `icmp6TypeNotSupported`, `icmp6OptLenExceedPayloadLen`, `icmp6OptLenZero`. A bad option ends the search; an
-/// option of the type found before it is still returned.
+/// Finds the last option of a type in a neighbour solicitation, neighbour advertisement or router
+/// solicitation that passed `checkIcmp6CheckSum`. If there is none, the result is null with `noError`. The
+/// option lies in the message with all the bytes that its length says; the caller checks whether its type
+/// needs more. Codes: `icmp6TypeNotSupported`, `icmp6OptLenExceedPayloadLen`, `icmp6OptLenZero`. A bad option
+/// ends the search; an option of the type found before it is still returned.
 KIV_API PktErrors getIcmp6Opt(Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr, Icmp6OptionCommonHdr*& option,
                               Icmp6OptionTypeNumber type);
 KIV_API PktErrors getIcmp6Opt(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr* icmp6Hdr,
                               Icmp6OptionCommonHdr*& option, Icmp6OptionTypeNumber type);
 
-/// Checks the authentication header behind an IPv4 header: its authentication data and at least one byte after
-/// them must be there. Codes: `nextHdrIsNotAh`, `badAhLen`. The header pointer is also set if only the data
-/// are too short.
+/// Checks the authentication header behind an IPv4 header: its authentication data and at least one byte
+/// after them must be there. Codes: `nextHdrIsNotAh`, `badAhLen`. The header pointer is also set if only the
+/// data are too short.
 KIV_API PktErrors checkIpAhHdr(IpHdr* ipHdr, AhHdr*& ahHdr);
 KIV_API PktErrors checkIpAhHdr(const Pkt::Ptr& pkt, IpHdr* ipHdr, AhHdr*& ahHdr);
 

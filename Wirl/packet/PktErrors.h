@@ -10,8 +10,8 @@
 
 namespace Wirl {
 
-/// The result of a packet check: one code for each way in which a packet can be bad, grouped by layer. The text
-/// of each is its name.
+/// The result of a packet check: one code for each way in which a packet can be bad, grouped by layer. The
+/// text of each is its name.
 enum PktErrors : Kiv::S32 {
   noError = 0,        ///< The check passed.
   pktTooShort = -1,   ///< The headers that the check needs do not lie whole in the packet's first piece.

@@ -99,9 +99,9 @@ class KIV_API Prefix : public detail::TextForms<Prefix>, public detail::PrefixRe
   }
 
  private:
-  /// The order as a number: the last address covered, then the number of host bits. A prefix never ends before
-  /// one that it covers, and of two that end together the longer sorts first. Without a length there are 33
-  /// host bits, so such prefixes sort behind 0.0.0.0/0, whatever their address.
+  /// The order as a number: the last address covered, then the number of host bits. A prefix never ends
+  /// before one that it covers, and of two that end together the longer sorts first. Without a length there
+  /// are 33 host bits, so such prefixes sort behind 0.0.0.0/0, whatever their address.
   constexpr Kiv::U64 sortKey() const noexcept {
     const Kiv::U32 open = 32 - len_;
     const Kiv::U64 openBits = (Kiv::U64{1} << open) - 1;

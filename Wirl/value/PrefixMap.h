@@ -126,10 +126,10 @@ class PrefixMapOfBoth {
 /// that change the map throw `Kiv::RangeException`, and members that search find nothing.
 ///
 /// An iterator is a position in that order, not a place in memory. It stays valid when prefixes are inserted
-/// or erased, even its own; it becomes invalid when the map is assigned to or moved. Dereferencing it ends the
-/// process if its prefix is not in the map. Pointers and references to values are valid until the next change.
-/// Only insertions and copies allocate; an insertion that throws `std::bad_alloc` changes nothing. `T` must
-/// move without exceptions.
+/// or erased, even its own; it becomes invalid when the map is assigned to or moved. Dereferencing it ends
+/// the process if its prefix is not in the map. Pointers and references to values are valid until the next
+/// change. Only insertions and copies allocate; an insertion that throws `std::bad_alloc` changes nothing.
+/// `T` must move without exceptions.
 ///
 /// Threads: as a standard container. For readers in other threads see `PrefixTable`.
 template <typename T, typename P = IpGenPrefix>
@@ -246,6 +246,8 @@ class PrefixMap {
   /// From the first prefix that is not before (behind) the key.
   iterator lowerBound(const P& key) noexcept { return from<T>(key, true, {}); }
   iterator upperBound(const P& key) noexcept { return from<T>(key, false, {}); }
+  const_iterator lowerBound(const P& key) const noexcept { return from<const T>(key, true, {}); }
+  const_iterator upperBound(const P& key) const noexcept { return from<const T>(key, false, {}); }
 
   /// A part of the map.
   template <typename At>

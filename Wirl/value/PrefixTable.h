@@ -27,7 +27,8 @@ namespace detail {
 ///
 /// The routes below an entry of the table divide the next 32 bits of the address into runs with one leaf
 /// each, and a B-tree finds the run. A node is one cache line: a look-up reads one for up to 8 runs, two for
-/// up to 64. A run with routes of more than those 32 bits has a B-tree of its own, of the 32 bits that follow.
+/// up to 64. A run with routes of more than those 32 bits has a B-tree of its own, of the 32 bits that
+/// follow.
 template <typename Bits>
 class PrefixTableOfFamily {
  public:
@@ -262,8 +263,8 @@ class PrefixTableOfFamily {
 /// changes, so any number of threads may read it. To replace it while they do, see `LiveTable`.
 ///
 /// Equal values are kept once where `T` has `==` and `std::hash`: so a table of many routes to few next hops
-/// stays in the caches. At most 2^31 - 1 different values. 900,000 routes of the Internet take 76 octets each,
-/// most of them the wide table; 200,000 of IPv6 take 19.
+/// stays in the caches. At most 2^31 - 1 different values. 900,000 routes of the Internet take 76 octets
+/// each, most of them the wide table; 200,000 of IPv6 take 19.
 template <typename T, typename P = IpGenPrefix>
 class PrefixTable {
  public:

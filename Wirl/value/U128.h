@@ -66,6 +66,12 @@ class KIV_API U128 : public detail::TextForms<U128> {
     if (count == 0) return a;
     return U128(a.high_ >> count, a.high_ << (64 - count) | a.low_ >> count);
   }
+  constexpr U128& operator+=(const U128& other) noexcept { return *this = *this + other; }
+  constexpr U128& operator-=(const U128& other) noexcept { return *this = *this - other; }
+  constexpr U128& operator&=(const U128& other) noexcept { return *this = *this & other; }
+  constexpr U128& operator|=(const U128& other) noexcept { return *this = *this | other; }
+  constexpr U128& operator<<=(unsigned count) noexcept { return *this = *this << count; }
+  constexpr U128& operator>>=(unsigned count) noexcept { return *this = *this >> count; }
   friend constexpr auto operator<=>(const U128&, const U128&) noexcept = default;
 
   /// Number of zero bits behind the last one that is set; 128 for 0.

@@ -18,8 +18,8 @@ using EuiOctets = std::array<Kiv::U8, 8>;
 // Reading octets from the front of a text: groups of hexadecimal digits, all joined by colons or all by
 // hyphens (an octet each) or all by full stops (two octets each).
 
-/// Six octets that are all of a text, by the plain loop. A function of its own so that the fast path ends in a
-/// jump and saves no registers.
+/// Six octets that are all of a text, by the plain loop. A function of its own so that the fast path ends in
+/// a jump and saves no registers.
 Taken takeHexGroupsPlainly(std::string_view text) noexcept;
 #if WIRL_HAS_SSSE3
 /// Six octets that are all of a text.

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
 #include <charconv>
 #include <compare>
 #include <concepts>
 #include <cstddef>
+#include <iterator>
 #include <limits>
 #include <string_view>
 #include <utility>
@@ -18,7 +20,8 @@ namespace Wirl::detail {
 
 /// Writes a number in decimal, without a NUL; returns its end.
 inline char* putDecimal(char* out, Kiv::U32 number) noexcept {
-  return std::to_chars(out, out + 10, number).ptr;
+  char digits[10];
+  return std::copy(digits, std::to_chars(digits, std::end(digits), number).ptr, out);
 }
 
 /// Reads a decimal number. Returns false and consumes nothing if there is none, or one above `max`.

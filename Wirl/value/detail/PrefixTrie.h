@@ -27,16 +27,16 @@ constexpr bool hasPopcnt() noexcept {
 }
 #endif
 
-/// Number of bits set in `word`. Callers have two forms that inline the same template: one marked WIRL_POPCNT,
-/// which uses the instruction, and one for machines without it.
+/// Number of bits set in `word`. Callers have two forms that inline the same template: one marked
+/// WIRL_POPCNT, which uses the instruction, and one for machines without it.
 template <bool kInstruction>
 [[gnu::always_inline]] constexpr unsigned countBits(Kiv::U64 word) noexcept {
   if constexpr (kInstruction) return static_cast<unsigned>(__builtin_popcountll(word));
   return bitCount(word);
 }
 
-// The bits of an address are left-aligned: in a 64-bit word for IPv4, in a `U128` for IPv6. A chunk is the six
-// bits from a depth on, which is a multiple of six. Behind the end of the address there are zeros.
+// The bits of an address are left-aligned: in a 64-bit word for IPv4, in a `U128` for IPv6. A chunk is the
+// six bits from a depth on, which is a multiple of six. Behind the end of the address there are zeros.
 
 constexpr unsigned kStride = 6;
 
@@ -68,10 +68,10 @@ inline constexpr auto kCoveringSlots = [] {
 
 /// A map from prefixes to values: a trie whose nodes stand for six bits each.
 ///
-/// A node at depth d holds the prefixes of lengths d+1 to d+6 that begin with its bits. Sets of bits say which
-/// of these prefixes exist, and which of the 64 nodes below. Values and nodes lie in arrays without gaps; the
-/// index of one is the number of bits set before its own. So a step costs one or two cache lines, and a
-/// missing prefix no memory.
+/// A node at depth d holds the prefixes of lengths d+1 to d+6 that begin with its bits. Sets of bits say
+/// which of these prefixes exist, and which of the 64 nodes below. Values and nodes lie in arrays without
+/// gaps; the index of one is the number of bits set before its own. So a step costs one or two cache lines,
+/// and a missing prefix no memory.
 template <typename T, typename Bits>
 class PrefixTrie {
  public:

@@ -4,6 +4,7 @@
 #include <compare>
 #include <concepts>
 #include <optional>
+#include <utility>
 
 #include "Wirl/value/U128.h"
 #include "Wirl/value/ValueRange.h"
@@ -61,8 +62,26 @@ class AddressReckoning {
   friend constexpr T operator-(const T& a, N n) {
     return existing(a.before(n));
   }
+  template <typename N>
+  friend constexpr auto operator+=(T& a, const N& n) -> decltype(a = a + n) {
+    return a = a + n;
+  }
+  template <typename N>
+  friend constexpr auto operator-=(T& a, const N& n) -> decltype(a = a - n) {
+    return a = a - n;
+  }
+  template <typename N>
+  friend constexpr auto operator&=(T& a, const N& n) -> decltype(a = a & n) {
+    return a = a & n;
+  }
+  template <typename N>
+  friend constexpr auto operator|=(T& a, const N& n) -> decltype(a = a | n) {
+    return a = a | n;
+  }
   friend constexpr T& operator++(T& a) { return a = existing(a.next()); }
   friend constexpr T& operator--(T& a) { return a = existing(a.previous()); }
+  friend constexpr T operator++(T& a, int) { return std::exchange(a, existing(a.next())); }
+  friend constexpr T operator--(T& a, int) { return std::exchange(a, existing(a.previous())); }
 
   friend constexpr auto operator<=>(const AddressReckoning&, const AddressReckoning&) noexcept = default;
 
@@ -89,9 +108,9 @@ class PrefixReckoning {
     const unsigned open = first().bits() - length();
     return open == 128 ? ~U128() : U128::powerOfTwo(open);
   }
-  /// Number of addresses that a host may have: without the first (network, or subnet-router anycast, RFC 4291)
-  /// and, in IPv4, the last (broadcast). In prefixes of one or two addresses, hosts may have all of them (RFC
-  /// 3021, RFC 6164).
+  /// Number of addresses that a host may have: without the first (network, or subnet-router anycast, RFC
+  /// 4291) and, in IPv4, the last (broadcast). In prefixes of one or two addresses, hosts may have all of
+  /// them (RFC 3021, RFC 6164).
   constexpr U128 hostCount() const noexcept {
     const unsigned open = first().bits() - length();
     if (open <= 1) return addressCount();

@@ -7,8 +7,8 @@
 
 #include "Kiv/Types.h"
 
-// Parsers have a function that looks at sixteen characters at once. It is marked WIRL_SSSE3, and called only if
-// `hasSsse3()`. On other machines, and for unusual texts, a plain loop does the work.
+// Parsers have a function that looks at sixteen characters at once. It is marked WIRL_SSSE3, and called only
+// if `hasSsse3()`. On other machines, and for unusual texts, a plain loop does the work.
 #if defined(__x86_64__) || defined(__i386__)
 #define WIRL_HAS_SSSE3 1
 #define WIRL_SSSE3 __attribute__((target("ssse3")))
