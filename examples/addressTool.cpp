@@ -35,7 +35,7 @@ constexpr const char* kUsage =
     "  --json             the same as a JSON array with an object for each\n"
     "  --next             the next address, or the next prefix of the same length\n"
     "  --subnets LEN      all prefixes of a length in each prefix\n"
-    "  --contains PREFIX  whether the prefix contains the address or prefix\n"
+    "  --contains PREFIX  whether the prefix, or the address, contains the address or prefix\n"
     "  --summarise        the fewest prefixes that cover the same addresses\n"
     "  --routes FILE      the longest prefix that contains the address, of a file whose lines are a prefix "
     "and\n"
@@ -263,8 +263,8 @@ void takeOne(const char* what, std::size_t number, std::string_view text,
   }
 }
 
-/// Calls `take` for each line that holds something, in constant memory: a line is cut off where none is that
-/// long. False where the input fails before its end.
+/// Calls `take` for each line that holds something. Refuses lines longer than any that makes sense, so the
+/// memory is constant. Returns false if the input fails before its end.
 bool takeLines(std::istream& in, const char* what,
                const std::function<void(std::size_t, std::string_view)>& take) {
   constexpr std::size_t kLongest = 4096;
@@ -273,10 +273,16 @@ bool takeLines(std::istream& in, const char* what,
   for (std::size_t number = 1; in && std::cout; ++number) {
     line.clear();
     while (in.get(c) && c != '\n') {
-      if (line.size() < kLongest) line += c;
+      if (line.size() <= kLongest) line += c;
     }
     const std::string_view text = withoutBlanks(line);
-    if (!text.empty() && text[0] != '#') takeOne(what, number, text, take);
+    if (line.size() > kLongest) {
+      takeOne(what, number, text, [](std::size_t, std::string_view) {
+        throw Kiv::RangeException("longer than " + std::to_string(kLongest) + " characters");
+      });
+    } else if (!text.empty() && text[0] != '#') {
+      takeOne(what, number, text, take);
+    }
     // Whoever waits for an answer before the next question gets it.
     if (in.rdbuf()->in_avail() <= 0) std::cout.flush();
   }
@@ -293,6 +299,11 @@ bool readRoutes(const char* file, PrefixMap<std::string>& routes) {
 
 int usage() {
   std::fputs(kUsage, stderr);
+  return 2;
+}
+
+int badArgument(std::string_view option, std::string_view argument, std::string_view why) {
+  std::cerr << "addressTool: " << option << ' ' << argument << ": " << why << '\n';
   return 2;
 }
 
@@ -336,16 +347,20 @@ int main(int argc, char** argv) {
     take = [](std::size_t, std::string_view text) { printNext(text); };
   } else if (mode == "--subnets") {
     const auto len = Ip6PrefixLen::fromText(argument);
-    if (!len || *len == Ip6PrefixLen::invalid) return usage();
+    if (!len || *len == Ip6PrefixLen::invalid) return badArgument(mode, argument, "no length from 0 to 128");
     take = [len = len->value()](std::size_t, std::string_view text) {
       for (const IpGenPrefix& subnet : prefixOf(text).subnets(len)) {
         if (!(std::cout << subnet << '\n')) break;
       }
     };
   } else if (mode == "--contains") {
-    const auto prefix = IpGenPrefix::fromText(argument);
-    if (!prefix || !prefix->validAsPrefix()) return usage();
-    take = [prefix = *prefix](std::size_t, std::string_view text) {
+    IpGenPrefix prefix;
+    try {
+      prefix = prefixOf(argument);
+    } catch (const Kiv::RangeException& failure) {
+      return badArgument(mode, argument, failure.message());
+    }
+    take = [prefix](std::size_t, std::string_view text) {
       const bool contains = prefix.contains(prefixOf(text));
       std::cout << text << (contains ? " yes" : " no") << '\n';
     };
@@ -360,7 +375,7 @@ int main(int argc, char** argv) {
   }
 
   if (!texts.empty()) {
-    for (std::size_t i = 0; i < texts.size(); ++i) takeOne("text", i + 1, texts[i], take);
+    for (std::size_t i = 0; i < texts.size(); ++i) takeOne("text", i + 1, withoutBlanks(texts[i]), take);
   } else if (!takeLines(std::cin, "line", take)) {
     std::cerr << "addressTool: standard input cannot be read\n";
     failed = true;

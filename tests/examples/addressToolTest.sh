@@ -185,8 +185,16 @@ limited=$( (ulimit -v $limit && { yes 10.1.2.3 | head -1000000; tr '\0' 1 </dev/
   "$tool" --contains 10.0.0.0/8 2>/dev/null) | sort | uniq -c | tr -s ' ')
 [ "${limited# }" = '1000000 10.1.2.3 yes' ] || { echo "FAILED: a million lines in 64 MB: $limited"; failures=1; }
 
+# A line that is too long is named; an argument that is wrong, in one line, with status 2.
+out='10.0.0.1 yes' err='addressTool: line 1: longer than 4096 characters'
+run 1 "$(printf '%05000d' 1)\n10.0.0.1" --contains 10.0.0.1
+out='' err='addressTool: --contains fe80::1/64: Invalid prefix - Non-zero after prefix length'
+run 2 '' --contains fe80::1/64
+err='addressTool: --subnets 129: no length from 0 to 128'
+run 2 '' --subnets 129
+
 # Wrong options: the usage, and status 2.
-for words in -x --jsn "1.2.3.4 --table" - "--json --next" --subnets "--subnets 129" "--contains fe80::1/64"; do
+for words in -x --jsn "1.2.3.4 --table" - "--json --next" --subnets; do
   # shellcheck disable=SC2086
   usage=$("$tool" $words 2>&1 </dev/null)
   if [ $? != 2 ] || [ "${usage#usage: addressTool}" = "$usage" ]; then
