@@ -5,13 +5,10 @@
 
 #include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <optional>
-#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "Kiv/Exception.h"
@@ -32,45 +29,57 @@ std::string messageOf(const std::function<void()>& act) {
   return "nothing thrown";
 }
 
-/// `print` is `printToBuffer`; `returnsStored` where it returns what it stored and not the whole length.
-template <typename T>
-void expectPrints(const T& value, std::string_view canonical, bool returnsStored = false) {
-  EXPECT_EQ(value.stringValue(), canonical);
+using PrintTo = std::function<std::size_t(char*, unsigned)>;
+
+/// `print` is `printToBuffer` of a value; `returnsStored` where it returns what it stored and not the whole length.
+inline void expectPrints(const PrintTo& print, std::string_view canonical, bool returnsStored) {
   for (unsigned size = 0; size <= canonical.size() + 40; ++size) {
     std::string buffer(canonical.size() + 60, '#');
     std::string expected = buffer;
     const std::size_t stored = size == 0 ? 0 : std::min<std::size_t>(canonical.size(), size - 1);
     if (size > 0) expected.replace(0, stored + 1, std::string(canonical.substr(0, stored)) + '\0');
-    EXPECT_EQ(value.printToBuffer(buffer.data(), size), returnsStored ? stored : canonical.size()) << size;
+    EXPECT_EQ(print(buffer.data(), size), returnsStored ? stored : canonical.size()) << size;
     EXPECT_EQ(buffer, expected) << "into " << size;
   }
 }
 
-/// All pairs of values in ascending order: ==, <, the hashes and the containers agree; each value passes
-/// through the attribute log and its own stream form.
+template <typename T>
+void expectPrints(const T& value, std::string_view canonical, bool returnsStored = false) {
+  EXPECT_EQ(value.stringValue(), canonical);
+  expectPrints([&](char* buffer, unsigned size) { return value.printToBuffer(buffer, size); }, canonical,
+               returnsStored);
+}
+
+/// What the operators and hashes say of two values. (Not asserted in a template: the compiler would take long.)
+struct Relation {
+  bool equal, less, hash, seededHash, standardHash;
+  bool operator==(const Relation&) const = default;
+};
+inline void expectRelation(const Relation& relation, bool equal, bool less, const std::string& pair) {
+  // Unequal values of one table whose hashes are the same are too few for chance.
+  EXPECT_EQ(relation, (Relation{equal, less, equal, equal, equal})) << pair;
+}
+inline void expectRoundTrip(bool equal, std::size_t bytesLeft, const std::string& value) {
+  EXPECT_TRUE(equal && bytesLeft == 0) << value;
+}
+
+/// All pairs of values in ascending order: ==, < and the hashes agree; each value passes through the attribute log.
 template <typename T>
 void expectOrdered(const std::vector<T>& ascending) {
   for (std::size_t i = 0; i < ascending.size(); ++i) {
+    const T& a = ascending[i];
     for (std::size_t k = 0; k < ascending.size(); ++k) {
-      const T& a = ascending[i];
       const T& b = ascending[k];
-      SCOPED_TRACE(testing::Message() << a << " and " << b);
-      EXPECT_EQ(a == b, i == k);
-      EXPECT_EQ(a < b, i < k);
-      EXPECT_EQ(a.hash() == b.hash(), i == k) << "equal, or these few collide";
-      EXPECT_EQ(a.hash(7) == b.hash(7), i == k) << "equal, or these few collide";
-      EXPECT_EQ(std::hash<T>()(a) == std::hash<T>()(b), i == k);
+      const Relation relation{a == b, a < b, a.hash() == b.hash(), a.hash(7) == b.hash(7),
+                              std::hash<T>()(a) == std::hash<T>()(b)};
+      expectRelation(relation, i == k, i < k, a.stringValue() + " and " + b.stringValue());
     }
     Kiv::NboAttrLog log;
-    log << ascending[i];
+    log << a;
     T back;
     log >> back;
-    EXPECT_EQ(back, ascending[i]);
-    EXPECT_EQ(log.bytesLeft(), 0u);
+    expectRoundTrip(back == a, log.bytesLeft(), a.stringValue());
   }
-  const std::set<T> ordered(ascending.rbegin(), ascending.rend());
-  EXPECT_TRUE(std::equal(ordered.begin(), ordered.end(), ascending.begin(), ascending.end()));
-  EXPECT_EQ(std::unordered_set<T>(ascending.begin(), ascending.end()).size(), ascending.size());
 }
 
 template <typename T>
