@@ -32,7 +32,7 @@ std::string messageOf(const std::function<void()>& act) {
 using PrintTo = std::function<std::size_t(char*, unsigned)>;
 
 /// `print` is `printToBuffer` of a value; `returnsStored` where it returns what it stored and not the whole length.
-inline void expectPrints(const PrintTo& print, std::string_view canonical, bool returnsStored) {
+inline void expectPrintsInto(const PrintTo& print, std::string_view canonical, bool returnsStored) {
   for (unsigned size = 0; size <= canonical.size() + 40; ++size) {
     std::string buffer(canonical.size() + 60, '#');
     std::string expected = buffer;
@@ -46,8 +46,8 @@ inline void expectPrints(const PrintTo& print, std::string_view canonical, bool 
 template <typename T>
 void expectPrints(const T& value, std::string_view canonical, bool returnsStored = false) {
   EXPECT_EQ(value.stringValue(), canonical);
-  expectPrints([&](char* buffer, unsigned size) { return value.printToBuffer(buffer, size); }, canonical,
-               returnsStored);
+  expectPrintsInto([&](char* buffer, unsigned size) { return value.printToBuffer(buffer, size); }, canonical,
+                   returnsStored);
 }
 
 /// What the operators and hashes say of two values. (Not asserted in a template: the compiler would take long.)

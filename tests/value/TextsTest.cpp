@@ -116,7 +116,7 @@ void expectRead(const Fields& row, Reading (*read)(std::string_view, std::string
   if (!reads) return;
   ASSERT_TRUE(reading.waysAgree);
   ASSERT_EQ(reading.printed, canonical);
-  table::expectPrints(reading.print, canonical, reading.returnsStored);
+  table::expectPrintsInto(reading.print, canonical, reading.returnsStored);
 }
 
 template <typename T>
