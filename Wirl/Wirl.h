@@ -5,6 +5,7 @@
 
 #include "Kiv/Kiv.h"
 #include "Wirl/access/EthDevPam.h"
+#include "Wirl/access/InetPam.h"
 #include "Wirl/access/Ip6SocketPam.h"
 #include "Wirl/access/IpFilter.h"
 #include "Wirl/access/IpPam.h"

@@ -37,6 +37,7 @@ EthRxMetadata metadataOf(const msghdr& message, const detail::RxSide& side, Pkt*
   EthRxMetadata metadata;
   metadata.pktType = side.peerAs<sockaddr_ll>().sll_pkttype;
   detail::eachControl(message, [&](const cmsghdr& each) {
+    detail::takeTimes(each, metadata.times);
     if (each.cmsg_level != SOL_PACKET || each.cmsg_type != PACKET_AUXDATA) return;
     const auto data = detail::dataOf<tpacket_auxdata>(each);
     const auto is = [&data](U32 bit) { return (data.tp_status & bit) != 0; };
@@ -97,6 +98,7 @@ void EthDevPam::findDevice() {
 }
 
 void EthDevPam::applyOptions() {
+  applySocketOptions();
   setOption(SOL_PACKET, PACKET_AUXDATA, 1, "setsockopt(PACKET_AUXDATA)");
   if (!rxOutgoing()) setOption(SOL_PACKET, PACKET_IGNORE_OUTGOING, 1, "setsockopt(PACKET_IGNORE_OUTGOING)");
   if (rxBuf() != 0) {
@@ -215,6 +217,7 @@ void EthDevPam::publish(const EthRxMetadata& metadata, U32 packets, Change& chan
   changes.put(rxPktType, metadata.pktType);
   changes.put(rxFrameBytes, metadata.frameBytes);
   changes.put(rxChecksum, metadata.checksum);
+  changes.put(rxTimes, metadata.times);
   changes.put(rxPktCount, rxPktCount() + packets);
 }
 

@@ -26,6 +26,7 @@ struct EthRxMetadata {
   /// Length before the frame was cut to `maxRxPktData`, without a separate VLAN tag.
   U32 frameBytes = 0;
   RxChecksum checksum = RxChecksum::unknown;
+  RxTimes times;
 };
 
 /// Receives and sends whole frames of one network device; see `PacketPam`.

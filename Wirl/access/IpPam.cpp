@@ -17,7 +17,7 @@ Kiv::TraceHandle trace("IpPam");
 }  // namespace
 
 IpPam::IpPam(Kiv::String name, IpProtocolNumber protocolNumber, const NamespaceName& ns)
-    : SocketPam(std::move(name)), protocol(protocolNumber), netNs(ns) {}
+    : InetPam(std::move(name)), protocol(protocolNumber), netNs(ns) {}
 
 IpPam::~IpPam() = default;
 

@@ -3,10 +3,11 @@
 
 #include <utility>
 
+#include "Wirl/access/InetPam.h"
 #include "Wirl/access/IpFilter.h"
 #include "Wirl/access/IpSocketOptions.h"
 #include "Wirl/access/IpTrafficControl.h"
-#include "Wirl/access/SocketPam.h"
+
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/value/IpDscp.h"
 #include "Wirl/value/IpGenAddr.h"
@@ -32,9 +33,9 @@ using Kiv::U64;
 ///
 /// `socketReadLimitIs` and `priorityIs` store a value before they check its range: a value that they refuse
 /// with an exception stays stored, and neither the hook nor reactors run.
-class KIV_API IpPam : public SocketPam {
+class KIV_API IpPam : public InetPam {
  public:
-  KIV_ENTITY(IpPam, SocketPam)
+  KIV_ENTITY(IpPam, InetPam)
   KIV_ATTR_READ(IpProtocolNumber, protocol)
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR_READ(IpSocketOptions, options)

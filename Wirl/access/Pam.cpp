@@ -2,6 +2,7 @@
 #include "Wirl/access/Pam.h"
 
 #include <algorithm>
+#include <new>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
@@ -11,8 +12,6 @@ namespace Wirl {
 namespace {
 
 Kiv::TraceHandle trace("Pam");
-
-constexpr U32 kUnpulledEvents = 1000;
 
 }  // namespace
 
@@ -36,6 +35,11 @@ S32 Pam::doGetBulkRxPkt() {
   KIV_ASSERT_AS(false, "Need to implement doGetBulkRxPkt in a derived class", name());
 }
 
+U32 Pam::doTxPktBulk(std::span<const Pkt::Ptr> pkts) {
+  for (const Pkt::Ptr& pkt : pkts) txPktIsImpl(pkt);
+  return static_cast<U32>(pkts.size());
+}
+
 U32 Pam::rxAllowance(U32 wanted) noexcept {
   if (pulledEvent_ != readableCount()) {
     pulledEvent_ = readableCount();
@@ -48,15 +52,27 @@ U32 Pam::rxAllowance(U32 wanted) noexcept {
 }
 
 void Pam::readableEvent() {
-  if (unpulled_ < kUnpulledEvents && ++unpulled_ == kUnpulledEvents) {
-    KIV_TRACE(trace, 0) << name() << ": " << kUnpulledEvents << " readable events and nobody called rxPkt()";
-  }
+  noteUnpulled();
   readableCountInc(1);
+}
+
+void Pam::traceUnpulled() const {
+  KIV_TRACE(trace, 0) << name() << ": " << kUnpulledEvents << " readable events and nobody called rxPkt()";
 }
 
 Pam::Saved& Pam::saved() {
   if (!saved_) saved_ = std::make_unique<Saved>();
   return *saved_;
+}
+
+bool Pam::saveableIs(U32 count) noexcept {
+  try {
+    saved().packets.reserve(count);
+    saved().received.reserve(count);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 void Pam::savedPacketIs(U16 index, const Pkt::Ptr& pkt) {

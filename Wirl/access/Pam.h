@@ -3,6 +3,7 @@
 
 #include <concepts>
 #include <memory>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -10,10 +11,6 @@
 #include "Wirl/packet/Pkt.h"
 
 namespace Wirl {
-
-namespace detail {
-class RxBatch;
-}
 
 using Kiv::S32;
 
@@ -73,12 +70,21 @@ class KIV_API Pam : public Kiv::Entity {
   /// Receives a batch into `savedPacket`, marks the slots in `savedPacketRx` and returns the number of
   /// packets. The base class ends the process.
   virtual S32 doGetBulkRxPkt();
+  /// Sends the packets in their order; see `txPktBulk`. The base class sends one after the other.
+  virtual U32 doTxPktBulk(std::span<const Pkt::Ptr> pkts);
 
  public:
   /// Sends one packet, or drops it; see the counters.
   void txPktIs(const Pkt::Ptr& pkt) {
     const auto alive = Kiv::keepAlive(this);
     txPktIsImpl(pkt);
+  }
+  /// Sends the packets in their order, with as few system calls as the class can. Returns how many it took,
+  /// each of them sent, or dropped and counted as by `txPktIs`. It takes all, unless the descriptor has no
+  /// room: the rest is not touched, and may be offered again.
+  U32 txPktBulk(std::span<const Pkt::Ptr> pkts) {
+    const auto alive = Kiv::keepAlive(this);
+    return doTxPktBulk(pkts);
   }
   /// The next received packet, or null. Call it until it gives null.
   Pkt::Ptr rxPkt() const {
@@ -123,6 +129,17 @@ class KIV_API Pam : public Kiv::Entity {
   void rxPulled(U32 packets) noexcept { pulled_ = packets == 0 ? 0 : pulled_ + packets; }
   /// Counts one readable event. Traces once that nobody pulls, after 1,000 events without a pull.
   void readableEvent();
+  /// The tracing alone, for callers of `countReadable`.
+  void noteUnpulled() {
+    if (unpulled_ < kUnpulledEvents && ++unpulled_ == kUnpulledEvents) traceUnpulled();
+  }
+
+  /// Makes room for a batch of `count` packets; false without memory. For these two.
+  bool saveableIs(U32 count) noexcept;
+  /// The packets of the slots, for a batch to receive into.
+  std::vector<Pkt::Ptr>& savedSlots() noexcept { return saved_->packets; }
+  /// Marks the first `count` slots, which exist, and no other.
+  void savedReceived(U16 count) noexcept { saved_->received.assign(count, true); }
 
   /// Like `readableCountInc(1)`, for callers that already hold the Pam and know its final type (lets the hook
   /// call be devirtualised).
@@ -140,7 +157,6 @@ class KIV_API Pam : public Kiv::Entity {
   }
 
  private:
-  friend class detail::RxBatch;
   friend class PamFdSm;
 
   /// For Pams that receive in batches.
@@ -149,6 +165,9 @@ class KIV_API Pam : public Kiv::Entity {
     std::vector<bool> received;
   };
   Saved& saved();
+  [[gnu::cold]] void traceUnpulled() const;
+
+  static constexpr U32 kUnpulledEvents = 1000;
 
   mutable Pkt::Ptr rxPktHolder_;
   U32 rxDropsHolder_ = 0;

@@ -249,6 +249,7 @@ void PamConnector::deliver(const char* name) {
   const U32 total = end->inputQueueLength();
   KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name << ", total packets: " << total;
   for (U32 i = 0; i < total && end->pamConnector() == this; ++i) {
+    end->noteUnpulled();
     PamConnectorPam::countReadable(*end);
     KIV_TRACE(trace, 2) << "PamConnector: handleClock " << name
                         << ", remaining packets: " << end->inputQueueLength();

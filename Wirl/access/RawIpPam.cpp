@@ -14,6 +14,7 @@
 #include "Kiv/Trace.h"
 #include "Wirl/access/detail/Receive.h"
 #include "Wirl/access/detail/Socket.h"
+#include "Wirl/access/detail/SocketOption.h"
 #include "Wirl/access/detail/attachFilter.h"
 
 namespace Wirl {
@@ -24,35 +25,24 @@ Kiv::TraceHandle trace4("IpSocketPam");
 Kiv::TraceHandle trace6("Ip6SocketPam");
 
 constexpr U32 kMaxPacket = 65535;  // of IP without jumbo payloads
-constexpr int kNone = -1;
 constexpr int kErrorsAtOnce = 64;  // taken off the error queue at a time
 
-/// An option that is on or off, in both families.
+/// Options that are on or off.
 struct SwitchedOption {
   IpSocketOptions::Option bit;
-  struct Name {
-    int option;
-    const char* text;
-    int on = 1, off = 0;
-  } v4, v6;
+  const detail::SocketOption& option;
 };
-
-#define OPTION(name) \
-  { name, "setsockopt(" #name ")" }
-constexpr SwitchedOption kSwitched[] = {
-    {IpSocketOptions::ipFreeBind, OPTION(IP_FREEBIND), OPTION(IPV6_FREEBIND)},
-    {IpSocketOptions::ipHdrIncl, OPTION(IP_HDRINCL), OPTION(IPV6_HDRINCL)},
-    {IpSocketOptions::ipMulticastLoop, OPTION(IP_MULTICAST_LOOP), OPTION(IPV6_MULTICAST_LOOP)},
-    {IpSocketOptions::ipPktInfo, OPTION(IP_PKTINFO), OPTION(IPV6_RECVPKTINFO)},
-    {IpSocketOptions::ipRecvErr, OPTION(IP_RECVERR), OPTION(IPV6_RECVERR)},
-    {IpSocketOptions::ipRecvOrigDstAddr, OPTION(IP_RECVORIGDSTADDR), OPTION(IPV6_RECVORIGDSTADDR)},
-    {IpSocketOptions::ipRecvTOS, OPTION(IP_RECVTOS), OPTION(IPV6_RECVTCLASS)},
-    {IpSocketOptions::ipRecvTTL, OPTION(IP_RECVTTL), OPTION(IPV6_RECVHOPLIMIT)},
-    {IpSocketOptions::ipRouterAlert,
-     OPTION(IP_ROUTER_ALERT),
-     {IPV6_ROUTER_ALERT, "setsockopt(IPV6_ROUTER_ALERT)", 0, -1}},  // the Router Alert value to receive
-    {IpSocketOptions::ipTransparent, OPTION(IP_TRANSPARENT), OPTION(IPV6_TRANSPARENT)}};
-#undef OPTION
+const SwitchedOption kSwitched[] = {
+    {IpSocketOptions::ipFreeBind, detail::options::freeBind},
+    {IpSocketOptions::ipHdrIncl, detail::options::headerIncluded},
+    {IpSocketOptions::ipMulticastLoop, detail::options::multicastLoop},
+    {IpSocketOptions::ipPktInfo, detail::options::rxPktInfo},
+    {IpSocketOptions::ipRecvErr, detail::options::rxErrors},
+    {IpSocketOptions::ipRecvOrigDstAddr, detail::options::rxOriginalDestination},
+    {IpSocketOptions::ipRecvTOS, detail::options::rxTrafficClass},
+    {IpSocketOptions::ipRecvTTL, detail::options::rxHopLimit},
+    {IpSocketOptions::ipRouterAlert, detail::options::routerAlert},
+    {IpSocketOptions::ipTransparent, detail::options::transparent}};
 
 /// Offset of the checksum in a protocol over IPv6. Nothing if it is not known or the kernel needs no telling.
 std::optional<int> checksumOffset(IpProtocolNumber protocol) {
@@ -94,10 +84,7 @@ struct RawIpFamily {
   int level;
   const Kiv::TraceHandle& trace;
   const char* notEnabled;
-  SwitchedOption::Name SwitchedOption::*switched;
-  int tos, ttl, multicastTtl;
-  int multicastAll;  // none for IPv6: its raw sockets ignore it
-  const char *tosText, *ttlText, *multicastTtlText;
+  int routerAlertOn, routerAlertOff;
   U32 headerBytes, destinationAt;  // length of the IP header, and offset of the destination address in it
 };
 
@@ -108,14 +95,8 @@ const detail::RawIpFamily RawIpPam::ipv4Family_ = {AddressFamily::ipv4,
                                                    IPPROTO_IP,
                                                    trace4,
                                                    "IpSocketPam not enabled. Aborting action",
-                                                   &SwitchedOption::v4,
-                                                   IP_TOS,
-                                                   IP_TTL,
-                                                   IP_MULTICAST_TTL,
-                                                   IP_MULTICAST_ALL,
-                                                   "setsockopt(IP_TOS)",
-                                                   "setsockopt(IP_TTL)",
-                                                   "setsockopt(IP_MULTICAST_TTL)",
+                                                   1,
+                                                   0,
                                                    20,
                                                    16};
 
@@ -124,14 +105,8 @@ const detail::RawIpFamily RawIpPam::ipv6Family_ = {AddressFamily::ipv6,
                                                    IPPROTO_IPV6,
                                                    trace6,
                                                    "Ip6SocketPam not enabled. Aborting action",
-                                                   &SwitchedOption::v6,
-                                                   IPV6_TCLASS,
-                                                   IPV6_UNICAST_HOPS,
-                                                   IPV6_MULTICAST_HOPS,
-                                                   kNone,
-                                                   "setsockopt(IPV6_TCLASS)",
-                                                   "setsockopt(IPV6_UNICAST_HOPS)",
-                                                   "setsockopt(IPV6_MULTICAST_HOPS)",
+                                                   0,  // the Router Alert value to receive
+                                                   -1,
                                                    40,
                                                    24};
 
@@ -156,6 +131,7 @@ void RawIpPam::setUp(Change&) {
   if (txTOS() != IpDscp()) handleTxTOS();
   if (txTTL() != IpTtl()) handleTxTTL();
   applyPriority();
+  applySocketOptions();
   KIV_TRACE(family_.trace, 5) << "Socket fd is " << fd() << ", options are " << options();
 }
 
@@ -186,10 +162,10 @@ void RawIpPam::applyOptions(U32 changed, U32 bits) {
   // Refuse what needs no kernel to refuse before anything changes.
   if (differs(IpSocketOptions::ipAttachFilter) && on(IpSocketOptions::ipAttachFilter)) checkRxFilter();
   for (const SwitchedOption& each : kSwitched) {
-    const SwitchedOption::Name& name = each.*family_.switched;
-    if (differs(each.bit)) {
-      setOption(family_.level, name.option, on(each.bit) ? name.on : name.off, name.text);
-    }
+    if (!differs(each.bit)) continue;
+    const bool alert = each.bit == IpSocketOptions::ipRouterAlert;
+    const int value = on(each.bit) ? (alert ? family_.routerAlertOn : 1) : alert ? family_.routerAlertOff : 0;
+    setOption(each.option, value);
   }
   if (differs(IpSocketOptions::ipAttachFilter)) {
     if (on(IpSocketOptions::ipAttachFilter)) {
@@ -204,8 +180,7 @@ void RawIpPam::applyOptions(U32 changed, U32 bits) {
   }
   if (differs(IpSocketOptions::ipPriority)) {
     const U32 wanted = on(IpSocketOptions::ipPriority) ? priority() : 0;
-    const int value = static_cast<int>(wanted);
-    if (wanted <= maxPriority) setOption(SOL_SOCKET, SO_PRIORITY, value, "setsockopt(SO_PRIORITY)");
+    if (wanted <= maxPriority) setOption(detail::options::priority, static_cast<int>(wanted));
   }
   if (differs(IpSocketOptions::ipv6Checksum) && family_.af == AddressFamily::ipv6 &&
       protocol() != ipProtoIcmpv6) {
@@ -216,20 +191,21 @@ void RawIpPam::applyOptions(U32 changed, U32 bits) {
 
 void RawIpPam::handleTxTOS() {
   if (fd() < 0) return;
-  setOption(family_.level, family_.tos, txTOS().tos(), family_.tosText);
+  setOption(detail::options::trafficClass, txTOS().tos());
   applyPriority();  // the kernel derives a priority from the TOS octet
 }
 
 void RawIpPam::handleTxTTL() {
   if (fd() < 0) return;
   const int value = txTTL() == IpTtl() ? -1 : txTTL().value();  // -1: the system's own
-  setOption(family_.level, family_.ttl, value, family_.ttlText);
-  setOption(family_.level, family_.multicastTtl, value, family_.multicastTtlText);
+  setOption(detail::options::hopLimit, value);
+  setOption(detail::options::multicastHopLimit, value);
+  applyHopLimits();  // more exact, if set
 }
 
 void RawIpPam::handlePriority() {
   if (fd() < 0) return;
-  setOption(SOL_SOCKET, SO_PRIORITY, static_cast<int>(priority()), "setsockopt(SO_PRIORITY)");
+  setOption(detail::options::priority, static_cast<int>(priority()));
 }
 
 void RawIpPam::applyPriority() {
@@ -242,8 +218,9 @@ S32 RawIpPam::handleMcastGroup(const IpGenAddr& group, bool join, U32 ifIndex) {
   if (fd() < 0) return ENODEV;
   if (group.af() != family_.af || !group.isMulticast()) return EINVAL;
   const int off = 0;
-  if (join && family_.multicastAll != kNone &&
-      setsockopt(fd(), family_.level, family_.multicastAll, &off, sizeof(off)) < 0) {
+  // Raw IPv6 sockets ignore it.
+  if (join && family_.af == AddressFamily::ipv4 &&
+      setsockopt(fd(), IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof(off)) < 0) {
     return errno;
   }
   return detail::membershipIs(fd(), group, join, ifIndex);
@@ -331,6 +308,7 @@ void RawIpPam::hand(Pkt::Ptr pkt, const IpRxMetadata& metadata, U32 packets) {
   changes.put(rxTOS, metadata.tos);
   changes.put(rxTTL, metadata.ttl);
   changes.put(rxFlags, metadata.flags);
+  changes.put(rxTimes, metadata.times);
   changes.put(rxPktCount, rxPktCount() + packets);
   deliver(std::move(pkt), changes);
 }
@@ -353,6 +331,7 @@ IpRxMetadata RawIpPam::metadataOf(const msghdr& message, const detail::RxSide& s
     metadata.dstIpAddr = told.dstIpAddr;
   }
   metadata.origDstIpAddr = told.origDstIpAddr;
+  metadata.times = told.times;
   if (told.tos >= 0) metadata.tos = static_cast<U8>(told.tos);
   if (told.ttl >= 0) metadata.ttl = static_cast<U8>(told.ttl);
   return metadata;

@@ -17,6 +17,7 @@ struct IpRxMetadata {
   U8 tos = 0;
   U8 ttl = 0;
   S32 flags = 0;
+  RxTimes times;
 };
 
 /// A raw IP socket of either family; see `IpSocketPam` and `Ip6SocketPam`.

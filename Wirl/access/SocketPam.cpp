@@ -1,16 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/SocketPam.h"
 
+#include <linux/net_tstamp.h>
 #include <linux/sock_diag.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <new>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Wirl/access/detail/Receive.h"
+#include "Wirl/access/detail/Send.h"
 #include "Wirl/access/detail/Socket.h"
+#include "Wirl/access/detail/SocketOption.h"
 #include "Wirl/access/socketAt.h"
 
 namespace Wirl {
@@ -21,13 +26,36 @@ namespace {
 
 Kiv::TraceHandle trace("SocketPam");
 
+int asInt(U32 octets) {
+  return static_cast<int>(std::min<U32>(octets, INT_MAX));
+}
+
+/// For SO_TIMESTAMPING.
+int flagsOf(RxTimestamps which) {
+  constexpr int kKernel = SOF_TIMESTAMPING_RX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE;
+  constexpr int kHardware = SOF_TIMESTAMPING_RX_HARDWARE | SOF_TIMESTAMPING_RAW_HARDWARE;
+  if (which == RxTimestamps::off) return 0;
+  return which == RxTimestamps::kernel ? kKernel : kKernel | kHardware;
+}
+
 }  // namespace
+
+std::ostream& operator<<(std::ostream& out, RxTimestamps which) {
+  constexpr const char* kNames[] = {"off", "kernel", "hardware"};
+  return out << kNames[static_cast<U8>(which)];
+}
+
+std::ostream& operator<<(std::ostream& out, const RxTimes& times) {
+  return out << times.kernel << " ns, device " << times.hardware << " ns";
+}
 
 SocketPam::SocketPam(Kiv::String name, int (*close)(int)) : Pam(std::move(name)), close_(close) {}
 
 SocketPam::~SocketPam() = default;
 
-void SocketPam::setUp(Change&) {}
+void SocketPam::setUp(Change&) {
+  applySocketOptions();
+}
 
 void SocketPam::forget(Change&) noexcept {}
 
@@ -155,6 +183,48 @@ void SocketPam::setOption(int level, int option, const void* value, socklen_t le
   if (setsockopt(fd(), level, option, value, length) < 0) closeAndFail(errno, text, complaint);
 }
 
+void SocketPam::setOption(const detail::SocketOption& option, int value) {
+  const int error = optionWhileOpen(option, value);
+  if (error != 0) closeAndFail(error, option.textOf(domain()));
+}
+
+void SocketPam::setOption(const detail::SocketOption& option, std::string_view value) {
+  const int error = optionWhileOpen(option, value);
+  if (error != 0) closeAndFail(error, option.textOf(domain()));
+}
+
+int SocketPam::optionWhileOpen(const detail::SocketOption& option, int value) const {
+  return fd() < 0 ? 0 : detail::socketOptionIs(fd(), domain(), option, value);
+}
+
+int SocketPam::optionWhileOpen(const detail::SocketOption& option, std::string_view value) const {
+  return fd() < 0 ? 0 : detail::socketOptionIs(fd(), domain(), option, value);
+}
+
+void SocketPam::failOption(int error, const detail::SocketOption& option) const {
+  fail(error, option.textOf(domain()));
+}
+
+void SocketPam::rxBufBytesIs(U32 octets) {
+  if (octets == 0) return rxBufBytes.set(octets);
+  optionIs(rxBufBytes, octets, detail::options::rxBuffer, asInt(octets));
+}
+
+void SocketPam::txBufBytesIs(U32 octets) {
+  if (octets == 0) return txBufBytes.set(octets);
+  optionIs(txBufBytes, octets, detail::options::txBuffer, asInt(octets));
+}
+
+void SocketPam::rxTimestampsIs(RxTimestamps which) {
+  optionIs(rxTimestamps, which, detail::options::rxTimestamps, flagsOf(which));
+}
+
+void SocketPam::applySocketOptions() {
+  if (rxBufBytes() != 0) setOption(detail::options::rxBuffer, asInt(rxBufBytes()));
+  if (txBufBytes() != 0) setOption(detail::options::txBuffer, asInt(txBufBytes()));
+  if (rxTimestamps() != RxTimestamps::off) setOption(detail::options::rxTimestamps, flagsOf(rxTimestamps()));
+}
+
 // Receiving
 // --------------------------------------------------------------------------------------------------
 
@@ -181,16 +251,26 @@ void SocketPam::deliver(Pkt::Ptr pkt, Change& changes) {
 
 S32 SocketPam::receiveBatch(U16 limit, U32 room) {
   savedPacketRxDelAll();
-  if (fd() < 0) return 0;
   const auto allowed = static_cast<U16>(rxAllowance(limit));
   if (allowed == 0) {
-    offerRest();
+    if (fd() >= 0) offerRest();
     return 0;
   }
+  if (!saveableIs(limit)) {
+    receiveFailed(true, 0);
+    return 0;
+  }
+  const S32 received = receiveInto(savedSlots(), allowed, room);
+  rxPulled(static_cast<U32>(received));
+  savedReceived(static_cast<U16>(received));
+  return received;
+}
+
+S32 SocketPam::receiveInto(std::vector<Pkt::Ptr>& slots, U16 limit, U32 room) {
+  if (fd() < 0) return 0;
   if (!batch_) batch_.reset(new (std::nothrow) detail::RxBatch);
-  const S32 received = batch_ ? batch_->receive(*this, fd(), allowed, room) : 0;
+  const S32 received = batch_ ? batch_->receive(slots, fd(), limit, room) : 0;
   const int error = received < 0 ? errno : 0;
-  rxPulled(static_cast<U32>(std::max(received, 0)));
   if (received > 0) return received;
   if (error != EAGAIN) offerRest();
   receiveFailed(true, error);
@@ -226,26 +306,81 @@ SocketPam::Loss SocketPam::lossOf(int error) const {
 }
 
 int SocketPam::send(const detail::TxMessage& message, int flags) {
+  Change changes(this);
+  const int error = send(message, flags, changes);
+  changes.tell();
+  return error;
+}
+
+int SocketPam::send(const detail::TxMessage& message, int flags, Change& changes) {
   if (sendmsg(fd(), &message.get(), flags) >= 0) return 0;
   const int error = errno;
   KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }} << ": sendmsg failed with " << error
                               << " (" << detail::errorPrinted(error) << ") ";
-  lost(error, lossOf(error));
+  lost(error, lossOf(error), 1, changes);
   return error;
 }
 
 void SocketPam::refuse(int error) {
   KIV_TRACE(traceHandle(), 3) << Printed{[this] { return who(); }} << ": packet refused with " << error
                               << " (" << detail::errorPrinted(error) << ") ";
-  lost(error, Loss::error);
+  Change changes(this);
+  lost(error, Loss::error, 1, changes);
+  changes.tell();
 }
 
-void SocketPam::lost(int error, Loss loss) {
-  Change changes(this);
+void SocketPam::lost(int error, Loss loss, U32 packets, Change& changes) {
   changes.put(txErrno, error);
-  if (loss == Loss::drop) changes.put(txDrops, txDrops() + 1);
-  if (loss == Loss::error) changes.put(txErrors, txErrors() + 1);
-  changes.tell();
+  if (loss == Loss::drop) changes.put(txDrops, txDrops() + packets);
+  if (loss == Loss::error) changes.put(txErrors, txErrors() + packets);
+  changes.put(txFailures, txFailures() + packets);
+}
+
+U32 SocketPam::sendBatch(detail::TxSource& source, U32 count, int flags, U64& sent, Change& changes) {
+  if (!txBatch_) txBatch_.reset(new (std::nothrow) detail::TxBatch);
+  if (!txBatch_) {
+    changes.put(txErrno, ENOMEM);
+    return 0;
+  }
+  detail::TxBatch& batch = *txBatch_;
+  const auto lose = [&](int error) {
+    KIV_TRACE(traceHandle(), 0) << Printed{[this] { return who(); }} << ": sendmmsg failed with " << error
+                                << " (" << detail::errorPrinted(error) << ") ";
+    const Loss loss = lossOf(error);
+    if (loss == Loss::sent) ++sent;
+    lost(error, loss, 1, changes);
+  };
+  U32 at = 0, aloneUntil = 0;
+  while (at < count) {
+    batch.clear();
+    S32 put = 0;
+    for (U32 next = at; next < count && (put = source.put(batch, next, next < aloneUntil)) > 0;) {
+      next += static_cast<U32>(put);
+    }
+    if (batch.messages() == 0) {
+      lose(-put);
+      ++at;
+      continue;
+    }
+    const int messages = batch.send(fd(), flags);
+    const int error = messages < 0 ? errno : 0;
+    for (int message = 0; message < messages; ++message) {
+      at += batch.packets(static_cast<U32>(message));
+      sent += batch.packets(static_cast<U32>(message));
+    }
+    if (error == EAGAIN) {
+      changes.put(txErrno, error);
+      break;
+    }
+    if (error != 0 && batch.packets(0) > 1) {
+      aloneUntil = at + batch.packets(0);
+      source.refused(error);
+    } else if (error != 0) {
+      lose(error);
+      ++at;
+    }
+  }
+  return at;
 }
 
 // The kernel's count

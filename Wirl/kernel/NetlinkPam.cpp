@@ -59,6 +59,7 @@ void NetlinkPam::setUp(Change& changes) {
   sockaddr_nl local = addressOf(groups());
   socklen_t length = sizeof(local);
   auto* const address = reinterpret_cast<sockaddr*>(&local);
+  applySocketOptions();
   if (bind(fd(), address, length) < 0) fail(errno, "bind");
   if (getsockname(fd(), address, &length) < 0) fail(errno, "getsockname");
   changes.put(portId, local.nl_pid);

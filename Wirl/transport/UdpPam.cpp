@@ -2,22 +2,27 @@
 #include "Wirl/transport/UdpPam.h"
 
 #include <arpa/inet.h>
+#include <netinet/udp.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <string_view>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Exception.h"
 #include "Kiv/Trace.h"
 #include "Wirl/access/detail/Receive.h"
+#include "Wirl/access/detail/Send.h"
 #include "Wirl/access/detail/Socket.h"
+#include "Wirl/access/detail/SocketOption.h"
 
 namespace Wirl {
 
 using detail::Printed;
+namespace options = detail::options;
 
 namespace {
 
@@ -26,6 +31,8 @@ Kiv::TraceHandle trace("UdpPam");
 constexpr std::array<std::string_view, 4> kModeNames = {"disabled", "send", "client", "server"};
 
 constexpr U32 kMaxDatagram = 65535;  // RFC 768
+constexpr U32 kMaxSegments = 64;     // that the kernel takes in one datagram, and merges into one
+constexpr U16 kMaxMerged = 16;       // merged datagrams in a batch: a megabyte of room
 
 /// "192.0.2.1:7000", "[2001:db8::1]:7000".
 std::string textOf(const IpGenAddr& address, U16 port) {
@@ -45,7 +52,7 @@ UdpPam::Mode UdpPam::Mode::ModeInstance(std::string_view name) {
   return static_cast<Instance>(found - kModeNames.begin());
 }
 
-UdpPam::UdpPam(Kiv::String name) : SocketPam(std::move(name)) {}
+UdpPam::UdpPam(Kiv::String name) : InetPam(std::move(name)) {}
 
 UdpPam::~UdpPam() {
   closeSocket();
@@ -103,7 +110,32 @@ void UdpPam::setUp(Change&) {
   KIV_TRACE(trace, 5) << "Done setting file desc " << name();
   handleTxTos();
   setTtl();
+  applySocketOptions();
+  gsoLimit_ = kMaxDatagram;
   if (mode() != Mode::send) doBind();
+}
+
+void UdpPam::applySocketOptions() {
+  InetPam::applySocketOptions();
+  if (reusePort()) setOption(options::reusePort, 1);
+  // A socket that may not share is told of others, and keeps them away.
+  if (exclusivePort()) setOption(options::reuseAddress, 0);
+  if (enableGro()) setOption(options::rxMerged, 1);
+  gro_ = enableGro();
+}
+
+/// A socket that merges goes on: of what is queued already the kernel would not say any more that it is
+/// merged.
+void UdpPam::enableGroIs(bool on) {
+  if (!on) return enableGro.set(on);
+  gro_ = true;
+  optionIs(enableGro, on, options::rxMerged, 1);
+}
+
+void UdpPam::checkSocketReadLimit() {
+  if (socketReadLimit() < 1 || socketReadLimit() > maxSocketReadLimit) {
+    throw Kiv::RangeException("UdpPam::socketReadLimit < 1 or > 128 not allowed");
+  }
 }
 
 Kiv::Ptr<PamFdSm> UdpPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
@@ -112,6 +144,9 @@ Kiv::Ptr<PamFdSm> UdpPam::newFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& opened) {
 
 void UdpPam::forget(Change& changes) noexcept {
   changes.put(socketConnected, false);
+  merged_ = nullptr;
+  batchHeld_ = 0;
+  drained_ = false;
 }
 
 void UdpPam::setFirstOptions() {
@@ -138,30 +173,16 @@ void UdpPam::setFirstOptions() {
 /// What the first options leave out.
 void UdpPam::setTtl() {
   if (txTTL() == 0) return;
-  if (ipv6()) {
-    setOption(IPPROTO_IPV6, IPV6_UNICAST_HOPS, txTTL(), "setsockopt(IPV6_UNICAST_HOPS)");
-    setOption(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, txTTL(), "setsockopt(IPV6_MULTICAST_HOPS)");
-  } else {
-    setOption(IPPROTO_IP, IP_MULTICAST_TTL, txTTL(), "setsockopt(IP_MULTICAST_TTL)");
-  }
+  if (ipv6()) setOption(options::hopLimit, txTTL());
+  setOption(options::multicastHopLimit, txTTL());
 }
 
 void UdpPam::handleRxTTL() {
-  if (fd() < 0) return;
-  if (ipv6()) {
-    setOption(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, enableRxTTL(), "setsockopt(IPV6_RECVHOPLIMIT)");
-  } else {
-    setOption(IPPROTO_IP, IP_RECVTTL, enableRxTTL(), "setsockopt(IP_RECVTTL)");
-  }
+  setOption(options::rxHopLimit, enableRxTTL());
 }
 
 void UdpPam::handleRxTOS() {
-  if (fd() < 0) return;
-  if (ipv6()) {
-    setOption(IPPROTO_IPV6, IPV6_RECVTCLASS, enableRxTOS(), "setsockopt(IPV6_RECVTCLASS)");
-  } else {
-    setOption(IPPROTO_IP, IP_RECVTOS, enableRxTOS(), "setsockopt(IP_RECVTOS)");
-  }
+  setOption(options::rxTrafficClass, enableRxTOS());
 }
 
 void UdpPam::doBind() {
@@ -200,7 +221,11 @@ void UdpPam::handleTxTos() {
 // Sending
 // ----------------------------------------------------------------------------------------------------
 
-bool UdpPam::doConnect() {
+UdpPam::Loss UdpPam::lossOf(int error) const {
+  return error == ECONNREFUSED ? Loss::sent : Loss::uncounted;
+}
+
+bool UdpPam::doConnect(Change& changes) {
   if (mode() != Mode::client || socketConnected()) return true;
   if (!ipv6() && !txDstIpAddr().isUnicast()) {
     KIV_TRACE(trace, 5) << name() << ": " << txDstIpAddr() << " not a unicast address";
@@ -212,9 +237,10 @@ bool UdpPam::doConnect() {
     const int error = errno;
     KIV_TRACE(trace, 0) << Printed{[this] { return who(); }} << ": connect failed with " << error << " ("
                         << detail::errorPrinted(error) << ") ";
+    changes.put(txFailures, txFailures() + 1);
     return false;
   }
-  socketConnected.set(true);
+  changes.put(socketConnected, true);
   return true;
 }
 
@@ -224,7 +250,8 @@ void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
   detail::TxMessage message(pkt);
   const auto me = Printed{[this] { return who(); }};
   KIV_TRACE(trace, 8) << me << ": Sending pkt of size " << pkt->bytes();
-  if (!doConnect()) return;
+  Change changes(this);  // told when the packet is sent: a reactor that throws does not cost it
+  if (!doConnect(changes)) return changes.tell();
   KIV_ASSERT_AS(txPort() != U16(), "txPort() != U16()", name());
 
   if (!socketConnected()) message.toIs(detail::SockAddr(txDst(), txPort(), txIfIndex()));
@@ -234,62 +261,321 @@ void UdpPam::txPktIsImpl(const Pkt::Ptr& pkt) {
     KIV_TRACE(trace, 8) << me << ": Sending pkt with txIfIndex " << txIfIndex();
     message.fromIs(from, txIfIndex());
     KIV_TRACE(trace, 8) << me << ": Sending pkt to ifindex " << txIfIndex();
-    Change spent(this);
     if (ipv6()) {
-      spent.put(txSrcIp6Addr, Ip6Addr());
+      changes.put(txSrcIp6Addr, Ip6Addr());
     } else {
-      spent.put(txSrcIpAddr, IpAddr());
+      changes.put(txSrcIpAddr, IpAddr());
     }
-    spent.put(txIfIndex, U32{0});
-    spent.tell();
+    changes.put(txIfIndex, U32{0});
   }
-  const int error = send(message);
-  if (error == 0 || error == ECONNREFUSED) txPktsInc(1);
+  const int error = send(message, 0, changes);
+  if (error == 0 || lossOf(error) == Loss::sent) changes.put(txPkts, txPkts() + 1);
+  changes.tell();
+}
+
+/// The datagrams of a bulk send: packets for the Pam's destination, or each with its own.
+class UdpPam::BulkSource final : public detail::TxSource {
+ public:
+  BulkSource(UdpPam& pam, std::span<const Pkt::Ptr> pkts, std::span<const UdpTxPkt> addressed)
+      : pam_(pam), pkts_(pkts), addressed_(addressed), maxBytes_(kMaxDatagram - (pam.ipv6() ? 8 : 28)) {}
+
+  U32 count() const noexcept { return static_cast<U32>(pkts_.size() + addressed_.size()); }
+
+  S32 put(detail::TxBatch& batch, U32 at, bool alone) override {
+    const Pkt& first = pktAt(at);
+    const U32 run = alone || !pam_.enableGso() ? 1 : runFrom(at);
+    if (!batch.hasRoomFor(run * Pkt::maxIovecs_)) return 0;
+    const UdpTxPkt* const own = addressed_.empty() ? nullptr : &addressed_[at];
+    const bool given = own && own->dstIpAddr.af() != AddressFamily::ipunknown;
+    if (given && pam_.socketConnected() && !(own->dstIpAddr == pam_.txDst() && own->port == pam_.txPort())) {
+      return -EISCONN;
+    }
+    const IpGenAddr to = given ? own->dstIpAddr : pam_.txDst();
+    const U16 port = given ? own->port : pam_.txPort();
+    const U32 ifIndex = own ? own->ifIndex : 0;
+    if (to.af() != pam_.txDst().af()) return -EAFNOSUPPORT;
+    if (port == 0) return -EDESTADDRREQ;
+    const bool fromGiven = own && own->srcIpAddr.af() != AddressFamily::ipunknown;
+    if (fromGiven && own->srcIpAddr.af() != to.af()) return -EAFNOSUPPORT;
+    batch.begin(run);
+    if (batch.messages() == 1) firstBytes_ = first.bytes();
+    for (U32 i = 0; i < run; ++i) {
+      const Pkt& pkt = pktAt(at + i);
+      batch.add(pkt.iovecs(), pkt.numIovecs());
+    }
+    if (!pam_.socketConnected()) batch.toIs(detail::SockAddr(to, port, ifIndex));
+    if (fromGiven || ifIndex != 0) batch.fromIs(fromGiven ? own->srcIpAddr : IpGenAddr(to.af()), ifIndex);
+    if (run > 1) batch.control(SOL_UDP, UDP_SEGMENT, static_cast<U16>(first.bytes()));
+    return static_cast<S32>(run);
+  }
+  void refused(int error) override {
+    if (error == ECONNREFUSED) return;  // it was about an earlier datagram
+    // Too long for the device, in most cases; a device or socket that takes none will say so for any length.
+    pam_.gsoLimit_ = error == EINVAL || error == EMSGSIZE ? firstBytes_ - 1 : 0;
+  }
+
+ private:
+  const Pkt& pktAt(U32 at) const { return addressed_.empty() ? *pkts_[at] : *addressed_[at].pkt; }
+  /// How many datagrams from `at` on can be handed over as one.
+  U32 runFrom(U32 at) {
+    const U32 bytes = pktAt(at).bytes();
+    if (bytes == 0 || bytes > pam_.gsoLimit_) return 1;
+    U32 run = 1;
+    for (U32 all = bytes; run < kMaxSegments && at + run < count(); ++run) {
+      const U32 next = pktAt(at + run).bytes();
+      if (next == 0 || next > bytes || all + next > maxBytes_ || !sameWay(at, at + run)) break;
+      all += next;
+      if (next < bytes) return run + 1;
+    }
+    return run;
+  }
+  bool sameWay(U32 one, U32 other) const {
+    if (addressed_.empty()) return true;
+    const UdpTxPkt &a = addressed_[one], &b = addressed_[other];
+    return a.dstIpAddr == b.dstIpAddr && a.port == b.port && a.srcIpAddr == b.srcIpAddr &&
+           a.ifIndex == b.ifIndex;
+  }
+
+  UdpPam& pam_;
+  const std::span<const Pkt::Ptr> pkts_;
+  const std::span<const UdpTxPkt> addressed_;
+  const U32 maxBytes_;
+  U32 firstBytes_ = 0;
+};
+
+U32 UdpPam::txPktBulk(std::span<const UdpTxPkt> pkts) {
+  return txBulk({}, pkts);
+}
+
+U32 UdpPam::doTxPktBulk(std::span<const Pkt::Ptr> pkts) {
+  return txBulk(pkts, {});
+}
+
+U32 UdpPam::txBulk(std::span<const Pkt::Ptr> pkts, std::span<const UdpTxPkt> addressed) {
+  KIV_ASSERT_AS(mode() != Mode::disabled, "mode() != disabled()", name());
+  for (const Pkt::Ptr& pkt : pkts) KIV_ASSERT_AS(pkt, "pkt", name());
+  for (const UdpTxPkt& each : addressed) KIV_ASSERT_AS(each.pkt, "pkt", name());
+  Change changes(this);
+  BulkSource source(*this, pkts, addressed);
+  U64 sent = 0;
+  U32 taken = 0;
+  if (source.count() > 0) {
+    const bool own = addressed.empty();
+    if (own) KIV_ASSERT_AS(txPort() != U16(), "txPort() != U16()", name());
+    // Without a peer of its own the Pam is not connected, and every packet needs a destination.
+    if (txPort() == 0 || doConnect(changes)) {
+      taken = sendBatch(source, source.count(), 0, sent, changes);
+    } else {
+      taken = source.count();  // dropped, as a single packet would be
+    }
+  }
+  if (sent > 0) changes.put(txPkts, txPkts() + sent);
+  changes.tell();
+  return taken;
 }
 
 // Receiving
 // --------------------------------------------------------------------------------------------------
 
-void UdpPam::doGetRxPkt() {
-  if (mode() == Mode::send && !rxPktHeld()) return;
-  detail::Received got;
-  if (!receive(got, std::min(maxRxPktData(), kMaxDatagram))) return;
-  Change changes(this);
-  record(got, changes);
-  changes.put(rxPkts, rxPkts() + 1);
-  deliver(std::move(got.pkt), changes);
+UdpRxMetadata UdpPam::metadataOf(const msghdr& message, const detail::RxSide& side) const {
+  UdpRxMetadata metadata;
+  if (ipv6()) {
+    const auto from = side.peerAs<sockaddr_in6>();
+    metadata.srcIpAddr = detail::addressOf(from.sin6_addr);
+    metadata.srcPort = ntohs(from.sin6_port);
+  } else {
+    const auto from = side.peerAs<sockaddr_in>();
+    metadata.srcIpAddr = detail::addressOf(from.sin_addr);
+    metadata.srcPort = ntohs(from.sin_port);
+  }
+  const detail::IpControl told = detail::ipControlOf(message);
+  metadata.dstIpAddr = told.dstIpAddr;
+  metadata.ifIndex = told.ifIndex;
+  metadata.ttl = told.ttl;
+  metadata.tos = told.tos;
+  metadata.times = told.times;
+  metadata.truncated = (message.msg_flags & MSG_TRUNC) != 0;
+  return metadata;
 }
 
-void UdpPam::record(const detail::Received& got, Change& changes) {
+void UdpPam::record(const UdpRxMetadata& metadata, U32 octets, U32 packets, Change& changes) {
   if (ipv6()) {
-    const auto from = got.side.peerAs<sockaddr_in6>();
-    changes.put(rxSrcIp6Addr, detail::addressOf(from.sin6_addr));
-    changes.put(rxSrcPort, ntohs(from.sin6_port));
+    changes.put(rxSrcIp6Addr, metadata.srcIpAddr.v6Addr());
   } else {
-    const auto from = got.side.peerAs<sockaddr_in>();
-    changes.put(rxSrcIpAddr, detail::addressOf(from.sin_addr));
-    changes.put(rxSrcPort, ntohs(from.sin_port));
+    changes.put(rxSrcIpAddr, metadata.srcIpAddr.v4Addr());
   }
+  changes.put(rxSrcPort, metadata.srcPort);
   const auto from = Printed{[this] { return std::string(name()) + " from " + textOf(rxSrc(), rxSrcPort()); }};
-  KIV_TRACE(trace, 8) << from << ": Received packet of size " << got.pkt->bytes();
-  if ((got.message.msg_flags & MSG_TRUNC) != 0) {
-    KIV_TRACE(trace, 0) << from << ": Datagram truncated to " << got.pkt->bytes();
-  }
-  const detail::IpControl told = detail::ipControlOf(got.message);
-  if (told.pktInfo) {
-    KIV_TRACE(trace, 8) << from << ": Received from ifindex " << told.ifIndex << " with src IP " << rxSrc()
-                        << " and dest IP " << told.dstIpAddr;
-    changes.put(rxIfIndex, told.ifIndex);
+  KIV_TRACE(trace, 8) << from << ": Received packet of size " << octets;
+  if (metadata.truncated) KIV_TRACE(trace, 0) << from << ": Datagram truncated to " << octets;
+  if (metadata.dstIpAddr.af() != AddressFamily::ipunknown) {
+    KIV_TRACE(trace, 8) << from << ": Received from ifindex " << metadata.ifIndex << " with src IP "
+                        << rxSrc() << " and dest IP " << metadata.dstIpAddr;
+    changes.put(rxIfIndex, metadata.ifIndex);
     if (ipv6()) {
-      changes.put(rxDstIp6Addr, told.dstIpAddr.v6Addr());
+      changes.put(rxDstIp6Addr, metadata.dstIpAddr.v6Addr());
     } else {
-      changes.put(rxDstIpAddr, told.dstIpAddr.v4Addr());
+      changes.put(rxDstIpAddr, metadata.dstIpAddr.v4Addr());
     }
   } else {
     KIV_TRACE(trace, 1) << from << ": recvmsg failed to retrieve ifindex";
   }
-  changes.put(rxTTL, told.ttl);
-  changes.put(rxTOS, told.tos);
+  changes.put(rxTTL, metadata.ttl);
+  changes.put(rxTOS, metadata.tos);
+  changes.put(rxTimes, metadata.times);
+  changes.put(rxPkts, rxPkts() + packets);
+}
+
+void UdpPam::doGetRxPkt() {
+  if (rxPktHeld() || fd() < 0 || mode() == Mode::send) return;
+  if (gro_) return pullSlice();
+  detail::Received got;
+  if (!receive(got, std::min(maxRxPktData(), kMaxDatagram))) return;
+  Change changes(this);
+  record(metadataOf(got.message, got.side), got.pkt->bytes(), 1, changes);
+  deliver(std::move(got.pkt), changes);
+}
+
+S32 UdpPam::doGetBulkRxPkt() {
+  if (batchHeld_ > 0) return std::exchange(batchHeld_, 0);
+  savedPacketRxDelAll();
+  if (fd() < 0 || mode() == Mode::send) return 0;
+  const U16 limit = std::clamp<U16>(socketReadLimit(), 1, maxSocketReadLimit);
+  sliceOf_.clear();
+  S32 received = 0;
+  if (gro_) {
+    received = sliceBatch();
+  } else if (!isDrained()) {
+    received = receiveBatch(limit, std::min(maxRxPktData(), kMaxDatagram));
+    noteBatch(received);
+  }
+  if (received == 0) {
+    rxPulled(0);  // ends the pull
+    return 0;
+  }
+  const auto last = static_cast<U16>(received - 1);
+  Change changes(this);
+  record(rxMetadata(last), savedPacket(last)->bytes(), static_cast<U32>(received), changes);
+  batchHeld_ = received;
+  changes.tell();
+  return std::exchange(batchHeld_, 0);
+}
+
+UdpRxMetadata UdpPam::rxMetadata(U16 index) const {
+  if (!savedPacketRx(index) || !batch()) return {};
+  if (sliceOf_.empty()) return metadataOf(batch()->message(index), batch()->side(index));
+  return metadataOfSlice(sliceOf_[index], *savedPacket(index));
+}
+
+// Merged datagrams
+// -----------------------------------------------------------------------------------------------
+
+/// A batch of datagrams that the kernel may have merged, and how far it was cut up.
+struct UdpPam::Merged {
+  std::vector<Pkt::Ptr> slots;
+  U16 count = 0, at = 0;  // received; begun
+  detail::Slices slices;  // of the one begun last
+};
+
+bool UdpPam::mergedLeft() const noexcept {
+  return merged_ && (merged_->at < merged_->count || !merged_->slices.empty());
+}
+
+U32 UdpPam::segmentBytes(U16 slot) const {
+  const U32 told = detail::ipControlOf(batch()->message(slot)).segmentBytes;
+  return told != 0 ? told : merged_->slots[slot]->bytes();
+}
+
+UdpRxMetadata UdpPam::metadataOfSlice(U16 slot, const Pkt& slice) const {
+  UdpRxMetadata metadata = metadataOf(batch()->message(slot), batch()->side(slot));
+  metadata.truncated |= slice.bytes() == maxRxPktData() && segmentBytes(slot) > maxRxPktData();
+  return metadata;
+}
+
+/// Whether the socket is known to be empty: the latest batch of the present event was not full. Says so once,
+/// for a client that polls without a loop.
+bool UdpPam::isDrained() noexcept {
+  return std::exchange(drained_, false) && drainedEvent_ == readableCount();
+}
+
+void UdpPam::noteBatch(S32 received) noexcept {
+  drained_ = received > 0 && received < batch()->asked();
+  drainedEvent_ = readableCount();
+}
+
+/// False if there is none.
+bool UdpPam::receiveMerged() {
+  if (isDrained()) return false;
+  if (!merged_) merged_.reset(new (std::nothrow) Merged);
+  if (!merged_) {
+    receiveFailed(true, 0);
+    return false;
+  }
+  merged_->at = merged_->count = 0;
+  const U16 limit = std::clamp<U16>(socketReadLimit(), 1, kMaxMerged);
+  const S32 count = receiveInto(merged_->slots, limit, kMaxDatagram);
+  noteBatch(count);
+  if (count == 0) return false;  // a reactor to the failure may have closed the Pam
+  merged_->count = static_cast<U16>(count);
+  return true;
+}
+
+/// Null, with nothing lost, if there is none, or no memory.
+Pkt::Ptr UdpPam::nextSlice() {
+  Merged& merged = *merged_;
+  if (merged.slices.empty()) {
+    if (merged.at == merged.count) return nullptr;
+    const U16 slot = merged.at++;
+    merged.slices.start(merged.slots[slot], segmentBytes(slot));
+  }
+  const Pkt::Ptr slice = merged.slices.next(maxRxPktData());
+  if (!slice) receiveFailed(true, 0);
+  return slice;
+}
+
+void UdpPam::pullSlice() {
+  if (rxAllowance(1) == 0) return offerRest();
+  const bool any = mergedLeft() || receiveMerged();
+  Pkt::Ptr slice = any ? nextSlice() : nullptr;
+  rxPulled(slice != nullptr);
+  if (mergedLeft()) fileDesc()->readableAgain();  // the kernel does not know of them
+  if (!slice) return;
+  Change changes(this);
+  record(metadataOfSlice(merged_->at - 1, *slice), slice->bytes(), 1, changes);
+  deliver(std::move(slice), changes);
+}
+
+S32 UdpPam::sliceBatch() {
+  constexpr U32 kMost = kMaxMerged * kMaxSegments;
+  if (rxAllowance(1) == 0) {
+    offerRest();
+    return 0;
+  }
+  try {
+    sliceOf_.reserve(kMost);
+  } catch (const std::bad_alloc&) {
+    receiveFailed(true, 0);
+    return 0;
+  }
+  if (!saveableIs(kMost)) {
+    receiveFailed(true, 0);
+    return 0;
+  }
+  std::vector<Pkt::Ptr>& slots = savedSlots();
+  slots.clear();  // lets go of the merged buffers, which are received into again
+  if (mergedLeft() || receiveMerged()) {
+    while (slots.size() < kMost) {
+      Pkt::Ptr slice = nextSlice();
+      if (!slice) break;
+      slots.push_back(std::move(slice));
+      sliceOf_.push_back(merged_->at - 1);
+    }
+  }
+  const auto count = static_cast<U16>(slots.size());
+  rxPulled(count);
+  savedReceived(count);
+  if (mergedLeft()) fileDesc()->readableAgain();
+  return count;
 }
 
 // The rest

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <linux/net_tstamp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <concepts>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "Kiv/FileDescriptor.h"
+#include "Wirl/access/InetPam.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/value/NamespaceName.h"
 #include "tests/support/FaultInjection.h"
@@ -94,6 +97,13 @@ class PamBackend {
   virtual const char* deathOfClosedSend() const { return nullptr; }
   /// Sets what is an option of the socket; false where the class has no such thing.
   virtual bool changeOption(Wirl::Pam&) const { return false; }
+  /// An attribute that is a socket option: sets it while it may, and what the kernel says then.
+  struct Option {
+    std::function<void()> set;
+    int level, name, value;
+  };
+  /// Those that apply at once as well and that a refusal leaves as they were.
+  virtual std::vector<Option> options(Wirl::Pam&) const { return {}; }
   virtual std::uint64_t sent(const Wirl::Pam&) const { return 0; }
   /// An event of the socket that comes late, for its descriptor object and state machine as they are now.
   virtual std::function<void()> lateEvent(const Wirl::Pam&) const {
@@ -123,6 +133,28 @@ class SocketPamBackend : public PamBackend {
     return {ofFileDesc(as(pam), &Kiv::FileDescriptor::descriptor)};
   }
   void roomIsSmall() override { receiveBufferIsSmall(as(*to).fileDesc()->descriptor()); }
+  std::vector<Option> options(Wirl::Pam& pam) const override {
+    auto& own = as(pam);
+    constexpr int kTimes = SOF_TIMESTAMPING_RX_SOFTWARE | SOF_TIMESTAMPING_SOFTWARE;
+    std::vector<Option> all = {{[&own] { own.rxBufBytesIs(1 << 22); }, SOL_SOCKET, SO_RCVBUF, 2 << 22},
+                               {[&own] { own.txBufBytesIs(1 << 21); }, SOL_SOCKET, SO_SNDBUF, 2 << 21},
+                               {[&own] { own.rxTimestampsIs(Wirl::RxTimestamps::kernel); }, SOL_SOCKET,
+                                SO_TIMESTAMPING_NEW, kTimes}};
+    if constexpr (std::derived_from<P, Wirl::InetPam>) {
+      const bool v6 = isV6();
+      const int level = v6 ? IPPROTO_IPV6 : IPPROTO_IP;
+      const auto name = [v6](int four, int six) { return v6 ? six : four; };
+      all.push_back({[&own] { own.txHopLimitIs(7); }, level, name(IP_TTL, IPV6_UNICAST_HOPS), 7});
+      all.push_back(
+          {[&own] { own.txMulticastTTLIs(9); }, level, name(IP_MULTICAST_TTL, IPV6_MULTICAST_HOPS), 9});
+      all.push_back(
+          {[&own] { own.txMulticastLoopIs(0); }, level, name(IP_MULTICAST_LOOP, IPV6_MULTICAST_LOOP), 0});
+      if (v6) all.push_back({[&own] { own.txMulticastIfIndexIs(1); }, level, IPV6_MULTICAST_IF, 1});
+      all.push_back({[&own] { own.bindDeviceIs("lo"); }, SOL_SOCKET, SO_BINDTOIFINDEX, 1});
+    }
+    return all;
+  }
+  virtual bool isV6() const { return false; }
 
  protected:
   /// An attribute of the descriptor object, of this one or the next.

@@ -50,6 +50,7 @@ class RawIpBackend final : public SocketPamBackend<RawIpPam> {
   }
   Call receiveCall() const override { return batches_ ? Call::recvmmsg : Call::recvmsg; }
   const char* deathOfClosedSend() const override { return "enabled\\(\\)"; }
+  bool isV6() const override { return v6_; }
   bool changeOption(Pam& pam) const override {
     as(pam).optionsIs(IpSocketOptions::ipPktInfo);
     return true;

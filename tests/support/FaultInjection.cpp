@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <sys/types.h>
@@ -131,6 +132,16 @@ CALL(ssize_t, send, (int fd, const void* data, std::size_t size, int flags), fd,
      flags)
 CALL(int, recvmmsg, (int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout), fd, messages,
      static_cast<unsigned>(verdict.limited(count)), flags, timeout)
+
+CALL(int, sendmmsg, (int fd, mmsghdr* messages, unsigned count, int flags), fd, messages,
+     static_cast<unsigned>(verdict.limited(count)), flags)
+
+WRAPPER(void*, mmap, void* at, std::size_t size, int protection, int flags, int fd, off_t offset) {
+  const Verdict verdict(Call::mmap);
+  if (verdict.error == 0) return __real_mmap(at, size, protection, flags, fd, offset);
+  verdict.failure();
+  return MAP_FAILED;
+}
 
 // To stop watching needs nothing that the kernel could lack.
 WRAPPER(int, epoll_ctl, int fd, int operation, int watched, epoll_event* event) {

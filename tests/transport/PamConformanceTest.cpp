@@ -8,9 +8,11 @@
 namespace Wirl {
 namespace {
 
+enum class Udp { single, batches, merged };
+
 class UdpBackend final : public SocketPamBackend<UdpPam> {
  public:
-  UdpBackend(const NamespaceName& ns, bool v6) {
+  UdpBackend(const NamespaceName& ns, bool v6, Udp way) : v6_(v6), way_(way) {
     U16 port = 7000;
     for (Kiv::Ptr<Pam>* const end : {&from, &to}) {
       const auto pam = udpPamFactory("end");
@@ -20,9 +22,17 @@ class UdpBackend final : public SocketPamBackend<UdpPam> {
       v6 ? pam->txDstIp6AddrIs(Ip6Addr("::1")) : pam->txDstIpAddrIs(IpAddr("127.0.0.1"));
       pam->txPortIs(7001);
       if (v6) pam->maxRxPktDataIs(9000);
+      if (way != Udp::single) pam->socketReadLimitIs(4);
+      pam->enableGroIs(way == Udp::merged);
       *end = pam;
     }
   }
+  bool isV6() const override { return v6_; }
+  bool hasBulk() const override { return true; }
+  Pkt::Ptr pull(Pam& pam) override {
+    return way_ == Udp::batches ? pullFromBatch(pam, [&pam] { return pam.rxPktBulk(); }) : pam.rxPkt();
+  }
+  Call receiveCall() const override { return way_ == Udp::single ? Call::recvmsg : Call::recvmmsg; }
   void openIs(Pam& pam, bool open) override {
     as(pam).modeIs(open ? UdpPam::Mode::server : UdpPam::Mode::disabled);
   }
@@ -48,15 +58,29 @@ class UdpBackend final : public SocketPamBackend<UdpPam> {
     own.enableIpMulticastLoopIs(false);
     own.enableRxTTLIs(true);
     own.enableRxTOSIs(true);
+    own.enableGroIs(true);
+    own.reusePortIs(true);
+    own.exclusivePortIs(true);
+    own.rxBufBytesIs(1 << 20);
+    own.bindDeviceIs("lo");
+    own.txMulticastLoopIs(1);
     if (own.ipv6En()) {
-      return stepsOf({"SO_REUSEADDR", "IPV6_TCLASS", "IPV6_UNICAST_HOPS", "IPV6_MULTICAST_HOPS",
-                      "IPV6_RECVHOPLIMIT", "IPV6_RECVTCLASS", "IPV6_V6ONLY", "IPV6_RECVPKTINFO"},
-                     true);
+      return stepsOf(
+          {"SO_REUSEADDR", "IPV6_TCLASS", "IPV6_UNICAST_HOPS", "IPV6_MULTICAST_HOPS", "SO_RCVBUFFORCE",
+           "SO_BINDTODEVICE", "IPV6_MULTICAST_LOOP", "SO_REUSEPORT", "SO_REUSEADDR", "UDP_GRO",
+           "IPV6_RECVHOPLIMIT", "IPV6_RECVTCLASS", "IPV6_V6ONLY", "IPV6_RECVPKTINFO"},
+          true);
     }
-    return stepsOf({"IP_PKTINFO", "SO_BROADCAST", "IP_MULTICAST_LOOP", "SO_PRIORITY", "IP_TTL",
-                    "SO_REUSEADDR", "IP_TOS", "IP_MULTICAST_TTL", "IP_RECVTTL", "IP_RECVTOS"},
-                   true);
+    return stepsOf(
+        {"IP_PKTINFO", "SO_BROADCAST", "IP_MULTICAST_LOOP", "SO_PRIORITY", "IP_TTL", "SO_REUSEADDR", "IP_TOS",
+         "IP_MULTICAST_TTL", "SO_RCVBUFFORCE", "SO_BINDTODEVICE", "IP_MULTICAST_LOOP", "SO_REUSEPORT",
+         "SO_REUSEADDR", "UDP_GRO", "IP_RECVTTL", "IP_RECVTOS"},
+        true);
   }
+
+ private:
+  const bool v6_;
+  const Udp way_;
 };
 
 /// Both ends of a connection. What is opened and closed are its directions.
@@ -88,8 +112,12 @@ class TcpPduBackend final : public PamBackend {
   }
 };
 
-const std::vector<PamClass> kUdpPams = {pamClass<UdpBackend, false>("UdpPamIPv4"),
-                                        pamClass<UdpBackend, true>("UdpPamIPv6")};
+const std::vector<PamClass> kUdpPams = {
+    pamClass<UdpBackend, false, Udp::single>("UdpPamIPv4"),
+    pamClass<UdpBackend, true, Udp::single>("UdpPamIPv6"),
+    pamClass<UdpBackend, false, Udp::batches>("UdpPamInBatches"),
+    pamClass<UdpBackend, true, Udp::merged>("UdpPamMerged"),
+};
 INSTANTIATE_TEST_SUITE_P(Transport, SocketPamConformanceTest, testing::ValuesIn(kUdpPams), PamClass::nameOf);
 INSTANTIATE_TEST_SUITE_P(Transport, PamConformanceTest, testing::ValuesIn(kUdpPams), PamClass::nameOf);
 INSTANTIATE_TEST_SUITE_P(Tcp, PamConformanceTest, testing::Values(pamClass<TcpPduBackend>("TcpPduPam")),

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -112,25 +113,171 @@ class UdpPamTest : public NetNsTest, public testing::WithParamInterface<bool> {
 INSTANTIATE_TEST_SUITE_P(Families, UdpPamTest, testing::Bool(),
                          [](const auto& param) { return param.param ? "IPv6" : "IPv4"; });
 
-TEST_P(UdpPamTest, MovesDatagramsOfEverySizeAndSaysWhereTheyCameFrom) {
-  End client = openedTo(Mode::client);
+/// What is sent, whatever the way, is received in order, once, and with its metadata, whatever the way. The
+/// ways are drawn by lot.
+TEST_P(UdpPamTest, EveryWayToSendMeetsEveryWayToReceive) {
+  const NetNs blue("blue");
+  const Veth wire(*red, blue);  // of an MTU of 1500: longer segments are refused
+  const std::string to = v6 ? wire.ip6A : wire.ipA;
+  server.pam->modeIs(Mode::disabled);
+  server.bindTo(to);
   server.pam->maxRxPktDataIs(~0u);
-  const std::size_t longest = v6 ? 65535 - 8 : 65535 - 20 - 8;
-  for (const std::size_t size : {std::size_t{0}, std::size_t{1490}, longest}) {
-    const std::string text(size, 'x');
-    client.send(text);
-    EXPECT_TRUE(server.receive() == text) << size;
-    EXPECT_EQ(server.source(), loopback);
-    EXPECT_EQ(server.destination(), loopback);
-    EXPECT_EQ(server.pam->rxSrcPort(), client.pam->rxPort());
-    EXPECT_EQ(server.pam->rxIfIndex(), 1u);
-    server.replyTo();
-    EXPECT_EQ(server.sent("back", client), "back");
+  server.pam->rxBufBytesIs(16 << 20);
+  server.pam->modeIs(Mode::server);
+  const U16 port = server.pam->rxPort();
+  End senders[2] = {End(v6), End(v6)};
+  for (End& each : senders) {
+    each.pam->netNsIs(NamespaceName(blue.name()));
+    each.sendTo(to, port);
+    each.pam->txBufBytesIs(16 << 20);
+    each.pam->modeIs(&each == senders ? Mode::server : Mode::client);
   }
-  client.send(std::string(longest + 1, 'x'));
-  EXPECT_EQ(client.pam->txErrno(), EMSGSIZE);
-  EXPECT_EQ(client.pam->txPkts(), 3u);
-  EXPECT_EQ(server.pam->rxPkts(), 3u);
+  std::mt19937 draw(GetParam());
+  const auto lot = [&](U32 below) { return static_cast<U32>(draw() % below); };
+  U64 sent[2] = {0, 0}, received = 0;
+  std::vector<Pkt::Ptr> held;  // clients may keep what they receive
+  for (int round = 0; round < 300 && !HasFailure(); ++round) {
+    const U32 who = lot(2);
+    server.pam->enableGroIs(lot(2) == 0);
+    if (lot(5) == 0) {
+      server.pam->rxPortIs(port);
+      server.pam->modeIs(Mode::disabled);
+      server.pam->modeIs(Mode::server);
+    }
+    End& from = senders[who];
+    from.pam->enableGsoIs(lot(2) == 0);
+    const U32 size = lot(4) == 0 ? 1473 + lot(9000) : lot(1473);
+    std::vector<Pkt::Ptr> pkts;
+    std::vector<UdpTxPkt> addressed;
+    std::vector<std::string> wanted;
+    for (U32 i = 0, count = 1 + lot(150); i < count; ++i) {
+      const U32 bytes = lot(10) == 0 ? lot(size + 1) : size;
+      std::string text(bytes, static_cast<char>('a' + draw() % 26));
+      const U32 ahead = lot(3) == 0 ? std::min(bytes, 20u) : 0;  // in a second piece, in front
+      const Pkt::Ptr pkt = globalPktManager()->newPkt(globalPktManager()->newSharedBuffer(bytes + 1));
+      pkt->stringValueIs(std::string_view(text).substr(ahead));
+      if (ahead > 0) std::copy_n(text.data(), ahead, pkt->newPrivateHeadData(ahead));
+      pkts.push_back(pkt);
+      const bool own = lot(2) == 0;  // or the Pam's destination, which is the same
+      addressed.push_back({pkt, own ? IpGenAddr(to) : IpGenAddr(), own ? port : U16{0}, IpGenAddr(), 0});
+      wanted.push_back(std::move(text));
+    }
+    switch (lot(3)) {
+      case 0:
+        for (const Pkt::Ptr& pkt : pkts) from.pam->txPktIs(pkt);
+        break;
+      case 1:
+        EXPECT_EQ(from.pam->txPktBulk(pkts), pkts.size());
+        break;
+      default:
+        EXPECT_EQ(from.pam->txPktBulk(addressed), pkts.size());
+    }
+    EXPECT_EQ(from.pam->txPkts(), sent[who] += pkts.size());
+    server.pam->socketReadLimitIs(static_cast<U8>(1 + lot(128)));
+    std::size_t got = 0;
+    const auto take = [&](const Pkt::Ptr& pkt, const IpGenAddr& source, U16 sourcePort, U32 ifIndex) {
+      ASSERT_LT(got, wanted.size());
+      ASSERT_TRUE(pkt->stringValue() == wanted[got]) << "datagram " << got;
+      ASSERT_EQ(source, IpGenAddr(v6 ? wire.ip6B : wire.ipB));
+      ASSERT_EQ(sourcePort, from.pam->rxPort());
+      ASSERT_NE(ifIndex, 0u);
+      ++got;
+      if (lot(8) == 0) held.push_back(pkt);
+    };
+    const auto drain = [&] {
+      if (lot(2) == 0) {
+        while (const S32 count = server.pam->rxPktBulk()) {
+          for (U16 i = 0; i < count && !HasFatalFailure(); ++i) {
+            const UdpRxMetadata metadata = server.pam->rxMetadata(i);
+            take(server.pam->savedPacket(i), metadata.srcIpAddr, metadata.srcPort, metadata.ifIndex);
+          }
+        }
+      }
+      for (U32 most = lot(2) == 0 ? 3u : ~0u; most > 0 && !HasFatalFailure(); --most) {
+        const Pkt::Ptr pkt = server.pam->rxPkt();
+        if (!pkt) break;
+        take(pkt, IpGenAddr(server.source()), server.pam->rxSrcPort(), server.pam->rxIfIndex());
+      }
+    };
+    const Kiv::Reactor onReadable(server.pam->readableCount, drain);
+    Kiv::activityLoop().runUntil([&] { return got == wanted.size() || HasFailure(); }, 5);
+    EXPECT_EQ(got, wanted.size());
+    EXPECT_EQ(server.pam->rxPkts(), received += got);
+    EXPECT_EQ(server.pam->rxMetadata(0xffff).srcPort, 0);
+    if (held.size() > 30) held.clear();
+  }
+  EXPECT_EQ(senders[0].pam->txFailures() + senders[1].pam->txFailures(), 0u);
+  EXPECT_TRUE(senders[1].pam->socketConnected());
+}
+
+TEST_P(UdpPamTest, ABulkSendLosesWhatIsRefusedAndLeavesWhatThereIsNoRoomFor) {
+  End sender = openedTo(Mode::server);
+  sender.pam->enableGsoIs(true);
+  const auto all = std::vector<Pkt::Ptr>(3, [] {
+    const Pkt::Ptr pkt = globalPktManager()->newPkt();
+    pkt->stringValueIs("bulk");
+    return pkt;
+  }());
+  const auto arrived = [&] {
+    U32 count = 0;
+    while (server.receive(0.05) == "bulk") ++count;
+    return count;
+  };
+  {
+    const Fault full(Call::sendmmsg, 1, EAGAIN);
+    EXPECT_EQ(sender.pam->txPktBulk(all), 0u);
+    EXPECT_EQ(sender.pam->txErrno(), EAGAIN);
+  }
+  EXPECT_EQ(sender.pam->txFailures(), 0u);
+  for (const int error : {EIO, EINVAL, ECONNREFUSED}) {  // of the merged one: then they go alone
+    const Fault refused(Call::sendmmsg, 1, error);
+    EXPECT_EQ(sender.pam->txPktBulk(all), 3u);
+    EXPECT_EQ(arrived(), 3u);
+    sender.pam->modeIs(Mode::disabled);
+    sender.pam->modeIs(Mode::server);
+  }
+  {
+    const Fault one(Call::sendmmsg, 2, EPERM);
+    const Fault merged(Call::sendmmsg, 1, EIO);
+    EXPECT_EQ(sender.pam->txPktBulk(all), 3u);
+    EXPECT_EQ(arrived(), 2u);
+  }
+  EXPECT_EQ(sender.pam->txFailures(), 1u);
+  EXPECT_EQ(sender.pam->txPkts(), 11u);
+  const IpGenAddr other = v6 ? IpGenAddr("192.0.2.1") : IpGenAddr("2001:db8::1");
+  const UdpTxPkt refused[] = {{all[0], other, 7, IpGenAddr(), 0},
+                              {all[0], IpGenAddr(loopback), 0, IpGenAddr(), 0},
+                              {all[0], IpGenAddr(), 0, other, 0}};
+  EXPECT_EQ(sender.pam->txPktBulk(refused), 3u);
+  EXPECT_EQ(sender.pam->txFailures(), 4u);
+  End client = openedTo(Mode::client);
+  EXPECT_EQ(client.sent("x", server), "x");
+  const UdpTxPkt elsewhere[] = {{all[0], IpGenAddr(loopback), 9, IpGenAddr(), 0}};
+  EXPECT_EQ(client.pam->txPktBulk(elsewhere), 1u);
+  EXPECT_EQ(client.pam->txErrno(), EISCONN);
+}
+
+TEST_P(UdpPamTest, WhoSharesAPortIsSaidAndWhoMayNotIsToldWhen) {
+  const auto second = [&](bool exclusive, bool reuse) {
+    End end(v6);
+    end.pam->netNsIs(NamespaceName(red->name()));
+    end.bindTo(loopback);
+    end.pam->rxPortIs(server.pam->rxPort());
+    end.pam->exclusivePortIs(exclusive);
+    end.pam->reusePortIs(reuse);
+    return failureOf([&] { end.pam->modeIs(Mode::server); });
+  };
+  const std::string taken = "bind " + std::to_string(EADDRINUSE);
+  EXPECT_EQ(second(false, false), "");
+  EXPECT_EQ(second(true, false), taken);
+  server.pam->rxPortIs(server.pam->rxPort());
+  server.pam->modeIs(Mode::disabled);
+  server.pam->exclusivePortIs(true);
+  server.pam->reusePortIs(true);
+  server.pam->modeIs(Mode::server);
+  EXPECT_EQ(second(false, false), taken);
+  EXPECT_EQ(second(true, false), taken);
+  EXPECT_EQ(second(true, true), "");
 }
 
 TEST_P(UdpPamTest, EachModeBindsReceivesAndConnectsAsItSays) {
@@ -163,6 +310,7 @@ TEST_P(UdpPamTest, ARefusalIsCountedAsSentAndAFailedConnectDropsThePacketUncount
     client.send("lost");
   }
   EXPECT_EQ(client.pam->txPkts() + client.pam->txErrors() + client.pam->txDrops(), 0u);
+  EXPECT_EQ(client.pam->txFailures(), 1u);
   EXPECT_FALSE(client.pam->socketConnected());
   server.pam->modeIs(Mode::disabled);
   client.send("a");  // comes back as an ICMP port unreachable
@@ -184,6 +332,12 @@ TEST_P(UdpPamTest, HopLimitAndTrafficClassAreSetAndToldOnRequest) {
     EXPECT_EQ(server.pam->rxTOS(), on ? 40 : -1);
   }
   EXPECT_EQ(sender.option(IP_MULTICAST_TTL, IPV6_MULTICAST_HOPS), 9);
+  sender.pam->txHopLimitIs(7);
+  EXPECT_THROW(sender.pam->txMulticastTTLIs(256), Kiv::RangeException);
+  EXPECT_THROW(sender.pam->txMulticastLoopIs(2), Kiv::RangeException);
+  server.pam->enableRxTTLIs(true);
+  EXPECT_EQ(sender.sent("x", server), "x");
+  EXPECT_EQ(server.pam->rxTTL(), 7);
 }
 
 TEST_P(UdpPamTest, SourceAndInterfaceHoldForOneDatagram) {
@@ -238,6 +392,29 @@ TEST_P(UdpPamTest, GroupsAreJoinedAndLeftOnAWire) {
   EXPECT_EQ(member("nosuchdevice", group, true), ENODEV);
   EXPECT_EQ(member("a name longer than any device's", group, true), ENODEV);
   EXPECT_EQ(member("veth1", group, true), 0);
+  // Of another group only what one source sends.
+  const std::string sourced = v6 ? "ff3e::1234" : "232.1.2.3";
+  const std::string source = v6 ? wire.ip6B : wire.ipB;
+  const U32 at = runIn(*red, [] { return if_nametoindex("veth1"); });
+  const auto join = [&](const std::string& from, bool on) {
+    return server.pam->handleSourceGroup(IpGenAddr(sourced), IpGenAddr(from), on, at);
+  };
+  EXPECT_EQ(End(v6).pam->handleSourceGroup(IpGenAddr(sourced), IpGenAddr(source), true, 1), ENODEV);
+  EXPECT_EQ(join(v6 ? "192.0.2.1" : "2001:db8::1", true), EINVAL);
+  EXPECT_EQ(server.pam->handleSourceGroup(IpGenAddr(source), IpGenAddr(source), true, at), EINVAL);
+  EXPECT_EQ(join(v6 ? "2001:db8::1" : "192.0.2.1", true), 0);
+  {
+    End multicaster(v6);
+    multicaster.pam->netNsIs(NamespaceName(blue.name()));
+    multicaster.pam->txMulticastIfIndexIs(runIn(blue, [] { return if_nametoindex("veth1"); }));
+    multicaster.pam->modeIs(Mode::send);
+    multicaster.sendTo(sourced, 7000);
+    multicaster.send("no");
+    EXPECT_EQ(server.receive(0.05), "nothing");
+    EXPECT_EQ(join(source, true), 0);
+    EXPECT_EQ(multicaster.sent("sourced", server), "sourced");
+    EXPECT_EQ(join(source, false), 0);
+  }
   End sender(v6);
   sender.pam->netNsIs(NamespaceName(blue.name()));
   sender.pam->modeIs(Mode::client);

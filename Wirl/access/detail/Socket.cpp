@@ -1,23 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/detail/Socket.h"
 
+#include <linux/errqueue.h>
+#include <netinet/udp.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
 
 namespace Wirl::detail {
 
+in_pktinfo pktInfo4(const IpGenAddr& from, U32 ifIndex) noexcept {
+  in_pktinfo info{};
+  info.ipi_ifindex = static_cast<int>(ifIndex);
+  info.ipi_spec_dst.s_addr = from.v4Addr().netOrder();
+  return info;
+}
+
+in6_pktinfo pktInfo6(const IpGenAddr& from, U32 ifIndex) noexcept {
+  in6_pktinfo info{};
+  info.ipi6_ifindex = ifIndex;
+  from.v6Addr().copyToBuffer(info.ipi6_addr.s6_addr);
+  return info;
+}
+
 void TxMessage::fromIs(const IpGenAddr& from, U32 ifIndex) noexcept {
   if (from.af() == AddressFamily::ipv4) {
-    in_pktinfo info{};
-    info.ipi_ifindex = static_cast<int>(ifIndex);
-    info.ipi_spec_dst.s_addr = from.v4Addr().netOrder();
-    control(IPPROTO_IP, IP_PKTINFO, info);
+    control(IPPROTO_IP, IP_PKTINFO, pktInfo4(from, ifIndex));
   } else {
-    in6_pktinfo info{};
-    info.ipi6_ifindex = ifIndex;
-    from.v6Addr().copyToBuffer(info.ipi6_addr.s6_addr);
-    control(IPPROTO_IPV6, IPV6_PKTINFO, info);
+    control(IPPROTO_IPV6, IPV6_PKTINFO, pktInfo6(from, ifIndex));
   }
 }
 
@@ -76,8 +86,21 @@ IpControl ipControlOf(const msghdr& message) noexcept {
   eachControl(message, [&told](const cmsghdr& each) {
     if (each.cmsg_level == IPPROTO_IP) take4(each, told);
     if (each.cmsg_level == IPPROTO_IPV6) take6(each, told);
+    if (each.cmsg_level == SOL_SOCKET) takeTimes(each, told.times);
+    if (each.cmsg_level == SOL_UDP && each.cmsg_type == UDP_GRO) {
+      told.segmentBytes = static_cast<U32>(std::max(0, dataOf<int>(each)));
+    }
   });
   return told;
+}
+
+void takeTimes(const cmsghdr& each, RxTimes& times) noexcept {
+  if (each.cmsg_level != SOL_SOCKET || each.cmsg_type != SO_TIMESTAMPING_NEW) return;
+  const auto told = dataOf<scm_timestamping64>(each);
+  const auto nanoseconds = [](const __kernel_timespec& time) {
+    return static_cast<U64>(time.tv_sec) * 1'000'000'000 + static_cast<U64>(time.tv_nsec);
+  };
+  times = {nanoseconds(told.ts[0]), nanoseconds(told.ts[2])};
 }
 
 bool deviceIs(int fd, unsigned long request, std::string_view name, ifreq& device) noexcept {

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "Kiv/Exception.h"
+#include "Wirl/access/SocketPam.h"
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/value/IpGenAddr.h"
 
@@ -91,6 +92,10 @@ class SockAddr {
   socklen_t length_ = sizeof(v6_);
 };
 
+/// Packet information for a send: the source address, unspecified for any, and the interface, 0 for any.
+in_pktinfo pktInfo4(const IpGenAddr& from, U32 ifIndex) noexcept;
+in6_pktinfo pktInfo6(const IpGenAddr& from, U32 ifIndex) noexcept;
+
 /// One message for sendmsg(2). Keeps the packet, since a reactor may drop the caller's pointer.
 class TxMessage {
  public:
@@ -166,8 +171,13 @@ struct IpControl {
   U32 ifIndex = 0;
   bool pktInfo = false;  // whether the two below were told: dstIpAddr and ifIndex
   S32 tos = -1, ttl = -1;
+  U32 segmentBytes = 0;  // of datagrams that the kernel merged
+  RxTimes times;
 };
 IpControl ipControlOf(const msghdr& message) noexcept;
+
+/// Takes the receive times, if the message tells them.
+void takeTimes(const cmsghdr& each, RxTimes& times) noexcept;
 
 /// Asks for a device by name: `request` is an ioctl(2) such as SIOCGIFINDEX. The socket looks in its own
 /// namespace. False with errno set if that fails; ENODEV for a name that is too long.
