@@ -127,6 +127,7 @@
 #endif
 #if __has_include("Wirl/kernel/KernelView.h")
 #include "Wirl/kernel/AddressView.h"
+#include "Wirl/kernel/KernelChanges.h"
 #include "Wirl/kernel/KernelView.h"
 #include "Wirl/kernel/LinkView.h"
 #include "Wirl/kernel/NamespaceView.h"

@@ -180,6 +180,12 @@ void KernelView::dumpEnded(const NetlinkClient::Answer& answer) {
   dumping_ = false;
   if (again_) return outOfSync();
   synced_ = true;
+  handleRefreshTime();
+}
+
+void KernelView::handleRefreshTime() {
+  if (dumping_ || again_ || !client_) return;
+  wait_->timeMinIs(refreshTime() == Kiv::timeInfinite ? Kiv::timeInfinite : ended_ + refreshTime());
 }
 
 void KernelView::passEnded() {

@@ -31,6 +31,9 @@ namespace Wirl {
 /// the view's state is stored; then reactors to entities are told, then those to `changeCount`, which find
 /// what changed in `changes()`, then those to `inSync`.
 ///
+/// With a `refreshTime` the state is dumped anew that long after each dump, for what the kernel does not tell;
+/// the view stays in sync meanwhile.
+///
 /// Attributes of messages that the view does not use count in `unusedAttrs`, messages that it cannot read in
 /// `badMessages`.
 class KIV_API KernelView : public Kiv::Entity {
@@ -38,6 +41,7 @@ class KIV_API KernelView : public Kiv::Entity {
   KIV_ENTITY(KernelView, Kiv::Entity)
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR(U32, rxBuf, 4u << 20)
+  KIV_ATTR_HOOK(Kiv::Time, refreshTime, Kiv::timeInfinite, handleRefreshTime)
   KIV_ATTR_READ(bool, enabled, false)
   KIV_ATTR_READ(bool, present, false)
   KIV_ATTR_READ(bool, inSync, false)
@@ -92,6 +96,7 @@ class KIV_API KernelView : public Kiv::Entity {
  private:
   class Client;
 
+  void handleRefreshTime();
   void follow();
   void open();
   void close();
@@ -190,7 +195,9 @@ class EntityView : public KernelView {
         changes.push_back({ChangeKind::removed, found->second, Info()});
         found->second->infoIs(Info(found->second->info()), false, tellings[told++]);
         members_.erase(found);
-      } else if (!(found->second->info() == news.info)) {
+      } else if (found->second->info() == news.info) {
+        found->second->sameInfoIs(std::move(news.info));
+      } else {
         changes.push_back({ChangeKind::changed, found->second, found->second->info()});
         found->second->infoIs(std::move(news.info), true, tellings[told++]);
       }
@@ -262,6 +269,7 @@ class KernelEntity : public Kiv::Entity {
     putAttrs(telling);
     putAttr(telling, changeCount, changeCount() + 1);
   }
+  void sameInfoIs(Info info) { info_ = std::move(info); }
 
  protected:
   explicit KernelEntity(Kiv::String name, const Info& info) : Entity(std::move(name)), info_(info) {}

@@ -15,12 +15,13 @@ namespace Wirl {
 enum class OperState : U8 { unknown, notPresent, down, lowerLayerDown, testing, dormant, up };
 KIV_API std::ostream& operator<<(std::ostream& out, OperState state);
 
-/// Counters of a link, since it was made.
+/// Counters of a link, since it was made. They move all the time, so that they moved is no news: all are
+/// equal.
 struct LinkStats {
   U64 rxPkts = 0, txPkts = 0, rxBytes = 0, txBytes = 0, rxErrors = 0, txErrors = 0, rxDrops = 0, txDrops = 0;
   U64 multicast = 0, collisions = 0;
 
-  friend bool operator==(const LinkStats&, const LinkStats&) = default;
+  friend bool operator==(const LinkStats&, const LinkStats&) noexcept { return true; }
 };
 
 /// All that a `LinkView` knows of a link (netdevice).
@@ -75,7 +76,9 @@ class KIV_API Link final : public KernelEntity<LinkInfo> {
   void putAttrs(Telling& telling) override;
 };
 
-/// The links of a network namespace; see `KernelView`. Statistics are those of the latest dump or change.
+/// The links of a network namespace; see `KernelView`. Statistics are those of the latest dump or change. The
+/// kernel does not tell of a new alias, group or queue length of a link that is down. `refreshTime` bounds how
+/// old all of these are.
 ///
 ///     auto links = Wirl::linkViewFactory("links", L3::VrfName("red").nsName());
 ///     links->enabledIs(true);

@@ -1,0 +1,427 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+
+#include "Kiv/Kiv.h"
+#include "Wirl/kernel/KernelChanges.h"
+#include "examples/support/KernelJson.h"
+#include "tests/support/NetNs.h"
+
+namespace Wirl {
+namespace {
+
+using example::Json;
+
+std::string outputOf(const std::string& command) {
+  std::FILE* const output = popen(("{ " + command + "\n} 2>/dev/null").c_str(), "r");
+  std::string text;
+  for (int c; (c = std::fgetc(output)) != EOF;) text += static_cast<char>(c);
+  pclose(output);
+  return text;
+}
+
+Json ipJson(const NetNs& ns, const std::string& words) {
+  const std::string text = outputOf("ip -n " + ns.name() + " -j " + words);
+  return text.empty() ? Json::array() : Json::parse(text);
+}
+
+/// Members in one order, without what runs with the clock.
+std::multiset<std::string> canonical(const Json& members) {
+  std::multiset<std::string> rows;
+  for (Json member : members) {
+    for (const char* const clock : {"expires", "valid_life_time", "preferred_life_time"}) member.erase(clock);
+    rows.insert(nlohmann::json(member).dump());
+  }
+  return rows;
+}
+
+/// The state as ip(8) has it, in the form of the views' document.
+Json ipDocument(const NetNs& ns) {
+  Json document = {{"links", ipJson(ns, "link")}, {"addresses", Json::array()}};
+  for (const Json& link : ipJson(ns, "addr")) {
+    for (Json address : link["addr_info"]) {
+      address["ifindex"] = link["ifindex"];
+      address["ifname"] = link["ifname"];
+      document["addresses"].push_back(address);
+    }
+  }
+  document["routes"] = ipJson(ns, "route show table all");
+  document["neighbors"] = ipJson(ns, "neigh");
+  return document;
+}
+
+/// A copy of a view made of nothing but what it tells.
+template <typename View>
+class Copy {
+ public:
+  explicit Copy(const View& view) : view_(view), onChange_(view.changeCount, [this] { take(); }) {}
+  bool isEqual() const {
+    if (told_.size() != view_.all().size()) return false;
+    for (const auto& [key, entity] : view_.all()) {
+      const auto found = told_.find(key);
+      if (found == told_.end() || !(found->second == entity->info()) || !entity->present()) return false;
+    }
+    return true;
+  }
+
+ private:
+  void take() {
+    for (const auto& change : view_.changes()) {
+      const auto key = keyOf(change.entity->info());
+      if (change.kind == ChangeKind::added) {
+        EXPECT_TRUE(told_.emplace(key, change.entity->info()).second);
+      } else if (change.kind == ChangeKind::removed) {
+        EXPECT_FALSE(change.entity->present());
+        EXPECT_EQ(told_.erase(key), 1u);
+      } else {
+        EXPECT_TRUE(told_[key] == change.before);
+        told_[key] = change.entity->info();
+      }
+    }
+  }
+  static U32 keyOf(const LinkInfo& info) { return info.ifIndex; }
+  template <typename Info>
+  static auto keyOf(const Info& info) {
+    return info.key;
+  }
+
+  const View& view_;
+  std::map<typename View::Key, typename View::Info> told_;
+  const Kiv::Reactor onChange_;
+};
+
+struct Views {
+  explicit Views(const NetNs& ns, U32 rxBuf = 1u << 20) : picture(filter) {
+    const NamespaceName name(ns.name());
+    picture.links = links = linkViewFactory("links", name);
+    picture.addresses = addresses = addressViewFactory("addresses", name);
+    picture.routes = routes = routeViewFactory("routes", name);
+    picture.neighbors = neighbors = neighborViewFactory("neighbors", name);
+    for (KernelView* const view : all()) view->rxBufIs(rxBuf);
+    links->refreshTimeIs(std::chrono::milliseconds(300));
+  }
+  std::array<KernelView*, 4> all() const {
+    return {links.get(), addresses.get(), routes.get(), neighbors.get()};
+  }
+  void open() const {
+    for (KernelView* const view : all()) view->enabledIs(true);
+  }
+  bool inSync() const {
+    for (const KernelView* const view : all()) {
+      if (!view->inSync()) return false;
+    }
+    return true;
+  }
+  bool awaitSync() const {
+    return Kiv::activityLoop().runUntil([&] { return inSync(); }, 20);
+  }
+
+  example::PictureFilter filter;
+  example::Picture picture;
+  Kiv::Ptr<LinkView> links;
+  Kiv::Ptr<AddressView> addresses;
+  Kiv::Ptr<RouteView> routes;
+  Kiv::Ptr<NeighborView> neighbors;
+};
+
+/// Waits until the views hold what ip(8) shows; says where they do not.
+void expectSameAsIp(const Views& views, const NetNs& ns) {
+  std::string difference;
+  for (int tries = 0; tries < 40; ++tries) {
+    views.awaitSync();
+    Kiv::activityLoop().runFor(tries == 0 ? 0.001 : 0.1);
+    const Json wanted = ipDocument(ns), got = views.picture.document();
+    difference.clear();
+    for (const auto& [kind, members] : wanted.items()) {
+      const auto a = canonical(members), b = canonical(got[kind]);
+      std::string rows;
+      for (const auto& row : a) rows += b.count(row) == a.count(row) ? "" : "  ip " + row + "\n";
+      for (const auto& row : b) rows += a.count(row) == b.count(row) ? "" : "  we " + row + "\n";
+      if (!rows.empty()) difference += kind + "\n" + rows;
+    }
+    if (difference.empty() && views.inSync()) return;
+  }
+  FAIL() << difference << "in sync: " << views.inSync();
+}
+
+/// Changes at random: of links, addresses, routes and neighbours, by ip(8) and by `KernelChanges`, of which
+/// the kernel refuses many.
+class Changes {
+ public:
+  Changes(const NetNs& own, const NetNs& other, const Views& views, unsigned seed)
+      : own_(own), other_(other), views_(views), random_(seed), changer_(NamespaceName(own.name())) {}
+
+  void make(unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+      const std::string line = one();
+      log += line + "\n";
+      if (line[0] != '#') batch_ += line + "\n";
+      if (line[0] == '#' || pick(3) == 0) flush();
+    }
+    flush();
+  }
+  std::string log;
+
+ private:
+  unsigned pick(unsigned n) { return static_cast<unsigned>(random_() % n); }
+  template <std::size_t N>
+  std::string any(const char* const (&texts)[N]) {
+    return texts[pick(N)];
+  }
+  std::string number(unsigned n) { return std::to_string(pick(n)); }
+
+  void flush() {
+    if (batch_.empty()) return;
+    outputOf("ip -n " + own_.name() + " -force -batch - <<'END'\n" + batch_ + "END");
+    batch_.clear();
+  }
+
+  std::string dev() { return any({"a0", "b0", "a1", "b1", "a2", "b2", "br", "lo"}); }
+  std::string v4() { return "192.0.2." + number(8); }
+  std::string v6() { return "2001:db8:" + number(3) + "::" + number(8); }
+  std::string target(bool is6) {
+    if (pick(12) == 0) return is6 ? "::/0" : "0.0.0.0/0";
+    return is6 ? "2001:db8:f" + number(4) + "::/" + any({"48", "64", "127"})
+               : "198.51.100." + std::to_string(pick(4) * 64) + "/" + any({"26", "27", "32"});
+  }
+  std::string hop(bool is6) {
+    switch (pick(4)) {
+      case 0:
+        return "dev " + dev();
+      case 1:
+        return "via " + (is6 ? v6() : v4()) + " dev " + dev() + (pick(3) == 0 ? " onlink" : "");
+      default:
+        return "via " + (is6 ? v6() : v4());
+    }
+  }
+  std::string route() {
+    const bool is6 = pick(2) == 0;
+    const std::string verb = any({"add", "add", "append", "replace", "prepend", "del"});
+    std::string line = "route " + verb + " ";
+    if (pick(8) == 0) return line + any({"blackhole ", "unreachable ", "throw ", "prohibit "}) + target(is6);
+    line += target(is6);
+    if (pick(3) == 0) {
+      line += " nexthop " + hop(is6) + " weight " + std::to_string(1 + pick(3)) + " nexthop " + hop(is6);
+    } else if (pick(5) == 0) {
+      line += " nhid " + number(6);
+    } else {
+      line += " " + hop(is6);
+    }
+    if (pick(3) == 0) line += " metric " + number(3);
+    if (pick(4) == 0) line += " table " + any({"77", "1000", "default"});
+    if (pick(6) == 0) line += " mtu 1300 proto static";
+    if (pick(9) == 0) line += is6 ? " pref high" : " tos 8";
+    return line;
+  }
+
+  std::string one() {
+    switch (pick(20)) {
+      case 0:
+        return "link add a" + number(3) + " type veth peer name b" + number(3) +
+               (pick(4) == 0 ? " netns " + other_.name() : "");
+      case 1:
+        return pick(2) == 0 ? "link del " + dev() : "link add br type bridge";
+      case 2:
+      case 3:
+        return "link set " + dev() + " " + any({"up", "up", "up", "down"});
+      case 4:
+        return "link set " + dev() + " " +
+               any({"mtu 1400", "mtu 1280", "mtu 9000", "alias x", "txqueuelen 7", "group 9", "promisc on",
+                    "address 02:00:00:00:00:07", "nomaster", "master br", "multicast off", "arp off"});
+      case 5:
+        if (pick(2) == 0) return "link set " + dev() + " name " + dev();
+        if (pick(2) == 0) return "link set " + dev() + " netns " + other_.name();
+        flush();
+        outputOf("ip -n " + other_.name() + " link set " + dev() + " netns " + own_.name());
+        return "# a link from the other namespace";
+      case 6:
+      case 7:
+        return "addr " + any({"add", "add", "replace", "del"}) + " " + v4() + "/" + any({"24", "28", "32"}) +
+               " dev " + dev() + (pick(3) == 0 ? " broadcast +" : "");
+      case 8:
+        return "addr " + any({"add", "add", "replace", "del"}) + " " + v6() + "/64 dev " + dev() + " " +
+               any({"", "nodad", "nodad noprefixroute", "preferred_lft 0"});
+      case 9:
+        return "nexthop " + any({"add", "replace", "del"}) + " id " + number(4) + " via " + v4() + " dev " +
+               dev();
+      case 10:
+        return "nexthop " + any({"add", "replace", "del"}) + " id " + std::to_string(4 + pick(2)) +
+               " group " + number(4) + "/" + number(4);
+      case 11:
+        return "neigh " + any({"add", "replace", "del", "change"}) + " " + (pick(2) == 0 ? v4() : v6()) +
+               " lladdr 02:00:00:00:00:0" + number(9) + " dev " + dev() + " nud " +
+               any({"permanent", "reachable", "stale", "noarp"}) + any({"", " router", " extern_learn"});
+      case 12:
+      case 13:
+      case 14:
+        return byUs();
+      default:
+        return route();
+    }
+  }
+
+  U32 index() {
+    const auto link = views_.links->findByName(dev());
+    return link ? link->ifIndex() : pick(9);
+  }
+
+  /// The same without ip(8).
+  std::string byUs() {
+    flush();
+    KernelChanges changes;
+    for (unsigned i = 0; i <= pick(3); ++i) {
+      switch (pick(8)) {
+        case 0:
+          changes.vethAdd("a" + number(3), "b" + number(3), {.mtu = 1400 + pick(9)}, {.up = true});
+          break;
+        case 1:
+          changes.linkChange(dev(), {.up = pick(3) != 0, .mtu = 1300 + pick(400), .alias = "y" + number(9)});
+          break;
+        case 2:
+          pick(4) == 0 ? changes.linkChange(dev(), {.netNs = NamespaceName(other_.name())})
+                       : changes.linkChange(dev(), {.name = dev()});
+          break;
+        case 3: {
+          AddressInfo address;
+          address.key.ifIndex = index();
+          address.key.local = IpGenAddrWithMask(pick(2) == 0 ? v4() + "/24" : v6() + "/64");
+          address.flags = IFA_F_NODAD;
+          pick(3) == 0 ? changes.addressDel(address.key) : changes.addressAdd(address);
+          break;
+        }
+        case 4: {
+          NeighborInfo neighbor;
+          neighbor.key = {index(), IpGenAddr(pick(2) == 0 ? v4() : v6())};
+          neighbor.state = pick(2) == 0 ? NUD_PERMANENT : NUD_STALE;
+          neighbor.linkAddress = "\2\1\1\1\1\1";
+          pick(4) == 0 ? changes.neighborDel(neighbor.key) : changes.neighborReplace(neighbor);
+          break;
+        }
+        default:
+          addRoute(changes);
+      }
+    }
+    std::string line = "# we:";
+    for (const auto& outcome : changer_.tryApply(changes)) {
+      line += " " + outcome.what + (outcome.error == 0 ? "," : " (" + std::to_string(outcome.error) + "),");
+    }
+    return line;
+  }
+
+  void addRoute(KernelChanges& changes) {
+    const bool is6 = pick(2) == 0;
+    RouteKey key;
+    key.table = pick(4) == 0 ? 1000 : 254;
+    key.prefix = IpGenPrefix(target(is6));
+    key.metric = pick(3);
+    RouteAttrs attrs;
+    for (unsigned i = 0; i <= pick(3); ++i) {
+      RouteNextHop hop;
+      if (pick(4) != 0) hop.gateway = IpGenAddr(is6 ? v6() : v4());
+      if (hop.gateway.af() == AddressFamily::ipunknown || pick(2) == 0) hop.ifIndex = index();
+      attrs.nextHops.push_back(hop);
+    }
+    attrs.protocol = static_cast<U8>(pick(2) * 186);
+    if (pick(4) == 0) attrs.metrics = {{RTAX_MTU, 1290}};
+    switch (pick(4)) {
+      case 0:
+        changes.routeAppend(key, attrs);
+        break;
+      case 1:
+        changes.routeReplace(key, attrs);
+        break;
+      case 2:
+        changes.routeDel(key);
+        break;
+      default:
+        changes.routeAdd(key, attrs);
+    }
+  }
+
+  const NetNs& own_;
+  const NetNs& other_;
+  const Views& views_;
+  std::mt19937 random_;
+  KernelChanger changer_;
+  std::string batch_;
+};
+
+class KernelViewsTest : public NetNsTest {};
+
+/// Whether a look-up gives what the kernel answers.
+void expectSameLookUp(const Views& views, const NetNs& ns, const std::string& target) {
+  const IpGenAddr address(target);
+  const Json answer = ipJson(ns, "route get " + target);
+  const Route route = views.routes->lookUp(address);
+  if (answer.empty()) {
+    // Of IPv6 the kernel also refuses for want of a source.
+    if (address.af() == AddressFamily::ipv4) {
+      EXPECT_TRUE(!route || route.attrs->type >= RTN_BLACKHOLE) << target;
+    }
+    return;
+  }
+  ASSERT_TRUE(route) << target << " " << answer.dump();
+  // Several routes may be equally good.
+  bool found = false;
+  views.routes->forEach([&](const Route& each) {
+    if (each.key != route.key) return;
+    for (const RouteNextHop& hop : each.attrs->nextHops) {
+      const bool isLocal = each.attrs->type == RTN_LOCAL;
+      const std::string gateway = hop.gateway.af() == AddressFamily::ipunknown
+                                      ? std::string()
+                                      : std::string(hop.gateway.stringValue());
+      found = found || ((isLocal || views.picture.nameOf(hop.ifIndex) == answer[0]["dev"]) &&
+                        (isLocal || gateway == answer[0].value("gateway", "")));
+    }
+  });
+  EXPECT_TRUE(found) << target << " " << answer.dump() << " " << views.picture.of(route).dump();
+}
+
+// WIRL_KERNEL_STEPS: how many times some changes are made and compared; WIRL_KERNEL_SEED: the first.
+TEST_F(KernelViewsTest, HoldWhatIpShowsAfterAnyChanges) {
+  const char* const wanted = std::getenv("WIRL_KERNEL_STEPS");
+  const char* const seed = std::getenv("WIRL_KERNEL_SEED");
+  const unsigned steps = wanted ? static_cast<unsigned>(std::atoi(wanted)) : 40;
+  const unsigned perSeed = 40;
+  for (unsigned step = 0, n = seed ? static_cast<unsigned>(std::atoi(seed)) : 1; step < steps; ++n) {
+    const NetNs own("own"), other("other");
+    const Views views(own);
+    const Copy links(*views.links);
+    const Copy addresses(*views.addresses);
+    const Copy neighbors(*views.neighbors);
+    std::set<RouteKey> routes;
+    const Kiv::Reactor onRoutes(views.routes->changeCount, [&] {
+      for (const auto& change : views.routes->changes()) {
+        if (change.kind == ChangeKind::changed) continue;
+        EXPECT_TRUE(change.kind == ChangeKind::added ? routes.insert(change.key).second
+                                                     : routes.erase(change.key) == 1);
+      }
+    });
+    views.open();
+    Changes changes(own, other, views, n);
+    for (unsigned i = 0; i < perSeed && step < steps; ++i, ++step) {
+      changes.make(8);
+      expectSameAsIp(views, own);
+      for (unsigned look = 0; look < 2; ++look) {
+        expectSameLookUp(views, own, "198.51.100." + std::to_string((step * 37 + look * 64) % 256));
+        expectSameLookUp(views, own, "2001:db8:f" + std::to_string((step + look) % 4) + "::1");
+      }
+      EXPECT_TRUE(links.isEqual() && addresses.isEqual() && neighbors.isEqual());
+      std::set<RouteKey> now;
+      views.routes->forEach([&](const Route& route) { now.insert(route.key); });
+      EXPECT_TRUE(routes == now);
+      EXPECT_EQ(views.links->badMessages() + views.routes->badMessages(), 0u);
+      ASSERT_FALSE(HasFailure()) << "seed " << n << " step " << i << "\n" << changes.log;
+      changes.log.clear();
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Wirl
