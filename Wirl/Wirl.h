@@ -131,6 +131,7 @@
 #include "Wirl/kernel/KernelView.h"
 #include "Wirl/kernel/LinkView.h"
 #include "Wirl/kernel/NamespaceView.h"
+#include "Wirl/kernel/NeighborResolver.h"
 #include "Wirl/kernel/NeighborView.h"
 #include "Wirl/kernel/NetlinkClient.h"
 #include "Wirl/kernel/RouteView.h"
