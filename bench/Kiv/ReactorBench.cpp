@@ -97,7 +97,8 @@ void drop(State& state, bool reverse) {
       for (auto& reactor : reactors) reactor.drop();
     }
   }
-  state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * reactors.size()));
+  state.SetItemsProcessed(
+      static_cast<int64_t>(static_cast<std::size_t>(state.iterations()) * reactors.size()));
 }
 
 BENCH_ROWS {
