@@ -14,6 +14,7 @@ class ArpHdr : public HdrImage<8> {
   static constexpr U16 request = 1;
   static constexpr U16 reply = 2;
   static constexpr U16 ethernet = 1;
+  static constexpr U16 atm = 19;  ///< With a packet of another form (RFC 2225).
 
   WIRL_HDR(ArpHdr, "arp");
   WIRL_FIELD(U16, hardwareType, 0, 16);

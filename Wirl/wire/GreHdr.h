@@ -11,6 +11,8 @@ namespace Wirl {
 /// and routing (RFC 1701). Version 1 is that of PPTP (RFC 2637), with an acknowledgement.
 class GreHdr : public HdrImage<4> {
  public:
+  static constexpr U16 ppp = 0x880b;  ///< Protocol type of PPTP.
+
   WIRL_HDR(GreHdr, "gre");
   /// The whole of the first 16 bits: what is present, and the version.
   WIRL_FIELD(U16, flags, 0, 16, .kind = hex);
@@ -27,7 +29,7 @@ class GreHdr : public HdrImage<4> {
   U16 headerBytes() const noexcept {
     return static_cast<U16>(seqOffset() + (seqPresent() ? 4 : 0) + (hasAck() ? 4 : 0));
   }
-  bool hasAck() const noexcept { return version() == 1 && ackPresent(); }
+  bool hasAck() const noexcept { return protocol() == ppp && ackPresent(); }
   bool hasChecksum() const noexcept { return checksumPresent() || routingPresent(); }
   /// Of the optional fields, from the start of the header.
   U16 keyOffset() const noexcept { return static_cast<U16>(sizeof(GreHdr) + (hasChecksum() ? 4 : 0)); }

@@ -29,6 +29,18 @@ class IgmpHdr : public HdrImage<8> {
 };
 static_assert(isHeaderImage<IgmpHdr, 8>);
 
+/// Message of version 0 (RFC 988), with types 1 to 8; an access key follows.
+class Igmp0Hdr : public HdrImage<12> {
+ public:
+  WIRL_HDR(Igmp0Hdr, "igmp");
+  WIRL_FIELD(U8, type, 0, 8, .kind = hex);
+  WIRL_FIELD(U8, code, 8, 8);
+  WIRL_FIELD(IpChecksum, checksum, 16, 16);
+  WIRL_FIELD(U32, id, 32, 32);
+  WIRL_FIELD(IpAddr, group, 64, 32);
+};
+static_assert(isHeaderImage<Igmp0Hdr, 12>);
+
 /// Query of version 3 (RFC 3376); the sources follow.
 class Igmp3QueryHdr : public HdrImage<12, IgmpHdr> {
  public:

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <cstddef>
+#include <iterator>
+#include <optional>
+
 #include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrView.h"
 #include "Wirl/value/Ip6Addr.h"
@@ -92,8 +96,6 @@ class Ip6RoutingHdr : public HdrImage<4> {
   WIRL_FIELD(U8, segmentsLeft, 24, 8);
 
   U16 headerBytes() const noexcept { return static_cast<U16>((length() + 1) * 8); }
-  /// Of the addresses that follow at 8 from the front, where the type has such.
-  unsigned addresses() const noexcept { return length() / 2u; }
 };
 static_assert(isHeaderImage<Ip6RoutingHdr, 4>);
 
@@ -106,5 +108,63 @@ class Ip6SegmentRoutingHdr : public HdrImage<8, Ip6RoutingHdr> {
   WIRL_FIELD(U16, tag, 48, 16);
 };
 static_assert(isHeaderImage<Ip6SegmentRoutingHdr, 8>);
+
+/// The addresses of a routing header, in the order of the route, whichever its type: those of types 0 and 2
+/// as they stand, the compressed ones of type 3 (RFC 6554) in full, the segments of type 4 from the last
+/// entry to the first. None for other types, and for a header that is too short for what it says.
+///
+///     for (const Ip6Addr& addr : Ip6RouteAddrs(view.header(), ip6->dst())) ...
+class Ip6RouteAddrs {
+ public:
+  class Iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Ip6Addr;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const Ip6Addr*;
+    using reference = Ip6Addr;
+
+    Iterator() noexcept = default;
+    Iterator(const Ip6RouteAddrs& addrs, unsigned at) noexcept : addrs_(&addrs), at_(at) {}
+    Ip6Addr operator*() const noexcept { return (*addrs_)[at_]; }
+    Iterator& operator++() noexcept { return ++at_, *this; }
+    Iterator operator++(int) noexcept { return Iterator(*addrs_, at_++); }
+    bool operator==(const Iterator& other) const noexcept { return at_ == other.at_; }
+
+   private:
+    const Ip6RouteAddrs* addrs_ = nullptr;
+    unsigned at_ = 0;
+  };
+
+  /// `header` begins with a routing header; `dst` completes compressed addresses.
+  KIV_API Ip6RouteAddrs(std::span<const U8> header, const Ip6Addr& dst) noexcept;
+
+  unsigned size() const noexcept { return count_; }
+  /// `at` is less than `size()`.
+  KIV_API Ip6Addr operator[](unsigned at) const noexcept;
+  Iterator begin() const noexcept { return Iterator(*this, 0); }
+  Iterator end() const noexcept { return Iterator(*this, count_); }
+  std::optional<Ip6Addr> last() const noexcept {
+    if (count_ == 0) return std::nullopt;
+    return (*this)[count_ - 1];
+  }
+  /// False where the header has less room than its addresses need.
+  bool whole() const noexcept { return whole_; }
+
+ private:
+  std::span<const U8> header_;
+  Ip6Addr dst_;
+  unsigned count_ = 0;
+  unsigned prefixBytes_ = 0;      ///< Taken from the destination, of all addresses but the last.
+  unsigned lastPrefixBytes_ = 0;  ///< Of the last one.
+  bool backwards_ = false;
+  bool whole_ = true;
+};
+
+/// TLVs behind the segments of a segment routing header (RFC 8754 section 2.1): `Ip6SegmentTlvs` of these
+/// bytes.
+using Ip6SegmentTlvs = OptionList<Ip6OptionFormat>;
+/// Where they are; empty where there are none.
+KIV_API std::span<const U8> segmentTlvBytes(std::span<const U8> header) noexcept;
 
 }  // namespace Wirl

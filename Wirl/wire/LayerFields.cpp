@@ -27,6 +27,7 @@
 #include "Wirl/wire/TcpHdr.h"
 #include "Wirl/wire/VrrpHdr.h"
 #include "Wirl/wire/VxlanHdr.h"
+#include "Wirl/wire/detail/MessageChecks.h"
 
 namespace Wirl {
 
@@ -68,6 +69,30 @@ class GeneveShown : public HdrImage<8> {
   WIRL_FIELD(U8, version, 0, 2);
   WIRL_FIELD(U16, protocol, 16, 16, .kind = hex);
   WIRL_FIELD(U32, vni, 32, 24);
+};
+class VxlanGpeShown : public HdrImage<8> {
+ public:
+  WIRL_HDR(VxlanGpeShown, "vxlan");
+  WIRL_FIELD(U8, flags, 0, 8, .kind = hex);
+  WIRL_FIELD(U8, nextProtocol, 24, 8);
+  WIRL_FIELD(U32, vni, 32, 24);
+};
+class NshShown : public HdrImage<8> {
+ public:
+  WIRL_HDR(NshShown, "nsh");
+  WIRL_FIELD(U8, version, 0, 2);
+  WIRL_FIELD(U8, ttl, 4, 6);
+  WIRL_FIELD(U8, mdType, 20, 4);
+  WIRL_FIELD(U8, nextProtocol, 24, 8);
+  WIRL_FIELD(U32, servicePath, 32, 24);
+  WIRL_FIELD(U8, serviceIndex, 56, 8);
+};
+class GtpShown : public HdrImage<8> {
+ public:
+  WIRL_HDR(GtpShown, "gtp");
+  WIRL_FIELD(U8, version, 0, 3);
+  WIRL_FIELD(U8, type, 8, 8);
+  WIRL_FIELD(U16, length, 16, 16);
 };
 class DvmrpShown : public HdrImage<8> {
  public:
@@ -148,22 +173,14 @@ const HdrDescription& icmp6Fields(U8 type, std::size_t bytes) noexcept {
   }
 }
 
-/// Where the options of a neighbour-discovery message begin; 0 for other types.
-std::size_t ndOptionsAt(U8 type) noexcept {
-  switch (type) {
-    case icmp6TypeRouterSolicitation:
-      return sizeof(Icmp6RsHdr);
-    case icmp6TypeRouterAdvertisement:
-      return sizeof(Icmp6RaHdr);
-    case icmp6TypeNeighborSolicitation:
-      return sizeof(Icmp6NsHdr);
-    case icmp6TypeNeighborAdvertisement:
-      return sizeof(Icmp6NaHdr);
-    case icmp6TypeRedirect:
-      return sizeof(Icmp6RedirectHdr);
-    default:
-      return 0;
-  }
+}  // namespace
+
+namespace {
+
+/// PIM in IGMP begins with the type that IGMP has for it, which is no version and type of PIM's own.
+bool isPim1(const Layer& layer) noexcept {
+  const auto bytes = layerBytes(layer);
+  return layer.generic && !bytes.empty() && bytes[0] == Pim1Hdr::igmpType;
 }
 
 }  // namespace
@@ -175,6 +192,13 @@ HdrDescription layerFields(const Layer& layer) noexcept {
     case LayerKind::none:
     case LayerKind::ppp:
     case LayerKind::etherip:
+    case LayerKind::tag:
+    case LayerKind::isl:
+    case LayerKind::trill:
+    case LayerKind::macsec:
+    case LayerKind::ip6ext:
+    case LayerKind::l2tp:
+    case LayerKind::lisp:
       return {};
     case LayerKind::eth:
       return of<EthHdr>;
@@ -218,6 +242,7 @@ HdrDescription layerFields(const Layer& layer) noexcept {
     case LayerKind::icmp6:
       return icmp6Fields(first, bytes.size());
     case LayerKind::igmp:
+      if (first >= 1 && first <= 8) return of<Igmp0Hdr>;
       if (first == IgmpHdr::reportV3) return of<Igmp3ReportHdr>;
       return layer.header.size() == sizeof(Igmp3QueryHdr) ? of<Igmp3QueryHdr> : of<IgmpHdr>;
     case LayerKind::dvmrp:
@@ -233,10 +258,15 @@ HdrDescription layerFields(const Layer& layer) noexcept {
     case LayerKind::erspan:
       return of<ErspanHdr>;
     case LayerKind::vxlan:
-      return of<VxlanHdr>;
+      return layer.generic ? of<VxlanGpeShown> : of<VxlanHdr>;
+    case LayerKind::nsh:
+      return of<NshShown>;
+    case LayerKind::gtp:
+      return of<GtpShown>;
     case LayerKind::geneve:
       return of<GeneveShown>;
     case LayerKind::pim:
+      if (isPim1(layer)) return of<Pim1Hdr>;
       return (first & 0x0f) == pimRegister ? of<PimRegisterHdr> : of<PimHdr>;
     case LayerKind::vrrp:
       return first >> 4 == 2 ? of<Vrrp2Shown> : of<VrrpHdr>;
@@ -275,7 +305,7 @@ detail::ItemKind detail::itemsOf(const Layer& layer, std::span<const U8>& where)
     case LayerKind::icmp6: {
       if (bytes.empty()) return ItemKind::none;
       if (bytes[0] == icmp6TypeMldv2Report) return inMessage(sizeof(Mld2ReportHdr)), ItemKind::mld;
-      const std::size_t fixed = ndOptionsAt(bytes[0]);
+      const std::size_t fixed = detail::ndBytes(bytes[0]);
       if (fixed == 0) return ItemKind::none;
       return inMessage(fixed), ItemKind::nd;
     }

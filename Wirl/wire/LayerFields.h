@@ -12,7 +12,7 @@ namespace Wirl {
 KIV_API HdrDescription layerFields(const Layer& layer) noexcept;
 /// Octets that the fields lie in: header and payload.
 inline std::span<const U8> layerBytes(const Layer& layer) noexcept {
-  return {layer.header.data(), layer.header.size() + layer.payload.size()};
+  return layer.bytes();
 }
 
 /// An item that a layer has besides its fields: an option, a record, a chunk, a TLV.

@@ -11,7 +11,6 @@
 #include "Wirl/packet/IpProtocolNumber.h"
 #include "Wirl/wire/ArpHdr.h"
 #include "Wirl/wire/BfdHdr.h"
-#include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/GreHdr.h"
 #include "Wirl/wire/IgmpHdr.h"
 #include "Wirl/wire/Ip6ExtHdr.h"
@@ -25,7 +24,8 @@
 #include "Wirl/wire/TcpHdr.h"
 #include "Wirl/wire/VrrpHdr.h"
 #include "Wirl/wire/VxlanHdr.h"
-#include "Wirl/wire/detail/PseudoHdr.h"
+#include "Wirl/wire/detail/MessageChecks.h"
+#include "Wirl/wire/detail/RoutedAddrs.h"
 
 namespace Wirl {
 
@@ -36,14 +36,50 @@ constexpr U16 kMplsMulticast = 0x8848;
 constexpr U16 kPppoeSession = 0x8864;
 constexpr U16 kRarp = 0x8035;
 constexpr U16 kTransparentEthernet = 0x6558;
-constexpr U16 kPppInGre = 0x880b;
-constexpr U16 kWccp = 0x883e;
-constexpr U16 kVxlanGpePort = 4790;
+constexpr U16 kTrill = 0x22f3;
+constexpr U16 kJumboLlc = 0x8870;
+constexpr U16 kMacsec = 0x88e5;
+constexpr U16 kMetaData = 0x8909;
+constexpr U16 kVnTag = 0x8926;
+constexpr U16 kHsr = 0x892f;
+constexpr U16 kETag = 0x893f;
+constexpr U16 kLldpToo = 0x8942;
+constexpr U16 kNsh = 0x894f;
+constexpr U16 kRTag = 0xf1c1;
+constexpr U16 kWccp = 0x883e;  // in GRE
+constexpr U16 kEoip = 0x6400;  // in GRE
 constexpr U8 kIpInIp = 4;
 constexpr U8 kIp6InIp = 41;
 constexpr U8 kEtherIp = 97;
 constexpr U8 kMplsInIp = 137;
+constexpr U8 kShim6 = 140;
 constexpr U8 kEthernet = 143;
+constexpr U16 kL2tpPort = 1701;
+constexpr U16 kGtpPort = 2152;
+constexpr U16 kTeredoPort = 3544;
+constexpr U16 kLispPort = 4341;
+constexpr U16 kIpsecPort = 4500;
+constexpr U16 kGrePort = 4754;
+constexpr U16 kVxlanGpePort = 4790;
+constexpr U16 kGenevePort = 6081;
+constexpr U16 kMplsPort = 6635;
+constexpr U16 kSeamlessBfdPort = 7784;
+
+/// UDP ports of other well-known protocols, as far as they are below one that the walk follows. The lower one
+/// of two ports says what is inside, so that an answer from 53 to 4789 is one of DNS.
+constexpr U16 kOtherPorts[] = {
+    7,    13,   19,   37,   49,   53,   67,   68,   69,   88,   111,  123,  137,  138,  161,  162,  173,
+    177,  213,  269,  319,  320,  389,  427,  434,  464,  473,  496,  500,  502,  513,  514,  520,  521,
+    524,  525,  539,  546,  547,  573,  623,  631,  654,  664,  698,  699,  701,  750,  853,  854,  910,
+    921,  925,  1001, 1044, 1052, 1069, 1089, 1090, 1091, 1101, 1113, 1153, 1194, 1293, 1547, 1628, 1629,
+    1645, 1646, 1700, 1718, 1719, 1745, 1755, 1812, 1813, 1900, 1985, 2029, 2048, 2055, 2067, 2099, 2123,
+    2157, 2190, 2221, 2222, 2231, 2246, 2268, 2269, 2313, 2345, 2424, 2427, 2428, 2727, 2887, 2944, 2945,
+    2948, 2949, 2960, 3000, 3121, 3130, 3205, 3222, 3250, 3333, 3343, 3357, 3386, 3389, 3452, 3455, 3478,
+    3483, 3503, 3540, 3567, 3622, 3671, 3785, 3792, 3799, 3804, 3819, 3863, 3956, 4000, 4011, 4058, 4305,
+    4306, 4307, 4342, 4533, 4534, 4551, 4555, 4556, 4569, 4665, 4672, 4713, 4729, 4791, 4991, 5000, 5001,
+    5031, 5050, 5060, 5072, 5094, 5246, 5247, 5264, 5265, 5350, 5351, 5353, 5355, 5404, 5405, 5436, 5555,
+    5567, 5678, 5683, 5684, 5868, 6060, 6073, 6084, 6087, 6118, 6160, 6343, 6543, 6666, 6696, 6970, 7000,
+    7001, 7002, 7003, 7004, 7005, 7006, 7007, 7008, 7009, 7010, 7021, 7074, 7075, 7255, 7275};
 
 constexpr U16 kLongest8023 = 1500;
 
@@ -51,35 +87,48 @@ U16 word(const U8* at) noexcept {
   return static_cast<U16>(at[0] << 8 | at[1]);
 }
 
-/// The sum of octets as big-endian words, folded; an odd last one is a high octet.
-U16 folded(U64 sum) noexcept {
-  while (sum > 0xffff) sum = (sum & 0xffff) + (sum >> 16);
-  return static_cast<U16>(sum);
+/// Whether an EtherType or a length of 802.3 may stand there, the header of a frame of `bytes` being over.
+bool isLikelyType(U16 type, U32 bytes) noexcept {
+  switch (type) {
+    case ethTypeIp:
+    case ethTypeIp6:
+    case ethTypeArpIp:
+    case ethTypeDot1Q:
+    case ethTypeDot1ad:
+    case ethTypeQinQ:
+    case ethTypeMpls:
+    case kMplsMulticast:
+    case kPppoeSession:
+    case kPppoeSession - 1:
+    case ethTypeLldp:
+      return true;
+    default:
+      return type > 2 && type <= kLongest8023 && (type == bytes || (type < bytes && bytes == 46));
+  }
 }
 
-inline U16 sumOf(std::span<const U8> bytes, U32 start) noexcept {
-  if (bytes.size() <= 0xffff) [[likely]] {
-    const auto* const at = reinterpret_cast<const char*>(bytes.data());
-    return static_cast<U16>(~ipChecksumCalc(at, static_cast<U16>(bytes.size()), start).value());
+/// Whether others name the layer even where it has no bytes.
+bool showsEmpty(LayerKind kind) noexcept {
+  switch (kind) {
+    case LayerKind::icmp6:
+    case LayerKind::ip6:
+    case LayerKind::ip6routing:
+    case LayerKind::esp:
+      return true;
+    default:
+      return false;
   }
-  U64 sum = start;
-  while (bytes.size() > 0xfffe) {
-    const auto* const at = reinterpret_cast<const char*>(bytes.data());
-    sum += static_cast<U16>(~ipChecksumCalc(at, 0xfffe, 0).value());
-    bytes = bytes.subspan(0xfffe);
-  }
-  const auto* const at = reinterpret_cast<const char*>(bytes.data());
-  return static_cast<U16>(~ipChecksumCalc(at, static_cast<U16>(bytes.size()), folded(sum)).value());
 }
 
 }  // namespace
 
 std::string_view layerKindText(LayerKind kind) noexcept {
   static constexpr std::string_view kTexts[] = {
-      "none",   "eth",     "vlan",  "mim",    "llc",   "snap",    "pppoe",      "ppp",     "mpls",
-      "pwcw",   "pwach",   "arp",   "ip",     "ip6",   "ip6opts", "ip6routing", "ip6frag", "ah",
-      "esp",    "icmp",    "icmp6", "igmp",   "dvmrp", "tcp",     "udp",        "sctp",    "gre",
-      "erspan", "etherip", "vxlan", "geneve", "pim",   "vrrp",    "bfd",        "ipfix",   "lldp"};
+      "none",    "eth",        "vlan",    "mim",    "tag",  "isl",    "trill",   "macsec", "llc",
+      "snap",    "pppoe",      "ppp",     "mpls",   "pwcw", "pwach",  "arp",     "ip",     "ip6",
+      "ip6opts", "ip6routing", "ip6frag", "ip6ext", "ah",   "esp",    "icmp",    "icmp6",  "igmp",
+      "dvmrp",   "tcp",        "udp",     "sctp",   "gre",  "erspan", "etherip", "vxlan",  "geneve",
+      "nsh",     "gtp",        "l2tp",    "lisp",   "pim",  "vrrp",   "bfd",     "ipfix",  "lldp"};
   static_assert(std::size(kTexts) == static_cast<std::size_t>(LayerKind::lldp) + 1);
   return kTexts[static_cast<U8>(kind)];
 }
@@ -104,6 +153,7 @@ template <typename Ip, U32 kTags>
     layer.cut = false;
     layer.error = noError;
     layer.further = noError;
+    layer.generic = false;
     layer.offset = offset;
     layer.header = {frame + offset, behind - offset};
     layer.payload = {frame + behind, end - behind};
@@ -121,6 +171,7 @@ template <typename Ip, U32 kTags>
   end_ = end;
   wireEnd_ = wireEnd;
   ip_ = hdr;
+  frame_ = frame;
   ipVersion_ = kIs4 ? 4 : 6;
   at_ = kFirst;
   count_ = kLast + 1 - kFirst;
@@ -171,6 +222,7 @@ LayerIterator::LayerIterator(std::span<const U8> first, std::span<const U8> seco
   layer().offset = pos_;
   layer().error = noError;
   layer().further = noError;
+  layer().generic = false;
   next_ = LayerKind::none;
   const U32 present = here();
   if (bytes > present) return takeCut(bytes);
@@ -187,11 +239,17 @@ LayerIterator::LayerIterator(std::span<const U8> first, std::span<const U8> seco
 [[gnu::cold]] bool LayerIterator::takeCut(U32 bytes) noexcept {
   const U32 present = here();
   layer().cut = end_ < wireEnd_ && bytes <= wire() && present == end_ - pos_;
-  if (!layer().cut) fail(pktTooShort);
+  if (!layer().cut && !unsized_) fail(pktTooShort);
   layer().header = {at(), present};
   layer().payload = {};
   layer().payloadBytes = 0;
   return false;
+}
+
+[[gnu::cold]] void LayerIterator::stop(U32 bytes, PktCode code) noexcept {
+  take(std::min(here(), bytes));
+  next_ = LayerKind::none;
+  fail(code);
 }
 
 /// At the end of the first piece, and in the second one where there is one.
@@ -215,6 +273,8 @@ void LayerIterator::limit(U32 bytes) noexcept {
 void LayerIterator::tunnel(LayerKind inner) noexcept {
   if (tunnels_ == kMaxTunnels) return fail(tooManyLayers);
   ++tunnels_;
+  frame_ = nullptr;
+  variant_ = false;
   next_ = inner;
 }
 
@@ -232,11 +292,28 @@ void LayerIterator::step() noexcept {
     case LayerKind::eth:
       return eth();
     case LayerKind::vlan:
-      if (take(sizeof(Eth8021QHdr))) typeOrLength(word(layer().header.data() + 2));
+      if (take(sizeof(Eth8021QHdr))) {
+        const U16 type = word(layer().header.data() + 2);
+        // A service tag announces types alone.
+        if (tagType_ == ethTypeDot1ad && type <= kLongest8023) return;
+        typeOrLength(type);
+      }
       return;
     case LayerKind::mim:
-      if (take(18)) typeOrLength(word(layer().header.data() + 16));
+      if (take(18)) {
+        if (const U16 type = word(layer().header.data() + 16); type > kLongest8023) ethType(type);
+      }
       return;
+    case LayerKind::tag:
+      return etherTypeTag();
+    case LayerKind::isl:
+      if (take(26)) tunnel(LayerKind::eth);
+      return;
+    case LayerKind::trill:
+      if (take(here() < 2 ? 6 : 6 + ((at()[0] & 7u) << 2 | at()[1] >> 6) * 4)) tunnel(LayerKind::eth);
+      return;
+    case LayerKind::macsec:
+      return macsec();
     case LayerKind::llc:
       return llc();
     case LayerKind::snap:
@@ -244,6 +321,7 @@ void LayerIterator::step() noexcept {
         const U8* const snap = layer().header.data();
         const U32 oui = U32{snap[0]} << 16 | word(snap + 1);
         const U16 type = word(snap + 3);
+        if (variant_) return;
         if (oui == 0 || oui == 0x0000f8) ethType(type);
         if (oui == 0x0080c2 && (type == 1 || type == 7) && here() >= 2) {  // padding to words first
           skip(2);
@@ -254,7 +332,8 @@ void LayerIterator::step() noexcept {
     case LayerKind::pppoe:
       if (take(6)) {
         limit(word(layer().header.data() + 4));
-        if (layer().header[1] == 0) next_ = LayerKind::ppp;
+        next_ = LayerKind::ppp;
+        variant_ = true;
       }
       return;
     case LayerKind::ppp:
@@ -278,19 +357,7 @@ void LayerIterator::step() noexcept {
       }
       return;
     case LayerKind::arp:
-      if (here() < sizeof(ArpHdr)) {
-        take(sizeof(ArpHdr));
-      } else {
-        const ArpHdr* const arp = viewAt<ArpHdr>({at(), here()}).get();
-        if (arp->packetBytes() > wire()) {
-          take(here());
-          fail(badArpPkt);
-        } else {
-          take(arp->packetBytes());
-        }
-        next_ = LayerKind::none;
-      }
-      return;
+      return arp();
     case LayerKind::ip:
       return ip();
     case LayerKind::ip6:
@@ -298,17 +365,17 @@ void LayerIterator::step() noexcept {
     case LayerKind::ip6opts:
       return ip6Options();
     case LayerKind::ip6routing:
-      if (here() >= 2 && (at()[1] + 1u) * 8 > wire()) {
-        take(std::min(here(), 8u));
-        return fail(badIp6ExtHdr), void(next_ = LayerKind::none);
-      }
+      return ip6Routing();
+    case LayerKind::ip6ext:
+      if (here() >= 2 && (at()[1] + 1u) * 8 > wire()) return stop(8, badIp6ExtHdr);
       if (take(here() < 2 ? 8 : (at()[1] + 1u) * 8)) ipProtocol(layer().header[0]);
       return;
     case LayerKind::ip6frag:
       if (take(sizeof(Ip6FragHdr))) {
         const auto frag = layer().as<Ip6FragHdr>();
         if (frag->more() || frag->offset() != 0) fragment_ = true;
-        if (frag->offset() == 0) ipProtocol(frag->nextHeader());
+        if (jumbo_) fail(badIp6Jumbo);
+        if (frag->offset() == 0 || ipVersion_ == 4) ipProtocol(frag->nextHeader());
       }
       return;
     case LayerKind::ah:
@@ -332,12 +399,18 @@ void LayerIterator::step() noexcept {
     case LayerKind::erspan:
       return erspan();
     case LayerKind::vxlan:
-      if (take(sizeof(VxlanHdr))) {
-        if (!layer().as<VxlanHdr>()->vniValid()) fail(badVxlanFlags);
-        const U8 inner = vxlanGpe_ ? layer().header[3] : U8{3};
-        if (inner <= 3 && inner > 0) {
-          tunnel(inner == 1 ? LayerKind::ip : inner == 2 ? LayerKind::ip6 : LayerKind::eth);
-        }
+      return vxlan();
+    case LayerKind::nsh:
+      return nsh();
+    case LayerKind::gtp:
+      return gtp();
+    case LayerKind::l2tp:
+      return l2tp();
+    case LayerKind::lisp:
+      if (take(8) && here() > 0) {
+        const unsigned version = at()[0] >> 4;
+        if (version == 4) tunnel(LayerKind::ip);
+        if (version == 6) tunnel(LayerKind::ip6);
       }
       return;
     case LayerKind::etherip:
@@ -364,15 +437,23 @@ void LayerIterator::step() noexcept {
     case LayerKind::bfd:
       return bfd();
     case LayerKind::ipfix:
-      if (take(sizeof(IpfixHdr)) && !IpfixSets(layer().payload).whole() && whole()) fail(pktTooShort);
-      return;
+      return ipfix();
     case LayerKind::lldp:
       return lldp();
   }
 }
 
 void LayerIterator::eth() noexcept {
-  if (take(sizeof(EthHdr))) typeOrLength(word(layer().header.data() + 12));
+  constexpr U8 kIslAddr[] = {0x00, 0x0c, 0x00, 0x00};
+  const U8* const hdr = at();
+  if (here() >= 26 && (hdr[0] | 2) == 3 && std::equal(kIslAddr, kIslAddr + 4, hdr + 1)) {
+    next_ = LayerKind::isl;
+    return step();
+  }
+  if (!take(sizeof(EthHdr))) return;
+  frame_ = hdr;
+  tagType_ = 0;
+  typeOrLength(word(hdr + 12));
 }
 
 /// What a type or length field leads to: behind a length LLC, unless the first octets are those of the oldest
@@ -386,9 +467,11 @@ void LayerIterator::typeOrLength(U16 typeOrLen) noexcept {
 }
 
 void LayerIterator::ethType(U16 type) noexcept {
+  tagType_ = type;
   switch (type) {
     case ethTypeIp:
       next_ = LayerKind::ip;
+      variant_ = true;
       break;
     case ethTypeIp6:
       next_ = LayerKind::ip6;
@@ -416,38 +499,90 @@ void LayerIterator::ethType(U16 type) noexcept {
       tunnel(LayerKind::eth);
       break;
     case ethTypeLldp:
+    case kLldpToo:
       next_ = LayerKind::lldp;
+      break;
+    case kMetaData:
+    case kVnTag:
+    case kHsr:
+    case kETag:
+    case kRTag:
+      next_ = LayerKind::tag;
+      break;
+    case kTrill:
+      next_ = LayerKind::trill;
+      break;
+    case kJumboLlc:
+      next_ = LayerKind::llc;
+      break;
+    case kMacsec:
+      next_ = LayerKind::macsec;
+      break;
+    case kNsh:
+      next_ = LayerKind::nsh;
       break;
     default:
       next_ = LayerKind::none;
   }
 }
 
+void LayerIterator::etherTypeTag() noexcept {
+  const U32 bytes = tagType_ == kETag || tagType_ == kMetaData ? 8 : 6;
+  if (!take(bytes)) return;
+  const U16 type = word(layer().header.data() + bytes - 2);
+  if (type > kLongest8023) ethType(type);
+}
+
+void LayerIterator::macsec() noexcept {
+  constexpr U32 kIcv = 16;
+  constexpr U8 kHasSci = 0x20, kEncrypted = 0x08, kChanged = 0x04;
+  const U8 control = here() > 0 ? at()[0] : U8{0};
+  const U32 bytes = (control & kHasSci) != 0 ? 14 : 6;
+  if ((control & (kEncrypted | kChanged)) != 0 || wire() < bytes + 2 + kIcv) return void(take(bytes));
+  if (!take(bytes + 2)) return;
+  limit(wire() - kIcv);
+  if (const U16 type = word(layer().header.data() + bytes); type > kLongest8023) ethType(type);
+}
+
 void LayerIterator::llc() noexcept {
   // A control field of one octet is that of an unnumbered frame, others have two.
-  const U32 bytes = here() >= 3 && (at()[2] & 3) != 3 ? 4 : 3;
-  if (!take(bytes) || bytes != 3) return;
+  const U8 control = here() >= 3 ? at()[2] : Eth8022LlcHdr::pduControl;
+  if (!take((control & 3) != 3 ? 4 : 3)) return;
   const U8* const hdr = layer().header.data();
+  // Only frames with information carry another protocol.
+  const bool carries = control == Eth8022LlcHdr::pduControl || (control & 1) == 0;
   if (hdr[0] == Eth8022LlcHdr::snapSap && hdr[1] == Eth8022LlcHdr::snapSap) {
     next_ = LayerKind::snap;
-  } else if (hdr[0] == 0x06 && (hdr[2] & 0xef) == Eth8022LlcHdr::pduControl) {
+    variant_ = !carries;
+  } else if (hdr[0] == 0x06 && carries) {
     next_ = LayerKind::ip;
+    variant_ = false;
   }
 }
 
 void LayerIterator::pppProtocol() noexcept {
   // Address and control may be left out, and the first octet of the protocol where it is 0.
   const U8* const ppp = at();
-  U32 bytes = here() >= 2 && ppp[0] == 0xff && ppp[1] == 3 ? 2 : 0;
+  U32 bytes = !variant_ && here() >= 2 && ppp[0] == 0xff && ppp[1] == 3 ? 2 : 0;
   bytes += here() > bytes && (ppp[bytes] & 1) != 0 ? 1u : 2u;
   if (!take(bytes)) return;
   const U8* const end = layer().header.data() + bytes;
   const U16 protocol = bytes % 2 != 0 ? end[-1] : word(end - 2);
   switch (protocol) {
     case 0x0021:
+    case ethTypeIp:
       return tunnel(LayerKind::ip);
     case 0x0057:
+    case ethTypeIp6:
       return tunnel(LayerKind::ip6);
+    case 0x004b:
+      return tunnel(LayerKind::llc);
+    case 0x0031:  // bridging (RFC 3518): flags, the kind of network, and for some an identifier first
+      if (here() >= 2 && (at()[1] == 1 || at()[1] == 0x81)) {
+        skip((at()[0] & 0x40) != 0 && here() >= 6 ? 6 : 2);
+        tunnel(LayerKind::eth);
+      }
+      return;
     case 0x0281:
     case 0x0283:
       return tunnel(LayerKind::mpls);
@@ -458,7 +593,8 @@ void LayerIterator::pppProtocol() noexcept {
 
 /// Nothing says what the bottom of the stack carries but the first bits of it (RFC 4385, RFC 4928).
 void LayerIterator::mplsPayload(U32 label) noexcept {
-  if (here() == 0) return;
+  constexpr U32 kOamAlert = 14;  // RFC 3429
+  if (here() == 0 || label == kOamAlert) return;
   const unsigned nibble = at()[0] >> 4;
   if (label == MplsHdr::associatedChannel || nibble == 1) {
     next_ = LayerKind::pwach;
@@ -467,9 +603,21 @@ void LayerIterator::mplsPayload(U32 label) noexcept {
   } else if (nibble == 6) {
     tunnel(LayerKind::ip6);
   } else if (nibble == 0 && here() > sizeof(PwControlWord)) {
-    next_ = LayerKind::pwcw;
-  } else if (here() >= sizeof(EthHdr) && word(at() + 12) > kLongest8023) {
-    tunnel(LayerKind::eth);
+    // A control word, or none, and an address that begins with 0.
+    constexpr U32 kWord = sizeof(PwControlWord), kHdr = sizeof(EthHdr);
+    const auto octet = [this](U32 offset) {
+      return offset < here() ? at()[offset] : pieces_[1][offset - here()];
+    };
+    const auto isFrame = [&](U32 offset) {
+      if (end_ - pos_ < offset + kHdr) return false;
+      const auto type = static_cast<U16>(octet(offset + 12) << 8 | octet(offset + 13));
+      return isLikelyType(type, wire() - offset - kHdr);
+    };
+    if (isFrame(0) && !isFrame(kWord)) {
+      tunnel(LayerKind::eth);
+    } else {
+      next_ = LayerKind::pwcw;
+    }
   }
 }
 
@@ -477,27 +625,22 @@ void LayerIterator::ip() noexcept {
   const U8* const hdr = at();
   const U32 present = here();
   if (present > 0 && hdr[0] >> 4 == 6) {
+    if (variant_ && count_ > 1) {  // announced as IPv4, which it is not
+      take(0);
+      fail(nonIpHdr);
+      return next(LayerKind::ip6);
+    }
     next_ = LayerKind::ip6;
     return ip6();
   }
-  if (present > 0 && hdr[0] >> 4 != 4) {
-    take(std::min(present, 20u));
-    next_ = LayerKind::none;
-    return fail(nonIpHdr);
-  }
+  if (present > 0 && hdr[0] >> 4 != 4) return stop(20, nonIpHdr);
   const U32 bytes = present > 0 ? (hdr[0] & 0x0fu) * 4 : 20;
-  if (bytes < 20) {
-    take(std::min(present, 20u));
-    next_ = LayerKind::none;
-    return fail(badIpHdrLen);
-  }
+  if (bytes < 20) return stop(20, badIpHdrLen);
   if (present >= 4) {
     const U32 total = word(hdr + 2);
     // A length of 0 is that of a segment that the device is to cut.
     if (total != 0 && total < bytes) {
-      take(std::min(present, bytes));
-      next_ = LayerKind::none;
-      return fail(badIpPayloadLen);
+      return stop(bytes, badIpPayloadLen);
     }
     const bool tooLong = total > wire();
     if (total != 0 && !tooLong) {
@@ -508,14 +651,20 @@ void LayerIterator::ip() noexcept {
       if (tooLong) fail(badIpPayloadLen);
       return;
     }
+    if (ipChecksumCalc(reinterpret_cast<const char*>(hdr), static_cast<U16>(bytes), 0).value() != 0) {
+      fail(badIpHdrChecksum);
+    }
     if (tooLong) fail(badIpPayloadLen);
-  } else if (!take(bytes)) {
-    return;
+  } else {
+    return void(take(bytes));
   }
-  if (ipChecksumCalc(reinterpret_cast<const char*>(hdr), static_cast<U16>(bytes), 0).value() != 0) {
-    fail(badIpHdrChecksum);
+  addrsChange_ = 0;
+  if (bytes > 20) {
+    const auto options = layer().header.subspan(20);
+    if (!IpOptions(options).whole()) fail(badIpOptions);
+    const auto dst = detail::finalDst(options);
+    if (dst) addrsChange_ = detail::sumChange(reinterpret_cast<const IpHdr*>(hdr)->dst(), *dst);
   }
-  if (bytes > 20 && !IpOptions(layer().header.subspan(20)).whole()) fail(badIpOptions);
   ip_ = hdr;
   ipVersion_ = 4;
   const U16 fragment = word(hdr + 6);
@@ -527,45 +676,92 @@ void LayerIterator::ip() noexcept {
 void LayerIterator::ip6() noexcept {
   const U8* const hdr = at();
   const U32 present = here();
-  if (present > 0 && hdr[0] >> 4 != 6) {
-    take(std::min(present, 40u));
-    next_ = LayerKind::none;
-    return fail(nonIp6Hdr);
-  }
+  if (present > 0 && hdr[0] >> 4 != 6) return stop(40, nonIp6Hdr);
   if (!take(40)) return;
   const U32 bytes = word(hdr + 4);
   if (bytes > wire()) fail(badIp6PayloadLen);
-  // The length of a jumbogram is in an option.
-  jumbo_ = bytes == 0 && hdr[6] == ipProtoIpv6HopByHop;
-  if (!jumbo_) limit(bytes);
   ip_ = hdr;
   ipVersion_ = 6;
   fragment_ = false;
+  alert_ = false;
+  addrsChange_ = 0;
+  jumbo_ = false;
+  unsized_ = false;
+  if (bytes == 0 && hdr[6] == ipProtoIpv6HopByHop && here() >= 2) {
+    // The length of a jumbogram is in an option.
+    const auto hopByHop = layer().payload.first(std::min(here(), (at()[1] + 1u) * 8)).subspan(2);
+    jumbo_ = Ip6Options(hopByHop).find<Ip6JumboOption>() != nullptr;
+  }
+  // What the device is to cut into segments has no length either; nothing says where it ends.
+  constexpr U32 kMostPadding = 6;
+  if (bytes == 0 && !jumbo_ && wire() > kMostPadding && hdr[6] != ipProtoIpv6NoNxt) {
+    limit(0);
+    ipProtocol(hdr[6]);
+    if (!showsEmpty(next_)) next_ = LayerKind::none;
+    unsized_ = true;
+    return;
+  }
+  if (!jumbo_) limit(bytes);
   ipProtocol(hdr[6]);
 }
 
 void LayerIterator::ip6Options() noexcept {
   const U32 bytes = here() < 2 ? 8 : (at()[1] + 1u) * 8;
-  if (bytes > wire()) {
-    take(std::min(here(), 8u));
-    next_ = LayerKind::none;
-    return fail(badIp6ExtHdr);
-  }
+  if (bytes > wire()) return stop(8, badIp6ExtHdr);
   if (!take(bytes)) return;
   const Ip6Options options(layer().header.subspan(2));
-  if (!options.whole()) fail(badIp6ExtHdr);
-  if (jumbo_) {
-    if (const auto jumbo = options.find<Ip6JumboOption>()) {
-      // It counts from the IPv6 header on, and so these options too.
-      const U32 payload = jumbo->payloadLength();
-      if (payload <= 0xffff || payload < bytes || payload - bytes > wire()) {
-        fail(badIp6PayloadLen);
-      } else {
-        limit(payload - bytes);
-      }
+  auto option = options.begin();
+  std::size_t end = 2;
+  for (; option != options.end(); ++option) end += option->bytes.size();
+  if (!option.whole()) {
+    // The header's own length says where the next one begins, unless the option goes on behind the packet.
+    const std::size_t present = bytes + here();
+    if (end + 1 >= present || end + 2 + layer().header.data()[end + 1] > present) return;
+  }
+  if (options.find<Ip6RouterAlertOption>()) alert_ = true;
+  if (const auto jumbo = options.find<Ip6JumboOption>()) {
+    // It counts from the IPv6 header on, and so these options too.
+    const U32 payload = jumbo->payloadLength();
+    if (!jumbo_ || payload <= 0xffff) {
+      fail(badIp6Jumbo);
+    } else if (payload < bytes || payload - bytes > wire()) {
+      fail(badIp6PayloadLen);
+    } else {
+      limit(payload - bytes);
     }
   }
+  const auto home = detail::homeAddr(layer().header.subspan(2));
+  if (home && ipVersion_ == 6) {
+    addrsChange_ += detail::sumChange(reinterpret_cast<const Ip6Hdr*>(ip_)->src(), *home);
+  }
   ipProtocol(layer().header[0]);
+}
+
+void LayerIterator::ip6Routing() noexcept {
+  const U32 bytes = here() < 2 ? 8 : (at()[1] + 1u) * 8;
+  if (bytes > wire()) return stop(8, badIp6ExtHdr);
+  if (!take(bytes)) return;
+  const bool over6 = ipVersion_ == 6 && ip_;
+  const Ip6Addr dst = over6 ? reinterpret_cast<const Ip6Hdr*>(ip_)->dst() : Ip6Addr();
+  if (!Ip6RouteAddrs(layer().header, dst).whole()) return fail(badIp6ExtHdr);
+  if (over6) {
+    if (const auto last = detail::finalDst(layer().header, dst))
+      addrsChange_ += detail::sumChange(dst, *last);
+  }
+  ipProtocol(layer().header[0]);
+}
+
+void LayerIterator::arp() noexcept {
+  if (here() < sizeof(ArpHdr)) return void(take(sizeof(ArpHdr)));
+  const ArpHdr* const arp = viewAt<ArpHdr>({at(), here()}).get();
+  if (arp->packetBytes() > wire()) return stop(here(), badArpPkt);
+  const bool isArp =
+      tagType_ == ethTypeArpIp && arp->isIpOverEthernet() && arp->hardwareType() == ArpHdr::ethernet;
+  const U16 hardware = arp->hardwareType();
+  const bool taken = take(arp->packetBytes());
+  layer().generic = hardware == ArpHdr::atm;
+  if (!taken || !isArp) return;
+  fail(detail::arpCode(reinterpret_cast<const EthHdr*>(frame_), layer().header, nullptr));
 }
 
 void LayerIterator::ipProtocol(U8 protocol) noexcept {
@@ -577,6 +773,8 @@ void LayerIterator::ipProtocol(U8 protocol) noexcept {
       return next(LayerKind::ip6routing);
     case ipProtoIpv6Frag:
       return next(LayerKind::ip6frag);
+    case kShim6:
+      return next(LayerKind::ip6ext);
     case ipProtoIcmp:
       return next(LayerKind::icmp);
     case ipProtoIgmp:
@@ -616,30 +814,33 @@ void LayerIterator::ipProtocol(U8 protocol) noexcept {
 
 void LayerIterator::ah() noexcept {
   const U32 bytes = here() < 2 ? 12 : at()[1] * 4u + 8;
-  if (bytes < 12 || bytes > wire()) {
-    take(std::min(here(), 12u));
-    next_ = LayerKind::none;
-    return fail(wire() + layer().header.size() < 12 ? pktTooShort : badAhLen);
-  }
+  if (bytes < 12 || bytes > wire()) return stop(12, wire() < 12 ? PktCode(pktTooShort) : PktCode(badAhLen));
   if (take(bytes)) ipProtocol(layer().header[0]);
 }
 
 // Checksums.
 
-/// Of the next bytes, which may lie in two pieces.
-U16 LayerIterator::foldedSum(U32 bytes, U32 start) const noexcept {
+detail::Message LayerIterator::message(U32 bytes) const noexcept {
   const U32 first = std::min(bytes, here());
-  const U16 sum = sumOf({at(), first}, start);
-  if (first == bytes) return sum;
-  const std::span<const U8> rest = pieces_[1].first(bytes - first);
-  const U16 second = sumOf(rest, 0);
-  // Behind an odd octet the words of the rest are the other way round.
-  return folded(U64{sum} + (first % 2 == 0 ? second : static_cast<U16>(second << 8 | second >> 8)));
+  return {{at(), first}, first == bytes ? std::span<const U8>() : pieces_[1].first(bytes - first)};
+}
+U16 LayerIterator::foldedSum(U32 bytes, U32 start) const noexcept {
+  return detail::sumOf(message(bytes), start);
+}
+
+[[gnu::always_inline]] inline U32 LayerIterator::addrsSum() const noexcept {
+  return addrsChange_ + (ipVersion_ == 6 ? detail::addrsSum(*reinterpret_cast<const Ip6Hdr*>(ip_))
+                                         : detail::addrsSum(*reinterpret_cast<const IpHdr*>(ip_)));
 }
 
 [[gnu::always_inline]] inline U32 LayerIterator::pseudoSum(U32 bytes, U8 protocol) const noexcept {
-  return ipVersion_ == 6 ? detail::pseudoHdrSum(*reinterpret_cast<const Ip6Hdr*>(ip_), bytes, protocol)
-                         : detail::pseudoHdrSum(*reinterpret_cast<const IpHdr*>(ip_), bytes, protocol);
+  return addrsSum() + protocol + detail::halves(bytes);
+}
+
+std::span<const U8> LayerIterator::wholeMessage() const noexcept {
+  const auto bytes = layer().bytes();
+  if (fragment_ || layer().cut || bytes.size() - layer().header.size() != layer().payloadBytes) return {};
+  return bytes;
 }
 
 /// Whether all of the message is there that the innermost IP header says.
@@ -647,17 +848,19 @@ U16 LayerIterator::foldedSum(U32 bytes, U32 start) const noexcept {
   return checksums_ && !fragment_ && ip_ && bytes <= end_ - pos_;
 }
 
-[[gnu::always_inline]] inline bool LayerIterator::transportSumIsGood(U32 bytes, U8 protocol,
-                                                                     U16 stored) const noexcept {
+[[gnu::always_inline]] inline bool LayerIterator::transportSumIsGood(U32 bytes, U8 protocol) const noexcept {
   const U32 pseudo = pseudoSum(bytes, protocol);
   if (bytes <= here() && bytes <= 0xffff) [[likely]] {
     const auto* const octets = reinterpret_cast<const char*>(at());
-    if (ipChecksumCalc(octets, static_cast<U16>(bytes), pseudo).value() == 0) return true;
-  } else if (foldedSum(bytes, folded(pseudo)) == 0xffff) {
-    return true;
+    return ipChecksumCalc(octets, static_cast<U16>(bytes), pseudo).value() == 0;
   }
-  // Left to the device: the sum of the pseudo-header, which it then adds to.
-  return stored == folded(pseudo);
+  return foldedSum(bytes, detail::folded(pseudo)) == detail::kRight;
+}
+
+[[gnu::cold]] PktCode LayerIterator::transportSumCode(U32 bytes, U8 protocol, U16 stored) const noexcept {
+  const U32 pseudo = pseudoSum(bytes, protocol);
+  return protocol == ipProtoUdp ? detail::sumCode(stored, pseudo, partialUdpChecksum, badUdpChecksum)
+                                : detail::sumCode(stored, pseudo, partialTcpChecksum, badTcpChecksum);
 }
 
 void LayerIterator::tcp() noexcept {
@@ -665,15 +868,19 @@ void LayerIterator::tcp() noexcept {
   const U32 present = here();
   const U32 wireBytes = wire();
   const U32 bytes = present < 20 ? 20 : (hdr[12] >> 4) * 4u;
-  if (bytes < 20 || (bytes > wireBytes && wireBytes >= 20)) {
-    take(std::min(present, 20u));
-    next_ = LayerKind::none;
-    return fail(fragment_ && bytes >= 20 ? PktCode(noError) : PktCode(badTcpLen));
+  if (bytes < 20 || (wireBytes < 20 && wireBytes >= 18) || (bytes > wireBytes && wireBytes >= 20)) {
+    const bool summed = present < 18 || !mayCheck(wireBytes) || transportSumIsGood(wireBytes, ipProtoTcp);
+    stop(detail::kTcpBytes, fragment_ && bytes >= 20 ? PktCode(noError) : PktCode(badTcpLen));
+    if (!summed) fail(badTcpChecksum);
+    return;
   }
-  const bool good =
-      present < bytes || !mayCheck(wireBytes) || transportSumIsGood(wireBytes, ipProtoTcp, word(hdr + 16));
+  const bool good = present < bytes || !mayCheck(wireBytes) || transportSumIsGood(wireBytes, ipProtoTcp);
+  PktCode code;
+  if (!good) [[unlikely]]
+    code = transportSumCode(wireBytes, ipProtoTcp, word(hdr + 16));
   if (!take(bytes)) return;
-  if (!good) fail(badTcpChecksum);
+  if (!good) [[unlikely]]
+    fail(code);
   if (bytes > 20 && !TcpOptions(layer().header.subspan(20)).whole()) fail(badTcpOptions);
 }
 
@@ -682,67 +889,193 @@ void LayerIterator::udp() noexcept {
   const U32 wireBytes = wire();
   if (here() < 8) return void(take(8));
   U32 length = word(hdr + 4);
-  if (length == 0 && ipVersion_ == 6) length = wireBytes;  // a jumbogram (RFC 2675)
+  // What is behind a length of 0 is looked at all the same, which only a jumbogram may have (RFC 2675).
+  const bool noLength = length == 0 && ipVersion_ == 6;
+  if (noLength) length = wireBytes;
   if (length < 8) {
     take(8);
     return fail(badUdpLen);
   }
-  const bool tooLong = length > wireBytes;
+  const bool lengthIsBad = noLength ? !detail::isUdpJumbo(wireBytes) : length > wireBytes && !fragment_;
   const U16 stored = word(hdr + 6), src = word(hdr), dst = word(hdr + 2);
-  bool good = true;
-  if (!tooLong && stored != 0 && mayCheck(length)) good = transportSumIsGood(length, ipProtoUdp, stored);
+  PktCode code;
+  if (length <= wireBytes && stored != 0 && mayCheck(length) && !transportSumIsGood(length, ipProtoUdp)) {
+    code = transportSumCode(length, ipProtoUdp, stored);
+  }
   take(8);
-  if (tooLong && !fragment_) fail(badUdpLen);
+  if (lengthIsBad) fail(badUdpLen);
   limit(length - 8);
-  if (!good) fail(badUdpChecksum);
+  if (code != noError) fail(code);
   udpPayload(src, dst);
-  // Tunnels may leave it out (RFC 6935).
-  if (stored == 0 && ipVersion_ == 6 && next_ == LayerKind::none) fail(noUdpChecksum);
+  if (stored != 0 || ipVersion_ != 6) return;
+  switch (next_) {  // tunnels may leave it out (RFC 6935)
+    case LayerKind::none:
+    case LayerKind::bfd:
+    case LayerKind::ipfix:
+      return fail(noUdpChecksum);
+    default:
+      return;
+  }
 }
 
 /// The lower port says first what is inside.
 void LayerIterator::udpPayload(U16 src, U16 dst) noexcept {
-  if (wire() == 0) return;
-  for (const U16 port : {std::min(src, dst), std::max(src, dst)}) {
-    switch (port) {
-      case VxlanHdr::udpPort:
-      case kVxlanGpePort:
-        vxlanGpe_ = port == kVxlanGpePort;
-        return next(LayerKind::vxlan);
-      case 6081:
-        next_ = LayerKind::geneve;
-        return;
-      case 6635:
-        tunnel(LayerKind::mpls);
-        return;
-      case BfdHdr::singleHopPort:
-      case BfdHdr::multihopPort:
-      case BfdHdr::lagPort:
-      case 7784:
-        next_ = LayerKind::bfd;
-        return;
-      case IpfixHdr::port:
-        if (here() >= 2 && word(at()) == IpfixHdr::ipfixVersion) next_ = LayerKind::ipfix;
-        return;
-      case 4500:  // IPsec through address translation (RFC 3948): zeros begin a message of key exchange
-        if (here() >= 8 && (at()[0] | at()[1] | at()[2] | at()[3]) != 0) next_ = LayerKind::esp;
-        return;
-      default:
-        break;
-    }
+  const U16 low = std::min(src, dst), high = std::max(src, dst);
+  if (wire() == 0 || high < kL2tpPort || udpPort(low) || low == high) return;
+  if (!std::binary_search(std::begin(kOtherPorts), std::end(kOtherPorts), low)) udpPort(high);
+}
+
+/// Whether it is the port of something that the walk follows, and that this may be.
+bool LayerIterator::udpPort(U16 port) noexcept {
+  switch (port) {
+    case VxlanHdr::udpPort:
+    case kVxlanGpePort:
+      variant_ = port == kVxlanGpePort;
+      next_ = LayerKind::vxlan;
+      return true;
+    case kGenevePort:
+      next_ = LayerKind::geneve;
+      return true;
+    case kMplsPort:
+      tunnel(LayerKind::mpls);
+      return true;
+    case kGrePort:
+      next_ = LayerKind::gre;
+      return true;
+    case kLispPort:
+      next_ = LayerKind::lisp;
+      return true;
+    case kL2tpPort:
+      if (here() < 2 || (word(at()) & 0x0e) != 2) return false;
+      next_ = LayerKind::l2tp;
+      return true;
+    case kGtpPort:
+      if ((at()[0] & 0xd0) != 0x10) return false;  // version 0 or 1, and not what charging uses
+      next_ = LayerKind::gtp;
+      return true;
+    case kTeredoPort:
+      return teredo(), true;
+    case BfdHdr::singleHopPort:
+    case BfdHdr::multihopPort:
+    case BfdHdr::lagPort:
+    case kSeamlessBfdPort:
+      next_ = LayerKind::bfd;
+      return true;
+    case IpfixHdr::port:
+      if (here() < 2 || word(at()) != IpfixHdr::ipfixVersion) return false;
+      next_ = LayerKind::ipfix;
+      return true;
+    case kIpsecPort:  // through address translation (RFC 3948): zeros begin a message of key exchange
+      if (here() >= 4 && (at()[0] | at()[1] | at()[2] | at()[3]) != 0) next_ = LayerKind::esp;
+      return true;
+    default:
+      return false;
   }
 }
 
-void LayerIterator::sctp() noexcept {
+void LayerIterator::vxlan() noexcept {
+  const bool generic = variant_;
+  if (!take(sizeof(VxlanHdr))) return void(layer().generic = generic);
+  layer().generic = generic;
+  if (!layer().as<VxlanHdr>()->vniValid()) fail(badVxlanFlags);
+  switch (generic ? layer().header[3] : U8{3}) {
+    case 1:
+      return tunnel(LayerKind::ip);
+    case 2:
+      return tunnel(LayerKind::ip6);
+    case 3:
+      return tunnel(LayerKind::eth);
+    case 4:
+      return next(LayerKind::nsh);
+    case 5:
+      return tunnel(LayerKind::mpls);
+    default:
+      return;
+  }
+}
+
+void LayerIterator::nsh() noexcept {
+  constexpr U32 kLeast = 8;
+  if (!take(here() < 2 ? kLeast : std::max(kLeast, (at()[1] & 0x3fu) * 4))) return;
+  switch (layer().header[3]) {
+    case 1:
+      return tunnel(LayerKind::ip);
+    case 2:
+      return tunnel(LayerKind::ip6);
+    case 3:
+      return tunnel(LayerKind::eth);
+    case 4:
+      return next(LayerKind::nsh);
+    case 5:
+      return tunnel(LayerKind::mpls);
+    default:
+      return;
+  }
+}
+
+void LayerIterator::gtp() noexcept {
+  constexpr U8 kUserData = 255, kNotPrime = 0x10, kMore = 7, kExtension = 4;
   const U8* const hdr = at();
+  const U32 present = here();
+  if (present < 8) return void(take(8));
+  const unsigned version = hdr[0] >> 5;
+  U32 bytes = version == 0 ? 20 : (hdr[0] & kMore) != 0 ? 12 : 8;
+  const U32 end = (version == 0 ? 20u : 8u) + word(hdr + 2);
+  if (version == 1 && (hdr[0] & kExtension) != 0) {
+    while (bytes <= present && hdr[bytes - 1] != 0) {
+      if (bytes == present || hdr[bytes] == 0) break;
+      bytes += hdr[bytes] * 4u;
+    }
+  }
+  const bool isData = version <= 1 && (hdr[0] & kNotPrime) != 0 && hdr[1] == kUserData;
+  if (!take(bytes) || !isData) return;
+  if (end >= bytes) limit(end - bytes);
+  if (here() == 0) return;
+  const unsigned nibble = at()[0] >> 4;
+  if (nibble == 4) tunnel(LayerKind::ip);
+  if (nibble == 6) tunnel(LayerKind::ip6);
+}
+
+/// Data of version 2; control messages and other versions carry no packets.
+void LayerIterator::l2tp() noexcept {
+  constexpr U16 kControl = 0x8000, kLength = 0x4000, kSeq = 0x0800, kOffset = 0x0200;
+  const U8* const hdr = at();
+  const U32 present = here();
+  if (present < 2) return void(take(6));
+  const U16 flags = word(hdr);
+  if ((flags & kControl) != 0 || (flags & 0x0f) != 2) return void(take(std::min(present, 6u)));
+  U32 bytes = 6u + ((flags & kLength) != 0 ? 2u : 0u) + ((flags & kSeq) != 0 ? 4u : 0u);
+  if ((flags & kOffset) != 0) bytes += 2u + (present >= bytes + 2 ? word(hdr + bytes) : 0u);
+  const U32 length = (flags & kLength) != 0 && present >= 4 ? std::max(bytes, U32{word(hdr + 2)}) : ~U32{0};
+  if (!take(bytes)) return;
+  limit(length - bytes);
+  if (wire() > 0) tunnel(LayerKind::ppp);
+}
+
+/// IPv6 in UDP (RFC 4380), behind what servers and relays put in front of it.
+void LayerIterator::teredo() noexcept {
+  if (here() >= 4 && word(at()) == 1) {
+    const U32 bytes = 4u + at()[2] + at()[3] + 9;
+    if (here() < bytes) return;
+    skip(bytes);
+  }
+  if (here() >= 8 && word(at()) == 0) skip(8);
+  if (here() >= 2) tunnel(LayerKind::ip6);
+}
+
+void LayerIterator::ipfix() noexcept {
+  const U32 bytes = here() >= 4 ? word(at() + 2) : 0, wireBytes = wire();
+  if (!take(sizeof(IpfixHdr))) return;
+  if (bytes < sizeof(IpfixHdr) || bytes > wireBytes) return fail(badIpfixLen);
+  limit(bytes - U32{sizeof(IpfixHdr)});
+  const auto sets = layer().payload;
+  if (sets.size() == layer().payloadBytes && !IpfixSets(sets).whole()) fail(badIpfixLen);
+}
+
+void LayerIterator::sctp() noexcept {
   const U32 bytes = wire();
   bool good = true;
-  if (here() >= sizeof(SctpHdr) && mayCheck(bytes) && here() == bytes) {
-    static constexpr U8 kZeros[4] = {};
-    const U32 crc = crc32c({hdr + 12, bytes - 12}, crc32c(kZeros, crc32c({hdr, 8})));
-    const U32 stored = hdr[8] | U32{hdr[9]} << 8 | U32{hdr[10]} << 16 | U32{hdr[11]} << 24;
-    good = crc == stored;
-  }
+  if (here() >= sizeof(SctpHdr) && mayCheck(bytes)) good = detail::sctpCode(message(bytes)) == noError;
   if (!take(sizeof(SctpHdr))) return;
   if (!good) fail(badSctpChecksum);
   if (!fragment_ && whole() && layer().payload.size() == layer().payloadBytes &&
@@ -761,40 +1094,22 @@ void LayerIterator::icmp() noexcept {
 
 void LayerIterator::icmp6() noexcept {
   const U32 bytes = wire();
-  const bool good =
-      !mayCheck(bytes) || bytes < 4 || foldedSum(bytes, folded(pseudoSum(bytes, ipProtoIcmpv6))) == 0xffff;
-  if (!take(4)) return;
-  if (!good) fail(badIcmp6Checksum);
-  U32 fixed = 0;
-  switch (layer().header[0]) {
-    case icmp6TypeRouterSolicitation:
-      fixed = sizeof(Icmp6RsHdr);
-      break;
-    case icmp6TypeRouterAdvertisement:
-      fixed = sizeof(Icmp6RaHdr);
-      break;
-    case icmp6TypeNeighborSolicitation:
-      fixed = sizeof(Icmp6NsHdr);
-      break;
-    case icmp6TypeNeighborAdvertisement:
-      fixed = sizeof(Icmp6NaHdr);
-      break;
-    case icmp6TypeRedirect:
-      fixed = sizeof(Icmp6RedirectHdr);
-      break;
-    default:
-      return;
+  PktCode code;
+  if (mayCheck(bytes) && bytes >= sizeof(Icmp6Hdr) && here() >= sizeof(Icmp6Hdr)) {
+    code = detail::icmp6Code(addrsSum(), message(bytes));
   }
-  if (fragment_ || !whole()) return;
-  if (bytes < fixed) return fail(icmp6PayloadLenTooShortForHdr);
-  if (layer().payload.size() < layer().payloadBytes) return;
-  const NdOptions options(layer().payload.subspan(fixed - 4));
-  auto option = options.begin();
-  std::size_t taken = 0;
-  for (; option != options.end(); ++option) taken += option->bytes.size();
-  if (option.whole()) return;
-  const auto rest = layer().payload.subspan(fixed - 4 + taken);
-  fail(rest.size() >= 2 && rest[1] == 0 ? icmp6OptLenZero : icmp6OptLenExceedPayloadLen);
+  if (!take(sizeof(Icmp6Hdr))) return;
+  if (code != noError) fail(code);
+  const auto whole = wholeMessage();
+  if (whole.empty() || ipVersion_ != 6 || !ip_) return;
+  const auto& ip6 = *reinterpret_cast<const Ip6Hdr*>(ip_);
+  if (detail::ndBytes(whole[0]) != 0) {
+    const PktCode limitCode = detail::ndHopLimitCode(ip6);
+    fail(limitCode);
+    fail(detail::ndRules(ip6, whole));
+  } else if (detail::isMld(whole[0])) {
+    fail(detail::mldRules(ip6, alert_ ? detail::Alert::present : detail::Alert::missing, whole));
+  }
 }
 
 void LayerIterator::igmp() noexcept {
@@ -802,14 +1117,16 @@ void LayerIterator::igmp() noexcept {
   const bool good = !mayCheck(bytes) || foldedSum(bytes, 0) == 0xffff;
   const bool query3 = here() > 0 && at()[0] == IgmpHdr::query && bytes >= sizeof(Igmp3QueryHdr);
   // Other protocols whose messages are types of IGMP.
-  if (here() > 0 && at()[0] == Pim1Hdr::igmpType) next_ = LayerKind::pim;
+  const bool pim1 = here() > 0 && at()[0] == Pim1Hdr::igmpType;
+  if (pim1) next_ = LayerKind::pim;
   if (here() > 0 && at()[0] == IgmpHdr::dvmrp) next_ = LayerKind::dvmrp;
-  if (!take(query3 ? sizeof(Igmp3QueryHdr) : sizeof(IgmpHdr))) return;
-  if (!good) fail(badIgmpChecksum);
-  if (layer().header[0] == IgmpHdr::reportV3 && whole() && !fragment_) {
-    U32 count = 0;
-    for ([[maybe_unused]] const WireOption& record : IgmpRecords(layer().payload)) ++count;
-    if (count < word(layer().header.data() + 6)) fail(badIgmpLen);
+  const bool taken = take(query3 ? sizeof(Igmp3QueryHdr) : sizeof(IgmpHdr));
+  layer().generic = pim1;
+  if (!good) fail(pim1 ? badPimChecksum : badIgmpChecksum);
+  if (!taken) return;
+  const auto whole = wholeMessage();
+  if (!whole.empty() && ipVersion_ == 4 && ip_) {
+    fail(detail::igmpRules(*reinterpret_cast<const IpHdr*>(ip_), whole));
   }
 }
 
@@ -821,7 +1138,7 @@ void LayerIterator::pim() noexcept {
   bool good = true;
   if (here() >= 4 && mayCheck(bytes)) {
     const auto sumFits = [&](U32 covered) {
-      const U32 start = ipVersion_ == 6 ? folded(pseudoSum(covered, ipProtoPim)) : 0;
+      const U32 start = ipVersion_ == 6 ? detail::folded(pseudoSum(covered, ipProtoPim)) : 0;
       return foldedSum(covered, start) == 0xffff;
     };
     good = sumFits(bytes) || (isRegister && sumFits(8));
@@ -837,19 +1154,22 @@ void LayerIterator::pim() noexcept {
 }
 
 void LayerIterator::vrrp() noexcept {
-  const U8* const hdr = at();
   const U32 bytes = wire();
   bool good = true;
-  if (here() >= 8 && mayCheck(bytes)) {
-    const bool alone = ipVersion_ == 4 && foldedSum(bytes, 0) == 0xffff;
-    good = alone || (hdr[0] >> 4 == 3 && foldedSum(bytes, folded(pseudoSum(bytes, ipProtoVrrp))) == 0xffff);
+  if (here() >= sizeof(VrrpHdr) && mayCheck(bytes)) {
+    good = detail::vrrpIsSummed(ipVersion_ == 6, addrsSum(), at()[0] >> 4, message(bytes));
   }
   if (!take(sizeof(VrrpHdr))) return;
-  const auto vrrp = layer().as<VrrpHdr>();
-  if (vrrp->version() != 2 && vrrp->version() != 3) return fail(badVrrpVersion);
-  const U32 addresses = vrrp->addressCount() * (ipVersion_ == 6 ? 16u : 4u);
-  if (layer().payloadBytes < addresses + (vrrp->version() == 2 ? VrrpHdr::authBytes : 0u)) fail(badVrrpLen);
   if (!good) fail(badVrrpChecksum);
+  const unsigned version = layer().header[0] >> 4;
+  if (version != 2 && version != 3) return fail(badVrrpVersion);
+  const auto whole = wholeMessage();
+  if (whole.empty() || !ip_) return;
+  const auto* const ethHdr = reinterpret_cast<const EthHdr*>(frame_);
+  const PktCode code =
+      (ipVersion_ == 6 ? detail::vrrpCode(ethHdr, *reinterpret_cast<const Ip6Hdr*>(ip_), whole)
+                       : detail::vrrpCode(ethHdr, *reinterpret_cast<const IpHdr*>(ip_), whole));
+  if (code != badVrrpChecksum) fail(code);
 }
 
 void LayerIterator::gre() noexcept {
@@ -869,13 +1189,16 @@ void LayerIterator::gre() noexcept {
   const U16 protocol = gre->protocol();
   const bool seq = gre->seqPresent();
   const bool versionIsBad = gre->version() > 1;
-  if (!take(bytes)) return;
-  if (versionIsBad) fail(badGreVersion);
+  const bool taken = take(bytes);
   if (!good) fail(badGreChecksum);
+  if (!taken) return;
+  if (versionIsBad) fail(badGreVersion);
   if (wire() == 0) return;
   switch (protocol) {
-    case kPppInGre:
+    case GreHdr::ppp:
       return tunnel(LayerKind::ppp);
+    case kNsh:
+      return next(LayerKind::nsh);
     case ErspanHdr::greProtocol:  // type I has no header, and no sequence number
       if (!seq) return tunnel(LayerKind::eth);
       [[fallthrough]];
@@ -883,7 +1206,7 @@ void LayerIterator::gre() noexcept {
       next_ = LayerKind::erspan;
       return;
     case kWccp:  // with a header of its own in front of the datagram, or without
-      if (here() > 4 && at()[0] >> 4 != 4) skip(4);
+      if (here() > 4 && hdr[4] >> 4 != 4) skip(4);
       return tunnel(LayerKind::ip);
     case ethTypeIp:
       return tunnel(LayerKind::ip);
@@ -895,6 +1218,7 @@ void LayerIterator::gre() noexcept {
     case kMplsMulticast:
       return tunnel(LayerKind::mpls);
     case kTransparentEthernet:
+    case kEoip:
       return tunnel(LayerKind::eth);
     default:
       return;
@@ -905,11 +1229,15 @@ void LayerIterator::erspan() noexcept {
   const U8* const hdr = at();
   const U32 present = here();
   U32 bytes = sizeof(ErspanHdr);
+  if (present > 0 && hdr[0] >> 4 != 1 && hdr[0] >> 4 != 2) return void(take(bytes));
   if (present > 0 && hdr[0] >> 4 == 2) {
     // Type III, with another 8 bytes where its last bit says so.
     bytes = present >= 12 && (hdr[11] & 1) != 0 ? 20 : 12;
   }
-  if (take(bytes)) tunnel(LayerKind::eth);
+  if (!take(bytes)) return;
+  const unsigned frameType = bytes == sizeof(ErspanHdr) ? 0 : hdr[10] >> 2 & 0x1f;
+  if (frameType == 0) tunnel(LayerKind::eth);
+  if (frameType == 2) tunnel(LayerKind::ip);
 }
 
 void LayerIterator::bfd() noexcept {

@@ -13,11 +13,19 @@
 
 namespace Wirl {
 
+namespace detail {
+struct Message;
+}
+
 enum class LayerKind : U8 {
   none,
   eth,
   vlan,
   mim,  ///< MAC-in-MAC: service tag, and the Ethernet header behind it (IEEE 802.1ah).
+  tag,  ///< Tag of another kind, with an EtherType at its end: HSR, R-TAG, E-TAG, VN-Tag and their like.
+  isl,  ///< Inter-switch link: in place of the outer Ethernet header.
+  trill,
+  macsec,  ///< IEEE 802.1AE; what is behind it is seen where it is not encrypted.
   llc,
   snap,
   pppoe,
@@ -31,6 +39,7 @@ enum class LayerKind : U8 {
   ip6opts,  ///< Hop-by-hop or destination options.
   ip6routing,
   ip6frag,
+  ip6ext,  ///< Extension header of another kind: shim6.
   ah,
   esp,
   icmp,
@@ -45,6 +54,10 @@ enum class LayerKind : U8 {
   etherip,  ///< RFC 3378.
   vxlan,
   geneve,
+  nsh,   ///< RFC 8300.
+  gtp,   ///< User plane, versions 0 and 1.
+  l2tp,  ///< RFC 2661, data.
+  lisp,  ///< RFC 6830, data.
   pim,
   vrrp,
   bfd,
@@ -61,6 +74,9 @@ struct Layer {
   U8 tunnels = 0;
   /// The bytes end inside of the header because the capture has cut the packet; that is no error.
   bool cut = false;
+  /// A header with another form: of VXLAN with the extension that says what it carries (VXLAN-GPE), of PIM
+  /// version 1, which IGMP carries, of ARP for ATM.
+  bool generic = false;
   /// What is wrong with it; `noError` also where the capture has cut what a check needs.
   PktCode error;
   /// A second thing that is wrong with it: an IPv4 header may have a bad length and a bad checksum.
@@ -69,8 +85,8 @@ struct Layer {
   U32 offset = 0;
   /// Its header with options; as much of that as is there.
   std::span<const U8> header;
-  /// What is behind its header, as far as this layer's length and those of the outer layers go, and as is
-  /// there in the header's piece of the packet.
+  /// What is behind its header, as far as this layer's length and those of the outer layers go, and as lies
+  /// in one piece of the packet.
   std::span<const U8> payload;
   /// As on the wire, in all pieces.
   U32 payloadBytes = 0;
@@ -78,7 +94,12 @@ struct Layer {
   /// The header as a view; null for one that is not there whole, and for a shorter one.
   template <typename Hdr>
   HdrView<const Hdr> as() const noexcept {
-    return viewAt<Hdr>(std::span<const U8>(header.data(), header.size() + payload.size()));
+    return viewAt<Hdr>(bytes());
+  }
+  /// Header and payload, the latter where it lies behind the header and not in another piece.
+  std::span<const U8> bytes() const noexcept {
+    const bool behind = header.data() + header.size() == payload.data();
+    return {header.data(), header.size() + (behind ? payload.size() : 0)};
   }
 };
 
@@ -95,7 +116,7 @@ struct LayerOptions {
 /// that its checksum covers; nothing is allocated or written, and nothing outside of the packet is read. The
 /// walk ends behind a layer whose header is not there or cannot be trusted, at a fragment that is not the
 /// first one, at what is encrypted, and at protocols that have no kind. The datagram in an ICMP error is no
-/// layer.
+/// layer, nor is one in another message that reports about it.
 class LayerIterator {
  public:
   using iterator_concept = std::input_iterator_tag;
@@ -152,7 +173,12 @@ class LayerIterator {
   bool take(U32 bytes) noexcept;
   bool takeCut(U32 bytes) noexcept;
   void secondPiece() noexcept;
-  void fail(PktCode code) noexcept { (layer().error == noError ? layer().error : layer().further) = code; }
+  void fail(PktCode code) noexcept {
+    PktCode& place = layer().error == noError ? layer().error : layer().further;
+    if (place == noError) place = code;
+  }
+  /// Ends the walk with what is there of a header of `bytes` bytes.
+  void stop(U32 bytes, PktCode code) noexcept;
   /// What remains is `bytes` long on the wire; the limit only ever shrinks.
   void limit(U32 bytes) noexcept;
   void next(LayerKind kind) noexcept { next_ = kind; }
@@ -162,21 +188,40 @@ class LayerIterator {
   void ipProtocol(U8 protocol) noexcept;
   void mplsPayload(U32 label) noexcept;
   void pppProtocol() noexcept;
+  /// The next bytes, which may lie in two pieces.
+  detail::Message message(U32 bytes) const noexcept;
   U16 foldedSum(U32 bytes, U32 start) const noexcept;
+  /// Sum of the addresses of a pseudo-header.
+  U32 addrsSum() const noexcept;
   U32 pseudoSum(U32 bytes, U8 protocol) const noexcept;
-  /// Of the rest of `bytes` with the checksum `stored`, which stands in it.
-  bool transportSumIsGood(U32 bytes, U8 protocol, U16 stored) const noexcept;
+  /// Of the next `bytes`.
+  bool transportSumIsGood(U32 bytes, U8 protocol) const noexcept;
+  /// Why it is not good, with `stored` as the checksum.
+  PktCode transportSumCode(U32 bytes, U8 protocol, U16 stored) const noexcept;
   bool mayCheck(U32 bytes) const noexcept;
+  /// The message whose header is the layer at work, where all of it is there in one piece; else empty.
+  std::span<const U8> wholeMessage() const noexcept;
 
   void eth() noexcept;
   void llc() noexcept;
   void ip() noexcept;
   void ip6() noexcept;
   void ip6Options() noexcept;
+  void ip6Routing() noexcept;
+  void arp() noexcept;
+  void vxlan() noexcept;
+  void nsh() noexcept;
+  void gtp() noexcept;
+  void l2tp() noexcept;
+  void teredo() noexcept;
+  void macsec() noexcept;
+  void ipfix() noexcept;
+  void etherTypeTag() noexcept;
   void ah() noexcept;
   void tcp() noexcept;
   void udp() noexcept;
   void udpPayload(U16 src, U16 dst) noexcept;
+  bool udpPort(U16 port) noexcept;
   void sctp() noexcept;
   void icmp() noexcept;
   void icmp6() noexcept;
@@ -201,12 +246,18 @@ class LayerIterator {
   bool checksums_ = true;
   bool fragment_ = false;  ///< The innermost datagram is not whole.
   bool jumbo_ = false;     ///< Its length is in an option.
-  bool vxlanGpe_ = false;  ///< The VXLAN header says what it carries.
+  bool unsized_ = false;   ///< Nothing says its length.
+  bool alert_ = false;     ///< It has a router alert.
+  /// Of the next header: VXLAN-GPE; IP by its EtherType; PPP in Ethernet; SNAP that carries nothing.
+  bool variant_ = false;
   U8 ipVersion_ = 0;
   U8 tunnels_ = 0;
   U8 count_ = 0;
   U8 at_ = kLast;
-  const U8* ip_ = nullptr;  ///< The innermost IP header.
+  U16 tagType_ = 0;            ///< EtherType of the next header.
+  U32 addrsChange_ = 0;        ///< What routing adds to the sum of the addresses in the IP header.
+  const U8* ip_ = nullptr;     ///< The innermost IP header.
+  const U8* frame_ = nullptr;  ///< The Ethernet header around it; null behind a tunnel without one.
   /// The last is at work; those in front of it were found before and wait for their turn. What is not in use
   /// has no value: to give it one would take as long as a header does.
   union {

@@ -5,6 +5,8 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
+#include <optional>
+#include <utility>
 
 #include "Wirl/packet/EthType.h"
 #include "Wirl/packet/Icmp6Hdr.h"
@@ -27,6 +29,7 @@
 #include "Wirl/wire/TcpHdr.h"
 #include "Wirl/wire/VrrpHdr.h"
 #include "Wirl/wire/VxlanHdr.h"
+#include "Wirl/wire/detail/RoutedAddrs.h"
 
 namespace Wirl {
 
@@ -228,10 +231,10 @@ void writeString(Out& out, std::string_view text) {
 }
 
 void writeJsonFields(Out& out, std::span<const HdrField> fields, std::span<const U8> bytes,
-                     std::string_view without = {}) {
+                     std::string_view without = {}, std::string_view dst = "dst") {
   for (const HdrField& field : fields) {
     if (field.kind == HdrKind::hidden || !isWhole(field, bytes.size()) || field.key == without) continue;
-    out << ",\"" << field.key << "\":";
+    out << ",\"" << (std::string_view(field.key) == "dst" ? dst : field.key) << "\":";
     if (isAddr(field)) {
       out << '"';
       writeAddr(out, field, bytes.data());
@@ -243,38 +246,74 @@ void writeJsonFields(Out& out, std::span<const HdrField> fields, std::span<const
 }
 
 /// The addresses of an ARP packet that are not both of the usual kind, as far as one knows them.
-void writeArpAddrs(Out& out, std::span<const U8> packet) {
-  const auto arp = viewAt<ArpHdr>(packet);
-  if (!arp || arp->isIpOverEthernet() || packet.size() < arp->packetBytes()) return;
-  const std::size_t hardware = arp->hardwareBytes(), protocol = arp->protocolBytes();
-  const U8* const addrs = packet.data() + sizeof(ArpHdr);
-  if (hardware == 6) {
-    out << ",\"senderMac\":\"";
-    out.addr<EthAddr>(addrs) << "\",\"targetMac\":\"";
-    out.addr<EthAddr>(addrs + 6 + protocol) << '"';
+void writeArpAddrs(Out& out, const Layer& layer) {
+  const auto packet = layerBytes(layer);
+  if (packet.size() < sizeof(ArpHdr)) return;
+  const auto& arp = *reinterpret_cast<const ArpHdr*>(packet.data());
+  if (arp.isIpOverEthernet() || layer.error.value() == badArpPkt) return;
+  const std::size_t hardware = arp.hardwareBytes(), protocol = arp.protocolBytes();
+  const auto write = [&]<typename Addr>(std::type_identity<Addr>, const char* key, std::size_t at) {
+    if (packet.size() < at + sizeof(Addr)) return;
+    out << ",\"" << key << "\":\"";
+    out.addr<Addr>(&packet[at]) << '"';
+  };
+  const std::size_t target = sizeof(ArpHdr) + hardware + protocol;
+  if (hardware == sizeof(EthAddr)) {
+    write(std::type_identity<EthAddr>(), "senderMac", sizeof(ArpHdr));
+    write(std::type_identity<EthAddr>(), "targetMac", target);
   }
-  if (protocol == 4 && arp->protocolType() == ethTypeIp) {
-    out << ",\"senderIp\":\"";
-    out.addr<IpAddr>(addrs + hardware) << "\",\"targetIp\":\"";
-    out.addr<IpAddr>(addrs + 2 * hardware + 4) << '"';
+  if (protocol == sizeof(IpAddr) && arp.protocolType() == ethTypeIp) {
+    write(std::type_identity<IpAddr>(), "senderIp", sizeof(ArpHdr) + hardware);
+    write(std::type_identity<IpAddr>(), "targetIp", target + hardware);
   }
 }
 
-/// Whether there is enough of a layer for others to see it as one: ports come together, and an Ethernet
-/// header that ends early is none.
-bool isLayer(const Layer& layer) noexcept {
-  switch (layer.kind) {
-    case LayerKind::eth:
-      return layer.header.size() >= 14;
+/// How much of a layer others want to see before they name it: what they read before they do.
+std::size_t leastShown(LayerKind kind) noexcept {
+  switch (kind) {
+    case LayerKind::icmp6:
+    case LayerKind::ip6:
+    case LayerKind::ip6routing:
+    case LayerKind::esp:
+    case LayerKind::lldp:
+      return 0;
+    case LayerKind::vlan:
+    case LayerKind::arp:
+    case LayerKind::ah:
+    case LayerKind::ip6opts:
+      return 2;
     case LayerKind::tcp:
     case LayerKind::udp:
+    case LayerKind::mpls:
+    case LayerKind::gre:
+      return 4;
+    case LayerKind::snap:
+      return 5;
+    case LayerKind::icmp:
+      return 6;
+    case LayerKind::ip6frag:
+      return 8;
     case LayerKind::sctp:
+      return 12;
+    case LayerKind::eth:
+      return 14;
     case LayerKind::bfd:
-      return layer.header.size() >= 4;
+      return 24;
     default:
-      return !layer.header.empty();
+      return 1;
   }
 }
+
+/// Whether there is enough of a layer for others to see it as one. `before`: the one in front of it.
+bool isLayer(const Layer& layer, LayerKind before) noexcept {
+  if (layer.kind == LayerKind::ip && layer.header.empty()) return layer.error == nonIpHdr;
+  if (layer.header.empty() && before == LayerKind::ip && !layer.cut) return false;
+  // Messages of ICMP go on behind their header.
+  const std::size_t bytes = layer.kind == LayerKind::icmp ? layerBytes(layer).size() : layer.header.size();
+  return bytes >= leastShown(layer.kind);
+}
+
+constexpr U8 kLastLldpSubtype = 7;
 
 /// Identifier of a chassis or a port: an address or text.
 std::string lldpIdText(const WireOption& tlv, U8 macSubtype, U8 networkSubtype) {
@@ -292,6 +331,17 @@ std::string lldpIdText(const WireOption& tlv, U8 macSubtype, U8 networkSubtype) 
   }
   if (subtype == networkSubtype && id.size() == 17 && id[0] == 2) {
     return text(std::type_identity<Ip6Addr>(), id.data() + 1);
+  }
+  // Octets of no known form, of an address without the number of its family.
+  const bool reserved = subtype == 0 || subtype > kLastLldpSubtype;
+  if (subtype == networkSubtype || (reserved && macSubtype == LldpChassisIdTlv::macAddress)) {
+    std::string hex;
+    for (const U8 octet : id.subspan(subtype == networkSubtype ? 1 : 0)) {
+      if (!hex.empty()) hex += ':';
+      hex += kHexDigits[octet >> 4];
+      hex += kHexDigits[octet & 15];
+    }
+    return hex;
   }
   return std::string(id.begin(), id.end());
 }
@@ -327,11 +377,14 @@ void forEachExtra(const Layer& layer, Each each) {
       if (hdr.size() == 4) each("control", hdr[2] | hdr[3] * 256u);
       return;
     case LayerKind::gre: {
-      const auto gre = viewAt<GreHdr>(hdr);
-      if (!gre) return;
-      if (gre->hasChecksum()) each("checksum", number(4) >> 16);
-      if (gre->keyPresent()) each("key", number(gre->keyOffset()));
-      if (gre->seqPresent()) each("seq", number(gre->seqOffset()));
+      if (hdr.size() < sizeof(GreHdr)) return;
+      const GreHdr& gre = *reinterpret_cast<const GreHdr*>(hdr.data());
+      const auto field = [&](bool present, const char* key, std::size_t at, unsigned shift) {
+        if (present && hdr.size() >= at + 4) each(key, number(at) >> shift);
+      };
+      field(gre.hasChecksum(), "checksum", 4, 16);
+      field(gre.keyPresent(), "key", gre.keyOffset(), 0);
+      field(gre.seqPresent(), "seq", gre.seqOffset(), 0);
       return;
     }
     default:
@@ -339,24 +392,43 @@ void forEachExtra(const Layer& layer, Each each) {
   }
 }
 
+/// Where an IPv4 datagram with a source route goes in the end.
+std::optional<IpAddr> routedDst(const Layer& layer) noexcept {
+  if (layer.kind != LayerKind::ip || layer.header.size() <= 20 || layer.cut) return std::nullopt;
+  return detail::finalDst(layer.header.subspan(20));
+}
+
 void writeJsonLayer(Out& out, const Layer& layer) {
-  out << "{\"layer\":\"" << layerKindText(layer.kind) << '"';
+  out << "{\"layer\":\"";
+  if (layer.kind == LayerKind::arp && layer.generic) out << "atm";  // no fields of it are where ARP has them
+  out << layerKindText(layer.kind) << '"';
   const HdrDescription fields = layerFields(layer);
   // Fields of messages may stand in the payload; those of a header whose layer ends in it may not.
-  bool segments = false;
-  forEachExtra(layer, [&](std::string_view key, U32) { segments |= key == "totalLength"; });
-  writeJsonFields(out, fields.fields, layerBytes(layer), segments ? "totalLength" : "");
+  std::string_view without;
+  forEachExtra(layer, [&](std::string_view key, U32) {
+    if (key == "totalLength") without = key;
+  });
+  const auto route = routedDst(layer);
+  writeJsonFields(out, fields.fields, layerBytes(layer), without, route ? "nextHop" : "dst");
+  if (route) {
+    out << ",\"dst\":\"";
+    out.addr<IpAddr>(reinterpret_cast<const U8*>(&*route)) << '"';
+  }
   forEachExtra(layer, [&](const char* key, U32 value) {
     out << ",\"" << key << "\":";
     out.number(value);
   });
-  if (layer.kind == LayerKind::arp) writeArpAddrs(out, layer.header);
+  if (layer.kind == LayerKind::arp) writeArpAddrs(out, layer);
   if (layer.kind == LayerKind::igmp && !layer.header.empty() && layer.header[0] == IgmpHdr::reportV3) {
-    const IgmpRecords records(layerBytes(layer).subspan(std::min<std::size_t>(8, layerBytes(layer).size())));
-    if (const auto first = records.begin(); first != records.end()) {
+    // That of the first record; null where there is none.
+    const auto bytes = layerBytes(layer);
+    constexpr std::size_t kGroupAt = 12;
+    if (bytes.size() >= kGroupAt + sizeof(IpAddr) && (bytes[6] | bytes[7]) != 0) {
       out << ",\"group\":\"";
-      out.addr<IpAddr>(first->bytes.data() + 4);
+      out.addr<IpAddr>(&bytes[kGroupAt]);
       out << '"';
+    } else {
+      out << ",\"group\":null";
     }
   }
   if (layer.kind == LayerKind::lldp) {
@@ -876,11 +948,12 @@ void appendPktJson(std::string& to, const Layers& layers, U64 frame) {
   PktCode errors[2 * LayerIterator::kMaxLayers + 1];
   unsigned count = 0;
   bool first = true;
+  LayerKind before = LayerKind::none;
   for (const Layer& layer : layers) {
     for (const PktCode error : {layer.error, layer.further}) {
       if (error != noError && count < std::size(errors)) errors[count++] = error;
     }
-    if (!isLayer(layer)) continue;
+    if (!isLayer(layer, std::exchange(before, layer.kind))) continue;
     if (!first) out << ',';
     first = false;
     writeJsonLayer(out, layer);

@@ -2,417 +2,75 @@
 #include "Wirl/wire/WireChecks.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Trace.h"
-#include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/PimHdr.h"
 #include "Wirl/wire/detail/Ip6Chain.h"
-#include "Wirl/wire/detail/PseudoHdr.h"
+#include "Wirl/wire/detail/MessageChecks.h"
+#include "Wirl/wire/detail/RoutedAddrs.h"
 
 namespace Wirl {
 
 namespace {
 
-Kiv::TraceHandle trace("WireChecks");
-
-[[gnu::noinline, gnu::cold]] PktCode failed(PktCode code, const char* text) {
-  KIV_TRACE(trace, 3) << text;
-  return code;
-}
-
-/// Octets of a message, of which the first ones, and at least the header, lie in one piece.
-struct Message {
-  std::span<const U8> first;
-  std::span<const U8> second{};
-
-  std::size_t bytes() const noexcept { return first.size() + second.size(); }
-  Message upTo(std::size_t bytes) const noexcept {
-    if (bytes <= first.size()) return {first.first(bytes)};
-    return {first, second.first(bytes - first.size())};
-  }
-};
-
-U16 wordAt(std::span<const U8> octets, std::size_t at) noexcept {
-  return static_cast<U16>(octets[at] << 8 | octets[at + 1]);
-}
-
-template <typename T>
-T valueAt(std::span<const U8> octets, std::size_t at) noexcept {
-  T value;
-  std::memcpy(&value, &octets[at], sizeof(value));
-  return value;
-}
-
-// Checksums.
-
-using detail::folded;
-using detail::halves;
-using detail::pseudoHdrSum;
-
-/// Folded sum of octets in one piece.
-[[gnu::always_inline]] inline U16 sumOf(std::span<const U8> octets, U32 start) {
-  constexpr std::size_t kMost = 0xfffe;
-  const auto* data = reinterpret_cast<const char*>(octets.data());
-  std::size_t bytes = octets.size();
-  for (; bytes > kMost; bytes -= kMost, data += kMost) start = folded(ipChecksumChunk(data, kMost, start));
-  return static_cast<U16>(~ipChecksumCalc(data, static_cast<U16>(bytes), start).value());
-}
-
-U16 sumOf(const Message& message, U32 start) {
-  const U16 first = sumOf(message.first, start);
-  if (message.second.empty()) [[likely]]
-    return first;
-  // Behind an odd number of octets the others stand in the other half of their words.
-  const U16 second = sumOf(message.second, 0);
-  const bool odd = message.first.size() % 2 != 0;
-  return folded(U32{first} + (odd ? __builtin_bswap16(second) : second));
-}
-
-// Whether the message is summed up right with its checksum field as it stands.
-
-constexpr U16 kRight = 0xffff;
-
-PktCode summedWithPseudoHdr(const Message& message, U32 pseudoHdr, U16 checksum, PktCode partial,
-                            PktCode bad) {
-  if (sumOf(message, pseudoHdr) == kRight) [[likely]]
-    return noError;
-  if (checksum == folded(pseudoHdr)) return failed(partial, "checksum is not filled in yet");
-  return failed(bad, "checksum is invalid");
-}
-
-// The messages.
+using namespace detail;
 
 template <typename Ip>
 constexpr bool kIsIp6 = std::is_same_v<Ip, Ip6Hdr>;
 
-template <typename Ip>
-PktCode udp(const Ip& ip, const Message& message) {
-  const std::size_t present = message.bytes();
-  if (present < sizeof(UdpHdr)) return failed(badUdpLen, "packet is too short to contain a UDP header");
-  std::size_t bytes = wordAt(message.first, 4);
-  if (kIsIp6<Ip> && bytes == 0 && present > 0xffff) bytes = present;  // a jumbogram (RFC 2675)
-  if (bytes < sizeof(UdpHdr) || bytes > present) {
-    return failed(badUdpLen, "UDP length does not fit the packet");
-  }
-  const U16 checksum = wordAt(message.first, 6);
-  if (checksum == 0) return kIsIp6<Ip> ? failed(noUdpChecksum, "no UDP checksum over IPv6") : PktCode();
-  return summedWithPseudoHdr(message.upTo(bytes), pseudoHdrSum(ip, bytes, ipProtoUdp), checksum,
-                             partialUdpChecksum, badUdpChecksum);
-}
-
-constexpr std::size_t kTcpBytes = sizeof(TcpHdr);
+/// What is checked of a packet or of a message alone.
+struct Found {
+  Message message;
+  U32 addrs = 0;  ///< Sum of the addresses in the pseudo-header.
+  Alert alert = Alert::unknown;
+};
 
 template <typename Ip>
-PktCode tcp(const Ip& ip, const Message& message) {
-  const std::size_t present = message.bytes();
-  if (present < kTcpBytes) return failed(badTcpLen, "packet is too short to contain a TCP header");
-  const std::size_t bytes = (message.first[12] >> 4) * 4u;
-  if (bytes < kTcpBytes || bytes > present)
-    return failed(badTcpLen, "TCP data offset does not fit the packet");
-  return summedWithPseudoHdr(message, pseudoHdrSum(ip, present, ipProtoTcp), wordAt(message.first, 16),
-                             partialTcpChecksum, badTcpChecksum);
+PktCode udp(const Ip&, const Found& found) {
+  return udpCode(kIsIp6<Ip>, found.addrs, found.message);
+}
+template <typename Ip>
+PktCode tcp(const Ip&, const Found& found) {
+  return tcpCode(found.addrs, found.message);
+}
+PktCode sctp(const IpHdr&, const Found& found) {
+  return sctpCode(found.message);
+}
+PktCode sctp(const Ip6Hdr&, const Found& found) {
+  return sctpCode(found.message);
+}
+PktCode icmp(const IpHdr&, const Found& found) {
+  return icmpCode(found.message);
+}
+PktCode icmp6(const Ip6Hdr&, const Found& found) {
+  return icmp6Code(found.addrs, found.message);
+}
+PktCode nd(const Ip6Hdr& ip6, const Found& found) {
+  const auto message = found.message.first;
+  if (message.size() < sizeof(Icmp6Hdr)) return icmp6(ip6, found);
+  if (ndBytes(message[0]) == 0) return failed(notNdType, "Icmp6 type is not of neighbour discovery");
+  if (const PktCode code = ndHopLimitCode(ip6); code != noError) return code;
+  if (const PktCode code = icmp6(ip6, found); code != noError) return code;
+  return ndRules(ip6, message);
+}
+PktCode mld(const Ip6Hdr& ip6, const Found& found) {
+  if (const PktCode code = icmp6(ip6, found); code != noError) return code;
+  return mldRules(ip6, found.alert, found.message.first);
+}
+PktCode igmp(const IpHdr& ip, const Found& found) {
+  if (const PktCode code = igmpSumCode(found.message.first); code != noError) return code;
+  return igmpRules(ip, found.message.first);
 }
 
-constexpr std::size_t kSctpBytes = 12;
-constexpr std::size_t kSctpChecksumAt = 8;
-
-U32 sctpCrc(const Message& message) {
-  constexpr U8 kNone[4] = {};
-  U32 crc = crc32c(message.first.first(kSctpChecksumAt));
-  crc = crc32c(kNone, crc);
-  return crc32c(message.second, crc32c(message.first.subspan(kSctpBytes), crc));
-}
-
-PktCode sctp(const Message& message) {
-  if (message.bytes() < kSctpBytes) {
-    return failed(badSctpLen, "packet is too short to contain an SCTP header");
-  }
-  const U32 checksum = __builtin_bswap32(valueAt<NetU32>(message.first, kSctpChecksumAt));
-  return checksum == sctpCrc(message) ? PktCode() : failed(badSctpChecksum, "SCTP checksum is invalid");
-}
-
-PktCode icmp(const Message& message) {
-  if (message.bytes() < 8) return failed(badIcmpLen, "packet is too short to contain an ICMP header");
-  return sumOf(message, 0) == kRight ? PktCode() : failed(badIcmpChecksum, "ICMP checksum is invalid");
-}
-
-PktCode icmp6(const Ip6Hdr& ip6, const Message& message) {
-  if (message.bytes() < sizeof(Icmp6Hdr)) {
-    return failed(icmp6PayloadLenTooShortForHdr, "packet is too short to contain an Icmp6 header");
-  }
-  const U32 start = pseudoHdrSum(ip6, message.bytes(), ipProtoIcmpv6);
-  return sumOf(message, start) == kRight ? PktCode() : failed(badIcmp6Checksum, "Icmp6 checksum is invalid");
-}
-
-// Neighbour discovery.
-
-/// Which options a message has, of those that its check asks for.
-struct NdOptions {
-  bool srcLinkLayerAddr = false;
-};
-
-PktCode ndOptions(std::span<const U8> octets, NdOptions& found) {
-  while (!octets.empty()) {
-    if (octets.size() < 2) return failed(icmp6OptLenExceedPayloadLen, "Option length exceeds pkt length.");
-    const std::size_t bytes = octets[1] * 8u;
-    if (bytes == 0) return failed(icmp6OptLenZero, "Option length cannot be zero.");
-    if (bytes > octets.size()) {
-      return failed(icmp6OptLenExceedPayloadLen, "Option length exceeds pkt length.");
-    }
-    const U8 type = octets[0];
-    if (type == icmp6OptPrefixInfo && bytes != sizeof(Icmp6PrefixInfoOptionHdr)) {
-      return failed(badNdOptLen, "Prefix option has another length");
-    }
-    if (type == icmp6OptMtu && bytes != sizeof(Icmp6MtuOptionHdr)) {
-      return failed(badNdOptLen, "MTU option has another length");
-    }
-    found.srcLinkLayerAddr |= type == icmp6OptSrcLinkLayerAddr;
-    octets = octets.subspan(bytes);
-  }
-  return noError;
-}
-
-constexpr std::size_t kRedirectBytes = 40;
-
-std::size_t ndBytes(U8 type) noexcept {
-  switch (type) {
-    case icmp6TypeRouterSolicitation:
-      return sizeof(Icmp6RsHdr);
-    case icmp6TypeRouterAdvertisement:
-      return sizeof(Icmp6RaHdr);
-    case icmp6TypeNeighborSolicitation:
-      return sizeof(Icmp6NsHdr);
-    case icmp6TypeNeighborAdvertisement:
-      return sizeof(Icmp6NaHdr);
-    case icmp6TypeRedirect:
-      return kRedirectBytes;
-    default:
-      return 0;
-  }
-}
-
-bool isSolicitedNode(const Ip6Addr& addr) noexcept {
-  constexpr U8 kPrefix[] = {0xff, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff};
-  return std::memcmp(&addr, kPrefix, sizeof(kPrefix)) == 0;
-}
-
-PktCode ndByType(const Ip6Hdr& ip6, std::span<const U8> message, const NdOptions& options) {
-  const Ip6Addr src = ip6.src();
-  const bool unspecified = src.isUnspecified();
-  switch (message[0]) {
-    case icmp6TypeNeighborSolicitation:
-      if (valueAt<Ip6Addr>(message, 8).isMulticast())
-        return failed(icmp6NsTgtMcast, "NS target is multicast");
-      if (unspecified && !isSolicitedNode(ip6.dst())) {
-        return failed(unspecifiedSrcAddrAndNotSolicitedNodeDst,
-                      "NS from the unspecified address to no solicited-node address");
-      }
-      if (!unspecified && ip6.dst().isMulticast() && !options.srcLinkLayerAddr) {
-        return failed(noSrcLinkLayerOptInMcastNs, "multicast NS without source link-layer address");
-      }
-      [[fallthrough]];
-    case icmp6TypeRouterSolicitation:
-      if (unspecified && options.srcLinkLayerAddr) {
-        return failed(unspecSrcAddrSrcLinkLayerAddr, "source link-layer address of the unspecified address");
-      }
-      return noError;
-    case icmp6TypeNeighborAdvertisement:
-      if (valueAt<Ip6Addr>(message, 8).isMulticast())
-        return failed(icmp6NaTgtMcast, "NA target is multicast");
-      if (ip6.dst().isMulticast() && (message[4] & 0x40) != 0) {
-        return failed(icmp6McastDstIpAndNonZeroSolicitation, "multicast NA is solicited");
-      }
-      return noError;
-    default:
-      break;
-  }
-  if (!src.isLinkLocalUnicast2()) return failed(ndSrcNotLinkLocal, "source is not link-local");
-  if (message[0] != icmp6TypeRedirect) return noError;
-  const Ip6Addr target = valueAt<Ip6Addr>(message, 8);
-  const Ip6Addr dst = valueAt<Ip6Addr>(message, 24);
-  if (dst.isMulticast()) return failed(redirectDstMcast, "redirected destination is multicast");
-  if (!target.isLinkLocalUnicast2() && target != dst) {
-    return failed(redirectBadTarget, "redirect target is neither link-local nor the destination");
-  }
-  return noError;
-}
-
-PktCode nd(const Ip6Hdr& ip6, std::span<const U8> message) {
-  if (message.size() < sizeof(Icmp6Hdr)) return icmp6(ip6, {message});
-  const std::size_t bytes = ndBytes(message[0]);
-  if (bytes == 0) return failed(notNdType, "Icmp6 type is not of neighbour discovery");
-  if (ip6.hopLimit().value() != 255) return failed(badNdHopLimit, "hop limit is not 255");
-  if (const PktCode code = icmp6(ip6, {message}); code != noError) return code;
-  if (message[1] != 0) return failed(badNdCode, "Icmp6 code is not 0");
-  if (message.size() < bytes)
-    return failed(icmp6PayloadLenTooShortForHdr, "packet is too short for its type");
-  NdOptions options;
-  const PktCode code = ndOptions(message.subspan(bytes), options);
-  return code == noError ? ndByType(ip6, message, options) : code;
-}
-
-// Groups. Sources and records are counted by 16 bits.
-
-/// Whether `octets` have room for what version 3 of IGMP or version 2 of MLD counts, with addresses of
-/// `addrBytes`, the groups being those that `isGroup` takes: 0 where one does not fit.
-enum class Records { good, tooLong, noGroup };
-template <typename Addr>
-Records groupRecords(std::span<const U8> message, std::size_t count) {
-  std::span<const U8> octets = message.subspan(8);
-  constexpr std::size_t kFixed = 4 + sizeof(Addr);
-  for (; count > 0; --count) {
-    if (octets.size() < kFixed) return Records::tooLong;
-    const std::size_t bytes = kFixed + wordAt(octets, 2) * sizeof(Addr) + octets[1] * 4u;
-    if (bytes > octets.size()) return Records::tooLong;
-    if (!valueAt<Addr>(octets, 4).isMulticast()) return Records::noGroup;
-    octets = octets.subspan(bytes);
-  }
-  return Records::good;
-}
-
-constexpr std::size_t kMldBytes = 24;
-constexpr std::size_t kMldv2QueryBytes = 28;
-
-PktCode mld(const Ip6Hdr& ip6, std::span<const U8> message) {
-  if (const PktCode code = icmp6(ip6, {message}); code != noError) return code;
-  const U8 type = message[0];
-  const bool isReport2 = type == icmp6TypeMldv2Report;
-  if (!isReport2 && type != icmp6TypeMldQuery && type != icmp6TypeMldReport && type != icmp6TypeMldDone) {
-    return failed(icmp6TypeNotSupported, "Icmp6 type is not of multicast listener discovery");
-  }
-  if (ip6.hopLimit().value() != 1) return failed(badMldHopLimit, "hop limit is not 1");
-  const bool maySayNothing = isReport2 || type == icmp6TypeMldReport;
-  if (!ip6.src().isLinkLocalUnicast2() && !(maySayNothing && ip6.src().isUnspecified())) {
-    return failed(mldSrcNotLinkLocal, "source is not link-local");
-  }
-  const auto tooShort = [] { return failed(badMldLen, "packet is too short for what it counts"); };
-  if (message.size() < (isReport2 ? 8 : kMldBytes)) return tooShort();
-  if (isReport2) {
-    return groupRecords<Ip6Addr>(message, wordAt(message, 6)) == Records::tooLong ? tooShort() : PktCode();
-  }
-  if (type != icmp6TypeMldQuery || message.size() == kMldBytes) return noError;
-  if (message.size() < kMldv2QueryBytes ||
-      message.size() - kMldv2QueryBytes < wordAt(message, 26) * sizeof(Ip6Addr)) {
-    return tooShort();
-  }
-  return noError;
-}
-
-enum IgmpType : U8 { query = 0x11, report1 = 0x12, report2 = 0x16, leave = 0x17, report3 = 0x22 };
-constexpr std::size_t kIgmpBytes = 8;
-constexpr std::size_t kIgmp3QueryBytes = 12;
-
-PktCode igmp(const IpHdr& ip, std::span<const U8> message) {
-  if (message.size() < kIgmpBytes) return failed(badIgmpLen, "packet is too short to contain an IGMP header");
-  if (sumOf(message, 0) != kRight) return failed(badIgmpChecksum, "IGMP checksum is invalid");
-  const U8 type = message[0];
-  if (type != query && type != report1 && type != report2 && type != leave && type != report3) return noError;
-  const auto tooShort = [] { return failed(badIgmpLen, "packet is too short for what it counts"); };
-  const auto noGroup = [] { return failed(badIgmpGroup, "group is not a multicast address"); };
-  if (ip.ttl().value() != 1) return failed(badIgmpTtl, "time to live is not 1");
-  if (type == report3) {
-    const Records records = groupRecords<IpAddr>(message, wordAt(message, 6));
-    return records == Records::good ? PktCode() : records == Records::tooLong ? tooShort() : noGroup();
-  }
-  const IpAddr group = valueAt<IpAddr>(message, 4);
-  if (!group.isMulticast() && !(type == query && group.isZero())) return noGroup();
-  if (type == query && message.size() > kIgmpBytes &&
-      (message.size() < kIgmp3QueryBytes ||
-       message.size() - kIgmp3QueryBytes < wordAt(message, 10) * sizeof(IpAddr))) {
-    return tooShort();
-  }
-  return noError;
-}
-
-// VRRP.
-
-struct VrrpOver4 {
-  using Addr = IpAddr;
-  static constexpr EthAddr kDstMac{0x01, 0, 0x5e, 0, 0, 18};
-  static constexpr IpAddr kDst{224, 0, 0, 18};
-  static constexpr U8 kSrcMac = 1;  // 00:00:5e:00:01:id
-};
-struct VrrpOver6 {
-  using Addr = Ip6Addr;
-  static constexpr EthAddr kDstMac{0x33, 0x33, 0, 0, 0, 18};
-  static constexpr Ip6Addr kDst{std::array<U8, 16>{0xff, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 18}};
-  static constexpr U8 kSrcMac = 2;
-};
-
-template <typename Over, typename Ip>
-bool vrrpSummed(const Ip& ip, std::span<const U8> message, U8 version) {
-  const U32 start = pseudoHdrSum(ip, message.size(), ipProtoVrrp);
-  if (version == 3 && sumOf(message, start) == kRight) return true;
-  return !kIsIp6<Ip> && sumOf(message, 0) == kRight;
-}
-
-template <typename Over, typename Ip>
-PktCode vrrp(const EthHdr* ethHdr, const Ip& ip, U8 ttl, std::span<const U8> message) {
-  constexpr std::size_t kFixed = 8;
-  constexpr std::size_t kAuthBytes = 8;
-  constexpr U8 kText = 1;
-  if (ethHdr && ethHdr->dst() != Over::kDstMac) return failed(nonVrrpMac, "destination MAC is not VRRP's");
-  if (ip.dst() != Over::kDst) return failed(nonVrrpDstAddr, "destination address is not VRRP's");
-  if (ttl != 255) return failed(badVrrpTtl, "time to live is not 255");
-  const auto badLen = [] { return failed(badVrrpLen, "VRRP length does not fit what is counted"); };
-  if (message.size() < kFixed) return badLen();
-  const U8 version = message[0] >> 4;
-  if (version != 3 && (kIsIp6<Ip> || version != 2)) return failed(badVrrpVersion, "bad VRRP version");
-  if ((message[0] & 0x0f) != 1) return failed(badVrrpType, "VRRP message is no advertisement");
-  const U8 routerId = message[1];
-  if (routerId == 0) return failed(badVrrpVrid, "virtual router id is 0");
-  const std::size_t count = message[3];
-  const std::size_t bytes = kFixed + count * sizeof(typename Over::Addr) + (version == 2 ? kAuthBytes : 0);
-  if (count == 0 || message.size() < bytes) return badLen();
-  if (!vrrpSummed<Over>(ip, message, version)) return failed(badVrrpChecksum, "VRRP checksum is invalid");
-  if (ethHdr && ethHdr->src() != EthAddr(0, 0, 0x5e, 0, Over::kSrcMac, routerId)) {
-    return failed(vrrpVridMacMismatch, "virtual router id does not match the MAC");
-  }
-  if (version == 2 && message[4] > kText) return failed(badVrrpAuth, "VRRP authentication is not known");
-  if constexpr (kIsIp6<Ip>) {
-    if (!ip.src().isLinkLocalUnicast2() || !valueAt<Ip6Addr>(message, kFixed).isLinkLocalUnicast2()) {
-      return failed(badVrrpLinkLocal, "VRRP address is not link-local");
-    }
-  }
-  return noError;
-}
-
-PktCode vrrp(const EthHdr* ethHdr, const IpHdr& ip, std::span<const U8> message) {
-  return vrrp<VrrpOver4>(ethHdr, ip, ip.ttl().value(), message);
-}
-PktCode vrrp(const EthHdr* ethHdr, const Ip6Hdr& ip6, std::span<const U8> message) {
-  return vrrp<VrrpOver6>(ethHdr, ip6, ip6.hopLimit().value(), message);
-}
-
-// ARP.
-
-constexpr std::size_t kArpBytes = sizeof(EthArpHdr);
-
-PktCode arp(const EthHdr* ethHdr, std::span<const U8> message, const Prefix* connected) {
-  constexpr U8 kEthernetAndIp[] = {0, 1, 8, 0, 6, 4};
-  if (message.size() < kArpBytes) return failed(pktTooShort, "packet is too short to contain ARP");
-  if (std::memcmp(message.data(), kEthernetAndIp, sizeof(kEthernetAndIp)) != 0) {
-    return failed(badArpPkt, "ARP is not for IPv4 over Ethernet");
-  }
-  const U16 operation = wordAt(message, 6);
-  if (operation != 1 && operation != 2) return failed(badArpOperation, "ARP is no request and no reply");
-  const auto senderMac = valueAt<EthAddr>(message, 8);
-  const auto sender = valueAt<IpAddr>(message, 14);
-  if (!senderMac.isUnicast() || sender.isMulticast() || sender.isBroadcast() || sender.isLoopback()) {
-    return failed(badArpSender, "ARP sender is no single station");
-  }
-  if (connected && !sender.isZero() && !connected->contains(sender)) {
-    return failed(nonOnLink, "ARP sender is not on the link");
-  }
-  if (ethHdr && ethHdr->src() != senderMac) {
-    return failed(arpSrcMacMismatch, "ARP sender is not the frame's source");
-  }
-  return noError;
+/// A message without the packet that it came in.
+template <typename Ip>
+Found alone(const Ip& ip, std::span<const U8> message) {
+  return {{message}, addrsSum(ip)};
 }
 
 // In packets.
@@ -446,8 +104,7 @@ PktCode tooShort() {
 /// Finds the message of a protocol, the first `hdrBytes` of which lie in the first piece where it is that
 /// long.
 [[gnu::always_inline]] inline PktCode messageIn(const Pkt& pkt, const IpHdr* ip, U8 protocol,
-                                                PktCode otherProtocol, std::size_t hdrBytes,
-                                                Message& message) {
+                                                PktCode otherProtocol, std::size_t hdrBytes, Found& found) {
   Datagram datagram;
   if (!locate(pkt, ip, datagram)) return tooShort();
   const std::size_t ipBytes = ip->headerBytes();
@@ -458,27 +115,53 @@ PktCode tooShort() {
   if (ip->protocol() != protocol) return failed(otherProtocol, "IPv4 protocol is another one");
   if (ip->moreFrag() || ip->fragmentOffset() != 0) return failed(ipFragment, "packet is a fragment");
   if (ipBytes + std::min(hdrBytes, bytes - ipBytes) > datagram.first.size()) return tooShort();
-  message = Message{datagram.first, datagram.second}.upTo(bytes);
-  message.first = message.first.subspan(ipBytes);
+  found.message = Message{datagram.first, datagram.second}.upTo(bytes);
+  found.addrs = addrsSum(*ip);
+  if (ipBytes > sizeof(IpHdr)) {
+    if (const auto dst = finalDst(datagram.first.subspan(sizeof(IpHdr), ipBytes - sizeof(IpHdr)))) {
+      found.addrs += sumChange(ip->dst(), *dst);
+    }
+  }
+  found.message.first = found.message.first.subspan(ipBytes);
   return noError;
 }
 
 PktCode messageIn(const Pkt& pkt, const Ip6Hdr* ip6, U8 protocol, PktCode otherProtocol, std::size_t hdrBytes,
-                  Message& message) {
+                  Found& found) {
   Datagram datagram;
   if (!locate(pkt, ip6, datagram)) return tooShort();
   const std::size_t bytes = sizeof(Ip6Hdr) + ip6->payloadLen();
   if (bytes > datagram.bytes())
     return failed(badIp6PayloadLen, "IPv6 payload length is larger than the packet");
-  message = Message{datagram.first, datagram.second}.upTo(bytes);
-  detail::Ip6Chain chain(message.first);
+  Message& message = found.message = Message{datagram.first, datagram.second}.upTo(bytes);
+  found.addrs = addrsSum(*ip6);
+  found.alert = Alert::missing;
+  Ip6Chain chain(message.first);
   while (chain.next() != protocol && chain.atExtension()) {
-    const detail::Ip6Chain before = chain;
+    const Ip6Chain before = chain;
     if (!chain.step()) {
       return message.second.empty() ? failed(badIp6ExtHdr, "extension header runs past the end") : tooShort();
     }
-    if (before.next() == ipProtoIpv6Frag && before.isPart())
-      return failed(ipFragment, "packet is a fragment");
+    const auto hdr = message.first.subspan(before.at(), chain.at() - before.at());
+    switch (before.next()) {
+      case ipProtoIpv6Frag:
+        if (before.isPart()) return failed(ipFragment, "packet is a fragment");
+        break;
+      case ipProtoIpv6HopByHop:
+        if (Ip6Options(hdr.subspan(sizeof(Ip6ExtHdr))).find<Ip6RouterAlertOption>())
+          found.alert = Alert::present;
+        break;
+      case ipProtoIpv6Opts:
+        if (const auto home = homeAddr(hdr.subspan(sizeof(Ip6ExtHdr)))) {
+          found.addrs += sumChange(ip6->src(), *home);
+        }
+        break;
+      case ipProtoIpv6Route:
+        if (const auto dst = finalDst(hdr, ip6->dst())) found.addrs += sumChange(ip6->dst(), *dst);
+        break;
+      default:
+        break;
+    }
   }
   if (chain.next() != protocol) return failed(otherProtocol, "IPv6 next header is another one");
   if (chain.at() + std::min(hdrBytes, bytes - chain.at()) > message.first.size()) return tooShort();
@@ -494,25 +177,26 @@ template <bool kWhole, typename Ip, typename Hdr, typename Check>
                                                Check check) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
   KIV_ASSERT_AS(ip, "ipHdr != 0");
-  KIV_TRACE(trace, 8) << name;
+  KIV_TRACE(checksTrace, 8) << name;
   hdr = nullptr;
-  Message message;
-  if (const PktCode code = messageIn(*pkt, ip, protocol, otherProtocol, hdrBytes, message); code != noError) {
+  Found found;
+  if (const PktCode code = messageIn(*pkt, ip, protocol, otherProtocol, hdrBytes, found); code != noError) {
     return code;
   }
+  const Message& message = found.message;
   if (kWhole && !message.second.empty()) return tooShort();
   if (message.first.size() >= hdrBytes) {
     hdr = reinterpret_cast<Hdr*>(reinterpret_cast<U8*>(ip) +
                                  (message.first.data() - reinterpret_cast<const U8*>(ip)));
   }
-  return check(message);
+  return check(std::as_const(*ip), found);
 }
 
-/// The message of a datagram that lies in the packet's first piece, in no fragment and behind no extension
-/// header, as nearly all do; empty for others. Nothing is said of it: the long way finds out what is wrong.
+/// The message of a datagram that lies in the packet's first piece, in no fragment and behind no options or
+/// extension headers, as nearly all do; empty for others. Nothing is said of it: the long way finds out what is wrong.
 template <typename Ip>
 [[gnu::always_inline]] inline std::span<U8> plainMessage(const Pkt::Ptr& pkt, Ip* ip, U8 protocol) {
-  if (!pkt || !ip || trace.enabled(8)) [[unlikely]]
+  if (!pkt || !ip || checksTrace.enabled(8)) [[unlikely]]
     return {};
   const auto at = reinterpret_cast<std::uintptr_t>(ip) - reinterpret_cast<std::uintptr_t>(pkt->front());
   const std::size_t present = pkt->frontBytes();
@@ -524,7 +208,7 @@ template <typename Ip>
   } else {
     hdrBytes = ip->headerBytes();
     bytes = ip->totalLenU16();
-    if (hdrBytes < sizeof(Ip) || hdrBytes > bytes || ip->moreFrag() || ip->fragmentOffset() != 0) return {};
+    if (hdrBytes != sizeof(Ip) || hdrBytes > bytes || ip->moreFrag() || ip->fragmentOffset() != 0) return {};
   }
   if (bytes > present - at) return {};
   return {reinterpret_cast<U8*>(ip) + hdrBytes, bytes - hdrBytes};
@@ -539,8 +223,7 @@ template <typename Ip>
 
 template <typename Ip>
 [[gnu::noinline]] PktCode udpTheLongWay(const Pkt::Ptr& pkt, Ip* ip, UdpHdr*& udpHdr) {
-  return inPacket<false>("checkUdp", pkt, ip, ipProtoUdp, nonUdpProto, sizeof(UdpHdr), udpHdr,
-                         [ip](const Message& message) { return udp(*ip, message); });
+  return inPacket<false>("checkUdp", pkt, ip, ipProtoUdp, nonUdpProto, sizeof(UdpHdr), udpHdr, udp<Ip>);
 }
 template <typename Ip>
 [[gnu::always_inline]] inline PktCode udpInPacket(const Pkt::Ptr& pkt, Ip* ip, UdpHdr*& udpHdr) {
@@ -558,8 +241,7 @@ template <typename Ip>
 
 template <typename Ip>
 [[gnu::noinline]] PktCode tcpTheLongWay(const Pkt::Ptr& pkt, Ip* ip, TcpHdr*& tcpHdr) {
-  return inPacket<false>("checkTcp", pkt, ip, ipProtoTcp, nonTcpProto, kTcpBytes, tcpHdr,
-                         [ip](const Message& message) { return tcp(*ip, message); });
+  return inPacket<false>("checkTcp", pkt, ip, ipProtoTcp, nonTcpProto, kTcpBytes, tcpHdr, tcp<Ip>);
 }
 template <typename Ip>
 [[gnu::always_inline]] inline PktCode tcpInPacket(const Pkt::Ptr& pkt, Ip* ip, TcpHdr*& tcpHdr) {
@@ -577,22 +259,25 @@ template <typename Ip>
 }
 template <typename Ip>
 PktCode sctpInPacket(const Pkt::Ptr& pkt, Ip* ip, SctpHdr*& sctpHdr) {
-  return inPacket<false>("checkSctp", pkt, ip, ipProtoSctp, nonSctpProto, kSctpBytes, sctpHdr, sctp);
+  return inPacket<false>("checkSctp", pkt, ip, ipProtoSctp, nonSctpProto, kSctpBytes, sctpHdr,
+                         [](const Ip& hdr, const Found& found) { return sctp(hdr, found); });
 }
 template <typename Ip>
 PktCode vrrpInPacket(const Pkt::Ptr& pkt, EthHdr* ethHdr, Ip* ip, VrrpHdr*& vrrpHdr) {
-  return inPacket<true>("checkVrrp", pkt, ip, ipProtoVrrp, nonVrrpProto, 8, vrrpHdr,
-                        [&](const Message& message) { return vrrp(ethHdr, *ip, message.first); });
+  return inPacket<true>(
+      "checkVrrp", pkt, ip, ipProtoVrrp, nonVrrpProto, 8, vrrpHdr,
+      [&](const Ip& hdr, const Found& found) { return vrrpCode(ethHdr, hdr, found.message.first); });
 }
 template <typename Hdr>
 PktCode ndInPacket(const char* name, const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Hdr*& hdr, U8 type,
                    PktCode otherType) {
   return inPacket<true>(name, pkt, ip6Hdr, ipProtoIcmpv6, nextHdrIsNotIcmp6, sizeof(Hdr), hdr,
-                        [&](const Message& message) {
-                          if (type != 0 && !message.first.empty() && message.first[0] != type) {
+                        [&](const Ip6Hdr& ip6, const Found& found) {
+                          const auto message = found.message.first;
+                          if (type != 0 && !message.empty() && message[0] != type) {
                             return failed(otherType, "Icmp6 type is another one");
                           }
-                          return nd(*ip6Hdr, message.first);
+                          return nd(ip6, found);
                         });
 }
 
@@ -605,12 +290,12 @@ PktCode checkUdp(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, UdpHdr*& udpHdr) {
   return udpInPacket(pkt, ip6Hdr, udpHdr);
 }
 PktCode checkUdp(const IpHdr& ipHdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkUdp";
-  return udp(ipHdr, {message});
+  KIV_TRACE(checksTrace, 8) << "checkUdp";
+  return udp(ipHdr, alone(ipHdr, message));
 }
 PktCode checkUdp(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkUdp";
-  return udp(ip6Hdr, {message});
+  KIV_TRACE(checksTrace, 8) << "checkUdp";
+  return udp(ip6Hdr, alone(ip6Hdr, message));
 }
 
 PktCode checkTcp(const Pkt::Ptr& pkt, IpHdr* ipHdr, TcpHdr*& tcpHdr) {
@@ -620,12 +305,12 @@ PktCode checkTcp(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, TcpHdr*& tcpHdr) {
   return tcpInPacket(pkt, ip6Hdr, tcpHdr);
 }
 PktCode checkTcp(const IpHdr& ipHdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkTcp";
-  return tcp(ipHdr, {message});
+  KIV_TRACE(checksTrace, 8) << "checkTcp";
+  return tcp(ipHdr, alone(ipHdr, message));
 }
 PktCode checkTcp(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkTcp";
-  return tcp(ip6Hdr, {message});
+  KIV_TRACE(checksTrace, 8) << "checkTcp";
+  return tcp(ip6Hdr, alone(ip6Hdr, message));
 }
 
 PktCode checkSctp(const Pkt::Ptr& pkt, IpHdr* ipHdr, SctpHdr*& sctpHdr) {
@@ -635,25 +320,25 @@ PktCode checkSctp(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, SctpHdr*& sctpHdr) {
   return sctpInPacket(pkt, ip6Hdr, sctpHdr);
 }
 PktCode checkSctp(std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkSctp";
-  return sctp({message});
+  KIV_TRACE(checksTrace, 8) << "checkSctp";
+  return sctpCode({message});
 }
 
 PktCode checkIcmp(const Pkt::Ptr& pkt, IpHdr* ipHdr, IcmpHdr*& icmpHdr) {
   return inPacket<false>("checkIcmp", pkt, ipHdr, ipProtoIcmp, nonIcmpProto, 8, icmpHdr, icmp);
 }
 PktCode checkIcmp(std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkIcmp";
-  return icmp({message});
+  KIV_TRACE(checksTrace, 8) << "checkIcmp";
+  return icmpCode({message});
 }
 
 PktCode checkIcmp6(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
   return inPacket<false>("checkIcmp6", pkt, ip6Hdr, ipProtoIcmpv6, nextHdrIsNotIcmp6, sizeof(Icmp6Hdr),
-                         icmp6Hdr, [ip6Hdr](const Message& message) { return icmp6(*ip6Hdr, message); });
+                         icmp6Hdr, icmp6);
 }
 PktCode checkIcmp6(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkIcmp6";
-  return icmp6(ip6Hdr, {message});
+  KIV_TRACE(checksTrace, 8) << "checkIcmp6";
+  return icmp6(ip6Hdr, alone(ip6Hdr, message));
 }
 
 PktCode checkNd(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
@@ -666,25 +351,24 @@ PktCode checkNa(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6NaHdr*& naHdr) {
   return ndInPacket("checkNa", pkt, ip6Hdr, naHdr, icmp6TypeNeighborAdvertisement, notIcmp6NaType);
 }
 PktCode checkNd(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkNd";
-  return nd(ip6Hdr, message);
+  KIV_TRACE(checksTrace, 8) << "checkNd";
+  return nd(ip6Hdr, alone(ip6Hdr, message));
 }
 PktCode checkMld(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr) {
   return inPacket<true>("checkMld", pkt, ip6Hdr, ipProtoIcmpv6, nextHdrIsNotIcmp6, sizeof(Icmp6Hdr), icmp6Hdr,
-                        [ip6Hdr](const Message& message) { return mld(*ip6Hdr, message.first); });
+                        mld);
 }
 PktCode checkMld(const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkMld";
-  return mld(ip6Hdr, message);
+  KIV_TRACE(checksTrace, 8) << "checkMld";
+  return mld(ip6Hdr, alone(ip6Hdr, message));
 }
 
 PktCode checkIgmp(const Pkt::Ptr& pkt, IpHdr* ipHdr, IgmpHdr*& igmpHdr) {
-  return inPacket<true>("checkIgmp", pkt, ipHdr, ipProtoIgmp, nonIgmpProto, kIgmpBytes, igmpHdr,
-                        [ipHdr](const Message& message) { return igmp(*ipHdr, message.first); });
+  return inPacket<true>("checkIgmp", pkt, ipHdr, ipProtoIgmp, nonIgmpProto, kIgmpBytes, igmpHdr, igmp);
 }
 PktCode checkIgmp(const IpHdr& ipHdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkIgmp";
-  return igmp(ipHdr, message);
+  KIV_TRACE(checksTrace, 8) << "checkIgmp";
+  return igmp(ipHdr, alone(ipHdr, message));
 }
 
 PktCode checkVrrp(const Pkt::Ptr& pkt, EthHdr* ethHdr, IpHdr* ipHdr, VrrpHdr*& vrrpHdr) {
@@ -694,17 +378,17 @@ PktCode checkVrrp(const Pkt::Ptr& pkt, EthHdr* ethHdr, Ip6Hdr* ip6Hdr, VrrpHdr*&
   return vrrpInPacket(pkt, ethHdr, ip6Hdr, vrrpHdr);
 }
 PktCode checkVrrp(const EthHdr* ethHdr, const IpHdr& ipHdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkVrrp";
-  return vrrp(ethHdr, ipHdr, message);
+  KIV_TRACE(checksTrace, 8) << "checkVrrp";
+  return vrrpCode(ethHdr, ipHdr, message);
 }
 PktCode checkVrrp(const EthHdr* ethHdr, const Ip6Hdr& ip6Hdr, std::span<const U8> message) {
-  KIV_TRACE(trace, 8) << "checkVrrp";
-  return vrrp(ethHdr, ip6Hdr, message);
+  KIV_TRACE(checksTrace, 8) << "checkVrrp";
+  return vrrpCode(ethHdr, ip6Hdr, message);
 }
 
 PktCode checkArp(const Pkt::Ptr& pkt, EthHdr*& ethHdr, EthArpHdr*& arpHdr, const Prefix* connected) {
   KIV_ASSERT_AS(pkt, "pkt != 0");
-  KIV_TRACE(trace, 8) << "checkArp";
+  KIV_TRACE(checksTrace, 8) << "checkArp";
   ethHdr = nullptr;
   arpHdr = nullptr;
   if (pkt->frontBytes() < sizeof(EthHdr) + kArpBytes) return tooShort();
@@ -713,11 +397,11 @@ PktCode checkArp(const Pkt::Ptr& pkt, EthHdr*& ethHdr, EthArpHdr*& arpHdr, const
   if (found->typeOrLen() != ethTypeArpIp) return failed(wrongEthType, "EtherType is not ARP");
   ethHdr = found;
   arpHdr = reinterpret_cast<EthArpHdr*>(front + sizeof(EthHdr));
-  return arp(ethHdr, {front + sizeof(EthHdr), kArpBytes}, connected);
+  return arpCode(ethHdr, {front + sizeof(EthHdr), kArpBytes}, connected);
 }
 PktCode checkArp(const EthHdr* ethHdr, std::span<const U8> message, const Prefix* connected) {
-  KIV_TRACE(trace, 8) << "checkArp";
-  return arp(ethHdr, message, connected);
+  KIV_TRACE(checksTrace, 8) << "checkArp";
+  return arpCode(ethHdr, message, connected);
 }
 
 // Checksums for who sends.

@@ -136,7 +136,8 @@ const std::map<std::string, Kind> kKinds = {
 };
 
 std::size_t messageAt(const Kind& kind) {
-  return sizeof(EthHdr) + (kind.ip.empty() ? 0 : kind.ip[0] == 4 ? sizeof(IpHdr) : sizeof(Ip6Hdr));
+  const std::size_t alert = kind.ip.size() > 1 && kind.ip[0] == 6 && kind.ip[1] == 1 ? 8 : 0;
+  return sizeof(EthHdr) + (kind.ip.empty() ? 0 : kind.ip[0] == 4 ? sizeof(IpHdr) : alert + sizeof(Ip6Hdr));
 }
 
 /// A frame with the message, some octets of it cut off at its end, and with `hex` at an offset of the frame,
@@ -152,6 +153,11 @@ Pkt::Ptr built(const Kind& kind, std::size_t cut = 0, std::size_t at = 0, std::s
   if (kind.ip.size() == kV4.size()) {
     builder.ip(IpAddr(ip[2], ip[3], ip[4], ip[5]), IpAddr(ip[6], ip[7], ip[8], ip[9]), ip[1]);
   } else if (!kind.ip.empty()) {
+    if (kind.ip[1] == 1) {  // listener discovery
+      const std::string option = octets("0502 0000");
+      builder.ip6Options(ipProtoIpv6HopByHop, {reinterpret_cast<const U8*>(option.data()), option.size()});
+      if (at >= 54) at += 8;
+    }
     Ip6Addr addrs[2];
     std::memcpy(addrs, ip + 2, sizeof(addrs));
     builder.ip6(addrs[0], addrs[1], ip[1]);
@@ -181,7 +187,9 @@ PktCode told(const Kind& kind, const Pkt::Ptr& pkt) {
       end = sizeof(EthHdr) + sizeof(Ip6Hdr) + reinterpret_cast<Ip6Hdr*>(ip)->payloadLen();
     }
     const auto copy = guarded.copy(std::string_view(before).substr(0, end));
-    EXPECT_EQ(kind.check.alone(copy.data() + sizeof(EthHdr), copy.subspan(at)), code);
+    // Of the headers in front of it a message alone says nothing.
+    const PktCode expected = code == noMldRouterAlert ? PktCode(noError) : code;
+    EXPECT_EQ(kind.check.alone(copy.data() + sizeof(EthHdr), copy.subspan(at)), expected);
   }
   return code;
 }
@@ -265,6 +273,9 @@ const Row kRows[] = {
     {"mld", Row::before, kSrc6, "20", mldSrcNotLinkLocal},
     {"mld", Row::before, kM6, "87", icmp6TypeNotSupported},
     {"mld", Row::before, kM6 + 7, "02", badMldLen},
+    {"mld", Row::before, kM6 + 12, "20", badMldGroup},
+    {"mld", Row::after, kM6 + 2, "01020000", noMldRouterAlert},
+    {"mldQuery", Row::before, kM6 + 8, "20", badMldGroup},
     {"mldQuery", Row::before, kM6 + 27, "02", badMldLen},
     {"mldQuery", Row::before, kM6, "", noError, 20},
     {"mldQuery", Row::before, kM6, "", badMldLen, 21},

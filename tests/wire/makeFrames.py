@@ -103,7 +103,8 @@ add(E / I6 / V(vni=5, flags=0) / E / I6 / U)
 add(E / I / UDP(sport=4789, dport=50000) / VXLAN(vni=3, gpflags=128, gpid=7, flags=136) / E / I / U)
 add(E / I / UDP(sport=50000, dport=6081) / GENEVE(vni=7) / E / I / U)
 add(E / I / UDP(sport=50000, dport=6081) / GENEVE(vni=7, proto=2048) / I / U)
-for bot in (I / U, I6 / U, bytes(E / I / U), b'\x10\x00\x00!' + bytes(I / U), b'\xff\x00\x01' + b'\x00' * 30,
+K = Ether(dst='00:00:5e:00:53:02', src='00:00:5e:00:53:01')
+for bot in (I / U, I6 / U, bytes(K / I / U), b'\x00' * 4 + bytes(K / I / U), b'\x10\x00\x00!' + bytes(I / U), b'\xff\x00\x01' + b'\x00' * 30,
     b'\x10\x00\x00\x07' + b' \xc0\x03\x18' + b'\x00\x00\x00\x01' * 5):
     add(Ether(dst=E.dst, src=E.src, type=34887) / MPLS(label=100, cos=3, s=0, ttl=9) / MPLS(label=200, s=1) / bot)
 add(Ether(dst=E.dst, src=E.src, type=34888) / MPLS(label=100, s=1) / I / U)
@@ -208,6 +209,67 @@ add(E / IP(src='192.0.2.1', dst='192.0.2.2', proto=60) / (b'\x11\x00\x01\x04\x00
 add(E / IP(src='192.0.2.1', dst='192.0.2.2', proto=136) / U)
 add(E / I / UDP(sport=50000, dport=8472) / VXLAN(vni=3) / E / I / U)
 add(E / I / UDP(sport=50000, dport=6635) / MPLS(label=9, s=1) / I / U)
+# What a comparison of random frames with an analyser found, one of each kind.
+S = lambda ptr, n: bytes([131, 3 + 4 * n, ptr]) + socket.inet_aton('198.51.100.1') * n + bytes(-(3 + 4 * n) % 4)
+for ptr, n in ((4, 1), (8, 2), (5, 2), (12, 2)):
+    add(E / IP(src='192.0.2.1', dst='192.0.2.2', options=IPOption(S(ptr, n))) / U)
+R6 = lambda t, n, last, left=1: bytes([17, 2 * n, t, left, last, 0, 0, 0]) + socket.inet_pton(10, '2001:db8::7') * n
+for t in (0, 2, 3, 4):
+    for n in (0, 1, 2):
+        for last in (0, 1):
+            add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=43) / (R6(t, n, last) + bytes(U)))
+for o in (b'\x05\x02\x00\x00\x01\x00', b'\x02\x82\x00\x00\x00\x00', b'\x01\x05\x00\x00\x00\x00',
+    b'\x29\x07\x00\x00\x00\x00', b'\x00\x00\x00\x00\x00\x01', b'\xc2\x04\x00\x01\x00\x00'):
+    add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=0) / (b'\x11\x00' + o + bytes(U)))
+add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=140) / (b'\x11\x00\x00\x00\x00\x00\x00\x00' + bytes(U)))
+for nh in (6, 0, 58, 43):
+    add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=nh, plen=0) / bytes(TCP(sport=30000, dport=30001)))
+T = lambda t, b: add(Ether(dst=E.dst, src=E.src, type=t) / b)
+for t, b in ((0x892f, bytes(4)), (0x8926, bytes(4)), (0x893f, bytes(6)), (0xf1c1, bytes(4)), (0x88e5, bytes(6))):
+    T(t, b + b'\x08\x00' + bytes(I / U) + bytes(16))
+T(0x88e5, b'\x0c' + bytes(60))
+T(0x894f, b'\x0f\xc6\x01\x03' + bytes(20) + bytes(E / I / U))
+T(0x22f3, bytes(6) + bytes(E / I / U))
+T(0x8870, b'\xaa\xaa\x03\x00\x00\x00\x08\x00' + bytes(I / U))
+T(0x0800, b'\x65' + bytes(I / U)[1:])
+T(0x8847, b'\x00\x00\xe1\x40' + bytes(I / U))
+T(0x88a8, b'\x00\x05\x00\x20' + b'\x42\x42\x03' + bytes(40))
+add(Ether(dst='01:00:0c:00:00:00', src=E.src, type=90) / (b'\xaa\xaa\x03' + bytes(9) + bytes(E / I / U)))
+for p in (b'\x00\x4b\x42\x42\x03' + bytes(9), b'\x00\x31\x00\x01' + bytes(E / I / U), b'\xff\x03\x00\x21' + bytes(I / U)):
+    T(0x8864, b'\x11\x01\x00\x01' + struct.pack('>H', len(p)) + p)
+for c in (b'\x13', b'\x00\x00', b'\x01\x01', b'\x7f'):
+    add(D / (b'\xaa\xaa' + c + b'\x00\x00\x00\x08\x00' + bytes(I / U)))
+    add(D / (b'\x06\x06' + c + bytes(I / U)))
+G = lambda dport, b, sport=40000: add(E / I / UDP(sport=sport, dport=dport) / b)
+for fl, h in ((0x30, b''), (0x32, bytes(4)), (0x34, b'\x00\x00\x00\x85\x01\x00\x01\x00')):
+    G(2152, bytes([fl, 255]) + struct.pack('>H', len(h + bytes(I / U))) + b'\x00\x00\x00\x01' + h + bytes(I / U))
+for a in (b'', bytes(8), b'\x00\x01' + bytes(11)):
+    G(3544, a + bytes(I6 / U))
+for fl, h in ((2, bytes(4)), (0x4002, bytes(6)), (0x0a02, bytes(10)), (3, bytes(4))):
+    G(1701, struct.pack('>H', fl) + h + b'\x00\x21' + bytes(I / U))
+G(4341, bytes(8) + bytes(I / U))
+G(4754, bytes(GRE() / I / U))
+G(4789, bytes(VXLAN(vni=3) / E / I / U), 53)
+for n in (1, 3, 4, 5, 6):
+    G(4790, b'\x0c\x00\x00' + bytes([n]) + bytes(4) + bytes(E / I / U))
+add(E / I / GRE(proto=0x6400, key_present=1) / E / I / U)
+add(E / I / GRE(version=1, proto=2048, key_present=1, flags=16) / I / U)
+add(E / I / GRE(proto=35006, seqnum_present=1) / (b'\x30' + bytes(7) + bytes(E / I / U)))
+for t in (0, 3, 8):
+    add(E / I / IGMP(type=20, mrcode=t, gaddr='16.0.0.0'))
+for p, u in ((17, bytes(U)), (6, bytes(TCP(dport=9))), (1, bytes(ICMP())), (58, bytes(ICMPv6EchoRequest())),
+    (2, bytes(IGMPv3(type=34) / IGMPv3mr(records=[IGMPv3gr(maddr='224.9.9.9', srcaddrs=['192.0.2.8'])]))),
+    (47, bytes(GRE(chksum_present=1, key_present=1, key=5) / I)), (132, bytes(SCTP(sport=30000, dport=30001))),
+    (51, bytes(AH(nh=17, payloadlen=4, icv=bytes(12)) / U)), (103, bytes([32, 0, 0xdf, 0xff])), (50, bytes(12)),
+    (112, bytes([0x21, 5, 100, 1, 0, 1, 0, 0]) + bytes(12)), (41, bytes(I6 / U)), (44, bytes([17]) + bytes(7)),
+    (43, bytes([17]) + bytes(7)), (60, bytes([17, 0, 1, 4]) + bytes(4)), (137, bytes(MPLS(s=1) / I))):
+    for c in range(0, 20):
+        add(E / IP(src='192.0.2.1', dst='192.0.2.2', proto=p) / u[:c])
+        add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=p) / u, 54 + c)
+for t, b in ((0x806, bytes(ARP())), (0x8847, bytes(MPLS(s=0) / MPLS(s=1) / I)), (0x8100, bytes(Dot1Q() / I)),
+    (0x88cc, tlv(1, b'\x07a') + tlv(2, b'\x05b')), (0x86dd, bytes(I6))):
+    for c in range(0, 10):
+        add(Ether(dst=E.dst, src=E.src, type=t) / b, 14 + c)
 with open(sys.argv[1], 'wb') as out:
     out.write(struct.pack('<IHHiIII', 2712847316, 2, 4, 0, 0, 262144, 1))
     for i, (octets, wire) in enumerate(f):

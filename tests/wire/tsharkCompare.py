@@ -65,6 +65,10 @@ LAYERS = {
 SNAP = {"oui": "llc.oui", "type": "llc.type llc.pid llc.cisco_pid llc.iana_pid llc.nortel_pid llc.force10_pid"}
 OF_TSHARK = {name: layer for layer, (names, _) in LAYERS.items() for name in names.split()}
 # Messages may be whole below another protocol's element without being layers of the frame.
+AGAIN = {"sctp", "bfd"}
+SUMS = {"ip": "Ip", "udp": "Udp", "tcp": "Tcp", "sctp": "Sctp", "icmp": "Icmp", "icmp6": "Icmp6", "igmp": "Igmp",
+        "pim": "Pim", "vrrp": "Vrrp", "gre": "Gre"}
+SUMS = {layer: f"bad{name}{'Hdr' * (name == 'Ip')}Checksum" for layer, name in SUMS.items()}
 NESTED = {"ipv6": {"ipv6.hopopts", "ipv6.dstopts", "ipv6.routing", "ipv6.fraghdr", "ah"}, "pim": {"ip", "ipv6"}}
 TEXTS = {"dst", "src", "senderMac", "senderIp", "targetMac", "targetIp", "group", "chassis", "port"}
 
@@ -83,10 +87,15 @@ def values(proto, names):
     return None
 
 
+def sum_status(proto):
+    return f"{proto.get('name')}.checksum.status {proto.get('name')}.cksum.status"
+
+
 def of_tshark(capture):
     command = ["tshark", "-r", capture, "-T", "pdml", "-n"]
     for option in ("ip.defragment:FALSE", "ipv6.defragment:FALSE", "tcp.desegment_tcp_streams:FALSE",
-                   "ip.check_checksum:TRUE"):
+                   "ip.check_checksum:TRUE", "tcp.check_checksum:TRUE", "udp.check_checksum:TRUE",
+                   "sctp.checksum:CRC 32c"):
         command += ["-o", option]
     process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     for _, packet in ElementTree.iterparse(process.stdout):
@@ -107,9 +116,16 @@ def of_tshark(capture):
                     found.append(("snap", child))
 
         walk(packet)
-        bad = any(f.get("name") == "ip.checksum.status" and f.get("show") == "0" for f in packet.iter("field"))
+        # A dissector that begins again, for another chunk or part, has an empty element of its own.
+        found = [(layer, p) for layer, p in found
+                 if layer not in AGAIN or any(values(p, n) for n in LAYERS[layer][1].values())]
+        # {code: whether tshark found it}, of the checksums that tshark looked at.
+        sums = {}
+        for layer, p in found:
+            if layer in SUMS and values(p, sum_status(p)) in ("0", "1"):
+                sums[SUMS[layer]] = sums.get(SUMS[layer], False) or values(p, sum_status(p)) == "0"
         yield [(layer, {k: values(p, n) for k, n in (SNAP if layer == "snap" else LAYERS[layer][1]).items()})
-               for layer, p in found], bad
+               for layer, p in found], sums
         packet.clear()
 
 
@@ -134,7 +150,7 @@ def main():
     for capture in captures:
         ran = subprocess.run([tool, "--json", capture], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         ours = [json.loads(line) for line in ran.stdout.decode("utf-8").splitlines()]
-        for frame, (theirs, bad) in enumerate(of_tshark(capture), 1):
+        for frame, (theirs, sums) in enumerate(of_tshark(capture), 1):
             if frame > len(ours):
                 print(f"{capture}: tshark has more frames than {len(ours)}")
                 differences += 1
@@ -154,8 +170,9 @@ def main():
                     if key not in layer or not same(key, layer[key], value):
                         print(f"{capture} {frame}: {name}.{key} is {layer.get(key)}, tshark: {value}")
                         differences += 1
-            if bad != ("badIpHdrChecksum" in ours[frame - 1]["errors"]):
-                print(f"{capture} {frame}: {ours[frame - 1]['errors']}, tshark: bad checksum of IPv4 {bad}")
+            errors = {error.replace("partial", "bad") for error in ours[frame - 1]["errors"]}
+            if any(bad != (code in errors) for code, bad in sums.items()):
+                print(f"{capture} {frame}: {ours[frame - 1]['errors']}, tshark: {sums}")
                 differences += 1
     print(f"{frames} frames, {fields} fields, {differences} differences")
     return 1 if differences or frames == 0 else 0
