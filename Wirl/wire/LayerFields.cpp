@@ -197,6 +197,7 @@ HdrDescription layerFields(const Layer& layer) noexcept {
     case LayerKind::trill:
     case LayerKind::macsec:
     case LayerKind::ip6ext:
+    case LayerKind::teredo:
     case LayerKind::l2tp:
     case LayerKind::lisp:
       return {};

@@ -124,11 +124,11 @@ bool showsEmpty(LayerKind kind) noexcept {
 
 std::string_view layerKindText(LayerKind kind) noexcept {
   static constexpr std::string_view kTexts[] = {
-      "none",    "eth",        "vlan",    "mim",    "tag",  "isl",    "trill",   "macsec", "llc",
-      "snap",    "pppoe",      "ppp",     "mpls",   "pwcw", "pwach",  "arp",     "ip",     "ip6",
-      "ip6opts", "ip6routing", "ip6frag", "ip6ext", "ah",   "esp",    "icmp",    "icmp6",  "igmp",
-      "dvmrp",   "tcp",        "udp",     "sctp",   "gre",  "erspan", "etherip", "vxlan",  "geneve",
-      "nsh",     "gtp",        "l2tp",    "lisp",   "pim",  "vrrp",   "bfd",     "ipfix",  "lldp"};
+      "none",    "eth",    "vlan",   "mim",     "tag",   "isl",    "trill", "macsec", "llc",     "snap",
+      "pppoe",   "ppp",    "mpls",   "pwcw",    "pwach", "arp",    "ip",    "ip6",    "ip6opts", "ip6routing",
+      "ip6frag", "ip6ext", "ah",     "esp",     "icmp",  "icmp6",  "igmp",  "dvmrp",  "tcp",     "udp",
+      "sctp",    "gre",    "erspan", "etherip", "vxlan", "geneve", "nsh",   "gtp",    "teredo",  "l2tp",
+      "lisp",    "pim",    "vrrp",   "bfd",     "ipfix", "lldp"};
   static_assert(std::size(kTexts) == static_cast<std::size_t>(LayerKind::lldp) + 1);
   return kTexts[static_cast<U8>(kind)];
 }
@@ -404,6 +404,8 @@ void LayerIterator::step() noexcept {
       return nsh();
     case LayerKind::gtp:
       return gtp();
+    case LayerKind::teredo:
+      return teredo();
     case LayerKind::l2tp:
       return l2tp();
     case LayerKind::lisp:
@@ -954,7 +956,8 @@ bool LayerIterator::udpPort(U16 port) noexcept {
       next_ = LayerKind::gtp;
       return true;
     case kTeredoPort:
-      return teredo(), true;
+      next_ = LayerKind::teredo;
+      return true;
     case BfdHdr::singleHopPort:
     case BfdHdr::multihopPort:
     case BfdHdr::lagPort:
@@ -1052,15 +1055,15 @@ void LayerIterator::l2tp() noexcept {
   if (wire() > 0) tunnel(LayerKind::ppp);
 }
 
-/// IPv6 in UDP (RFC 4380), behind what servers and relays put in front of it.
+/// What servers and relays put in front of IPv6 in UDP (RFC 4380); mostly nothing.
 void LayerIterator::teredo() noexcept {
-  if (here() >= 4 && word(at()) == 1) {
-    const U32 bytes = 4u + at()[2] + at()[3] + 9;
-    if (here() < bytes) return;
-    skip(bytes);
-  }
-  if (here() >= 8 && word(at()) == 0) skip(8);
-  if (here() >= 2) tunnel(LayerKind::ip6);
+  constexpr U32 kOrigin = 8;
+  const U8* const hdr = at();
+  const U32 present = here();
+  U32 bytes = present >= 4 && word(hdr) == 1 ? 4u + hdr[2] + hdr[3] + 9 : 0;
+  const bool origin = present >= bytes + 2 && word(hdr + bytes) == 0;
+  if (origin) bytes += kOrigin;
+  if (take(bytes) && wire() > 1) tunnel(LayerKind::ip6);
 }
 
 void LayerIterator::ipfix() noexcept {

@@ -54,10 +54,11 @@ enum class LayerKind : U8 {
   etherip,  ///< RFC 3378.
   vxlan,
   geneve,
-  nsh,   ///< RFC 8300.
-  gtp,   ///< User plane, versions 0 and 1.
-  l2tp,  ///< RFC 2661, data.
-  lisp,  ///< RFC 6830, data.
+  nsh,     ///< RFC 8300.
+  gtp,     ///< User plane, versions 0 and 1.
+  teredo,  ///< RFC 4380: what is in front of the IPv6 header, if anything.
+  l2tp,    ///< RFC 2661, data.
+  lisp,    ///< RFC 6830, data.
   pim,
   vrrp,
   bfd,
