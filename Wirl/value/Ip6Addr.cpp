@@ -26,77 +26,22 @@ std::optional<Ip6Addr> Ip6Addr::fromTextFast(std::string_view text) noexcept {
   return fromOutlined(text, chars.text(), detail::ip6OutlineOf(chars.text()));
 }
 
-namespace {
-
-/// By the set of groups that are zero, the groups that "::" stands for: the longest run of them, the first of
-/// equal ones, and none of a single group. Bit i is group i.
-constexpr auto kGaps = [] {
-  std::array<U8, 256> gaps{};
-  for (unsigned zeros = 0; zeros < 256; ++zeros) {
-    unsigned longest = 1;
-    for (unsigned begin = 0; begin < 8; ++begin) {
-      unsigned size = 0;
-      while (begin + size < 8 && (zeros >> (begin + size) & 1) != 0) ++size;
-      if (size > longest) {
-        longest = size;
-        gaps[zeros] = static_cast<U8>(((1u << size) - 1) << begin);
-      }
-    }
-  }
-  return gaps;
-}();
-
-/// Writes the first `count` octets of `value`, the lowest first.
-template <unsigned count>
-void putOctets(char* out, U32 value) noexcept {
-  for (unsigned i = 0; i < count; ++i) out[i] = static_cast<char>(value >> 8 * i);
-}
-
-}  // namespace
-
 unsigned Ip6Addr::writeText(char* out) const noexcept {
-  char* at = out;
   if (isV4MappedV6()) {
-    std::memcpy(at, "::ffff:", 7);
-    return 7 + IpAddr(octets_[12], octets_[13], octets_[14], octets_[15]).writeText(at + 7);
+    std::memcpy(out, "::ffff:", 7);
+    return 7 + IpAddr(octets_[12], octets_[13], octets_[14], octets_[15]).writeText(out + 7);
   }
-  // No branch depends on the address: which groups have how many digits cannot be predicted. Each group is
-  // written as four characters of which as many count as it has digits, and one in the gap goes nowhere.
-  const detail::Ip6Hex text = detail::ip6HexOf(octets_);
-  const U32 gap = kGaps[text.zeros];
-  const U32 colons = ~gap | (gap & (~gap + 1));  // the gap has one of its own
-  char nowhere[4];
-  const auto shown = [gap](unsigned i) { return (gap >> i & 1) == 0; };
-  const auto leadingZeros = [&](unsigned i) {
-    return static_cast<unsigned>(std::countr_zero(text.significant >> 4 * i));
-  };
-  const auto digits = [&](unsigned i) {
-    const auto octet = [&](unsigned k) { return U32{static_cast<U8>(text.digits[4 * i + k])} << 8 * k; };
-    return (octet(0) | octet(1) | octet(2) | octet(3)) >> 8 * leadingZeros(i);
-  };
-  *at = ':';
-  at += gap & 1;
-  for (unsigned i = 0; i < 7; ++i) {
-    putOctets<4>(shown(i) ? at : nowhere, digits(i));
-    at += shown(i) ? 4 - leadingZeros(i) : 0;
-    *at = ':';
-    at += colons >> i & 1;
-  }
-  // The last one must not reach beyond the NUL: a second pair of characters over the first or behind it.
-  const unsigned size = 4 - leadingZeros(7);
-  putOctets<2>(shown(7) ? at : nowhere, digits(7));
-  putOctets<2>(shown(7) ? at + size / 2 : nowhere, digits(7) >> 8 * (size / 2));
-  at += shown(7) ? size : 0;
-  *at = '\0';
-  return static_cast<unsigned>(at - out);
+  return detail::writeIp6Groups(octets_, out);
 }
 
 Kiv::String Ip6Addr::stringValueExpanded() const {
+  constexpr char kDigits[] = "0123456789abcdef";
   char text[8 * 5];
-  const detail::Ip6Hex hex = detail::ip6HexOf(octets_);
-  for (unsigned i = 0; i < 8; ++i) {
-    std::memcpy(text + 5 * i, hex.digits.data() + 4 * i, 4);
-    text[5 * i + 4] = ':';
+  char* at = text;
+  for (unsigned i = 0; i < 16; ++i) {
+    *at++ = kDigits[octets_[i] >> 4];
+    *at++ = kDigits[octets_[i] & 15];
+    if (i % 2 != 0) *at++ = ':';
   }
   return {text, sizeof(text) - 1};
 }

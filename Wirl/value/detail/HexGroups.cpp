@@ -120,6 +120,14 @@ WIRL_SSSE3 inline U32 noDigits(__m128i values) noexcept {
   return static_cast<U32>(_mm_movemask_epi8(_mm_adds_epu8(values, _mm_set1_epi8(0x80 - 16))));
 }
 
+/// Octets from pairs of digits; `last` is the digit that the sixteen places do not have.
+WIRL_SSSE3 inline U64 octetsOf(__m128i places, U32 last) noexcept {
+  const __m128i octets = _mm_maddubs_epi16(places, _mm_set1_epi16(0x0110));
+  U64 word;
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
+  return word | U64{last} << 40;
+}
+
 /// A text of fewer than eight characters, or of more than eighteen. Three short groups joined by full stops
 /// make the one, zeros in front the other.
 [[gnu::noinline]] Taken takeUnusual(const char* text, std::size_t size) noexcept {
@@ -137,8 +145,20 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
   // branch on any of it before it is known whether this is an address.
   const __m128i characters = loadText8to16(text, size < 16 ? size : 16);
   const __m128i values = hexValues(characters);
-  const U32 beyond = ~0u << size;
   const U32 others = noDigits(values);
+  // No address ends with anything but a digit.
+  const U32 last = hexValue(text[size - 1]);
+  // The usual text has 17 characters, two digits an octet.
+  constexpr U32 kSeparators = 0b0100'1001'0010'0100;
+  const U32 second = kFormOf[static_cast<U8>(text[2])];
+  const U32 same = whereIs(characters, text[2]);
+  const auto unusual = static_cast<U32>(size) ^ 17;
+  if (((same ^ kSeparators) | (others ^ kSeparators) | unusual | second | last >> 4) == 0) {
+    const __m128i places =
+        _mm_shuffle_epi8(values, _mm_setr_epi8(0, 1, 3, 4, 6, 7, 9, 10, 12, 13, 15, -1, -1, -1, -1, -1));
+    return {octetsOf(places, last), 17};
+  }
+  const U32 beyond = ~0u << size;
   // The first character that is no digit, or the last one. The window does not have the seventeenth character
   // and the next, but no address of that size begins with sixteen digits.
   const U32 atLast = static_cast<U32>(static_cast<int>(beyond) >> 1);
@@ -146,16 +166,11 @@ Taken takeHexGroupsSsse3(const char* text, std::size_t size) noexcept {
   const U32 form = kFormOf[static_cast<U8>(separator)];
   const U32 mask = whereIs(characters, separator) | beyond;
   const U32 slot = Layouts::slot(form, mask);
-  // No address ends with anything but a digit.
-  const U32 last = hexValue(text[size - 1]);
   const U32 strange = (others & ~mask) | last >> 4;
   if (((kLayouts.mask[slot] ^ mask) | strange) == 0) {
     const __m128i places = _mm_shuffle_epi8(
         values, _mm_load_si128(reinterpret_cast<const __m128i*>(&kLayouts.shuffle[slot & 511])));
-    const __m128i octets = _mm_maddubs_epi16(places, _mm_set1_epi16(0x0110));
-    U64 word;
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(&word), _mm_packus_epi16(octets, octets));
-    return {word | U64{last & onlyIf(size > 16)} << 40, size};
+    return {octetsOf(places, last & onlyIf(size > 16)), size};
   }
   // A group of more digits than it should have may still be one, with zeros in front; nothing else can, and
   // not that with a strange character. Zeros that no end of a group follows closely are what to look for:

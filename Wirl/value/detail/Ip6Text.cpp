@@ -15,18 +15,43 @@ namespace {
 
 constexpr char kDigits[] = "0123456789abcdef";
 
+/// By the set of groups that are zero, the groups that "::" stands for: the longest run of them, the first of
+/// equal ones, and none of a single group. Bit i is group i.
+constexpr auto kGaps = [] {
+  std::array<U8, 256> gaps{};
+  for (unsigned zeros = 0; zeros < 256; ++zeros) {
+    unsigned longest = 1;
+    for (unsigned begin = 0; begin < 8; ++begin) {
+      unsigned size = 0;
+      while (begin + size < 8 && (zeros >> (begin + size) & 1) != 0) ++size;
+      if (size > longest) {
+        longest = size;
+        gaps[zeros] = static_cast<U8>(((1u << size) - 1) << begin);
+      }
+    }
+  }
+  return gaps;
+}();
+
 }  // namespace
 
-Ip6Hex ip6HexLoop(const std::array<U8, 16>& octets) noexcept {
-  Ip6Hex hex{{}, 0x8888'8888, 0xff};
-  for (unsigned i = 0; i < 32; ++i) {
-    const U32 nibble = i % 2 == 0 ? octets[i / 2] >> 4 : octets[i / 2] & 0x0f;
-    hex.digits[i] = kDigits[nibble];
-    if (nibble == 0) continue;
-    hex.significant |= U32{1} << i;
-    hex.zeros &= ~(U32{1} << i / 4);
+unsigned writeIp6GroupsPlainly(const std::array<U8, 16>& octets, char* out) noexcept {
+  const auto group = [&](unsigned i) { return U32{octets[2 * i]} << 8 | octets[2 * i + 1]; };
+  unsigned zeros = 0;
+  for (unsigned i = 0; i < 8; ++i) zeros |= unsigned{group(i) == 0} << i;
+  const unsigned gap = kGaps[zeros];
+  char* at = out;
+  for (unsigned i = 0; i < 8; ++i) {
+    const bool inGap = (gap >> i & 1) != 0;
+    if (i > 0 && !inGap) *at++ = ':';
+    if (inGap && (i == 0 || (gap >> (i - 1) & 1) == 0)) *at++ = ':';
+    if (inGap && i == 7) *at++ = ':';
+    unsigned shift = 12;
+    while (shift > 0 && group(i) >> shift == 0) shift -= 4;
+    for (shift += 4; !inGap && shift > 0; shift -= 4) *at++ = kDigits[group(i) >> (shift - 4) & 15];
   }
-  return hex;
+  *at = '\0';
+  return static_cast<unsigned>(at - out);
 }
 
 #if WIRL_HAS_SSSE3
@@ -59,11 +84,53 @@ WIRL_SSSE3 inline U64 addBlock(Ip6Outline& outline, __m128i block, std::size_t a
   return bitsOf(_mm_cmpeq_epi8(own, _mm_setzero_si128()), at);
 }
 
-/// Stores the digits of sixteen nibbles; returns the set of those that are zero.
-WIRL_SSSE3 inline U32 putDigits(__m128i nibbles, char* to) noexcept {
-  _mm_storeu_si128(static_cast<__m128i*>(static_cast<void*>(to)),
-                   _mm_shuffle_epi8(loadBlock(kDigits), nibbles));
-  return static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi8(nibbles, _mm_setzero_si128())));
+/// How a group is shown: not at all, as one to four digits and a colon, or as a colon alone. The latter is the
+/// first group of those that "::" stands for; its first colon belongs to the group before.
+enum Shown : U8 { kNot = 0, kDigitsAtMost = 4, kColon = 5, kWays = 6 };
+
+/// Where the characters of two groups come from, of eight digits and a colon; and how many there are.
+struct Pairs {
+  alignas(16) std::array<std::array<U8, 16>, kWays * kWays> shuffle{};
+  std::array<U8, kWays * kWays> length{};
+
+  constexpr Pairs() {
+    for (unsigned pair = 0; pair < kWays * kWays; ++pair) {
+      shuffle[pair].fill(0x80);
+      for (unsigned i = 0; i < 2; ++i) {
+        const unsigned shown = i == 0 ? pair / kWays : pair % kWays;
+        for (unsigned k = shown == kColon ? 0 : shown; k > 0; --k)
+          shuffle[pair][length[pair]++] = static_cast<U8>(4 * i + 4 - k);
+        if (shown != kNot) shuffle[pair][length[pair]++] = 8;
+      }
+    }
+  }
+};
+constexpr Pairs kPairs;
+
+/// By the set of groups that are zero, what to add to the way to show each one as a number.
+constexpr auto kGapWays = [] {
+  std::array<std::array<U8, 8>, 256> ways{};
+  for (unsigned zeros = 0; zeros < 256; ++zeros) {
+    const unsigned gap = kGaps[zeros];
+    for (unsigned i = 0; i < 8; ++i) {
+      if ((gap >> i & 1) == 0) continue;
+      const bool first = i == 0 || (gap >> (i - 1) & 1) == 0;
+      ways[zeros][i] = static_cast<U8>((first ? kColon : kNot) - 1);  // a zero has one digit
+    }
+  }
+  return ways;
+}();
+
+/// Lanes of -1 where the number of 16 bits is at most `bound`.
+WIRL_SSSE3 inline __m128i numbersAtMost(__m128i numbers, short bound) noexcept {
+  return _mm_cmpeq_epi16(_mm_subs_epu16(numbers, _mm_set1_epi16(bound)), _mm_setzero_si128());
+}
+
+WIRL_SSSE3 inline char* putPair(char* at, __m128i digitsAndColon, int pair) noexcept {
+  const auto i = static_cast<std::size_t>(pair);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(at),
+                   _mm_shuffle_epi8(digitsAndColon, loadBlock(&kPairs.shuffle[i])));
+  return at + kPairs.length[i];
 }
 
 }  // namespace
@@ -85,18 +152,43 @@ Ip6Outline ip6OutlineSsse3(const char* text, std::size_t textSize) noexcept {
   return outline;
 }
 
-Ip6Hex ip6HexSsse3(const std::array<U8, 16>& octets) noexcept {
-  Ip6Hex hex;
+unsigned writeIp6GroupsSsse3(const std::array<U8, 16>& octets, char* out) noexcept {
   const __m128i block = loadBlock(octets.data());
-  const __m128i zero = _mm_setzero_si128();
   const __m128i nibble = _mm_set1_epi8(0x0f);
   const __m128i high = _mm_and_si128(_mm_srli_epi16(block, 4), nibble);
   const __m128i low = _mm_and_si128(block, nibble);
-  const U32 zeroDigits = putDigits(_mm_unpacklo_epi8(high, low), hex.digits.data()) |
-                         putDigits(_mm_unpackhi_epi8(high, low), hex.digits.data() + 16) << 16;
-  hex.significant = ~zeroDigits | 0x8888'8888;
-  hex.zeros = static_cast<U32>(_mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(block, zero), zero)));
-  return hex;
+  const __m128i digits = loadBlock(kDigits);
+  const __m128i front = _mm_shuffle_epi8(digits, _mm_unpacklo_epi8(high, low));
+  const __m128i back = _mm_shuffle_epi8(digits, _mm_unpackhi_epi8(high, low));
+
+  // The way to show each group, and then of each pair of them.
+  const __m128i groups = _mm_or_si128(_mm_slli_epi16(block, 8), _mm_srli_epi16(block, 8));
+  const __m128i zero = _mm_setzero_si128();
+  const auto zeros =
+      static_cast<std::size_t>(_mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(groups, zero), zero)));
+  const __m128i missing =
+      _mm_add_epi16(_mm_add_epi16(numbersAtMost(groups, 0x000f), numbersAtMost(groups, 0x00ff)),
+                    numbersAtMost(groups, 0x0fff));
+  const __m128i lengths = _mm_add_epi8(_mm_packs_epi16(missing, zero), _mm_set1_epi8(kDigitsAtMost));
+  const __m128i ways =
+      _mm_add_epi8(lengths, _mm_loadl_epi64(reinterpret_cast<const __m128i*>(kGapWays[zeros].data())));
+  const __m128i pairs = _mm_maddubs_epi16(ways, _mm_set1_epi16(kWays | 1 << 8));
+
+  // Each pair is stored with sixteen characters, so build the text elsewhere.
+  const __m128i colon = _mm_set1_epi8(':');
+  char text[64];
+  text[0] = ':';
+  char* at = text + (kGaps[zeros] & 1);
+  at = putPair(at, _mm_unpacklo_epi64(front, colon), _mm_extract_epi16(pairs, 0));
+  at = putPair(at, _mm_unpackhi_epi64(front, colon), _mm_extract_epi16(pairs, 1));
+  at = putPair(at, _mm_unpacklo_epi64(back, colon), _mm_extract_epi16(pairs, 2));
+  at = putPair(at, _mm_unpackhi_epi64(back, colon), _mm_extract_epi16(pairs, 3));
+  // No colon follows the last group, unless it belongs to "::".
+  at -= 1 - (kGaps[zeros] >> 7);
+  *at = '\0';
+  const auto length = static_cast<std::size_t>(at - text);
+  std::memcpy(out, text, length + 1);
+  return static_cast<unsigned>(length);
 }
 
 #endif

@@ -24,24 +24,18 @@ inline Ip6Outline ip6OutlineOf(std::string_view text) noexcept {
   return ip6OutlineLoop(text);
 }
 
-/// An address in hexadecimal, and which of its digits the text shows.
-struct Ip6Hex {
-  std::array<char, 32> digits;
-  Kiv::U32 significant;  // bit 4i+k: digit k of group i is not zero, or the last one
-  Kiv::U32 zeros;        // bit i: group i is zero
-};
-
-Ip6Hex ip6HexLoop(const std::array<Kiv::U8, 16>& octets) noexcept;
+/// Writes the compressed form of RFC 5952 with eight groups, and a NUL; returns the length without the NUL.
+unsigned writeIp6GroupsPlainly(const std::array<Kiv::U8, 16>& octets, char* out) noexcept;
 #if WIRL_HAS_SSSE3
-WIRL_SSSE3 Ip6Hex ip6HexSsse3(const std::array<Kiv::U8, 16>& octets) noexcept;
+WIRL_SSSE3 unsigned writeIp6GroupsSsse3(const std::array<Kiv::U8, 16>& octets, char* out) noexcept;
 #endif
 
-inline Ip6Hex ip6HexOf(const std::array<Kiv::U8, 16>& octets) noexcept {
+inline unsigned writeIp6Groups(const std::array<Kiv::U8, 16>& octets, char* out) noexcept {
 #if WIRL_HAS_SSSE3
   if (hasSsse3()) [[likely]]
-    return ip6HexSsse3(octets);
+    return writeIp6GroupsSsse3(octets, out);
 #endif
-  return ip6HexLoop(octets);
+  return writeIp6GroupsPlainly(octets, out);
 }
 
 }  // namespace Wirl::detail
