@@ -108,3 +108,11 @@ foreach(dir INCLUDE LIB)
 endforeach()
 configure_file(cmake/wirl.pc.in "${PROJECT_BINARY_DIR}/wirl.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/wirl.pc" DESTINATION "${pcDir}")
+
+# gdb loads the file that is named after the library's own, beside it or, for one below /usr, in its own folder.
+set(printersDir "${CMAKE_INSTALL_LIBDIR}")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(printersDir "${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR}")
+endif()
+install(FILES integration/debugger/wirlPrinters.py DESTINATION "${printersDir}"
+  RENAME "libWirl.so.${PROJECT_VERSION}-gdb.py" COMPONENT debug)
