@@ -65,52 +65,40 @@ std::string toldOfIp6(const Pkt::Ptr& pkt) {
 
 void expectTold(std::string (*check)(const Pkt::Ptr&),
                 const std::vector<std::pair<std::string, std::string>>& rows) {
-  for (const auto& [frame, expected] : rows) {
-    const auto pkt = frames::packet(frame);
-    EXPECT_EQ(check(pkt), expected);
-    EXPECT_EQ(pkt->stringValue(), expected.starts_with("badIpHdrChecksum") ? with(frame, 24, "0000") : frame);
-  }
+  for (const auto& [frame, expected] : rows) EXPECT_EQ(check(frames::packet(frame)), expected);
 }
+
+// The fuzz target pktChecksFuzz, which FuzzTargetsTest runs, has a second version of every check: it holds codes,
+// header pointers and what is written against it. Here are the traces, and what random frames hardly meet.
 
 TEST(PktChecks, EthIp) {
   const std::string& good = frames::kUdp;
   const std::string header = rightChecksum(with(good, 16, "0014").substr(0, 34));
-  const std::string optioned = rightChecksum(with(good, 14, "46"));
   const std::string zeroSum = with(with(good, 18, "66bd"), 24, "0000");
   const std::string inFirst = "Packet has 34 bytes in its first piece which is less than needed";
   const std::string larger = "IPv4 payload length is larger than the actual packet size";
   const std::string badChecksum = "badIpHdrChecksum 0 14: IPv4 header checksum is invalid";
   expectTold(toldOfIp,
-             {{good, "noError 0 14"},
-              {header, "noError 0 14"},
-              {optioned, "noError 0 14"},
+             {{header, "noError 0 14"},
               {rightChecksum(with(good, 16, "0000")), "noError 0 14"},  // ends before the header does
-              {"", "pktTooShort: Packet has 0 bytes which is less than needed"},
               {header.substr(0, 33), "pktTooShort: Packet has 33 bytes which is less than needed"},
               {with(good, 12, "0806"), "wrongEthType: Type: 806"},
               {with(good, 14, "65"), "nonIpHdr 0: Ip hdr is not IPv4"},
               {with(header, 14, "46"), "pktTooShort 0: " + inFirst},
-              {with(header, 14, "4fff0014"), "pktTooShort 0: " + inFirst},
               {with(header, 14, "4f00ffff"), "badIpPayloadLen 0: " + larger + "20 vs. 65535"},
               {with(good, 16, "002f"), "badIpPayloadLen 0 14: " + larger + "46 vs. 47"},
-              {with(good, 16, "ffff"), "badIpPayloadLen 0 14: " + larger + "46 vs. 65535"},
-              {with(good, 24, "66bd"), badChecksum},
               {zeroSum, "noError 0 14"},
-              {with(zeroSum, 24, "ffff"), badChecksum},  // not the other zero
-              {with(optioned, 37, "01"), badChecksum}});
+              {with(zeroSum, 24, "ffff"), badChecksum}});  // not the other zero
 }
 
 TEST(PktChecks, EthIp6) {
   const std::string larger =
       "badIp6PayloadLen 0 14: IPv6 payload length is larger than the actual packet size. ";
-  expectTold(toldOfIp6, {{kNs, "noError 0 14"},
-                         {with(kNs, 18, "0000").substr(0, 54), "noError 0 14"},
-                         {kNs + "padding", "noError 0 14"},
+  expectTold(toldOfIp6, {{with(kNs, 18, "0000").substr(0, 54), "noError 0 14"},
                          {kNs.substr(0, 53), "pktTooShort: Packet has 53 bytes which is less than needed"},
                          {with(kNs, 12, "0800"), "wrongEthType: Type: 800"},
                          {with(kNs, 14, "40"), "nonIp6Hdr 0: Ip hdr is not IPv6"},
-                         {with(kNs, 18, "0021"), larger + "32 vs. 33"},
-                         {kNs.substr(0, 54), larger + "0 vs. 32"}});
+                         {with(kNs, 18, "0021"), larger + "32 vs. 33"}});
 }
 
 struct Icmp6Packet {
@@ -196,14 +184,12 @@ TEST_F(PktChecksOfNs, DieWithoutPacketsAndHeaders) {
 }
 
 TEST(PktChecks, Icmp6CheckSum) {
-  const std::string bad = "badIcmp6Checksum 54: Icmp6 checksum is invalid";
-  const std::string small = "badIp6PayloadLen: IP6 payload is too small to contain Icmp6";
   const std::string noIcmp6 = "nextHdrIsNotIcmp6: Next header is not Icmp6";
-  const std::pair<std::string, std::string> rows[] = {{kNs, "noError 54"},
-                                                      {with(kNs, 85, "15"), bad},
-                                                      {with(kNs, 18, "0004"), bad},
-                                                      {with(kNs, 20, "00"), noIcmp6},
-                                                      {with(kNs, 18, "0003"), small}};
+  const std::pair<std::string, std::string> rows[] = {
+      {kNs, "noError 54"},
+      {with(kNs, 85, "15"), "badIcmp6Checksum 54: Icmp6 checksum is invalid"},
+      {with(kNs, 20, "00"), noIcmp6},
+      {with(kNs, 18, "0003"), "badIp6PayloadLen: IP6 payload is too small to contain Icmp6"}};
   for (const auto& [frame, expected] : rows) {
     const auto made = icmp6Packet(frame);
     const auto check = [&](Icmp6Hdr*& found) { return checkIcmp6CheckSum(made.ip6Hdr, found); };
@@ -213,9 +199,6 @@ TEST(PktChecks, Icmp6CheckSum) {
       return setIcmp6CheckSum(made.ip6Hdr, made.icmp6Hdr);
     };
     EXPECT_EQ(told<Icmp6Hdr>(made.pkt, set), expected == noIcmp6 ? noIcmp6 : "noError");
-    if (frame == kNs) {
-      EXPECT_EQ(made.pkt->stringValue(), kNs);
-    }
   }
 }
 
@@ -242,70 +225,57 @@ TEST(PktChecks, Icmp6OptionsTraceWhatIsBad) {
 TEST(PktChecks, IpAh) {
   const std::string header = with(frames::kUdp.substr(0, 34), 23, "33");
   const std::string ah = octets("1104 0000 00000100 00000001 0102030405060708090a0b0c");
-  const std::string whole = header + ah + "x";
-  const std::string noHdr = "badAhLen: packet is too short to contain an AH header.";
-  const std::string noData = "badAhLen 34: packet is too short to contain Authentication Data.";
   const std::pair<std::string, std::string> rows[] = {
-      {whole, "noError 34"},
-      {header + ah, noData},  // nothing behind it
-      {header + ah.substr(0, 11), noHdr},
-      {with(whole, 23, "32"), "nextHdrIsNotAh: Next header is not AH"},
-      {with(whole, 14, "4a"), noHdr},  // options leave too little
+      {header + ah + "x", "noError 34"},
+      {header + ah, "badAhLen 34: packet is too short to contain Authentication Data."},
+      {header + ah.substr(0, 11), "badAhLen: packet is too short to contain an AH header."},
+      {with(header + ah, 23, "32"), "nextHdrIsNotAh: Next header is not AH"},
   };
-  const auto toldOf = [](std::string frame, U32 split) {
+  for (auto [frame, expected] : rows) {
     frame[17] = static_cast<char>(frame.size() - 14);
-    const auto pkt = frames::packet(frame, split);
-    const auto said = told<AhHdr>(pkt, [&](AhHdr*& ahHdr) {
-      return checkIpAhHdr(pkt, reinterpret_cast<IpHdr*>(pkt->front() + 14), ahHdr);
-    });
-    EXPECT_EQ(pkt->stringValue(), frame);
-    return said;
-  };
-  for (const auto& [frame, expected] : rows) EXPECT_EQ(toldOf(frame, 0), expected) << frame.size();
-  EXPECT_TRUE(toldOf(whole, 40).starts_with("pktTooShort: "));
+    const auto pkt = frames::packet(frame);
+    EXPECT_EQ(told<AhHdr>(pkt,
+                          [&](AhHdr*& ahHdr) {
+                            return checkIpAhHdr(pkt, reinterpret_cast<IpHdr*>(pkt->front() + 14), ahHdr);
+                          }),
+              expected);
+  }
 }
 
 TEST(PktChecks, NextProtoHdr) {
-  const std::string hopByHop = "2b00 0502 0000 0100 ";  // then routing
-  const std::string routing = "3c02 0000 00000000 0000000000000000 0000000000000000 ";
-  const std::string options = "2c00 0104 00000000 ";   // then fragment
-  const std::string fragment = "3300 0001 00000001 ";  // then AH; more to come
-  const std::string ah = "1104 0000 00000100 00000001 010203040506070809101112 ";
-  const std::string all = hopByHop + routing + options + fragment + ah;
   const std::string udp = "0035 0035 0008 0000";
+  const std::string all =
+      "2b00 0502 0000 0100 "  // hop by hop, then routing
+      "3c02 0000 00000000 0000000000000000 0000000000000000 "
+      "2c00 0104 00000000 "  // options, then fragment
+      "3300 0001 00000001 "  // with more to come, then AH
+      "1104 0000 00000100 00000001 010203040506070809101112 ";
   const struct {
     U8 first;
     std::string headers;
     U32 protocol;
     std::string told;
   } rows[] = {
-      {17, udp, 17, "noError 40"},
       {0, all + udp, 17, "noError 112"},
       {0, all + udp, 273, "noError"},
       {0, all, 17, "pktTooShort"},
-      {0, "1101 0000 00000000" + udp.substr(0, 17), 17, "pktTooShort"},
-      {0, "11ff 0000 00000000" + udp, 17, "pktTooShort"},
-      {44, "1100 0009 00000001" + udp, 17, "noError"},  // not the first fragment
-      {44, "1100 0007 00000001" + udp, 17, "noError 48"},
-      {59, udp, 17, "noError"},
+      {44, "1100 0009 00000001" + udp, 17, "noError"},     // not the first fragment
       {0, "3b00 0000 00000000", 17, "noError"},            // ends exactly at the end
       {51, "3b01 0000 00000000 00000000", 17, "noError"},  // so does this
-      {50, udp, 17, "noError"},                            // encrypted
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(std::to_string(row.first) + " " + row.headers + " " + std::to_string(row.protocol));
     const auto pkt = frames::packet(kNs.substr(14, 40) + octets(row.headers));
     auto* const ip6Hdr = reinterpret_cast<Ip6Hdr*>(pkt->front());
     ip6Hdr->protocolIs(row.first);
-    const auto toldOf = [&](std::size_t payload, U32 bytes) {
+    for (const U32 payload : {pkt->bytes() - 40, 65535u}) {  // the bytes that are there count
       ip6Hdr->payloadLenIs(static_cast<U16>(payload));
-      const auto said =
-          told<char>(pkt, [&](char*& hdr) { return getNextProtoHdr(ip6Hdr, bytes, &hdr, row.protocol); });
-      return said.substr(0, said.find(':'));
-    };
-    EXPECT_EQ(toldOf(pkt->bytes() - 40, pkt->bytes()), row.told);
-    EXPECT_EQ(toldOf(65535, pkt->bytes()), row.told);  // the bytes that are there count
-    EXPECT_EQ(toldOf(65535, 39), "pktTooShort");
+      const auto said = told<char>(
+          pkt, [&](char*& hdr) { return getNextProtoHdr(ip6Hdr, pkt->bytes(), &hdr, row.protocol); });
+      EXPECT_EQ(said.substr(0, said.find(':')), row.told);
+    }
+    char* hdr = nullptr;
+    EXPECT_EQ(getNextProtoHdr(ip6Hdr, 39, &hdr, row.protocol), pktTooShort);
   }
 }
 
@@ -314,7 +284,6 @@ TEST(PktErrors, TextsAreTheNames) {
                                               {-4, "nonOnLink"},
                                               {-52, "nonIpHdr"},
                                               {-102, "badIp6PayloadLen"},
-                                              {-213, "icmp6McastDstIpAndNonZeroSolicitation"},
                                               {-308, "badVrrpLinkLocal"},
                                               {-402, "nonAhHmac96"}};
   for (const auto& [value, text] : rows) {
@@ -326,17 +295,17 @@ TEST(PktErrors, TextsAreTheNames) {
     const auto code = static_cast<PktErrors>(value);
     if (pktErrorsText(code).empty()) continue;
     ++named;
+    Kiv::NboAttrLog log;
+    PktErrors back = noError;
+    log << code;
+    log >> back;
+    EXPECT_EQ(back, code);
     EXPECT_EQ(pktErrorsFromText(pktErrorsText(code)), code);
   }
   EXPECT_EQ(named, 36u);
   EXPECT_EQ(pktErrorsFromText("noerror"), std::nullopt);
   EXPECT_THROW(pktErrorsFromString(""), Kiv::RangeException);
   EXPECT_EQ(testing::PrintToString(static_cast<PktErrors>(-5)), "-5");
-  Kiv::NboAttrLog log;
-  PktErrors back = noError;
-  log << nonAhHmac96;
-  log >> back;
-  EXPECT_EQ(back, nonAhHmac96);
 }
 
 }  // namespace

@@ -126,6 +126,19 @@ class PktModel : public testing::TestWithParam<U32> {
       pkt.newSeparateVlanTag(model.tci = static_cast<U16>(upTo(0xffff)),
                              model.tpid = static_cast<U16>(upTo(0xffff)));
       model.tagged = true;
+      const U8 priority = static_cast<U8>(upTo(7));
+      const U16 vlanId = static_cast<U16>(upTo(0xfff));
+      if (upTo(1) == 0) {
+        pkt.tciPriorityIs(priority);
+        model.tci = static_cast<U16>((model.tci & 0x1fff) | priority << 13);
+      } else if (upTo(1) == 0) {
+        pkt.tciVlanIdIs(vlanId);
+        model.tci = static_cast<U16>((model.tci & 0xf000) | vlanId);
+      } else {
+        pkt.tciCfiIs(priority > 3);
+        model.tci = static_cast<U16>((model.tci & 0xefff) | (priority > 3) << 12);
+      }
+      EXPECT_EQ(pkt.tciPriority() << 13 | pkt.tciCfi() << 12 | pkt.tciVlanId(), model.tci);
     } else if (op == 6) {
       pkt.delSeparateVlanTag();
       model.tci = model.tpid = 0;
@@ -195,6 +208,12 @@ class PktModel : public testing::TestWithParam<U32> {
     ASSERT_EQ(pkt.frontBytes(), model.first == 2 ? 0 : pkt.iovecs()[0].iov_len);
     ASSERT_TRUE(pkt.frontBytes() == 0 || pkt.front() == pkt.iovecs()[0].iov_base);
     for (U32 i = 0; i < value.size(); i += 7) ASSERT_EQ(pkt.rawByte(i), value[i]);
+    std::string onWire(value.begin(), value.end());
+    if (model.tagged && onWire.size() >= 12) {
+      for (const int octet : {model.tci & 255, model.tci >> 8, model.tpid & 255, model.tpid >> 8})
+        onWire.insert(onWire.begin() + 12, static_cast<char>(octet));
+    }
+    ASSERT_EQ(std::string(pkt.stringValueMaybeWithVlan()), onWire);
     ASSERT_EQ(pkt.tciPresent(), model.tagged);
     ASSERT_EQ(pkt.tciField(), model.tci);
     ASSERT_EQ(pkt.vlanTpid(), model.tpid);

@@ -34,81 +34,30 @@ Pkt::Ptr pktOf(std::string_view bytes) {
 
 TEST(Pkt, BeginsEmptyAndAllHeadroom) {
   EXPECT_EQ(manager().name(), "Pkt::Manager");
-  const struct {
-    Pkt::Ptr pkt;
-    U32 size, numIovecs;
-  } rows[] = {{manager().newPkt(), 1536, 1},
-              {pktFactory(), 10000, 1},
-              {manager().newPkt(manager().newSharedBuffer(0)), 0, 1},
-              {manager().newPkt(nullptr), 0, 0}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.size);
-    EXPECT_TRUE(row.pkt->empty());
-    EXPECT_EQ(
-        row.pkt->bytes() + row.pkt->frontBytes() + row.pkt->iovec(0).iov_len + row.pkt->iovec(1).iov_len, 0u);
-    EXPECT_EQ(row.pkt->maxSharedData(), row.size);
-    EXPECT_EQ(row.pkt->numIovecs(), row.numIovecs);
-    EXPECT_EQ(row.pkt->sharedBuffer() ? headroom(row.pkt) : 0, row.size);
-    EXPECT_FALSE(row.pkt->tciPresent());
-    EXPECT_EQ(row.pkt->tciField() + row.pkt->vlanTpid() + row.pkt->beginOffset() + row.pkt->endOffset(), 0);
+  for (const auto& [pkt, size] : {std::pair(manager().newPkt(), 1536u), {pktFactory(), 10000u}}) {
+    EXPECT_TRUE(pkt->empty() && !pkt->tciPresent());
+    EXPECT_EQ(pkt->maxSharedData(), size);
+    EXPECT_EQ(headroom(pkt), size);
   }
+  const Pkt::Ptr bare = manager().newPkt(nullptr);
+  EXPECT_EQ(bare->maxSharedData() + bare->numIovecs() + bare->iovec(0).iov_len + bare->iovec(1).iov_len, 0u);
+  EXPECT_EQ(failureOf([&] { bare->iovec(2); }), "no such iovec");
+  bare->sharedBufferIs(nullptr);
+  EXPECT_EQ(bare->numIovecs(), 0u);
+  bare->sharedBufferIs(pktOf("data")->sharedBuffer());
+  EXPECT_EQ(text(bare), "data");
 }
 
-TEST(Pkt, ValuesGoInFrontOrBehindAndMayBeTheirOwn) {
-  Pkt::Ptr pkt = pktOf("middle");
-  pkt->stringValueIs(std::string("front "));
-  pkt->bytesValueIs({' ', 'b', 'a', 'c', 'k'}, true);
-  pkt->stringValueIs("");
-  EXPECT_EQ(text(pkt), "front middle back");
+TEST(Pkt, AValueMayBeItsOwn) {
   for (const bool toTail : {false, true}) {
     SCOPED_TRACE(toTail);
-    pkt = pktOf(std::string(1000, 'x') + "own");
+    const Pkt::Ptr pkt = pktOf(std::string(1000, 'x') + "own");
     pkt->stringValueIs({reinterpret_cast<const char*>(pkt->front()) + 999, 4}, toTail);
     pkt->stringValueIs({reinterpret_cast<const char*>(pkt->front()), 1007}, toTail);  // does not fit
     const std::string once =
         toTail ? std::string(1000, 'x') + "ownxown" : "xown" + std::string(1000, 'x') + "own";
     EXPECT_EQ(text(pkt), once + once);
   }
-  pkt = manager().newPkt(nullptr);
-  pkt->stringValueIs("");
-  pkt->sharedBufferIs(nullptr);
-  EXPECT_EQ(pkt->numIovecs(), 0u);
-  pkt->sharedBufferIs(pktOf("data")->sharedBuffer());
-  EXPECT_EQ(text(pkt), "data");
-  EXPECT_EQ(failureOf([&] { pkt->iovec(2); }), "no such iovec");
-}
-
-TEST(Pkt, TheSeparateTagIsPutBehindTheMacAddresses) {
-  const std::string tag("\x81\x00\xab\xcd", 4), frame(60, 'f'), macs(12, 'm');
-  const struct {
-    std::string data, wire;
-  } rows[] = {{"", ""},
-              {std::string(11, 'm'), std::string(11, 'm')},
-              {macs, macs + tag},
-              {frame, frame.substr(0, 12) + tag + frame.substr(12)}};
-  for (const auto& row : rows) {
-    const Pkt::Ptr pkt = pktOf(row.data);
-    EXPECT_EQ(pkt->stringValueMaybeWithVlan(), row.data);
-    pkt->newSeparateVlanTag(0xabcd, 0x8100);
-    EXPECT_EQ(pkt->stringValueMaybeWithVlan(), row.wire);
-    EXPECT_EQ(pkt->bytes(), row.data.size());
-  }
-}
-
-TEST(Pkt, TagSettersReplaceOnlyTheirBits) {
-  const Pkt::Ptr pkt = manager().newPkt();
-  for (const U16 tci : {U16{0x0000}, U16{0xffff}, U16{0xabcd}}) {
-    pkt->newSeparateVlanTag(tci, 0x88a8);
-    EXPECT_EQ(pkt->tciPriority() << 13 | pkt->tciCfi() << 12 | pkt->tciVlanId(), tci);
-    pkt->tciPriorityIs(5);
-    EXPECT_EQ(pkt->tciField(), (tci & 0x1fff) | 0xa000);
-    pkt->tciCfiIs(tci == 0);
-    EXPECT_EQ(pkt->tciField(), (tci & 0xfff) | 0xa000 | (tci == 0) << 12);
-    pkt->tciVlanIdIs(0x123);
-    EXPECT_EQ(pkt->tciField(), 0xa123 | (tci == 0) << 12);
-  }
-  pkt->tciPresentIs(false);
-  EXPECT_EQ(pkt->vlanTpid(), 0x88a8);
 }
 
 TEST(Pkt, AShallowCopyOfPrivateDataIsRefused) {
