@@ -40,7 +40,6 @@ TEST(EthAddr, GivesItsPartsByIndex) {
   EXPECT_EQ(a.station(), 0x0a0b0cu);
   EXPECT_EQ(a.displayString(), "0200.5e0a.0b0c");
   EXPECT_EQ(a.eui64().stringValue(), "02:00:5e:ff:ff:0a:0b:0c");
-  EXPECT_EQ(table::logged(a), (Kiv::Bytes{0x02, 0x00, 0x5e, 0x0a, 0x0b, 0x0c}));
   unsigned char wire[8] = {9, 9, 9, 9, 9, 9, 9, 9};
   a.copyToBuffer(wire + 1);
   EXPECT_EQ(std::memcmp(wire, "\x09\x02\x00\x5e\x0a\x0b\x0c\x09", 8), 0);
@@ -102,7 +101,6 @@ TEST(Values, RefuseFromTheLogWhatNoTextGives) {
   expectLogRefused<IsisAreaId>({0}, IsisAreaId("49"), "Invalid IsisAreaId");
   expectLogRefused<IsisAreaId>({14}, IsisAreaId("49"), "Invalid IsisAreaId");
   const Kiv::Bytes octets = table::logged(IpGenAddr("10.0.0.1"));
-  EXPECT_EQ(octets, (Kiv::Bytes{0, 0, 0, 1, 10, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
   for (const std::size_t bad :
        {std::size_t{3}, std::size_t{0}, std::size_t{19}}) {  // no family, or a bit behind IPv4
     Kiv::Bytes broken = octets;
@@ -112,27 +110,6 @@ TEST(Values, RefuseFromTheLogWhatNoTextGives) {
     EXPECT_THROW(log >> target, RangeException) << bad;
     EXPECT_EQ(target, IpGenAddr(ip6AddrMld));
   }
-}
-
-TEST(Values, HaveTheHashesThatAreFixed) {
-  using Hash = Kiv::SeededHash;
-  const Ip6Addr v6("2001:db8::ff:0:1234");
-  Kiv::U32 h = 0;
-  for (const Kiv::U32 word : {0x20010db8u, 0u, 0xffu, 0x1234u}) h = Kiv::hashMix(word ^ h);
-  EXPECT_EQ(v6.hash(), h);
-  const EthAddr mac("1:2:3:4:5:6");
-  EXPECT_EQ(mac.hash(), Kiv::hashMix((0x0102u ^ 0x0304u) << 16 | 0x0506u));
-  EXPECT_EQ(mac.hash(9), Hash(9).add(0x0201).add(0x0403).add(0x0605).value());
-  EXPECT_EQ(EthAddrWithMask(mac, mac).hash(3), Hash(3).add(mac.hash()).add(mac.hash()).value());
-  const IpAddr v4(10, 1, 2, 3);
-  EXPECT_EQ(v4.hash(), Kiv::hashMix(0x0302010a));
-  EXPECT_EQ(IpAddrWithMask(v4, 24).hash(5), Hash(5).add(v4.hash()).add(24).value());
-  EXPECT_EQ(Prefix(v4, 32).hash(5), Hash(5).add(v4.hash()).add(32).value());
-  EXPECT_EQ(IpAndPort(v4, 179).hash(5), Hash(5).add(v4.hash()).add(179).value());
-  EXPECT_EQ(Ip6AddrWithMask(v6, 64).hash(5), Hash(5).add(v6.hash()).add(64).value());
-  EXPECT_EQ(Ip6Prefix(v6, 64).hash(5), Hash(5).add(v6.hash()).add(64).value());
-  EXPECT_EQ(IpGenAddr(v4).hash(3), Hash(3).add(1).add(Ip6Addr("a01:203::").hash()).value());
-  EXPECT_EQ(IpGenPrefix(v4, 32).hash(9), Hash(9).add(1).add(Ip6Addr("a01:203::").hash()).add(32).value());
 }
 
 TEST(EtherUtil, MapsGroupsAndInterfaceIdentifiers) {
@@ -189,7 +166,6 @@ TEST(IpAddr, Converts) {
   unsigned char wire[6] = {9, 9, 9, 9, 9, 9};
   a.copyToBuffer(wire + 1);
   EXPECT_EQ(std::memcmp(wire, "\x09\x0a\x01\x02\x03\x09", 6), 0);
-  EXPECT_EQ(table::logged(a), (Kiv::Bytes{10, 1, 2, 3}));
   EXPECT_EQ((a & IpAddr("255.255.0.0")) | (~IpAddr("255.255.255.0") & IpAddr("1.1.1.9")), IpAddr("10.1.0.9"));
   for (unsigned len = 0; len <= 32; ++len) {
     const IpAddr mask = IpAddr::maskOfLength(len);
@@ -246,7 +222,6 @@ TEST(Ip6Addr, ViewsAreOfOneStorage) {
   Ip6Addr back;
   back.copyFromBuffer(octets);
   EXPECT_EQ(back, a);
-  EXPECT_EQ(table::logged(a), Kiv::Bytes(octets, octets + 16));
   const std::pair<std::string, std::function<void()>> failures[] = {
       {"u8", [&] { (void)a.u8(16); }},
       {"u8", [&] { (void)a.u8(kWide); }},

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <random>
 #include <sstream>
 #include <vector>
 
@@ -139,6 +138,10 @@ TEST(Prefix, HoldsItsInvariant) {
   const Prefix marker(IpAddr("10.1.0.1"), Prefix::kNoLen);
   EXPECT_TRUE(marker.validAsPrefix() && !marker.contains(IpAddr("10.1.0.1")) && !marker.contains(marker) &&
               marker.last() == IpAddr("10.1.0.1") && marker.stringValue() == "10.1.0.1/4294967295");
+  // Behind all others, whatever the address; for prefixes with a length see texts.py.
+  const Prefix other(IpAddr("0.0.0.0"), Prefix::kNoLen);
+  EXPECT_TRUE(Prefix("0.0.0.0/0") < marker && Prefix("255.255.255.255/32") < other && !(marker < other) &&
+              !(other < marker));
   const Prefix p("10.1.0.0/16");
   EXPECT_EQ(p.subnetHost(IpAddr("0.0.1.5")), IpAddr("10.1.1.5"));
   EXPECT_EQ(Prefix().subnetHost(IpAddr("255.1.2.3")), IpAddr("255.1.2.3"));
@@ -149,31 +152,6 @@ TEST(Prefix, HoldsItsInvariant) {
   EXPECT_TRUE(p.contains(IpAddr("10.1.255.255")) && !p.contains(IpAddr("10.2.0.0")));
   EXPECT_TRUE(p.overlaps(Prefix("10.0.0.0/8")) && !p.overlaps(Prefix("10.2.0.0/16")) && !p.overlaps(marker));
   EXPECT_TRUE(Prefix("10.0.0.1/32").isHost() && !p.isHost() && !Prefix("224.0.0.0/4").isUnicast());
-  EXPECT_EQ(table::logged(p), (Kiv::Bytes{10, 1, 0, 0, 0, 0, 0, 16}));
-}
-
-/// The order of prefixes as it is defined, step by step.
-bool sortsBefore(const Prefix& a, const Prefix& b) {
-  const auto lenA = static_cast<Kiv::S32>(a.len());
-  const auto lenB = static_cast<Kiv::S32>(b.len());
-  const Kiv::S32 shorter = std::min(lenA, lenB);
-  if (static_cast<Kiv::U32>(shorter - 1) > 31) return lenA > lenB;
-  const auto bits = static_cast<unsigned>(shorter);
-  if (a.address().maskedByLength(bits) != b.address().maskedByLength(bits)) return a.address() < b.address();
-  return lenA > lenB;
-}
-
-TEST(Prefix, SortsTheMoreSpecificFirst) {
-  std::independent_bits_engine<std::mt19937, 32, Kiv::U32> random(3);
-  std::vector<Prefix> prefixes = {Prefix(IpAddr("10.0.0.0"), Prefix::kNoLen),
-                                  Prefix(IpAddr("11.0.0.1"), Prefix::kNoLen)};
-  for (int i = 0; i < 700; ++i) {
-    const unsigned len = random() % 33;
-    prefixes.emplace_back(IpAddr::fromHostOrder(random() & 0x81018101).maskedByLength(len), len);
-  }
-  for (const Prefix& a : prefixes) {
-    for (const Prefix& b : prefixes) ASSERT_EQ(a < b, sortsBefore(a, b)) << a << " and " << b;
-  }
 }
 
 template <typename T>
@@ -209,18 +187,13 @@ TYPED_TEST(Ip6AddrAndLenTest, ContainsAndOverlaps) {
   const T net(Ip6Addr("2001:db8::"), 32);
   const T null(Ip6Addr(), 0xffff'ffff);
   EXPECT_TRUE(net.contains(Ip6Addr("2001:db8:ffff::1")) && !net.contains(Ip6Addr("2001:db9::")));
-  EXPECT_TRUE(T(Ip6Addr(), 0).contains(Ip6Addr("ff02::1")) &&
-              T(ip6AddrLoopback, 128).contains(ip6AddrLoopback));
   EXPECT_FALSE(T(ip6AddrLoopback, 128).contains(ip6AddrZero) || null.contains(Ip6Addr()) ||
-               T(Ip6Addr(), 129).contains(Ip6Addr()));
-  for (const auto& [a, b, overlap] : {std::tuple(net, net, true),
-                                      {net, T("2001:db8:1::/48"), true},
-                                      {net, T("2001:db9::/48"), false},
-                                      {net, T("::/0"), true},
-                                      {net, T("2001:d00::/24"), true},
-                                      {net, null, false},
-                                      {null, null, false}}) {
-    EXPECT_TRUE(a.overlaps(b) == overlap && b.overlaps(a) == overlap) << a << " " << b;
+               T(Ip6Addr(), 129).contains(Ip6Addr()) || null.overlaps(null) || null.overlaps(net));
+  for (const auto& [text, overlap] : {std::pair("2001:db8:1::/48", true),
+                                      {"2001:db9::/48", false},
+                                      {"::/0", true},
+                                      {"2001:d00::/24", true}}) {
+    EXPECT_TRUE(net.overlaps(T(text)) == overlap && T(text).overlaps(net) == overlap) << text;
   }
   EXPECT_TRUE(net.validAsPrefix() && T(ip6AddrLoopback, 128).validAsPrefix());
   EXPECT_FALSE(null.validAsPrefix() || T(Ip6Addr(), 129).validAsPrefix() ||
@@ -256,8 +229,6 @@ TEST(AddrWithMask, KnowsItsSubnet) {
   EXPECT_TRUE(gen.subnet() == IpGenPrefix("10.1.2.0/24") && gen.contains(IpAddr("10.1.2.255")));
   EXPECT_FALSE(gen.contains(IpAddr("10.1.3.0")) || gen.contains(Ip6Addr("a01:203::")));
   EXPECT_EQ(IpGenAddrWithMask("2001:db8::1/64").subnet(), IpGenPrefix("2001:db8::/64"));
-  EXPECT_EQ(table::logged(IpAddrWithFullMask(IpAddr("10.1.2.3"), 0xff000000)),
-            (Kiv::Bytes{10, 1, 2, 3, 255, 0, 0, 0}));
 }
 
 TEST(Generic, ConstructorsCheckLengthsAndHostBits) {

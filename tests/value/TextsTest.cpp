@@ -126,12 +126,25 @@ void expectOrder(const Fields& row) {
   table::expectOrdered(ascending);
 }
 
+/// hash(), hash(5) and the octets in the attribute log.
+template <typename T>
+std::string bitsOf(std::string_view text) {
+  const T value(text);
+  std::string bits = std::to_string(value.hash()) + " " + std::to_string(value.hash(5)) + " ";
+  for (const Kiv::U8 octet : table::logged(value)) {
+    bits += "0123456789abcdef"[octet >> 4];
+    bits += "0123456789abcdef"[octet & 15];
+  }
+  return bits;
+}
+
 struct Checks {
   Reading (*read)(std::string_view text, std::string_view canonical);
   void (*order)(const Fields&);
+  std::string (*bits)(std::string_view text);
 };
 template <typename T>
-constexpr Checks checks{readingOf<T>, expectOrder<T>};
+constexpr Checks checks{readingOf<T>, expectOrder<T>, bitsOf<T>};
 
 const std::map<std::string, Checks> kTypes = {
 #define TYPE(name) \
@@ -194,6 +207,13 @@ TEST(Texts, ValuesSortAsTheSlowReaderSortsThem) {
   for (const Fields& row : rowsOf("order")) {
     SCOPED_TRACE(row[1]);
     kTypes.at(row[1]).order(row);
+  }
+}
+
+TEST(Texts, HashesAndTheLogAreThoseOfTheSlowReader) {
+  for (const Fields& row : rowsOf("bits")) {
+    EXPECT_EQ(kTypes.at(row[1]).bits(row[2]), row[3] + " " + row[4] + " " + row[5])
+        << row[1] << ' ' << row[2];
   }
 }
 
@@ -327,30 +347,16 @@ TEST(Texts, TheCompilerReadsWhatTheProgramReads) {
   SAME(EthAddrWithMask, "Value('Wirl::EthAddrWithMask', ** {'mac': 2:0:0:0:0:1, 'mask': 1.2.3})")
   SAME(Eui64, "0-1-2-3-4-5-6-Aa")
   SAME(IpAddr, "010.1.2.003")
-  SAME(Prefix, "10.0.0.0/8")
-  SAME(IpAddrWithMask, "10.1.2.3/40")
   SAME(IpAddrWithFullMask, "Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 7})")
-  SAME(IpAndPort, "10.0.0.1:179")
   SAME(Ip6Addr, "2001:db8::192.0.2.1")
-  SAME(Ip6Addr, "::")
-  SAME(Ip6Prefix, "2001:db8::/32")
   SAME(Ip6AddrWithFullMask, "::1/ffff::")
-  SAME(IpGenAddr, "::ffff:1.2.3.4")
-  SAME(IpGenPrefix, "10.0.0.0/8")
-  SAME(IpGenAddrWithMask, "fe80::1/64")
-  SAME(IpGenAddrWithFullMask, "10.1.2.3/255.0.255.0")
   SAME(IpDscp, "af11")
   SAME(RouteDistinguisher, "65536:1")
-  SAME(MplsLabelStack, "1/2/3")
-  SAME(InterfaceName, "eth0")
   SAME(IsisAreaId, "49.0001")
   SAME(IpGenAndPort, "[fe80::1%eth0]:179")
   REFUSED(EthAddr, "1:2:3:4:5");
   REFUSED(IpAddr, "256.0.0.1");
-  REFUSED(Prefix, "10.0.0.1/8");
   REFUSED(Ip6Addr, "1::2::3");
-  REFUSED(IpGenPrefix, "::/129");
-  REFUSED(AsNumber, "4294967296");
   static_assert(std::same_as<decltype("10.0.0.0/8"_prefix), Prefix> && "10.0.0.0/8"_prefix.len() == 8);
   static_assert(std::same_as<decltype("::/8"_prefix), Ip6Prefix> && "::1"_ip == ip6AddrLoopback);
   static_assert("192.0.2.1"_ip.hostOrder() == 0xc000'0201 && "10.1.2.3/24"_ipWithMask.len() == 24);

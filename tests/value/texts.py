@@ -9,6 +9,7 @@ Rows, with tabs between the fields, and octets that do not print as \\xNN:
                                               MESSAGE, if any, refuses the whole text
     order TYPE TEXT...                        values in ascending order
     holds TYPE TEXT PREDICATE...              the predicates that hold of an address
+    bits TYPE TEXT HASH SEEDED OCTETS         hash(), hash(5) and what the attribute log gets, in hexadecimal
 Addresses are also read by Python's ipaddress, which must agree but where it is known not to.
 """
 import ipaddress
@@ -506,7 +507,9 @@ IP6 = ['::', '::1', '1::', '2001:db8::1', '2001:DB8:0:0:1:0:0:1', '2001:db8:0:1:
        '0000:0000:0000:0000:0000:ffff:255.255.255.2555', '1:2:3:4:5:6:7:8::', '::1:2:3:4:5:6:7:8', '', 'x', '::...', '1:']
 IP6S = ('::', '::1', '::100', '::1:0:0', '::8000:0:0:0', '0:0:0:1::', '1::', '7fff::', '8000::', 'ff00::', 'ffff:' * 7 + 'ffff')
 PREFIX4 = ('0.0.0.0/32', '10.0.0.0/32', '10.1.0.0/24', '10.1.0.0/16', '10.128.0.0/9', '10.0.0.0/8', '11.0.0.0/8', '0.0.0.0/1',
-           '255.255.255.255/32', '128.0.0.0/1', '0.0.0.0/0')
+           '255.255.255.255/32', '128.0.0.0/1', '0.0.0.0/0') + tuple(
+               str(ipaddress.ip_network((r.getrandbits(32) & 0x81018101, r.randint(0, 32)), strict=False))
+               for r in [random.Random(3)] for _ in range(60))
 PREFIX6 = ('::/128', '::1/128', '::/64', '::/3', '2000::/128', '2001:db8:0:1::/64', '2001:db8:1::/64', '2001:db8::/32',
            '2001:db9::/48', '2000::/3', 'fe80::/10', 'fe80::/9', '::/0', '::1/64', '::2/64', '::2/3', '2000::1/3', '::7/0')
 NUMBERS = ['0', '1', '7', '8', '007', '15', '16', '63', '64', '128', '129', '130', '255', '256', '65535', '65536', '1048575',
@@ -707,6 +710,94 @@ def print_predicates():
             print('holds', 'IpGenAddr', text, *both, sep='\t')
 
 
+# Hashes, and the octets of the attribute log.
+
+def mix(key):
+    key = (~key + (key << 15)) % 2**32
+    key ^= key >> 12
+    key = (key + (key << 2)) % 2**32
+    key ^= key >> 4
+    key = key * 2057 % 2**32
+    return key ^ key >> 16
+
+
+def seeded(seed, *words):
+    def rotated(word, by):
+        return (word << by | word >> 32 - by) % 2**32
+    state = seed
+    for word in words:
+        word = rotated(word * 0xcc9e2d51 % 2**32, 15) * 0x1b873593 % 2**32
+        state = (rotated(state ^ word, 13) * 5 + 0xe6546b64) % 2**32
+    h = state ^ len(words)
+    h = (h ^ h >> 16) * 0x85ebca6b % 2**32
+    h = (h ^ h >> 13) * 0xc2b2ae35 % 2**32
+    return h ^ h >> 16
+
+
+def words(octets, size, order='big'):
+    return [int.from_bytes(bytes(octets[i:i + size]), order) for i in range(0, len(octets), size)]
+
+
+def hash_of(octets):
+    """Of an address alone, by how long it is."""
+    if len(octets) == 6:
+        a, b, c = words(octets, 2)
+        return mix((a ^ b) << 16 | c)
+    if len(octets) == 4:
+        return mix(int.from_bytes(bytes(octets), 'little'))
+    h = 0
+    for word in words(octets, 4):
+        h = mix(word ^ h)
+    return h
+
+
+def stored(octets):
+    return tuple(octets) + (0,) * (16 - len(octets))
+
+
+def family_of(octets):
+    return 1 if len(octets) == 4 else 2
+
+
+def octets_of(number, size=4):
+    return tuple(number.to_bytes(size, 'big'))
+
+
+def fields_of(name, value):
+    """What the seeded hash takes, and the octets of the log."""
+    if name == 'EthAddr':
+        return words(value, 2, 'little'), value
+    if name == 'IpAddr':
+        return [int.from_bytes(bytes(value), 'little')], value
+    if name == 'Ip6Addr':
+        return words(value, 4), value
+    if name == 'EthAddrWithMask':
+        return [hash_of(value[0]), hash_of(value[1])], value[0] + value[1]
+    if name == 'IpGenAddr':
+        return [family_of(value), hash_of(stored(value))], octets_of(family_of(value)) + stored(value)
+    address, number = value
+    if name == 'IpGenPrefix':
+        return ([family_of(address), hash_of(stored(address)), number],
+                octets_of(family_of(address)) + stored(address) + octets_of(number))
+    return [hash_of(address), number], address + octets_of(number, 2 if name == 'IpAndPort' else 4)
+
+
+def print_bits():
+    for name in ('EthAddr', 'IpAddr', 'Ip6Addr', 'EthAddrWithMask', 'IpGenAddr', 'IpGenPrefix', 'Prefix', 'IpAddrWithMask',
+                 'IpAddrWithFullMask', 'IpAndPort', 'Ip6Prefix', 'Ip6AddrWithMask'):
+        for text in list(TYPES[name].order)[:12] + [t for t in TYPES[name].seeds[:12] if not of_a_maker(t)]:
+            t = Text(text)
+            try:
+                value = TYPES[name].read(t)
+            except Refused:
+                continue
+            if t.rest():
+                continue
+            taken, octets = fields_of(name, value)
+            unseeded = hash_of(value) if name in ('EthAddr', 'IpAddr', 'Ip6Addr') else seeded(0, *taken)
+            print('bits', name, escaped(text), unseeded, seeded(5, *taken), bytes(octets).hex(), sep='\t')
+
+
 def escaped(text):
     return ''.join(c if ' ' <= c <= '~' and c != '\\' else '\\x%02x' % ord(c) for c in text)
 
@@ -770,6 +861,7 @@ def main():
         ordered = sorted({type_.read(Text(text)) for text in type_.order}, key=type_.key)
         print('order', name, *(escaped(type_.show(value)) for value in ordered), sep='\t')
     print_predicates()
+    print_bits()
 
 
 if __name__ == '__main__':
