@@ -204,6 +204,7 @@ void Pkt::Cache::limitIs(U32 newLimit) noexcept {
   renew(pkts);
   renew(barePkts);
   renew(buffers);  // last: deleting the packets puts their buffers here
+  renew(slices);
   limit = newLimit;
 }
 
@@ -224,11 +225,16 @@ void Pkt::Cache::keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept {
 
 void Pkt::SharedBuffer::onZeroReferences() const noexcept {
   if (cache_.state == Cache::State::unused) cache_.limitIs(kCacheLimit);
+  auto* const self = const_cast<SharedBuffer*>(this);
+  if (kind_ == kSlice) {
+    self->whole_ = nullptr;
+    if (!cache_.slices.keep(self)) delete this;
+    return;
+  }
   // Buffers that are kept together with a packet count too: a spare buffer serves only packets that lost
   // theirs.
-  if (size_ != Manager::defaultBufferBytes_ ||
-      (Manager::cachedBuffers() >= cache_.limit && !spill(cache_.buffers)) ||
-      !cache_.buffers.keep(const_cast<SharedBuffer*>(this))) {
+  if (kind_ != Manager::defaultBufferBytes_ ||
+      (Manager::cachedBuffers() >= cache_.limit && !spill(cache_.buffers)) || !cache_.buffers.keep(self)) {
     delete this;
   }
 }
@@ -336,7 +342,7 @@ void Pkt::keepShownData() {
 
 void Pkt::ownSharedData() {
   const SharedBuffer& shared = buffer();
-  if (shared.references() != 1 || shown_ != shared.data_) copyShownData();
+  if (shared.references() != 1 || shared.whole_ || shown_ != shared.data_) copyShownData();
 }
 
 void Pkt::copyShownData() {

@@ -119,6 +119,9 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void delPrivateHeadData(U32 n);
   /// Gives a buffer to a packet that has no data yet; null leaves it without.
   void sharedBufferIs(Kiv::Ptr<SharedBuffer> buffer);
+  /// Cuts a packet that `Manager::newSlice` made to its first `n` bytes: like `delSharedTailData`, but leaves no
+  /// tailroom.
+  void sliceBytesIs(U32 n);
   /// Makes the whole shared buffer headroom again, for the next receive.
   void resetSharedData();
   /// Call it before a change that is to start from what this packet shows: if another holder has changed the
@@ -241,6 +244,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
     Recycled<Pkt> pkts;              // each with a default-size buffer of its own
     Recycled<Pkt> barePkts;          // without a buffer
     Recycled<SharedBuffer> buffers;  // of default size
+    Recycled<SharedBuffer> slices;   // of nothing at present
     U32 limit;
     enum class State : U8 { unused, open, closed } state;
     void limitIs(U32 newLimit) noexcept;
@@ -308,12 +312,12 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   [[gnu::tls_model("initial-exec")]] static constinit thread_local Cache cache_;
 };
 
-/// Memory that packets share. All headroom when new.
+/// Memory that packets share, or a slice of such memory. All headroom when new, a slice all data.
 class KIV_API Pkt::SharedBuffer final : public Kiv::PtrInterface {
  public:
   using Ptr = Kiv::Ptr<SharedBuffer>;
 
-  U8* buffer() const noexcept { return buffer_.get(); }
+  U8* buffer() const noexcept { return buffer_; }
   U32 size() const noexcept { return size_; }
   U8* data() const noexcept { return buffer() + data_.offset(); }
   U32 dataBytes() const noexcept { return data_.bytes(); }
@@ -326,15 +330,22 @@ class KIV_API Pkt::SharedBuffer final : public Kiv::PtrInterface {
   template <typename T>
   friend class Kiv::Ptr;
 
-  explicit SharedBuffer(U32 size) : size_(size), buffer_(new U8[size]), data_(size, 0) {}
-  ~SharedBuffer() override = default;
+  static constexpr U32 kSlice = 0xffffffff;  // no buffer has this size
+
+  explicit SharedBuffer(U32 size) : kind_(size), size_(size), buffer_(new U8[size]), data_(size, 0) {}
+  SharedBuffer() noexcept : kind_(kSlice) {}
+  ~SharedBuffer() override {
+    if (kind_ != kSlice) delete[] buffer_;
+  }
   static void* operator new(std::size_t bytes);
   static void operator delete(void* memory) noexcept;
   void onZeroReferences() const noexcept override;
 
-  const U32 size_;
-  const std::unique_ptr<U8[]> buffer_;
+  const U32 kind_;  // the size, or that it is a slice
+  U32 size_ = 0;
+  U8* buffer_ = nullptr;
   Range data_;
+  Kiv::Ptr<SharedBuffer> whole_;  // of a slice: whose memory it is
 };
 
 /// Makes packets and buffers.
@@ -359,6 +370,12 @@ class KIV_API Pkt::Manager final : public Kiv::PtrInterface {
   /// `source`, but not its offset range. Throws `RangeException` "shallow copy of packet with non-shared
   /// data" when `source` has private head data.
   Pkt::Ptr newShallowCopy(const Pkt::Ptr& source) const;
+
+  /// A packet over `bytes` octets of the memory of `whole`, from its octet `offset` on: for many messages that
+  /// arrived in one buffer. It copies nothing, and shares the memory but not the range: it begins with no
+  /// headroom and no tailroom, and growth takes it to a buffer of its own. It keeps all of `whole` alive;
+  /// `ownSharedData` ends that. Octets past the buffer end the process.
+  static Pkt::Ptr newSlice(const SharedBuffer::Ptr& whole, U32 offset, U32 bytes);
 
   /// How many released packets with a buffer the calling thread keeps for itself, and as many packets and
   /// buffers apart. A new limit frees what the thread keeps; 0 turns recycling off for it.
@@ -473,7 +490,7 @@ inline void Pkt::onZeroReferences() const noexcept {
   // Packets are made non-const; the last pointer to one may be a pointer to const.
   Pkt& self = const_cast<Pkt&>(*this);
   SharedBuffer* const shared = sharedBuffer_.get();
-  if (shared && ((shared->references() ^ 1) | (shared->size_ ^ Manager::defaultBufferBytes_)) == 0)
+  if (shared && ((shared->references() ^ 1) | (shared->kind_ ^ Manager::defaultBufferBytes_)) == 0)
       [[likely]] {
     if (!cache_.pkts.keep(&self)) [[unlikely]]
       cache_.keepOrDelete(cache_.pkts, &self);
@@ -489,6 +506,28 @@ inline Pkt::Ptr Pkt::Manager::newPkt() const {
   pkt->fields_ = {.firstIoVec = 1};
   pkt->rangeIs(*pkt->sharedBuffer_, Range(defaultBufferBytes_, 0));
   return Pkt::Ptr::adopt(pkt);
+}
+
+inline Pkt::Ptr Pkt::Manager::newSlice(const SharedBuffer::Ptr& whole, U32 offset, U32 bytes) {
+  KIV_ASSERT_AS(whole && offset <= whole->size_ && bytes <= whole->size_ - offset,
+                "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
+  SharedBuffer::Ptr slice = cache_.slices.empty() ? SharedBuffer::Ptr(new SharedBuffer)
+                                                  : SharedBuffer::Ptr::adopt(cache_.slices.take());
+  slice->size_ = bytes;
+  slice->buffer_ = whole->buffer_ + offset;
+  slice->data_ = Range(0, bytes);
+  slice->whole_ = whole->whole_ ? whole->whole_ : whole;
+  Pkt* const pkt = takeBare();
+  pkt->start(std::move(slice));
+  return Pkt::Ptr::adopt(pkt);
+}
+
+inline void Pkt::sliceBytesIs(U32 n) {
+  SharedBuffer& slice = buffer();
+  KIV_ASSERT_AS(n <= slice.data_.bytes() && slice.whole_,
+                "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )");
+  slice.size_ = slice.data_.offset() + n;
+  rangeIs(slice, Range(slice.data_.offset(), n));
 }
 
 inline Pkt::Ptr Pkt::Manager::newShallowCopy(const Pkt::Ptr& source) const {

@@ -255,17 +255,22 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
 
   // TcpPduPamReceive.cpp
   bool withinBudget() const noexcept { return rxBudget() == 0 || pdusOfEvent_ < rxBudget(); }
-  bool readingIsOver() const noexcept { return end_ || !rxErrorReason().empty(); }
+  bool readingIsOver() const noexcept { return readingOver_; }
   bool receiving() const noexcept { return reader_.pdu() && !readable() && !readingIsOver(); }
   void readableSet(bool value);
+  detail::PduReader::Take howToRead() const noexcept;
   Outcome readOnce();
+  Outcome readExactly();
+  Outcome readNext();
   bool readPdu();
+  bool sliceNext();
   void readOn();
   void readEvent();
   bool offerRest();
   void handleReadError(const Outcome& outcome);
   void endTell();
   void traceRead(const Outcome& outcome, U16 lacked) const;
+  void traceSlice() const;
   void traceNotPulled();
 
   // TcpPduPamEnd.cpp
@@ -308,6 +313,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   bool inReadEvent_ = false;
   bool readAgain_ = false;  // before that is over
   bool inPull_ = false;
+  bool readingOver_ = false;
   bool heard_ = false;  // octets came since the idle time began
   bool txFailed_ = false;
   bool txWaited_ = false;  // something had to wait for the socket since all was sent

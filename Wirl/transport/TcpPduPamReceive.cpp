@@ -50,8 +50,8 @@ U16 TcpPduPam::pduSize(std::uint64_t length, U16 header) noexcept {
 /// The caller keeps the Pam alive.
 void TcpPduPam::readableSet(bool value) {
   if (!readable.store(value)) return;
-  // In an event the user is about to pull: the registration is set at the end, for what is left then.
-  if (!inReadEvent_) readNotificationUpdate();
+  // At the end of an event, or of a pull outside of one, the registration is set for what is left then.
+  if (!inReadEvent_ && !inPull_) readNotificationUpdate();
   handleReadable();
   readable.notifiees().notify();
 }
@@ -76,30 +76,61 @@ void TcpPduPam::readableSet(bool value) {
   }
 }
 
-[[gnu::always_inline]] inline TcpPduPam::Outcome TcpPduPam::readOnce() {
+inline PduReader::Take TcpPduPam::howToRead() const noexcept {
   // With one PDU per event the later ones must stay in the socket, so that it reports them.
-  const auto take = !readAhead() || readOnePktOnly() ? PduReader::Take::needed
-                    : edgeTriggered()                ? PduReader::Take::aheadToEnd
-                                                     : PduReader::Take::ahead;
+  return !readAhead() || readOnePktOnly() ? PduReader::Take::needed
+         : edgeTriggered()                ? PduReader::Take::aheadToEnd
+                                          : PduReader::Take::ahead;
+}
+
+[[gnu::cold]] void TcpPduPam::traceSlice() const {
+  const U16 total = static_cast<U16>(reader_.pdu()->bytes());
+  traceRead({Result::fullPduRead, 0, nullptr, total, total}, total);
+}
+
+[[gnu::always_inline]] inline TcpPduPam::Outcome TcpPduPam::readOnce() {
   const U16 lacked = reader_.lacks();
-  const Outcome outcome =
-      reader_.read(fileDescriptor()->descriptor(), take, maxPduLength(), [this] { return getPduSize(); });
+  const Outcome outcome = reader_.read(fileDescriptor()->descriptor(), howToRead(), maxPduLength(),
+                                       [this] { return getPduSize(); });
   heard_ |= outcome.received > 0;
   if (tcpPduPamTrace.enabled(8)) [[unlikely]]
     traceRead(outcome, lacked);
   return outcome;
 }
 
+/// Reads once for the PDU in reception, which it begins.
+[[gnu::always_inline]] inline TcpPduPam::Outcome TcpPduPam::readExactly() {
+  reader_.begin(maxPduLength(), [this] { return getPduSize(); });
+  return fd() ? readOnce() : Outcome{Result::waitForMoreData};
+}
+
+// One call of readExactly(), so that the compiler takes it in: see PduReader::read().
+[[gnu::always_inline]] inline TcpPduPam::Outcome TcpPduPam::readNext() {
+  const auto take = howToRead();
+  if (take != PduReader::Take::needed && !reader_.pdu()) [[unlikely]] {
+    if (!reader_.hasMore()) {
+      const Outcome outcome =
+          reader_.fill(fileDescriptor()->descriptor(), take, [this] { return getPduSize(); });
+      heard_ |= outcome.received > 0;
+      if (outcome.error != ENOMEM || !fd()) return outcome;
+    } else if (reader_.slice(maxPduLength(), [this] { return getPduSize(); })) {
+      if (tcpPduPamTrace.enabled(8)) [[unlikely]]
+        traceSlice();
+      return {Result::fullPduRead};
+    } else if (!fd()) {
+      return {Result::waitForMoreData};
+    }
+  }
+  return readExactly();
+}
+
 /// The caller keeps the Pam alive.
 [[gnu::always_inline]] inline bool TcpPduPam::readPdu() {
   if (readable()) return true;
-  KIV_ASSERT_AS(fd() && fd()->notifyOnReadable(), "fd()->notifyOnReadable()", name());
   if (end_ || reader_.asking()) return false;
   for (;;) {
-    reader_.begin(maxPduLength(), [this] { return getPduSize(); });
+    const Outcome outcome = readNext();
     if (!fd()) return false;  // the framing has cleaned up
-    const Outcome outcome = readOnce();
-    if (!fd()) return false;
     switch (outcome.result) {
       case Result::readMoreData:
         break;
@@ -119,6 +150,7 @@ void TcpPduPam::readableSet(bool value) {
 
 bool TcpPduPam::readNextPdu() {
   const auto alive = Kiv::keepAlive(this);
+  KIV_ASSERT_AS(readable() || (fd() && fd()->notifyOnReadable()), "fd()->notifyOnReadable()", name());
   const bool whole = readPdu();
   pendingWriteOnlyApply();
   return whole;
@@ -193,6 +225,7 @@ void TcpPduPam::handleReadError(const Outcome& outcome) {
   if (readingIsOver()) return;
   KIV_TRACE(tcpPduPamTrace, 0) << Printed{[&outcome] { return outcome.value().reason; }} << *this;
   if (receiving()) outcome.error == EMSGSIZE ? reader_.giveUp() : reader_.clear();
+  readingOver_ = true;
   end_ = outcome.reason;
   endError_ = outcome.error;
   // The client still has PDUs to take in an event, in a pull and while one is held: tell it behind them.
@@ -222,16 +255,30 @@ void TcpPduPam::endTell() {
 
 /// Looks for the PDU behind the one that is handed over.
 inline void TcpPduPam::readOn() {
-  if (!fd() || readable() || end_ || !readModeEnabled() || pendingMode_ == tcpEnableModeWriteOnly) {
-    return;
-  }
-  if (!fd()->notifyOnReadable()) readNotificationUpdate();
-  if (readingIsOver()) return;
+  if (!fd() || readingIsOver() || !readModeEnabled() || pendingMode_ == tcpEnableModeWriteOnly) return;
   if (readOnePktOnly()) {
     if (!offerRest()) handleSocketReadable();
   } else if (withinBudget() || !offerRest()) {
     readPdu();
   }
+}
+
+/// Looks for that PDU among what was read ahead, before `readable` goes off: it stays on from one PDU to the
+/// next.
+[[gnu::always_inline]] inline bool TcpPduPam::sliceNext() {
+  if (!reader_.hasMore() || readOnePktOnly() || readingOver_ || pendingMode_ == tcpEnableModeWriteOnly ||
+      !readModeEnabled() || !withinBudget() || reader_.asking()) {
+    return false;
+  }
+  try {
+    if (!reader_.slice(maxPduLength(), [this] { return getPduSize(); })) return false;
+  } catch (...) {
+    readable.store(false);
+    throw;
+  }
+  if (tcpPduPamTrace.enabled(8)) [[unlikely]]
+    traceSlice();
+  return true;
 }
 
 void TcpPduPam::doGetRxPkt() {
@@ -247,13 +294,22 @@ void TcpPduPam::doGetRxPkt() {
     bool& inPull;
     ~End() { inPull = false; }
   } end{inPull_};
-  if (!pulled_) {
-    pulled_ = reader_.take();
-    ++pdusOfEvent_;
-    eventsNotPulled_ = 0;
-    readableSet(false);
+  const auto watch = [this] {
+    if (!inReadEvent_) readNotificationUpdate();
+  };
+  try {
+    if (!pulled_) {
+      pulled_ = reader_.take();
+      ++pdusOfEvent_;
+      eventsNotPulled_ = 0;
+      if (!sliceNext()) readableSet(false);
+    }
+    if (!readable()) readOn();
+  } catch (...) {
+    watch();
+    throw;
   }
-  readOn();
+  watch();
   rxPktHolderIs(std::exchange(pulled_, nullptr));
 }
 

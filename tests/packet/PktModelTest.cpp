@@ -95,6 +95,24 @@ class PktModel : public testing::TestWithParam<U32> {
     return made;
   }
 
+  /// Two neighbours, to see that what one of them becomes does not touch the other.
+  void makeSlices(Pair& first, Pair& second) {
+    const auto whole = globalPktManager()->newSharedBuffer(200);
+    U32 at = upTo(20);
+    for (Pair* each : {&first, &second}) {
+      const U32 n = upTo(80);
+      *each = {Pkt::Manager::newSlice(whole, at, 200 - at), {}};
+      each->pkt->sliceBytesIs(n);
+      each->model.buffer = std::make_shared<Buffer>(n);
+      each->model.buffer->offset = 0;
+      each->model.buffer->bytes = n;
+      each->model.first = 1;
+      each->model.show();
+      write(whole->buffer() + at, each->model.buffer->memory.data(), n);
+      at += n;
+    }
+  }
+
   void step(Pair& on) {
     Pkt& pkt = *on.pkt;
     Model& model = on.model;
@@ -103,6 +121,7 @@ class PktModel : public testing::TestWithParam<U32> {
     log_ << " " << op;
     if (op == 0) {
       on = make();
+      if (upTo(3) == 0) makeSlices(on, pairs_[upTo(static_cast<U32>(pairs_.size()) - 1)]);
     } else if (op == 1) {
       if (!model.head.empty()) return;
       Pair copy{globalPktManager()->newShallowCopy(on.pkt), model};

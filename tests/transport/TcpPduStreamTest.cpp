@@ -217,7 +217,7 @@ TEST_P(TcpPduStreamTest, AllThatArrivedIsHandedOverBeforeTheEndIsTold) {
       stream += sent.back();
     }
     if (sent.empty() && ending == cleanedUp) continue;
-    std::size_t questions = sent.empty() ? 0 : upTo(random, 2 * sent.size() - 1);
+    std::size_t questions = sent.empty() ? 0 : upTo(random, sent.size() - 1);
     pam->asked = [&, raw = pam.get()] {
       if (ending == cleanedUp && questions-- == 0) raw->cleanup();
       if (upTo(random, 20) == 0) {

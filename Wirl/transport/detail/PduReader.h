@@ -69,6 +69,13 @@ class PduReader {
   /// after it.
   template <typename Size>
   void begin(U32 max, Size size);
+  /// Reads ahead between two PDUs, when nothing is left of what was read. Asks for the header's length, too.
+  template <typename Size>
+  Outcome fill(int socket, Take take, Size size);
+  /// Makes the next PDU a slice of what was read ahead. False if it is not whole there, or must be looked at
+  /// in steps; then it is begun and read, and copied.
+  template <typename Size>
+  bool slice(U32 max, Size size);
   /// Reads once for the PDU that was begun.
   template <typename Size>
   Outcome read(int socket, Take take, U32 max, Size size);
@@ -76,7 +83,7 @@ class PduReader {
  private:
   /// Asks the framing. False if that took the PDU away.
   template <typename Size>
-  bool ask(Size& size, U16& total) {
+  [[gnu::always_inline]] bool ask(Size& size, U16& total) {
     const Pkt* const asked = pdu_.get();
     const struct Asking {
       bool& flag;
@@ -87,7 +94,13 @@ class PduReader {
     total = size();
     return pdu_.get() == asked;
   }
-  ssize_t receive(int socket, Take take, U8* to, U16 length) {
+  static Outcome failed(ssize_t received, int error) noexcept {
+    if (received == 0) return {Result::error, 0, kClosedByPeer};
+    if (error == EINTR) return {Result::readMoreData};
+    if (error == EAGAIN) return {Result::waitForMoreData};
+    return {Result::error, error, "Recv failed with "};
+  }
+  [[gnu::always_inline]] ssize_t receive(int socket, Take take, U8* to, U16 length) {
     if (!ahead_.empty()) return ahead_.take(to, length);
     if (take != Take::needed) return ahead_.receive(socket, to, length, take == Take::aheadToEnd);
     return recv(socket, to, length, MSG_DONTWAIT);
@@ -96,6 +109,7 @@ class PduReader {
   Pkt::Ptr pdu_;
   ReadAhead ahead_;
   U16 lacks_ = 0;
+  U16 header_ = 0;  // what the framing asked for between two PDUs
   bool asking_ = false;
   bool tooBig_ = false;
 };
@@ -119,6 +133,42 @@ void PduReader::begin(U32 max, Size size) {
   }
 }
 
+template <typename Size>
+[[gnu::always_inline]] inline PduReader::Outcome PduReader::fill(int socket, Take take, Size size) {
+  if (!ask(size, header_)) return {Result::waitForMoreData};
+  KIV_ASSERT_AS(header_ > 0, "getPduSize() > 0");
+  const ssize_t received = ahead_.fill(socket, take == Take::aheadToEnd);
+  if (received > 0) [[likely]]
+    return {Result::readMoreData, 0, nullptr, static_cast<U32>(received), header_};
+  return failed(received, errno);
+}
+
+template <typename Size>
+[[gnu::always_inline]] inline bool PduReader::slice(U32 max, Size size) {
+  if (pdu_ || !ahead_.sliceable()) return false;
+  const U32 visible = std::min(ahead_.bytes(), max);
+  if (visible < header_) return false;
+  U16 total = 0;
+  try {
+    pdu_ = ahead_.slice(visible);
+    if (!ask(size, total)) [[unlikely]]
+      return false;
+  } catch (const std::bad_alloc&) {
+    pdu_ = nullptr;
+    return false;
+  } catch (...) {
+    pdu_ = nullptr;
+    throw;
+  }
+  if (tooBig_ || total > visible || total < header_) [[unlikely]] {
+    pdu_ = nullptr;
+    return false;
+  }
+  pdu_->sliceBytesIs(total);
+  ahead_.skip(total);
+  return true;
+}
+
 // Inlined: after a system call the return predictor is flushed (Spectre mitigations), so each return costs a
 // misprediction.
 template <typename Size>
@@ -130,12 +180,7 @@ template <typename Size>
   if (received != wanted) [[unlikely]] {
     const int error = errno;
     pkt.delSharedTailData(received > 0 ? static_cast<U32>(wanted - received) : U32{wanted});
-    if (received == 0) return {Result::error, 0, kClosedByPeer};
-    if (received < 0) {
-      if (error == EINTR) return {Result::readMoreData};
-      if (error == EAGAIN) return {Result::waitForMoreData};
-      return {Result::error, error, "Recv failed with "};
-    }
+    if (received <= 0) return failed(received, error);
   }
   lacks_ = static_cast<U16>(wanted - received);
   U16 total = 0;

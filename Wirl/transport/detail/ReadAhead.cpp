@@ -10,47 +10,76 @@ namespace Wirl::detail {
 
 namespace {
 
-using Buffer = std::unique_ptr<Kiv::U8[]>;
+// None are kept under AddressSanitizer, which is to see the use of a packet that is gone.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kKeep = false;
+#elif defined(__has_feature)
+constexpr bool kKeep = !__has_feature(address_sanitizer);
+#else
+constexpr bool kKeep = true;
+#endif
+
+using Buffer = Pkt::SharedBuffer::Ptr;
 
 // Connections may outlive the thread's variables, but not look at one that is gone.
-thread_local bool spareGone = false;
-struct Spare {
-  Buffer buffer;
-  ~Spare() { spareGone = true; }
+thread_local bool buffersGone = false;
+struct Buffers {
+  Buffer all[ReadAhead::kBuffers];
+  Buffer copied;  // whose PDUs are copied
+  ~Buffers() { buffersGone = true; }
 };
-thread_local Spare spare;
+thread_local Buffers buffers;
 
 Buffer newBuffer() {
-  if (!spareGone && spare.buffer) return std::move(spare.buffer);
-  return Buffer(new (std::nothrow) Kiv::U8[ReadAhead::kBytes]);  // not cleared: it is read into
+  return globalPktManager()->newSharedBuffer(ReadAhead::kBytes);
+}
+
+/// Null without memory.
+Buffer freeBuffer(bool& sliceable) noexcept {
+  try {
+    sliceable = true;
+    if (!kKeep || buffersGone) return newBuffer();
+    for (Buffer& each : buffers.all) {
+      if (!each) each = newBuffer();
+      if (each->references() == 1) return each;
+    }
+    sliceable = false;
+    if (!buffers.copied) buffers.copied = newBuffer();
+    return buffers.copied->references() == 1 ? buffers.copied : newBuffer();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 }  // namespace
 
-void ReadAhead::release() noexcept {
-  if (buffer_ && !spareGone) spare.buffer = std::move(buffer_);
-  buffer_ = nullptr;
-  next_ = end_ = 0;
-}
-
-ssize_t ReadAhead::receive(int fd, Kiv::U8* to, std::size_t length, bool toTheEnd) {
+ssize_t ReadAhead::fill(int fd, bool toTheEnd) {
   if (drained_) {
     drained_ = false;
     errno = EAGAIN;
     return -1;
   }
-  buffer_ = newBuffer();
-  if (!buffer_) return recv(fd, to, length, MSG_DONTWAIT);
-  const ssize_t received = recv(fd, buffer_.get(), kBytes, MSG_DONTWAIT);
+  buffer_ = freeBuffer(sliceable_);
+  if (!buffer_) {
+    errno = ENOMEM;
+    return -1;
+  }
+  const ssize_t received = recv(fd, buffer_->buffer(), kBytes, MSG_DONTWAIT);
   if (received <= 0) {
     const int error = errno;
     release();
     errno = error;
     return received;
   }
-  end_ = static_cast<Kiv::U32>(received);
+  end_ = static_cast<U32>(received);
   drained_ = !toTheEnd && end_ < kBytes;
-  return take(to, length);
+  return received;
+}
+
+ssize_t ReadAhead::receive(int fd, Kiv::U8* to, std::size_t length, bool toTheEnd) {
+  const ssize_t received = fill(fd, toTheEnd);
+  if (received > 0) return take(to, length);
+  return received < 0 && errno == ENOMEM ? recv(fd, to, length, MSG_DONTWAIT) : received;
 }
 
 }  // namespace Wirl::detail
