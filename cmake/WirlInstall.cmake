@@ -69,6 +69,8 @@ foreach(room IN LISTS rooms)
     FILES_MATCHING PATTERN "*.h" ${without})
 endforeach()
 install(FILES Wirl/Wirl.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/Wirl")
+# Adapters for other event loops: headers that need those, and of which the library knows nothing.
+install(DIRECTORY integration/adapters/ DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" FILES_MATCHING PATTERN "*.h")
 install(FILES LICENSE DESTINATION "${CMAKE_INSTALL_DOCDIR}")
 
 # Two sets of targets: who links the shared library needs nothing but it, so the packages that the static one
