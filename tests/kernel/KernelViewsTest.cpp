@@ -1,17 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 
 #include "Kiv/Kiv.h"
 #include "Wirl/kernel/KernelChanges.h"
 #include "Wirl/kernel/NeighborResolver.h"
+#include "Wirl/kernel/detail/Attrs.h"
+#include "Wirl/kernel/detail/Messages.h"
 #include "examples/support/KernelJson.h"
 #include "tests/support/NetNs.h"
 
@@ -431,6 +436,53 @@ bool await(const std::function<bool()>& done) {
   return Kiv::activityLoop().runUntil(done, 20);
 }
 
+// Kinds that the kernel at hand may lack; and no message that is cut is read past its end.
+TEST(KernelMessagesTest, KindsOfLinksAndCutMessages) {
+  const auto linkOf = [](const char* kind, const std::function<void(detail::Request&)>& data) {
+    ifinfomsg fixed{};
+    fixed.ifi_index = 7;
+    detail::Request message(RTM_NEWLINK, 0, fixed);
+    message.putText(IFLA_IFNAME, "x");
+    message.nest(IFLA_LINKINFO, [&] {
+      message.putText(IFLA_INFO_KIND, kind);
+      data(message);
+    });
+    return message.text();
+  };
+  const std::string messages[] = {
+      linkOf("dummy", [](auto&) {}),
+      linkOf("vlan",
+             [](auto& message) {
+               message.nest(IFLA_INFO_DATA, [&] {
+                 message.put(IFLA_VLAN_ID, U16{100});
+                 message.put(IFLA_VLAN_PROTOCOL, htons(0x88a8));
+               });
+             }),
+      linkOf(
+          "vrf",
+          [](auto& message) { message.nest(IFLA_INFO_DATA, [&] { message.put(IFLA_VRF_TABLE, 1001u); }); }),
+      linkOf("dummy", [](auto& message) {
+        message.putText(IFLA_INFO_SLAVE_KIND, "vrf");
+        message.nest(IFLA_INFO_SLAVE_DATA, [&] { message.put(IFLA_VRF_PORT_TABLE, 1002u); });
+      })};
+  std::string seen;
+  U64 unused = 0;
+  for (const std::string& octets : messages) {
+    // On the heap, where a sanitizer sees the end.
+    for (std::size_t size = sizeof(nlmsghdr); size <= octets.size(); ++size) {
+      const std::unique_ptr<char[]> cut(new char[size]);
+      std::memcpy(cut.get(), octets.data(), size);
+      auto& message = *static_cast<nlmsghdr*>(static_cast<void*>(cut.get()));
+      message.nlmsg_len = static_cast<U32>(size);
+      LinkInfo link;
+      if (!detail::parse(message, link, unused) || size < octets.size()) continue;
+      seen += link.kind + " " + link.portKind + " " + std::to_string(link.vlanId) + " " +
+              std::to_string(link.vlanProtocol) + " " + std::to_string(link.vrfTable) + "\n";
+    }
+  }
+  EXPECT_EQ(seen, "dummy  0 0 0\nvlan  100 34984 0\nvrf  0 0 1001\ndummy vrf 0 0 1002\n");
+}
+
 // WIRL_KERNEL_STORM: how many routes come and go while the views' sockets hold next to nothing.
 TEST_F(KernelViewsTest, AreInSyncAgainAfterAStormAndSayWhenNot) {
   const char* const wanted = std::getenv("WIRL_KERNEL_STORM");
@@ -561,6 +613,7 @@ TEST_F(KernelViewsTest, ResolversKnowNextHopsAndTellOfLoss) {
   };
   {
     const auto kernel = Kiv::makePtr<KernelNeighborResolver>("kernel", NamespaceName(ns.name()));
+    kernel->answerTimeIs(std::chrono::milliseconds(400));
     run(*kernel);
   }
   ns.ip("link set " + veth.intf + " arp off");

@@ -12,18 +12,18 @@ struct nlmsghdr;
 // does not use counts in `unused`. The message is whole and aligned to 4; otherwise nothing is trusted.
 namespace Wirl::detail {
 
-KIV_API bool parse(const nlmsghdr& message, LinkInfo& link, U64& unused);
-KIV_API bool parse(const nlmsghdr& message, AddressInfo& address, U64& unused);
-KIV_API bool parse(const nlmsghdr& message, NeighborInfo& neighbor, U64& unused);
+bool parse(const nlmsghdr& message, LinkInfo& link, U64& unused);
+bool parse(const nlmsghdr& message, AddressInfo& address, U64& unused);
+bool parse(const nlmsghdr& message, NeighborInfo& neighbor, U64& unused);
 
 struct RouteMessage {
   RouteKey key;
   S32 expires = 0;
   RouteAttrs attrs;
 };
-KIV_API bool parse(const nlmsghdr& message, RouteMessage& route, U64& unused);
+bool parse(const nlmsghdr& message, RouteMessage& route, U64& unused);
 /// The key alone, and the octets of all other attributes but what changes by itself, appended to `attrs`.
 /// False for a message that cannot be read.
-KIV_API bool parseKey(const nlmsghdr& message, RouteKey& key, S32& expires, std::string& attrs);
+bool parseKey(const nlmsghdr& message, RouteKey& key, S32& expires, std::string& attrs);
 
 }  // namespace Wirl::detail

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Wirl/kernel/detail/Messages.h"
+
+#include <cstring>
+#include <vector>
+
+#include "Kiv/Assert.h"
+#include "Wirl/kernel/KernelChanges.h"
+#include "Wirl/kernel/detail/Attrs.h"
+
+// Any octets as a datagram of rtnetlink: nothing is read outside of it, what is read makes sense, and it can be
+// put into a request again.
+
+using namespace Wirl;
+using namespace Wirl::detail;
+
+namespace {
+
+void check(const nlmsghdr& message) {
+  U64 unused = 0;
+  LinkInfo link;
+  if (parse(message, link, unused)) KIV_ASSERT(link.ifIndex != 0 && !link.name.empty());
+  KernelChanges changes;
+  AddressInfo address;
+  if (parse(message, address, unused)) {
+    KIV_ASSERT(address.key.local.af() == address.key.peer.af());
+    changes.addressReplace(address);
+  }
+  NeighborInfo neighbor;
+  if (parse(message, neighbor, unused)) {
+    KIV_ASSERT(neighbor.key.address.af() != AddressFamily::ipunknown);
+    changes.neighborReplace(neighbor);
+  }
+  RouteMessage route;
+  RouteKey key;
+  S32 expires = 0;
+  std::string octets;
+  const bool good = parse(message, route, unused);
+  KIV_ASSERT(parseKey(message, key, expires, octets) == good);
+  if (good) {
+    KIV_ASSERT(key == route.key && key.prefix.validAsPrefix());
+    changes.routeReplace(key, route.attrs);
+  }
+  ackOf(message);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+  if (size == 0) return 0;
+  // Aligned as the kernel's are, and ending where the heap's buffer does.
+  std::vector<unsigned char> datagram(data, data + size);
+  forEachMessage({reinterpret_cast<const char*>(datagram.data()), size}, check);
+  // Lengths of messages are hard to guess: the whole as one as well, of each kind.
+  if (size < sizeof(nlmsghdr)) return 0;
+  nlmsghdr header;
+  std::memcpy(&header, datagram.data(), sizeof(header));
+  header.nlmsg_len = static_cast<U32>(size);
+  std::memcpy(datagram.data(), &header, sizeof(header));
+  forEachMessage({reinterpret_cast<const char*>(datagram.data()), size}, check);
+  return 0;
+}
