@@ -77,9 +77,13 @@ KernelChanges& KernelChanges::operator=(KernelChanges&& other) noexcept {
 }
 
 void KernelChanges::add(std::string what, std::string message) {
-  whats_.reserve(whats_.size() + 1);
-  messages_.push_back(std::move(message));
   whats_.push_back(std::move(what));
+  try {
+    messages_.push_back(std::move(message));
+  } catch (...) {
+    whats_.pop_back();
+    throw;
+  }
 }
 
 // Links

@@ -8,7 +8,6 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <deque>
 #include <unordered_map>
 
 #include "Wirl/kernel/detail/Attrs.h"
@@ -66,7 +65,8 @@ std::size_t hashOf(const RouteAttrs& attrs) {
 /// of a prefix lies in the map itself, others are chained behind it.
 struct RouteView::Tables {
   struct Record {
-    U32 attrs = 0;
+    U32 attrs : 31 = 0;
+    U32 usable : 1 = 0;  // as of its attributes, for look-ups
     U32 metric = 0;
     U32 next = 0;  // in `chained`; 0: none
     U32 seen = 0;  // the dump that showed it last, or during which it was told
@@ -95,43 +95,43 @@ struct RouteView::Tables {
   U32 attrsOf(RouteAttrs attrs) {
     const std::size_t hash = hashOf(attrs);
     for (auto [each, end] = byContent.equal_range(hash); each != end; ++each) {
-      if (slots[each->second].attrs == attrs) return each->second;
+      if (slots[each->second]->attrs == attrs) return each->second;
     }
     U32 id;
     if (freeSlots.empty()) {
       id = static_cast<U32>(slots.size());
-      slots.emplace_back();
+      slots.push_back(std::make_unique<Slot>());
     } else {
       id = freeSlots.back();
       freeSlots.pop_back();
     }
-    slots[id].usable = isUsable(attrs);
-    slots[id].attrs = std::move(attrs);
+    slots[id]->usable = isUsable(attrs);
+    slots[id]->attrs = std::move(attrs);
     byContent.emplace(hash, id);
     return id;
   }
-  const RouteAttrs& attrs(U32 id) const { return slots[id].attrs; }
+  const RouteAttrs& attrs(U32 id) const { return slots[id]->attrs; }
   /// Forgets attributes that no route has, once they are many. No id without a route may be kept then.
   void tidy() {
     if (unreferenced < 1024 || unreferenced < (slots.size() - freeSlots.size()) / 2) return;
-    std::erase_if(byOctets, [&](const auto& each) { return slots[each.second].refs == 0; });
+    std::erase_if(byOctets, [&](const auto& each) { return slots[each.second]->refs == 0; });
     std::erase_if(byContent, [&](const auto& each) {
-      if (slots[each.second].refs != 0) return false;
-      slots[each.second].attrs = RouteAttrs();
+      if (slots[each.second]->refs != 0) return false;
+      slots[each.second]->attrs = RouteAttrs();
       freeSlots.push_back(each.second);
       return true;
     });
     unreferenced = 0;
   }
   void refer(U32 id, int by) {
-    U32& refs = slots[id].refs;
+    U32& refs = slots[id]->refs;
     refs += static_cast<U32>(by);
     if (refs == 0) ++unreferenced;
   }
   template <typename Is>
   bool any(Is is) const {
     return std::any_of(slots.begin(), slots.end(),
-                       [&](const Slot& slot) { return slot.refs != 0 && is(slot.attrs); });
+                       [&](const auto& slot) { return slot->refs != 0 && is(slot->attrs); });
   }
 
   // The routes of one prefix. ---------------------------------------------------------------------------------
@@ -207,27 +207,29 @@ struct RouteView::Tables {
     return std::any_of(group.begin(), group.end(), [&](const Record& each) { return each.metric == metric; });
   }
   void insert(std::size_t at, U32 id, U32 metric) {
-    group.insert(group.begin() + static_cast<std::ptrdiff_t>(at), Record{id, metric, 0, dump});
+    group.insert(group.begin() + static_cast<std::ptrdiff_t>(at),
+                 Record{id & 0x7fffffff, slots[id]->usable, metric, 0, dump});
     refer(id, 1);
     ++routes;
   }
   void erase(const RouteKey& key, std::size_t at) {
-    if (dumping) buried.insert({key, group[at].attrs});
+    if (dumping) buried.emplace(key, U32{group[at].attrs});
     refer(group[at].attrs, -1);
     group.erase(group.begin() + static_cast<std::ptrdiff_t>(at));
     --routes;
   }
   void replace(const RouteKey& key, std::size_t at, U32 id) {
-    if (dumping && group[at].attrs != id) buried.insert({key, group[at].attrs});
+    if (dumping && group[at].attrs != id) buried.emplace(key, U32{group[at].attrs});
     refer(id, 1);
     refer(group[at].attrs, -1);
-    group[at].attrs = id;
+    group[at].attrs = id & 0x7fffffff;
+    group[at].usable = slots[id]->usable;
     group[at].seen = dump;
   }
 
   Route routeOf(const RouteKey& key, U32 id) const {
     Route route{key, &attrs(id), 0};
-    if (!expiring.empty()) {
+    if (!expiring.empty()) [[unlikely]] {
       const auto found = expiring.find(key);
       if (found != expiring.end()) route.expires = found->second;
     }
@@ -239,7 +241,7 @@ struct RouteView::Tables {
   std::vector<Record> chained = std::vector<Record>(1);
   U32 freeChained = 0;
   std::size_t chainedCount = 0;
-  std::deque<Slot> slots;
+  std::vector<std::unique_ptr<Slot>> slots;
   std::vector<U32> freeSlots;
   std::unordered_map<std::string, U32> byOctets;
   std::unordered_multimap<std::size_t, U32> byContent;
@@ -584,27 +586,27 @@ Route RouteView::find(const RouteKey& key) const {
 Route RouteView::lookUpIn(U32 table, const IpGenAddr& address, U32 ifIndex) const {
   const Tables& t = *tables_;
   const Tables::Map* const map = t.mapOf(table);
-  if (!map) return {};
-  const auto usable = [&](const IpGenPrefix& prefix, const Tables::Record* at) -> Route {
-    for (;; at = &t.chained[at->next]) {
-      const Tables::Slot& slot = t.slots[at->attrs];
-      const auto leavesBy = [&](const RouteNextHop& hop) { return hop.ifIndex == ifIndex; };
-      if (slot.usable &&
-          (ifIndex == 0 || std::any_of(slot.attrs.nextHops.begin(), slot.attrs.nextHops.end(), leavesBy))) {
-        return t.routeOf({table, prefix, at->metric}, at->attrs);
-      }
-      if (at->next == 0) return {};
-    }
-  };
-  const auto found = map->longestMatch(address);
+  const auto found =
+      map ? map->longestMatch(address) : PrefixMap<Tables::Record>::Result<const Tables::Record>();
   if (!found) return {};
-  if (const Route route = usable(found.key, found.value)) return route;
-  // Rare: the route cannot be used, so a shorter one may be.
+  if (found->usable != 0 && ifIndex == 0) [[likely]]
+    return t.routeOf({table, found.key, found->metric}, found->attrs);
+  // Rare: the route cannot be used, so one behind it may be, or a shorter one.
   Route best;
-  map->covering(IpGenPrefix(address, address.bits()),
-                [&](const IpGenPrefix& prefix, const Tables::Record& head) {
-                  if (const Route route = usable(prefix, &head)) best = route;
-                });
+  map->covering(
+      IpGenPrefix(address, address.bits()), [&](const IpGenPrefix& prefix, const Tables::Record& head) {
+        for (const Tables::Record* at = &head;; at = &t.chained[at->next]) {
+          const auto& hops = t.attrs(at->attrs).nextHops;
+          const bool leaves =
+              ifIndex == 0 || std::any_of(hops.begin(), hops.end(),
+                                          [&](const RouteNextHop& hop) { return hop.ifIndex == ifIndex; });
+          if (at->usable != 0 && leaves) {
+            best = t.routeOf({table, prefix, at->metric}, at->attrs);
+            return;
+          }
+          if (at->next == 0) return;
+        }
+      });
   return best;
 }
 

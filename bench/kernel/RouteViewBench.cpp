@@ -5,6 +5,7 @@
 #include <linux/rtnetlink.h>
 #include <malloc.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -185,21 +186,41 @@ const std::vector<IpGenAddr>& targets() {
   }();
   return made;
 }
+/// By the processor's time: the machine may do other things.
+template <typename LookUp>
+void lookUpAll(benchmark::State& state, LookUp lookUp) {
+  const auto pass = [&] {
+    for (const IpGenAddr& address : targets()) benchmark::DoNotOptimize(lookUp(address));
+  };
+  pass();
+  for (auto _ : state) {
+    timespec begin, end;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+    for (int i = 0; i < 5; ++i) pass();
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+    state.counters["nanoseconds"] = (static_cast<double>(end.tv_sec - begin.tv_sec) * 1e9 +
+                                     static_cast<double>(end.tv_nsec - begin.tv_nsec)) /
+                                    5;
+  }
+}
 void lookUp(benchmark::State& state) {
   targets();
   const auto view = loaded();
-  for (auto _ : state) {
-    for (const IpGenAddr& address : targets())
-      benchmark::DoNotOptimize(view->lookUpIn(RT_TABLE_MAIN, address));
-  }
+  lookUpAll(state,
+            [&](const IpGenAddr& address) { return view->lookUpIn(RT_TABLE_MAIN, address).attrs->protocol; });
 }
 void prefixMap(benchmark::State& state) {
   targets();
+  // In the order in which the kernel shows them.
   PrefixMap<U64> map;
-  for (U32 i = 0; i < kRoutes; ++i) map.insert(World::get().prefixes[i], i);
-  for (auto _ : state) {
-    for (const IpGenAddr& address : targets()) benchmark::DoNotOptimize(map.longestMatch(address));
-  }
+  std::vector<Prefix> prefixes = World::get().prefixes;
+  std::sort(prefixes.begin(), prefixes.end());
+  for (const Prefix& prefix : prefixes) map.insert(prefix, prefix.len());
+  lookUpAll(state, [&](const IpGenAddr& address) {
+    const auto found = map.longestMatch(address);
+    benchmark::DoNotOptimize(&found.key);
+    return *found;
+  });
 }
 
 BENCH_ROWS {

@@ -144,7 +144,7 @@ void Agent::waitReady() {
   } while (octet != '\n');
 }
 
-bool Agent::finish(example::CounterTable* counters) {
+bool Agent::finish(example::CounterTable* counters, std::string* said) {
   if (pipe_ < 0) return true;
   std::string text;
   std::array<char, 4096> part;
@@ -155,6 +155,7 @@ bool Agent::finish(example::CounterTable* counters) {
   int status = 0;
   while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
   }
+  if (said) *said = text;
   for (std::size_t start = 0; counters && start < text.size();) {
     const std::size_t end = text.find('\n', start);
     counters->addLine(std::string_view(text).substr(start, end - start));

@@ -57,12 +57,27 @@ class Agent {
 
   void waitReady();
   void stop() { kill(pid_, SIGTERM); }
-  /// Waits for the agent's end and adds its counters. Returns whether it did its work.
-  bool finish(example::CounterTable* counters);
+  /// Waits for the agent's end, adds its counters, and gives what else it printed to `text`. Returns whether
+  /// it did its work.
+  bool finish(example::CounterTable* counters, std::string* text = nullptr);
 
  private:
   pid_t pid_ = -1;
   int pipe_ = -1;
+};
+
+/// Follows the links and addresses of ns-red while it lives, which may begin before there is a ns-red.
+class Watch {
+ public:
+  Watch();
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+
+  /// Ends it and shows what it saw; whether it did its work.
+  bool report();
+
+ private:
+  std::optional<Agent> view_;
 };
 
 /// Captures all traffic of the wire while it lives, with the example program frameTap.

@@ -17,11 +17,12 @@ int run() {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
+  demo::Watch watch;
   const demo::World world;
   demo::say("made the namespaces ns-red and ns-blue, joined by red0 and blue0");
+  bool good = watch.report();
   demo::Capture capture;
   example::CounterTable counters;
-  bool good = true;
   for (const auto part : kParts) good = demo::interrupted == 0 && part(counters) && good;
   good = demo::interrupted == 0 && capture.report() && good;
   demo::say("\ncounters");
