@@ -34,7 +34,7 @@ constexpr const char* kUsage =
     "  --verbose  prints every field of every layer, too\n"
     "  --hex      prints the octets, too\n"
     "  --json     prints an object for each frame, in a line, and no table\n"
-    "  --stats    prints tables of protocols, conversations and errors\n"
+    "  --stats    prints tables of protocols, conversations and errors, behind JSON on standard error\n"
     "  --quiet    prints no frames\n"
     "  Status: 0, 1 for a file that cannot be read to its end, 2 for wrong arguments.\n";
 
@@ -86,12 +86,13 @@ class Table {
     ++row.frames;
     row.bytes += bytes;
   }
-  void print(const char* title) const {
+  void print(FILE* out, const char* title) const {
     std::size_t width = std::strlen(title);
     for (const auto& [name, row] : rows_) width = std::max(width, name.size());
-    std::printf("%-*s  %9s  %12s\n", static_cast<int>(width), title, "frames", "bytes");
+    std::fprintf(out, "%-*s  %9s  %12s\n", static_cast<int>(width), title, "frames", "bytes");
     for (const auto& [name, row] : rows_) {
-      std::printf("%-*s  %9llu  %12llu\n", static_cast<int>(width), name.c_str(), row.frames, row.bytes);
+      std::fprintf(out, "%-*s  %9llu  %12llu\n", static_cast<int>(width), name.c_str(), row.frames,
+                   row.bytes);
     }
   }
 
@@ -142,7 +143,14 @@ class Report {
     return found;
   }
 
-  void print() const {
+  /// The table of results, and with `--stats` the others; these alone where frames are objects of JSON.
+  void print(bool json) const {
+    if (!json) printResults();
+    if (stats_) printStats(json ? stderr : stdout);
+  }
+
+ private:
+  void printResults() const {
     Count matches = 0;
     std::size_t width = std::strlen("layers");
     for (const auto& [key, counts] : counts_) {
@@ -162,15 +170,15 @@ class Report {
     }
     row("all", "", std::to_string(frames_), std::to_string(matches));
     if (cut_ > 0) std::printf("%llu of them the capture has cut short: not all could be checked.\n", cut_);
-    if (!stats_) return;
-    protocols_.print("protocol");
-    conversations_.print("conversation");
+  }
+  void printStats(FILE* out) const {
+    protocols_.print(out, "protocol");
+    conversations_.print(out, "conversation");
     std::ostringstream table;
     table << errors_;
-    std::printf("errors\n%s", table.str().c_str());
+    std::fprintf(out, "errors\n%s", table.str().c_str());
   }
 
- private:
   struct Counts {
     Count frames = 0;
     Count matches = 0;
@@ -282,14 +290,14 @@ int reportOn(const Options& options) {
       progress.show(report.frames());
     }
   }
-  if (!options.json) report.print();
+  report.print(options.json);
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) return fail("standard output", "write error");
   if (state == PCAP_ERROR_BREAK) return 0;  // the end of the file
   return fail(file, "after frame " + std::to_string(report.frames()) + ": " + pcap_geterr(capture.get()));
 }
 
-int usage() {
-  std::fputs(kUsage, stderr);
+int wrongArguments(const char* what) {
+  std::fprintf(stderr, "frameReport: %s (--help says how it is used)\n", what);
   return 2;
 }
 
@@ -317,15 +325,16 @@ int main(int argc, char** argv) try {
     } else if (word == "--help") {
       return std::fputs(kUsage, stdout) < 0;
     } else {
-      return usage();
+      return wrongArguments(("no such option: " + std::string(word)).c_str());
     }
   }
-  if (words.empty() || words.size() > 2) return usage();
+  if (words.empty()) return wrongArguments("no file");
+  if (words.size() > 2) return wrongArguments("more than a file and a filter");
   options.file = words[0];
   if (words.size() == 2) options.filter = words[1];
   if (const auto error = bpfFilterError(options.filter)) {
     std::fprintf(stderr, "frameReport: filter: %s\n", error->c_str());
-    return usage();
+    return 2;
   }
   return reportOn(options);
 } catch (const std::exception& failure) {

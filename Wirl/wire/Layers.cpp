@@ -653,10 +653,10 @@ void LayerIterator::ip() noexcept {
       if (tooLong) fail(badIpPayloadLen);
       return;
     }
+    if (tooLong) fail(badIpPayloadLen);
     if (ipChecksumCalc(reinterpret_cast<const char*>(hdr), static_cast<U16>(bytes), 0).value() != 0) {
       fail(badIpHdrChecksum);
     }
-    if (tooLong) fail(badIpPayloadLen);
   } else {
     return void(take(bytes));
   }

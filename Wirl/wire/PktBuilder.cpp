@@ -5,7 +5,9 @@
 #include "Kiv/Exception.h"
 #include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/WireChecks.h"
+#include "Wirl/wire/detail/MessageChecks.h"
 #include "Wirl/wire/detail/PseudoHdr.h"
+#include "Wirl/wire/detail/RoutedAddrs.h"
 
 namespace Wirl {
 
@@ -135,6 +137,20 @@ PktBuilder& PktBuilder::ip6Fragment(U32 id, U16 offset, bool more) {
   return push(hdr);
 }
 
+PktBuilder& PktBuilder::ip6Routing(U8 type, std::span<const Ip6Addr> addrs, U8 segmentsLeft) {
+  constexpr std::size_t kMost = 127;
+  KIV_ASSERT_AS(addrs.size() <= kMost, "addrs.size() <= 127");
+  const auto addrBytes = static_cast<U32>(addrs.size() * sizeof(Ip6Addr));
+  U8* const at = grow(U32{sizeof(Ip6SegmentRoutingHdr)} + addrBytes, {Fill::ip6Ext, 0, ipProtoIpv6Route});
+  Ip6SegmentRoutingHdr hdr;
+  hdr.typeIs(type);
+  hdr.segmentsLeftIs(segmentsLeft);
+  if (type == Ip6RoutingHdr::segments && !addrs.empty()) hdr.lastEntryIs(static_cast<U8>(addrs.size() - 1));
+  std::memcpy(at, &hdr, sizeof(hdr));
+  if (!addrs.empty()) std::memcpy(at + sizeof(hdr), addrs.data(), addrBytes);
+  return *this;
+}
+
 PktBuilder& PktBuilder::icmp(U8 type, U8 code, U32 rest) {
   const NetU32 words[] = {NetU32(U32{type} << 24 | U32{code} << 16), NetU32(rest)};
   return push({reinterpret_cast<const U8*>(words), sizeof(words)}, {Fill::icmp, 0, ipProtoIcmp});
@@ -160,6 +176,16 @@ PktBuilder& PktBuilder::gre(U32 key) {
   return *this;
 }
 
+PktBuilder& PktBuilder::gre(const GreHdr& hdr, U32 key, U32 seqNum) {
+  U8* const at = grow(hdr.headerBytes(), builderLayer<GreHdr>);
+  std::memset(at, 0, hdr.headerBytes());
+  std::memcpy(at, &hdr, sizeof(hdr));
+  const NetU32 fields[] = {NetU32(key), NetU32(seqNum)};
+  if (hdr.keyPresent()) std::memcpy(at + hdr.keyOffset(), &fields[0], sizeof(NetU32));
+  if (hdr.seqPresent()) std::memcpy(at + hdr.seqOffset(), &fields[1], sizeof(NetU32));
+  return *this;
+}
+
 PktBuilder& PktBuilder::vxlan(U32 vni) {
   VxlanHdr hdr;
   hdr.vniValidIs(true);
@@ -167,15 +193,47 @@ PktBuilder& PktBuilder::vxlan(U32 vni) {
   return push(hdr);
 }
 
+bool PktBuilder::isExtension(U32 layer) const noexcept {
+  const Fill fill = layers_[layer].fill;
+  return fill == Fill::ip6Ext || fill == Fill::ip6Frag || fill == Fill::ah;
+}
+
+/// Gives `ip` the addresses that the pseudo-header has.
+inline void PktBuilder::route(U32, const U8*, IpHdr& ip, std::span<const U8> options) const {
+  if (const auto dst = detail::finalDst(options)) ip.dstIs(*dst);
+}
+void PktBuilder::route(U32 layer, const U8* hdr, Ip6Hdr& ip, std::span<const U8>) const {
+  const std::span<const U8> octets(hdr, bytesOf(layer));
+  if (layers_[layer].ipProtocol == ipProtoIpv6Route) {
+    if (const auto dst = detail::finalDst(octets, ip.dst())) ip.dstIs(*dst);
+  } else if (layers_[layer].ipProtocol == ipProtoIpv6Opts) {
+    if (const auto home = detail::homeAddr(octets.subspan(sizeof(Ip6ExtHdr)))) ip.srcIs(*home);
+  }
+}
+
 template <typename Ip>
-void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
+void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& hdr) {
   U32 layer = ipLayer;
+  Ip routed;
+  const Ip* seen = &hdr;
+  const auto routedBy = [&](U32 by, std::span<const U8> options) {
+    if (seen == &hdr) routed = hdr;
+    seen = &routed;
+    route(by, end - layers_[by].bytes, routed, options);
+  };
+  if constexpr (std::is_same_v<Ip, IpHdr>) {
+    if (hdr.hasOptions()) {
+      const U8* const options = reinterpret_cast<const U8*>(&hdr + 1);
+      routedBy(ipLayer, {options, bytesOf(ipLayer) - U32{sizeof(hdr)}});
+    }
+  }
   do {
     if (layer-- == 0) return;
-    const Fill passed = layers_[layer].fill;
-    if (passed == Fill::ip6Frag && isPart(end - layers_[layer].bytes)) return;
-    if (passed != Fill::ip6Ext && passed != Fill::ip6Frag && passed != Fill::ah) break;
+    if (layers_[layer].fill == Fill::ip6Frag && isPart(end - layers_[layer].bytes)) return;
+    if (!isExtension(layer)) break;
+    if (std::is_same_v<Ip, Ip6Hdr> && layers_[layer].fill == Fill::ip6Ext) routedBy(layer, {});
   } while (true);
+  const Ip& ip = *seen;
   const std::span<U8> message(end - layers_[layer].bytes, layers_[layer].bytes);
   switch (layers_[layer].fill) {
     case Fill::udp:
@@ -229,6 +287,11 @@ void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
       auto& hdr = hdrAt<GreHdr>(at);
       if (hasType) hdr.protocolIs(next.etherType);
       if (next.fill == Fill::eth) hdr.protocolIs(kEthernetBridging);
+      if (hdr.checksumPresent() && bytesOf(layer) >= 2 * sizeof(hdr)) {
+        hdrAt<IpChecksum>(at + sizeof(hdr)) = IpChecksum();
+        const auto sum = static_cast<U16>(~detail::sumOf(message, 0));
+        hdrAt<IpChecksum>(at + sizeof(hdr)) = IpChecksum(sum);
+      }
       return;
     }
     case Fill::ip: {
@@ -271,9 +334,34 @@ void PktBuilder::fillUpper(U32 ipLayer, U8* end, const Ip& ip) {
   if (hasProtocol) *at = static_cast<U8>(next.ipProtocol);
 }
 
+/// A bit for each upper layer whose length and checksum cover what is in other fragments.
+inline U32 PktBuilder::upperLayersOfFragments(U8* end) const noexcept {
+  U32 parts = 0;
+  for (U32 layer = 1; layer < count_; ++layer) {
+    U8* const at = end - layers_[layer].bytes;
+    switch (layers_[layer].fill) {
+      case Fill::ip:
+        if ((hdrAt<NetU16>(at + 6) & 0x3fff) == 0) continue;
+        break;
+      case Fill::ip6Frag:
+        if (!isPart(at)) continue;
+        break;
+      default:
+        continue;
+    }
+    U32 upper = layer - 1;
+    while (upper > 0 && isExtension(upper)) --upper;
+    parts |= 1u << upper;
+  }
+  return parts;
+}
+
 const Pkt::Ptr& PktBuilder::finish() {
   U8* const end = pkt_->front() + pkt_->bytes();
-  for (U32 layer = 0; layer < count_; ++layer) fillIn(layer, end - layers_[layer].bytes);
+  const U32 parts = upperLayersOfFragments(end);
+  for (U32 layer = 0; layer < count_; ++layer) {
+    if ((parts >> layer & 1) == 0) fillIn(layer, end - layers_[layer].bytes);
+  }
   if (const U32 bytes = pkt_->bytes(); bytes < padTo_) {
     std::memset(pkt_->newSharedTailData(padTo_ - bytes), 0, padTo_ - bytes);
   }

@@ -36,7 +36,7 @@ struct BuilderLayer {
     tag,      ///< Type or length of what follows an 802.1Q tag.
     snap,     ///< Type, where the organisation is 0.
     mpls,     ///< Bottom of the stack.
-    gre,      ///< Protocol type.
+    gre,      ///< Protocol type, and the checksum where there is one.
     ip,       ///< Total length, protocol, checksum, and the checksum of an upper layer that covers addresses.
     ip6,      ///< Payload length, next header, the same checksum.
     ip6Ext,   ///< Next header, header length.
@@ -147,7 +147,8 @@ inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0,
 /// `finish` fills in lengths, next-protocol fields and checksums from the innermost layer on, over what
 /// headers say by then: fields that depend on no other layer are those of the pushed image, and can be set
 /// until `finish` through the views of the packet. What the layer in front cannot announce (a payload of no
-/// known kind, EtherType 0) leaves that field as it was pushed.
+/// known kind, EtherType 0) leaves that field as it was pushed. Behind an IP header of a fragment, length and
+/// checksum of the upper layer stay as pushed: they cover what is in other fragments.
 ///
 /// The packet must have a shared buffer and no private head data. Where other packets show the same buffer,
 /// ask for `keepShownData` first, and do not `pad`. More than `kMostLayers` layers end the process, and so
@@ -234,6 +235,9 @@ class KIV_API PktBuilder {
   }
   /// Hop-by-hop or destination options (RFC 8200), padded; at most 2,046 bytes of options.
   PktBuilder& ip6Options(IpProtocolNumber which, std::span<const U8> options);
+  /// A routing header (RFC 8200) with the addresses as they stand in it: of type 4 (RFC 8754) the last one of
+  /// the route first. Checksums behind it are for the end of the route. At most 127 addresses.
+  PktBuilder& ip6Routing(U8 type, std::span<const Ip6Addr> addrs, U8 segmentsLeft);
   /// A fragment header, for an atomic fragment unless the offset, in bytes, or `more` say otherwise.
   PktBuilder& ip6Fragment(U32 id, U16 offset = 0, bool more = false);
 
@@ -257,6 +261,8 @@ class KIV_API PktBuilder {
   PktBuilder& gre();
   /// With a key (RFC 2890).
   PktBuilder& gre(U32 key);
+  /// With the optional fields that `hdr` says are there; its checksum is filled in.
+  PktBuilder& gre(const GreHdr& hdr, U32 key, U32 seqNum);
   /// VXLAN (RFC 7348); a UDP header comes in front.
   PktBuilder& vxlan(U32 vni);
 
@@ -305,6 +311,7 @@ class KIV_API PktBuilder {
     auto& hdr = grow<UdpHdr>(layer);
     hdr.srcPortIs(srcPort);
     hdr.dstPortIs(dstPort);
+    hdr.lenIs(0);
     hdr.checksumU16Is(0);
     return *this;
   }
@@ -312,8 +319,12 @@ class KIV_API PktBuilder {
     return layers_[layer].bytes - (layer == 0 ? payloadBytes_ : layers_[layer - 1].bytes);
   }
   void fillIn(U32 layer, U8* at);
+  bool isExtension(U32 layer) const noexcept;
+  U32 upperLayersOfFragments(U8* end) const noexcept;
+  void route(U32 layer, const U8* hdr, IpHdr& ip, std::span<const U8> options) const;
+  void route(U32 layer, const U8* hdr, Ip6Hdr& ip, std::span<const U8> options) const;
   template <typename Ip>
-  void fillUpper(U32 ipLayer, U8* end, const Ip& ip);
+  void fillUpper(U32 ipLayer, U8* end, const Ip& hdr);
 
   const Pkt::Ptr pkt_;
   const U32 payloadBytes_ = pkt_->bytes();

@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <cstring>
 #include <iomanip>
+#include <random>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Hash.h"
 #include "Wirl/packet/Ethernet.h"
 #include "Wirl/packet/IpHdr.h"
-#include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/Layers.h"
 #include "Wirl/wire/PktText.h"
 #include "Wirl/wire/detail/PktBytes.h"
@@ -37,7 +37,8 @@ void printSeconds(std::ostream& out, Kiv::Time time) {
 
 }  // namespace
 
-PktLog::PktLog(const Limits& limits) : limits_(limits), print_(printLine), slots_(limits.maxEntries) {
+PktLog::PktLog(const Limits& limits)
+    : limits_(limits), seed_(std::random_device()()), print_(printLine), slots_(limits.maxEntries) {
   KIV_ASSERT(limits.maxEntries > 0 && limits.keyBytes > 0 && limits.blank);
   buckets_.assign(std::bit_ceil(limits.maxEntries), kNone);
   octets_.resize(std::size_t{2} * limits.maxEntries * limits.keyBytes);
@@ -66,8 +67,14 @@ bool PktLog::pktIs(const Pkt& pkt, PktCode code, Kiv::Time now) {
   detail::copyBytes(pkt, 0, kept, original);
   std::memcpy(key, original, kept);
   limits_.blank({key, kept});
-  const U32 hash =
-      Kiv::SeededHash(crc32c({key, kept})).add(pkt.bytes()).add(static_cast<U32>(code.value())).value();
+  Kiv::SeededHash hasher(seed_);
+  hasher.add(pkt.bytes()).add(static_cast<U32>(code.value()));
+  for (U32 at = 0; at < kept; at += sizeof(U32)) {
+    U32 word = 0;
+    std::memcpy(&word, key + at, std::min<std::size_t>(sizeof(word), kept - at));
+    hasher.add(word);
+  }
+  const U32 hash = hasher.value();
   ++packets_;
   U32 index = bucketOf(hash);
   for (; index != kNone; index = slots_[index].inBucket) {

@@ -87,6 +87,7 @@ class KIV_API PktLog {
   void linkNewest(U32 index) noexcept;
 
   const Limits limits_;
+  const U32 seed_;  ///< Unknown outside, so that nobody can send packets of one bucket.
   Print print_;
   U32 used_ = 0;
   U64 packets_ = 0;

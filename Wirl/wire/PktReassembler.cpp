@@ -39,6 +39,21 @@ struct Hole {
 };
 constexpr U16 kNoHole = 0xffff;
 
+/// Least bytes of the header of an upper layer; 0 for others.
+U32 upperHdrBytes(U8 protocol) noexcept {
+  switch (protocol) {
+    case ipProtoTcp:
+      return 20;
+    case ipProtoUdp:
+    case ipProtoIcmpv6:
+      return 8;
+    case ipProtoSctp:
+      return 12;
+    default:
+      return 0;
+  }
+}
+
 }  // namespace
 
 /// What a fragment's headers say.
@@ -178,6 +193,7 @@ PktCode PktReassembler::readIp6(const Pkt& pkt, Fragment& fragment) const {
     while (chain.atExtension()) {
       if (!chain.step()) return truncated();
     }
+    if (fragment.more && bytes - chain.at() < upperHdrBytes(chain.next())) return badFragmentChain;
   }
   return noError;
 }
@@ -331,7 +347,9 @@ bool PktReassembler::makeRoom(Index index, U32 dataBytes) {
   while (bytes > limits_.maxBytes - bytes_ && oldest_ != index) giveUpOldest(reassemblyLimit);
   if (bytes > limits_.maxBytes - bytes_) return false;
   Datagram& datagram = slots_[index];
-  const Pkt::Ptr made = globalPktManager()->newPkt(newBuffer(bytes));
+  const auto buffer = newBuffer(bytes);
+  trimSpares(limits_.maxBytes - bytes_ - bytes);
+  const Pkt::Ptr made = globalPktManager()->newPkt(buffer);
   made->resetSharedData();
   made->newSharedHeadData(room);
   if (datagram.pkt) {
@@ -356,6 +374,18 @@ Pkt::SharedBuffer::Ptr PktReassembler::newBuffer(U32 bytes) {
   auto& replaced = spares_[nextSpare_++ % kMostSpares];
   replaced = globalPktManager()->newSharedBuffer(bytes);
   return replaced;
+}
+
+/// Lets go of buffers that nobody uses and that are more than `room` bytes.
+void PktReassembler::trimSpares(U32 room) {
+  for (auto& spare : spares_) {
+    if (!spare || spare->references() > 1) continue;
+    if (spare->size() <= room) {
+      room -= spare->size();
+    } else {
+      spare = nullptr;
+    }
+  }
 }
 
 Pkt::Ptr PktReassembler::finished(Datagram& datagram) {
@@ -438,9 +468,14 @@ void PktReassembler::refuse(Datagram& datagram) {
 }
 
 void PktReassembler::giveUpOldest(PktCode code) {
-  if (!slots_[oldest_].refused) {
+  const Datagram& datagram = slots_[oldest_];
+  if (!datagram.refused) {
     counters_.count(code);
     KIV_TRACE(trace, 3) << "datagram given up: " << code;
+    if (code == reassemblyTimeout && onTimeout_ && datagram.hdrBytes != 0) {
+      const U32 there = datagram.firstHole == kNoHole ? datagram.high : datagram.firstHole * kUnit;
+      onTimeout_(onTimeoutContext_, {datagram.pkt->front(), datagram.hdrBytes + there}, datagram.ipOffset);
+    }
   }
   end(oldest_);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "Kiv/Time.h"
@@ -33,7 +34,7 @@ class KIV_API PktReassembler {
  public:
   struct Limits {
     U32 maxDatagrams = 256;                        ///< Under way at a time.
-    U32 maxBytes = 4 << 20;                        ///< Of their buffers.
+    U32 maxBytes = 4 << 20;                        ///< Of their buffers, and of those kept for later ones.
     U32 maxHoles = 128;                            ///< In one of them; bounds the time that a fragment takes.
     Kiv::Time timeout = std::chrono::seconds(60);  ///< From the first fragment that comes (RFC 8200).
   };
@@ -51,11 +52,20 @@ class KIV_API PktReassembler {
   Pkt::Ptr rxPkt(const Pkt::Ptr& pkt, U32 ipOffset, Kiv::Time now);
   /// What became of the packet: `noError`; `ipFragment` when it was put by; or why it was refused, alone
   /// (`pktTooShort`, `nonIpHdr`, `badIpHdrLen`, `badIpPayloadLen`, `badIp6PayloadLen`, `badIp6ExtHdr`,
-  /// `badFragmentLen`, `fragmentTooLong`, `fragmentRefused`) or with its datagram (`fragmentOverlap`,
+  /// `badFragmentChain`, `badFragmentLen`, `fragmentTooLong`, `fragmentRefused`) or with its datagram (`fragmentOverlap`,
   /// `badFragmentEcn`, `reassemblyLimit`).
   PktCode code() const noexcept { return code_; }
   /// The codes of all packets, and of datagrams that were given up: `reassemblyTimeout`, `reassemblyLimit`.
   const PktErrorCounters& counters() const noexcept { return counters_; }
+
+  /// Told of a datagram whose time is up and whose first fragment has come, as a node is that answers with
+  /// "time exceeded" (RFC 792, RFC 4443): what was in front of the IP header, that header without a fragment
+  /// header, and the data that follows without a gap. Valid during the call, which must not call back.
+  using OnTimeout = void (*)(void* context, std::span<const U8> octets, U32 ipOffset);
+  void onTimeoutIs(OnTimeout onTimeout, void* context) noexcept {
+    onTimeout_ = onTimeout;
+    onTimeoutContext_ = context;
+  }
 
   /// Gives up datagrams whose time is up.
   void timeIs(Kiv::Time now);
@@ -85,6 +95,7 @@ class KIV_API PktReassembler {
   bool hasSame(const Pkt& pkt, const Fragment& fragment, const Datagram& datagram) const;
   Pkt::Ptr finished(Datagram& datagram);
   Pkt::SharedBuffer::Ptr newBuffer(U32 bytes);
+  void trimSpares(U32 room);
 
   Index& bucketOf(const Fragment& fragment);
   Index find(const Fragment& fragment);
@@ -106,6 +117,8 @@ class KIV_API PktReassembler {
   Index newest_ = kNone;
   Pkt::SharedBuffer::Ptr spares_[kMostSpares];
   U32 nextSpare_ = 0;
+  OnTimeout onTimeout_ = nullptr;
+  void* onTimeoutContext_ = nullptr;
 };
 
 }  // namespace Wirl

@@ -181,14 +181,17 @@ all                                          0'
 pcap | octets >none.pcap
 run 0 none.pcap
 
-# Wrong arguments, and what libpcap says of a filter that is none: the usage, and status 2.
+# Wrong arguments, and what libpcap says of a filter that is none: a line, and status 2.
 out='' usage=$("$tool" --help)
 [ "${usage#usage: frameReport}" != "$usage" ] || { echo "FAILED: --help"; failures=$((failures + 1)); }
-err=$usage
+help='(--help says how it is used)'
+err="frameReport: no file $help"
 run 2
+err="frameReport: no such option: --quit $help"
 run 2 --quit three.pcap
+err="frameReport: more than a file and a filter $help"
 run 2 three.pcap udp tcp
-err="frameReport: filter: can't parse filter expression: syntax error"$'\n'$usage
+err="frameReport: filter: can't parse filter expression: syntax error"
 run 2 three.pcap 'udp port'
 
 # What cannot be read at all.
