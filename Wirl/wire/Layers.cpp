@@ -133,6 +133,20 @@ std::string_view layerKindText(LayerKind kind) noexcept {
   return kTexts[static_cast<U8>(kind)];
 }
 
+/// Whether a segment in one piece, with a header of a length that can be, has nothing wrong with it.
+template <typename Ip>
+[[gnu::always_inline]] inline bool LayerIterator::isGoodTcp(const Ip& ip, const U8* segment,
+                                                            U32 bytes) const noexcept {
+  const U32 hdrBytes = (segment[12] >> 4) * 4u;
+  if (hdrBytes > detail::kTcpBytes &&
+      !TcpOptions({segment + detail::kTcpBytes, hdrBytes - detail::kTcpBytes}).whole()) {
+    return false;
+  }
+  if (!checksums_) return true;
+  const U32 pseudo = detail::pseudoHdrSum(ip, bytes, ipProtoTcp);
+  return ipChecksumCalc(reinterpret_cast<const char*>(segment), static_cast<U16>(bytes), pseudo).value() == 0;
+}
+
 /// What most packets begin with. Each step of its own says the same. `kTags`: bytes between Ethernet and IP.
 template <typename Ip, U32 kTags>
 [[gnu::always_inline]] inline bool LayerIterator::ethIp() noexcept {
@@ -159,25 +173,39 @@ template <typename Ip, U32 kTags>
     layer.payload = {frame + behind, end - behind};
     layer.payloadBytes = wireEnd - behind;
   };
-  constexpr U8 kFirst = kTags != 0 ? 0 : 1;
-  found(found_[kFirst], LayerKind::eth, 0, kEth, present, wireBytes);
-  if constexpr (kTags != 0) found(found_[1], LayerKind::vlan, kEth, kAt, present, wireBytes);
   const U32 wireEnd = kBehind + bytes, end = std::min(present, wireEnd);
-  found(layer(), kIs4 ? LayerKind::ip : LayerKind::ip6, kAt, kBehind, end, wireEnd);
-  if (kIs4 && ipChecksumCalc(reinterpret_cast<const char*>(hdr), sizeof(Ip), 0).value() != 0) {
-    layer().error = badIpHdrChecksum;
+  const U8 protocol = hdr[kIs4 ? 9 : 6];
+  const U8* const tcp = frame + kBehind;
+  U32 tcpBytes = 0;
+  if (protocol == ipProtoTcp && end == wireEnd && bytes >= detail::kTcpBytes) {
+    tcpBytes = (tcp[12] >> 4) * 4u;
+    if (tcpBytes < detail::kTcpBytes || tcpBytes > bytes ||
+        !isGoodTcp(*reinterpret_cast<const Ip*>(hdr), tcp, bytes))
+      tcpBytes = 0;
   }
-  pos_ = kBehind;
+  U8 at = kLast - (kTags != 0 ? 2 : 1) - (tcpBytes != 0 ? 1 : 0);
+  at_ = at;
+  count_ = static_cast<U8>(kLast + 1 - at);
+  found(found_[at++], LayerKind::eth, 0, kEth, present, wireBytes);
+  if constexpr (kTags != 0) found(found_[at++], LayerKind::vlan, kEth, kAt, present, wireBytes);
+  Layer& ip = found_[at];
+  found(ip, kIs4 ? LayerKind::ip : LayerKind::ip6, kAt, kBehind, end, wireEnd);
+  if (kIs4 && ipChecksumCalc(reinterpret_cast<const char*>(hdr), sizeof(Ip), 0).value() != 0) {
+    ip.error = badIpHdrChecksum;
+  }
   end_ = end;
   wireEnd_ = wireEnd;
   ip_ = hdr;
-  frame_ = frame;
   ipVersion_ = kIs4 ? 4 : 6;
-  at_ = kFirst;
-  count_ = kLast + 1 - kFirst;
-  const U8 protocol = hdr[kIs4 ? 9 : 6];
-  next_ = protocol == ipProtoTcp ? LayerKind::tcp : LayerKind::none;
-  if (protocol != ipProtoTcp) ipProtocol(protocol);
+  if (tcpBytes != 0) {
+    found(layer(), LayerKind::tcp, kBehind, kBehind + tcpBytes, end, wireEnd);
+    next_ = LayerKind::none;
+    return true;
+  }
+  frame_ = frame;
+  pos_ = kBehind;
+  next_ = LayerKind::none;
+  ipProtocol(protocol);
   return true;
 }
 

@@ -114,7 +114,7 @@ struct LayerOptions {
 };
 
 /// Walks over the layers of a packet from the outermost one. Each step looks at one header, and at the bytes
-/// that its checksum covers; nothing is allocated or written, and nothing outside of the packet is read. The
+/// that its checksum covers, the first one at those of Ethernet, IP and TCP; nothing is allocated or written, and nothing outside of the packet is read. The
 /// walk ends behind a layer whose header is not there or cannot be trusted, at a fragment that is not the
 /// first one, at what is encrypted, and at protocols that have no kind. The datagram in an ICMP error is no
 /// layer, nor is one in another message that reports about it.
@@ -151,10 +151,13 @@ class LayerIterator {
 
  private:
   KIV_API void step() noexcept;
-  /// Ethernet, perhaps a tag, and IP, at once; false, with nothing changed, when there is anything else.
+  /// Ethernet, perhaps a tag, IP, and TCP without a fault, at once; false, with nothing changed, when there is
+  /// anything else in front.
   bool ethIp() noexcept;
   template <typename Ip, U32 kTags>
   bool ethIp() noexcept;
+  template <typename Ip>
+  bool isGoodTcp(const Ip& ip, const U8* segment, U32 bytes) const noexcept;
   /// The layer at work.
   Layer& layer() noexcept { return found_[kLast]; }
   const Layer& layer() const noexcept { return found_[kLast]; }
@@ -234,7 +237,7 @@ class LayerIterator {
   void lldp() noexcept;
   void bfd() noexcept;
 
-  static constexpr U8 kLast = 2;
+  static constexpr U8 kLast = 3;
 
   std::span<const U8> pieces_[2];
   const U8* piece_ = nullptr;  ///< At work, from `pieceStart_` to `pieceEnd_` of the packet.
