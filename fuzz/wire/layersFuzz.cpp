@@ -3,11 +3,44 @@
 // well-formed.
 #include <string>
 
+#include "Wirl/wire/BfdHdr.h"
+#include "Wirl/wire/IpfixHdr.h"
 #include "Wirl/wire/LayerFields.h"
+#include "Wirl/wire/PimHdr.h"
+#include "Wirl/wire/PktLog.h"
 #include "Wirl/wire/PktText.h"
 #include "fuzz/packet/FuzzPkt.h"
 
 using namespace Wirl;
+
+namespace {
+
+template <typename List>
+std::size_t itemBytes(const List& list) {
+  std::size_t bytes = 0;
+  for (const WireOption& item : list) bytes += item.bytes.size();
+  return bytes;
+}
+
+/// Lists that a layer may carry beside its items, read whatever the layer is.
+void lists(std::span<const U8> octets) {
+  KIV_ASSERT(itemBytes(PimHelloOptions(octets)) <= octets.size());
+  KIV_ASSERT(itemBytes(SctpParameters(octets)) <= octets.size());
+  for (const WireOption& set : IpfixSets(octets)) {
+    const auto first = viewAt<IpfixTemplateHdr>(set.data());
+    KIV_ASSERT(!first || first.payload().size() + sizeof(IpfixTemplateHdr) == set.data().size());
+  }
+  if (const auto bfd = viewAt<BfdHdr>(octets)) {
+    const auto authentication = viewAt<BfdAuthenticationHdr>(bfd.options());
+    KIV_ASSERT(!authentication || authentication->length() <= 255);
+  }
+  std::size_t addrs = 0;
+  for (const Ip6Addr& addr : Ip6RouteAddrs(octets, Ip6Addr())) addrs += addr.isUnspecified() ? 0 : 1;
+  KIV_ASSERT(addrs <= octets.size());
+  KIV_ASSERT(itemBytes(Ip6SegmentTlvs(segmentTlvBytes(octets))) <= octets.size());
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   fuzz::Input input(data, size);
@@ -27,7 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     std::size_t items = 0;
     forEachItem(layer, [&](const LayerItem& item) { items += item.option.bytes.size(); });
     KIV_ASSERT(items <= layer.header.size() + layer.payload.size());
+    lists(layer.header);
+    lists(layer.payload);
   }
+  static PktLog log({.maxEntries = 8, .keyBytes = 64});
+  log.pktIs(*pkt, noError, Kiv::Time());
+  KIV_ASSERT(!log.pktIs(*pkt, noError, Kiv::Time()) && log.entries() <= 8);
   std::string text(pktLine(pkt, options));
   KIV_ASSERT(text.find('\n') == std::string::npos);
   text = std::string(pktFields(pkt, options)) + std::string(pktHex(pkt, options));

@@ -6,6 +6,7 @@
 #include "Kiv/Exception.h"
 #include "Wirl/wire/Crc32.h"
 #include "Wirl/wire/Layers.h"
+#include "Wirl/wire/WireChecks.h"
 
 namespace {
 
@@ -51,6 +52,38 @@ TEST(PktBuilder, ALayerIsAnnouncedByThatInFront) {
   pim.versionIs(2);
   EXPECT_EQ(found(builderOf(0).push(pim).ip6(kIp6, kIp6).gre().ip(kIp, kIp).eth(kMac, kMac).finish()),
             "eth ip gre ip6 pim ");
+}
+
+/// Checksums behind routing headers and a home address, of GRE, and of a first fragment.
+TEST(PktBuilder, ChecksumsThatDependOnMoreThanOneHeader) {
+  const Ip6Addr route[] = {Ip6Addr("2001:db8::7"), Ip6Addr("2001:db8::8")};
+  const U8 home[] = {0xc9, 16, 0x20, 1, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 9};
+  for (const U8 type : {Ip6RoutingHdr::sourceRoute, Ip6RoutingHdr::segments}) {
+    const Ip6Addr& last = route[type == Ip6RoutingHdr::segments ? 0 : 1];
+    PktBuilder routed = builderOf(5);
+    routed.udp(40000, 40001).ip6Options(ipProtoIpv6Opts, home).ip6Routing(type, route, 1).ip6(kIp6, kIp6);
+    const auto pkt = routed.eth(kMac, kMac).finish();
+    EXPECT_EQ(found(pkt), "eth ip6 ip6routing ip6opts udp ");
+    UdpHdr* udp = nullptr;
+    EXPECT_EQ(checkUdp(pkt, reinterpret_cast<Ip6Hdr*>(pkt->front() + sizeof(EthHdr)), udp), noError);
+    Ip6Hdr ends;
+    ends.srcIs(Ip6Addr("2001:db8::9"));
+    ends.dstIs(last);
+    EXPECT_EQ(checkUdp(ends, std::span<const U8>(pkt->front() + pkt->bytes() - 13, 13)), noError);
+  }
+  GreHdr gre;
+  gre.checksumPresentIs(true);
+  gre.seqPresentIs(true);
+  EXPECT_EQ(found(builderOf(5).udp(1, 2).ip(kIp, kIp).gre(gre, 0, 7).ip(kIp, kIp).eth(kMac, kMac).finish()),
+            "eth ip gre ip udp ");
+  UdpHdr udp;
+  udp.lenIs(3000);
+  udp.checksumU16Is(0x1234);
+  IpHdr ip;
+  ip.moreFragIs(true);
+  const auto fragment = builderOf(16).push(udp).ip(ip).finish();
+  const auto kept = viewAt<UdpHdr>(fragment, sizeof(IpHdr));
+  EXPECT_TRUE(kept->len() == 3000 && kept->checksumU16() == 0x1234);
 }
 
 TEST(PktBuilder, LengthsPaddingAndFrameCheckSequence) {
