@@ -4,11 +4,13 @@
 #include <string>
 
 #include "Wirl/wire/BfdHdr.h"
+#include "Wirl/wire/Ip6ExtHdr.h"
 #include "Wirl/wire/IpfixHdr.h"
 #include "Wirl/wire/LayerFields.h"
 #include "Wirl/wire/PimHdr.h"
 #include "Wirl/wire/PktLog.h"
 #include "Wirl/wire/PktText.h"
+#include "Wirl/wire/SctpHdr.h"
 #include "fuzz/packet/FuzzPkt.h"
 
 using namespace Wirl;
