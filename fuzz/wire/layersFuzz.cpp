@@ -37,7 +37,7 @@ void lists(std::span<const U8> octets) {
     KIV_ASSERT(!authentication || authentication->length() <= 255);
   }
   std::size_t addrs = 0;
-  for (const Ip6Addr& addr : Ip6RouteAddrs(octets, Ip6Addr())) addrs += addr.isUnspecified() ? 0 : 1;
+  for (const Ip6Addr& addr : Ip6RouteAddrs(octets, Ip6Addr())) addrs += addr.isUnspecified() ? 0u : 1u;
   KIV_ASSERT(addrs <= octets.size());
   KIV_ASSERT(itemBytes(Ip6SegmentTlvs(segmentTlvBytes(octets))) <= octets.size());
 }
