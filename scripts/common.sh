@@ -44,7 +44,8 @@ tests() {
   [ ! -e "$folder/configure.log" ] || sed -n 's/^-- \(.* left out.*\)/  \1/p' "$folder/configure.log"
   # What waits for the kernel on a busy machine may come too late once: such a test is tried again, and the log
   # shows both.
-  command=(ctest --test-dir "$folder" -j "$jobs" --no-tests=error --output-on-failure --repeat until-pass:2)
+  # Many tests wait for the kernel or a peer most of their time.
+  command=(ctest --test-dir "$folder" -j $((2 * jobs)) --no-tests=error --output-on-failure --repeat until-pass:2)
   command+=(--output-junit "$log.xml" "$@")
   if [ -t 1 ]; then
     "${command[@]}" --progress --output-log "$log.log" || status=$?
