@@ -62,6 +62,7 @@ void TcpClientSm::enabledIs(bool on) {
 }
 
 void TcpClientSm::connectionDel() {
+  if (connection()) prepare();  // may throw, and then nothing has happened
   if (connection() && Kiv::activityLoop().now() - connectedAt_ >= stableTime()) backoffReset();
   drive(*this, Event::lost);
 }
@@ -69,6 +70,7 @@ void TcpClientSm::connectionDel() {
 void TcpClientSm::connectionDel(const Kiv::String& reason) {
   Change change(this);
   if (connection()) {
+    prepare();
     change.put(failures, failures() + 1);
     failureIs(change, 0, reason.c_str());
   }

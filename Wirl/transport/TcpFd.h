@@ -57,8 +57,7 @@ class KIV_API TcpFileDescriptor : public Kiv::PtrInterface {
 /// - Errors, hang-ups and the end of the stream count as readable and as writable.
 /// - With `TcpFileDescriptor::edgeTriggered`, switching a notification on re-arms it: a socket that is ready
 ///   then is reported as if it had just become so.
-/// - Owners may do anything when they are told of a count, drop the last pointer to the registration
-///   included:
+/// - Owners may do anything when they are told of a count, even drop the last pointer to the registration:
 ///   touch nothing afterwards.
 /// - Call `handleDel()` in the destructor.
 class KIV_API TcpFileDescriptorEventRegistration : public Kiv::Entity {

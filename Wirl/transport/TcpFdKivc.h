@@ -16,7 +16,7 @@ class KIV_API TcpFileDescriptorEventRegistrationKivcSm final : public Kiv::PtrIn
                                            TcpFileDescriptorEventRegistrationKivc& registration);
   ~TcpFileDescriptorEventRegistrationKivcSm() override;
 
-  /// Reacts to writable events from now on. Most registrations never ask for one, and spare the reactor.
+  /// Reacts to writable events from now on. Most registrations never ask for one and save the reactor.
   void writableIsWatched(Kiv::FileDescriptor& fileDesc);
 
  private:
@@ -26,7 +26,7 @@ class KIV_API TcpFileDescriptorEventRegistrationKivcSm final : public Kiv::PtrIn
 };
 
 /// A registration on the activity loop of the thread that enables it. Enabling and switching throw
-/// `Kiv::ErrnoException` when the kernel refuses to watch the socket, and change nothing then.
+/// `Kiv::ErrnoException`, with nothing changed, if the kernel refuses to watch the socket.
 class KIV_API TcpFileDescriptorEventRegistrationKivc final : public TcpFileDescriptorEventRegistration {
  public:
   KIV_ENTITY(TcpFileDescriptorEventRegistrationKivc, TcpFileDescriptorEventRegistration)

@@ -10,11 +10,11 @@
 
 namespace Wirl {
 
-/// TCP keepalive of a connection (RFC 9293, 3.8.4): after `idleTime` seconds of silence a probe is sent, and
-/// another every `probeInterval` seconds; when `probeCount` of them stay unanswered the connection is dead.
+/// TCP keepalive of a connection (RFC 9293, 3.8.4). After `idleTime` seconds of silence the kernel sends a
+/// probe, then one every `probeInterval` seconds. If `probeCount` probes stay unanswered, the connection fails.
 ///
-/// The text form names the three numbers. All zero, which no kernel takes for an enabled keepalive, is the
-/// form of `keepaliveDisabled`; any other text reads as enabled.
+/// The text form has the three numbers alone. All zero reads as `keepaliveDisabled`, because no kernel accepts
+/// that for an enabled keepalive; any other text reads as enabled.
 class KIV_API TcpKeepaliveOptions {
  public:
   static constexpr auto representation() {

@@ -35,14 +35,12 @@ constexpr std::array<const char*, 4> kModeNames = {"tcpEnableModeNone", "tcpEnab
 
 constexpr const char* kNotWatched = "Readable notification failed with ";
 
-void assertMode(TcpPduPamEnableMode mode) {
-  KIV_ASSERT_AS(mode <= tcpEnableModeWriteOnly, "0 && \"Unexpected value\"");
-}
+constexpr const char* kNoMode = "0 && \"Unexpected value\"";
 
 }  // namespace
 
 std::ostream& operator<<(std::ostream& out, TcpPduPamEnableMode mode) {
-  assertMode(mode);
+  KIV_ASSERT_AS(mode <= tcpEnableModeWriteOnly, kNoMode);
   return out << kModeNames[mode];
 }
 
@@ -159,7 +157,7 @@ void TcpPduPam::enabledIs(bool on) {
 }
 
 void TcpPduPam::enableModeIs(TcpPduPamEnableMode mode) {
-  assertMode(mode);
+  KIV_ASSERT_AS(mode <= tcpEnableModeWriteOnly, kNoMode, name());
   KIV_ASSERT_AS(mode != tcpEnableModeReadOnly || pendingMode_ != mode,
                 "pendingEnableReadOnlyOrWriteOnlyMode_ != TcpPduPamEnableMode::tcpEnableModeReadOnly_",
                 name());

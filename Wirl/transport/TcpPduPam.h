@@ -84,7 +84,11 @@ KIV_API std::ostream& operator<<(std::ostream& out, TcpPduPamEnableMode mode);
 /// PDU in reception is complete. No PDU is cut in two, not even by a switch to none: the rest follows when
 /// the direction is enabled again, and a packet in flight is finished in any mode.
 ///
-/// Memory. A Pam between two PDUs holds no packet and no buffer.
+/// Memory. A Pam between two PDUs holds no packet and no buffer. With `readAhead` a PDU is a slice of the 64 KiB
+/// that were read (`Pkt::Manager::newSlice`), and keeps them in use; `ownSharedData()` on it ends that. A thread
+/// has at most 16 such buffers: while its clients keep PDUs of all of them, PDUs are copied.
+///
+/// Where the activity loop watches the socket level-triggered and nobody pulls a PDU for 10 s, a trace says so.
 ///
 /// Re-entrancy. Reactors may switch modes, send, clean up or drop the Pam at any point, and so may
 /// `getPduSize()`. An exception from a reactor leaves through the caller or the loop, and no PDU is lost:
@@ -105,7 +109,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_READ(bool, readable, false)  // a whole PDU is held
   KIV_ATTR_READ(bool, writable, false)  // a packet may be sent
   KIV_ATTR_RARE_READ(Kiv::String, rxErrorReason)
-  KIV_ATTR_RARE_READ(S32, rxErrno)
+  KIV_ATTR_DERIVED(S32, rxErrno)
   KIV_ATTR_RARE_READ(Kiv::String, txErrorReason)
   KIV_ATTR_RARE_READ(Kiv::String, tcpOptErrorReason)
   KIV_ATTR_RARE_READ(U32, tcpOptErrors)
@@ -144,8 +148,9 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Names the class in `dumpState`.
   virtual Kiv::String formatDerivedType() const;
   /// Octets that the current PDU needs, judging by what `rxPktHolderShadow()` holds of it: its length, or the
-  /// header's length while that is not known. Asked before anything has arrived and again after each read. A
-  /// derived class implements it, and returns more than 0 at first. Return `pduSize(...)` where the length
+  /// header's length while that is not known. Asked before anything has arrived and again after each read. With
+  /// `readAhead` the holder may show octets behind the PDU, too, and is asked once. A derived class implements
+  /// it, and returns more than 0 at first. Return `pduSize(...)` where the length
   /// field is wider than 16 bits.
   virtual U16 getPduSize();
   virtual void dumpDerivedState(std::ostream& out) const;
@@ -203,6 +208,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Writes all attributes and the additions of a derived class.
   void dumpState(std::ostream& out) const;
 
+  /// The errno of `rxErrorReason`, 0 if it has none.
+  S32 rxErrno() const noexcept { return rxErrorReason().empty() ? 0 : endError_; }
   /// The PDU in reception; while `readable()`, whole. After "PDU length too big", what arrived of that one.
   const Pkt::Ptr& rxPktHolderShadow() const noexcept { return reader_.pdu(); }
   /// Octets that the PDU in reception is known to lack.
@@ -286,6 +293,8 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   void heardNow() noexcept;
   void blockedNow(bool some) noexcept;
   void unblockedNow() noexcept;
+  Kiv::Time heldDue() const noexcept;
+  void heldNow() noexcept;
   void handleDeadline();
   void closeSending();
 
@@ -305,7 +314,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   detail::PduWriter writer_;
   Pkt::Ptr pulled_;            // kept here while it is on its way, in case a reactor throws
   const char* end_ = nullptr;  // why reading is over, while nobody has been told
-  int endError_ = 0;           // errno, appended
+  S32 endError_ = 0;           // errno
   std::unique_ptr<Deadlines, DeadlinesDelete> deadlines_;
   IpGenAddr peerAddr_;
   U16 peerPort_ = 0;

@@ -23,6 +23,7 @@ struct TcpPduPam::Deadlines {
   Kiv::Time heardAt = clock->loop().now();  // when the last octets came
   Kiv::Time sentAt = Kiv::timeInfinite;  // when the full socket took the last ones; infinite while it is not
   Kiv::Time closedAt{};                  // when close() was called
+  Kiv::Time heldAt = Kiv::timeInfinite;  // since when a PDU waits for its client
 };
 
 void TcpPduPam::DeadlinesDelete::operator()(Deadlines* deadlines) const noexcept {
@@ -73,6 +74,9 @@ void TcpPduPam::closeTimeoutIs(Kiv::Time time) {
 
 namespace {
 
+/// After this time a trace asks why nobody pulls a PDU.
+constexpr Kiv::Time kHeld = std::chrono::seconds(10);
+
 Kiv::Time due(bool runs, Kiv::Time since, Kiv::Time timeout) noexcept {
   return runs && timeout > Kiv::Time::zero() ? Kiv::timeAfter(since, timeout) : Kiv::timeInfinite;
 }
@@ -91,9 +95,13 @@ Kiv::Time TcpPduPam::closeDue() const noexcept {
   return due(closing() && !(shutDown_ && readingIsOver()), deadlines_->closedAt, closeTimeout());
 }
 
+Kiv::Time TcpPduPam::heldDue() const noexcept {
+  return due(readable(), deadlines_->heldAt, kHeld);
+}
+
 void TcpPduPam::deadlinesSet() noexcept {
   if (!deadlines_) return;
-  deadlines_->clock->timeMinIs(std::min({idleDue(), writeDue(), closeDue()}));
+  deadlines_->clock->timeMinIs(std::min({idleDue(), writeDue(), closeDue(), heldDue()}));
 }
 
 /// The idle time starts over. The clock is left alone: it looks when it expires.
@@ -113,9 +121,31 @@ void TcpPduPam::unblockedNow() noexcept {
   if (deadlines_) deadlines_->sentAt = Kiv::timeInfinite;
 }
 
+/// Follows an event that has left a PDU to its client: from here on the socket is not watched. Each pull resets
+/// `eventsNotPulled_`.
+void TcpPduPam::heldNow() noexcept {
+  if (eventsNotPulled_ > 0) return;
+  try {
+    Deadlines& own = deadlines();
+    own.heldAt = own.clock->loop().now();
+    eventsNotPulled_ = 1;
+    if (heldDue() < own.clock->timeMin()) deadlinesSet();
+  } catch (const std::bad_alloc&) {
+    // Then nobody asks.
+  }
+}
+
 void TcpPduPam::handleDeadline() {
   const auto alive = Kiv::keepAlive(this);
   const Kiv::Time now = deadlines_->clock->loop().now();
+  if (heldDue() <= now) {
+    deadlines_->heldAt = Kiv::timeInfinite;
+    if (eventsNotPulled_ == 0) {
+      heldNow();  // another PDU
+    } else {
+      KIV_TRACE(tcpPduPamTrace, 0) << "a PDU waits for 10 s and nobody called rxPkt()" << *this;
+    }
+  }
   if (writeDue() <= now || (closeDue() <= now && !shutDown_)) return handleWriteError(ETIMEDOUT);
   if (closeDue() <= now) return handleReadError({TcpPduPamReadReturn::error, ETIMEDOUT, "Close timeout"});
   if (idleDue() <= now) {

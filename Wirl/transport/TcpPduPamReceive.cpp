@@ -20,7 +20,8 @@ using Result = TcpPduPamReadReturn::Result;
 
 namespace {
 
-/// Readable events without a pull after which a trace asks where the reactor is.
+/// Readable events without a pull after which a trace asks where the reactor is. Level-triggered there are no
+/// events while a PDU is held; a clock asks then (`handleDeadline`).
 constexpr U32 kEventsNotPulled = 1000;
 
 std::string hexOf(const Pkt& pkt) {
@@ -100,7 +101,8 @@ inline PduReader::Take TcpPduPam::howToRead() const noexcept {
 
 /// Reads once for the PDU in reception, which it begins.
 [[gnu::always_inline]] inline TcpPduPam::Outcome TcpPduPam::readExactly() {
-  reader_.begin(maxPduLength(), [this] { return getPduSize(); });
+  reader_.begin(
+      maxPduLength(), [this] { return getPduSize(); }, name());
   return fd() ? readOnce() : Outcome{Result::waitForMoreData};
 }
 
@@ -109,8 +111,8 @@ inline PduReader::Take TcpPduPam::howToRead() const noexcept {
   const auto take = howToRead();
   if (take != PduReader::Take::needed && !reader_.pdu()) [[unlikely]] {
     if (!reader_.hasMore()) {
-      const Outcome outcome =
-          reader_.fill(fileDescriptor()->descriptor(), take, [this] { return getPduSize(); });
+      const Outcome outcome = reader_.fill(
+          fileDescriptor()->descriptor(), take, [this] { return getPduSize(); }, name());
       heard_ |= outcome.received > 0;
       if (outcome.error != ENOMEM || !fd()) return outcome;
     } else if (reader_.slice(maxPduLength(), [this] { return getPduSize(); })) {
@@ -185,6 +187,7 @@ void TcpPduPam::handleSocketReadable() {
   failure.run([this] {
     if (writer_.queued() > 0) txFlush();
   });
+  if (readable() && !edgeTriggered()) heldNow();
   // Behind what the client had to send.
   failure.run([this] {
     if (end_ && !pulled_ && !readable()) endTell();
@@ -214,7 +217,7 @@ bool TcpPduPam::offerRest() {
 }
 
 [[gnu::cold]] void TcpPduPam::traceNotPulled() {
-  if (eventsNotPulled_ == kEventsNotPulled || ++eventsNotPulled_ < kEventsNotPulled) return;
+  if (eventsNotPulled_ >= kEventsNotPulled || ++eventsNotPulled_ < kEventsNotPulled) return;
   KIV_TRACE(tcpPduPamTrace, 0) << kEventsNotPulled << " readable events and nobody called rxPkt()" << *this;
 }
 
@@ -236,14 +239,12 @@ void TcpPduPam::handleReadError(const Outcome& outcome) {
 void TcpPduPam::endTell() {
   Change change(this);
   try {
-    rxErrno.store(endError_);
     rxErrorReason.store(Outcome{Result::error, endError_, end_}.value().reason);
   } catch (const std::bad_alloc&) {
     if (fd() && fd()->readableAgain()) return;  // later
     throw;
   }
   if (std::exchange(end_, nullptr) != PduReader::kClosedByPeer) change.put(rxErrors, rxErrors() + 1);
-  if (rxErrno() != 0) change.changed(rxErrno);
   change.changed(rxErrorReason);
   if (shutDown_) change.put(closed, true);
   readNotificationUpdate();

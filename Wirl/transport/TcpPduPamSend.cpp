@@ -99,14 +99,14 @@ void TcpPduPam::sendIov(const SocketIovec* iov, U16 iovLen) {
     enqueue(*copy);
     return;
   }
-  const PduWriter::Sent sent = writer_.piecesAre(fileDescriptor()->descriptor(), iov, iovLen, total);
+  const PduWriter::Sent sent = writer_.piecesAre(fileDescriptor()->descriptor(), iov, iovLen, total, name());
   follow(sent, "Curr iovec: ", sent.piece);
 }
 
 /// Sends the rest of the packet or the pieces in flight.
 void TcpPduPam::sendRest() {
   const bool isPkt = writer_.pkt() != nullptr;
-  const PduWriter::Sent sent = writer_.resume(fileDescriptor()->descriptor());
+  const PduWriter::Sent sent = writer_.resume(fileDescriptor()->descriptor(), name());
   isPkt ? follow(sent, "Remaining to send ", writer_.remaining()) : follow(sent, "Curr iovec: ", sent.piece);
 }
 

@@ -36,7 +36,8 @@ TcpFileDescriptorEventRegistrationFactory& activityLoopFactory() {
 
 }  // namespace
 
-TcpSm::TcpSm(Kiv::String name, Factory factory) : Entity(std::move(name)), factory_(std::move(factory)) {
+TcpSm::TcpSm(Kiv::String name, Factory factory) : Entity(std::move(name)) {
+  if (factory) extras().factory = std::move(factory);
   Kiv::activityLoop();
 }
 
@@ -153,7 +154,8 @@ U32 TcpSm::scopeOf(const TcpFileDescriptor& socket) const noexcept {
 }
 
 void TcpSm::watchIs(const TcpFileDescriptor::PtrConst& socket) {
-  watch_ = (factory_ ? *factory_ : activityLoopFactory()).createEventRegistration(socket);
+  watch_ = (extras_ && extras_->factory ? *extras_->factory : activityLoopFactory())
+               .createEventRegistration(socket);
 }
 
 void TcpSm::watchDel() noexcept {

@@ -168,6 +168,7 @@ class KIV_API TcpSm : public Kiv::Entity {
  private:
   /// What most machines have no use for.
   struct Extras {
+    Factory factory;
     Kiv::Ptr<TcpSocketOptions> options;
     Kiv::Reactor onKeys;
     TcpSocketOptions::Keys keys;  // of the last socket
@@ -175,7 +176,6 @@ class KIV_API TcpSm : public Kiv::Entity {
   };
   Extras& extras();
 
-  const Factory factory_;
   std::unique_ptr<Extras> extras_;
   Kiv::Ptr<Kiv::Clock> clock_;
   Kiv::Reactor onClock_;

@@ -66,12 +66,12 @@ class PduReader {
   }
 
   /// Starts a PDU if there is none, whose buffer has room for `max` octets. Without memory there is none
-  /// after it.
+  /// after it. `name`, the owner's, is for assertions.
   template <typename Size>
-  void begin(U32 max, Size size);
+  void begin(U32 max, Size size, const Kiv::String& name);
   /// Reads ahead between two PDUs, when nothing is left of what was read. Asks for the header's length, too.
   template <typename Size>
-  Outcome fill(int socket, Take take, Size size);
+  Outcome fill(int socket, Take take, Size size, const Kiv::String& name);
   /// Makes the next PDU a slice of what was read ahead. False if it is not whole there, or must be looked at
   /// in steps; then it is begun and read, and copied.
   template <typename Size>
@@ -115,14 +115,14 @@ class PduReader {
 };
 
 template <typename Size>
-void PduReader::begin(U32 max, Size size) {
+void PduReader::begin(U32 max, Size size, const Kiv::String& name) {
   if (pdu_) return;
   try {
     pdu_ = newPduPkt(max);
-    KIV_ASSERT_AS(pdu_->maxSharedData() >= max, "pkt->maxSharedData() >= maxPduLength()");
+    KIV_ASSERT_AS(pdu_->maxSharedData() >= max, "pkt->maxSharedData() >= maxPduLength()", name);
     U16 total = 0;
     if (!ask(size, total)) return;
-    KIV_ASSERT_AS(total > 0, "getPduSize() > 0");
+    KIV_ASSERT_AS(total > 0, "getPduSize() > 0", name);
     lacks_ = total;
     // Data grows at the tail, so it starts at a place behind which all of it fits.
     const U32 reserved = std::max<U32>(max, total);
@@ -134,9 +134,10 @@ void PduReader::begin(U32 max, Size size) {
 }
 
 template <typename Size>
-[[gnu::always_inline]] inline PduReader::Outcome PduReader::fill(int socket, Take take, Size size) {
+[[gnu::always_inline]] inline PduReader::Outcome PduReader::fill(int socket, Take take, Size size,
+                                                                 const Kiv::String& name) {
   if (!ask(size, header_)) return {Result::waitForMoreData};
-  KIV_ASSERT_AS(header_ > 0, "getPduSize() > 0");
+  KIV_ASSERT_AS(header_ > 0, "getPduSize() > 0", name);
   const ssize_t received = ahead_.fill(socket, take == Take::aheadToEnd);
   if (received > 0) [[likely]]
     return {Result::readMoreData, 0, nullptr, static_cast<U32>(received), header_};

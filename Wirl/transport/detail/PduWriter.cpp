@@ -44,21 +44,22 @@ void PduWriter::pktIs(const Pkt::Ptr& pkt) {
   remaining_ = pkt->frontBytes();
 }
 
-PduWriter::Sent PduWriter::piecesAre(int socket, const Iovec* iov, std::size_t count, std::size_t total) {
+PduWriter::Sent PduWriter::piecesAre(int socket, const Iovec* iov, std::size_t count, std::size_t total,
+                                     const Kiv::String& name) {
   remaining_ = total;
-  return sendPieces(socket, iov, count);
+  return sendPieces(socket, iov, count, name);
 }
 
-PduWriter::Sent PduWriter::resume(int socket) {
-  return pkt_ ? resumePkt(socket) : sendPieces(socket, pieces_->data(), pieces_->size());
+PduWriter::Sent PduWriter::resume(int socket, const Kiv::String& name) {
+  return pkt_ ? resumePkt(socket, name) : sendPieces(socket, pieces_->data(), pieces_->size(), name);
 }
 
-PduWriter::Sent PduWriter::resumePkt(int socket) {
+PduWriter::Sent PduWriter::resumePkt(int socket, const Kiv::String& name) {
   const std::size_t asked = remaining_;
   const ssize_t sent = retried([&] { return send(socket, next_, asked, kFlags); });
   if (sent < 0) return {.asked = asked, .error = errno};
   const auto count = static_cast<std::size_t>(sent);
-  KIV_ASSERT_AS(count <= remaining_, "ret == txRemainingLength()");
+  KIV_ASSERT_AS(count <= remaining_, "ret == txRemainingLength()", name);
   next_ += count;
   remaining_ -= count;
   const bool all = remaining_ == 0;
@@ -67,7 +68,8 @@ PduWriter::Sent PduWriter::resumePkt(int socket) {
 }
 
 /// `iov` may be the vector that is in flight.
-PduWriter::Sent PduWriter::sendPieces(int socket, const Iovec* iov, std::size_t count) {
+PduWriter::Sent PduWriter::sendPieces(int socket, const Iovec* iov, std::size_t count,
+                                      const Kiv::String& name) {
   const std::size_t total = remaining_;
   for (std::size_t curr = 0;;) {
     const std::size_t batch = std::min<std::size_t>(count - curr, IOV_MAX);
@@ -88,7 +90,7 @@ PduWriter::Sent PduWriter::sendPieces(int socket, const Iovec* iov, std::size_t 
     while (offset >= iov[curr].iov_len) {
       offset -= iov[curr].iov_len;
       ++curr;
-      KIV_ASSERT_AS(curr < count, "curr < iovLen");
+      KIV_ASSERT_AS(curr < count, "curr < iovLen", name);
     }
     try {
       auto rest = std::make_unique<std::vector<Iovec>>(iov + curr, iov + count);

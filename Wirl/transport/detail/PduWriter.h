@@ -44,10 +44,11 @@ class PduWriter {
   void unblockQueue() noexcept { full_ = false; }
 
   /// Puts the packet in flight, or a vector of `total` octets; `resume()` sends.
+  /// `name`, the owner's, is for assertions.
   void pktIs(const Pkt::Ptr& pkt);
-  Sent piecesAre(int socket, const Iovec* iov, std::size_t count, std::size_t total);
+  Sent piecesAre(int socket, const Iovec* iov, std::size_t count, std::size_t total, const Kiv::String& name);
   /// Sends the rest of what is in flight.
-  Sent resume(int socket);
+  Sent resume(int socket, const Kiv::String& name);
 
   void push(const Pkt& pkt) { queue_.push(pkt); }
   /// Sends queued packets by one call.
@@ -56,8 +57,8 @@ class PduWriter {
   void clear() noexcept;
 
  private:
-  Sent resumePkt(int socket);
-  Sent sendPieces(int socket, const Iovec* iov, std::size_t count);
+  Sent resumePkt(int socket, const Kiv::String& name);
+  Sent sendPieces(int socket, const Iovec* iov, std::size_t count, const Kiv::String& name);
   void flightDel() noexcept;
 
   Pkt::Ptr pkt_;
