@@ -41,8 +41,8 @@ namespace Wirl {
 /// socket, which closes when the last of them drops it. So disabling the machine closes nothing that a user
 /// still holds.
 ///
-/// To end without losing data in either direction, wait until the Pam has sent everything (`writable()` is on
-/// and `txQueued()` is 0; the rest would be cut off) and call `close()`, which tells the peer that no more
+/// To end without losing data in either direction, call the Pam's `close()` and, when its `closed` is on,
+/// `enabledIs(false)`. Without a Pam, send everything and call `close()` here, which tells the peer that no more
 /// follows. The peer closes too once it has sent the rest. The user reports that end with `connectionDel()`
 /// as always, and the machine is disabled. If the peer does not close within `closeTimeout`, the machine is
 /// disabled anyway, and `lastErrorReason` says so. A user who already knew of the peer's end calls

@@ -13,7 +13,8 @@ namespace Wirl {
 
 class TcpServerSm;
 
-/// One accepted connection. It counts as open at its server until its last holder lets go of it.
+/// One accepted connection. It counts as open at its server until its last holder lets go of it. To end it
+/// without losing data, call its Pam's `close()` and let go of both when the Pam's `closed` is on.
 class KIV_API TcpServerConnection final : public TcpFileDescriptor {
  public:
   using PtrConst = Kiv::Ptr<const TcpServerConnection>;

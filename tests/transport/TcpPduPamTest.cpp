@@ -68,6 +68,10 @@ TEST_P(TcpPduPamTest, AHeldPduWaitsForItsClientAndOneThatNeverComesIsTraced) {
   }
   if (!edge) {
     EXPECT_DEATH(end.pam->handleSocketReadable(), "edgeTriggered\\(\\)");
+    Kiv::activityLoop().simulatedTimeIs(true);  // there are no events to count
+    Kiv::activityLoop().runFor(30);
+    Kiv::activityLoop().simulatedTimeIs(false);
+    EXPECT_EQ(traces.lines().size(), 1u);
   }
   end.peerSends(pduOf(70));
   end.loop.settle();
