@@ -264,7 +264,7 @@ class PrefixTableOfFamily {
 ///
 /// Equal values are kept once where `T` has `==` and `std::hash`: so a table of many routes to few next hops
 /// stays in the caches. At most 2^31 - 1 different values. 900,000 routes of the Internet take 76 octets
-/// each, most of them the wide table; 200,000 of IPv6 take 19.
+/// each, most of them the wide table; 200,000 of IPv6 take 20.
 template <typename T, typename P = IpGenPrefix>
 class PrefixTable {
  public:

@@ -173,10 +173,12 @@ TEST_F(PktChecksOfNs, DieWithoutPacketsAndHeaders) {
       {[&] { checkIcmp6CheckSum(ns.pkt, nullptr, icmp6Hdr); }, "ip6Hdr != 0"},
       {[&] { setIcmp6CheckSum(nullptr, ns.ip6Hdr, ns.icmp6Hdr); }, "pkt != 0"},
       {[&] { setIcmp6CheckSum(ns.ip6Hdr, nullptr); }, "icmp6Hdr != 0"},
+      {[&] { setIcmp6CheckSum(nullptr, ns.icmp6Hdr); }, "ip6Hdr != 0"},
       {[&] { getIcmp6Opt(nullptr, ns.ip6Hdr, ns.icmp6Hdr, option, icmp6OptMtu); }, "pkt != 0"},
       {[&] { getIcmp6Opt(ns.pkt, ns.ip6Hdr, nullptr, option, icmp6OptMtu); }, "icmp6Hdr != 0"},
       {[&] { checkIpAhHdr(nullptr, reinterpret_cast<IpHdr*>(ns.ip6Hdr), ahHdr); }, "pkt != 0"},
       {[&] { checkIpAhHdr(nullptr, ahHdr); }, "ipHdr != 0"},
+      {[&] { checkIpAhHdr(ns.pkt, nullptr, ahHdr); }, "ipHdr != 0"},
       {[&] { getNextProtoHdr(nullptr, 40, &hdr, 0); }, "ip6Hdr != 0"},
       {[&] { getNextProtoHdr(ns.ip6Hdr, 40, nullptr, 0); }, "hdr != 0"},
   };
