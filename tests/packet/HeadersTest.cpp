@@ -31,8 +31,8 @@ Pkt::Ptr pktOf(const Octets& octets) {
   return pkt;
 }
 
-/// Each header as its standard draws it (headers.py). That a setter writes the bits of its row and no other is
-/// up to the fuzz target.
+/// Each header as its standard draws it (headers.py). That a setter writes the bits of its row and no other
+/// is up to the fuzz target.
 TEST(Headers, FieldsLieWhereTheStandardsHaveThem) {
   std::ifstream rows(WIRL_HEADERS);
   std::set<std::string> types;

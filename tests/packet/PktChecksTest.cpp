@@ -68,8 +68,9 @@ void expectTold(std::string (*check)(const Pkt::Ptr&),
   for (const auto& [frame, expected] : rows) EXPECT_EQ(check(frames::packet(frame)), expected);
 }
 
-// The fuzz target pktChecksFuzz, which FuzzTargetsTest runs, has a second version of every check: it holds codes,
-// header pointers and what is written against it. Here are the traces, and what random frames hardly meet.
+// The fuzz target pktChecksFuzz, which FuzzTargetsTest runs, has a second version of every check: it holds
+// codes, header pointers and what is written against it. Here are the traces, and what random frames hardly
+// meet.
 
 TEST(PktChecks, EthIp) {
   const std::string& good = frames::kUdp;

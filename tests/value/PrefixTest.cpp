@@ -83,13 +83,15 @@ void expectReckons(const std::vector<std::string>& row) {
         return std::string("-");
       }
     };
-    EXPECT_EQ(sum([&] { return a + n; }), text(3));
+    Address moved = a;
+    EXPECT_EQ(sum([&] { return moved += n; }), text(3));
+    EXPECT_TRUE(moved == (text(3) == "-" ? a : Address(text(3))));  // unchanged where there is none
     EXPECT_EQ(sum([&] { return a - n; }), text(4));
     if (n > U128(255)) return;
     EXPECT_EQ(sum([&] { return a - -static_cast<int>(n.low()); }), text(3));
     EXPECT_EQ(sum([&] { return a + -static_cast<int>(n.low()); }), text(4));
     Address steps = a;
-    EXPECT_TRUE(n != U128(1) || sum([&] { return ++steps; }) == text(3));
+    EXPECT_TRUE(n != U128(1) || sum([&] { return steps++, steps; }) == text(3));
     EXPECT_TRUE(n != U128(1) || text(3) == "-" || --steps == a);
   } else if (row[0] == "distance") {
     EXPECT_EQ(textOf(Address(text(1)).distance(Address(text(2)))), text(3));

@@ -84,8 +84,8 @@ WIRL_SSSE3 inline U64 addBlock(Ip6Outline& outline, __m128i block, std::size_t a
   return bitsOf(_mm_cmpeq_epi8(own, _mm_setzero_si128()), at);
 }
 
-/// How a group is shown: not at all, as one to four digits and a colon, or as a colon alone. The latter is the
-/// first group of those that "::" stands for; its first colon belongs to the group before.
+/// How a group is shown: not at all, as one to four digits and a colon, or as a colon alone. The latter is
+/// the first group of those that "::" stands for; its first colon belongs to the group before.
 enum Shown : U8 { kNot = 0, kDigitsAtMost = 4, kColon = 5, kWays = 6 };
 
 /// Where the characters of two groups come from, of eight digits and a colon; and how many there are.
