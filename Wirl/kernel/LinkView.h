@@ -25,7 +25,7 @@ struct LinkStats {
 };
 
 /// All that a `LinkView` knows of a link (netdevice).
-struct LinkInfo {
+struct KIV_API LinkInfo {
   U32 ifIndex = 0;
   std::string name;
   std::vector<std::string> altNames;

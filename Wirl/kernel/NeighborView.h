@@ -20,7 +20,7 @@ struct NeighborKey {
 };
 
 /// All that a `NeighborView` knows of a neighbour.
-struct NeighborInfo {
+struct KIV_API NeighborInfo {
   NeighborKey key;
   U16 state = 0;               ///< NUD_REACHABLE and others
   U8 flags = 0;                ///< NTF_ROUTER and others
