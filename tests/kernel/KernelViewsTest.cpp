@@ -623,5 +623,25 @@ TEST_F(KernelViewsTest, ResolversKnowNextHopsAndTellOfLoss) {
   run(*device);
 }
 
+// WIRL_KERNEL_HOPS: how many next hops are kept resolved, more than the kernel's table takes of others.
+TEST_F(KernelViewsTest, AResolverKeepsManyNextHops) {
+  const char* const wanted = std::getenv("WIRL_KERNEL_HOPS");
+  const U32 count = wanted ? static_cast<U32>(std::atoi(wanted)) : 1500;
+  const NetNs ns("near"), far("far");
+  const Veth veth(ns, far);
+  ns.ip("addr add 10.78.0.1/16 dev " + veth.intf);
+  far.ip("route add local 10.78.128.0/17 dev lo");  // answers for all of them
+  const U32 ifIndex = KernelChanger(NamespaceName(ns.name())).ifIndexOf(veth.intf);
+  const auto resolver = Kiv::makePtr<KernelNeighborResolver>("many", NamespaceName(ns.name()));
+  std::vector<Kiv::Ptr<NextHop>> hops;
+  for (U32 i = 0; i < count; ++i) {
+    hops.push_back(resolver->nextHop({ifIndex, IpAddr::fromHostOrder(0x0a4e8001u + i)}));
+  }
+  EXPECT_TRUE(await([&] { return resolver->resolvedCount() == count; })) << resolver->resolvedCount();
+  hops.clear();
+  EXPECT_EQ(resolver->resolvedCount(), 0u);
+  EXPECT_EQ(ipJson(ns, "neigh show nud all to 10.78.128.0/17").size(), 0u);
+}
+
 }  // namespace
 }  // namespace Wirl
