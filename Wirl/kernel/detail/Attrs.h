@@ -4,6 +4,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -126,13 +127,15 @@ Ack ackOf(const nlmsghdr& message) noexcept;
 /// remain that are no message.
 template <typename Take>
 bool forEachMessage(std::string_view datagram, Take take) {
-  int left = static_cast<int>(datagram.size());
-  const auto* message = static_cast<const nlmsghdr*>(static_cast<const void*>(datagram.data()));
-  while (mnl_nlmsg_ok(message, left)) {
-    take(*message);
-    message = mnl_nlmsg_next(message, &left);
+  // libmnl's own walk takes a length of 2 GB or more for a negative one.
+  while (datagram.size() >= sizeof(nlmsghdr)) {
+    const auto& message = *static_cast<const nlmsghdr*>(static_cast<const void*>(datagram.data()));
+    const std::size_t length = message.nlmsg_len;
+    if (length < sizeof(nlmsghdr) || length > datagram.size()) return false;
+    take(message);
+    datagram.remove_prefix(std::min(padded(length), datagram.size()));
   }
-  return left <= 0;
+  return datagram.empty();
 }
 
 /// A message that is being written. What does not fit in a message ends the process: callers bound what they
