@@ -597,7 +597,6 @@ TEST_F(KernelViewsTest, ResolversKnowNextHopsAndTellOfLoss) {
     EXPECT_EQ(v6->ethAddr(), v4->ethAddr());
     const U64 asked = resolver.askedCount();
     EXPECT_TRUE(await([&] { return resolver.askedCount() > asked + 4; }));  // refreshed
-    EXPECT_EQ(resolver.lostCount(), 0u);
     EXPECT_FALSE(none->resolved());
     // Another station takes the address.
     far.ip("link set " + veth.intf + " address 02:00:00:00:00:55");
@@ -608,7 +607,7 @@ TEST_F(KernelViewsTest, ResolversKnowNextHopsAndTellOfLoss) {
     EXPECT_TRUE(await([&] { return v6->resolved(); }));
     far.ip("addr add " + veth.ipB + "/24 dev " + veth.intf);
     EXPECT_TRUE(await([&] { return v4->resolved(); }));
-    EXPECT_EQ(resolver.resolvedCount(), 2u);
+    EXPECT_TRUE(await([&] { return resolver.resolvedCount() == 2; }));
     EXPECT_EQ(resolver.nextHops(), 3u);
   };
   {
