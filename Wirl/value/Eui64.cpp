@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/value/Eui64.h"
 
+#include <charconv>
+
 #include "Wirl/value/detail/HexGroups.h"
 
 namespace Wirl {
 
 unsigned Eui64U8Key::writeText(char* out) const noexcept {
-  unsigned length = 0;
-  if (value_ >= 100) out[length++] = static_cast<char>('0' + value_ / 100);
-  if (value_ >= 10) out[length++] = static_cast<char>('0' + value_ / 10 % 10);
-  out[length++] = static_cast<char>('0' + value_ % 10);
-  out[length] = '\0';
-  return length;
+  char* const end = std::to_chars(out, out + kTextMax, value_).ptr;
+  *end = '\0';
+  return static_cast<unsigned>(end - out);
 }
 
 Kiv::U16 Eui64::word(unsigned i) const {
