@@ -137,11 +137,14 @@ int openNamed(const char* name) noexcept {
 
 }  // namespace
 
-int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept {
-  type |= SOCK_CLOEXEC;
+namespace {
+
+/// Opens a descriptor by `open` in the namespace. `what` is for the text of a failure.
+template <typename Open>
+int openedAt(const char* what, const char* name, Open open) noexcept {
   if (isOwn(name)) {
-    const int socket = ::socket(family, type, protocol);
-    return socket >= 0 ? socket : failed("socket", "");
+    const int opened = open();
+    return opened >= 0 ? opened : failed(what, "");
   }
 
   const CancellationHeldBack cancellation;
@@ -154,11 +157,25 @@ int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept
   // In a user namespace a thread may be allowed to leave but not to return: find out before leaving.
   if (::setns(own.get(), CLONE_NEWNET) != 0) return failed("setns ", kOwn);
   if (::setns(there.get(), CLONE_NEWNET) != 0) return failed("setns ", name);
-  const int socket = ::socket(family, type, protocol);
+  const int opened = open();
   const int error = errno;
   if (::setns(own.get(), CLONE_NEWNET) != 0) cannotReturn(name);
   errno = error;
-  return socket >= 0 ? socket : failed("socket in ", name);
+  return opened >= 0 ? opened : failed(what, name);
+}
+
+}  // namespace
+
+int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept {
+  const bool own = isOwn(name);
+  return openedAt(own ? "socket" : "socket in ", name,
+                  [&] { return ::socket(family, type | SOCK_CLOEXEC, protocol); });
+}
+
+int netnsFileAt(const char* path, int flags, const char* name) noexcept {
+  const CancellationHeldBack cancellation;
+  const bool own = isOwn(name);
+  return openedAt(own ? "open" : "open in ", name, [&] { return ::open(path, flags | O_CLOEXEC); });
 }
 
 int netnsEnter(const char* name) noexcept {

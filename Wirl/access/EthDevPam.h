@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <memory>
 #include <ostream>
+#include <vector>
 
+#include "Kiv/Clock.h"
+#include "Kiv/Reactor.h"
 #include "Wirl/access/IpFilter.h"
 #include "Wirl/access/PacketPam.h"
 #include "Wirl/value/EthAddr.h"
@@ -19,6 +23,10 @@ enum class RxChecksum : U8 {
 };
 KIV_API std::ostream& operator<<(std::ostream& out, RxChecksum checksum);
 
+namespace detail {
+class FrameRing;
+}
+
 /// What is known about a received frame beside its octets.
 struct EthRxMetadata {
   /// Whom it was for: PACKET_HOST, PACKET_BROADCAST, PACKET_MULTICAST, PACKET_OTHERHOST, PACKET_OUTGOING.
@@ -26,6 +34,14 @@ struct EthRxMetadata {
   /// Length before the frame was cut to `maxRxPktData`, without a separate VLAN tag.
   U32 frameBytes = 0;
   RxChecksum checksum = RxChecksum::unknown;
+  /// Whether the frame stands for several: it was merged on receive (GRO), or it was sent by this machine and
+  /// the device was to segment it, in which case its checksum is `notFilledIn`, too. Known for TCP; for other
+  /// protocols with `enableRxOffload`.
+  bool merged = false;
+  // With `enableRxOffload`:
+  U16 segmentBytes = 0;    ///< Payload of each of the merged frames.
+  U16 checksumStart = 0;   ///< Of a checksum that is not filled in: where the sum begins,
+  U16 checksumOffset = 0;  ///< and where it belongs, counted from there.
   RxTimes times;
 };
 
@@ -46,9 +62,18 @@ struct EthRxMetadata {
 /// socket counts in batch receive only. `rxDrops` is the kernel's count of frames for which the socket had no
 /// room.
 ///
+/// `rxRingBytes` (at least; 0: none) maps a ring of that size, which the kernel fills and from which a frame is
+/// copied without a system call (TPACKET_V3). A frame comes when a block of 128 KB is full, but at most a
+/// millisecond late; longer frames are cut. Everything else is as without it. `rxBuf` and `rxBufBytes` do not
+/// apply then. `enableRxOffload` asks the kernel how far a frame is finished (`EthRxMetadata`). Both apply when
+/// the Pam is enabled.
+///
+/// `txPktBulk` sends with one system call for many frames.
+///
 /// When the device goes down, receiving fails once (ENETDOWN) and goes on by itself when the device is up
-/// again. When the device disappears, sends fail (ENXIO) and nothing is received until the Pam is disabled
-/// and enabled.
+/// again. When the device disappears, sends fail (ENXIO) and `devPresent` is false. Ten times a second the
+/// Pam then looks for a device of the name, and opens its socket again, with all options and the memberships
+/// of `handleMembership`; `devPresent` is true again and `ifIndex` may be another.
 class KIV_API EthDevPam final : public PacketPam {
  public:
   KIV_ENTITY(EthDevPam, PacketPam)
@@ -67,6 +92,10 @@ class KIV_API EthDevPam final : public PacketPam {
   KIV_ATTR(U32, rxFrameBytes, 0)
   KIV_ATTR_COUNTER(U64, rxPktCount)
   KIV_ATTR(RxChecksum, rxChecksum, RxChecksum::unknown)
+  KIV_ATTR(U32, rxRingBytes, 0)
+  KIV_ATTR(bool, enableRxOffload, false)
+  KIV_ATTR_READ(bool, rxMerged, false)
+  KIV_ATTR_READ(bool, devPresent, false)
 
   static constexpr U16 kAllEthTypes = 3;
   static constexpr U8 maxSocketReadLimit = 128;
@@ -84,6 +113,13 @@ class KIV_API EthDevPam final : public PacketPam {
 
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
+  U32 doTxPktBulk(std::span<const Pkt::Ptr> pkts) override { return sendFrames(pkts, nullptr); }
+  bool wantsOffloadHeader() const override { return offloadHeader_; }
+  void sendFailed(int error, Change& changes) override;
+  void enabledIsImpl(bool on) override;
+  void openFailed(Change& changes) noexcept override;
+  void forget(Change& changes) noexcept override;
+  U32 newDrops() const override;
   void setUp(Change& changes) override;
   Kiv::String place() const override { return devName(); }
   const Kiv::TraceHandle& traceHandle() const override;
@@ -100,8 +136,25 @@ class KIV_API EthDevPam final : public PacketPam {
   void applyOptions();
   void membershipIs(U16 type, bool join, const char* text);
   void publish(const EthRxMetadata& metadata, U32 packets, Change& changes);
+  EthRxMetadata takeOffloadHeader(Pkt& pkt, EthRxMetadata metadata) const;
+  Pkt::Ptr fromRing(EthRxMetadata& metadata);
+  void ringIsEmpty();
+  S32 fillFromRing(U16 limit);
+  S32 fillFromSocket(U16 limit);
+  U32 room() const;
+  S32 joinOrLeave(const EthAddr& address, bool join);
+  void lookForDevice(Change& changes);
+  void comeBack();
 
   S32 batchHeld_ = 0;  // size of a batch that was not returned, because a reactor threw
+  std::unique_ptr<detail::FrameRing> ring_;
+  U32 ringEvent_ = 0;  // the event (a readableCount) that gave a frame, or in which an error was looked for
+  bool offloadHeader_ = false;  // of the open socket
+  bool comingBack_ = false;
+  std::vector<EthRxMetadata> metadata_;  // of the batch
+  std::vector<EthAddr> memberships_;
+  Kiv::Ptr<Kiv::Clock> retry_;
+  Kiv::Reactor onRetry_;
 };
 
 KIV_API Kiv::Ptr<EthDevPam> ethDevPamFactory(Kiv::String name, Kiv::String devName,

@@ -9,48 +9,12 @@
 
 #include "Kiv/Assert.h"
 #include "Wirl/access/deferClose.h"
-#include "Wirl/access/detail/Socket.h"
+#include "Wirl/access/detail/FramePieces.h"
+#include "Wirl/access/detail/Send.h"
 
 namespace Wirl {
 
-namespace {
-
-constexpr std::size_t kAddresses = 12;  // octets in front of a tag
-
-/// The pieces of a frame on the wire: those of the packet, with its separate tag inserted.
-class FramePieces {
- public:
-  explicit FramePieces(const Pkt& pkt) noexcept {
-    if (!pkt.tciPresent()) {
-      count_ = pkt.numIovecs();
-      std::copy_n(pkt.iovecs(), count_, pieces_);
-      return;
-    }
-    const U16 words[] = {pkt.vlanTpid(), pkt.tciField()};
-    for (int i = 0; i < 4; ++i) tag_[i] = static_cast<U8>(words[i / 2] >> (i % 2 == 0 ? 8 : 0));
-    std::size_t before = kAddresses;
-    for (U32 i = 0; i < pkt.numIovecs(); ++i) {
-      const iovec& piece = pkt.iovecs()[i];
-      const std::size_t front = std::min(before, piece.iov_len);
-      if (front > 0) add(static_cast<U8*>(piece.iov_base), front);
-      if (before > 0 && front == before) add(tag_, sizeof(tag_));
-      before -= front;
-      if (front < piece.iov_len) add(static_cast<U8*>(piece.iov_base) + front, piece.iov_len - front);
-    }
-  }
-
-  iovec* pieces() noexcept { return pieces_; }
-  std::size_t count() const noexcept { return count_; }
-
- private:
-  void add(U8* base, std::size_t length) noexcept { pieces_[count_++] = {base, length}; }
-
-  U8 tag_[4];
-  iovec pieces_[Pkt::maxIovecs_ + 2];
-  std::size_t count_ = 0;
-};
-
-}  // namespace
+using detail::FramePieces;
 
 PacketPam::PacketPam(Kiv::String name, const NamespaceName& ns)
     : SocketPam(std::move(name), deferClose), netNs(ns) {}
@@ -60,8 +24,11 @@ PacketPam::~PacketPam() {
 }
 
 void PacketPam::enabledIsImpl(bool on) {
-  // Protocol 0: receives nothing before bind().
-  enabledIsWith(enabled, on, {AF_PACKET, SOCK_RAW, 0}, netNs());
+  enabledIsWith(enabled, on, kind(), netNs());
+}
+
+PacketPam::Kind PacketPam::kind() noexcept {
+  return {AF_PACKET, SOCK_RAW, 0};
 }
 
 void PacketPam::txPktIsImpl(const Pkt::Ptr& pkt) {
@@ -71,12 +38,60 @@ void PacketPam::txPktIsImpl(const Pkt::Ptr& pkt) {
 
 void PacketPam::sendFrame(const Pkt::Ptr& pkt, const sockaddr_ll* to) {
   if (fd() < 0) return refuse(EBADF);
-  if (pkt->tciPresent() && pkt->bytes() < kAddresses) return refuse(EINVAL);
-  FramePieces frame(*pkt);
+  if (pkt->tciPresent() && pkt->bytes() < FramePieces::kAddresses) return refuse(EINVAL);
+  FramePieces frame;
+  frame.frameIs(*pkt, wantsOffloadHeader());
   detail::TxMessage message(pkt);
   message.piecesAre(frame.pieces(), frame.count());
   if (to) message.toIs(*to);
-  if (send(message, MSG_DONTWAIT) == 0) txPktCountInc(1);
+  Change changes(this);
+  const int error = send(message, MSG_DONTWAIT, changes);
+  if (error == 0) changes.put(txPktCount, txPktCount() + 1);
+  if (error != 0 && error != EAGAIN) sendFailed(error, changes);
+  changes.tell();
+}
+
+namespace {
+
+/// The frames of a bulk send.
+class FrameSource final : public detail::TxSource {
+ public:
+  FrameSource(std::span<const Pkt::Ptr> pkts, const sockaddr_ll* to, bool headed)
+      : pkts_(pkts), to_(to), headed_(headed) {}
+
+  S32 put(detail::TxBatch& batch, U32 at, bool) override {
+    const Pkt& pkt = *pkts_[at];
+    if (!batch.hasRoomFor(FramePieces::kMost)) return 0;
+    if (pkt.tciPresent() && pkt.bytes() < FramePieces::kAddresses) return -EINVAL;
+    FramePieces& frame = frames_[batch.messages()];  // with the tag, until the batch is sent
+    frame.frameIs(pkt, headed_);
+    batch.begin(1);
+    batch.add(frame.pieces(), frame.count());
+    if (to_) batch.toIs(to_, sizeof(*to_));
+    return 1;
+  }
+
+ private:
+  const std::span<const Pkt::Ptr> pkts_;
+  const sockaddr_ll* const to_;
+  const bool headed_;
+  FramePieces frames_[detail::TxBatch::kMessages];
+};
+
+}  // namespace
+
+U32 PacketPam::sendFrames(std::span<const Pkt::Ptr> pkts, const sockaddr_ll* to) {
+  if (fd() < 0) return Pam::doTxPktBulk(pkts);  // refuses one after the other
+  for (const Pkt::Ptr& pkt : pkts) KIV_ASSERT_AS(pkt, "pkt", name());
+  FrameSource source(pkts, to, wantsOffloadHeader());
+  Change changes(this);
+  U64 sent = 0;
+  const U32 failed = txErrors();
+  const U32 taken = sendBatch(source, static_cast<U32>(pkts.size()), MSG_DONTWAIT, sent, changes);
+  if (sent > 0) changes.put(txPktCount, txPktCount() + sent);
+  if (txErrors() != failed) sendFailed(txErrno(), changes);
+  changes.tell();
+  return taken;
 }
 
 }  // namespace Wirl

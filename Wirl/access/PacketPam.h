@@ -38,6 +38,8 @@ class KIV_API PacketPam : public SocketPam {
 
   virtual void sendPkt(const Pkt::Ptr& pkt) = 0;
   virtual void enabledIsImpl(bool on);
+  /// Of the socket to open. Protocol 0: it receives nothing before bind(2).
+  static Kind kind() noexcept;
   void openFailed(Change& changes) noexcept override {
     enabled.store(false);
     changes.changed(enabled);
@@ -46,6 +48,12 @@ class KIV_API PacketPam : public SocketPam {
 
   /// Sends to `to`, or, if null, on the interface that the socket is bound to.
   void sendFrame(const Pkt::Ptr& pkt, const sockaddr_ll* to);
+  /// The same for many; see `txPktBulk`.
+  U32 sendFrames(std::span<const Pkt::Ptr> pkts, const sockaddr_ll* to);
+  /// Whether each frame has to come with a header of the kernel's in front (PACKET_VNET_HDR).
+  virtual bool wantsOffloadHeader() const { return false; }
+  /// A send failed that was no drop, in a way that may be the device's.
+  virtual void sendFailed(int, Change&) {}
 };
 
 }  // namespace Wirl

@@ -17,6 +17,7 @@ class KIV_API RawTxPam : public PacketPam {
 
  protected:
   void sendPkt(const Pkt::Ptr& pkt) override;
+  U32 doTxPktBulk(std::span<const Pkt::Ptr> pkts) override;
   bool receives() const override { return false; }
   void doGetRxPkt() override;
 };

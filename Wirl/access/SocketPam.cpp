@@ -53,6 +53,10 @@ SocketPam::SocketPam(Kiv::String name, int (*close)(int)) : Pam(std::move(name))
 
 SocketPam::~SocketPam() = default;
 
+int SocketPam::openDescriptor(const Kind& kind, const NamespaceName& ns, const char*&) {
+  return socketAt(kind.domain, kind.type, kind.protocol, ns);
+}
+
 void SocketPam::setUp(Change&) {
   applySocketOptions();
 }
@@ -115,8 +119,9 @@ Kiv::Ptr<Kiv::FileDescriptor> SocketPam::newSocket(const Kind& kind, const Names
   // Make the owner first: without memory there is no socket to lose.
   auto opened = Kiv::makePtr<Kiv::FileDescriptor>(name());
   opened->notifyOnReadableIs(false);
-  const int socket = socketAt(kind.domain, kind.type, kind.protocol, ns);
-  if (socket < 0) fail(errno, "socket");
+  const char* step = "socket";
+  const int socket = openDescriptor(kind, ns, step);
+  if (socket < 0) fail(errno, step);
   fileDesc.store(opened);
   try {
     opened->descriptorIs(socket);
@@ -386,13 +391,18 @@ U32 SocketPam::sendBatch(detail::TxSource& source, U32 count, int flags, U64& se
 // The kernel's count
 // -----------------------------------------------------------------------------------------
 
-/// Reads the kernel's count of packets that found no room, which costs the receive path nothing.
-void SocketPam::collectDrops() const {
+U32 SocketPam::newDrops() const {
   U32 info[SK_MEMINFO_VARS] = {};
   socklen_t length = sizeof(info);
-  if (fd() < 0 || getsockopt(fd(), SOL_SOCKET, SO_MEMINFO, info, &length) < 0) return;
+  if (fd() < 0 || getsockopt(fd(), SOL_SOCKET, SO_MEMINFO, info, &length) < 0) return 0;
   const U32 drops = info[SK_MEMINFO_DROPS] - dropsSeen_;
   dropsSeen_ += drops;
+  return drops;
+}
+
+/// Reads the kernel's count, which costs the receive path nothing.
+void SocketPam::collectDrops() const {
+  const U32 drops = newDrops();
   // const_cast: moves the kernel's count into the stored one; the total that rxDrops() reports stays the
   // same.
   if (drops != 0) const_cast<SocketPam*>(this)->Pam::rxDropsIs(Pam::rxDrops() + drops);

@@ -112,6 +112,9 @@ class KIV_API SocketPam : public Pam {
 
   // For derived classes to define ---------------------------------------------------------------------------
 
+  /// Opens the descriptor. Returns it, or a negative number with errno and the `step` that failed. Here: a
+  /// socket in the namespace.
+  virtual int openDescriptor(const Kind& kind, const NamespaceName& ns, const char*& step);
   /// Sets up the new socket `fd()`: options, bind(2), attributes that depend on the socket. Nothing is
   /// watched yet, and reactors are told afterwards, of `changes` as well. May throw. Here: the options that
   /// attributes ask for (`applySocketOptions`).
@@ -131,6 +134,8 @@ class KIV_API SocketPam : public Pam {
   /// Counts and traces a receive that failed with `error`, or without memory for a packet (0). `batch`:
   /// whether it was recvmmsg(2). Here: EAGAIN, which says only that the socket is empty, leaves no mark.
   virtual void receiveFailed(bool batch, int error);
+  /// Packets that the kernel lost since it was asked last. Here: those for which the socket had no room.
+  virtual U32 newDrops() const;
   /// For traces.
   virtual const Kiv::TraceHandle& traceHandle() const;
   virtual Kiv::String who() const { return name(); }
@@ -209,6 +214,8 @@ class KIV_API SocketPam : public Pam {
   U32 sendBatch(detail::TxSource& source, U32 count, int flags, U64& sent, Change& changes);
   /// Counts an error for a packet that is refused before any system call.
   void refuse(int error);
+  /// Counts packets whose send failed.
+  void lost(int error, Loss loss, U32 packets, Change& changes);
 
   /// Has an event come in the loop's next pass, for what is left.
   void offerRest() noexcept;
@@ -222,7 +229,6 @@ class KIV_API SocketPam : public Pam {
   Kiv::Ptr<Kiv::FileDescriptor> newSocket(const Kind& kind, const NamespaceName& ns);
   void closeSocket(Change& changes) noexcept;
   void closeDescriptor(const Kiv::Ptr<Kiv::FileDescriptor>& closing, Change& changes) noexcept;
-  void lost(int error, Loss loss, U32 packets, Change& changes);
   void collectDrops() const;
   /// Sets an option of the open socket, if there is one; 0 or the errno.
   int optionWhileOpen(const detail::SocketOption& option, int value) const;

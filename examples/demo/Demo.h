@@ -103,7 +103,9 @@ class Capture {
 bool rawIp(example::CounterTable& counters);
 bool frames(example::CounterTable& counters);
 bool cable(example::CounterTable& counters);
+bool tap(example::CounterTable& counters);
 bool udp(example::CounterTable& counters);
+bool udpBatches(example::CounterTable& counters);
 bool tcp(example::CounterTable& counters);
 
 }  // namespace demo

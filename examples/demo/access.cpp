@@ -114,6 +114,44 @@ bool frameClient(const Agent::Report& report) {
   return back == std::size(kVlans);
 }
 
+/// Makes a device of its own; what is sent on the device comes out here, and the other way round.
+bool tapHost(const Agent::Report& report) {
+  const example::StopOnSignal signals;
+  const auto pam = Wirl::tapPamFactory("red tap", "redtap", L3::VrfName("red").nsName());
+  Kiv::U32 seen = 0;
+  const Kiv::Reactor onReadable(pam->readableCount, [&] {
+    while (const Wirl::Pkt::Ptr pkt = pam->rxPkt()) {
+      const auto& header = *reinterpret_cast<const Wirl::EthHdr*>(pkt->front());
+      if (pkt->bytes() < sizeof(header) || header.typeOrLen() != kEthType) continue;
+      say("  %-20s %5u bytes from %s", pam->name().c_str(), pkt->bytes(), header.src().stringValue().c_str());
+      ++seen;
+    }
+  });
+  pam->enabledIs(true);
+  const auto system = Wirl::ethDevPamFactory("red tap's device", pam->ifName(), L3::VrfName("red").nsName());
+  system->rxRingBytesIs(1 << 20);
+  system->ethTypeIs(kEthType);
+  system->enabledIs(true);
+  Kiv::U32 received = 0;
+  const Kiv::Reactor onFrames(system->readableCount, [&] {
+    while (const Wirl::Pkt::Ptr pkt = system->rxPkt()) ++received;
+  });
+  const Wirl::Pkt::Ptr pkt = Wirl::globalPktManager()->newPkt();
+  pkt->stringValueIs(std::string(46, 'w'));
+  auto& header = *reinterpret_cast<Wirl::EthHdr*>(pkt->newSharedHeadData(sizeof(Wirl::EthHdr)));
+  header.dstIs(Wirl::EthAddr("ff:ff:ff:ff:ff:ff"));
+  header.srcIs(pam->ethAddr());
+  header.typeOrLenIs(kEthType);
+  const std::vector<Wirl::Pkt::Ptr> burst(8, pkt);
+  system->txPktBulk(burst);
+  pam->txPktBulk(burst);
+  Kiv::activityLoop().runUntil([&] { return seen == burst.size() && received == burst.size(); }, 5);
+  say("  %-20s %5u frames came out of its ring", system->name().c_str(), received);
+  report.counters(*pam);
+  report.counters(*system);
+  return seen == burst.size() && received == burst.size();
+}
+
 /// Two clients in one process exchange a packet repeatedly, in simulated time.
 bool cableClients(const Agent::Report& report) {
   constexpr int kThrows = 2000;
@@ -164,6 +202,11 @@ bool frames(example::CounterTable& counters) {
   const bool good = client.finish(&counters);
   server.stop();
   return server.finish(&counters) && good;
+}
+
+bool tap(example::CounterTable& counters) {
+  say("\nA tap: an agent makes the device redtap in VRF red, and exchanges frames with a Pam on the device");
+  return Agent(tapHost).finish(&counters);
 }
 
 bool cable(example::CounterTable& counters) {

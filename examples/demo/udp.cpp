@@ -93,7 +93,57 @@ bool udpClient(const Side& side, const Agent::Report& report) {
   return back == std::size(kSizes);
 }
 
+constexpr Kiv::U32 kBatch = 400;  // datagrams
+
+/// Receives all of them, as many as there are at a time; the kernel may merge them on their way.
+bool batchServer(const Agent::Report& report) {
+  const example::StopOnSignal signals;
+  const auto pam = Side{"red", false}.pam("batches in", "1", kPort);
+  pam->enableGroIs(true);
+  pam->rxBufBytesIs(4 << 20);
+  Kiv::U32 datagrams = 0, batches = 0;
+  const Kiv::Reactor onReadable(pam->readableCount, [&] {
+    while (const Kiv::S32 count = pam->rxPktBulk()) {
+      datagrams += static_cast<Kiv::U32>(count);
+      ++batches;
+    }
+  });
+  pam->modeIs(Mode::server);
+  report.ready();
+  Kiv::activityLoop().runUntil([&] { return datagrams == kBatch; }, 5);
+  say("  %-20s %5u datagrams in %u batches", pam->name().c_str(), datagrams, batches);
+  report.counters(*pam);
+  return datagrams == kBatch;
+}
+
+/// Sends them in one go, the kernel cuts them apart.
+bool batchClient(const Agent::Report& report) {
+  const auto pam = Side{"blue", false}.pam("batches out", "2", 0);
+  pam->txDstIpAddrIs(Wirl::IpAddr("192.0.2.1"));
+  pam->txPortIs(kPort);
+  pam->enableGsoIs(true);
+  pam->txBufBytesIs(4 << 20);
+  pam->modeIs(Mode::server);
+  const Wirl::Pkt::Ptr pkt = Wirl::globalPktManager()->newPkt();
+  pkt->stringValueIs(std::string(512, 'w'));
+  const std::vector<Wirl::Pkt::Ptr> all(kBatch, pkt);
+  const Kiv::U32 taken = pam->txPktBulk(all);
+  say("  %-20s %5u datagrams sent by one call", pam->name().c_str(), taken);
+  report.counters(*pam);
+  return taken == kBatch;
+}
+
 }  // namespace
+
+bool udpBatches(example::CounterTable& counters) {
+  if (interrupted != 0) return false;
+  say("\nUDP in batches: %u datagrams to one peer, merged and cut apart by the kernel", kBatch);
+  Agent server(batchServer);
+  server.waitReady();
+  Agent client(batchClient);
+  const bool good = client.finish(&counters);
+  return server.finish(&counters) && good;
+}
 
 bool udp(example::CounterTable& counters) {
   bool good = true;

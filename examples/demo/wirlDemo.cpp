@@ -8,7 +8,7 @@ namespace {
 
 // In the order of the layers.
 constexpr bool (*kParts[])(example::CounterTable& counters) = {
-    demo::rawIp, demo::frames, demo::cable, demo::udp, demo::tcp,
+    demo::rawIp, demo::frames, demo::tap, demo::cable, demo::udp, demo::udpBatches, demo::tcp,
 };
 
 int run() {

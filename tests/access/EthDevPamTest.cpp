@@ -8,12 +8,17 @@
 #include <linux/if_packet.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "Kiv/Kiv.h"
+#include "Wirl/access/PamConnector.h"
+#include "Wirl/access/PamMux.h"
 #include "Wirl/access/ReqResponseRawTxPam.h"
+#include "Wirl/access/TapPam.h"
 #include "tests/access/Wire.h"
 #include "tests/support/FaultInjection.h"
 #include "tests/support/Program.h"
@@ -361,32 +366,196 @@ TEST_F(EthDevPamTest, RawTxPamsSendByInterfaceIndexAndTellOnceWhenThereIsRoom) {
   EXPECT_EQ(raw->txPktCount(), sent + 1);
 }
 
-TEST_F(EthDevPamTest, TheDeviceMayVanishAndComeBack) {
+TEST_F(EthDevPamTest, TheDeviceMayVanishAndComeBackAndThePamIsThereAgain) {
   const Wire& mine = own();
-  const auto red = opened(mine.red);
-  const auto blue = opened(mine.blue);
-  U32 events = 0;
-  const Kiv::Reactor drain(red->readableCount, [&] {
-    ++events;
-    red->rxPkt();
-  });
-  mine.red.ip("link del veth1");
-  EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->rxErrors() == 1; }, 2));
-  red->txPktIs(pktOf(frameOf("gone")));
-  EXPECT_EQ(red->txErrno(), ENXIO);
-  events = 0;
-  Kiv::activityLoop().runFor(0.02);
-  EXPECT_EQ(events, 0u);  // the loop has come to rest
-  EXPECT_TRUE(red->enabled());
-  EXPECT_EQ(red->handleMembership(EthAddr("01:80:c2:00:00:0e"), true), ENODEV);
-  red->enabledIs(false);
-  EXPECT_EQ(failureOf([&] { red->enabledIs(true); }), "ioctl(SIOCGIFINDEX) 19");
-  const Veth again(mine.red, mine.blue);
-  red->enabledIs(true);
-  blue->enabledIs(false);
-  blue->enabledIs(true);
-  blue->txPktIs(pktOf(frameOf("back")));
-  EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->rxPktCount() > 0; }, 2));
+  for (const U32 ring : {0u, 1u}) {
+    const auto red = pamIn(mine.red);
+    red->rxRingBytesIs(ring);
+    red->enabledIs(true);
+    const U32 former = red->ifIndex();
+    EXPECT_EQ(red->handleMembership(EthAddr("01:80:c2:00:00:0e"), true), 0);
+    U32 events = 0;
+    const Kiv::Reactor drain(red->readableCount, [&] {
+      ++events;
+      while (red->rxPkt()) {
+      }
+    });
+    mine.red.ip("link set veth1 down");
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->rxErrors() == 1; }, 2));
+    EXPECT_TRUE(red->devPresent());
+    mine.red.ip("link set veth1 up");
+    mine.red.ip("link del veth1");
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return !red->devPresent(); }, 2));
+    red->txPktIs(pktOf(frameOf("gone")));
+    EXPECT_EQ(red->txErrno(), ENXIO);
+    Kiv::activityLoop().runFor(0.15);  // a try that finds nothing
+    events = 0;
+    Kiv::activityLoop().runFor(0.02);
+    EXPECT_EQ(events, 0u);  // the loop has come to rest
+    EXPECT_TRUE(red->enabled());
+    const Veth again(mine.red, mine.blue);
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->devPresent(); }, 2));
+    EXPECT_NE(red->ifIndex(), former);
+    EXPECT_THAT(shell(mine.red, "ip maddr show dev veth1"), HasSubstr("01:80:c2:00:00:0e"));
+    const auto blue = opened(mine.blue);
+    const std::vector<Pkt::Ptr> burst(100, pktOf(frameOf("back")));
+    EXPECT_EQ(blue->txPktBulk(burst), 100u);
+    EXPECT_EQ(blue->txPktCount(), 100u);
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return red->rxPktCount() == 100; }, 2));
+    red->enabledIs(false);
+    EXPECT_EQ(ethDevPamFactory("pam", "veth1", Wire::nameOf(mine.blue))->txPktBulk(burst), 100u);
+  }
+}
+
+TEST_F(EthDevPamTest, MergedAndUnfinishedFramesSaySo) {
+  for (const U32 ring : {0u, 1u}) {
+    const auto red = pamIn(wire->red);
+    red->ethTypeIs(0x0800);
+    red->rxRingBytesIs(ring);
+    red->enableRxOffloadIs(true);
+    red->maxRxPktDataIs(70000);
+    red->enabledIs(true);
+    const auto to = wire->veth.ipA;
+    runIn(wire->blue, [&to] {  // as one, which the device is to cut and to finish
+      const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+      const int segment = 100;
+      setsockopt(fd, IPPROTO_UDP, 103 /* UDP_SEGMENT */, &segment, sizeof(segment));
+      sockaddr_in peer{};
+      peer.sin_family = AF_INET;
+      peer.sin_port = htons(9);
+      inet_pton(AF_INET, to.c_str(), &peer.sin_addr);
+      const std::string data(250, 'x');
+      sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer));
+      return close(fd);
+    });
+    S32 count = 0;
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return (count = red->rxPktBulk()) > 0; }, 2));
+    const EthRxMetadata metadata = red->rxMetadata(0);
+    EXPECT_TRUE(metadata.merged);
+    EXPECT_EQ(metadata.segmentBytes, 100);
+    EXPECT_EQ(metadata.checksum, RxChecksum::notFilledIn);
+    EXPECT_EQ(metadata.checksumStart, 34);
+    EXPECT_EQ(metadata.checksumOffset, 6);
+    EXPECT_EQ(red->savedPacket(0)->bytes(), 292u);
+    const auto blue = pamIn(wire->blue);
+    blue->enableRxOffloadIs(true);  // then what is sent has the kernel's header as well
+    blue->enabledIs(true);
+    blue->txPktIs(pktOf(frameOf("whole", kTo, "\x08\x00"s)));
+    const Pkt::Ptr whole = next(*red);
+    ASSERT_TRUE(whole);
+    EXPECT_EQ(whole->stringValue(), frameOf("whole", kTo, "\x08\x00"s));
+    EXPECT_FALSE(red->rxMerged());
+  }
+}
+
+TEST_F(EthDevPamTest, ATapIsACableToTheSystem) {
+  const NamespaceName ns = Wire::nameOf(wire->red);
+  const auto tap = tapPamFactory("tap", "wtap%d", ns);
+  tap->mtuIs(1400);
+  tap->enabledIs(true);
+  EXPECT_EQ(tap->ifName(), "wtap0");
+  EXPECT_THAT(
+      shell(wire->red, "ip link show wtap0"),
+      testing::AllOf(HasSubstr("mtu 1400"), HasSubstr(tap->ethAddr().stringValue()), HasSubstr("UP")));
+  const auto system = ethDevPamFactory("system", "wtap0", ns);
+  system->ethTypeIs(0x88b5);
+  system->enabledIs(true);
+  const Pkt::Ptr tagged = pktOf(frameOf("tagged"));
+  tagged->newSeparateVlanTag(0x2005, 0x8100);
+  tap->txPktIs(tagged);
+  const Pkt::Ptr got = next(*system);
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->stringValue(), frameOf("tagged"));
+  EXPECT_EQ(got->tciField(), 0x2005);
+  EXPECT_EQ(tap->txPktCount(), 1u);
+  EXPECT_EQ(failureOf([&] { tapPamFactory("tap", "a name longer than any device's", ns)->enabledIs(true); }),
+            "ioctl(TUNSETIFF) 22");
+  wire->red.ip("link del wtap0");
+  EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return tap->rxPkt() == nullptr && !tap->enabled(); }, 2));
+  tap->enabledIs(true);
+  EXPECT_EQ(tap->ifName(), "wtap0");
+}
+
+/// Keys by lot, against a walk over all clients.
+TEST(PamDemux, TheFirstClientWhoseKeyOrFunctionMatchesGetsThePacket) {
+  Kiv::ActivityLoop& loop = Kiv::activityLoop();
+  loop.simulatedTimeIs(true);
+  const auto cable = PamConnectorIs(Kiv::makePtr<Kiv::Clock>("cable"));
+  cable->handleInitializedBase();
+  const auto demux = pamDemuxFactory("demux", cable->pam("pam1"), PamDemux::Layer::frame);
+  std::mt19937 draw(1);
+  const auto lot = [&](U32 below) { return static_cast<U32>(draw() % below); };
+  struct Client {
+    PamKey key;
+    int letter;  // of the payload, or -1: by key
+    Kiv::Ptr<PamMuxPam> pam;
+  };
+  std::vector<Client> clients;
+  const auto address = [&](bool v6) {
+    return v6 ? IpGenAddr(Ip6Addr(0xff02ull << 48, lot(3)))
+              : IpGenAddr(IpAddr(224, 0, 0, static_cast<U8>(lot(3))));
+  };
+  U64 unmatched = 0, matched = 0;
+  for (int step = 0; step < 3000; ++step) {
+    if (clients.size() < 200 && lot(3) == 0) {
+      Client client{{}, lot(8) == 0 ? static_cast<int>('a' + lot(4)) : -1, nullptr};
+      if (client.letter >= 0) {
+        const auto letter = static_cast<U8>(client.letter);
+        client.pam = demux->clientIs(
+            "client", [letter](const Pkt::Ptr& pkt) { return pkt->rawByte(pkt->bytes() - 1) == letter; });
+      } else {
+        if (lot(2) == 0) client.key.ethType = lot(2) == 0 ? 0x0800 : 0x86dd;
+        if (lot(2) == 0) client.key.protocol = lot(2) == 0 ? U8{17} : static_cast<U8>(89 + lot(8));
+        if (lot(2) == 0) client.key.port = static_cast<U16>(lot(5));
+        if (lot(2) == 0 || client.key == PamKey()) client.key.group = address(lot(2) == 0);
+        client.pam = demux->clientIs("client", client.key);
+      }
+      clients.push_back(client);
+    } else if (clients.size() > 20 && lot(2) == 0) {
+      clients.erase(clients.begin() + lot(static_cast<U32>(clients.size())));
+    }
+    const bool v6 = lot(2) == 0;
+    const IpGenAddr group = address(v6);
+    const U8 protocol = lot(2) == 0 ? U8{17} : static_cast<U8>(89 + lot(8));
+    const bool fragment = lot(8) == 0, extended = v6 && lot(2) == 0;
+    const U16 port = static_cast<U16>(lot(5));
+    const char letter = static_cast<char>('a' + lot(26));
+    std::string header(v6 ? 40 : 20, '\0');
+    header[0] = v6 ? 0x60 : 0x45;
+    header[v6 ? 6 : 9] = static_cast<char>(protocol);
+    group.copyToBuffer(reinterpret_cast<unsigned char*>(&header[v6 ? 24 : 16]));
+    if (fragment && !v6) header[7] = 1;
+    if (extended) header[6] = 0, header += std::string{static_cast<char>(protocol), 0, 1, 4, 0, 0, 0, 0};
+    if (fragment && v6) {
+      header[extended ? 40 : 6] = 44;
+      header += std::string{static_cast<char>(protocol), 0, 0, 8, 0, 0, 0, 0};
+    }
+    const std::string tag = lot(2) == 0 ? "\x81\0\0\x05"s : "";
+    const std::string frame = "ddddddssssss" + tag + (v6 ? "\x86\xdd"s : "\x08\0"s) + header + "\0\x63\0"s +
+                              static_cast<char>(port) + std::string(8, letter);
+    PamKey key{v6 ? U16{0x86dd} : U16{0x0800}, protocol, std::nullopt, group};
+    if (protocol == 17 && !fragment) key.port = port;
+    ASSERT_EQ(PamDemux::keyOf(*pktOf(frame), PamDemux::Layer::frame), key);
+    const auto wanted = std::find_if(clients.begin(), clients.end(), [&](const Client& each) {
+      const auto fits = [](const auto& asked, const auto& has) { return !asked || asked == has; };
+      if (each.letter >= 0) return each.letter == letter;
+      return fits(each.key.ethType, key.ethType) && fits(each.key.protocol, key.protocol) &&
+             fits(each.key.port, key.port) && fits(each.key.group, key.group);
+    });
+    cable->pam("pam0")->txPktIs(pktOf(frame));
+    loop.runFor(0.002);
+    wanted == clients.end() ? ++unmatched : ++matched;
+    ASSERT_EQ(demux->rxUnmatched(), unmatched);
+    for (const Client& each : clients) {
+      const Pkt::Ptr got = each.pam->rxPkt();
+      ASSERT_EQ(got != nullptr, wanted != clients.end() && &each == &*wanted);
+    }
+  }
+  EXPECT_GT(matched, 500u);
+  EXPECT_GT(unmatched, 100u);
+  EXPECT_EQ(PamDemux::keyOf(*pktOf("short"), PamDemux::Layer::frame), PamKey());
+  EXPECT_EQ(PamDemux::keyOf(*pktOf("\x45"), PamDemux::Layer::ip), PamKey());
+  loop.simulatedTimeIs(false);
 }
 
 }  // namespace

@@ -149,7 +149,7 @@ TEST_P(PamConformanceTest, ReactorsMayCloseReopenDropThePamOrThrowAtAnyPoint) {
               }
             }
             const Fault noReceive(backend->receiveCall(), 1, ENOMEM);
-            const Fault noSend(Call::sendmsg, 1, ENOBUFS);
+            const Fault noSend(backend->sendCall(), 1, ENOBUFS);
             if (step == 2) backend->pull(*pam);
             if (step == 3) pam->txPktIs(backend->pktOf("x"));
             if (step == 4) backend->openIs(*pam, false);
@@ -466,9 +466,9 @@ TEST_P(SocketPamConformanceTest, AReactorThatThrowsCostsNoPacket) {
       });
       try {
         if (const Pkt::Ptr pkt = backend->pull(pam)) got = backend->payloadOf(*pkt);
+        if (thrown == before) Kiv::activityLoop().runFor(0.0005);
       } catch (const std::runtime_error&) {
       }
-      if (thrown == before) Kiv::activityLoop().poll();
     }
     EXPECT_EQ(got, "kept");
     EXPECT_EQ(receive(0), "nothing");
@@ -540,6 +540,7 @@ TEST_P(SocketPamConformanceTest, AnOptionThatIsRefusedWhileOpenCostsTheSocketAnd
   open();
   Pam& pam = *backend->subject();
   const std::size_t before = settledDescriptors();
+  if (!backend->loses()) return;
   backend->roomIsSmall();
   for (int i = 0; i < 200; ++i) send("flood");
   EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return backend->to->rxDrops() > 100; }, 5));
@@ -572,6 +573,7 @@ TEST_P(SocketPamConformanceTest, OptionsSurviveAReopeningAndARefusalChangesNothi
     return value;
   };
   const auto all = backend->options(pam);
+  if (all.empty()) return;  // no socket
   backend->openIs(pam, true);
   const std::size_t before = settledDescriptors();
   for (const PamBackend::Option& option : all) {

@@ -91,6 +91,7 @@ class PamBackend {
     return all;
   }
   virtual Call receiveCall() const { return Call::recvmsg; }
+  virtual Call sendCall() const { return Call::sendmsg; }
   virtual Loss lossOf(int) const { return Loss::error; }
   virtual bool countsFailedReceive(int) const { return true; }
   /// What a send while closed dies of; null where it is counted as an error.

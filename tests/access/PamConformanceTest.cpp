@@ -8,7 +8,9 @@
 #include "Wirl/access/Ip6SocketPam.h"
 #include "Wirl/access/IpSocketPam.h"
 #include "Wirl/access/PamConnector.h"
+#include "Wirl/access/PamMux.h"
 #include "Wirl/access/ReqResponseRawTxPam.h"
+#include "Wirl/access/TapPam.h"
 
 namespace Wirl {
 namespace {
@@ -111,9 +113,11 @@ class PacketBackend : public SocketPamBackend<PacketPam> {
 
 class EthDevBackend final : public PacketBackend {
  public:
-  EthDevBackend(const NamespaceName& ns, bool batches) : batches_(batches) {
+  EthDevBackend(const NamespaceName& ns, bool batches, bool ring) : batches_(batches), ring_(ring) {
     from = device(ns);
     const auto pam = device(ns);
+    pam->enableRxOffloadIs(batches == ring);
+    if (ring) pam->rxRingBytesIs(1);
     if (batches) pam->socketReadLimitIs(4);
     if (batches) pam->maxRxPktDataIs(9018);
     to = pam;
@@ -130,23 +134,31 @@ class EthDevBackend final : public PacketBackend {
     dynamic_cast<EthDevPam&>(pam).promiscuousIs(true);
     return true;
   }
-  Call receiveCall() const override { return batches_ ? Call::recvmmsg : Call::recvmsg; }
-  bool countsFailedReceive(int error) const override { return batches_ || error != EAGAIN; }
+  /// A ring has room for more packets than the suite sends, and no receive calls that could fail.
+  bool loses() const override { return !ring_; }
+  Call receiveCall() const override {
+    return ring_ ? Call::getsockopt : batches_ ? Call::recvmmsg : Call::recvmsg;
+  }
+  bool countsFailedReceive(int error) const override { return !ring_ && (batches_ || error != EAGAIN); }
   std::vector<Step> steps(Pam& pam) const override {
     auto& own = dynamic_cast<EthDevPam&>(pam);
     own.rxBufIs(100000);
     own.promiscuousIs(true);
     own.allMulticastIs(true);
-    std::vector<Step> all = stepsOf({"PACKET_AUXDATA", "PACKET_IGNORE_OUTGOING", "SO_RCVBUFFORCE",
-                                     "SO_ATTACH_FILTER", "PACKET_MR_PROMISC", "PACKET_MR_ALLMULTI"},
-                                    true);
+    std::vector<std::string> options = {"PACKET_AUXDATA", "PACKET_IGNORE_OUTGOING", "SO_RCVBUFFORCE",
+                                        "PACKET_VNET_HDR", "SO_ATTACH_FILTER"};
+    own.enableRxOffloadIs(true);
+    if (ring_) options.insert(options.end(), {"PACKET_VERSION", "PACKET_RX_RING"});
+    options.insert(options.end(), {"PACKET_MR_PROMISC", "PACKET_MR_ALLMULTI"});
+    std::vector<Step> all = stepsOf(options, true);
     all.push_back({Call::ioctl, "ioctl(SIOCGIFINDEX)"});
     all.push_back({Call::ioctl, "ioctl(SIOCGIFHWADDR)"});
+    if (ring_) all.push_back({Call::mmap, "mmap"});
     return all;
   }
 
  private:
-  const bool batches_;
+  const bool batches_, ring_;
 };
 
 /// What it sends is received by a Pam of another class.
@@ -170,6 +182,92 @@ class RawTxBackend final : public PacketBackend {
   void askForWritable(Pam& pam) override {
     if (auto* const asking = dynamic_cast<ReqResponseRawTxPam*>(&pam)) asking->requestWritable();
   }
+};
+
+/// A device of its own; what the system sends on it comes from a packet socket.
+class TapBackend final : public SocketPamBackend<VirtualDevPam> {
+ public:
+  TapBackend(const NamespaceName& ns, bool frames) : frames_(frames) {
+    to = frames ? Kiv::Ptr<Pam>(tapPamFactory("tap", "wirl0", ns))
+                : Kiv::Ptr<Pam>(tunPamFactory("tun", "wirl0", ns));
+    from = ethDevPamFactory("device", "wirl0", ns);
+  }
+  void openIs(Pam& pam, bool open) override {
+    if (&pam == to.get()) return as(pam).enabledIs(open);
+    dynamic_cast<EthDevPam&>(pam).enabledIs(open && isOpen(*to));
+  }
+  bool isOpen(const Pam& pam) const override { return &pam != to.get() || as(pam).fileDesc() != nullptr; }
+  bool isWhole(const Pam& pam) const override { return &pam != to.get() || SocketPamBackend::isWhole(pam); }
+  Pkt::Ptr pktOf(const std::string& payload) const override { return PamBackend::pktOf(header() + payload); }
+  std::string payloadOf(const Pkt& pkt) const override {
+    return std::string(pkt.stringValue()).substr(header().size());
+  }
+  Pkt::Ptr pull(Pam& pam) override {  // not what the system sends for itself
+    Pkt::Ptr pkt;
+    while ((pkt = pam.rxPkt()) && !std::string(pkt->stringValue()).starts_with(header())) {
+    }
+    return pkt;
+  }
+  std::vector<Watch> attributes(Pam& pam) const override {
+    auto& own = as(pam);
+    return both(SocketPamBackend::attributes(pam), {on(own.enabled), on(own.ifIndex), on(own.rxPktCount)});
+  }
+  std::vector<Option> options(Pam&) const override { return {}; }
+  bool loses() const override { return false; }
+  Call receiveCall() const override { return Call::read; }
+  Loss lossOf(int error) const override { return error == EAGAIN ? Loss::drop : Loss::error; }
+  bool countsFailedReceive(int error) const override { return error != EAGAIN; }
+  std::uint64_t sent(const Pam& pam) const override {
+    return dynamic_cast<const EthDevPam&>(pam).txPktCount();
+  }
+  std::vector<Step> steps(Pam&) const override {
+    std::vector<Step> all = {{Call::socket, "socket"},
+                             {Call::ioctl, "ioctl(TUNSETIFF)"},
+                             {Call::ioctl, "ioctl(SIOCGIFINDEX)"},
+                             {Call::ioctl, "ioctl(SIOCGIFFLAGS)"},
+                             {Call::ioctl, "ioctl(SIOCSIFFLAGS)"}};
+    if (frames_) all.push_back({Call::ioctl, "ioctl(SIOCGIFHWADDR)"});
+    return all;
+  }
+
+ private:
+  std::string header() const {
+    return frames_ ? "\x02\0\0\0\0\x01\x02\0\0\0\0\x02\x88\xb5"s : "\x45"s + std::string(19, '\x7f');
+  }
+  const bool frames_;
+};
+
+/// A client that shares a cable's end with others, and takes what carries its EtherType.
+class DemuxBackend final : public PamBackend {
+ public:
+  explicit DemuxBackend(const NamespaceName&) {
+    Kiv::activityLoop().simulatedTimeIs(true);
+    cable_->handleInitializedBase();
+    from = pamMuxFactory("mux", cable_->pam("pam0"))->clientIs("sender");
+    demux_ = pamDemuxFactory("demux", cable_->pam("pam1"), PamDemux::Layer::frame);
+    other_ = demux_->clientIs("other", {.ethType = 0x88b6});
+    to = demux_->clientIs("client", {.ethType = 0x88b5});
+  }
+  ~DemuxBackend() override { Kiv::activityLoop().simulatedTimeIs(false); }
+  void drop(Kiv::Ptr<Pam>& end) override {
+    end = nullptr;
+    if (from || to) return;
+    demux_ = nullptr;
+    other_ = nullptr;
+    cable_ = nullptr;
+  }
+  Pkt::Ptr pktOf(const std::string& payload) const override { return PamBackend::pktOf(header_ + payload); }
+  std::string payloadOf(const Pkt& pkt) const override {
+    return std::string(pkt.stringValue()).substr(header_.size());
+  }
+  void roomIsSmall() override { dynamic_cast<PamMuxPam&>(*to).maxBufferIs(2); }
+  bool gathers() const override { return false; }
+
+ private:
+  const std::string header_ = "ddddddssssss\x88\xb5"s;
+  Kiv::Ptr<PamConnector> cable_ = PamConnectorIs(Kiv::makePtr<Kiv::Clock>("cable"));
+  Kiv::Ptr<PamDemux> demux_;
+  Kiv::Ptr<PamMuxPam> other_;
 };
 
 /// What moves is a payload, or a tagged frame whose tag is taken out.
@@ -215,12 +313,20 @@ const std::vector<PamClass> kSocketPams = {
     pamClass<RawIpBackend, false, true>("IpSocketPamInBatches"),
     pamClass<RawIpBackend, true, false>("Ip6SocketPam"),
     pamClass<RawIpBackend, true, true>("Ip6SocketPamInBatches"),
-    pamClass<EthDevBackend, false>("EthDevPam"),
-    pamClass<EthDevBackend, true>("EthDevPamInBatches"),
+    pamClass<EthDevBackend, false, false>("EthDevPam"),
+    pamClass<EthDevBackend, true, false>("EthDevPamInBatches"),
+    pamClass<EthDevBackend, false, true>("EthDevPamRing"),
+    pamClass<EthDevBackend, true, true>("EthDevPamRingInBatches"),
     pamClass<RawTxBackend<RawTxPam>>("RawTxPam"),
     pamClass<RawTxBackend<ReqResponseRawTxPam>>("ReqResponseRawTxPam")};
 INSTANTIATE_TEST_SUITE_P(Access, SocketPamConformanceTest, testing::ValuesIn(kSocketPams), PamClass::nameOf);
 INSTANTIATE_TEST_SUITE_P(Access, PamConformanceTest, testing::ValuesIn(kSocketPams), PamClass::nameOf);
+INSTANTIATE_TEST_SUITE_P(Tap, SocketPamConformanceTest,
+                         testing::Values(pamClass<TapBackend, true>("TapPam"),
+                                         pamClass<TapBackend, false>("TunPam")),
+                         PamClass::nameOf);
+INSTANTIATE_TEST_SUITE_P(Demux, PamConformanceTest, testing::Values(pamClass<DemuxBackend>("PamDemux")),
+                         PamClass::nameOf);
 INSTANTIATE_TEST_SUITE_P(Cable, PamConformanceTest,
                          testing::Values(pamClass<ConnectorBackend, false>("PamConnector"),
                                          pamClass<ConnectorBackend, true>("PamConnectorOfTags")),

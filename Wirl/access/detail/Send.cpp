@@ -19,12 +19,12 @@ void TxBatch::add(const iovec* pieces, std::size_t count) noexcept {
   headers_[messageCount_ - 1].msg_hdr.msg_iovlen += count;
 }
 
-void TxBatch::toIs(const SockAddr& address) noexcept {
+void TxBatch::toIs(const void* address, std::size_t length) noexcept {
   Message& message = messages_[messageCount_ - 1];
   msghdr& header = headers_[messageCount_ - 1].msg_hdr;
-  message.to = address;
-  header.msg_name = message.to.get();
-  header.msg_namelen = address.length();
+  std::memcpy(message.to, address, std::min(length, sizeof(message.to)));
+  header.msg_name = message.to;
+  header.msg_namelen = static_cast<socklen_t>(length);
 }
 
 void TxBatch::fromIs(const IpGenAddr& from, U32 ifIndex) noexcept {

@@ -27,7 +27,8 @@ class KIV_API TxBatch {
   void begin(U32 packets) noexcept;
   // Of the message that was begun last; two control messages at most, one of them packet information.
   void add(const iovec* pieces, std::size_t count) noexcept;
-  void toIs(const SockAddr& address) noexcept;
+  void toIs(const SockAddr& address) noexcept { toIs(address.get(), address.length()); }
+  void toIs(const void* address, std::size_t length) noexcept;
   void fromIs(const IpGenAddr& from, U32 ifIndex) noexcept;
   template <typename T>
   void control(int level, int type, const T& data) noexcept {
@@ -54,7 +55,7 @@ class KIV_API TxBatch {
  private:
   struct Message {
     U32 packets;
-    SockAddr to;
+    alignas(sockaddr_storage) unsigned char to[sizeof(sockaddr_in6)];
     alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(U16))];
   };
 
