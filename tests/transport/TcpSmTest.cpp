@@ -516,6 +516,14 @@ TEST(TcpServerSm, OpensWhenItCan) {
   EXPECT_EQ(second.sm->openErrors(), 1u);
   first.sm->enabledIs(false);
   EXPECT_TRUE(soon([&] { return second.sm->state() == ServerState::listening; }));
+  // Attributes that changed to what cannot work, while it waits.
+  Server third;
+  {
+    const Fault fault(Call::bind, 1, EADDRINUSE);
+    third.sm->enabledIs(true);
+  }
+  third.sm->localAddrIs(IpGenAddr());
+  EXPECT_TRUE(soon([&] { return third.sm->lastError() == EAFNOSUPPORT; })) << third.sm->lastErrorReason();
   // :: leaves the port of IPv4 to another one.
   Server both("::");
   both.sm->localPortIs(second.sm->listeningPort());
@@ -544,12 +552,14 @@ TEST(TcpSm, WhateverHappensTheSocketsAreThoseOfTheStates) {
     const Kiv::Reactor onState(sm->state, react), onConnection(sm->connection, react);
     const Kiv::Reactor onServerState(server.sm->state, react), onAccepted(server.sm->accepted, react);
     // A client that accepts outside of events, too. If a reactor throws, the next call has the connection.
+    U32 taken = 0;
     const auto drain = [&] {
       for (;;) {
         try {
           auto connection = server.sm->accept();
           if (!connection) return;
           server.connections.push_back(connection);
+          ++taken;
         } catch (const Thrown&) {
         }
       }
@@ -585,6 +595,7 @@ TEST(TcpSm, WhateverHappensTheSocketsAreThoseOfTheStates) {
       const bool connected = client == ClientState::connected || client == ClientState::closing;
       ASSERT_EQ(sm->connection() != nullptr, connected);
       ASSERT_EQ(server.sm->openConnections(), server.connections.size());
+      ASSERT_EQ(server.sm->accepted(), taken);
       const ServerState at = server.sm->state();
       const bool listens = at != ServerState::disabled && at != ServerState::waiting;
       ASSERT_EQ(server.sm->listeningPort() != 0, listens);
