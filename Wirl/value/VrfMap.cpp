@@ -20,7 +20,8 @@ VrfMap& VrfMap::operator=(VrfMap other) noexcept {
 }
 
 bool VrfMap::insert(const VrfName& name, VrfId id) {
-  if (!name) return false;
+  // A map that was moved from lacks the default VRF, whose number stays its own.
+  if (!name || name.isDefault() != id.isDefault()) return false;
   if (const auto holder = names_.find(id); holder != names_.end()) return holder->second->first == name;
   const auto [at, isNew] = ids_.emplace(name, id);
   if (!isNew) return false;
@@ -36,11 +37,8 @@ bool VrfMap::insert(const VrfName& name, VrfId id) {
 std::optional<VrfId> VrfMap::insert(const VrfName& name) {
   if (!name) return std::nullopt;
   if (const auto known = id(name)) return known;
-  Kiv::U32 free = 0;
-  for (const auto& [id, holder] : names_) {
-    if (id.value() != free) break;
-    ++free;
-  }
+  Kiv::U32 free = name.isDefault() ? 0 : 1;
+  for (const auto& [id, holder] : names_) free += id.value() == free;
   insert(name, VrfId(free));
   return VrfId(free);
 }

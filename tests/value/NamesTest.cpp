@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <new>
+#include <utility>
 
 #include "Kiv/Representation.h"
 #include "Wirl/value/NamespaceName.h"
@@ -112,6 +113,9 @@ TEST(VrfMap, GivesEachVrfOneNumber) {
   EXPECT_EQ(names, "default0 green3 grey1 red2 ");
   map = copy;
   EXPECT_TRUE(map.size() == 4 && map.id(VrfName("blue")) && !map.id(VrfName("grey")));
+  const L3::VrfMap taken = std::move(map);
+  EXPECT_EQ(map.insert(VrfName("red")), VrfId(1)) << "0 is the default VRF's, also where a move took that";
+  EXPECT_TRUE(map.insert(VrfName::defaultVrf(), VrfId(0)) && !map.insert(VrfName("blue"), VrfId(0)));
 }
 
 TEST(VrfName, KnowsItsNamespace) {
