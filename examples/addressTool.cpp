@@ -272,7 +272,10 @@ bool takeLines(std::istream& in, const char* what,
   char c = 0;
   for (std::size_t number = 1; in && std::cout; ++number) {
     line.clear();
-    while (in.get(c) && c != '\n') {
+    while (true) {
+      // Whoever waits for an answer before the next question gets it.
+      if (in.rdbuf()->in_avail() <= 0) std::cout.flush();
+      if (!in.get(c) || c == '\n') break;
       if (line.size() <= kLongest) line += c;
     }
     const std::string_view text = withoutBlanks(line);
@@ -283,8 +286,6 @@ bool takeLines(std::istream& in, const char* what,
     } else if (!text.empty() && text[0] != '#') {
       takeOne(what, number, text, take);
     }
-    // Whoever waits for an answer before the next question gets it.
-    if (in.rdbuf()->in_avail() <= 0) std::cout.flush();
   }
   return !in.bad();
 }
@@ -333,6 +334,7 @@ int main(int argc, char** argv) {
     }
   }
   std::ios::sync_with_stdio(false);
+  std::cin.tie(nullptr);  // `takeLines` knows when answers are due; each on its own would cost a system call
 
   bool first = true;
   std::vector<IpGenPrefix> all;

@@ -168,9 +168,9 @@ run 1 '10.1.2.3\n192.0.2.1\n10.2.0.1\n10.2\n2001:db8::1' --routes "$routes"
 out='' err='addressTool: /nonexistent cannot be read'
 run 1 '' --routes /nonexistent
 
-# An answer comes before the next question is asked.
+# An answer comes before the next question is asked to its end.
 coproc "$tool" --routes "$routes" 2>/dev/null
-echo 10.1.2.3 >&"${COPROC[1]}"
+printf '10.1.2.3\n10' >&"${COPROC[1]}"
 read -r -t 10 answer <&"${COPROC[0]}"
 [ "${answer:-}" = '10.1.2.3 10.1.0.0/16 edge 7' ] || { echo "FAILED: no answer while the input is open"; failures=1; }
 exec {COPROC[1]}>&-
