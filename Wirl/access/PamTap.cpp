@@ -109,7 +109,7 @@ void PamTap::show(Kept&& kept) {
   if (!ring_.empty()) {
     std::swap(ring_[next_], kept);
     next_ = (next_ + 1) % ring_.size();
-    inRing_ = std::min<U64>(inRing_ + 1, ring_.size());
+    inRing_ = std::min(inRing_ + 1, ring_.size());
   }
 }
 

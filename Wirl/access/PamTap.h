@@ -99,7 +99,7 @@ class KIV_API PamTap final : public Pam {
   U64 received_ = 0;
   std::vector<Kept> ring_;
   std::size_t next_ = 0;
-  U64 inRing_ = 0;
+  std::size_t inRing_ = 0;
   std::vector<U8> spare_;  // memory for the next packet
 };
 
