@@ -1237,7 +1237,7 @@ void LayerIterator::gre() noexcept {
       next_ = LayerKind::erspan;
       return;
     case kWccp:  // with a header of its own in front of the datagram, or without
-      if (here() > 4 && hdr[4] >> 4 != 4) skip(4);
+      if (here() > 4 && at()[0] >> 4 != 4) skip(4);
       return tunnel(LayerKind::ip);
     case ethTypeIp:
       return tunnel(LayerKind::ip);

@@ -114,10 +114,11 @@ struct LayerOptions {
 };
 
 /// Walks over the layers of a packet from the outermost one. Each step looks at one header, and at the bytes
-/// that its checksum covers, the first one at those of Ethernet, IP and TCP; nothing is allocated or written, and nothing outside of the packet is read. The
-/// walk ends behind a layer whose header is not there or cannot be trusted, at a fragment that is not the
-/// first one, at what is encrypted, and at protocols that have no kind. The datagram in an ICMP error is no
-/// layer, nor is one in another message that reports about it.
+/// that its checksum covers; the first one at those of Ethernet, IP and TCP. Nothing is allocated or written,
+/// and nothing outside of the packet is read. The walk ends behind a layer whose header is not there or
+/// cannot be trusted, at a fragment that is not the first one, at what is encrypted, and at protocols that
+/// have no kind. The datagram in an ICMP error is no layer, nor is one in another message that reports about
+/// it.
 class LayerIterator {
  public:
   using iterator_concept = std::input_iterator_tag;

@@ -65,6 +65,19 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     lists(layer.header);
     lists(layer.payload);
   }
+  // The quick way through what most frames begin with finds what the steps find.
+  const std::string whole(pkt->stringValue());
+  const std::span<const U8> octets(reinterpret_cast<const U8*>(whole.data()), whole.size());
+  auto stepwise = Layers({}, octets, options).begin();
+  for (const Layer& layer : layers(octets, options)) {
+    KIV_ASSERT(layer.kind == stepwise->kind && layer.offset == stepwise->offset);
+    KIV_ASSERT(layer.error == stepwise->error && layer.further == stepwise->further);
+    KIV_ASSERT(layer.cut == stepwise->cut && layer.payloadBytes == stepwise->payloadBytes);
+    KIV_ASSERT(layer.header.size() == stepwise->header.size() &&
+               layer.payload.size() == stepwise->payload.size());
+    ++stepwise;
+  }
+  KIV_ASSERT(stepwise == std::default_sentinel);
   static PktLog log({.maxEntries = 8, .keyBytes = 64});
   log.pktIs(*pkt, noError, Kiv::Time());
   KIV_ASSERT(!log.pktIs(*pkt, noError, Kiv::Time()) && log.entries() <= 8);

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Wirl/packet/Pkt.h"
@@ -42,7 +43,15 @@ std::span<const U8> octets(const std::string& text) {
 void look(std::span<const U8> bytes, LayerOptions options) {
   std::size_t end = 0;
   unsigned count = 0;
+  // A packet whose first piece is empty is walked over step by step.
+  auto stepwise = Layers({}, bytes, options).begin();
   for (const Layer& layer : layers(bytes, options)) {
+    const auto seen = [](const Layer& l) {
+      return std::tuple(l.kind, l.tunnels, l.cut, l.generic, l.error.value(), l.further.value(), l.offset,
+                        l.header.size(), l.payload.size(), l.payloadBytes);
+    };
+    ASSERT_EQ(seen(layer), seen(*stepwise));
+    ++stepwise;
     ASSERT_LE(++count, LayerIterator::kMaxLayers + 1);
     ASSERT_LE(layer.tunnels, LayerIterator::kMaxTunnels);
     ASSERT_GE(layer.offset, end);
