@@ -488,6 +488,54 @@ void writeFieldLines(Out& out, std::span<const HdrField> fields, std::span<const
   }
 }
 
+/// Where the fields of a table end.
+std::size_t endOf(std::span<const HdrField> fields) noexcept {
+  std::size_t end = 0;
+  for (const HdrField& field : fields)
+    end = std::max(end, (std::size_t{field.firstBit} + field.bits + 7) / 8);
+  return end;
+}
+
+/// What an item has behind its fields: as characters, too, where it is some.
+void writeData(Out& out, std::span<const U8> data) {
+  constexpr std::size_t kMost = 64;
+  constexpr std::size_t kLeastText = 3;
+  if (data.empty()) return;
+  out << "    data                     ";
+  const auto shown = data.first(std::min(data.size(), kMost));
+  for (const U8& octet : shown) {
+    if (&octet != shown.data()) out << ':';
+    out.hex(octet, 2);
+  }
+  if (shown.size() < data.size()) out << "...";
+  const auto isPrintable = [](U8 octet) { return octet >= 0x20 && octet < 0x7f; };
+  if (shown.size() >= kLeastText && std::all_of(shown.begin(), shown.end(), isPrintable)) {
+    out << " \"" << std::string_view(reinterpret_cast<const char*>(shown.data()), shown.size()) << '"';
+  }
+  out << '\n';
+}
+
+/// The addresses that a routing header or an advertisement of VRRP has behind its fields.
+void writeAddrs(Out& out, const Layer& layer, bool over6) {
+  const auto line = [&out]<typename Addr>(std::type_identity<Addr>, const void* addr) {
+    out << "  address                  ";
+    out.addr<Addr>(static_cast<const U8*>(addr)) << '\n';
+  };
+  // Compressed addresses are completed by the packet's destination, and shown in octets alone.
+  constexpr U8 kCompressed = 3;
+  if (layer.kind == LayerKind::ip6routing && layer.header.size() >= 4 && layer.header[2] != kCompressed) {
+    for (const Ip6Addr& addr : Ip6RouteAddrs(layer.header, Ip6Addr()))
+      line(std::type_identity<Ip6Addr>(), &addr);
+  }
+  if (layer.kind != LayerKind::vrrp || layer.header.size() < sizeof(VrrpHdr)) return;
+  const std::size_t bytes = over6 ? sizeof(Ip6Addr) : sizeof(IpAddr);
+  const unsigned count = layer.header[3];
+  for (std::size_t i = 0; i < count && (i + 1) * bytes <= layer.payload.size(); ++i) {
+    const U8* const addr = layer.payload.data() + i * bytes;
+    over6 ? line(std::type_identity<Ip6Addr>(), addr) : line(std::type_identity<IpAddr>(), addr);
+  }
+}
+
 void writeHexRow(Out& out, std::string_view name, U32 offset, std::span<const U8> row) {
   static constexpr std::string_view kBlanks = "            ";
   out << name << kBlanks.substr(std::min(name.size(), kBlanks.size() - 1));
@@ -898,7 +946,9 @@ void appendPktLine(std::string& to, const Layers& layers) {
 
 void appendPktFields(std::string& to, const Layers& layers) {
   Out out(to);
+  bool over6 = false;
   for (const Layer& layer : layers) {
+    if (layer.kind == LayerKind::ip || layer.kind == LayerKind::ip6) over6 = layer.kind == LayerKind::ip6;
     out << layerKindText(layer.kind) << ", ";
     out.number(layer.header.size()) << " bytes at ";
     out.number(layer.offset) << ", payload ";
@@ -914,9 +964,12 @@ void appendPktFields(std::string& to, const Layers& layers) {
           << std::string_view("                         ").substr(std::min<std::size_t>(key.size(), 24));
       out.number(value) << '\n';
     });
+    writeAddrs(out, layer, over6);
     forEachItem(layer, [&](const LayerItem& item) {
       out << "  " << item.fields.name << '\n';
-      writeFieldLines(out, item.fields.fields, item.option.bytes, "    ");
+      const auto bytes = item.option.bytes;
+      writeFieldLines(out, item.fields.fields, bytes, "    ");
+      writeData(out, bytes.subspan(std::min(bytes.size(), endOf(item.fields.fields))));
     });
   }
 }
