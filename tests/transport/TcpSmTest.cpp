@@ -545,8 +545,9 @@ TEST(TcpSm, WhateverHappensTheSocketsAreThoseOfTheStates) {
     sm->closeTimeoutIs(20ms);
     // Reactors throw, or end what has just begun.
     struct Thrown {};
+    bool draining = false;
     const auto react = [&] {
-      if (below(30) == 0) throw Thrown();
+      if (below(draining ? 3 : 30) == 0) throw Thrown();
       if (below(60) == 0) below(2) ? sm->enabledIs(false) : server.sm->enabledIs(false);
     };
     const Kiv::Reactor onState(sm->state, react), onConnection(sm->connection, react);
@@ -554,6 +555,11 @@ TEST(TcpSm, WhateverHappensTheSocketsAreThoseOfTheStates) {
     // A client that accepts outside of events, too. If a reactor throws, the next call has the connection.
     U32 taken = 0;
     const auto drain = [&] {
+      draining = true;
+      const struct End {
+        bool& flag;
+        ~End() { flag = false; }
+      } end{draining};
       for (;;) {
         try {
           auto connection = server.sm->accept();
