@@ -83,25 +83,42 @@ class CounterTable {
     }
     return text;
   }
+  /// In as many parts as fit a hundred columns of a terminal. A part leaves out who has nothing in it.
   void print() const {
+    constexpr std::size_t kMost = 100;
     std::vector<std::string> head = {"Pam"};
     head.insert(head.end(), std::begin(kColumns), std::end(kColumns));
     std::vector<std::size_t> widths(head.size());
-    std::vector<bool> used(head.size(), true);
     for (std::size_t i = 0; i < head.size(); ++i) {
       widths[i] = head[i].size();
-      used[i] = std::any_of(rows_.begin(), rows_.end(), [i](const auto& row) { return row[i] != "-"; });
       for (const auto& row : rows_) widths[i] = std::max(widths[i], row[i].size());
     }
+    std::vector<std::size_t> part;
+    std::size_t width = widths[0];
+    const auto has = [&part](const auto& row) {
+      return std::any_of(part.begin(), part.end(), [&row](std::size_t i) { return row[i] != "-"; });
+    };
     const auto printRow = [&](const std::vector<std::string>& row) {
-      for (std::size_t i = 0; i < row.size(); ++i) {
-        const int width = static_cast<int>(widths[i]);
-        if (used[i]) std::printf(i == 0 ? "%-*s" : "  %*s", width, row[i].c_str());
-      }
+      std::printf("%-*s", static_cast<int>(widths[0]), row[0].c_str());
+      for (const std::size_t i : part) std::printf("  %*s", static_cast<int>(widths[i]), row[i].c_str());
       std::printf("\n");
     };
-    printRow(head);
-    for (const auto& row : rows_) printRow(row);
+    const auto printPart = [&] {
+      if (part.empty()) return;
+      printRow(head);
+      for (const auto& row : rows_) {
+        if (has(row)) printRow(row);
+      }
+      part.clear();
+      width = widths[0];
+    };
+    for (std::size_t i = 1; i < head.size(); ++i) {
+      if (std::all_of(rows_.begin(), rows_.end(), [i](const auto& row) { return row[i] == "-"; })) continue;
+      if (width + 2 + widths[i] > kMost) printPart();
+      part.push_back(i);
+      width += 2 + widths[i];
+    }
+    printPart();
   }
 
  private:

@@ -6,7 +6,7 @@ two_namespaces
 chat=$programs/pduChat
 cell() {  # cell FILE COLUMN ROW: of the table of counters
   awk -v column="$2" -v row="$3" '
-    $1 == "Pam" { for (i = 1; i <= NF; ++i) if ($i == column) at = i }
+    $1 == "Pam" { at = 0; for (i = 1; i <= NF; ++i) if ($i == column) at = i }
     $1 == row && at { print $at }' "$folder/$1"
 }
 
