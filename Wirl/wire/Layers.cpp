@@ -1296,8 +1296,10 @@ void LayerIterator::lldp() noexcept {
   }
   const bool ended = tlv != tlvs.end() || bytes == here();
   const bool wasWhole = whole() && here() == end_ - pos_;
+  const bool open = tlv == tlvs.end();
   take(ended ? bytes : here());
   next_ = LayerKind::none;
+  if (open && !whole()) layer().cut = true;
   if (wasWhole && (!ended || next <= lldpTtl)) fail(badLldpTlv);
 }
 
