@@ -11,9 +11,9 @@
 
 namespace Kiv {
 
-/// An append-only record of attribute values in network byte order, read back in the order of writing.
-/// Integers take their own width, octets stand as they are, a string is its length as 32 bits and then its
-/// octets. Value types add `operator<<` and `operator>>` for themselves.
+/// An append-only record of attribute values in network byte order. Readers get the values in the order in
+/// which they were written. An integer takes its own width; a string is its length in 32 bits, then its
+/// octets. Each value type defines its own `operator<<` and `operator>>`.
 class KIV_API NboAttrLog {
  public:
   NboAttrLog() = default;
@@ -21,9 +21,9 @@ class KIV_API NboAttrLog {
   explicit NboAttrLog(Bytes bytes) : bytes_(std::move(bytes)) {}
 
   const Bytes& bytes() const noexcept { return bytes_; }
-  /// Octets not read yet.
+  /// Number of octets not yet read.
   std::size_t bytesLeft() const noexcept { return bytes_.size() - position_; }
-  /// Reads from the first value again.
+  /// Starts reading again at the first value.
   void rewind() noexcept { position_ = 0; }
 
   template <std::integral T>
@@ -46,7 +46,7 @@ class KIV_API NboAttrLog {
   NboAttrLog& operator<<(const String& text);
   NboAttrLog& operator>>(String& text);
 
-  /// Octets without a length: the reader knows how many there are.
+  /// Octets without their length: the reader must know how many there are.
   void octetsIs(std::span<const U8> octets);
   void octets(std::span<U8> out);
 

@@ -15,14 +15,15 @@
 
 namespace Kiv {
 
-/// Outcome of a parse: null when it succeeded, else the failure's fixed text.
+/// Result of a parse: null for success, else the fixed text of the failure.
 ///
-/// Every value type reads itself with `static ParseError parse(std::string_view& text, T& out) noexcept`: one
-/// value from the front of `text`, which then begins behind it. A failure leaves both as they were.
+/// Every value type has `static ParseError parse(std::string_view& text, T& out) noexcept`. It reads one
+/// value at the front of `text` and removes what it read from `text`. A failure changes neither `text` nor
+/// `out`.
 using ParseError = const char*;
 
-/// Reads the run of decimal digits at the front of `text`. False, and nothing consumed, when there is none.
-/// A number above `max` saturates to `max` + 1, however many digits it has; `max` is below 2^64 - 1.
+/// Reads the run of decimal digits at the front of `text`. Without a digit it returns false and consumes
+/// nothing. A number above `max` reads as `max` + 1, whatever its length. `max` must be below 2^64 - 1.
 constexpr bool takeDecimal(std::string_view& text, U64 max, U64& out) noexcept {
   std::size_t count = 0;
   U64 value = 0;
@@ -37,15 +38,15 @@ constexpr bool takeDecimal(std::string_view& text, U64 max, U64& out) noexcept {
   return true;
 }
 
-/// Skips `literal` at the front of `text`; false, and nothing consumed, when it is not there.
+/// Skips `literal` at the front of `text`. Returns false and consumes nothing if `text` begins otherwise.
 constexpr bool takeLiteral(std::string_view& text, std::string_view literal) noexcept {
   if (!text.starts_with(literal)) return false;
   text.remove_prefix(literal.size());
   return true;
 }
 
-/// The text representation of a composite value, "Value('Type', ** {'a': ..., 'b': ...})": one list of
-/// attributes in declaration order drives printing and parsing.
+/// The text form of a composite value, "Value('Type', ** {'a': ..., 'b': ...})". A type lists its attributes
+/// once, in declaration order; printing and parsing both follow that list.
 ///
 ///     static constexpr auto representation() {
 ///       return Kiv::representation("Wirl::IpAndPort", "Invalid IpAndPort",
@@ -53,8 +54,9 @@ constexpr bool takeLiteral(std::string_view& text, std::string_view literal) noe
 ///                                  Kiv::field("port", &IpAndPort::port_));
 ///     }
 ///
-/// Attributes print by their own representation, else by `stringValue()`; integers in decimal, flags as True
-/// and False, `String`, and text types that say `kQuotedText`, in single quotes with backslash escapes.
+/// An attribute prints as its own representation if it has one, else as its `stringValue()`. Integers print
+/// in decimal, flags as True and False. `String` and text types that declare `kQuotedText` print in single
+/// quotes with backslash escapes.
 template <typename Owner, typename Member>
 struct Field {
   std::string_view name;
@@ -69,7 +71,7 @@ constexpr Field<Owner, Member> field(std::string_view name, Member Owner::*membe
 template <typename... Fields>
 struct Representation {
   std::string_view type;
-  ParseError invalid;  // the text when a literal of the representation is missing
+  ParseError invalid;  // the error text for a missing literal
   std::tuple<Fields...> fields;
 };
 
@@ -115,7 +117,7 @@ void printRepresentation(std::string& out, const T& value) {
   out += "})";
 }
 
-/// Reads a representation from the front of `text`, which then begins behind it; see `ParseError`.
+/// Reads a representation at the front of `text` and removes it from there; see `ParseError`.
 template <Represented T>
 constexpr ParseError parseRepresentation(std::string_view& text, T& out) {
   constexpr auto list = T::representation();
@@ -151,8 +153,8 @@ String representationOf(const T& value) {
   return text;
 }
 
-/// Parses a whole text; throws `RangeException` with the text of what failed, or the type's own for text that
-/// is left over. `value` is unchanged then.
+/// Parses a whole text. Throws `RangeException` with the error text of the failed part, or with that of the
+/// whole type if text is left over. A failure does not change `value`.
 template <Represented T>
 void representationIs(T& value, std::string_view text) {
   T parsed;

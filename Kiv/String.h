@@ -14,8 +14,8 @@
 
 namespace Kiv {
 
-/// Text as a value: any octets, NUL included. Converts from and to the standard string types without being
-/// asked, so that interfaces can take and return it and callers need not know it.
+/// A string of any octets, NUL included. It converts implicitly from and to the standard string types, so
+/// callers of an interface that uses it need not know it.
 class String {
  public:
   /// Contiguous, so that a parser can work on the range [begin, end) as on a `std::string_view`.
@@ -35,7 +35,7 @@ class String {
   std::size_t size() const noexcept { return value_.size(); }
   bool empty() const noexcept { return value_.empty(); }
   const char* data() const noexcept { return value_.data(); }
-  /// NUL-terminated; an embedded NUL ends it early for C interfaces.
+  /// NUL-terminated. For a C function the text ends at its first NUL.
   const char* c_str() const noexcept { return value_.c_str(); }
   char operator[](std::size_t i) const { return value_[i]; }
   IteratorConst begin() const noexcept { return value_.data(); }

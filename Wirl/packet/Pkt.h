@@ -94,27 +94,28 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   const struct ::iovec* iovecs() const noexcept;
   U32 numIovecs() const noexcept { return maxIovecs_ - fields_.firstIoVec; }
 
-  /// The first piece, on which header views are laid. Of no bytes when the packet has no data.
+  /// The first piece, where header views are placed. It is empty if the packet has no data.
   U8* front() noexcept { return frontPiece(); }
   const U8* front() const noexcept { return frontPiece(); }
   U32 frontBytes() const noexcept { return sharedIsFirst() ? shown_.bytes() : fields_.privateBytes; }
 
   U32 bytes() const noexcept { return shown_.bytes() + fields_.privateBytes; }
   bool empty() const noexcept { return bytes() == 0; }
-  /// The shared buffer, or null. It is to be read; it is changed through its packets.
+  /// The shared buffer, or null. Read-only: it changes through its packets.
   const Kiv::Ptr<SharedBuffer>& sharedBuffer() const noexcept { return sharedBuffer_; }
   /// Size of the shared buffer, 0 without one.
   U32 maxSharedData() const noexcept;
 
-  // Growing and shrinking, by `n` bytes. Growth returns the start of the new bytes, whose contents are
-  // undefined. Pointers into the packet, those of header views among them, do not follow it to a new buffer.
+  // Growing and shrinking by `n` bytes. Growth returns the start of the new bytes; their contents are
+  // undefined. Growth may move the packet to a new buffer: then pointers into it, and header views, still
+  // refer to the old.
 
   U8* newSharedHeadData(U32 n);
   void delSharedHeadData(U32 n);
   U8* newSharedTailData(U32 n);
   void delSharedTailData(U32 n);
-  /// At most `privateBufferSize_` in all; there is no way from there to the shared buffer. Private data in
-  /// front of shared data that became empty stays as an empty first piece and cannot be begun again.
+  /// At most `privateBufferSize_` bytes in all. Private data never moves to the shared buffer. When private
+  /// data in front of shared data shrinks to nothing, it stays as an empty first piece and cannot grow again.
   U8* newPrivateHeadData(U32 n);
   void delPrivateHeadData(U32 n);
   /// Gives a buffer to a packet that has no data yet; null leaves it without.
@@ -124,11 +125,12 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void sliceBytesIs(U32 n);
   /// Makes the whole shared buffer headroom again, for the next receive.
   void resetSharedData();
-  /// Call it before a change that is to start from what this packet shows: if another holder has changed the
-  /// buffer's range, the shown bytes are copied to a buffer of this packet's own, of the same size.
+  /// Call it before a change that must start from the bytes this packet shows. If another holder has changed
+  /// the buffer's range, this copies the shown bytes to a new buffer of the same size, which this packet owns
+  /// alone.
   void keepShownData();
-  /// Call it before writing to shared bytes that other holders must not see change: copies them as above, if
-  /// anybody else holds the buffer or has changed its range. Without memory it throws and changes nothing.
+  /// Call it before writing to shared bytes if other holders must not see the change. It copies as above if
+  /// somebody else holds the buffer or has changed its range. Without memory it throws and changes nothing.
   void ownSharedData();
 
   // Contents.
@@ -142,17 +144,17 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   /// A copy of the packet's bytes.
   Kiv::String stringValue() const;
   Kiv::Bytes bytesValue() const;
-  /// The frame as it was on the wire: with the separate tag, if there is one, behind the two MAC addresses,
-  /// if they are there.
+  /// The frame as it was on the wire: a separate tag stands behind the two MAC addresses, if the frame has
+  /// them.
   Kiv::String stringValueMaybeWithVlan() const;
   /// Puts a copy of the value in front of the shared data or, with `toTail`, behind it. The value may be a
   /// view of the packet's own bytes.
   void stringValueIs(std::string_view value, bool toTail = false);
   void bytesValueIs(const Kiv::Bytes& value, bool toTail = false);
 
-  // Offset range: the part of the buffer's data that is to be processed, by the bytes skipped at both ends. A
-  // negative `beginOffset` reaches into the headroom, to a header that was taken off. A range that does not
-  // fit ends the process.
+  // Offset range: how many bytes of the buffer's data to skip at either end when the packet is processed. A
+  // negative `beginOffset` reaches into the headroom, to a header that was removed. A range that does not fit
+  // ends the process.
 
   S16 beginOffset() const noexcept { return fields_.beginOffset; }
   U16 endOffset() const noexcept { return fields_.endOffset; }
@@ -163,7 +165,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   U8* offsetFront() const;
   U32 offsetBytes() const;
 
-  // Separate 802.1Q tag: one that travels beside the bytes, since a receive path got it out of band.
+  // Separate 802.1Q tag: a receive path got it out of band, so it travels beside the bytes.
 
   void newSeparateVlanTag(U16 tciField, U16 vlanTpid) noexcept;
   void delSeparateVlanTag() noexcept;
@@ -182,7 +184,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void tciCfiIs(bool cfi) noexcept;
   void tciVlanIdIs(U16 vlanId);
 
-  /// Ends the process when something was written past the private area.
+  /// Ends the process if something has written past the private area.
   void checkMagic() const {
     if (magicBarrier0_ != magic_ || magicBarrier1_ != magic_) [[unlikely]]
       magicBroken();
@@ -211,7 +213,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
     U64 word_ = 0;
   };
 
-  /// What a packet begins with besides its data, in a form that takes few instructions to write.
+  /// The state that a new packet resets, in a form that takes few instructions to write.
   struct alignas(16) Fields {
     S16 beginOffset = 0;
     U16 endOffset = 0;
@@ -249,9 +251,9 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
     enum class State : U8 { unused, open, closed } state;
     void limitIs(U32 newLimit) noexcept;
     void keepOrDelete(Recycled<Pkt>& recycled, Pkt* pkt) noexcept;
-    /// When a packet or a buffer is wanted alone: takes one apart that has both.
+    /// Separates a recycled packet from its buffer, for callers that need only one of the two.
     void separate() noexcept;
-    /// Hands whole batches to the other threads when this one ends.
+    /// Hands whole batches to the depot when this thread ends.
     void giveAway() noexcept;
   };
   /// Where threads exchange released objects, in batches.
@@ -270,12 +272,11 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   static void* operator new(std::size_t bytes);
   static void operator delete(void* memory) noexcept;
   void onZeroReferences() const noexcept override;
-  // Packets whose one reference is to be adopted; they are in no defined state but for having a buffer or
-  // not.
+  // The caller adopts the one reference. Apart from having a buffer or none, the packet's state is undefined.
   static Pkt* makeWithBuffer();
   static Pkt* makeBare();
   static Pkt* takeBare() { return cache_.barePkts.empty() ? makeBare() : cache_.barePkts.take(); }
-  /// Begins the life of one without.
+  /// Resets a bare packet and gives it `buffer`.
   void start(Kiv::Ptr<SharedBuffer> buffer) noexcept;
 
   [[noreturn]] static void throwNonShared();
