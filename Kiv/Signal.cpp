@@ -103,7 +103,8 @@ Signal::~Signal() {
     const std::lock_guard lock(registering);
     places[place_].number = 0;
     if (!waitedFor(number())) sigaction(number(), &former[static_cast<std::size_t>(number())], nullptr);
-    // A handler in another thread may still be about to write to the descriptor. A child of fork has no such thread.
+    // A handler in another thread may still be about to write to the descriptor. A child of fork has no such
+    // thread.
     while (getpid() == owner && handlersAtWork != 0) std::this_thread::yield();
   }
   const int event = event_->descriptor();

@@ -28,8 +28,9 @@ namespace Nimbo {
 /// the caller owns.
 KIV_API int netnsSocketAt(int family, int type, int protocol, const char* name) noexcept;
 
-/// Like open(2) of `path` in the namespace `name`, with O_CLOEXEC added to `flags`: for device files that belong
-/// to the namespace of their opener, such as /dev/net/tun. Returns the descriptor, which the caller owns.
+/// Like open(2) of `path` in the namespace `name`, with O_CLOEXEC added to `flags`: for device files that
+/// belong to the namespace of their opener, such as /dev/net/tun. Returns the descriptor, which the caller
+/// owns.
 KIV_API int netnsFileAt(const char* path, int flags, const char* name) noexcept;
 
 /// Moves the calling thread into the namespace `name` for good; "default" brings it back. Keeps one

@@ -3,7 +3,7 @@
 //
 //   netView --netns ns-red                       # a table, then a line for each change
 //   netView --netns ns-red --once --json | jq .  # one document, fields as of ip(8) -j
-//   netView --netns ns-red --json --routes       # the document, then a line of JSON for each change of a route
+//   netView --netns ns-red --json --routes       # the document, then a line of JSON a change
 
 #include <algorithm>
 #include <cstdio>

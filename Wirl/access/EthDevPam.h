@@ -62,11 +62,11 @@ struct EthRxMetadata {
 /// socket counts in batch receive only. `rxDrops` is the kernel's count of frames for which the socket had no
 /// room.
 ///
-/// `rxRingBytes` (at least; 0: none) maps a ring of that size, which the kernel fills and from which a frame is
-/// copied without a system call (TPACKET_V3). A frame comes when a block of 128 KB is full, but at most a
+/// `rxRingBytes` (at least; 0: none) maps a ring of that size, which the kernel fills and from which a frame
+/// is copied without a system call (TPACKET_V3). A frame comes when a block of 128 KB is full, but at most a
 /// millisecond late; longer frames are cut. Everything else is as without it. `rxBuf` and `rxBufBytes` do not
-/// apply then. `enableRxOffload` asks the kernel how far a frame is finished (`EthRxMetadata`). Both apply when
-/// the Pam is enabled.
+/// apply then. `enableRxOffload` asks the kernel how far a frame is finished (`EthRxMetadata`). Both apply
+/// when the Pam is enabled.
 ///
 /// `txPktBulk` sends with one system call for many frames.
 ///

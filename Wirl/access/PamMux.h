@@ -100,10 +100,10 @@ struct PamKey {
 ///     auto demux = Wirl::pamDemuxFactory("eth0", ethDevPam, Wirl::PamDemux::Layer::frame);
 ///     auto lldp = demux->clientIs("lldp", {.ethType = 0x88cc});
 ///     auto vrrp = demux->clientIs("vrrp", {.protocol = 112, .group = Wirl::IpGenAddr("224.0.0.18")});
-///     auto rest = demux->clientIs("rest", [filter](const Wirl::Pkt::Ptr& pkt) { return filter->match(pkt); });
+///     auto rest = demux->clientIs("rest", [filter](const auto& pkt) { return filter->match(pkt); });
 ///
-/// The shared Pam must have no other reader. While a client is told of a packet, the `rx...` attributes of the
-/// shared Pam describe it. If a client's reactor throws, the others get their packets first.
+/// The shared Pam must have no other reader. While a client is told of a packet, the `rx...` attributes of
+/// the shared Pam describe it. If a client's reactor throws, the others get their packets first.
 class KIV_API PamDemux final : public PamMux {
  public:
   /// What packets of the shared Pam begin with: an Ethernet header, an IP header, or something else, in which

@@ -68,8 +68,8 @@ KIV_API std::ostream& operator<<(std::ostream& out, const RxTimes& times);
 /// open one. If the kernel refuses a value then, the setter throws `Kiv::ErrnoException` with the option in
 /// its message, and neither the socket nor the attribute changes.
 ///
-///     rxBufBytes, txBufBytes   room for packets, as SO_RCVBUF and SO_SNDBUF count it, past the system's limit
-///                              where that is permitted (ENOBUFS if not); 0: what the socket has
+///     rxBufBytes, txBufBytes   room for packets, as SO_RCVBUF and SO_SNDBUF count it, past the system's
+///                              limit where that is permitted (ENOBUFS if not); 0: what the socket has
 ///     rxTimestamps             `rxTimes` tells when the last packet was received
 ///
 /// `txFailures` counts every send that failed, those included that count nowhere else.

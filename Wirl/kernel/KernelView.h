@@ -31,8 +31,8 @@ namespace Wirl {
 /// the view's state is stored; then reactors to entities are told, then those to `changeCount`, which find
 /// what changed in `changes()`, then those to `inSync`.
 ///
-/// With a `refreshTime` the state is dumped anew that long after each dump, for what the kernel does not tell;
-/// the view stays in sync meanwhile.
+/// With a `refreshTime` the state is dumped anew that long after each dump, for what the kernel does not
+/// tell; the view stays in sync meanwhile.
 ///
 /// Attributes of messages that the view does not use count in `unusedAttrs`, messages that it cannot read in
 /// `badMessages`.

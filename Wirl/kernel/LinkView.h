@@ -77,8 +77,8 @@ class KIV_API Link final : public KernelEntity<LinkInfo> {
 };
 
 /// The links of a network namespace; see `KernelView`. Statistics are those of the latest dump or change. The
-/// kernel does not tell of a new alias, group or queue length of a link that is down. `refreshTime` bounds how
-/// old all of these are.
+/// kernel does not tell of a new alias, group or queue length of a link that is down. `refreshTime` bounds
+/// how old all of these are.
 ///
 ///     auto links = Wirl::linkViewFactory("links", L3::VrfName("red").nsName());
 ///     links->enabledIs(true);

@@ -48,9 +48,9 @@ class KIV_API NextHop final : public Kiv::Entity {
 ///                 no answer └──────────── lost <──── no answer ───┘
 ///                     └─────────────────────^  asks again after 1 s, 2 s, ... longestBackOff
 ///
-/// Derived classes ask: `KernelNeighborResolver` has the kernel do it, `DeviceNeighborResolver` speaks ARP and
-/// ND itself. A question waits `answerTime` for its answer and is put `tries` times. Of what is known each is
-/// asked for anew within three quarters to all of `refreshTime`, so that thousands spread out.
+/// Derived classes ask: `KernelNeighborResolver` has the kernel do it, `DeviceNeighborResolver` speaks ARP
+/// and ND itself. A question waits `answerTime` for its answer and is put `tries` times. Of what is known
+/// each is asked for anew within three quarters to all of `refreshTime`, so that thousands spread out.
 ///
 ///     auto hop = resolver->nextHop({link->ifIndex(), Wirl::IpGenAddr("192.0.2.1")});
 ///     Kiv::Reactor onHop(hop->resolved, [&] { use(hop->resolved(), hop->ethAddr()); });

@@ -74,7 +74,7 @@ struct RouteView::Tables {
   static_assert(sizeof(Record) == 16);
   using Map = PrefixMap<Record>;
 
-  // Attributes, each once. ------------------------------------------------------------------------------------
+  // Attributes, each once.
 
   struct Slot {
     RouteAttrs attrs;
@@ -134,7 +134,7 @@ struct RouteView::Tables {
                        [&](const auto& slot) { return slot->refs != 0 && is(slot->attrs); });
   }
 
-  // The routes of one prefix. ---------------------------------------------------------------------------------
+  // The routes of one prefix.
 
   Map* mapOf(U32 table) const {
     if (table == RT_TABLE_MAIN) return main;

@@ -120,8 +120,8 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   void delPrivateHeadData(U32 n);
   /// Gives a buffer to a packet that has no data yet; null leaves it without.
   void sharedBufferIs(Kiv::Ptr<SharedBuffer> buffer);
-  /// Cuts a packet that `Manager::newSlice` made to its first `n` bytes: like `delSharedTailData`, but leaves no
-  /// tailroom.
+  /// Cuts a packet that `Manager::newSlice` made to its first `n` bytes: like `delSharedTailData`, but leaves
+  /// no tailroom.
   void sliceBytesIs(U32 n);
   /// Makes the whole shared buffer headroom again, for the next receive.
   void resetSharedData();
@@ -372,9 +372,9 @@ class KIV_API Pkt::Manager final : public Kiv::PtrInterface {
   /// data" when `source` has private head data.
   Pkt::Ptr newShallowCopy(const Pkt::Ptr& source) const;
 
-  /// A packet over `bytes` octets of the memory of `whole`, from its octet `offset` on: for many messages that
-  /// arrived in one buffer. It copies nothing, and shares the memory but not the range: it begins with no
-  /// headroom and no tailroom, and growth takes it to a buffer of its own. It keeps all of `whole` alive;
+  /// A packet over `bytes` octets of the memory of `whole`, from its octet `offset` on: for many messages
+  /// that arrived in one buffer. It copies nothing, and shares the memory but not the range: it begins with
+  /// no headroom and no tailroom, and growth takes it to a buffer of its own. It keeps all of `whole` alive;
   /// `ownSharedData` ends that. Octets past the buffer end the process.
   static Pkt::Ptr newSlice(const SharedBuffer::Ptr& whole, U32 offset, U32 bytes);
 

@@ -42,12 +42,13 @@ namespace Wirl {
 /// still holds.
 ///
 /// To end without losing data in either direction, call the Pam's `close()` and, when its `closed` is on,
-/// `enabledIs(false)`. Without a Pam, send everything and call `close()` here, which tells the peer that no more
-/// follows. The peer closes too once it has sent the rest. The user reports that end with `connectionDel()`
-/// as always, and the machine is disabled. If the peer does not close within `closeTimeout`, the machine is
-/// disabled anyway, and `lastErrorReason` says so. A user who already knew of the peer's end calls
-/// `connectionDel()` right after `close()`. Closing a socket with unread data resets the connection: the peer
-/// loses what it has not read yet. A machine that is enabled while it closes connects when that is over.
+/// `enabledIs(false)`. Without a Pam, send everything and call `close()` here, which tells the peer that no
+/// more follows. The peer closes too once it has sent the rest. The user reports that end with
+/// `connectionDel()` as always, and the machine is disabled. If the peer does not close within
+/// `closeTimeout`, the machine is disabled anyway, and `lastErrorReason` says so. A user who already knew of
+/// the peer's end calls `connectionDel()` right after `close()`. Closing a socket with unread data resets the
+/// connection: the peer loses what it has not read yet. A machine that is enabled while it closes connects
+/// when that is over.
 ///
 /// The machine throws nothing that the network or the system refuses, not even for a missing namespace or
 /// interface: `lastErrorReason` holds the reason, and the next try follows. A connection to itself, which TCP

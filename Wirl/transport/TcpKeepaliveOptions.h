@@ -11,10 +11,11 @@
 namespace Wirl {
 
 /// TCP keepalive of a connection (RFC 9293, 3.8.4). After `idleTime` seconds of silence the kernel sends a
-/// probe, then one every `probeInterval` seconds. If `probeCount` probes stay unanswered, the connection fails.
+/// probe, then one every `probeInterval` seconds. If `probeCount` probes stay unanswered, the connection
+/// fails.
 ///
-/// The text form has the three numbers alone. All zero reads as `keepaliveDisabled`, because no kernel accepts
-/// that for an enabled keepalive; any other text reads as enabled.
+/// The text form has the three numbers alone. All zero reads as `keepaliveDisabled`, because no kernel
+/// accepts that for an enabled keepalive; any other text reads as enabled.
 class KIV_API TcpKeepaliveOptions {
  public:
   static constexpr auto representation() {

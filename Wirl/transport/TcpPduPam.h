@@ -84,11 +84,12 @@ KIV_API std::ostream& operator<<(std::ostream& out, TcpPduPamEnableMode mode);
 /// PDU in reception is complete. No PDU is cut in two, not even by a switch to none: the rest follows when
 /// the direction is enabled again, and a packet in flight is finished in any mode.
 ///
-/// Memory. A Pam between two PDUs holds no packet and no buffer. With `readAhead` a PDU is a slice of the 64 KiB
-/// that were read (`Pkt::Manager::newSlice`), and keeps them in use; `ownSharedData()` on it ends that. A thread
-/// has at most 16 such buffers: while its clients keep PDUs of all of them, PDUs are copied.
+/// Memory. A Pam between two PDUs holds no packet and no buffer. With `readAhead` a PDU is a slice of the 64
+/// KiB that were read (`Pkt::Manager::newSlice`), and keeps them in use; `ownSharedData()` on it ends that. A
+/// thread has at most 16 such buffers: while its clients keep PDUs of all of them, PDUs are copied.
 ///
-/// Where the activity loop watches the socket level-triggered and nobody pulls a PDU for 10 s, a trace says so.
+/// Where the activity loop watches the socket level-triggered and nobody pulls a PDU for 10 s, a trace says
+/// so.
 ///
 /// Re-entrancy. Reactors may switch modes, send, clean up or drop the Pam at any point, and so may
 /// `getPduSize()`. An exception from a reactor leaves through the caller or the loop, and no PDU is lost:
@@ -148,10 +149,10 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Names the class in `dumpState`.
   virtual Kiv::String formatDerivedType() const;
   /// Octets that the current PDU needs, judging by what `rxPktHolderShadow()` holds of it: its length, or the
-  /// header's length while that is not known. Asked before anything has arrived and again after each read. With
-  /// `readAhead` the holder may show octets behind the PDU, too, and is asked once. A derived class implements
-  /// it, and returns more than 0 at first. Return `pduSize(...)` where the length
-  /// field is wider than 16 bits.
+  /// header's length while that is not known. Asked before anything has arrived and again after each read.
+  /// With `readAhead` the holder may show octets behind the PDU, too, and is asked once. A derived class
+  /// implements it, and returns more than 0 at first. Return `pduSize(...)` where the length field is wider
+  /// than 16 bits.
   virtual U16 getPduSize();
   virtual void dumpDerivedState(std::ostream& out) const;
 

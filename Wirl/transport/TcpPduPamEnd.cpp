@@ -121,8 +121,8 @@ void TcpPduPam::unblockedNow() noexcept {
   if (deadlines_) deadlines_->sentAt = Kiv::timeInfinite;
 }
 
-/// Follows an event that has left a PDU to its client: from here on the socket is not watched. Each pull resets
-/// `eventsNotPulled_`.
+/// Follows an event that has left a PDU to its client: from here on the socket is not watched. Each pull
+/// resets `eventsNotPulled_`.
 void TcpPduPam::heldNow() noexcept {
   if (eventsNotPulled_ > 0) return;
   try {

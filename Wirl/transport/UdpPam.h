@@ -70,8 +70,9 @@ struct UdpTxPkt {
 ///
 /// Batches. `rxPktBulk` receives up to `socketReadLimit` datagrams with one system call, in the slots of
 /// `savedPacket` from 0 on; `rxMetadata(i)` tells about each, the `rx...` attributes about the last. A client
-/// may keep a packet: its slot gets another one. `txPktBulk` sends with one system call for many. A batch that is not full says that the socket is empty: the next `rxPktBulk` of the same event returns 0
-/// and asks nobody.
+/// may keep a packet: its slot gets another one. `txPktBulk` sends with one system call for many. A batch
+/// that is not full says that the socket is empty: the next `rxPktBulk` of the same event returns 0 and asks
+/// nobody.
 ///
 ///     while (const Kiv::S32 count = pam->rxPktBulk()) {
 ///       for (Kiv::U16 i = 0; i < count; ++i) handle(pam->savedPacket(i), pam->rxMetadata(i));

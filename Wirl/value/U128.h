@@ -26,7 +26,8 @@ class KIV_API U128 : public detail::TextForms<U128> {
   constexpr U128() noexcept = default;
   /// A negative number counts modulo 2^128.
   template <std::integral T>
-  constexpr U128(T low) noexcept
+  requires(sizeof(T) <= sizeof(Kiv::U64))  // a wider one would lose its upper half
+      constexpr U128(T low) noexcept
       : high_(std::signed_integral<T> && low < T{} ? ~Kiv::U64{0} : 0), low_(static_cast<Kiv::U64>(low)) {}
   constexpr U128(Kiv::U64 high, Kiv::U64 low) noexcept : high_(high), low_(low) {}
   /// From its decimal number; throws `Kiv::RangeException`.

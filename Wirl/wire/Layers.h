@@ -152,8 +152,8 @@ class LayerIterator {
 
  private:
   KIV_API void step() noexcept;
-  /// Ethernet, perhaps a tag, IP, and TCP without a fault, at once; false, with nothing changed, when there is
-  /// anything else in front.
+  /// Ethernet, perhaps a tag, IP, and TCP without a fault, at once; false, with nothing changed, when there
+  /// is anything else in front.
   bool ethIp() noexcept;
   template <typename Ip, U32 kTags>
   bool ethIp() noexcept;

@@ -52,8 +52,8 @@ class KIV_API PktReassembler {
   Pkt::Ptr rxPkt(const Pkt::Ptr& pkt, U32 ipOffset, Kiv::Time now);
   /// What became of the packet: `noError`; `ipFragment` when it was put by; or why it was refused, alone
   /// (`pktTooShort`, `nonIpHdr`, `badIpHdrLen`, `badIpPayloadLen`, `badIp6PayloadLen`, `badIp6ExtHdr`,
-  /// `badFragmentChain`, `badFragmentLen`, `fragmentTooLong`, `fragmentRefused`) or with its datagram (`fragmentOverlap`,
-  /// `badFragmentEcn`, `reassemblyLimit`).
+  /// `badFragmentChain`, `badFragmentLen`, `fragmentTooLong`, `fragmentRefused`) or with its datagram
+  /// (`fragmentOverlap`, `badFragmentEcn`, `reassemblyLimit`).
   PktCode code() const noexcept { return code_; }
   /// The codes of all packets, and of datagrams that were given up: `reassemblyTimeout`, `reassemblyLimit`.
   const PktErrorCounters& counters() const noexcept { return counters_; }

@@ -15,8 +15,8 @@ namespace Wirl {
 /// One line, without its end, the layers from the outside in:
 /// "vlan 7, IP 192.0.2.1.40000 > 192.0.2.2.53: UDP, length 18".
 KIV_API void appendPktLine(std::string& out, const Layers& layers);
-/// A line for each layer, and below it one for each field, option and record; of what an item carries behind its
-/// fields the first 64 octets.
+/// A line for each layer, and below it one for each field, option and record; of what an item carries behind
+/// its fields the first 64 octets.
 KIV_API void appendPktFields(std::string& out, const Layers& layers);
 /// Octets in hexadecimal and as characters, 16 in a row, with their offsets, a new row for each layer with
 /// its name beside it.

@@ -193,7 +193,8 @@ template <bool kWhole, typename Ip, typename Hdr, typename Check>
 }
 
 /// The message of a datagram that lies in the packet's first piece, in no fragment and behind no options or
-/// extension headers, as nearly all do; empty for others. Nothing is said of it: the long way finds out what is wrong.
+/// extension headers, as nearly all do; empty for others. Nothing is said of it: the long way finds out what
+/// is wrong.
 template <typename Ip>
 [[gnu::always_inline]] inline std::span<U8> plainMessage(const Pkt::Ptr& pkt, Ip* ip, U8 protocol) {
   if (!pkt || !ip || checksTrace.enabled(8)) [[unlikely]]

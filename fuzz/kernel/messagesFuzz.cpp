@@ -8,8 +8,8 @@
 #include "Wirl/kernel/KernelChanges.h"
 #include "Wirl/kernel/detail/Attrs.h"
 
-// Any octets as a datagram of rtnetlink: nothing is read outside of it, what is read makes sense, and it can be
-// put into a request again.
+// Any octets as a datagram of rtnetlink: nothing is read outside of it, what is read makes sense, and it can
+// be put into a request again.
 
 using namespace Wirl;
 using namespace Wirl::detail;

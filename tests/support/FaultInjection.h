@@ -14,8 +14,8 @@ inline std::atomic<int> copiesOfClosedPacketSockets{0};
 // clang-format off
 enum class Call {
   accept, accept4, bind, close, connect, epoll_create1, epoll_ctl, epoll_pwait2, epoll_wait, fcntl,
-  getsockopt, ioctl, mmap, open, openat, pthread_create, read, recv, recvmmsg, recvmsg, send, sendmmsg, sendmsg, setns,
-  setsockopt, socket, timerfd_create, timerfd_settime, writev
+  getsockopt, ioctl, mmap, open, openat, pthread_create, read, recv, recvmmsg, recvmsg, send, sendmmsg,
+  sendmsg, setns, setsockopt, socket, timerfd_create, timerfd_settime, writev
 };
 // clang-format on
 

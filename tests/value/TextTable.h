@@ -31,7 +31,8 @@ std::string messageOf(const std::function<void()>& act) {
 
 using PrintTo = std::function<std::size_t(char*, unsigned)>;
 
-/// `print` is `printToBuffer` of a value; `returnsStored` where it returns what it stored and not the whole length.
+/// `print` is `printToBuffer` of a value; `returnsStored` where it returns what it stored and not the whole
+/// length.
 inline void expectPrintsInto(const PrintTo& print, std::string_view canonical, bool returnsStored) {
   for (unsigned size = 0; size <= canonical.size() + 40; ++size) {
     std::string buffer(canonical.size() + 60, '#');
@@ -50,7 +51,8 @@ void expectPrints(const T& value, std::string_view canonical, bool returnsStored
                    returnsStored);
 }
 
-/// What the operators and hashes say of two values. (Not asserted in a template: the compiler would take long.)
+/// What the operators and hashes say of two values. (Not asserted in a template: the compiler would take
+/// long.)
 struct Relation {
   bool equal, less, hash, seededHash, standardHash;
   bool operator==(const Relation&) const = default;
@@ -63,7 +65,8 @@ inline void expectRoundTrip(bool equal, std::size_t bytesLeft, const std::string
   EXPECT_TRUE(equal && bytesLeft == 0) << value;
 }
 
-/// All pairs of values in ascending order: ==, < and the hashes agree; each value passes through the attribute log.
+/// All pairs of values in ascending order: ==, < and the hashes agree; each value passes through the
+/// attribute log.
 template <typename T>
 void expectOrdered(const std::vector<T>& ascending) {
   for (std::size_t i = 0; i < ascending.size(); ++i) {

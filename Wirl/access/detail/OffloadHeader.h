@@ -5,8 +5,8 @@
 
 namespace Wirl::detail {
 
-/// What the kernel puts in front of a frame with PACKET_VNET_HDR, in host byte order. (The kernel's own header
-/// for it is none for C++.)
+/// What the kernel puts in front of a frame with PACKET_VNET_HDR, in host byte order. (The kernel's own
+/// header for it is none for C++.)
 struct OffloadHeader {
   static constexpr Kiv::U8 kChecksumMissing = 1;
 

@@ -14,8 +14,8 @@ namespace Wirl::detail {
 /// octets.
 ///
 /// Each thread has a few buffers that its connections use in turn. PDUs may be slices of them; a PDU that the
-/// client keeps thus keeps a whole buffer from being used again. When all of the thread's buffers are kept so,
-/// PDUs are copied (`sliceable()` is false), until one is free again: so a thread never holds more than
+/// client keeps thus keeps a whole buffer from being used again. When all of the thread's buffers are kept
+/// so, PDUs are copied (`sliceable()` is false), until one is free again: so a thread never holds more than
 /// `kBuffers` of them, however few octets are kept.
 class ReadAhead {
  public:
