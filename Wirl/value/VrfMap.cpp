@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/value/VrfMap.h"
 
+#include <string>
 #include <utility>
+
+#include "Kiv/Hash.h"
 
 namespace L3 {
 
@@ -59,6 +62,48 @@ std::optional<VrfId> VrfMap::id(const VrfName& name) const {
 const VrfName* VrfMap::name(VrfId id) const {
   const auto at = names_.find(id);
   return at == names_.end() ? nullptr : &at->second->first;
+}
+
+Kiv::String VrfMap::stringValue() const {
+  std::string text = "{";
+  for (const auto& [name, id] : ids_) {
+    if (text.size() > 1) text += ", ";
+    Kiv::detail::printQuoted(text, name.value());
+    text += ": ";
+    text += id.stringValue();
+  }
+  return text + '}';
+}
+
+Kiv::ParseError VrfMap::parse(std::string_view& text, VrfMap& out) {
+  constexpr Kiv::ParseError kInvalid = "Invalid VrfMap";
+  std::string_view rest = text;
+  VrfMap map;
+  if (!Kiv::takeLiteral(rest, "{")) return kInvalid;
+  for (bool first = true; !Kiv::takeLiteral(rest, "}"); first = false) {
+    if (!first && !Kiv::takeLiteral(rest, ", ")) return kInvalid;
+    VrfName name;
+    if (const Kiv::ParseError error = VrfName::parse(rest, name)) return error;
+    if (!Kiv::takeLiteral(rest, ": ")) return kInvalid;
+    VrfId id;
+    if (const Kiv::ParseError error = VrfId::parse(rest, id)) return error;
+    if (!map.insert(name, id)) return kInvalid;
+  }
+  out = std::move(map);
+  text = rest;
+  return nullptr;
+}
+
+std::optional<VrfMap> VrfMap::fromText(std::string_view text) {
+  std::optional<VrfMap> map(std::in_place);
+  if (parse(text, *map) || !text.empty()) map.reset();
+  return map;
+}
+
+Kiv::U32 VrfMap::hash(unsigned seed) const noexcept {
+  Kiv::SeededHash hash(seed);
+  for (const auto& [name, id] : ids_) hash.add(name.hash(seed)).add(id.value());
+  return hash.value();
 }
 
 }  // namespace L3

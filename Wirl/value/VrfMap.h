@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <map>
 #include <optional>
+#include <ostream>
+#include <string_view>
 
 #include "Wirl/value/VrfName.h"
 #include "Wirl/value/detail/Number.h"
@@ -50,6 +53,25 @@ class KIV_API VrfMap {
   /// Null where no VRF has the number. Valid until the VRF is erased.
   const VrfName* name(VrfId id) const;
 
+  /// As {'blue': 1, 'default': 0}: in the order of the names, which are quoted as in a text representation.
+  Kiv::String stringValue() const;
+  /// Reads such a text at the front of `text`, in any order, and removes it from there. The default VRF may
+  /// be left out. Two entries that cannot stand in one map are an error. A failure changes neither `text` nor
+  /// `out`.
+  static Kiv::ParseError parse(std::string_view& text, VrfMap& out);
+  /// The map that the whole text is, or nothing.
+  static std::optional<VrfMap> fromText(std::string_view text);
+  static std::optional<VrfMap> fromText(std::nullptr_t) = delete;
+
+  Kiv::U32 hash() const noexcept { return hash(0); }
+  Kiv::U32 hash(unsigned seed) const noexcept;
+  friend bool operator==(const VrfMap& a, const VrfMap& b) noexcept { return a.ids_ == b.ids_; }
+  /// By the entries, in the order of the names.
+  friend std::strong_ordering operator<=>(const VrfMap& a, const VrfMap& b) noexcept {
+    return a.ids_ <=> b.ids_;
+  }
+  friend std::ostream& operator<<(std::ostream& out, const VrfMap& map) { return out << map.stringValue(); }
+
   std::size_t size() const noexcept { return ids_.size(); }
   ConstIterator begin() const noexcept { return ids_.begin(); }
   ConstIterator end() const noexcept { return ids_.end(); }
@@ -60,3 +82,5 @@ class KIV_API VrfMap {
 };
 
 }  // namespace L3
+
+WIRL_STD_HASH(L3::VrfMap)

@@ -113,6 +113,15 @@ TEST(VrfMap, GivesEachVrfOneNumber) {
   EXPECT_EQ(names, "default0 green3 grey1 red2 ");
   map = copy;
   EXPECT_TRUE(map.size() == 4 && map.id(VrfName("blue")) && !map.id(VrfName("grey")));
+  const std::string text = "{'blue': 1, 'default': 0, 'green': 3, 'red': 2}";
+  EXPECT_EQ(map.stringValue(), text);
+  EXPECT_EQ(L3::VrfMap::fromText("{'red': 2, 'green': 3, 'blue': 1}"), map);
+  EXPECT_TRUE(L3::VrfMap() > map && L3::VrfMap().hash() != map.hash() &&
+              L3::VrfMap::fromText("{}") == L3::VrfMap());
+  for (const char* bad :
+       {"", "{'red': 2", "{'red': 2,'blue': 1}", "{'red': 0}", "{'a': 1, 'b': 1}", "{'': 1}", "{} "}) {
+    EXPECT_FALSE(L3::VrfMap::fromText(bad)) << bad;
+  }
   const L3::VrfMap taken = std::move(map);
   EXPECT_EQ(map.insert(VrfName("red")), VrfId(1)) << "0 is the default VRF's, also where a move took that";
   EXPECT_TRUE(map.insert(VrfName::defaultVrf(), VrfId(0)) && !map.insert(VrfName("blue"), VrfId(0)));
