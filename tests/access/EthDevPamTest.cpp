@@ -512,7 +512,7 @@ TEST(PamDemux, TheFirstClientWhoseKeyOrFunctionMatchesGetsThePacket) {
       }
       clients.push_back(client);
     } else if (clients.size() > 20 && lot(2) == 0) {
-      clients.erase(clients.begin() + lot(static_cast<U32>(clients.size())));
+      clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(lot(static_cast<U32>(clients.size()))));
     }
     const bool v6 = lot(2) == 0;
     const IpGenAddr group = address(v6);
