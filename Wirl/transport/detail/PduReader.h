@@ -136,7 +136,18 @@ void PduReader::begin(U32 max, Size size, const Kiv::String& name) {
 template <typename Size>
 [[gnu::always_inline]] inline PduReader::Outcome PduReader::fill(int socket, Take take, Size size,
                                                                  const Kiv::String& name) {
-  if (!ask(size, header_)) return {Result::waitForMoreData};
+  try {
+    pdu_ = globalPktManager()->newPkt(nullptr);  // the framing may look at it: nothing has arrived
+    const bool kept = ask(size, header_);
+    pdu_ = nullptr;
+    if (!kept) return {Result::waitForMoreData};
+  } catch (const std::bad_alloc&) {
+    pdu_ = nullptr;
+    return {Result::error, ENOMEM, "Failed to allocate packet"};
+  } catch (...) {
+    pdu_ = nullptr;
+    throw;
+  }
   KIV_ASSERT_AS(header_ > 0, "getPduSize() > 0", name);
   const ssize_t received = ahead_.fill(socket, take == Take::aheadToEnd);
   if (received > 0) [[likely]]
