@@ -19,8 +19,8 @@ U16 u16(std::string_view octets) {
   return static_cast<U16>(static_cast<unsigned char>(octets[0]) << 8 | static_cast<unsigned char>(octets[1]));
 }
 
-/// A length behind a header of 4 octets or, where the first one is odd, behind a second one of 4 more. A length
-/// below that of both would depend on how many octets the framing was shown.
+/// A length behind a header of 4 octets or, where the first one is odd, behind a second one of 4 more. A
+/// length below that of both would depend on how many octets the framing was shown.
 U16 sizeOf(std::string_view octets) {
   if (octets.size() < 4) return 4;
   if ((octets[0] & 1) == 0) return u16(octets.substr(2));
