@@ -135,10 +135,6 @@ int openNamed(const char* name) noexcept {
   return descriptor >= 0 ? descriptor : failed("open ", path);
 }
 
-}  // namespace
-
-namespace {
-
 /// Opens a descriptor by `open` in the namespace. `what` is for the text of a failure.
 template <typename Open>
 int openedAt(const char* what, const char* name, Open open) noexcept {

@@ -85,12 +85,11 @@ configure_package_config_file(cmake/WirlConfig.cmake.in "${PROJECT_BINARY_DIR}/W
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/WirlConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
 install(FILES "${PROJECT_BINARY_DIR}/WirlConfig.cmake" "${PROJECT_BINARY_DIR}/WirlConfigVersion.cmake"
   DESTINATION "${packageDir}")
-if("Pcap" IN_LIST WIRL_PACKAGES)
-  install(FILES cmake/FindPcap.cmake DESTINATION "${packageDir}")
-endif()
-if("Mnl" IN_LIST WIRL_PACKAGES)
-  install(FILES cmake/FindMnl.cmake DESTINATION "${packageDir}")
-endif()
+foreach(package IN ITEMS Pcap Mnl)
+  if(package IN_LIST WIRL_PACKAGES)
+    install(FILES cmake/Find${package}.cmake cmake/WirlFindLibrary.cmake DESTINATION "${packageDir}")
+  endif()
+endforeach()
 
 # Folders relative to the prefix follow it when the tree moves; absolute ones stay where they were put.
 set(pcDir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

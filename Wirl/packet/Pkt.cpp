@@ -8,24 +8,20 @@
 #include <type_traits>
 
 #include "Kiv/Exception.h"
+#include "Wirl/packet/detail/Recycles.h"
 #include "Wirl/packet/detail/Slabs.h"
 
 namespace Wirl {
 
 namespace {
 
+using detail::kRecycles;
+
 constexpr U32 kFactoryBufferBytes = 10000;
 constexpr U32 kMacAddrsBytes = 12;
 
-// A sanitizer sees a use after the release only of memory that goes back to the heap at once.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kRecycles = false;
-#elif defined(__has_feature)
-constexpr bool kRecycles = !__has_feature(address_sanitizer);
-#else
-constexpr bool kRecycles = true;
-#endif
-// Each of a thread's three stores may be full: 2,048 packets and as many buffers, at most 3.7 MB a thread.
+// Each of a thread's stores may be full: 2,048 packets and as many buffers, at most 3.7 MB a thread, and
+// 1,024 slices, which own no memory.
 constexpr U32 kCacheLimit = kRecycles ? 1024 : 0;
 
 template <typename T>

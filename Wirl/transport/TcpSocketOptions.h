@@ -36,7 +36,8 @@ struct TcpAoKey {
 class KIV_API TcpSocketOptions final : public Kiv::Entity {
  public:
   KIV_ENTITY(TcpSocketOptions, Kiv::Entity)
-  /// TCP_NODELAY: small packets go out at once instead of waiting for the peer's acknowledgment.
+  /// TCP_NODELAY: small packets go out at once instead of waiting for the peer's acknowledgment. A
+  /// `TcpPduPam` over the connection sets its own `noDelay` instead.
   KIV_ATTR(bool, noDelay, true)
   /// Differentiated services code point, 0 to 63; -1: the system's.
   KIV_ATTR_READ(S32, dscp, -1)

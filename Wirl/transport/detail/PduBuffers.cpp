@@ -4,18 +4,11 @@
 #include <array>
 #include <utility>
 
+#include "Wirl/packet/detail/Recycles.h"
+
 namespace Wirl::detail {
 
 namespace {
-
-// None are kept under AddressSanitizer, which is to see the use of a packet that is gone.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kKeep = false;
-#elif defined(__has_feature)
-constexpr bool kKeep = !__has_feature(address_sanitizer);
-#else
-constexpr bool kKeep = true;
-#endif
 
 struct Kept {
   // One is with the client, one in reception, the others for the few more that a client may hold.
@@ -35,7 +28,7 @@ Kept::~Kept() {
 Pkt::Ptr newPduPkt(U32 size) {
   const Pkt::Manager::Ptr& manager = globalPktManager();
   if (size <= Pkt::Manager::defaultBufferBytes_) return manager->newPkt();
-  if (!kKeep || keptGone) return manager->newPkt(manager->newSharedBuffer(size));
+  if (!kRecycles || keptGone) return manager->newPkt(manager->newSharedBuffer(size));
   for (const auto& buffer : kept.buffers) {
     if (!buffer || buffer->references() != 1 || buffer->size() != size) continue;
     Pkt::Ptr pkt = manager->newPkt(buffer);

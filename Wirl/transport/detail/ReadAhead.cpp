@@ -6,18 +6,11 @@
 #include <cerrno>
 #include <new>
 
+#include "Wirl/packet/detail/Recycles.h"
+
 namespace Wirl::detail {
 
 namespace {
-
-// None are kept under AddressSanitizer, which is to see the use of a packet that is gone.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kKeep = false;
-#elif defined(__has_feature)
-constexpr bool kKeep = !__has_feature(address_sanitizer);
-#else
-constexpr bool kKeep = true;
-#endif
 
 using Buffer = Pkt::SharedBuffer::Ptr;
 
@@ -38,7 +31,7 @@ Buffer newBuffer() {
 Buffer freeBuffer(bool& sliceable) noexcept {
   try {
     sliceable = true;
-    if (!kKeep || buffersGone) return newBuffer();
+    if (!kRecycles || buffersGone) return newBuffer();
     for (Buffer& each : buffers.all) {
       if (!each) each = newBuffer();
       if (each->references() == 1) return each;
