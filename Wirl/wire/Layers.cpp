@@ -981,7 +981,8 @@ bool LayerIterator::udpPort(U16 port) noexcept {
       next_ = LayerKind::l2tp;
       return true;
     case kGtpPort:
-      if ((at()[0] & 0xd0) != 0x10) return false;  // version 0 or 1, and not what charging uses
+      // Version 0 or 1, and not what charging uses.
+      if (here() == 0 || (at()[0] & 0xd0) != 0x10) return false;
       next_ = LayerKind::gtp;
       return true;
     case kTeredoPort:

@@ -103,6 +103,20 @@ TEST(Layers, ReadNothingBehindTheEnd) {
   }
 }
 
+TEST(Layers, OfEachFrameCutAnywhereReadNothingBehindTheCut) {
+  const Guarded memory(65536);
+  for (const std::string& frame : frames()) {
+    for (std::size_t bytes = 0; bytes < std::min<std::size_t>(frame.size(), 200); ++bytes) {
+      std::size_t end = 0;
+      for (const Layer& layer :
+           layers(memory.copy(frame.substr(0, bytes)), {.wireBytes = static_cast<U32>(frame.size())})) {
+        end = layer.offset + layer.header.size();
+      }
+      ASSERT_LE(end, bytes);
+    }
+  }
+}
+
 /// In two pieces there are the same layers, with the same codes, up to a header that lies in both.
 TEST(Layers, OfTwoPiecesAreThoseOfOne) {
   for (const std::string& frame : frames()) {
