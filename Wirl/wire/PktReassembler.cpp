@@ -193,7 +193,7 @@ PktCode PktReassembler::readIp6(const Pkt& pkt, Fragment& fragment) const {
     while (chain.atExtension()) {
       if (!chain.step()) return truncated();
     }
-    if (fragment.more && bytes - chain.at() < upperHdrBytes(chain.next())) return badFragmentChain;
+    if (fragment.more && bytes < chain.at() + upperHdrBytes(chain.next())) return badFragmentChain;
   }
   return noError;
 }

@@ -231,8 +231,7 @@ PktCode ndRules(const Ip6Hdr& ip6, std::span<const U8> message) {
 
 namespace {
 
-/// Whether `octets` have room for what version 3 of IGMP or version 2 of MLD counts, with addresses of
-/// `addrBytes`, the groups being those that `isGroup` takes: 0 where one does not fit.
+/// Whether a report of version 3 of IGMP or version 2 of MLD has room for its `count` records.
 enum class Records { good, tooLong, noGroup };
 template <typename Addr>
 Records groupRecords(std::span<const U8> message, std::size_t count) {
