@@ -224,8 +224,12 @@ S32 EthDevPam::handleMembership(const EthAddr& address, bool join) {
   if (join) memberships_.reserve(memberships_.size() + 1);
   const S32 error = joinOrLeave(address, join);
   if (error != 0) return error;
-  std::erase(memberships_, address);
-  if (join) memberships_.push_back(address);
+  if (join) {
+    memberships_.push_back(address);  // each time: the kernel counts them, too
+  } else if (const auto one = std::find(memberships_.begin(), memberships_.end(), address);
+             one != memberships_.end()) {
+    memberships_.erase(one);
+  }
   return 0;
 }
 
@@ -413,7 +417,7 @@ U32 EthDevPam::newDrops() const {
 }
 
 EthRxMetadata EthDevPam::rxMetadata(U16 index) const {
-  return savedPacketRx(index) ? metadata_[index] : EthRxMetadata();
+  return savedPacketRx(index) && index < metadata_.size() ? metadata_[index] : EthRxMetadata();
 }
 
 void EthDevPam::receiveFailed(bool batch, int error) {

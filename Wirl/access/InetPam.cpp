@@ -15,8 +15,9 @@ namespace options = detail::options;
 
 namespace {
 
-void checkRange(S32 value, S32 most, const char* text) {
-  if (value < -1 || value > most) throw Kiv::RangeException(text);
+/// -1 stands for unset.
+void checkRange(S32 value, S32 least, S32 most, const char* text) {
+  if (value != -1 && (value < least || value > most)) throw Kiv::RangeException(text);
 }
 
 }  // namespace
@@ -28,17 +29,17 @@ void InetPam::bindDeviceIs(const Kiv::String& device) {
 }
 
 void InetPam::txHopLimitIs(S32 hops) {
-  checkRange(hops, 255, "InetPam::txHopLimit < -1 or > 255 not allowed");
+  checkRange(hops, 1, 255, "InetPam::txHopLimit 0, < -1 or > 255 not allowed");
   optionIs(txHopLimit, hops, options::hopLimit, hops);
 }
 
 void InetPam::txMulticastTTLIs(S32 hops) {
-  checkRange(hops, 255, "InetPam::txMulticastTTL < -1 or > 255 not allowed");
+  checkRange(hops, 0, 255, "InetPam::txMulticastTTL < -1 or > 255 not allowed");
   optionIs(txMulticastTTL, hops, options::multicastHopLimit, hops);
 }
 
 void InetPam::txMulticastLoopIs(S32 on) {
-  checkRange(on, 1, "InetPam::txMulticastLoop < -1 or > 1 not allowed");
+  checkRange(on, 0, 1, "InetPam::txMulticastLoop < -1 or > 1 not allowed");
   optionIs(txMulticastLoop, on, options::multicastLoop, on != 0 ? 1 : 0);
 }
 

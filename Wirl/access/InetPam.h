@@ -32,7 +32,7 @@ class KIV_API InetPam : public SocketPam {
   ~InetPam() override;
 
   void bindDeviceIs(const Kiv::String& device);
-  /// These three throw `Kiv::RangeException` for any other value, "InetPam::txHopLimit < -1 or > 255 not
+  /// These three throw `Kiv::RangeException` for any other value, "InetPam::txHopLimit 0, < -1 or > 255 not
   /// allowed" and the like, and change nothing.
   void txHopLimitIs(S32 hops);
   void txMulticastTTLIs(S32 hops);

@@ -88,12 +88,16 @@ void PamMux::detach(PamMuxPam& client) noexcept {
 }
 
 void PamMux::tellWritable() {
-  if (std::exchange(telling_, true)) return;  // those who are being told hear of it
+  tellAgain_ = true;
+  if (telling_) return;  // a client that is told has sent: all are told again, some knew already
+  telling_ = true;
   const Kiv::Ptr<PamMux> alive(this);
   Kiv::FirstFailure failure;
-  for (std::size_t i = 0, count = clients_.size(); i < count; ++i) {
-    const Kiv::Ptr<PamMuxPam> client(clients_[i]);
-    if (client) failure.run([&] { client->writableCountInc(1); });
+  while (std::exchange(tellAgain_, false)) {
+    for (std::size_t i = 0, count = clients_.size(); i < count; ++i) {
+      const Kiv::Ptr<PamMuxPam> client(clients_[i]);
+      if (client) failure.run([&] { client->writableCountInc(1); });
+    }
   }
   telling_ = false;
   std::erase(clients_, nullptr);

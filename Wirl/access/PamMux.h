@@ -79,6 +79,7 @@ class KIV_API PamMux : public Kiv::Entity {
   U32 clientCount_ = 0;
   U32 order_ = 0;
   bool telling_ = false;
+  bool tellAgain_ = false;  // it became writable while all were told
   Kiv::Reactor onWritable_;
 };
 

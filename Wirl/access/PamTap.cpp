@@ -3,18 +3,26 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <new>
 #include <utility>
+
+#include "Kiv/Assert.h"
+#include "Kiv/Exception.h"
 
 namespace Wirl {
 
 namespace {
 constexpr U32 kTagAt = 12;  // behind the two MAC addresses
+
+Kiv::Ptr<Pam> checked(Kiv::Ptr<Pam> pam, const Kiv::String& tap) {
+  KIV_ASSERT_AS(pam, "pam", tap);
+  return pam;
+}
 }  // namespace
 
 PamTap::PamTap(Kiv::String name, Kiv::Ptr<Pam> pam)
     : Pam(std::move(name)),
-      pam_(std::move(pam)),
+      pam_(checked(std::move(pam), Entity::name())),
       onReadable_(pam_->readableCount, [this] { readableCountInc(1); }),
       onWritable_(pam_->writableCount, [this] { writableCountInc(1); }),
       rxDropsSeen_(pam_->rxDrops()) {}
@@ -77,7 +85,7 @@ void PamTap::copyOctets(const Pkt& pkt, U32 most, std::vector<U8>& out) {
 
 CapturedPkt PamTap::capturedOf(const Kept& kept, U32 interface, Kiv::String& comment) {
   comment = kept.dropped ? "dropped: no room" : "";
-  if (kept.error != 0) comment = Kiv::String("error: ") + strerror(kept.error);
+  if (kept.error != 0) comment = Kiv::String("error: ") + Kiv::errorText(kept.error);
   return {.interface = interface,
           .time = kept.time,
           .way = kept.way,
@@ -87,15 +95,18 @@ CapturedPkt PamTap::capturedOf(const Kept& kept, U32 interface, Kiv::String& com
           .drops = kept.drops};
 }
 
-/// Copies the packet as it is now: what it is handed to may change it.
-PamTap::Kept PamTap::take(const Pkt& pkt, CapturedPkt::Way way) {
-  Kept kept;
+/// Copies the packet as it is now: what it is handed to may change it. False without memory: then it goes by.
+bool PamTap::take(const Pkt& pkt, CapturedPkt::Way way, Kept& kept) noexcept {
   kept.way = way;
   kept.octets.swap(spare_);
-  copyOctets(pkt, snapLength(), kept.octets);
+  try {
+    copyOctets(pkt, snapLength(), kept.octets);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   kept.time = std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
   kept.bytes = pkt.bytes() + (pkt.tciPresent() && pkt.bytes() >= kTagAt ? 4 : 0);
-  return kept;
+  return true;
 }
 
 void PamTap::show(Kept&& kept) {
@@ -124,9 +135,9 @@ void PamTap::ringWrite(std::ostream& out) {
 }
 
 void PamTap::txPktIsImpl(const Pkt::Ptr& pkt) {
-  const bool matches = pkt && recording() && (!chooses_ || chooses_(context_, *pkt));
   Kept kept;
-  if (matches) kept = take(*pkt, CapturedPkt::Way::sent);
+  const bool matches = pkt && recording() && (!chooses_ || chooses_(context_, *pkt)) &&
+                       take(*pkt, CapturedPkt::Way::sent, kept);
   const U32 drops = pam_->txDrops(), errors = pam_->txErrors();
   pam_->txPktIs(pkt);
   kept.dropped = pam_->txDrops() != drops;
@@ -141,16 +152,15 @@ void PamTap::txPktIsImpl(const Pkt::Ptr& pkt) {
 }
 
 void PamTap::doGetRxPkt() {
-  Pkt::Ptr pkt = rxPktHeld() ? nullptr : pam_->rxPkt();
+  const Pkt::Ptr pkt = rxPktHeld() ? nullptr : pam_->rxPkt();
   if (!pkt) return;
   ++received_;
-  const bool shows = recording() && (!chooses_ || chooses_(context_, *pkt)) && sampled();
-  if (shows) {
-    Kept kept = take(*pkt, CapturedPkt::Way::received);
-    show(std::move(kept));
-    spare_.swap(kept.octets);
-  }
-  rxPktHolderIs(std::move(pkt));
+  rxPktHolderIs(pkt);  // first: a stream or predicate that throws does not cost it
+  Kept kept;
+  const bool shows = recording() && (!chooses_ || chooses_(context_, *pkt)) && sampled() &&
+                     take(*pkt, CapturedPkt::Way::received, kept);
+  if (shows) show(std::move(kept));
+  spare_.swap(kept.octets);
   if (recording()) (shows ? shown : passedBy).set((shows ? shown() : passedBy()) + 1);
 }
 

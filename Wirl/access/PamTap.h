@@ -81,7 +81,7 @@ class KIV_API PamTap final : public Pam {
   void txPktIsImpl(const Pkt::Ptr& pkt) override;
   void doGetRxPkt() override;
   bool sampled() noexcept;
-  Kept take(const Pkt& pkt, CapturedPkt::Way way);
+  bool take(const Pkt& pkt, CapturedPkt::Way way, Kept& kept) noexcept;
   bool recording() const noexcept { return writer_ || !ring_.empty(); }
   void show(Kept&& kept);
   static void copyOctets(const Pkt& pkt, U32 most, std::vector<U8>& out);

@@ -356,6 +356,7 @@ U32 SocketPam::sendBatch(detail::TxSource& source, U32 count, int flags, U64& se
     lost(error, loss, 1, changes);
   };
   U32 at = 0, aloneUntil = 0;
+  int refusal = 0;  // of several packets in one message
   while (at < count) {
     batch.clear();
     S32 put = 0;
@@ -369,6 +370,8 @@ U32 SocketPam::sendBatch(detail::TxSource& source, U32 count, int flags, U64& se
     }
     const int messages = batch.send(fd(), flags);
     const int error = messages < 0 ? errno : 0;
+    // If the first of them fails alone, too, that they were several was not the reason.
+    if (const int former = std::exchange(refusal, 0); former != 0 && error == 0) source.refused(former);
     for (int message = 0; message < messages; ++message) {
       at += batch.packets(static_cast<U32>(message));
       sent += batch.packets(static_cast<U32>(message));
@@ -379,7 +382,7 @@ U32 SocketPam::sendBatch(detail::TxSource& source, U32 count, int flags, U64& se
     }
     if (error != 0 && batch.packets(0) > 1) {
       aloneUntil = at + batch.packets(0);
-      source.refused(error);
+      refusal = error;
     } else if (error != 0) {
       lose(error);
       ++at;

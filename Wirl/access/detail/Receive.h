@@ -66,6 +66,8 @@ class KIV_API RxBatch {
   /// What the kernel told about the packet in slot `index` of the latest batch.
   const msghdr& message(U16 index) const noexcept { return messages_[index].msg_hdr; }
   const RxSide& side(U16 index) const noexcept { return sides_[index]; }
+  /// Its octets as they were received.
+  U32 bytes(U16 index) const noexcept { return messages_[index].msg_len; }
 
  private:
   bool prepare(std::vector<Pkt::Ptr>& slots, U16 index, U32 room);

@@ -73,7 +73,7 @@ class TxSource {
   /// Puts a message that begins with packet `at` into the batch, and returns how many packets it has, one if
   /// `alone`. 0: there is no room for it. The negative of an errno: the packet is refused.
   virtual S32 put(TxBatch& batch, U32 at, bool alone) = 0;
-  /// The kernel refused a message of several packets, which are now sent alone.
+  /// The kernel refused a message of several packets, but sends the first of them alone.
   virtual void refused(int) {}
 };
 

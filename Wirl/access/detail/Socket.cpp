@@ -84,9 +84,9 @@ void take6(const cmsghdr& each, IpControl& told) noexcept {
 IpControl ipControlOf(const msghdr& message) noexcept {
   IpControl told;
   eachControl(message, [&told](const cmsghdr& each) {
-    if (each.cmsg_level == IPPROTO_IP) take4(each, told);
-    if (each.cmsg_level == IPPROTO_IPV6) take6(each, told);
-    if (each.cmsg_level == SOL_SOCKET) takeTimes(each, told.times);
+    if (each.cmsg_level == IPPROTO_IP) return take4(each, told);
+    if (each.cmsg_level == IPPROTO_IPV6) return take6(each, told);
+    takeTimes(each, told.times);
     if (each.cmsg_level == SOL_UDP && each.cmsg_type == UDP_GRO) {
       told.segmentBytes = static_cast<U32>(std::max(0, dataOf<int>(each)));
     }

@@ -154,15 +154,19 @@ template <typename T>
 T dataOf(const cmsghdr& message) noexcept {
   T data{};
   const std::size_t length = message.cmsg_len - CMSG_LEN(0);
-  std::memcpy(&data, CMSG_DATA(&message), std::min(sizeof(T), length));
+  if (length >= sizeof(T)) [[likely]] {
+    std::memcpy(&data, CMSG_DATA(&message), sizeof(T));  // of a known length: no call
+  } else {
+    std::memcpy(&data, CMSG_DATA(&message), length);
+  }
   return data;
 }
 
 /// Calls `take` for each control message.
 template <typename Take>
 void eachControl(const msghdr& message, Take take) {
-  msghdr copy = message;  // the macros want one that is not const
-  for (cmsghdr* each = CMSG_FIRSTHDR(&copy); each; each = CMSG_NXTHDR(&copy, each)) take(*each);
+  auto* const all = const_cast<msghdr*>(&message);  // the macros only read it
+  for (cmsghdr* each = CMSG_FIRSTHDR(all); each; each = CMSG_NXTHDR(all, each)) take(*each);
 }
 
 /// What the control messages of an IP socket tell about one packet.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/detail/SocketOption.h"
 
+#include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/udp.h>
 #include <sys/socket.h>
@@ -53,6 +54,7 @@ int socketOptionIs(int fd, int domain, const SocketOption& option, int value) no
 }
 
 int socketOptionIs(int fd, int domain, const SocketOption& option, std::string_view text) noexcept {
+  if (text.size() >= IFNAMSIZ) return ENODEV;  // the kernel would cut it, and may know a device of that name
   return set(fd, option.of(domain), text.data(), static_cast<socklen_t>(text.size()));
 }
 

@@ -33,6 +33,7 @@ struct SocketOption {
 /// Sets the option of a socket of `domain`. Returns 0 or the errno; ENOBUFS for a buffer that is granted in
 /// part only.
 KIV_API int socketOptionIs(int fd, int domain, const SocketOption& option, int value) noexcept;
+/// The same for the name of a device; ENODEV for one that is too long.
 KIV_API int socketOptionIs(int fd, int domain, const SocketOption& option, std::string_view text) noexcept;
 
 namespace options {
