@@ -34,6 +34,10 @@ constexpr U32 kMaxDatagram = 65535;  // RFC 768
 constexpr U32 kMaxSegments = 64;     // that the kernel takes in one datagram, and merges into one
 constexpr U16 kMaxMerged = 16;       // merged datagrams in a batch: a megabyte of room
 
+bool isCut(const msghdr& message) noexcept {
+  return (message.msg_flags & MSG_TRUNC) != 0;
+}
+
 /// "192.0.2.1:7000", "[2001:db8::1]:7000".
 std::string textOf(const IpGenAddr& address, U16 port) {
   const std::string text = address.stringValue();
@@ -309,9 +313,9 @@ class UdpPam::BulkSource final : public detail::TxSource {
     return static_cast<S32>(run);
   }
   void refused(int error) override {
-    if (error == ECONNREFUSED) return;  // it was about an earlier datagram
-    // Too long for the device, in most cases; a device or socket that takes none will say so for any length.
-    pam_.gsoLimit_ = error == EINVAL || error == EMSGSIZE ? firstBytes_ - 1 : 0;
+    // Too long for the device, in most cases. EIO: the device or the route takes none. Others come and go.
+    if (error == EINVAL || error == EMSGSIZE) pam_.gsoLimit_ = firstBytes_ - 1;
+    if (error == EIO) pam_.gsoLimit_ = 0;
   }
 
  private:
@@ -366,7 +370,8 @@ U32 UdpPam::txBulk(std::span<const Pkt::Ptr> pkts, std::span<const UdpTxPkt> add
     if (txPort() == 0 || doConnect(changes)) {
       taken = sendBatch(source, source.count(), 0, sent, changes);
     } else {
-      taken = source.count();  // dropped, as a single packet would be
+      taken = source.count();  // dropped, as a single packet would be: the first is counted already
+      changes.put(txFailures, txFailures() + (taken - 1));
     }
   }
   if (sent > 0) changes.put(txPkts, txPkts() + sent);
@@ -394,36 +399,46 @@ UdpRxMetadata UdpPam::metadataOf(const msghdr& message, const detail::RxSide& si
   metadata.ttl = told.ttl;
   metadata.tos = told.tos;
   metadata.times = told.times;
-  metadata.truncated = (message.msg_flags & MSG_TRUNC) != 0;
+  metadata.truncated = isCut(message);
   return metadata;
 }
 
-void UdpPam::record(const UdpRxMetadata& metadata, U32 octets, U32 packets, Change& changes) {
+/// Straight from what the kernel told: for one datagram at a time a `UdpRxMetadata` in between costs.
+void UdpPam::record(const msghdr& message, const detail::RxSide& side, bool cut, U32 octets, U32 packets,
+                    Change& changes) {
+  // Own attributes: `Change::put` would look each time whose they are.
+  const auto put = [&changes](auto& attr, const auto& value) {
+    if (attr.store(value)) changes.changed(attr);
+  };
   if (ipv6()) {
-    changes.put(rxSrcIp6Addr, metadata.srcIpAddr.v6Addr());
+    const auto from = side.peerAs<sockaddr_in6>();
+    put(rxSrcIp6Addr, detail::addressOf(from.sin6_addr));
+    put(rxSrcPort, ntohs(from.sin6_port));
   } else {
-    changes.put(rxSrcIpAddr, metadata.srcIpAddr.v4Addr());
+    const auto from = side.peerAs<sockaddr_in>();
+    put(rxSrcIpAddr, detail::addressOf(from.sin_addr));
+    put(rxSrcPort, ntohs(from.sin_port));
   }
-  changes.put(rxSrcPort, metadata.srcPort);
   const auto from = Printed{[this] { return std::string(name()) + " from " + textOf(rxSrc(), rxSrcPort()); }};
   KIV_TRACE(trace, 8) << from << ": Received packet of size " << octets;
-  if (metadata.truncated) KIV_TRACE(trace, 0) << from << ": Datagram truncated to " << octets;
-  if (metadata.dstIpAddr.af() != AddressFamily::ipunknown) {
-    KIV_TRACE(trace, 8) << from << ": Received from ifindex " << metadata.ifIndex << " with src IP "
-                        << rxSrc() << " and dest IP " << metadata.dstIpAddr;
-    changes.put(rxIfIndex, metadata.ifIndex);
+  if (cut) KIV_TRACE(trace, 0) << from << ": Datagram truncated to " << octets;
+  const detail::IpControl told = detail::ipControlOf(message);
+  if (told.pktInfo) {
+    KIV_TRACE(trace, 8) << from << ": Received from ifindex " << told.ifIndex << " with src IP " << rxSrc()
+                        << " and dest IP " << told.dstIpAddr;
+    put(rxIfIndex, told.ifIndex);
     if (ipv6()) {
-      changes.put(rxDstIp6Addr, metadata.dstIpAddr.v6Addr());
+      put(rxDstIp6Addr, told.dstIpAddr.v6Addr());
     } else {
-      changes.put(rxDstIpAddr, metadata.dstIpAddr.v4Addr());
+      put(rxDstIpAddr, told.dstIpAddr.v4Addr());
     }
   } else {
     KIV_TRACE(trace, 1) << from << ": recvmsg failed to retrieve ifindex";
   }
-  changes.put(rxTTL, metadata.ttl);
-  changes.put(rxTOS, metadata.tos);
-  changes.put(rxTimes, metadata.times);
-  changes.put(rxPkts, rxPkts() + packets);
+  put(rxTTL, told.ttl);
+  put(rxTOS, told.tos);
+  changes.put(rxTimes, told.times);
+  put(rxPkts, rxPkts() + packets);
 }
 
 void UdpPam::doGetRxPkt() {
@@ -432,7 +447,7 @@ void UdpPam::doGetRxPkt() {
   detail::Received got;
   if (!receive(got, std::min(maxRxPktData(), kMaxDatagram))) return;
   Change changes(this);
-  record(metadataOf(got.message, got.side), got.pkt->bytes(), 1, changes);
+  record(got.message, got.side, isCut(got.message), got.pkt->bytes(), 1, changes);
   deliver(std::move(got.pkt), changes);
 }
 
@@ -454,17 +469,28 @@ S32 UdpPam::doGetBulkRxPkt() {
     return 0;
   }
   const auto last = static_cast<U16>(received - 1);
+  const Pkt& pkt = *savedSlots()[last];
+  const U16 slot = sliceOf_.empty() ? last : sliceOf_[last];
+  const bool cut = sliceOf_.empty() ? isCut(batch()->message(slot)) : isCutSlice(slot, pkt);
   Change changes(this);
-  record(rxMetadata(last), savedPacket(last)->bytes(), static_cast<U32>(received), changes);
+  record(batch()->message(slot), batch()->side(slot), cut, pkt.bytes(), static_cast<U32>(received), changes);
   batchHeld_ = received;
   changes.tell();
   return std::exchange(batchHeld_, 0);
 }
 
 UdpRxMetadata UdpPam::rxMetadata(U16 index) const {
-  if (!savedPacketRx(index) || !batch()) return {};
-  if (sliceOf_.empty()) return metadataOf(batch()->message(index), batch()->side(index));
-  return metadataOfSlice(sliceOf_[index], *savedPacket(index));
+  if (sliceOf_.empty()) {
+    const detail::RxBatch* const told = batchWith(index);
+    return told ? metadataOf(told->message(index), told->side(index)) : UdpRxMetadata();
+  }
+  // The Pam may have been closed, or have begun another batch, since.
+  if (!savedPacketRx(index) || index >= sliceOf_.size() || !savedPacket(index)) return {};
+  const U16 slot = sliceOf_[index];
+  if (!batch() || slot >= batch()->received()) return {};
+  UdpRxMetadata metadata = metadataOf(batch()->message(slot), batch()->side(slot));
+  metadata.truncated = isCutSlice(slot, *savedPacket(index));
+  return metadata;
 }
 
 // Merged datagrams
@@ -483,13 +509,12 @@ bool UdpPam::mergedLeft() const noexcept {
 
 U32 UdpPam::segmentBytes(U16 slot) const {
   const U32 told = detail::ipControlOf(batch()->message(slot)).segmentBytes;
-  return told != 0 ? told : merged_->slots[slot]->bytes();
+  return told != 0 ? told : batch()->bytes(slot);
 }
 
-UdpRxMetadata UdpPam::metadataOfSlice(U16 slot, const Pkt& slice) const {
-  UdpRxMetadata metadata = metadataOf(batch()->message(slot), batch()->side(slot));
-  metadata.truncated |= slice.bytes() == maxRxPktData() && segmentBytes(slot) > maxRxPktData();
-  return metadata;
+bool UdpPam::isCutSlice(U16 slot, const Pkt& slice) const {
+  return isCut(batch()->message(slot)) ||
+         (slice.bytes() == maxRxPktData() && segmentBytes(slot) > maxRxPktData());
 }
 
 /// Whether the socket is known to be empty: the latest batch of the present event was not full. Says so once,
@@ -499,7 +524,9 @@ bool UdpPam::isDrained() noexcept {
 }
 
 void UdpPam::noteBatch(S32 received) noexcept {
-  drained_ = received > 0 && received < batch()->asked();
+  // On a connected socket an error ends a batch as well, and edge-triggered nobody reports what is behind it.
+  const bool mayHideMore = socketConnected() && fileDesc()->edgeTriggered();
+  drained_ = received > 0 && received < batch()->asked() && !mayHideMore;
   drainedEvent_ = readableCount();
 }
 
@@ -540,8 +567,9 @@ void UdpPam::pullSlice() {
   rxPulled(slice != nullptr);
   if (mergedLeft()) fileDesc()->readableAgain();  // the kernel does not know of them
   if (!slice) return;
+  const auto slot = static_cast<U16>(merged_->at - 1);
   Change changes(this);
-  record(metadataOfSlice(merged_->at - 1, *slice), slice->bytes(), 1, changes);
+  record(batch()->message(slot), batch()->side(slot), isCutSlice(slot, *slice), slice->bytes(), 1, changes);
   deliver(std::move(slice), changes);
 }
 

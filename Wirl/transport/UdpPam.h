@@ -214,14 +214,15 @@ class KIV_API UdpPam : public InetPam {
   IpGenAddr rxSrc() const;
   U32 txBulk(std::span<const Pkt::Ptr> pkts, std::span<const UdpTxPkt> addressed);
   UdpRxMetadata metadataOf(const msghdr& message, const detail::RxSide& side) const;
-  void record(const UdpRxMetadata& metadata, U32 octets, U32 packets, Change& changes);
+  void record(const msghdr& message, const detail::RxSide& side, bool cut, U32 octets, U32 packets,
+              Change& changes);
   bool isDrained() noexcept;
   void noteBatch(S32 received) noexcept;
   bool mergedLeft() const noexcept;
   bool receiveMerged();
   Pkt::Ptr nextSlice();
   U32 segmentBytes(U16 slot) const;
-  UdpRxMetadata metadataOfSlice(U16 slot, const Pkt& slice) const;
+  bool isCutSlice(U16 slot, const Pkt& slice) const;
   void pullSlice();
   S32 sliceBatch();
 

@@ -229,13 +229,23 @@ TEST_P(UdpPamTest, ABulkSendLosesWhatIsRefusedAndLeavesWhatThereIsNoRoomFor) {
     EXPECT_EQ(sender.pam->txErrno(), EAGAIN);
   }
   EXPECT_EQ(sender.pam->txFailures(), 0u);
-  for (const int error : {EIO, EINVAL, ECONNREFUSED}) {  // of the merged one: then they go alone
+  const IpGenAddr foreign(v6 ? "2001:db8::9" : "192.0.2.9");
+  const std::vector<UdpTxPkt> fromElsewhere(3, {all[0], IpGenAddr(), 0, foreign, 0});
+  EXPECT_EQ(sender.pam->txPktBulk(fromElsewhere), 3u);
+  EXPECT_EQ(sender.pam->txFailures(), 3u);
+  sender.pam->txFailuresIs(0);
+  // Of the merged one: then they go alone, and only the last two kinds say that others had better, too.
+  for (const int error : {EHOSTUNREACH, EPERM, ECONNREFUSED, EINVAL, EIO}) {
+    if (error == EIO) {
+      sender.pam->modeIs(Mode::disabled);
+      sender.pam->modeIs(Mode::server);
+    }
     const Fault refused(Call::sendmmsg, 1, error);
     EXPECT_EQ(sender.pam->txPktBulk(all), 3u);
     EXPECT_EQ(arrived(), 3u);
-    sender.pam->modeIs(Mode::disabled);
-    sender.pam->modeIs(Mode::server);
   }
+  sender.pam->modeIs(Mode::disabled);
+  sender.pam->modeIs(Mode::server);
   {
     const Fault one(Call::sendmmsg, 2, EPERM);
     const Fault merged(Call::sendmmsg, 1, EIO);
@@ -243,7 +253,7 @@ TEST_P(UdpPamTest, ABulkSendLosesWhatIsRefusedAndLeavesWhatThereIsNoRoomFor) {
     EXPECT_EQ(arrived(), 2u);
   }
   EXPECT_EQ(sender.pam->txFailures(), 1u);
-  EXPECT_EQ(sender.pam->txPkts(), 11u);
+  EXPECT_EQ(sender.pam->txPkts(), 17u);
   const IpGenAddr other = v6 ? IpGenAddr("192.0.2.1") : IpGenAddr("2001:db8::1");
   const UdpTxPkt refused[] = {{all[0], other, 7, IpGenAddr(), 0},
                               {all[0], IpGenAddr(loopback), 0, IpGenAddr(), 0},
@@ -255,6 +265,18 @@ TEST_P(UdpPamTest, ABulkSendLosesWhatIsRefusedAndLeavesWhatThereIsNoRoomFor) {
   const UdpTxPkt elsewhere[] = {{all[0], IpGenAddr(loopback), 9, IpGenAddr(), 0}};
   EXPECT_EQ(client.pam->txPktBulk(elsewhere), 1u);
   EXPECT_EQ(client.pam->txErrno(), EISCONN);
+  // What was told of a batch stays when the Pam is closed.
+  for (const U32 most : {3u, 4u}) {
+    server.pam->enableGroIs(true);
+    server.pam->maxRxPktDataIs(most);
+    sender.sendTo(loopback, server.pam->rxPort());
+    sender.send("bulk");
+    EXPECT_TRUE(Kiv::activityLoop().runUntil([&] { return server.pam->rxPktBulk() == 1; }, 2));
+    server.pam->modeIs(Mode::disabled);
+    EXPECT_EQ(server.pam->rxMetadata(0).truncated, most == 3);
+    server.pam->modeIs(Mode::server);
+    EXPECT_EQ(server.pam->rxMetadata(0).srcPort, 0);
+  }
 }
 
 TEST_P(UdpPamTest, WhoSharesAPortIsSaidAndWhoMayNotIsToldWhen) {
@@ -311,6 +333,11 @@ TEST_P(UdpPamTest, ARefusalIsCountedAsSentAndAFailedConnectDropsThePacketUncount
   }
   EXPECT_EQ(client.pam->txPkts() + client.pam->txErrors() + client.pam->txDrops(), 0u);
   EXPECT_EQ(client.pam->txFailures(), 1u);
+  {
+    const Fault fault(Call::connect, 1, ENETUNREACH);
+    EXPECT_EQ(client.pam->txPktBulk(std::vector<Pkt::Ptr>(2, globalPktManager()->newPkt())), 2u);
+  }
+  EXPECT_EQ(client.pam->txFailures(), 3u);
   EXPECT_FALSE(client.pam->socketConnected());
   server.pam->modeIs(Mode::disabled);
   client.send("a");  // comes back as an ICMP port unreachable
@@ -333,6 +360,7 @@ TEST_P(UdpPamTest, HopLimitAndTrafficClassAreSetAndToldOnRequest) {
   }
   EXPECT_EQ(sender.option(IP_MULTICAST_TTL, IPV6_MULTICAST_HOPS), 9);
   sender.pam->txHopLimitIs(7);
+  EXPECT_THROW(sender.pam->txHopLimitIs(0), Kiv::RangeException);
   EXPECT_THROW(sender.pam->txMulticastTTLIs(256), Kiv::RangeException);
   EXPECT_THROW(sender.pam->txMulticastLoopIs(2), Kiv::RangeException);
   server.pam->enableRxTTLIs(true);
