@@ -11,6 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <span>
 #include <utility>
 
 #include "Kiv/Exception.h"
@@ -67,12 +70,14 @@ KernelChanges::~KernelChanges() {
 KernelChanges::KernelChanges(KernelChanges&& other) noexcept
     : messages_(std::move(other.messages_)),
       whats_(std::move(other.whats_)),
-      descriptors_(std::exchange(other.descriptors_, {})) {}
+      descriptors_(std::exchange(other.descriptors_, {})),
+      renamed_(std::move(other.renamed_)) {}
 
 KernelChanges& KernelChanges::operator=(KernelChanges&& other) noexcept {
   messages_.swap(other.messages_);
   whats_.swap(other.whats_);
   descriptors_.swap(other.descriptors_);
+  renamed_.swap(other.renamed_);
   return *this;
 }
 
@@ -167,15 +172,20 @@ KernelChanges& KernelChanges::linkChange(const std::string& name, const LinkChan
   LinkChange of = change;
   of.ifIndex.reset();
   Request request(RTM_NEWLINK, 0, linkOf(of));
-  // The kernel finds the link by its alternative name if it is to get another name.
-  if (change.name) {
-    request.putText(IFLA_ALT_IFNAME, nameOf(name));
-    request.putText(IFLA_IFNAME, nameOf(*change.name));
-  } else {
-    request.putText(IFLA_IFNAME, nameOf(name));
-  }
+  // With a new name in the message the kernel finds the link by nothing but its index.
+  request.putText(IFLA_IFNAME, nameOf(change.name.value_or(name)));
   putLink(request, of, what);
-  add(what, request.text());
+  if (!change.name) {
+    add(what, request.text());
+    return *this;
+  }
+  const auto renamed = renamed_.emplace(messages_.size(), name).first;
+  try {
+    add(what, request.text());
+  } catch (...) {
+    renamed_.erase(renamed);
+    throw;
+  }
   return *this;
 }
 
@@ -396,11 +406,26 @@ KernelChanger::KernelChanger(const NamespaceName& ns)
 }
 
 std::vector<KernelChanger::Outcome> KernelChanger::tryApply(const KernelChanges& changes) {
-  auto raw = detail::exchange(*pam_, sequence_, changes.messages_);
-  std::vector<Outcome> outcomes(raw.size());
-  for (std::size_t i = 0; i < raw.size(); ++i) {
-    outcomes[i] = {changes.whats_[i], raw[i].error, std::move(raw[i].text)};
+  const std::span<const std::string> messages(changes.messages_);
+  std::vector<Outcome> outcomes;
+  const auto make = [&](std::span<const std::string> some) {
+    for (detail::Outcome& each : detail::exchange(*pam_, sequence_, some)) {
+      outcomes.push_back({changes.whats_[outcomes.size()], each.error, std::move(each.text)});
+    }
+  };
+  for (const auto& [place, name] : changes.renamed_) {
+    make(messages.subspan(outcomes.size(), place - outcomes.size()));
+    const auto [index, error] = findLink(name);
+    if (index == 0) {
+      outcomes.push_back({changes.whats_[place], error, {}});
+      continue;
+    }
+    std::string message = messages[place];
+    const auto octets = static_cast<int>(index);
+    std::memcpy(message.data() + NLMSG_HDRLEN + offsetof(ifinfomsg, ifi_index), &octets, sizeof(octets));
+    make({&message, 1});
   }
+  make(messages.subspan(outcomes.size()));
   return outcomes;
 }
 
@@ -413,18 +438,21 @@ void KernelChanger::apply(const KernelChanges& changes) {
   }
 }
 
-U32 KernelChanger::ifIndexOf(const std::string& name) {
+std::pair<U32, int> KernelChanger::findLink(const std::string& name) {
   Request request(RTM_GETLINK, 0, ifinfomsg{});
   request.putText(IFLA_IFNAME, nameOf(name));
+  const std::string message = request.text();
   U32 index = 0;
-  const auto outcomes = detail::exchange(*pam_, sequence_, {request.text()}, [&](const nlmsghdr& message) {
-    const auto* const fixed = detail::fixedOf<ifinfomsg>(message);
-    if (fixed && message.nlmsg_type == RTM_NEWLINK) index = static_cast<U32>(fixed->ifi_index);
+  const auto outcomes = detail::exchange(*pam_, sequence_, {&message, 1}, [&](const nlmsghdr& answer) {
+    const auto* const fixed = detail::fixedOf<ifinfomsg>(answer);
+    if (fixed && answer.nlmsg_type == RTM_NEWLINK) index = static_cast<U32>(fixed->ifi_index);
   });
-  if (index == 0) {
-    throw Kiv::ErrnoException(outcomes[0].error != 0 ? outcomes[0].error : ENODEV, "link " + name,
-                              "in " + textOf(pam_->netNs()));
-  }
+  return {index, outcomes[0].error != 0 ? outcomes[0].error : ENODEV};
+}
+
+U32 KernelChanger::ifIndexOf(const std::string& name) {
+  const auto [index, error] = findLink(name);
+  if (index == 0) throw Kiv::ErrnoException(error, "link " + name, "in " + textOf(pam_->netNs()));
   return index;
 }
 

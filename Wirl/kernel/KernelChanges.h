@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Wirl/kernel/AddressView.h"
@@ -31,7 +33,8 @@ struct LinkChange {
 };
 
 /// Changes of the kernel's state, to be made together: one message to the kernel, which makes them one by one
-/// in their order. What the views show is what is to be given here.
+/// in their order. (A link's new name needs its index, which is asked for then, between two messages.) What the
+/// views show is what is to be given here.
 ///
 ///     Wirl::KernelChanger changer(L3::VrfName("red").nsName());
 ///     Wirl::KernelChanges changes;
@@ -90,8 +93,9 @@ class KIV_API KernelChanges {
   void putLink(Request& request, const LinkChange& change, const std::string& what);
 
   std::vector<std::string> messages_;
-  std::vector<std::string> whats_;  // each change in words
-  std::vector<int> descriptors_;    // of namespaces, for as long as the messages name them
+  std::vector<std::string> whats_;              // each change in words
+  std::vector<int> descriptors_;                // of namespaces, for as long as the messages name them
+  std::map<std::size_t, std::string> renamed_;  // by place in messages_: the link's name until then
 };
 
 /// Makes changes in a network namespace. Every call returns when the kernel has done its work; nothing waits
@@ -118,6 +122,9 @@ class KIV_API KernelChanger {
   U32 ifIndexOf(const std::string& name);
 
  private:
+  /// 0 if there is none; the error is an errno then.
+  std::pair<U32, int> findLink(const std::string& name);
+
   Kiv::Ptr<NetlinkPam> pam_;
   U32 sequence_ = 0;
 };

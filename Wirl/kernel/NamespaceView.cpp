@@ -189,8 +189,9 @@ S32 NamespaceView::numberOf(const NamespaceName& name) {
   if (descriptor < 0) return -1;
   detail::Request request(RTM_GETNSID, 0, rtgenmsg{AF_UNSPEC});
   request.put(NETNSA_FD, static_cast<U32>(descriptor));
+  const std::string question = request.text();
   S32 number = -1;
-  detail::exchange(*asker_, sequence_, {request.text()}, [&](const nlmsghdr& message) {
+  detail::exchange(*asker_, sequence_, {&question, 1}, [&](const nlmsghdr& message) {
     if (message.nlmsg_type != RTM_NEWNSID) return;
     for (const detail::Attr attr : detail::Attrs(message, sizeof(rtgenmsg))) {
       if (attr.type() == NETNSA_NSID) number = attr.as<S32>();

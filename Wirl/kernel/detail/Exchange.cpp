@@ -20,7 +20,7 @@ constexpr int kPatienceMs = 5000;
 
 }  // namespace
 
-std::vector<Outcome> exchange(NetlinkPam& pam, U32& sequence, const std::vector<std::string>& requests,
+std::vector<Outcome> exchange(NetlinkPam& pam, U32& sequence, std::span<const std::string> requests,
                               const std::function<void(const nlmsghdr&)>& take) {
   std::vector<Outcome> outcomes(requests.size(), Outcome{ENODATA, {}});
   for (std::size_t begin = 0; begin < requests.size();) {

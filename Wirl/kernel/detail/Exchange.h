@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,7 +21,7 @@ struct Outcome {
 /// Sends requests to the kernel and waits for their acknowledgements, which rtnetlink has made before the
 /// send returns: nothing here waits for anybody else. Several requests go in one datagram. Gives the outcome
 /// of each, in order. Messages that are no acknowledgement go to `take`.
-std::vector<Outcome> exchange(NetlinkPam& pam, U32& sequence, const std::vector<std::string>& requests,
+std::vector<Outcome> exchange(NetlinkPam& pam, U32& sequence, std::span<const std::string> requests,
                               const std::function<void(const nlmsghdr&)>& take = {});
 
 }  // namespace Wirl::detail
