@@ -141,7 +141,8 @@ void NeighborResolver::heard(const NeighborKey& key, const EthAddr& mac, bool su
     hop->phase_ = Phase::fresh;
     hop->asked_ = 0;
     const auto spread = static_cast<Kiv::Time::rep>(std::hash<IpGenAddr>()(key.address) % 256);
-    dueIs(*hop, now + refreshTime() * 3 / 4 + refreshTime() / 1024 * spread);
+    const Kiv::Time until = refreshTime() / 4 * 3 + refreshTime() / 1024 * spread;
+    dueIs(*hop, refreshTime() == Kiv::timeInfinite ? Kiv::timeInfinite : now + until);
   } else if (hop->phase_ != Phase::refreshing) {
     hop->phase_ = Phase::refreshing;
     hop->asked_ = 0;
@@ -397,15 +398,25 @@ void DeviceNeighborResolver::takeNd(const Pkt::Ptr& pkt) {
       return conflicts.set(conflicts() + 1);
     }
     // A solicited answer may leave its address out; it comes from where it was asked.
-    const auto mac = linkAddressIn<NdTgtLinkLayerAddrOption>(advertisement.payload());
-    return learn(advertisement->target(), mac.value_or(ethHdr->src()), advertisement->solicited());
+    const auto option = linkAddressIn<NdTgtLinkLayerAddrOption>(advertisement.payload());
+    if (!option && !advertisement->solicited()) return;
+    const EthAddr mac = option.value_or(ethHdr->src());
+    const NextHop* const hop = find({ifIndex(), IpGenAddr(advertisement->target())});
+    if (hop && hop->resolved() && hop->ethAddr() != mac && !advertisement->override()) {
+      // What is known stays, but is in doubt (RFC 4861 section 7.2.5).
+      return heard(hop->key(), hop->ethAddr(), false);
+    }
+    return learn(advertisement->target(), mac, advertisement->solicited());
   }
   const auto solicitation = viewAt<Icmp6NsHdr>(pkt, at);
-  if (!solicitation || ip6Hdr->src().isUnspecified()) return;
+  if (!solicitation) return;
+  // Who has no address yet asks whether it may take this one, and hears the answer as all do.
+  const bool isProbe = ip6Hdr->src().isUnspecified();
   const auto mac = linkAddressIn<NdSrcLinkLayerAddrOption>(solicitation.payload());
   if (solicitation->target() == ownIp6Addr() && !ownIp6Addr().isUnspecified()) {
+    const Ip6Addr to = isProbe ? Ip6Addr("ff02::1") : ip6Hdr->src();
     Icmp6NaHdr answer;
-    answer.solicitedIs(true);
+    answer.solicitedIs(!isProbe);
     answer.overrideIs(true);
     answer.targetIs(ownIp6Addr());
     Icmp6LinkLayerAddrOptionHdr own(icmp6OptTgtLinkLayerAddr);
@@ -414,12 +425,12 @@ void DeviceNeighborResolver::takeNd(const Pkt::Ptr& pkt) {
     reply->stringValueIs({reinterpret_cast<const char*>(&own), sizeof(own)});
     PktBuilder(reply)
         .push(answer)
-        .ip6(ownIp6Addr(), ip6Hdr->src(), 255)
-        .eth(mac.value_or(ethHdr->src()), ownEthAddr())
+        .ip6(ownIp6Addr(), to, 255)
+        .eth(isProbe ? to.mcastEtherAddress() : mac.value_or(ethHdr->src()), ownEthAddr())
         .finish();
     nd_->txPktIs(reply);
   }
-  if (mac) learn(ip6Hdr->src(), *mac, false);
+  if (mac && !isProbe) learn(ip6Hdr->src(), *mac, false);
 }
 
 }  // namespace Wirl
