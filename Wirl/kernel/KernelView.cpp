@@ -46,7 +46,10 @@ class KernelView::Client final : public NetlinkClient {
 
 KernelView::KernelView(Kiv::String name, const NamespaceName& ns, U32 groups)
     : Entity(std::move(name)), netNs(ns), groups_(groups), wait_(Kiv::makePtr<Kiv::Clock>("dump")) {
-  onWait_ = Kiv::Reactor(wait_->expiredCount, [this] { nextDump(); });
+  onWait_ = Kiv::Reactor(wait_->expiredCount, [this] {
+    if (client_ || !namespaces_) return nextDump();
+    follow();
+  });
 }
 
 KernelView::~KernelView() {
@@ -92,8 +95,9 @@ void KernelView::follow() {
   try {
     open();
   } catch (const Kiv::ErrnoException& failure) {
-    // Gone again, which will be told, or there is a lack of something.
+    // Gone again, which will be told, or there is a lack of something, which may pass.
     opened_ = nullptr;
+    wait_->timeMinIs(Kiv::activityLoop().now() + kAfterFailure);
     lastError.set(failure.error());
   }
 }

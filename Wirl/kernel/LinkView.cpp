@@ -80,6 +80,10 @@ void LinkView::take(const nlmsghdr& message, bool inDump) {
     return drop(static_cast<U32>(fixed->ifi_index));
   }
   if (message.nlmsg_type != RTM_NEWLINK) return;
+  // Nor has what wireless drivers tell of themselves more than the name.
+  for (const detail::Attr attr : detail::Attrs(message, sizeof(ifinfomsg))) {
+    if (attr.type() == IFLA_WIRELESS) return;
+  }
   LinkInfo link;
   if (!detail::parse(message, link, unused_)) {
     ++bad_;

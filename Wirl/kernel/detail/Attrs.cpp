@@ -19,6 +19,7 @@ Ack ackOf(const nlmsghdr& message) noexcept {
     if (!whole) return ack;
     fixed = sizeof(nlmsgerr);
     if ((message.nlmsg_flags & NLM_F_CAPPED) == 0 && whole->msg.nlmsg_len > sizeof(nlmsghdr)) {
+      if (whole->msg.nlmsg_len > message.nlmsg_len) return ack;
       fixed = sizeof(int) + whole->msg.nlmsg_len;
     }
   }
