@@ -89,6 +89,8 @@ struct RouteView::Tables {
     detail::RouteMessage route;
     detail::parse(message, route, unused);
     const U32 id = attrsOf(std::move(route.attrs));
+    // Details that are not kept, of encapsulations for example, may make many messages of the same attributes.
+    if (byOctets.size() >= 1024 + 4 * slots.size()) byOctets.clear();
     byOctets.emplace(octets, id);
     return id;
   }
@@ -108,6 +110,7 @@ struct RouteView::Tables {
     slots[id]->usable = isUsable(attrs);
     slots[id]->attrs = std::move(attrs);
     byContent.emplace(hash, id);
+    ++unreferenced;
     return id;
   }
   const RouteAttrs& attrs(U32 id) const { return slots[id]->attrs; }
@@ -125,6 +128,7 @@ struct RouteView::Tables {
   }
   void refer(U32 id, int by) {
     U32& refs = slots[id]->refs;
+    if (refs == 0) --unreferenced;
     refs += static_cast<U32>(by);
     if (refs == 0) ++unreferenced;
   }
@@ -248,6 +252,8 @@ struct RouteView::Tables {
   std::size_t unreferenced = 0;
   std::map<RouteKey, S32> expiring;
   std::size_t routes = 0;
+  bool mixed =
+      false;  // an IPv6 route got a next hop whose other attributes differ, which only the kernel knows
 
   U32 dump = 0;
   bool dumping = false;
@@ -419,7 +425,25 @@ void RouteView::addedV6(const RouteKey& key, U32 attrs, unsigned flags) {
     if (hasSameHops(each, news)) return t.replace(key, i, attrs);
     if (merges && isMergeable(each) && each.source == news.source) merged = i;
   }
-  if (merged != end) return t.replace(key, merged, attrs);
+  if (merged != end) {
+    const RouteAttrs& before = t.attrs(t.group[merged].attrs);
+    const auto& hops = news.nextHops;
+    if (hops.size() != before.nextHops.size() + 1 ||
+        !std::equal(before.nextHops.begin(), before.nextHops.end(), hops.begin() + 1, isSameHop)) {
+      return t.replace(key, merged, attrs);
+    }
+    // The message shows the route from the new next hop on. It is the last one, and what next hops have in common
+    // is that of the first.
+    RouteAttrs grown = before;
+    grown.multipath = true;
+    grown.flags = news.flags;
+    grown.nextHops.assign(hops.begin() + 1, hops.end());
+    grown.nextHops.push_back(hops[0]);
+    RouteAttrs others = news;
+    others.nextHops = grown.nextHops;
+    t.mixed = t.mixed || others != grown;
+    return t.replace(key, merged, t.attrsOf(std::move(grown)));
+  }
   if ((flags & NLM_F_REPLACE) == 0 || begin == end) return t.insert(end, attrs, key.metric);
   t.replace(key, begin, attrs);
   if (end - begin > 1) outOfSync();
@@ -446,17 +470,21 @@ void RouteView::removed(const RouteKey& key, U32 attrs) {
     RouteAttrs rest = t.attrs(t.group[i].attrs);
     if (!isMergeable(rest) || rest.source != gone.source) continue;
     const std::size_t before = rest.nextHops.size();
+    const RouteNextHop first = rest.nextHops[0];
     std::erase_if(rest.nextHops, [&](const RouteNextHop& hop) {
       return std::any_of(gone.nextHops.begin(), gone.nextHops.end(),
                          [&](const RouteNextHop& each) { return isSameHop(hop, each); });
     });
     if (rest.nextHops.size() == before || rest.nextHops.empty()) continue;
+    const bool isUnsure = t.mixed && !isSameHop(first, rest.nextHops[0]);
     if (rest.nextHops.size() == 1) {
       rest.multipath = false;
       rest.nextHops[0].weight = 1;
       rest.flags = (rest.flags & ~kVolatileFlags) | rest.nextHops[0].flags;
     }
-    return t.replace(key, i, t.attrsOf(std::move(rest)));
+    t.replace(key, i, t.attrsOf(std::move(rest)));
+    if (isUnsure) outOfSync();
+    return;
   }
   if (end - begin == 1) return t.erase(key, begin);
   outOfSync();
@@ -611,12 +639,19 @@ Route RouteView::lookUpIn(U32 table, const IpGenAddr& address, U32 ifIndex) cons
 }
 
 Route RouteView::lookUp(const IpGenAddr& address, U32 ifIndex) const {
-  for (const U32 table : {RT_TABLE_LOCAL, RT_TABLE_MAIN, RT_TABLE_DEFAULT}) {
-    if (table == RT_TABLE_DEFAULT && address.af() == AddressFamily::ipv6) break;
-    const Route route = lookUpIn(table, address, ifIndex);
-    if (route && route.attrs->type != RTN_THROW) return route;
+  const auto isAnswer = [](const Route& route) { return route && route.attrs->type != RTN_THROW; };
+  const Route local = lookUpIn(RT_TABLE_LOCAL, address, ifIndex);
+  if (address.af() == AddressFamily::ipv6) {
+    if (isAnswer(local)) return local;
+    const Route main = lookUpIn(RT_TABLE_MAIN, address, ifIndex);
+    return isAnswer(main) ? main : Route();
   }
-  return {};
+  // Of IPv4 the kernel has both in one trie, as long as nobody adds a rule.
+  const Route main = lookUpIn(RT_TABLE_MAIN, address, ifIndex);
+  const Route& best = !local || (main && main.key.prefix.len() > local.key.prefix.len()) ? main : local;
+  if (isAnswer(best)) return best;
+  const Route last = lookUpIn(RT_TABLE_DEFAULT, address, ifIndex);
+  return isAnswer(last) ? last : Route();
 }
 
 Route RouteView::next(Cursor& at) const {

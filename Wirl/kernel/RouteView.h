@@ -111,8 +111,8 @@ class KIV_API RouteView final : public KernelView {
   /// The first route of the key; nothing if there is none.
   Route find(const RouteKey& key) const;
   /// The route by which the kernel would send to an address, as `ip route get` tells: through the tables
-  /// local, main and default, by the longest match, then the lowest metric; past routes without a live next
-  /// hop, and past a table that says "throw". A blackhole, or the like, is an answer. Other policy rules than
+  /// local, main and default (of IPv4 the first two as if they were one, as the kernel has them), by the longest
+  /// match, then the lowest metric; past routes without a live next hop, and past a table that says "throw". A blackhole, or the like, is an answer. Other policy rules than
   /// the kernel's own, and routes for a type of service or for sources, are not looked at. Takes
   /// `ifIndex` as the interface to leave by, if it is not 0.
   Route lookUp(const IpGenAddr& address, U32 ifIndex = 0) const;

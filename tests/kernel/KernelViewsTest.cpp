@@ -211,7 +211,8 @@ class Changes {
     const bool is6 = pick(2) == 0;
     const std::string verb = any({"add", "add", "append", "replace", "prepend", "del"});
     std::string line = "route " + verb + " ";
-    if (pick(8) == 0) return line + any({"blackhole ", "unreachable ", "throw ", "prohibit "}) + target(is6);
+    if (pick(8) == 0)
+      return line + any({"blackhole ", "unreachable ", "throw ", "prohibit ", "local dev lo "}) + target(is6);
     line += target(is6);
     if (pick(3) == 0) {
       line += " nexthop " + hop(is6) + " weight " + std::to_string(1 + pick(3)) + " nexthop " + hop(is6);
@@ -381,7 +382,8 @@ void expectSameLookUp(const Views& views, const NetNs& ns, const std::string& ta
     for (const RouteNextHop& hop : each.attrs->nextHops) {
       // By the loopback, or an own address as the gateway, the kernel goes its own way.
       const std::string dev = views.picture.nameOf(hop.ifIndex);
-      const bool loops = each.attrs->type == RTN_LOCAL || (dev == "lo" && answer[0]["dev"] == "lo");
+      const bool local = each.attrs->type == RTN_LOCAL && answer[0].value("type", "") == "local";
+      const bool loops = local || (dev == "lo" && answer[0]["dev"] == "lo");
       const std::string gateway = hop.gateway.af() == AddressFamily::ipunknown
                                       ? std::string()
                                       : std::string(hop.gateway.stringValue());
@@ -413,6 +415,10 @@ TEST_F(KernelViewsTest, HoldWhatIpShowsAfterAnyChanges) {
     });
     views.open();
     Changes changes(own, other, views, n);
+    // So that many routes have a way to their gateways from the start.
+    own.ip(
+        "link add a0 type veth peer name b0\nlink set a0 up\nlink set b0 up\n"
+        "addr add 192.0.2.1/24 dev a0\naddr add 2001:db8:1::1/64 dev a0 nodad");
     for (unsigned i = 0; i < perSeed && step < steps; ++i, ++step) {
       changes.make(8);
       expectSameAsIp(views, own);
@@ -567,10 +573,16 @@ TEST_F(KernelViewsTest, ChangesThatFailNameTheObjectInTheKernelsWords) {
             "add route 198.51.100.0/24 table 254 metric 5: Network is unreachable (Nexthop has "
             "invalid gateway, " +
                 in);
-  EXPECT_GT(changer.ifIndexOf("a"), 1u);  // the others were made
+  const U32 index = changer.ifIndexOf("a");  // the others were made
+  KernelChanges names;
+  names.linkChange("a", {.name = "c", .mtu = 1400}).linkChange("c", {.name = "d"});
+  names.linkChange("b", {.name = "d"}).linkChange("none", {.name = "e"});
+  EXPECT_EQ(failureOf(names), "change link b: File exists (" + in);
+  EXPECT_EQ(changer.ifIndexOf("d"), index);
+  EXPECT_EQ(changer.tryApply(names).back().error, ENODEV);
   KernelChanges again;
-  again.vethAdd("a", "b");
-  EXPECT_EQ(failureOf(again), "add link a: File exists (" + in);
+  again.vethAdd("d", "b");
+  EXPECT_EQ(failureOf(again), "add link d: File exists (" + in);
   EXPECT_THROW(changer.ifIndexOf("none"), Kiv::ErrnoException);
   EXPECT_THROW(KernelChanges().linkChange("a", {.netNs = NamespaceName("ns-none")}), Kiv::ErrnoException);
 }
@@ -620,6 +632,14 @@ TEST_F(KernelViewsTest, ResolversKnowNextHopsAndTellOfLoss) {
                                                            IpAddr(veth.ipA), Ip6Addr(veth.ip6A));
   device->answerTimeIs(std::chrono::milliseconds(100));
   run(*device);
+  // It defends its address against who would take it.
+  outputOf("ip netns exec " + far.name() + " sysctl -qw net.ipv6.conf." + veth.intf + ".accept_dad=1");
+  ns.ip("addr del " + veth.ip6A + "/64 dev " + veth.intf);
+  far.ip("addr add " + veth.ip6A + "/64 dev " + veth.intf);
+  const auto isRefused = [&] {
+    return outputOf("ip -n " + far.name() + " -o addr show dadfailed").find(veth.ip6A) != std::string::npos;
+  };
+  EXPECT_TRUE(await(isRefused));
 }
 
 // WIRL_KERNEL_HOPS: how many next hops are kept resolved, more than the kernel's table takes of others.
