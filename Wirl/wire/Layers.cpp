@@ -2,6 +2,7 @@
 #include "Wirl/wire/Layers.h"
 
 #include <algorithm>
+#include <limits>
 #include <type_traits>
 
 #include "Wirl/packet/Checksum.h"
@@ -134,18 +135,23 @@ std::string_view layerKindText(LayerKind kind) noexcept {
   return kTexts[static_cast<U8>(kind)];
 }
 
-/// Whether a segment in one piece, with a header of a length that can be, has nothing wrong with it.
+/// Whether a segment in one piece behind an IP header without options, with a header of a length that can be,
+/// has nothing wrong with it.
 template <typename Ip>
-[[gnu::always_inline]] inline bool LayerIterator::isGoodTcp(const Ip& ip, const U8* segment,
-                                                            U32 bytes) const noexcept {
+[[gnu::always_inline]] inline bool LayerIterator::isGoodTcp(const U8* segment, U32 bytes) const noexcept {
   const U32 hdrBytes = (segment[12] >> 4) * 4u;
   if (hdrBytes > detail::kTcpBytes &&
       !TcpOptions({segment + detail::kTcpBytes, hdrBytes - detail::kTcpBytes}).whole()) {
     return false;
   }
   if (!checksums_) return true;
-  const U32 pseudo = detail::pseudoHdrSum(ip, bytes, ipProtoTcp);
-  return ipChecksumCalc(reinterpret_cast<const char*>(segment), static_cast<U16>(bytes), pseudo).value() == 0;
+  // The addresses lie in front of the segment: one sum is taken over both.
+  constexpr U32 kAddrs = sizeof(Ip) == sizeof(IpHdr) ? 8 : 32;
+  if (bytes > std::numeric_limits<U16>::max() - kAddrs)
+    return false;  // its own step adds them up in two parts
+  return ipChecksumCalc(reinterpret_cast<const char*>(segment - kAddrs), static_cast<U16>(kAddrs + bytes),
+                        ipProtoTcp + bytes)
+             .value() == 0;
 }
 
 /// What most packets begin with. Each step of its own says the same. `kTags`: bytes between Ethernet and IP.
@@ -180,29 +186,34 @@ template <typename Ip, U32 kTags>
   U32 tcpBytes = 0;
   if (protocol == ipProtoTcp && end == wireEnd && bytes >= detail::kTcpBytes) {
     tcpBytes = (tcp[12] >> 4) * 4u;
-    if (tcpBytes < detail::kTcpBytes || tcpBytes > bytes ||
-        !isGoodTcp(*reinterpret_cast<const Ip*>(hdr), tcp, bytes))
+    if (tcpBytes < detail::kTcpBytes || tcpBytes > bytes || !isGoodTcp<Ip>(tcp, bytes)) {
       tcpBytes = 0;
+    }
   }
-  U8 at = kLast - (kTags != 0 ? 2 : 1) - (tcpBytes != 0 ? 1 : 0);
-  at_ = at;
-  count_ = static_cast<U8>(kLast + 1 - at);
-  found(found_[at++], LayerKind::eth, 0, kEth, present, wireBytes);
-  if constexpr (kTags != 0) found(found_[at++], LayerKind::vlan, kEth, kAt, present, wireBytes);
-  Layer& ip = found_[at];
-  found(ip, kIs4 ? LayerKind::ip : LayerKind::ip6, kAt, kBehind, end, wireEnd);
-  if (kIs4 && ipChecksumCalc(reinterpret_cast<const char*>(hdr), sizeof(Ip), 0).value() != 0) {
-    ip.error = badIpHdrChecksum;
-  }
-  end_ = end;
-  wireEnd_ = wireEnd;
   ip_ = hdr;
   ipVersion_ = kIs4 ? 4 : 6;
+  end_ = end;
+  wireEnd_ = wireEnd;
+  // In places that the compiler knows, which takes less time than to count.
+  const auto layersFrom = [&]<U8 kFirst>(std::integral_constant<U8, kFirst>) {
+    at_ = kFirst;
+    count_ = kLast + 1 - kFirst;
+    found(found_[kFirst], LayerKind::eth, 0, kEth, present, wireBytes);
+    if constexpr (kTags != 0) found(found_[kFirst + 1], LayerKind::vlan, kEth, kAt, present, wireBytes);
+    Layer& ip = found_[kFirst + (kTags != 0 ? 2 : 1)];
+    found(ip, kIs4 ? LayerKind::ip : LayerKind::ip6, kAt, kBehind, end, wireEnd);
+    if (kIs4 && ipChecksumCalc(reinterpret_cast<const char*>(hdr), sizeof(Ip), 0).value() != 0) {
+      ip.error = badIpHdrChecksum;
+    }
+  };
+  constexpr U8 kIpLast = kLast - (kTags != 0 ? 2 : 1);
   if (tcpBytes != 0) {
+    layersFrom(std::integral_constant<U8, kIpLast - 1>());
     found(layer(), LayerKind::tcp, kBehind, kBehind + tcpBytes, end, wireEnd);
     next_ = LayerKind::none;
     return true;
   }
+  layersFrom(std::integral_constant<U8, kIpLast>());
   frame_ = frame;
   pos_ = kBehind;
   next_ = LayerKind::none;

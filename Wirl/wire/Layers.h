@@ -158,7 +158,7 @@ class LayerIterator {
   template <typename Ip, U32 kTags>
   bool ethIp() noexcept;
   template <typename Ip>
-  bool isGoodTcp(const Ip& ip, const U8* segment, U32 bytes) const noexcept;
+  bool isGoodTcp(const U8* segment, U32 bytes) const noexcept;
   /// The layer at work.
   Layer& layer() noexcept { return found_[kLast]; }
   const Layer& layer() const noexcept { return found_[kLast]; }
