@@ -3,6 +3,7 @@
 
 #include "Wirl/packet/HdrFields.h"
 #include "Wirl/packet/HdrView.h"
+#include "Wirl/wire/OptionList.h"
 
 namespace Wirl {
 
@@ -39,7 +40,7 @@ class BfdHdr : public HdrImage<24> {
 };
 static_assert(isHeaderImage<BfdHdr, 24>);
 
-/// What the authentication of a BFD packet begins with.
+/// What the authentication of a BFD packet begins with: `BfdAuthentication(...)` of what follows `BfdHdr`.
 class BfdAuthenticationHdr : public HdrImage<3> {
  public:
   WIRL_HDR(BfdAuthenticationHdr, "authentication");
@@ -48,5 +49,20 @@ class BfdAuthenticationHdr : public HdrImage<3> {
   WIRL_FIELD(U8, length, 8, 8);
   WIRL_FIELD(U8, keyId, 16, 8);
 };
+/// Of a kind with keys (types 2 to 5); the digest follows.
+class BfdKeyedAuthenticationHdr : public HdrImage<8, BfdAuthenticationHdr> {
+ public:
+  WIRL_HDR(BfdKeyedAuthenticationHdr, "authentication");
+  WIRL_FIELD(U32, seqNum, 32, 32, .key = "seq");
+};
+
+/// A type and a length, which counts both; there is one.
+struct BfdAuthenticationFormat {
+  static OptionStep next(std::span<const U8> rest) noexcept {
+    if (rest.size() < 3 || rest[1] < 3 || rest[1] > rest.size()) return {};
+    return {{rest[0], rest.first(rest[1]), 3}, rest[1], true};
+  }
+};
+using BfdAuthentication = OptionList<BfdAuthenticationFormat>;
 
 }  // namespace Wirl

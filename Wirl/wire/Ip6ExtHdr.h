@@ -161,6 +161,24 @@ class Ip6RouteAddrs {
   bool whole_ = true;
 };
 
+/// What a TLV of a segment routing header begins with, unless it is one octet of padding.
+class Ip6SegmentTlvHdr : public HdrImage<2> {
+ public:
+  WIRL_HDR(Ip6SegmentTlvHdr, "tlv");
+  WIRL_FIELD(U8, type, 0, 8);
+  /// In bytes, of what follows.
+  WIRL_FIELD(U8, length, 8, 8);
+};
+/// The code that authenticates the header follows (RFC 8754 section 2.1.2).
+class Ip6SegmentHmacTlv : public HdrImage<8, Ip6SegmentTlvHdr> {
+ public:
+  static constexpr U8 kType = 5;
+  WIRL_HDR(Ip6SegmentHmacTlv, "hmac");
+  /// The destination is not verified against the segments.
+  WIRL_FIELD(bool, dstUnverified, 16, 1);
+  WIRL_FIELD(U32, keyId, 32, 32);
+};
+
 /// TLVs behind the segments of a segment routing header (RFC 8754 section 2.1): `Ip6SegmentTlvs` of these
 /// bytes.
 using Ip6SegmentTlvs = OptionList<Ip6OptionFormat>;

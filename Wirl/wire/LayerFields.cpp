@@ -296,8 +296,29 @@ detail::ItemKind detail::itemsOf(const Layer& layer, std::span<const U8>& where)
       return behind(sizeof(TcpHdr)), ItemKind::tcp;
     case LayerKind::ip6opts:
       return behind(sizeof(Ip6ExtHdr)), ItemKind::ip6;
+    case LayerKind::ip6routing:
+      return where = segmentTlvBytes(layer.header), ItemKind::segment;
     case LayerKind::sctp:
       return inMessage(sizeof(SctpHdr)), ItemKind::sctp;
+    case LayerKind::pim:
+      if (isPim1(layer) || bytes.empty() || (bytes[0] & 0x0f) != pimHello) return ItemKind::none;
+      return inMessage(sizeof(PimHdr)), ItemKind::pim;
+    case LayerKind::bfd: {
+      const auto bfd = viewAt<BfdHdr>(layer.header);
+      if (!bfd || !bfd->authenticationPresent()) return ItemKind::none;
+      return behind(sizeof(BfdHdr)), ItemKind::bfd;
+    }
+    case LayerKind::ipfix:
+      return inMessage(sizeof(IpfixHdr)), ItemKind::ipfixSet;
+    case LayerKind::icmp: {
+      const auto routers = viewAt<IcmpRouterAdvertisementHdr>(bytes);
+      if (!routers || routers->type() != icmpTypeRouterAdvertisement || routers->entryWords() != 2) {
+        return ItemKind::none;
+      }
+      inMessage(sizeof(IcmpRouterAdvertisementHdr));
+      where = where.first(std::min(where.size(), routers->addressCount() * sizeof(IcmpRouterAddress)));
+      return ItemKind::router;
+    }
     case LayerKind::lldp:
       return where = layer.header, ItemKind::lldp;
     case LayerKind::igmp:
@@ -339,6 +360,26 @@ HdrDescription detail::itemFields(ItemKind kind, const WireOption& option) noexc
       return typed(of<Icmp6OptionCommonHdr>, ID(NdSrcLinkLayerAddrOption), ID(NdTgtLinkLayerAddrOption),
                    ID(NdPrefixInfoOption), ID(NdMtuOption), ID(NdRedirectedHdrOption), ID(NdNonceOption),
                    ID(NdRouteInfoOption), ID(NdRdnssOption), ID(NdDnsslOption), ID(NdPref64Option));
+    case ItemKind::segment:
+      return option.hdrBytes < sizeof(Ip6SegmentTlvHdr) ? HdrDescription{"padding", 0, {}}
+                                                        : typed(of<Ip6SegmentTlvHdr>, ID(Ip6SegmentHmacTlv));
+    case ItemKind::router:
+      return of<IcmpRouterAddress>;
+    case ItemKind::pim:
+      return typed(of<PimOptionHdr>, ID(PimHoldtimeOption), ID(PimLanPruneDelayOption),
+                   ID(PimDrPriorityOption), ID(PimGenerationIdOption));
+    case ItemKind::bfd:
+      return option.type >= 2 && option.type <= 5 ? of<BfdKeyedAuthenticationHdr> : of<BfdAuthenticationHdr>;
+    case ItemKind::ipfixSet:
+      return of<IpfixSetHdr>;
+    case ItemKind::ipfixTemplate:
+      return of<IpfixTemplateHdr>;
+    case ItemKind::ipfixOptionsTemplate:
+      return option.bytes.size() < sizeof(IpfixOptionsTemplateHdr) ? of<IpfixTemplateHdr>
+                                                                   : of<IpfixOptionsTemplateHdr>;
+    case ItemKind::ipfixField:
+      return option.bytes.size() < sizeof(IpfixEnterpriseFieldSpecifier) ? of<IpfixFieldSpecifier>
+                                                                         : of<IpfixEnterpriseFieldSpecifier>;
     case ItemKind::sctp:
       return typed(of<SctpChunkHdr>, ID(SctpDataChunk), ID(SctpInitChunk), ID(SctpInitAckChunk),
                    ID(SctpSackChunk), ID(SctpShutdownChunk));

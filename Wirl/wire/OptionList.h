@@ -174,6 +174,15 @@ struct TlvFormat {
   }
 };
 
+/// Entries of the same length that have no type.
+template <unsigned kBytes>
+struct EntryFormat {
+  static OptionStep next(std::span<const U8> rest) noexcept {
+    if (rest.size() < kBytes) return {};
+    return {{0, rest.first(kBytes), 0}, kBytes};
+  }
+};
+
 /// TLVs of LLDP (IEEE 802.1AB): 7 bits of type and 9 of length, of the data; type 0 ends the list.
 struct LldpTlvFormat {
   static OptionStep next(std::span<const U8> rest) noexcept {

@@ -57,14 +57,22 @@ static_assert(isHeaderImage<PimRegisterHdr, 8>);
 /// Of a hello, behind its `PimHdr`.
 using PimHelloOptions = OptionList<TlvFormat>;
 
-class PimHoldtimeOption : public HdrImage<6> {
+/// What an option of a hello begins with.
+class PimOptionHdr : public HdrImage<4> {
+ public:
+  WIRL_HDR(PimOptionHdr, "option");
+  WIRL_FIELD(U16, type, 0, 16);
+  /// In bytes, of what follows.
+  WIRL_FIELD(U16, length, 16, 16);
+};
+class PimHoldtimeOption : public HdrImage<6, PimOptionHdr> {
  public:
   static constexpr U16 kType = 1;
   WIRL_HDR(PimHoldtimeOption, "holdtime");
   /// In seconds, 0xffff for ever.
   WIRL_FIELD(U16, holdtime, 32, 16);
 };
-class PimLanPruneDelayOption : public HdrImage<8> {
+class PimLanPruneDelayOption : public HdrImage<8, PimOptionHdr> {
  public:
   static constexpr U16 kType = 2;
   WIRL_HDR(PimLanPruneDelayOption, "lanPruneDelay");
@@ -73,13 +81,13 @@ class PimLanPruneDelayOption : public HdrImage<8> {
   WIRL_FIELD(U16, propagationDelay, 33, 15);
   WIRL_FIELD(U16, overrideInterval, 48, 16);
 };
-class PimDrPriorityOption : public HdrImage<8> {
+class PimDrPriorityOption : public HdrImage<8, PimOptionHdr> {
  public:
   static constexpr U16 kType = 19;
   WIRL_HDR(PimDrPriorityOption, "drPriority");
   WIRL_FIELD(U32, priority, 32, 32);
 };
-class PimGenerationIdOption : public HdrImage<8> {
+class PimGenerationIdOption : public HdrImage<8, PimOptionHdr> {
  public:
   static constexpr U16 kType = 20;
   WIRL_HDR(PimGenerationIdOption, "generationId");

@@ -515,24 +515,38 @@ void writeData(Out& out, std::span<const U8> data) {
   out << '\n';
 }
 
-/// The addresses that a routing header or an advertisement of VRRP has behind its fields.
-void writeAddrs(Out& out, const Layer& layer, bool over6) {
-  const auto line = [&out]<typename Addr>(std::type_identity<Addr>, const void* addr) {
-    out << "  address                  ";
-    out.addr<Addr>(static_cast<const U8*>(addr)) << '\n';
-  };
-  // Compressed addresses are completed by the packet's destination, and shown in octets alone.
-  constexpr U8 kCompressed = 3;
-  if (layer.kind == LayerKind::ip6routing && layer.header.size() >= 4 && layer.header[2] != kCompressed) {
-    for (const Ip6Addr& addr : Ip6RouteAddrs(layer.header, Ip6Addr()))
-      line(std::type_identity<Ip6Addr>(), &addr);
+/// A line for each address of a list; an octet behind the last one is no address.
+template <typename Addr>
+void writeAddrs(Out& out, std::string_view start, std::span<const U8> list, std::size_t most) {
+  for (std::size_t i = 0; i < most && (i + 1) * sizeof(Addr) <= list.size(); ++i) {
+    out << start;
+    out.addr<Addr>(list.data() + i * sizeof(Addr)) << '\n';
   }
-  if (layer.kind != LayerKind::vrrp || layer.header.size() < sizeof(VrrpHdr)) return;
-  const std::size_t bytes = over6 ? sizeof(Ip6Addr) : sizeof(IpAddr);
-  const unsigned count = layer.header[3];
-  for (std::size_t i = 0; i < count && (i + 1) * bytes <= layer.payload.size(); ++i) {
-    const U8* const addr = layer.payload.data() + i * bytes;
-    over6 ? line(std::type_identity<Ip6Addr>(), addr) : line(std::type_identity<IpAddr>(), addr);
+}
+
+/// The addresses that some layers have behind their fields. `ip6`: the header around it, null for IPv4.
+void writeAddrs(Out& out, const Layer& layer, const HdrView<const Ip6Hdr>& ip6) {
+  static constexpr std::string_view kAddress = "  address                  ";
+  static constexpr std::string_view kSource = "  source                   ";
+  const auto bytes = layerBytes(layer);
+  const auto behind = [bytes](std::size_t fixed) { return bytes.subspan(std::min(fixed, bytes.size())); };
+  if (layer.kind == LayerKind::ip6routing && ip6) {
+    for (const Ip6Addr& addr : Ip6RouteAddrs(layer.header, ip6->dst())) {
+      out << kAddress;
+      out.addr<Ip6Addr>(reinterpret_cast<const U8*>(&addr)) << '\n';
+    }
+  }
+  if (const auto vrrp = layer.as<VrrpHdr>(); vrrp && layer.kind == LayerKind::vrrp) {
+    ip6 ? writeAddrs<Ip6Addr>(out, kAddress, layer.payload, layer.header[3])
+        : writeAddrs<IpAddr>(out, kAddress, layer.payload, layer.header[3]);
+  }
+  if (const auto query = viewAt<Igmp3QueryHdr>(bytes);
+      query && layer.kind == LayerKind::igmp && layer.header.size() == sizeof(Igmp3QueryHdr)) {
+    writeAddrs<IpAddr>(out, kSource, behind(sizeof(Igmp3QueryHdr)), query->sourceCount());
+  }
+  if (const auto query = viewAt<Mld2QueryHdr>(bytes);
+      query && layer.kind == LayerKind::icmp6 && query->type() == icmp6TypeMldQuery) {
+    writeAddrs<Ip6Addr>(out, kSource, behind(sizeof(Mld2QueryHdr)), query->sourceCount());
   }
 }
 
@@ -946,9 +960,10 @@ void appendPktLine(std::string& to, const Layers& layers) {
 
 void appendPktFields(std::string& to, const Layers& layers) {
   Out out(to);
-  bool over6 = false;
+  HdrView<const Ip6Hdr> ip6;
   for (const Layer& layer : layers) {
-    if (layer.kind == LayerKind::ip || layer.kind == LayerKind::ip6) over6 = layer.kind == LayerKind::ip6;
+    if (layer.kind == LayerKind::ip) ip6 = nullptr;
+    if (layer.kind == LayerKind::ip6) ip6 = layer.as<Ip6Hdr>();
     out << layerKindText(layer.kind) << ", ";
     out.number(layer.header.size()) << " bytes at ";
     out.number(layer.offset) << ", payload ";
@@ -964,7 +979,7 @@ void appendPktFields(std::string& to, const Layers& layers) {
           << std::string_view("                         ").substr(std::min<std::size_t>(key.size(), 24));
       out.number(value) << '\n';
     });
-    writeAddrs(out, layer, over6);
+    writeAddrs(out, layer, ip6);
     forEachItem(layer, [&](const LayerItem& item) {
       out << "  " << item.fields.name << '\n';
       const auto bytes = item.option.bytes;

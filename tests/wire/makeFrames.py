@@ -4,6 +4,7 @@
 
 usage: makeFrames.py FILE
 """
+import random
 import struct
 import sys
 from scapy.all import *
@@ -11,6 +12,7 @@ from scapy.contrib.igmp import IGMP
 from scapy.contrib.igmpv3 import IGMPv3, IGMPv3gr, IGMPv3mq, IGMPv3mr
 from scapy.contrib.mpls import MPLS
 load_contrib('geneve')
+random.seed(1)  # the same frames each time
 E = Ether(dst='02:00:00:00:00:02', src='02:00:00:00:00:01')
 I = IP(src='192.0.2.1', dst='192.0.2.2')
 I6 = IPv6(src='2001:db8::1', dst='2001:db8::2')
@@ -53,7 +55,7 @@ add(E / IP(src='192.0.2.1', dst='192.0.2.2', options=[IPOption_Router_Alert(),
 for l in (0, 4, 12, 13, 14, 1000):
     add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', plen=l) / U)
 for t in list(range(0, 19)) + [40, 42, 43]:
-    add(E / I / ICMP(type=t, id=3, seq=4) / bytes(I / U))
+    add(E / I / ICMP(type=t, id=3, seq=4, ts_ori=1, ts_rx=2, ts_tx=3) / bytes(I / U))
 for t in (3, 4, 5, 11, 12):
     add(E / I / ICMP(type=t, code=1) / bytes(I / U)[:28])
 for t in range(0, 160):
@@ -104,8 +106,8 @@ add(E / I / UDP(sport=4789, dport=50000) / VXLAN(vni=3, gpflags=128, gpid=7, fla
 add(E / I / UDP(sport=50000, dport=6081) / GENEVE(vni=7) / E / I / U)
 add(E / I / UDP(sport=50000, dport=6081) / GENEVE(vni=7, proto=2048) / I / U)
 K = Ether(dst='00:00:5e:00:53:02', src='00:00:5e:00:53:01')
-for bot in (I / U, I6 / U, bytes(K / I / U), b'\x00' * 4 + bytes(K / I / U), b'\x10\x00\x00!' + bytes(I / U), b'\xff\x00\x01' + b'\x00' * 30,
-    b'\x10\x00\x00\x07' + b' \xc0\x03\x18' + b'\x00\x00\x00\x01' * 5):
+for bot in (I / U, I6 / U, bytes(K / I / U), b'\x00' * 4 + bytes(K / I / U), b'\x10\x00\x00!' + bytes(I / U),
+    b'\xff\x00\x01' + b'\x00' * 30, b'\x10\x00\x00\x07' + b' \xc0\x03\x18' + b'\x00\x00\x00\x01' * 5):
     add(Ether(dst=E.dst, src=E.src, type=34887) / MPLS(label=100, cos=3, s=0, ttl=9) / MPLS(label=200, s=1) / bot)
 add(Ether(dst=E.dst, src=E.src, type=34888) / MPLS(label=100, s=1) / I / U)
 for lab in (0, 1, 2, 3, 7):
@@ -235,7 +237,8 @@ T(0x0800, b'\x65' + bytes(I / U)[1:])
 T(0x8847, b'\x00\x00\xe1\x40' + bytes(I / U))
 T(0x88a8, b'\x00\x05\x00\x20' + b'\x42\x42\x03' + bytes(40))
 add(Ether(dst='01:00:0c:00:00:00', src=E.src, type=90) / (b'\xaa\xaa\x03' + bytes(9) + bytes(E / I / U)))
-for p in (b'\x00\x4b\x42\x42\x03' + bytes(9), b'\x00\x31\x00\x01' + bytes(E / I / U), b'\xff\x03\x00\x21' + bytes(I / U)):
+for p in (b'\x00\x4b\x42\x42\x03' + bytes(9), b'\x00\x31\x00\x01' + bytes(E / I / U),
+    b'\xff\x03\x00\x21' + bytes(I / U)):
     T(0x8864, b'\x11\x01\x00\x01' + struct.pack('>H', len(p)) + p)
 for c in (b'\x13', b'\x00\x00', b'\x01\x01', b'\x7f'):
     add(D / (b'\xaa\xaa' + c + b'\x00\x00\x00\x08\x00' + bytes(I / U)))
@@ -270,6 +273,44 @@ for t, b in ((0x806, bytes(ARP())), (0x8847, bytes(MPLS(s=0) / MPLS(s=1) / I)), 
     (0x88cc, tlv(1, b'\x07a') + tlv(2, b'\x05b')), (0x86dd, bytes(I6))):
     for c in range(0, 10):
         add(Ether(dst=E.dst, src=E.src, type=t) / b, 14 + c)
+# Lists of messages.
+P = lambda n, *more: add(E / IP(src='192.0.2.1', dst='224.0.0.13', proto=103) / (bytes([32, 0, 0, 0]) + b''.join(
+    struct.pack('>HH', t, len(v) - c) + v for t, v, c in more)))
+P(0, (1, b'\x00\x69', 0), (2, b'\x81\xf4\x09\xc4', 0), (19, b'\x00\x00\x00\x07', 0),
+    (20, b'\x12\x34\x56\x78', 0), (24, b'\x01\x00' + b'\xfe\x80' + bytes(13) + b'\x07', 0), (61, b'abcd', 0))
+P(0, (1, b'\xff\xff', 0), (20, b'\x00\x00', -9))
+BA = lambda a, flag=196: G(3784, bytes([32, flag, 3, 24 + len(a)]) + b'\x00\x00\x00\x01\x00\x00\x00\x02'
+    + b'\x00\x00\x03\xe8' * 3 + a, 49152)
+for t, n in ((1, 9), (2, 24), (3, 24), (4, 28), (5, 28), (9, 9)):
+    BA(bytes([t, n, 7, 0][:4]) + b'\x00\x00\x00\x05' + b'k' * (n - 8))
+BA(b'\x02\x63\x07' + bytes(21))
+BA(b'\x02')
+X = lambda *sets: G(4739, struct.pack('>HHIII', 10, 16 + sum(map(len, sets)), 1700000000, 5, 9) + b''.join(sets))
+XS = lambda i, b: struct.pack('>HH', i, 4 + len(b)) + b
+X(XS(2, struct.pack('>HHHHHH', 256, 2, 8, 4, 12, 4) + struct.pack('>HHHHI', 257, 1, 0x8000 | 100, 65535, 32473)))
+X(XS(3, struct.pack('>HHHHHHH', 258, 2, 1, 149, 4, 41, 8) + b'\x00\x00'), XS(400, b'data'))
+X(XS(2, struct.pack('>HHHH', 256, 3, 8, 4)))
+X(XS(2, struct.pack('>HH', 256, 0)))
+SR = lambda tlvs: b'\x11' + bytes([(16 + len(tlvs)) // 8, 4, 0, 0, 0, 0, 9]) + (
+    socket.inet_pton(10, '2001:db8::7') + tlvs)
+for tlvs in (b'\x05\x26\x80\x00\x00\x00\x00\x07' + bytes(32),
+    b'\x00\x04\x05\x00\x00\x00\x00\x00', b'\x05\x99' + bytes(6)):
+    add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=43) / (SR(tlvs) + bytes(U)))
+add(E / IPv6(src='2001:db8::1', dst='2001:db8::2', nh=43) / (b'\x11\x01\x03\x00\xff\x60\x00\x00'
+    + b'\x05\x06' + bytes(6) + bytes(U)))
+RA = lambda n, words, b: add(E / I / (lambda h: ICMP(h[:2] + b'\x00\x00' + h[4:]))(
+    bytes([9, 0, 0, 0, n, words, 0, 90]) + b))
+for n, words, count in ((2, 2, 2), (2, 3, 2), (3, 2, 1)):
+    RA(n, words, (b'\xc0\x00\x02\x09' + b'\xff\xff\xff\xfe') * count)
+add(E / I / IGMPv3(type=17) / IGMPv3mq(gaddr='233.252.0.1', srcaddrs=['192.0.2.7', '192.0.2.8']))
+add(E / I6 / IPv6ExtHdrHopByHop(options=[RouterAlert()]) / ICMPv6MLQuery2(mladdr='ff0e::db8:1',
+    sources=['2001:db8::7', '2001:db8::8']))
+add(E / I6 / IPv6ExtHdrHopByHop(options=[RouterAlert()]) / ICMPv6MLReport2(records=[
+    ICMPv6MLDMultAddrRec(rtype=5, dst='ff0e::db8:1', sources=['2001:db8::7', '2001:db8::8']),
+    ICMPv6MLDMultAddrRec(rtype=6, dst='ff0e::db8:2', sources=['2001:db8::9'])]))
+add(E / I / IGMPv3(type=34) / IGMPv3mr(records=[
+    IGMPv3gr(rtype=5, maddr='233.252.0.1', srcaddrs=['192.0.2.8', '192.0.2.9']),
+    IGMPv3gr(rtype=6, maddr='233.252.0.2', srcaddrs=['192.0.2.7'])]))
 with open(sys.argv[1], 'wb') as out:
     out.write(struct.pack('<IHHiIII', 2712847316, 2, 4, 0, 0, 262144, 1))
     for i, (octets, wire) in enumerate(f):
