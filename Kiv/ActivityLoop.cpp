@@ -10,13 +10,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <limits>
+#include <mutex>
 #include <utility>
 
 #include "Kiv/Assert.h"
 #include "Kiv/Clock.h"
 #include "Kiv/Exception.h"
 #include "Kiv/FileDescriptor.h"
+#include "Kiv/Statistics.h"
 #include "Kiv/Trace.h"
 
 namespace Kiv {
@@ -103,6 +106,152 @@ void Mailbox::end() noexcept {
 }
 
 }  // namespace detail
+
+// Measuring
+// -------------------------------------------------------------------------------------------------
+
+namespace {
+
+Time monotonicNow() noexcept {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return std::chrono::seconds(time.tv_sec) + Time(time.tv_nsec);
+}
+
+using Event = LoopStatistics::Event;
+
+/// The source of what was posted.
+struct PostedWork {
+  std::string_view name() const noexcept { return "posted"; }
+};
+
+/// Stands in for a `LoopMeter` in a loop that is not measured, and leaves no code behind.
+struct Unmeasured {
+  void passBegins() const noexcept {}
+  template <typename Source, typename Run>
+  void run(Event /*event*/, const Source& /*source*/, Run run) const {
+    run();
+  }
+};
+
+}  // namespace
+
+namespace detail {
+
+/// Takes the time of every reactor. The end of one is the beginning of the next, so an event costs one look at
+/// the clock. Takes no memory while it measures.
+class LoopMeter {
+ public:
+  void start() noexcept {
+    *this = LoopMeter();
+    began_ = monotonicNow();
+  }
+  void passBegins() noexcept {
+    ++passes_;
+    last_ = monotonicNow();
+  }
+  template <typename Source, typename Run>
+  void run(Event event, const Source& source, Run run) {
+    const Measured measured(*this, event, source.name());
+    run();
+  }
+  LoopStatistics statistics() const;
+
+ private:
+  struct Name {
+    explicit Name(std::string_view text) noexcept : bytes(std::min<std::size_t>(text.size(), sizeof(at))) {
+      std::memcpy(at, text.data(), bytes);
+    }
+    Name() = default;
+    std::string_view view() const noexcept { return {at, bytes}; }
+    char at[LoopStatistics::kNameBytes];
+    std::size_t bytes = 0;
+  };
+  struct Slow {
+    Name name;
+    Event event;
+    Time longest;
+  };
+  /// One run. The source may be gone when it ends, so its name is kept.
+  class Measured {
+   public:
+    Measured(LoopMeter& meter, Event event, std::string_view name) noexcept
+        : meter_(meter), event_(event), name_(name) {}
+    Measured(const Measured&) = delete;
+    Measured& operator=(const Measured&) = delete;
+    ~Measured() { meter_.ran(event_, name_); }
+
+   private:
+    LoopMeter& meter_;
+    const Event event_;
+    const Name name_;
+  };
+
+  void ran(Event event, const Name& name) noexcept {
+    const Time now = monotonicNow();
+    const Time took = now - last_;
+    last_ = now;
+    ++events_[static_cast<unsigned>(event)];
+    inReactors_ += took;
+    if (count_ < LoopStatistics::kSlowest || took > slowest_[count_ - 1].longest) note(event, name, took);
+  }
+  /// Keeps the table ordered. What drops out of it can only come back with a longer run, so the table holds the
+  /// longest runs exactly.
+  void note(Event event, const Name& name, Time took) noexcept;
+
+  Time began_{};
+  Time last_{};
+  Time inReactors_{};
+  U64 passes_ = 0;
+  U64 events_[LoopStatistics::kEvents] = {};
+  unsigned count_ = 0;
+  Slow slowest_[LoopStatistics::kSlowest];
+};
+
+void LoopMeter::note(Event event, const Name& name, Time took) noexcept {
+  unsigned at = 0;
+  while (at < count_ && (slowest_[at].event != event || slowest_[at].name.view() != name.view())) ++at;
+  if (at < count_) {
+    if (took <= slowest_[at].longest) return;
+  } else {
+    if (count_ < LoopStatistics::kSlowest) ++count_;
+    at = count_ - 1;
+  }
+  for (; at > 0 && slowest_[at - 1].longest < took; --at) slowest_[at] = slowest_[at - 1];
+  slowest_[at] = {name, event, took};
+}
+
+LoopStatistics LoopMeter::statistics() const {
+  LoopStatistics result;
+  result.passes = passes_;
+  std::copy(std::begin(events_), std::end(events_), result.events);
+  result.measured = monotonicNow() - began_;
+  result.inReactors = inReactors_;
+  for (unsigned i = 0; i < count_; ++i) {
+    result.slowest.push_back({slowest_[i].name.view(), slowest_[i].event, slowest_[i].longest});
+  }
+  return result;
+}
+
+}  // namespace detail
+
+std::string_view eventName(LoopStatistics::Event event) noexcept {
+  static constexpr std::string_view names[] = {"readable", "writable", "clock", "posted"};
+  return names[static_cast<unsigned>(event)];
+}
+
+void ActivityLoop::measuredIs(bool on) {
+  if (on == measured_) return;
+  if (on) {
+    if (!meter_) meter_ = std::make_unique<detail::LoopMeter>();
+    meter_->start();
+  }
+  measured_ = on;
+}
+
+LoopStatistics ActivityLoop::statistics() const {
+  return meter_ ? meter_->statistics() : LoopStatistics();
+}
 
 /// Marks the loop as running for as long as it is in scope; refuses when it is already.
 class ActivityLoop::Running {
@@ -376,10 +525,21 @@ void ActivityLoop::pass(Time limit) {
     againEnd_ = againLast_;
     if (mailbox_->pending()) posted_ = mailbox_->take();
   }
-  runPosted();
-  runEvents();
-  runAgain();
-  runClocks();
+  if (measured_) [[unlikely]] {
+    runAll(*meter_);
+  } else {
+    const Unmeasured meter;
+    runAll(meter);
+  }
+}
+
+template <typename Meter>
+void ActivityLoop::runAll(Meter& meter) {
+  meter.passBegins();
+  runPosted(meter);
+  runEvents(meter);
+  runAgain(meter);
+  runClocks(meter);
 }
 
 void ActivityLoop::wait(Time limit) {
@@ -420,14 +580,16 @@ bool ActivityLoop::take(int timeout) {
   return count > 0;
 }
 
-void ActivityLoop::runPosted() {
+template <typename Meter>
+void ActivityLoop::runPosted(Meter& meter) {
   while (posted_ && !stopped()) {
     const std::unique_ptr<detail::Posted> posted(std::exchange(posted_, posted_->next));
-    posted->run();
+    meter.run(Event::posted, PostedWork(), [&] { posted->run(); });
   }
 }
 
-void ActivityLoop::runEvents() {
+template <typename Meter>
+void ActivityLoop::runEvents(Meter& meter) {
   while (nextEvent_ < eventCount_ && !stopped()) {
     epoll_event& event = events_[static_cast<std::size_t>(nextEvent_)];
     const U32 index = static_cast<U32>(event.data.u64);
@@ -447,16 +609,19 @@ void ActivityLoop::runEvents() {
     // If readableAgain() was called for it, runAgain() counts it, once, behind the events of this pass.
     if (fd && (happened & kReadable) != 0 && fd->notifyOnReadable() && slots_[index].again != Again::wanted) {
       event.events = (happened & kWritable) != 0 ? EPOLLOUT : 0u;
-      fd->readableCountInc(1);
+      meter.run(Event::readable, *fd, [&] { fd->readableCountInc(1); });
       fd = target();
     }
     ++nextEvent_;
-    if (fd && (happened & kWritable) != 0 && fd->notifyOnWritable()) fd->writableCountInc(1);
+    if (fd && (happened & kWritable) != 0 && fd->notifyOnWritable()) {
+      meter.run(Event::writable, *fd, [&] { fd->writableCountInc(1); });
+    }
   }
 }
 
 /// Counts the listed descriptors as readable. Those that join the list meanwhile wait for the next pass.
-void ActivityLoop::runAgain() {
+template <typename Meter>
+void ActivityLoop::runAgain(Meter& meter) {
   while (againEnd_ != kNoSlot && !stopped()) {
     const U32 index = againFirst_;
     Slot& slot = slots_[index];
@@ -467,7 +632,8 @@ void ActivityLoop::runAgain() {
     if (!slot.target) {
       freeSlots_.push_back(index);
     } else if (wanted && slot.target->notifyOnReadable()) {
-      slot.target->readableCountInc(1);
+      FileDescriptor* const fd = slot.target;
+      meter.run(Event::readable, *fd, [&] { fd->readableCountInc(1); });
     }
   }
 }
@@ -495,7 +661,8 @@ void ActivityLoop::collectDue() noexcept {
   }
 }
 
-void ActivityLoop::runClocks() {
+template <typename Meter>
+void ActivityLoop::runClocks(Meter& meter) {
   if (due_.empty()) {
     if (heap_.empty() && fresh_.empty()) return;
     collectDue();
@@ -506,7 +673,7 @@ void ActivityLoop::runClocks() {
     if (!clock) continue;
     clock->place_ = Clock::Place::none;
     clock->timeMin_ = timeInfinite;
-    clock->expiredCountInc(1);
+    meter.run(Event::clock, *clock, [&] { clock->expiredCountInc(1); });
   }
   due_.clear();
   nextDue_ = 0;
@@ -534,9 +701,7 @@ int ActivityLoop::descriptor() {
 
 Time ActivityLoop::now() const noexcept {
   if (simulated_) return simulatedNow_;
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return std::chrono::seconds(time.tv_sec) + Time(time.tv_nsec);
+  return monotonicNow();
 }
 
 void ActivityLoop::simulatedTimeIs(bool on) {
@@ -546,10 +711,55 @@ void ActivityLoop::simulatedTimeIs(bool on) {
   syncEmbedded();  // clocks set in simulated time have no timer yet
 }
 
+namespace {
+
+/// The loops of the process. Never destroyed: threads may outlive the statics.
+class AllLoops {
+ public:
+  void add(ActivityLoop::Handle loop) {
+    const std::lock_guard lock(mutex_);
+    loops_.push_back({{std::move(loop), gettid()}, getpid()});
+  }
+  void remove(S32 thread) noexcept {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(loops_, [&](const Entry& each) { return each.loop.thread == thread; });
+  }
+  std::vector<LoopOfThread> all() {
+    const std::lock_guard lock(mutex_);
+    std::vector<LoopOfThread> result;
+    for (const Entry& each : loops_) {
+      if (each.process == getpid()) result.push_back(each.loop);
+    }
+    return result;
+  }
+
+ private:
+  struct Entry {
+    LoopOfThread loop;
+    pid_t process;  // a child of fork has the entries of its parent, too
+  };
+  std::mutex mutex_;
+  std::vector<Entry> loops_;
+};
+
+AllLoops& allLoops() {
+  static auto* const all = new AllLoops;
+  return *all;
+}
+
+}  // namespace
+
+std::vector<LoopOfThread> activityLoops() {
+  return allLoops().all();
+}
+
 /// Holds the thread's loop. Objects registered with the loop hold it, too.
 struct ThreadLoop {
-  ThreadLoop() : loop(new ActivityLoop) {}
-  ~ThreadLoop() { loop->end(); }
+  ThreadLoop() : loop(new ActivityLoop) { allLoops().add(loop->handle()); }
+  ~ThreadLoop() {
+    allLoops().remove(gettid());
+    loop->end();
+  }
   const Ptr<ActivityLoop> loop;
 };
 

@@ -18,6 +18,7 @@ namespace Kiv {
 
 class Clock;
 class FileDescriptor;
+struct LoopStatistics;
 
 namespace detail {
 
@@ -70,6 +71,8 @@ class KIV_API Mailbox {
   std::atomic<bool> asleep_{false};
   std::atomic<Posted*> latest_{nullptr};  // linked to the oldest, or `ended()`
 };
+
+class LoopMeter;
 
 }  // namespace detail
 
@@ -165,6 +168,14 @@ class KIV_API ActivityLoop final : public PtrInterface {
   bool simulatedTime() const noexcept { return simulated_; }
   void simulatedTimeIs(bool on);
 
+  /// Whether the loop measures itself: events, time in reactors, the slowest of them. Off by default, and then
+  /// without cost but for one branch a pass; on, an event costs a look at the clock. Switching it on starts from
+  /// zero, with the next pass. May throw bad_alloc when it is switched on for the first time.
+  bool measured() const noexcept { return measured_; }
+  void measuredIs(bool on);
+  /// What was measured so far; include `Kiv/Statistics.h`. All zero if nothing ever was.
+  LoopStatistics statistics() const;
+
  private:
   friend class Clock;
   friend class FileDescriptor;
@@ -230,10 +241,16 @@ class KIV_API ActivityLoop final : public PtrInterface {
   void pass(Time limit);
   void wait(Time limit);
   bool take(int timeout);
-  void runPosted();
-  void runEvents();
-  void runAgain();
-  void runClocks();
+  template <typename Meter>
+  void runAll(Meter& meter);
+  template <typename Meter>
+  void runPosted(Meter& meter);
+  template <typename Meter>
+  void runEvents(Meter& meter);
+  template <typename Meter>
+  void runAgain(Meter& meter);
+  template <typename Meter>
+  void runClocks(Meter& meter);
   /// Whether an exception or `stop()` cut the previous pass short.
   bool leftOver() const noexcept {
     return posted_ || nextEvent_ < eventCount_ || againEnd_ != kNoSlot || !due_.empty();
@@ -273,6 +290,9 @@ class KIV_API ActivityLoop final : public PtrInterface {
   bool simulated_ = false;
   Time simulatedNow_{};
   int passesHeldUp_ = 0;  // in simulated time, by descriptors that were ready
+
+  bool measured_ = false;
+  std::unique_ptr<detail::LoopMeter> meter_;  // made when it is first needed
 };
 
 /// The loop of the calling thread, made when it is first asked for.

@@ -10,6 +10,10 @@ namespace Kiv {
 
 AttrVisitor::~AttrVisitor() = default;
 
+void AttrVisitor::counter(std::string_view name, std::string_view type, U64 value) {
+  attr(name, type, std::to_string(value));
+}
+
 Entity::~Entity() = default;
 
 void Entity::visitAttrs(AttrVisitor& visitor) const {

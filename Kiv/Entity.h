@@ -119,6 +119,8 @@ class KIV_API AttrVisitor {
  public:
   virtual ~AttrVisitor();
   virtual void attr(std::string_view name, std::string_view type, const String& value) = 0;
+  /// The same for attributes that only count, declared by `KIV_ATTR_COUNTER...`. Here: `attr`.
+  virtual void counter(std::string_view name, std::string_view type, U64 value);
 };
 
 /// A value as people read it: flags as true and false, octets as numbers, times in nanoseconds, pointers as
@@ -356,7 +358,28 @@ String textOf(const T& value) {
     return kivValue;                                                  \
   }
 
+/// Shows a counter that the member function `name()` returns.
+#define KIV_ATTR_COUNTER_DERIVED(Type, name)                                                         \
+  void visitAttr(::Kiv::detail::AttrAt<Self, __LINE__>, ::Kiv::AttrVisitor& kivVisitor) const {      \
+    static_assert(__LINE__ - kFirstAttrLine < ::Kiv::detail::kAttrLines, "too far from KIV_ENTITY"); \
+    kivVisitor.counter(#name, #Type, this->name());                                                  \
+  }
+
 /// An unsigned counter that starts at 0.
-#define KIV_ATTR_COUNTER(Type, name) \
-  KIV_ATTR(Type, name, Type{0})      \
+#define KIV_ATTR_COUNTER(Type, name)               \
+  ::Kiv::Attr<Type, Self> name{Type{0}};           \
+  KIV_ATTR_COUNTER_DERIVED(Type, name)             \
+  void name##Is(::Kiv::AttrValue<Type> kivValue) { \
+    this->name.set(kivValue);                      \
+  }                                                \
+  KIV_ATTR_INC(Type, name)
+
+/// The same with a hook, as in `KIV_ATTR_HOOK`.
+#define KIV_ATTR_COUNTER_HOOK(Type, name, hook)                                       \
+  ::Kiv::Attr<Type, Self> name{Type{0}};                                              \
+  KIV_ATTR_COUNTER_DERIVED(Type, name)                                                \
+  void name##Is(::Kiv::AttrValue<Type> kivValue) {                                    \
+    if (this->name.store(kivValue))                                                   \
+      ::Kiv::detail::hookAndNotify(this, this->name.notifiees(), [this] { hook(); }); \
+  }                                                                                   \
   KIV_ATTR_INC(Type, name)

@@ -15,6 +15,7 @@
 #include "Kiv/Reactor.h"
 #include "Kiv/Representation.h"
 #include "Kiv/Signal.h"
+#include "Kiv/Statistics.h"
 #include "Kiv/String.h"
 #include "Kiv/Time.h"
 #include "Kiv/Trace.h"

@@ -14,6 +14,35 @@ namespace Wirl {
 
 using Kiv::S32;
 
+class Pam;
+
+namespace detail {
+
+/// Lists a Pam among those of its thread, for whoever counts what the process does (`Wirl/access/Statistics.h`).
+/// Takes no memory.
+class KIV_API PamListed {
+ public:
+  explicit PamListed(const Pam& pam) noexcept;
+  ~PamListed();
+  PamListed(const PamListed&) = delete;
+  PamListed& operator=(const PamListed&) = delete;
+
+  /// The Pam belongs to the calling thread from now on.
+  void move() noexcept;
+
+ private:
+  friend class PamsOfThread;
+  void insert() noexcept;
+  void remove() noexcept;
+
+  const Pam& pam_;
+  U32 thread_ = 0;
+  PamListed* next_ = nullptr;
+  PamListed** link_ = nullptr;  // where the list points to this one
+};
+
+}  // namespace detail
+
 /// A packet access mechanism: moves packets between a descriptor (or, in process, another Pam) and its
 /// clients.
 ///
@@ -31,22 +60,20 @@ using Kiv::S32;
 /// `rxBudget` bounds how many packets one readable event gives, 0 for no bound. Then the pull gives null, and
 /// the loop offers the rest in its next pass, after other descriptors and clocks that are due.
 ///
-/// A Pam belongs to the thread of its activity loop. Reactors may disable the Pam, change it or drop it at
+/// A Pam belongs to the thread of its activity loop: the one that made it, or that opened it later. Reactors may disable the Pam, change it or drop it at
 /// any point. If a reactor to an `rx...` attribute throws, the exception leaves `rxPkt()` and the next
 /// `rxPkt()` returns the packet.
 class KIV_API Pam : public Kiv::Entity {
  public:
   KIV_ENTITY(Pam, Kiv::Entity)
-  KIV_ATTR_HOOK(U32, readableCount, 0, handleReadableCount)
-  KIV_ATTR_INC(U32, readableCount)
-  KIV_ATTR_HOOK(U32, writableCount, 0, handleWritableCount)
-  KIV_ATTR_INC(U32, writableCount)
+  KIV_ATTR_COUNTER_HOOK(U32, readableCount, handleReadableCount)
+  KIV_ATTR_COUNTER_HOOK(U32, writableCount, handleWritableCount)
   KIV_ATTR_READ(Pkt::Ptr, txPkt)
   KIV_ATTR_COUNTER(U32, txDrops)
   KIV_ATTR_COUNTER(U32, txErrors)
   KIV_ATTR(S32, txErrno, 0)
   KIV_ATTR_COUNTER(U32, rxErrors)
-  KIV_ATTR_DERIVED(U32, rxDrops)
+  KIV_ATTR_COUNTER_DERIVED(U32, rxDrops)
   KIV_ATTR_DERIVED(U32, savedPackets)
   KIV_ATTR(U32, rxBudget, 1024)
 
@@ -171,6 +198,7 @@ class KIV_API Pam : public Kiv::Entity {
 
   mutable Pkt::Ptr rxPktHolder_;
   U32 rxDropsHolder_ = 0;
+  detail::PamListed listed_{*this};
   U32 pulled_ = 0;  // packets that the event `pulledEvent_` (a readableCount) gave
   U32 pulledEvent_ = 0;
   mutable U32 unpulled_ = 0;  // readable events since the last pull

@@ -15,6 +15,7 @@ Kiv::TraceHandle reqResponseTrace("ReqResponsePamFdSm");
 PamFdSm::PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam) : fileDesc_(fd), pam_(pam) {
   // Keep the Pam alive: a reactor to the first count may drop it.
   const auto alive = Kiv::keepAlive(pam_);
+  pam_->listed_.move();  // it now belongs to the thread whose loop watches the descriptor
   pam_->readableCountInc(1);
   pam_->writableCountInc(1);
 }

@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <future>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -406,6 +407,81 @@ TEST(Signal, CountsInTheLoopAndGivesTheHandlerBack) {
     EXPECT_EQ(failureOf([&] { makePtr<Signal>("none", none); }), "sigaction " + std::to_string(EINVAL));
   }
   EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+/// Sources of all kinds keep their own account of their runs; the loop's is never below it, and exact in number.
+TEST(ActivityLoopTest, measuresItsReactors) {
+  using Event = LoopStatistics::Event;
+  std::map<std::pair<std::string, Event>, Time> longest;
+  U64 runs[LoopStatistics::kEvents] = {};
+  std::minstd_rand random(1);
+  const auto work = [&](const std::string& name, Event event) {
+    ++runs[static_cast<unsigned>(event)];
+    const Time start = loop().now();
+    const Time end = start + std::chrono::microseconds(random() % 500);
+    while (loop().now() < end) {
+    }
+    Time& most = longest[{name.substr(0, LoopStatistics::kNameBytes), event}];
+    most = std::max(most, loop().now() - start);
+  };
+  std::vector<std::unique_ptr<SocketPair>> pairs;
+  std::vector<Ptr<Entity>> sources;
+  std::vector<Reactor> reactors;
+  for (unsigned i = 0; i < 6; ++i) {
+    const std::string name = std::string(i * 12, 'n') + std::to_string(i);
+    pairs.push_back(std::make_unique<SocketPair>());
+    pairs.back()->write();
+    auto fd = makePtr<FileDescriptor>(name);
+    fd->notifyOnWritableIs(i % 2 == 0);
+    fd->descriptorIs(pairs.back()->ends[0]);
+    reactors.emplace_back(fd->readableCount, [&work, name] { work(name, Event::readable); });
+    reactors.emplace_back(fd->writableCount, [&work, name] { work(name, Event::writable); });
+    auto clock = makePtr<Clock>(name);
+    reactors.emplace_back(clock->expiredCount, [&, name, at = clock.get()] {
+      work(name, Event::clock);
+      if (random() % 4 == 0) throw RangeException("counts all the same");
+      at->timeMinIs(Time(1));
+    });
+    clock->timeMinIs(Time(1));
+    sources.insert(sources.end(), {fd, clock});
+  }
+  // A source may end in its own reactor.
+  auto gone = makePtr<Clock>("gone");
+  const Reactor last(gone->expiredCount, [&] { gone = nullptr; });
+  gone->timeMinIs(Time(1));
+
+  loop().measuredIs(true);
+  for (int i = 0; i < 20; ++i) {
+    loop().post([&] { work("posted", Event::posted); });
+    try {
+      loop().poll();
+    } catch (const RangeException&) {
+    }
+  }
+  const LoopStatistics measured = loop().statistics();
+  reactors.clear();
+  const AllocationCounter counter;
+  loop().poll();
+  EXPECT_EQ(counter.allocations(), 0u);
+  loop().measuredIs(false);
+  loop().poll();
+  EXPECT_EQ(loop().statistics().passes, 21u);
+
+  EXPECT_EQ(measured.passes, 20u);
+  ++runs[static_cast<unsigned>(Event::clock)];  // of the one that is gone
+  EXPECT_EQ(std::vector(std::begin(measured.events), std::end(measured.events)),
+            std::vector(std::begin(runs), std::end(runs)));
+  ASSERT_EQ(measured.slowest.size(), LoopStatistics::kSlowest);
+  Time shorter = measured.inReactors;
+  for (const LoopStatistics::Slow& slow : measured.slowest) {
+    EXPECT_LE(slow.longest, shorter);
+    shorter = slow.longest;
+    const auto own = longest.extract({slow.name, slow.event});
+    ASSERT_FALSE(own.empty()) << slow.name << ' ' << eventName(slow.event);
+    EXPECT_GE(slow.longest, own.mapped());
+  }
+  for (const auto& [source, most] : longest) EXPECT_LE(most, shorter) << source.first;
+  EXPECT_LE(measured.inReactors, measured.measured);
 }
 
 }  // namespace
