@@ -87,7 +87,8 @@ KIV_API PktCode checkNa(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6NaHdr*& naHdr)
 
 /// Multicast listener discovery (RFC 2710, RFC 3810): what `checkIcmp6` checks, then hop limit 1
 /// (`badMldHopLimit`), a link-local source, or none in reports (`mldSrcNotLinkLocal`), the length with all
-/// sources and records that are counted (`badMldLen`). Other types of ICMPv6: `icmp6TypeNotSupported`.
+/// sources and records that are counted (`badMldLen`); of a packet also the router alert in front of the
+/// message (`noMldRouterAlert`). Other types of ICMPv6: `icmp6TypeNotSupported`.
 KIV_API PktCode checkMld(const Pkt::Ptr& pkt, Ip6Hdr* ip6Hdr, Icmp6Hdr*& icmp6Hdr);
 KIV_API PktCode checkMld(const Ip6Hdr& ip6Hdr, std::span<const U8> message);
 

@@ -187,6 +187,12 @@ TEST(Reassembly, MemoryAndTimeAreBounded) {
   limits.maxHoles = 2;
   limits.timeout = 30s;
   PktReassembler reassembler(limits);
+  std::vector<std::pair<std::size_t, U32>> late;
+  reassembler.onTimeoutIs(
+      [](void* all, std::span<const U8> octets, U32 ipOffset) {
+        static_cast<std::vector<std::pair<std::size_t, U32>>*>(all)->emplace_back(octets.size(), ipOffset);
+      },
+      &late);
   EXPECT_EQ(reassembler.timeMin(), Kiv::timeInfinite);
   for (U16 id = 0; id < 10; ++id) reassembler.rxPkt(piece(0, 8, true, 'a', 0, id), 0, 1s * id);
   EXPECT_EQ(reassembler.datagrams(), 4u);
@@ -195,6 +201,7 @@ TEST(Reassembly, MemoryAndTimeAreBounded) {
   reassembler.timeIs(37s);
   EXPECT_EQ(reassembler.counters().counted(reassemblyTimeout), 2u);
   EXPECT_EQ(reassembler.datagrams(), 2u);
+  EXPECT_EQ(late, (decltype(late)(2, {sizeof(IpHdr) + 8, 0})));
   // The far end of a datagram takes a large buffer: two of these are too many.
   for (U16 id = 20; id < 24; ++id) {
     reassembler.rxPkt(piece(65000, 65008, true, 'a', 0, id), 0, 40s);
@@ -204,6 +211,8 @@ TEST(Reassembly, MemoryAndTimeAreBounded) {
   for (const U32 begin : {16u, 32u, 48u})
     reassembler.rxPkt(piece(begin, begin + 8, true, 'a', 0, 99), 0, 40s);
   EXPECT_EQ(reassembler.code(), reassemblyLimit);
+  reassembler.timeIs(100s);
+  EXPECT_EQ(late.size(), 4u);  // not of the datagram whose first fragment has not come
 }
 
 TEST(Reassembly, BadFragmentsAreTold) {
@@ -216,6 +225,14 @@ TEST(Reassembly, BadFragmentsAreTold) {
   EXPECT_EQ(told({piece(8, 8, false, 'a')}), badFragmentLen);
   EXPECT_EQ(told({piece(65528, 65544, false, 'a')}), fragmentTooLong);
   EXPECT_EQ(told({piece(0, 8, true, 'a', 0), piece(8, 16, false, 'a', 3)}), badFragmentEcn);
+  for (const U32 bytes : {8u, 24u}) {  // of TCP: less than a header, and more
+    const auto pkt = globalPktManager()->newPkt();
+    pkt->stringValueIs(std::string(bytes, '\x50'));
+    PktBuilder builder(pkt);
+    builder.ip6Fragment(7, 0, true).ip6(kSrc6, kDst6).finish();
+    pkt->front()[sizeof(Ip6Hdr)] = ipProtoTcp;
+    EXPECT_EQ(told({pkt}), bytes < 20 ? badFragmentChain : ipFragment);
+  }
   const auto congested = [] {
     PktReassembler reassembler;
     reassembler.rxPkt(piece(8, 9, false, 'a', 3), 0, 0s);
