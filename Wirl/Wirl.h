@@ -22,6 +22,7 @@
 #include "Wirl/access/RawTxPam.h"
 #include "Wirl/access/ReqResponseRawTxPam.h"
 #include "Wirl/access/SocketPam.h"
+#include "Wirl/access/Statistics.h"
 #include "Wirl/access/TapPam.h"
 #include "Wirl/access/deferClose.h"
 #include "Wirl/access/socketAt.h"
