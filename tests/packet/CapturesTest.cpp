@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Checks and filters agree with what tcpdump says of frames: data/verdicts.txt, which record.py makes.
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,34 +18,11 @@ namespace {
 
 using namespace Wirl;
 
-std::vector<std::string> framesOf(const std::string& capture) {
-  std::vector<std::string> all;
-#ifdef WIRL_CAPTURES
-  char error[PCAP_ERRBUF_SIZE] = "";
-  const std::unique_ptr<pcap_t, decltype(&pcap_close)> file(
-      pcap_open_offline((WIRL_CAPTURES "/" + capture).c_str(), error), pcap_close);
-  EXPECT_TRUE(file) << error;
-  pcap_pkthdr* header = nullptr;
-  const u_char* bytes = nullptr;
-  while (file && pcap_next_ex(file.get(), &header, &bytes) == 1) {
-    all.emplace_back(reinterpret_cast<const char*>(bytes), header->caplen);
-  }
-#else
-  static_cast<void>(capture);
-#endif
-  return all;
-}
-
 /// The frame that a row stands for: "offset^bits" or "/bytes left" of a base.
 std::string changed(std::string base, const std::string& how) {
-  std::istringstream in(how);
-  std::size_t at = 0;
-  int bits = 0;
-  if (in.peek() == '/') return base.substr(0, std::stoul(how.substr(1)));
-  in >> at;
-  in.ignore();
-  in >> bits;
-  base[at] = static_cast<char>(base[at] ^ bits);
+  if (how[0] == '/') return base.substr(0, std::stoul(how.substr(1)));
+  char& octet = base[std::stoul(how)];
+  octet = static_cast<char>(octet ^ std::stoi(how.substr(how.find('^') + 1)));
   return base;
 }
 
@@ -82,7 +57,10 @@ TEST(Captures, ChecksAndFiltersAgreeWithTcpdump) {
       EXPECT_EQ(filters.back()->bpfFilterStringUntrustedIs(line.substr(7)), std::nullopt);
     } else if (what == "base" || what == "capture") {
       in >> from >> base;
-      captured = what == "capture" ? framesOf(from) : std::vector<std::string>();
+      captured.clear();
+#ifdef WIRL_CAPTURES
+      if (what == "capture") captured = frames::ofCapture(WIRL_CAPTURES "/" + from);
+#endif
       base = what == "base" ? frames::octets(base) : "";
     } else {
       in >> verdict >> passes;

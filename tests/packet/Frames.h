@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <initializer_list>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Wirl/packet/Pkt.h"
 
@@ -25,6 +27,22 @@ inline std::string octets(std::string_view hex) {
     }
   }
   return all;
+}
+
+/// The frames of a capture file (pcap, in either byte order); none where there is no file.
+inline std::vector<std::string> ofCapture(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string all{std::istreambuf_iterator<char>(file), {}};
+  std::vector<std::string> found;
+  for (std::size_t at = 24; at + 16 <= all.size();) {
+    std::size_t bytes = 0;
+    for (const std::size_t i : {0u, 1u, 2u, 3u}) {
+      bytes = bytes << 8 | static_cast<unsigned char>(all[at + 8 + (all[0] == '\xa1' ? i : 3 - i)]);
+    }
+    found.push_back(all.substr(at + 16, bytes));
+    at += 16 + bytes;
+  }
+  return found;
 }
 
 inline const std::string kMacs = octets("0a:00:00:00:00:01 0a:00:00:00:00:02");

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include "Wirl/packet/EthType.h"
 #include "tests/packet/Frames.h"
 #include "tests/packet/PktHeaders.h"
+#include "tests/support/Failure.h"
 
 namespace {
 
@@ -60,14 +60,7 @@ TEST(Headers, FieldsLieWhereTheStandardsHaveThem) {
   EXPECT_EQ(types.size(), hdr::headers().size());
 }
 
-TEST(EthernetHeaders, LlcAndSnapAreToldByTheirValues) {
-  EthHdr eth;
-  Eth8021QHdr tag;
-  for (const U16 length : {U16{0}, U16{1535}, U16{1536}}) {
-    eth.typeOrLenIs(length);
-    tag.typeOrLenIs(length);
-    EXPECT_TRUE(eth.llcType() == (length < 1536) && tag.llcType() == (length < 1536)) << length;
-  }
+TEST(EthernetHeaders, SnapIsToldByItsValues) {
   for (U32 bits = 0; bits < 8; ++bits) {
     Eth8022LlcHdr llc;
     llc.dsapIs(bits & 1 ? 0xaa : 0xab);
@@ -84,6 +77,7 @@ TEST(EthernetHeaders, WrappersKnowTheirOwnTypesOnly) {
   for (U32 type = 0; type <= 0xffff; ++type) {
     eth->header()->typeOrLenIs(static_cast<U16>(type));
     tag->header()->typeOrLenIs(static_cast<U16>(type));
+    EXPECT_TRUE(eth->header()->llcType() == (type < 1536) && tag->header()->llcType() == (type < 1536));
     if (eth->ethType() != tag->ethType()) known += "eth only ";
     if (eth->ethType() == ethTypeUnknown) {
       EXPECT_EQ(tag->ethType(), ethTypeUnknown);
@@ -121,11 +115,11 @@ TEST(HeadersDeathTest, AHeaderLiesWholeInTheFirstPiece) {
   for (const auto& header : hdr::headers()) {
     if (!header.bind) continue;
     const std::string condition =
-        "assertion failed: ( offset_ + sizeof( " + std::string(header.type) + " ) ) <= pkt_->frontBytes()\n";
+        "\\( offset_ \\+ sizeof\\( " + std::string(header.type) + " \\) \\) <= pkt_->frontBytes\\(\\)\n";
     const Pkt::Ptr fits = pktOf(Octets(header.table.bytes + 1));
     EXPECT_EQ(header.bind(fits, 1), fits->front() + 1);
-    EXPECT_DEATH(header.bind(fits, 2), testing::HasSubstr(condition));
-    EXPECT_DEATH(header.bind(fits, 0u - header.table.bytes), testing::HasSubstr(condition)) << "wraps";
+    EXPECT_DEATH(header.bind(fits, 2), condition);
+    EXPECT_DEATH(header.bind(fits, 0u - header.table.bytes), condition) << "wraps";
   }
   const Pkt::Ptr inTwo = pktOf(Octets(20));
   inTwo->newPrivateHeadData(13);
@@ -133,41 +127,38 @@ TEST(HeadersDeathTest, AHeaderLiesWholeInTheFirstPiece) {
 }
 
 TEST(Headers, TellTheirLengths) {
-  const struct {
-    U8 words;
-    U16 total, header, payload;
-  } rows[] = {{5, 20, 20, 0}, {5, 19, 20, 0}, {6, 24, 24, 0}, {15, 65535, 60, 65475}, {0, 100, 0, 100}};
-  for (const auto& row : rows) {
+  for (const auto& [words, total, payload] :
+       {std::tuple(5, 20, 0), {5, 19, 0}, {15, 65535, 65475}, {0, 100, 100}}) {
     IpHdr ip;
-    ip.headerLenIs(row.words);
-    ip.totalLenIs(row.total);
-    EXPECT_EQ(ip.headerBytes(), row.header);
-    EXPECT_EQ(ip.payloadLen(), row.payload);
-    EXPECT_EQ(ip.hasOptions(), row.words > 5);
+    ip.headerLenIs(static_cast<U8>(words));
+    ip.totalLenIs(static_cast<U16>(total));
+    EXPECT_TRUE(ip.headerBytes() == 4 * words && ip.hasOptions() == (words > 5) &&
+                ip.payloadLen() == payload);
     UdpHdr udp;
-    udp.lenIs(row.words);
-    EXPECT_EQ(udp.payloadLen(), row.words < 8 ? 0 : row.words - 8);
+    udp.lenIs(static_cast<U16>(words));
+    EXPECT_EQ(udp.payloadLen(), words < 8 ? 0 : words - 8);
     AhHdr ah;
-    ah.payloadLenIs(row.words);
-    EXPECT_EQ(ah.headerBytes(), 8 + 4 * row.words);
+    ah.payloadLenIs(static_cast<U8>(words));
+    EXPECT_EQ(ah.headerBytes(), 8 + 4 * words);
   }
   EXPECT_DEATH(IpHdr().headerBytesIs(22), "assertion failed: \\(b % 4\\) == 0\n");
 }
 
-TEST(IpHeaders, EachKnowsItsOwnProtocols) {
-  std::string ip4, ip6;
+template <typename Ip>
+std::string knownProtocols() {
+  std::string known;
   for (U32 octet = 0; octet < 256; ++octet) {
-    IpHdr four;
-    Ip6Hdr six;
-    four.protocolIs(static_cast<U8>(octet));
-    six.protocolIs(static_cast<U8>(octet));
-    if (four.protocolNum() == octet) ip4 += std::to_string(octet) + " ";
-    if (six.protocolNum() == octet) ip6 += std::to_string(octet) + " ";
-    EXPECT_TRUE(four.protocolNum() == octet || four.protocolNum() == ipProtoUnknown);
-    EXPECT_TRUE(six.protocolNum() == octet || six.protocolNum() == ipProtoUnknown);
+    Ip ip;
+    ip.protocolIs(static_cast<U8>(octet));
+    EXPECT_TRUE(ip.protocolNum() == octet || ip.protocolNum() == ipProtoUnknown);
+    if (ip.protocolNum() == octet) known += std::to_string(octet) + " ";
   }
-  EXPECT_EQ(ip4, "1 2 6 17 46 47 51 89 94 103 112 115 124 132 253 255 ");
-  EXPECT_EQ(ip6, "0 1 2 6 17 43 44 58 59 60 89 103 112 253 255 ");
+  return known;
+}
+
+TEST(IpHeaders, EachKnowsItsOwnProtocols) {
+  EXPECT_EQ(knownProtocols<IpHdr>(), "1 2 6 17 46 47 51 89 94 103 112 115 124 132 253 255 ");
+  EXPECT_EQ(knownProtocols<Ip6Hdr>(), "0 1 2 6 17 43 44 58 59 60 89 103 112 253 255 ");
 }
 
 TEST(IpHeaders, PrintTheirFields) {
@@ -197,44 +188,29 @@ TEST(IpHeaders, PrintTheirFields) {
       "IPv6 version 6 trafficClass 171 flowLabel 843505 payloadLen 0 nextHeader 0 hopLimit 1 src :: dst ::");
 }
 
-/// Text, what it reads as (printed again), or why not.
+/// A text is refused with this message, and the value stays; without one it is the value's own.
 template <typename T>
-void testTexts(const std::vector<std::pair<std::string, std::string>>& rows) {
-  for (const auto& [text, outcome] : rows) {
-    T value;
-    try {
-      value.stringValueIs(text);
-      std::ostringstream out;
-      out << value;
-      EXPECT_EQ(out.str(), outcome) << text;
-      EXPECT_EQ(value.stringValue(), outcome);
-    } catch (const Kiv::RangeException& failure) {
-      EXPECT_EQ(failure.message(), outcome) << text;
-      EXPECT_EQ(value, T());
-    }
-  }
+void expectText(const std::string& text, const std::string& refusal = "") {
+  T value;
+  EXPECT_EQ(failureOf([&] { value.stringValueIs(text); }), refusal) << text;
+  EXPECT_EQ(value.stringValue(), refusal.empty() ? text : std::string(T().stringValue()));
+  EXPECT_EQ(testing::PrintToString(value), std::string(value.stringValue()));
 }
 
 TEST(HeaderValues, ReadTheirTextsAndRefuseWhatDoesNotFit) {
-  testTexts<IpVersion>({{"0015", "15"},
-                        {"16", "IpVersion::value is larger than its field"},
-                        {"4 ", "Invalid IpVersion"},
-                        {std::string(40, '9'), "IpVersion::value is larger than its field"}});
-  testTexts<IpFlowLabel>(
-      {{"1048575", "1048575"}, {"1048576", "IpFlowLabel::value is larger than its field"}});
-  testTexts<Eth8022LlcSap>({{"170", "170"}, {"256", "Eth8022LlcSap::value is larger than its field"}});
+  expectText<IpVersion>("15");
+  for (const char* text : {"16", "99999999999999999999999999"}) {
+    expectText<IpVersion>(text, "IpVersion::value is larger than its field");
+  }
+  expectText<IpVersion>("4 ", "Invalid IpVersion");
   const std::string tag = "Value('Wirl::Eth8021QTagControl', ** {'v0': 177, 'v1': 35})";
-  testTexts<Eth8021QTagControl>({{tag, tag}, {tag + " ", "Invalid Eth8021QTagControl"}});
-  const std::string fragments =
+  expectText<Eth8021QTagControl>(tag);
+  expectText<Eth8021QTagControl>(tag + " ", "Invalid Eth8021QTagControl");
+  expectText<IpFragmentOffsetAndFlags>(
       "Value('Wirl::IpFragmentOffsetAndFlags', ** {'flags': Value('Wirl::IpFlags', ** {'reservedFragFlag': "
-      "False, 'dontFrag': True, 'moreFrag': False}), 'fragmentOffset': 4660})";
-  testTexts<IpFragmentOffsetAndFlags>({{fragments, fragments}});
-  const std::string length = "Value('Wirl::IpVersionAndHeaderLen', ** {'version': 4, 'headerLen': 5})";
-  testTexts<IpVersionAndHeaderLen>({{length, length}});
-  const std::string first =
-      "Value('Wirl::IpVersionTrafficClassAndFlowLabel', ** {'version': 6, 'trafficClass': 171, 'flowLabel': "
-      "843505})";
-  testTexts<IpVersionTrafficClassAndFlowLabel>({{first, first}});
+      "False, 'dontFrag': True, 'moreFrag': False}), 'fragmentOffset': 4660})");
+  expectText<IpVersionAndHeaderLen>(
+      "Value('Wirl::IpVersionAndHeaderLen', ** {'version': 4, 'headerLen': 5})");
   const Eth8021QTagControl control(0xb123);
   EXPECT_TRUE(control == Eth8021QTagControl(5, true, 0x123) && control < Eth8021QTagControl(0xb124) &&
               control.hash() == Kiv::hashMix(0xb123));

@@ -8,7 +8,8 @@
 #include <sstream>
 #include <vector>
 
-#include "Wirl/packet/Pkt.h"
+#include "Wirl/packet/VlanOffload.h"
+#include "tests/support/AllocationCounter.h"
 
 // Packets against what they mean: bytes in vectors, shared where packets share. Every packet is compared
 // whole after every step, so that a step that touches another packet shows.
@@ -95,6 +96,91 @@ class PktModel : public testing::TestWithParam<U32> {
     return made;
   }
 
+  void poke(Pair& on, U32 i, U8 octet) {
+    const U32 heads = static_cast<U32>(on.model.head.size());
+    on.pkt->rawByteIs(i, octet);
+    (i < heads ? on.model.head[i] : *on.model.buffer->at(on.model.offset + i - heads)) = octet;
+  }
+
+  static std::vector<U8> range(const Pkt& pkt) {
+    return {pkt.offsetFront(), pkt.offsetFront() + pkt.offsetBytes()};
+  }
+
+  /// A VLAN tag leaves the frame, or comes back. Nobody else sees it, and the offset range follows its bytes;
+  /// where they lie afterwards is up to the packet.
+  void moveTag(Pair& on, bool out) {
+    Pkt& pkt = *on.pkt;
+    Model& model = on.model;
+    const U16 types[] = {0x8100, 0x88a8, 0x9100, 0x9200};
+    const U16 type = types[upTo(3)];
+    std::vector<U8> frame = model.value();
+    const auto size = static_cast<long>(frame.size()), inPrivate = static_cast<long>(model.head.size());
+    if (out && size >= 14) poke(on, 12, static_cast<U8>(type >> 8)), poke(on, 13, static_cast<U8>(type));
+    frame = model.value();
+    const bool moves = out ? size >= 18 && type != 0x9200 && !model.tagged
+                           : size >= 12 && model.tagged && (model.buffer || inPrivate <= 60);
+    const auto buffer = model.buffer;
+    const bool shared = buffer && buffer.use_count() > 2;  // one is ours
+    if (out && moves && shared && inPrivate < 16 && GetParam() == 0 && AllocationRefusal::works) {
+      const auto without = [&] {
+        const AllocationRefusal refusal(1, 1000);
+        maybeOffloadAnyVlanTag(on.pkt);
+      };
+      EXPECT_THROW(without(), std::bad_alloc);
+      EXPECT_EQ(pkt.bytesValue(), frame);
+    }
+    // A range of bytes that are all there, and not only in front of private ones.
+    const int begin = model.begin, end = model.end;
+    const bool whole = begin == 0 && end == 0;
+    const bool follows = moves && !whole && buffer && model.offset == buffer->offset &&
+                         model.bytes == buffer->bytes && begin >= -static_cast<int>(buffer->offset) &&
+                         std::max(begin, 0) + end <= static_cast<int>(buffer->bytes) &&
+                         (begin >= 0 || inPrivate == 0);
+    std::vector<U8> ranged = follows ? range(pkt) : std::vector<U8>();
+    const auto inRange = [&, bytes = static_cast<long>(ranged.size())](long at) {
+      return ranged.begin() + std::clamp(at - inPrivate - begin, 0l, bytes);
+    };
+    if (moves && out) {
+      model.tpid = static_cast<U16>(frame[12] << 8 | frame[13]);
+      model.tci = static_cast<U16>(frame[14] << 8 | frame[15]);
+      frame.erase(frame.begin() + 12, frame.begin() + 16);
+      ranged.erase(inRange(12), inRange(16));
+    } else if (moves) {
+      const U8 tag[] = {static_cast<U8>(model.tpid >> 8), static_cast<U8>(model.tpid),
+                        static_cast<U8>(model.tci >> 8), static_cast<U8>(model.tci)};
+      frame.insert(frame.begin() + 12, tag, tag + 4);
+      if (inRange(12) != ranged.begin() && inRange(12) != ranged.end())
+        ranged.insert(inRange(12), tag, tag + 4);
+      model.tci = model.tpid = 0;
+    }
+    if (moves) model.tagged = out;
+    const auto* const before = pkt.sharedBuffer().get();
+    ASSERT_EQ(out ? maybeOffloadAnyVlanTag(on.pkt) : maybeRestoreVlanTag(on.pkt), moves);
+    ASSERT_EQ(pkt.bytesValue(), frame);
+    const auto* const after = pkt.sharedBuffer().get();
+    if (after && (after != before || !shared)) {
+      if (after != before) model.buffer = std::make_shared<Buffer>(pkt.maxSharedData());
+      model.buffer->memory.assign(after->buffer(), after->buffer() + pkt.maxSharedData());
+      model.buffer->offset = after->headroom();
+      model.buffer->bytes = pkt.maxSharedData() - after->headroom() - after->tailroom();
+    }
+    if (after) {
+      model.offset = static_cast<U32>(static_cast<const U8*>(pkt.iovec(1).iov_base) - after->buffer());
+      model.bytes = static_cast<U32>(pkt.iovec(1).iov_len);
+    }
+    model.first = 2 - pkt.numIovecs();
+    model.head.assign(frame.begin(), frame.end() - model.bytes);
+    model.begin = pkt.beginOffset();
+    model.end = pkt.endOffset();
+    ASSERT_TRUE(!whole || (model.begin == 0 && model.end == 0));
+    if (!follows) return;
+    // What a private area takes, or has no headroom, leaves the range at its front.
+    const auto now = range(pkt);
+    ASSERT_LE(now.size(), ranged.size());
+    ASSERT_TRUE(now == ranged || (!out && (inPrivate > 0 || begin < 0)));
+    ASSERT_TRUE(std::equal(now.rbegin(), now.rend(), ranged.rbegin()));
+  }
+
   /// Two neighbours, to see that what one of them becomes does not touch the other.
   void makeSlices(Pair& first, Pair& second) {
     const auto whole = globalPktManager()->newSharedBuffer(200);
@@ -117,7 +203,7 @@ class PktModel : public testing::TestWithParam<U32> {
     Pkt& pkt = *on.pkt;
     Model& model = on.model;
     Buffer* const buffer = model.buffer.get();
-    const U32 op = upTo(15);
+    const U32 op = upTo(17);
     log_ << " " << op;
     if (op == 0) {
       on = make();
@@ -165,10 +251,9 @@ class PktModel : public testing::TestWithParam<U32> {
     } else if (op == 7) {
       const U32 bytes = static_cast<U32>(model.value().size());
       if (bytes == 0) return;
-      const U32 i = upTo(bytes - 1);
-      const U32 heads = static_cast<U32>(model.head.size());
-      pkt.rawByteIs(i, pattern_);
-      (i < heads ? model.head[i] : buffer->memory[model.offset + i - heads]) = pattern_++;
+      poke(on, upTo(bytes - 1), pattern_++);
+    } else if (op > 15) {
+      moveTag(on, op == 16);
     } else if (!buffer) {
       if (model.first != 2) return;
       const U32 size = upTo(100);

@@ -56,9 +56,9 @@ TEST(PktLog, RemembersTheLatestKindsAsAModelDoes) {
     auto at = model.begin();
     log.forEach([&](const PktLog::Entry& entry) {
       ASSERT_NE(at, model.end());
-      EXPECT_EQ(std::to_string(entry.bytes), at->key.substr(2));
-      EXPECT_TRUE(entry.code == at->code && entry.count == at->count);
-      EXPECT_TRUE(entry.first == at->first && entry.last == at->last);
+      ASSERT_EQ(std::to_string(entry.bytes), at->key.substr(2));
+      ASSERT_EQ(std::tuple(entry.code, entry.count, entry.first, entry.last),
+                std::tuple(at->code, at->count, at->first, at->last));
       ++at;
     });
     ASSERT_EQ(at, model.end());
@@ -86,8 +86,8 @@ TEST(PktLog, PrintsALineAKindAndAllocatesNothingToCount) {
   std::ostringstream out;
   out << log;
   EXPECT_EQ(log.packets(), 9u);
-  EXPECT_TRUE(out.str().starts_with("       9       1.500000      2.000000  badUdpLen 51 bytes: "))
-      << out.str();
+  const std::string line = "       9       1.500000      2.000000  badUdpLen 51 bytes: ";
+  EXPECT_EQ(out.str().substr(0, line.size()), line);
   EXPECT_NE(out.str().find("192.0.2.1.1 > 192.0.2.2.2"), std::string::npos) << out.str();
 }
 

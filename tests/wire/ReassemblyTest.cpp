@@ -21,15 +21,7 @@ constexpr U32 kEthBytes = sizeof(EthHdr);
 const IpAddr kSrc(192, 0, 2, 1), kDst(192, 0, 2, 2);
 const Ip6Addr kSrc6("2001:db8::1"), kDst6("2001:db8::2");
 
-/// Numbers of 32 bits.
-class Random {
- public:
-  explicit Random(U32 seed) : engine_(seed) {}
-  U32 operator()() { return static_cast<U32>(engine_()); }
-
- private:
-  std::mt19937 engine_;
-};
+using Random = std::independent_bits_engine<std::mt19937, 32, U32>;
 
 /// A frame with a UDP datagram of random data, over IPv4 with options or over IPv6 with extension headers, or
 /// without.
@@ -147,12 +139,10 @@ TEST(Reassembly, OverlapsAreRefusedAsAModelOfUnitsHasIt) {
       const char value = random() % 6 == 0 ? 'b' : 'a';
       if (begin == 0 && !more) continue;  // no fragment
       const auto whole = reassembler.rxPkt(piece(begin * 8, end * 8, more, value), 0, 0s);
-      bool same = true, fresh = true;
-      for (U32 unit = begin; unit < end; ++unit) {
-        const auto found = units.find(unit);
-        if (found != units.end()) fresh = false;
-        if (found == units.end() || found->second != value) same = false;
-      }
+      const auto first = units.lower_bound(begin), last = units.lower_bound(end);
+      const bool fresh = first == last;
+      const bool same = std::distance(first, last) == end - begin &&
+                        std::all_of(first, last, [&](const auto& unit) { return unit.second == value; });
       const U32 high = units.empty() ? 0 : units.rbegin()->first + 1;
       const bool agrees = more ? total == 0 || end < total : total != 0 ? end == total : end > high;
       if (refused) {
@@ -216,9 +206,10 @@ TEST(Reassembly, MemoryAndTimeAreBounded) {
 }
 
 TEST(Reassembly, BadFragmentsAreTold) {
-  const auto told = [](std::initializer_list<Pkt::Ptr> pieces) {
+  Pkt::Ptr whole;
+  const auto told = [&](std::initializer_list<Pkt::Ptr> pieces) {
     PktReassembler reassembler;
-    for (const auto& pkt : pieces) reassembler.rxPkt(pkt, 0, 0s);
+    for (const auto& pkt : pieces) whole = reassembler.rxPkt(pkt, 0, 0s);
     return reassembler.code();
   };
   EXPECT_EQ(told({piece(0, 12, true, 'a')}), badFragmentLen);
@@ -233,30 +224,26 @@ TEST(Reassembly, BadFragmentsAreTold) {
     pkt->front()[sizeof(Ip6Hdr)] = ipProtoTcp;
     EXPECT_EQ(told({pkt}), bytes < 20 ? badFragmentChain : ipFragment);
   }
-  const auto congested = [] {
-    PktReassembler reassembler;
-    reassembler.rxPkt(piece(8, 9, false, 'a', 3), 0, 0s);
-    return reassembler.rxPkt(piece(0, 8, true, 'a', 2), 0, 0s);
-  }();
-  ASSERT_TRUE(congested);
-  EXPECT_EQ(reinterpret_cast<const IpHdr*>(congested->front())->ecn(), 3);
-  EXPECT_EQ(reinterpret_cast<const IpHdr*>(congested->front())->computedChecksumU16(), 0);
+  EXPECT_EQ(told({piece(8, 9, false, 'a', 3), piece(0, 8, true, 'a', 2)}), noError);
+  const auto* const ipHdr = reinterpret_cast<const IpHdr*>(whole->front());
+  EXPECT_TRUE(ipHdr->ecn() == 3 && ipHdr->computedChecksumU16() == 0);
 }
 
 // RFC 6946: it is a datagram of its own, whatever else of the same identification is under way.
 TEST(Reassembly, AnAtomicFragmentIsADatagram) {
-  const auto build = [](bool atomic) {
-    const auto pkt = globalPktManager()->newPkt();
-    pkt->stringValueIs("hello");
-    PktBuilder builder(pkt);
+  Pkt::Ptr pkts[2];
+  for (const bool atomic : {false, true}) {
+    pkts[atomic] = globalPktManager()->newPkt();
+    pkts[atomic]->stringValueIs("hello");
+    PktBuilder builder(pkts[atomic]);
     builder.udp(1, 2);
     if (atomic) builder.ip6Fragment(7);
-    return builder.ip6(kSrc6, kDst6).finish();
-  };
+    builder.ip6(kSrc6, kDst6).finish();
+  }
   PktReassembler reassembler;
-  const auto whole = reassembler.rxPkt(build(true), 0, 0s);
+  const auto whole = reassembler.rxPkt(pkts[true], 0, 0s);
   ASSERT_TRUE(whole);
-  EXPECT_EQ(whole->stringValue(), build(false)->stringValue());
+  EXPECT_EQ(whole->stringValue(), pkts[false]->stringValue());
   EXPECT_EQ(reassembler.datagrams(), 0u);
 }
 

@@ -5,14 +5,12 @@
 
 #include <functional>
 #include <map>
-#include <random>
-#include <set>
 #include <sstream>
+#include <vector>
 
 #include "Wirl/wire/PktBuilder.h"
 #include "tests/packet/Frames.h"
 #include "tests/support/TraceCapture.h"
-#include "tests/wire/Guarded.h"
 
 namespace {
 
@@ -75,6 +73,8 @@ constexpr BuilderLayer kIcmp6{Fill::icmp6, 0, ipProtoIcmpv6}, kIgmp{Fill::icmp, 
 constexpr BuilderLayer kVrrp{Fill::vrrp, 0, ipProtoVrrp}, kArp{Fill::nothing, ethTypeArpIp};
 const Forms kNd = FORMS(checkNd, Ip6Hdr, Icmp6Hdr), kMld = FORMS(checkMld, Ip6Hdr, Icmp6Hdr);
 const Forms kIgmpForms = FORMS(checkIgmp, IpHdr, IgmpHdr);
+
+// UDP and TCP have a second version in the fuzz target wireChecksFuzz, which also has packets in two pieces.
 
 /// A message, how the layers in front announce it, what goes in front, and its check.
 struct Kind {
@@ -173,7 +173,6 @@ Pkt::Ptr built(const Kind& kind, std::size_t cut = 0, std::size_t at = 0, std::s
 /// What both forms say, which have to agree where the one with the packet found the message; neither changes
 /// anything.
 PktCode told(const Kind& kind, const Pkt::Ptr& pkt) {
-  static const Guarded guarded(4096);
   const std::string before = pkt->stringValue();
   U8* const ip = pkt->front() + sizeof(EthHdr);
   U8* hdr = nullptr;
@@ -186,10 +185,10 @@ PktCode told(const Kind& kind, const Pkt::Ptr& pkt) {
     if (kind.ip.size() == kV6.size()) {
       end = sizeof(EthHdr) + sizeof(Ip6Hdr) + reinterpret_cast<Ip6Hdr*>(ip)->payloadLen();
     }
-    const auto copy = guarded.copy(std::string_view(before).substr(0, end));
+    const std::vector<U8> copy(before.begin(), before.begin() + static_cast<long>(end));
     // Of the headers in front of it a message alone says nothing.
     const PktCode expected = code == noMldRouterAlert ? PktCode(noError) : code;
-    EXPECT_EQ(kind.check.alone(copy.data() + sizeof(EthHdr), copy.subspan(at)), expected);
+    EXPECT_EQ(kind.check.alone(copy.data() + sizeof(EthHdr), Bytes(copy).subspan(at)), expected);
   }
   return code;
 }
@@ -227,21 +226,13 @@ const Row kRows[] = {
     {"udp", Row::after, 14, "44", badIpHdrLen},
     {"udp", Row::after, 16, "0fff", badIpPayloadLen},
     {"udp", Row::after, 20, "2000", ipFragment},
-    {"udp", Row::after, 20, "0001", ipFragment},
-    {"udp", Row::before, kM4, "", badUdpLen, 6},
-    {"udp", Row::after, kM4 + 4, "0007", badUdpLen},
-    {"udp", Row::after, kM4 + 4, "000e", badUdpLen},
     {"udp", Row::after, kM4 + 6, "0000", noError},
     {"udp", Row::after, kM4 + 6, "8422", partialUdpChecksum},  // c000 + 0201 + c000 + 0202 + 11 + d, folded
-    {"udp6", Row::after, kM6 + 6, "0000", noUdpChecksum},
     {"udp6", Row::after, 18, "0fff", badIp6PayloadLen},
     {"udp6", Row::after, 20, "3a", nonUdpProto},
     {"udp6", Row::after, 20, "00", badIp6ExtHdr},  // the ports read as a hop-by-hop header of 1,872 bytes
     {"tcp", Row::before, kM4, "", badTcpLen, 7},
-    {"tcp", Row::before, kM4 + 12, "40", badTcpLen},
-    {"tcp", Row::before, kM4 + 12, "70", badTcpLen},
     {"tcp", Row::after, kM4 + 16, "8424", partialTcpChecksum},
-    {"tcp", Row::after, kM4 + 16, "8425", badTcpChecksum},
     {"tcp", Row::after, 23, "11", nonTcpProto},
     {"sctp", Row::before, kM4, "", badSctpLen, 5},
     {"sctp", Row::after, 23, "11", nonSctpProto},
@@ -326,33 +317,6 @@ TEST(WireChecks, EachFaultHasItsCodeAndATrace) {
     EXPECT_EQ(told(kind, pkt), row.code);
     EXPECT_EQ(traces.lines().size() == before, row.code == noError);
   }
-}
-
-// A packet in two pieces is found as good or bad as one in one piece, or not looked at. Octets at random,
-// in a buffer of just their size, show who reads past it.
-TEST(WireChecks, LyingPacketsInTwoPiecesAreToldAsThoseInOne) {
-  std::mt19937 random(1);
-  std::set<Kiv::S32> seen;
-  for (int round = 0; round < 20000; ++round) {
-    auto at = kKinds.begin();
-    std::advance(at, random() % kKinds.size());
-    const Kind& kind = at->second;
-    std::string frame = built(kind)->stringValue();
-    for (auto changes = random() % 3; changes > 0; --changes) {
-      frame[random() % frame.size()] = static_cast<char>(random());
-    }
-    if (random() % 4 == 0) frame.resize(sizeof(EthHdr) + random() % (frame.size() - sizeof(EthHdr)));
-    const auto whole = frames::packet(frame);
-    const auto code = told(kind, whole);
-    const auto most = static_cast<U32>(std::min<std::size_t>(frame.size(), Pkt::privateBufferSize_));
-    const auto pieces = frames::packet(frame, static_cast<U32>(random() % (most + 1)));
-    U8* hdr = nullptr;
-    const auto codeOfPieces = kind.check.inPacket(pieces, pieces->front() + sizeof(EthHdr), hdr);
-    if (codeOfPieces == pktTooShort) continue;
-    ASSERT_EQ(codeOfPieces, code) << at->first << " in round " << round;
-    seen.insert(code.value());
-  }
-  EXPECT_GT(seen.size(), 20u);
 }
 
 TEST(WireChecks, ExtensionHeadersAreWalkedOver) {
