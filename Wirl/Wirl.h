@@ -139,5 +139,7 @@
 #include "Wirl/kernel/NeighborResolver.h"
 #include "Wirl/kernel/NeighborView.h"
 #include "Wirl/kernel/NetlinkClient.h"
+#include "Wirl/kernel/NextHopView.h"
+#include "Wirl/kernel/RouteRule.h"
 #include "Wirl/kernel/RouteView.h"
 #endif

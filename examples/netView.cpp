@@ -13,6 +13,8 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "examples/support/Example.h"
 #include "examples/support/KernelJson.h"
@@ -30,7 +32,9 @@ constexpr const char* kUsage =
     "  --once          ends after the first picture\n"
     "  --json          JSON, with the fields of ip -j: one document, then a line for each change\n"
     "  --details       also the kind and the counters of links, and neighbours that need no resolution\n"
-    "  KIND            --links, --addresses, --routes, --neighbors: only these\n"
+    "  KIND            --links, --addresses, --routes, --neighbors: only these; or --nexthops, --rules (the\n"
+    "                  next-hop objects, the rules of policy routing)\n"
+    "  --proxies       of neighbours those that the kernel answers for\n"
     "  --dev NAME      only what belongs to the link NAME\n"
     "  --table TABLE   only routes of the table, a name or a number\n"
     "  --to PREFIX     only routes in the prefix, and addresses and neighbours in it\n";
@@ -38,7 +42,7 @@ constexpr const char* kUsage =
 struct Options : example::PictureFilter {
   Wirl::NamespaceName netNs{"default"};
   bool once = false, json = false;
-  bool links = false, addresses = false, routes = false, neighbors = false;
+  bool links = false, addresses = false, routes = false, neighbors = false, nextHops = false, rules = false;
 };
 
 // Text
@@ -88,9 +92,13 @@ class NetView {
     watch(*picture_.links);
     if (options.addresses)
       watch(*(picture_.addresses = Wirl::addressViewFactory("addresses", options.netNs)));
-    if (options.routes) watch(*(picture_.routes = Wirl::routeViewFactory("routes", options.netNs)));
+    if (options.routes || options.rules)
+      watch(*(picture_.routes = Wirl::routeViewFactory("routes", options.netNs)));
+    picture_.showRoutes = options.routes;
+    picture_.showRules = options.rules;
     if (options.neighbors)
       watch(*(picture_.neighbors = Wirl::neighborViewFactory("neighbors", options.netNs)));
+    if (options.nextHops) watch(*(picture_.nextHops = Wirl::nextHopViewFactory("nexthops", options.netNs)));
     for (Wirl::KernelView* const view : views_) view->enabledIs(true);
     if (options.once && !picture_.links->present()) {
       throw Kiv::ErrnoException(ENOENT, "no such namespace", std::string(options.netNs.stringValue()));
@@ -145,6 +153,11 @@ class NetView {
     if (options_.links) followMembers("link", *picture_.links);
     if (options_.addresses) followMembers("address", *picture_.addresses);
     if (options_.neighbors) followMembers("neighbor", *picture_.neighbors);
+    if (options_.nextHops) followMembers("nexthop", *picture_.nextHops);
+    if (options_.rules) {
+      rules_ = rules();
+      reactors_.emplace_back(picture_.routes->ruleChanges, [this] { tellRules(); });
+    }
     if (!options_.routes) return;
     picture_.routes->forEach([&](const Wirl::Route& route) {
       if (picture_.isWanted(route)) routes_.emplace(route.key, picture_.of(route));
@@ -185,6 +198,21 @@ class NetView {
     }
   }
 
+  std::vector<Json> rules() const {
+    const Json all = picture_.rules();
+    return {all.begin(), all.end()};
+  }
+  void tellRules() {
+    const auto before = std::exchange(rules_, rules());
+    const auto tellMissing = [this](const auto& from, const auto& in, Wirl::ChangeKind change) {
+      for (const Json& rule : from) {
+        if (std::find(in.begin(), in.end(), rule) == in.end()) tell(change, "rule", rule, Json());
+      }
+    };
+    tellMissing(before, rules_, Wirl::ChangeKind::removed);
+    tellMissing(rules_, before, Wirl::ChangeKind::added);
+  }
+
   void tell(Wirl::ChangeKind change, const char* kind, const Json& member, const Json& changed) {
     std::ostringstream what;
     what << change;
@@ -217,6 +245,7 @@ class NetView {
   std::vector<Wirl::KernelView*> views_;
   std::vector<Kiv::Reactor> reactors_;
   std::map<Wirl::RouteKey, Json> routes_;
+  std::vector<Json> rules_;
   bool shown_ = false;
 };
 
@@ -227,15 +256,16 @@ std::optional<Options> optionsOf(int argc, char** argv) {
     const std::string_view word = argv[i];
     const char* const next = argv[i + 1];
     const std::pair<std::string_view, bool*> flags[] = {
-        {"--once", &options.once},           {"--json", &options.json},
-        {"--details", &options.details},     {"--links", &options.links},
-        {"--addresses", &options.addresses}, {"--routes", &options.routes},
-        {"--neighbors", &options.neighbors}};
+        {"--once", &options.once},         {"--json", &options.json},
+        {"--details", &options.details},   {"--proxies", &options.proxies},
+        {"--links", &options.links},       {"--addresses", &options.addresses},
+        {"--routes", &options.routes},     {"--neighbors", &options.neighbors},
+        {"--nexthops", &options.nextHops}, {"--rules", &options.rules}};
     const auto flag =
         std::find_if(std::begin(flags), std::end(flags), [&](const auto& f) { return f.first == word; });
     if (flag != std::end(flags)) {
       *flag->second = true;
-      any = any || flag - std::begin(flags) >= 3;
+      any = any || flag - std::begin(flags) >= 4;
     } else if (const auto netNs = example::netNsOf(word, next)) {
       options.netNs = *netNs;
       ++i;

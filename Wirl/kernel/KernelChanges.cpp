@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/kernel/KernelChanges.h"
 
+#include <linux/fib_rules.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <linux/veth.h>
 #include <unistd.h>
@@ -249,6 +251,18 @@ KernelChanges& KernelChanges::addressDel(const AddressKey& key) {
 
 namespace {
 
+void putEncap(Request& request, const RouteNextHop& hop, U16 type, U16 attrs) {
+  if (hop.encap == 0) return;
+  request.put(type, hop.encap);
+  request.put(attrs | NLA_F_NESTED, hop.encapAttrs);
+}
+
+void checkEncaps(const std::vector<RouteNextHop>& hops) {
+  std::size_t octets = 0;
+  for (const RouteNextHop& hop : hops) octets += std::min<std::size_t>(hop.encapAttrs.size(), 65536);
+  if (octets > 4096) throw Kiv::RangeException("Wirl::RouteNextHop::encapAttrs > 4096 octets not allowed");
+}
+
 void putGateway(Request& request, const RouteNextHop& hop, AddressFamily af) {
   if (hop.gateway.af() == af) {
     request.put(RTA_GATEWAY, hop.gateway);
@@ -257,6 +271,7 @@ void putGateway(Request& request, const RouteNextHop& hop, AddressFamily af) {
     request.put(RTA_VIA, std::string(rawOf(family)) + std::string(hop.gateway.bytes()));
   }
   if (hop.realms != 0) request.put(RTA_FLOW, hop.realms);
+  putEncap(request, hop, RTA_ENCAP_TYPE, RTA_ENCAP);
 }
 
 }  // namespace
@@ -265,6 +280,7 @@ void KernelChanges::routeMessage(const char* verb, U16 type, U16 flags, const Ro
                                  const RouteAttrs& attrs) {
   const AddressFamily af = key.prefix.af();
   const bool deletes = type == RTM_DELROUTE;
+  checkEncaps(attrs.nextHops);
   const bool single = attrs.nextHopId == 0 && attrs.nextHops.size() == 1 && !attrs.multipath;
   rtmsg fixed{};
   fixed.rtm_family = familyOf(af);
@@ -347,6 +363,114 @@ KernelChanges& KernelChanges::routeDel(const RouteKey& key, const RouteAttrs& at
   return *this;
 }
 
+// Next-hop objects
+// -------------------------------------------------------------------------------------------
+
+void KernelChanges::nextHopMessage(const char* verb, U16 flags, const NextHopInfo& nextHop) {
+  const RouteNextHop& hop = nextHop.hop;
+  checkEncaps({hop});
+  const bool isGroup = !nextHop.group.empty();
+  nhmsg fixed{};
+  const bool hasGateway = hop.gateway.af() != AddressFamily::ipunknown;
+  if (!isGroup) fixed.nh_family = familyOf(hasGateway ? hop.gateway.af() : nextHop.af);
+  fixed.nh_protocol = nextHop.protocol;
+  fixed.nh_flags = hop.flags & RTNH_F_ONLINK;
+  Request request(RTM_NEWNEXTHOP, flags, fixed);
+  request.put(NHA_ID, nextHop.id);
+  if (isGroup) {
+    // Of more than the kernel ever takes there is no room in a message.
+    std::string members;
+    for (std::size_t i = 0; i < std::min<std::size_t>(nextHop.group.size(), 512); ++i) {
+      const auto& [id, weight] = nextHop.group[i];
+      const U32 less = std::clamp(weight, 1u, 65536u) - 1;
+      members += rawOf(id);
+      members += {static_cast<char>(less), static_cast<char>(less >> 8), 0, 0};
+    }
+    request.put(NHA_GROUP, members);
+  }
+  if (nextHop.resilient) {
+    request.put(NHA_GROUP_TYPE, U16{NEXTHOP_GRP_TYPE_RES});
+    request.nest(NHA_RES_GROUP, [&] {
+      if (nextHop.buckets != 0) request.put(NHA_RES_GROUP_BUCKETS, nextHop.buckets);
+      request.put(NHA_RES_GROUP_IDLE_TIMER, nextHop.idleTime);
+      request.put(NHA_RES_GROUP_UNBALANCED_TIMER, nextHop.unbalancedTime);
+    });
+  }
+  if (nextHop.blackhole) request.put(NHA_BLACKHOLE, std::string_view());
+  if (nextHop.fdb) request.put(NHA_FDB, std::string_view());
+  if (hop.ifIndex != 0) request.put(NHA_OIF, hop.ifIndex);
+  if (hasGateway) request.put(NHA_GATEWAY, hop.gateway);
+  putEncap(request, hop, NHA_ENCAP_TYPE, NHA_ENCAP);
+  add(verb + (" next hop " + std::to_string(nextHop.id)), request.text());
+}
+
+KernelChanges& KernelChanges::nextHopAdd(const NextHopInfo& nextHop) {
+  nextHopMessage("add", kAdd, nextHop);
+  return *this;
+}
+KernelChanges& KernelChanges::nextHopReplace(const NextHopInfo& nextHop) {
+  nextHopMessage("replace", kReplace, nextHop);
+  return *this;
+}
+KernelChanges& KernelChanges::nextHopDel(U32 id) {
+  Request request(RTM_DELNEXTHOP, 0, nhmsg{});
+  request.put(NHA_ID, id);
+  add("delete next hop " + std::to_string(id), request.text());
+  return *this;
+}
+
+// Rules
+// ------------------------------------------------------------------------------------------------------
+
+void KernelChanges::ruleMessage(const char* verb, U16 type, U16 flags, const RouteRule& rule) {
+  fib_rule_hdr fixed{};
+  fixed.family = familyOf(rule.af);
+  fixed.tos = rule.tos;
+  fixed.action = rule.action;
+  fixed.table = rule.table < 256 ? static_cast<U8>(rule.table) : U8{RT_TABLE_COMPAT};
+  if (rule.invert) fixed.flags = FIB_RULE_INVERT;
+  const bool hasFrom = rule.from.af() == rule.af, hasTo = rule.to.af() == rule.af;
+  if (hasFrom) fixed.src_len = static_cast<U8>(rule.from.len());
+  if (hasTo) fixed.dst_len = static_cast<U8>(rule.to.len());
+  Request request(type, flags, fixed);
+  if (hasFrom && fixed.src_len != 0) request.put(FRA_SRC, rule.from.ipGenAddr());
+  if (hasTo && fixed.dst_len != 0) request.put(FRA_DST, rule.to.ipGenAddr());
+  request.put(FRA_PRIORITY, rule.priority);
+  if (!rule.inInterface.empty()) request.putText(FRA_IIFNAME, nameOf(rule.inInterface));
+  if (!rule.outInterface.empty()) request.putText(FRA_OIFNAME, nameOf(rule.outInterface));
+  if (rule.mark != 0 || rule.markMask != 0) {
+    request.put(FRA_FWMARK, rule.mark);
+    request.put(FRA_FWMASK, rule.markMask);
+  }
+  if (rule.ipProtocol != 0) request.put(FRA_IP_PROTO, rule.ipProtocol);
+  const auto putPorts = [&](U16 attr, const RouteRule::Ports& ports) {
+    if (!ports.isAny()) request.put(attr, rawOf(fib_rule_port_range{ports.first, ports.last}));
+  };
+  putPorts(FRA_SPORT_RANGE, rule.sourcePorts);
+  putPorts(FRA_DPORT_RANGE, rule.destinationPorts);
+  if (rule.uids) request.put(FRA_UID_RANGE, rawOf(fib_rule_uid_range{rule.uids->first, rule.uids->second}));
+  if (rule.tunnelId != 0) request.put(FRA_TUN_ID, rule.tunnelId);
+  if (rule.l3Master) request.put(FRA_L3MDEV, U8{1});
+  if (rule.table != 0) request.put(FRA_TABLE, rule.table);
+  if (rule.action == FR_ACT_GOTO) request.put(FRA_GOTO, rule.goTo);
+  if (rule.suppressLength >= 0) request.put(FRA_SUPPRESS_PREFIXLEN, rule.suppressLength);
+  if (rule.suppressGroup >= 0) request.put(FRA_SUPPRESS_IFGROUP, rule.suppressGroup);
+  if (rule.realms != 0) request.put(FRA_FLOW, rule.realms);
+  request.put(FRA_PROTOCOL, rule.protocol);
+  add(verb + (" rule " + std::to_string(rule.priority)) +
+          (rule.af == AddressFamily::ipv6 ? " of IPv6" : " of IPv4"),
+      request.text());
+}
+
+KernelChanges& KernelChanges::ruleAdd(const RouteRule& rule) {
+  ruleMessage("add", RTM_NEWRULE, kAdd, rule);
+  return *this;
+}
+KernelChanges& KernelChanges::ruleDel(const RouteRule& rule) {
+  ruleMessage("delete", RTM_DELRULE, 0, rule);
+  return *this;
+}
+
 // Neighbours
 // -------------------------------------------------------------------------------------------------
 
@@ -355,7 +479,7 @@ void KernelChanges::neighborMessage(const char* verb, U16 type, U16 flags, const
   fixed.ndm_family = familyOf(neighbor.key.address.af());
   fixed.ndm_ifindex = static_cast<int>(neighbor.key.ifIndex);
   fixed.ndm_state = neighbor.state;
-  fixed.ndm_flags = neighbor.flags;
+  fixed.ndm_flags = static_cast<U8>(neighbor.flags | (neighbor.key.proxy ? NTF_PROXY : 0));
   Request request(type, flags, fixed);
   request.put(NDA_DST, neighbor.key.address);
   if (!neighbor.linkAddress.empty()) request.put(NDA_LLADDR, nameOf(neighbor.linkAddress));

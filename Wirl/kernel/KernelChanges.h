@@ -11,6 +11,7 @@
 #include "Wirl/kernel/AddressView.h"
 #include "Wirl/kernel/LinkView.h"
 #include "Wirl/kernel/NeighborView.h"
+#include "Wirl/kernel/NextHopView.h"
 #include "Wirl/kernel/RouteView.h"
 
 namespace Wirl {
@@ -62,6 +63,7 @@ class KIV_API KernelChanges {
   KernelChanges& addressReplace(const AddressInfo& address);
   KernelChanges& addressDel(const AddressKey& key);
 
+  /// Throw `Kiv::RangeException` for encapsulations of more than 4,096 octets in all.
   /// Of `attrs` the type 0 counts as unicast, and without a gateway the scope 0 of IPv4 as the link's.
   KernelChanges& routeAdd(const RouteKey& key, const RouteAttrs& attrs);
   KernelChanges& routeReplace(const RouteKey& key, const RouteAttrs& attrs);
@@ -69,6 +71,15 @@ class KIV_API KernelChanges {
   KernelChanges& routeAppend(const RouteKey& key, const RouteAttrs& attrs);
   /// `attrs` may say which one, by type, protocol and next hops.
   KernelChanges& routeDel(const RouteKey& key, const RouteAttrs& attrs = {});
+
+  KernelChanges& nextHopAdd(const NextHopInfo& nextHop);
+  KernelChanges& nextHopReplace(const NextHopInfo& nextHop);
+  /// The routes and groups that use it go or shrink with it.
+  KernelChanges& nextHopDel(U32 id);
+
+  KernelChanges& ruleAdd(const RouteRule& rule);
+  /// The first rule that has all that is given.
+  KernelChanges& ruleDel(const RouteRule& rule);
 
   KernelChanges& neighborAdd(const NeighborInfo& neighbor);
   KernelChanges& neighborReplace(const NeighborInfo& neighbor);
@@ -87,6 +98,8 @@ class KIV_API KernelChanges {
   void add(std::string what, std::string message);
   void addressMessage(const char* verb, U16 type, U16 flags, const AddressInfo& address);
   void routeMessage(const char* verb, U16 type, U16 flags, const RouteKey& key, const RouteAttrs& attrs);
+  void nextHopMessage(const char* verb, U16 flags, const NextHopInfo& nextHop);
+  void ruleMessage(const char* verb, U16 type, U16 flags, const RouteRule& rule);
   void neighborMessage(const char* verb, U16 type, U16 flags, const NeighborInfo& neighbor);
   int descriptorOf(const NamespaceName& ns, const std::string& what);
   template <typename Request>

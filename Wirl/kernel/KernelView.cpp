@@ -4,6 +4,7 @@
 #include <linux/netlink.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <utility>
 
@@ -161,6 +162,7 @@ void KernelView::nextDump() {
   dumpBegins();
   const std::vector<std::string> requests = dumpRequests();
   parts_ = requests.size();
+  partsDone_ = 0;
   const auto client = client_;  // a send may fail and answer at once
   for (const std::string& request : requests) {
     client->request(
@@ -172,14 +174,17 @@ void KernelView::nextDump() {
 void KernelView::dumpEnded(const NetlinkClient::Answer& answer) {
   const auto alive = Kiv::keepAlive(this);
   if (answer.interrupted) again_ = true;
-  if (answer.error != 0) {
+  // Old kernels, and those made without IPv6, do not have everything.
+  const bool lacks = answer.error == EOPNOTSUPP || answer.error == EAFNOSUPPORT;
+  const bool failed = answer.error != 0 && !lacks;
+  if (lacks) dumpLacks(partsDone_);
+  if (failed) {
     again_ = true;
-    took_ = kAfterFailure;
     lastError.set(answer.error);
   }
-  if (!client_ || --parts_ > 0) return;
+  if (!client_ || ++partsDone_ < parts_) return;
   ended_ = Kiv::activityLoop().now();
-  took_ = std::max(answer.error != 0 ? kAfterFailure : Kiv::Time(0), ended_ - began_);
+  took_ = std::max(failed ? kAfterFailure : Kiv::Time(0), ended_ - began_);
   if (!again_) dumpEnds();
   dumping_ = false;
   if (again_) return outOfSync();

@@ -72,6 +72,8 @@ class KIV_API KernelView : public Kiv::Entity {
   /// The requests that dump the state, one after the other.
   virtual std::vector<std::string> dumpRequests() const = 0;
   virtual void dumpBegins() = 0;
+  /// The kernel does not have what the request of this number is for.
+  virtual void dumpLacks(std::size_t) {}
   /// `inDump`: part of the dump, as against something that just happened. What happened during a dump is
   /// newer than what the dump says of it.
   virtual void take(const nlmsghdr& message, bool inDump) = 0;
@@ -112,7 +114,8 @@ class KIV_API KernelView : public Kiv::Entity {
   bool dumping_ = false;
   bool again_ = false;     // this dump is not good enough
   bool synced_ = false;    // to be told at the end of the pass
-  std::size_t parts_ = 0;  // of the dump, yet to end
+  std::size_t parts_ = 0;  // of the dump
+  std::size_t partsDone_ = 0;
   Kiv::Time began_{};
   Kiv::Time ended_{};
   Kiv::Time took_{};
@@ -153,6 +156,16 @@ class EntityView : public KernelView {
     if (waiting != waiting_.end()) return waiting->second.there ? &waiting->second.info : nullptr;
     const auto found = members_.find(key);
     return found == members_.end() ? nullptr : &found->second->info();
+  }
+  /// Calls `visit(key, info)` for each member that the view knows of, told or not.
+  template <typename Visit>
+  void forEachKnown(Visit visit) const {
+    for (const auto& [key, news] : waiting_) {
+      if (news.there) visit(key, news.info);
+    }
+    for (const auto& [key, entity] : members_) {
+      if (waiting_.count(key) == 0) visit(key, entity->info());
+    }
   }
   void put(const Key& key, Info info, bool inDump) {
     if (!counts(key, inDump)) return;

@@ -98,9 +98,9 @@ void LinkView::take(const nlmsghdr& message, bool inDump) {
 /// it does not tell.
 void LinkView::refreshPeers(U32 ifIndex, std::optional<U32> lower) {
   if (lower && *lower != 0) refresh_.insert(*lower);
-  for (const auto& [index, link] : all()) {
-    if (link->info().lower == ifIndex) refresh_.insert(index);
-  }
+  forEachKnown([&](U32 index, const LinkInfo& link) {
+    if (link.lower == ifIndex) refresh_.insert(index);
+  });
 }
 
 void LinkView::passEnds() {

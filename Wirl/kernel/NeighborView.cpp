@@ -39,17 +39,17 @@ NeighborView::NeighborView(Kiv::String name, const NamespaceName& ns)
 NeighborView::~NeighborView() = default;
 
 std::vector<std::string> NeighborView::dumpRequests() const {
-  return {detail::Request(RTM_GETNEIGH, NLM_F_DUMP, ndmsg{}).text()};
+  ndmsg proxies{};
+  proxies.ndm_flags = NTF_PROXY;
+  return {detail::Request(RTM_GETNEIGH, NLM_F_DUMP, ndmsg{}).text(),
+          detail::Request(RTM_GETNEIGH, NLM_F_DUMP, proxies).text()};
 }
 
 void NeighborView::take(const nlmsghdr& message, bool inDump) {
   if (message.nlmsg_type != RTM_NEWNEIGH && message.nlmsg_type != RTM_DELNEIGH) return;
   const auto* const fixed = detail::fixedOf<ndmsg>(message);
-  // The group also hears of bridges' forwarding tables, and of proxies where the kernel tells of them.
-  if (fixed && ((fixed->ndm_family != AF_INET && fixed->ndm_family != AF_INET6) ||
-                (fixed->ndm_flags & NTF_PROXY) != 0)) {
-    return;
-  }
+  // The group also hears of bridges' forwarding tables.
+  if (fixed && fixed->ndm_family != AF_INET && fixed->ndm_family != AF_INET6) return;
   NeighborInfo neighbor;
   if (!detail::parse(message, neighbor, unused_)) {
     ++bad_;

@@ -15,6 +15,7 @@ namespace Wirl {
 struct NeighborKey {
   U32 ifIndex = 0;
   IpGenAddr address;
+  bool proxy = false;  ///< the kernel answers for it (NTF_PROXY); no neighbour, and beside the one that is
 
   friend auto operator<=>(const NeighborKey&, const NeighborKey&) = default;
 };
@@ -53,10 +54,9 @@ class KIV_API Neighbor final : public KernelEntity<NeighborInfo> {
   void putAttrs(Telling& telling) override;
 };
 
-/// The neighbours of a network namespace, of IPv4 (ARP) and IPv6 (ND); see `KernelView`. Proxy entries, which
-/// the kernel does not tell of, are not among them. Nor does the kernel tell when it begins to ask for a
-/// neighbour (to NUD_INCOMPLETE) or to doubt one (to NUD_DELAY), only how that ends; a dump shows these
-/// states.
+/// The neighbours of a network namespace, of IPv4 (ARP) and IPv6 (ND), and those for whom the kernel answers
+/// (proxies); see `KernelView`. The kernel does not tell when it begins to ask for a neighbour (to NUD_INCOMPLETE)
+/// or to doubt one (to NUD_DELAY), only how that ends, nor of proxies; a dump shows these (`refreshTime`).
 class KIV_API NeighborView final : public EntityView<Neighbor> {
  public:
   KIV_ENTITY(NeighborView, KernelView)

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/kernel/RouteView.h"
 
-#include <linux/if.h>
 #include <linux/if_addr.h>
-#include <linux/if_link.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 
@@ -11,7 +9,9 @@
 #include <unordered_map>
 
 #include "Wirl/kernel/detail/Attrs.h"
+#include "Wirl/kernel/detail/LinkStates.h"
 #include "Wirl/kernel/detail/Messages.h"
+#include "Wirl/kernel/detail/RouteRules.h"
 #include "Wirl/value/PrefixMap.h"
 
 namespace Wirl {
@@ -29,7 +29,7 @@ RouteAttrs steady(RouteAttrs attrs) {
 }
 
 bool isSameHop(const RouteNextHop& a, const RouteNextHop& b) {
-  return a.ifIndex == b.ifIndex && a.gateway == b.gateway;
+  return a.ifIndex == b.ifIndex && a.gateway == b.gateway && a.encapAttrs == b.encapAttrs;
 }
 
 bool hasSameHops(const RouteAttrs& a, const RouteAttrs& b) {
@@ -45,12 +45,39 @@ bool isMergeable(const RouteAttrs& attrs) {
                      [](const RouteNextHop& hop) { return hop.gateway.af() != AddressFamily::ipunknown; });
 }
 
-/// Whether a look-up without type of service and source may use it, if it leaves by any interface.
+bool isReject(const RouteAttrs& attrs) {
+  return attrs.type >= RTN_BLACKHOLE && attrs.type <= RTN_THROW;
+}
+
+/// Whether every look-up may use it that does not ask for an interface.
 bool isUsable(const RouteAttrs& attrs) {
   if (attrs.tos != 0 || attrs.source.af() != AddressFamily::ipunknown) return false;
   return attrs.nextHops.empty() ||
          std::any_of(attrs.nextHops.begin(), attrs.nextHops.end(),
                      [](const RouteNextHop& hop) { return (hop.flags & RTNH_F_DEAD) == 0; });
+}
+
+/// How well a look-up may use it, not at all being 0. Of several with one metric the kernel takes the best.
+unsigned usability(const RouteAttrs& attrs, const RouteQuery& query) {
+  const bool v4 = query.destination.af() == AddressFamily::ipv4;
+  // The bits that are compared are those of the type of service before there were code points.
+  if (v4 && attrs.tos != 0 && attrs.tos != (query.tos & 0x1c)) return 0;
+  if (attrs.source.af() != AddressFamily::ipunknown && !attrs.source.contains(query.source)) return 0;
+  // High, medium, low: 3, 2, 1.
+  const unsigned preference = attrs.preference < 0 ? 2 : (static_cast<unsigned>(attrs.preference) & 3) ^ 2;
+  const unsigned good = preference * 4 + 2;
+  if (v4 && (isReject(attrs) || attrs.nextHops.empty())) return good;
+  // A packet of IPv6 that has a source only prefers the interface, unless addresses mean something there only.
+  const bool strict = v4 || query.source.af() == AddressFamily::ipunknown ||
+                      query.destination.isLinkLocal() || query.destination.isMulticast();
+  const auto isLive = [](const RouteNextHop& hop) { return (hop.flags & RTNH_F_DEAD) == 0; };
+  const auto fits = [&](const RouteNextHop& hop) {
+    return isLive(hop) && (query.outIfIndex == 0 || hop.ifIndex == query.outIfIndex);
+  };
+  const auto& hops = attrs.nextHops;
+  if (std::any_of(hops.begin(), hops.end(), fits)) return good;
+  if (strict && query.outIfIndex != 0) return 0;
+  return hops.empty() || std::any_of(hops.begin(), hops.end(), isLive) ? good - 2 : 0;
 }
 
 std::size_t hashOf(const RouteAttrs& attrs) {
@@ -254,6 +281,8 @@ struct RouteView::Tables {
   std::size_t routes = 0;
   bool mixed =
       false;  // an IPv6 route got a next hop whose other attributes differ, which only the kernel knows
+  detail::LinkStates links;
+  detail::RouteRules rules;
 
   U32 dump = 0;
   bool dumping = false;
@@ -276,7 +305,8 @@ RouteView::Watched::~Watched() {
 RouteView::RouteView(Kiv::String name, const NamespaceName& ns)
     : KernelView(std::move(name), ns,
                  1u << (RTNLGRP_IPV4_ROUTE - 1) | 1u << (RTNLGRP_IPV6_ROUTE - 1) | 1u << (RTNLGRP_LINK - 1) |
-                     1u << (RTNLGRP_IPV4_IFADDR - 1) | 1u << (RTNLGRP_NEXTHOP - 1)),
+                     1u << (RTNLGRP_IPV4_IFADDR - 1) | 1u << (RTNLGRP_NEXTHOP - 1) |
+                     1u << (RTNLGRP_IPV4_RULE - 1) | 1u << (RTNLGRP_IPV6_RULE - 1)),
       tables_(std::make_unique<Tables>()) {}
 
 RouteView::~RouteView() {
@@ -301,7 +331,8 @@ std::size_t RouteView::memory() const noexcept {
 // ---------------------------------------------------------------------------------------------------
 
 std::vector<std::string> RouteView::dumpRequests() const {
-  std::vector<std::string> requests;
+  std::vector<std::string> requests = detail::RouteRules::dumpRequests();
+  requests.push_back(detail::LinkStates::dumpRequest());
   for (const int family : {AF_INET, AF_INET6}) {
     rtmsg which{};
     which.rtm_family = static_cast<U8>(family);
@@ -315,7 +346,13 @@ void RouteView::dumpBegins() {
   t.dumping = true;
   t.buried.clear();
   t.tidy();
+  t.links.dumpBegins();
+  t.rules.dumpBegins();
   ++t.dump;
+}
+
+void RouteView::dumpLacks(std::size_t part) {
+  if (part < 2) tables_->rules.keep(part);
 }
 
 void RouteView::take(const nlmsghdr& message, bool inDump) {
@@ -323,24 +360,21 @@ void RouteView::take(const nlmsghdr& message, bool inDump) {
     case RTM_NEWROUTE:
     case RTM_DELROUTE:
       return takeRoute(message, inDump);
-    case RTM_NEWLINK:
-    case RTM_DELLINK: {
-      const auto* const fixed = detail::fixedOf<ifinfomsg>(message);
-      if (!fixed || fixed->ifi_family != AF_UNSPEC) return;
-      const auto index = static_cast<U32>(fixed->ifi_index);
-      std::pair<U32, U32> now{fixed->ifi_flags & (IFF_UP | IFF_RUNNING | IFF_LOWER_UP), 0};
-      for (const detail::Attr attr : detail::Attrs(message, sizeof(ifinfomsg))) {
-        if (attr.type() == IFLA_MTU) now.second = attr.as<U32>();
-      }
-      const auto [was, isNew] = links_.try_emplace(index, now);
-      if (isNew || was->second != now || message.nlmsg_type == RTM_DELLINK) suspects_.insert(index);
-      was->second = now;
-      if (message.nlmsg_type == RTM_DELLINK) links_.erase(was);
-      return;
+    case RTM_NEWRULE:
+    case RTM_DELRULE: {
+      RouteRule rule;
+      // Rules of multicast routing are of other families.
+      if (!detail::parse(message, rule, unused_)) return;
+      return tables_->rules.take(message.nlmsg_type == RTM_NEWRULE, std::move(rule), inDump);
     }
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+      return tables_->links.take(message, inDump);
     case RTM_NEWADDR:
     case RTM_DELADDR:
-      if (const auto* const fixed = detail::fixedOf<ifaddrmsg>(message)) suspects_.insert(fixed->ifa_index);
+      if (const auto* const fixed = detail::fixedOf<ifaddrmsg>(message)) {
+        tables_->links.suspects.insert(fixed->ifa_index);
+      }
       return;
     case RTM_NEWNEXTHOP:
     case RTM_DELNEXTHOP:
@@ -494,6 +528,8 @@ void RouteView::dumpEnds() {
   Tables& t = *tables_;
   t.dumping = false;
   t.buried.clear();
+  t.links.dumpEnds();
+  t.rules.dumpEnds();
   std::vector<RouteKey> unseen;
   for (const auto& [table, map] : t.tables) {
     for (const auto& entry : *map) {
@@ -530,10 +566,10 @@ void RouteView::forgetAll() {
   }
   anyChange_ = anyChange_ || t.routes != 0;
   const U32 dump = t.dump;
+  const bool hadRules = t.rules.isCustom(AddressFamily::ipv4) || t.rules.isCustom(AddressFamily::ipv6);
   *tables_ = Tables();
   t.dump = dump;
-  links_.clear();
-  suspects_.clear();
+  if (hadRules) t.rules.touch();
   nextHopsChanged_ = false;
 }
 
@@ -544,19 +580,20 @@ void RouteView::touched(const RouteKey& key, bool wasThere) {
 
 void RouteView::passEnds() {
   Tables& t = *tables_;
-  const auto uses = [this](const RouteAttrs& attrs) {
+  const auto uses = [&t](const RouteAttrs& attrs) {
     return std::any_of(attrs.nextHops.begin(), attrs.nextHops.end(),
-                       [this](const RouteNextHop& hop) { return suspects_.count(hop.ifIndex) != 0; });
+                       [&t](const RouteNextHop& hop) { return t.links.suspects.count(hop.ifIndex) != 0; });
   };
-  const bool suspicious = (!suspects_.empty() && t.any(uses)) ||
+  const bool suspicious = (!t.links.suspects.empty() && t.any(uses)) ||
                           (nextHopsChanged_ && t.any([](const RouteAttrs& a) { return a.nextHopId != 0; }));
-  suspects_.clear();
+  t.links.suspects.clear();
   nextHopsChanged_ = false;
   if (suspicious) outOfSync();
   if (!t.dumping) t.tidy();
 }
 
 void RouteView::showChanges() {
+  if (tables_->rules.changed()) ruleChanges.set(ruleChanges() + 1);
   if (!std::exchange(anyChange_, false)) return;
   auto touchedNow = std::exchange(touched_, {});
   // The first time that a key was touched tells whether it was there before.
@@ -611,47 +648,84 @@ Route RouteView::find(const RouteKey& key) const {
   return at ? t.routeOf(key, at->attrs) : Route();
 }
 
-Route RouteView::lookUpIn(U32 table, const IpGenAddr& address, U32 ifIndex) const {
+const std::vector<RouteRule>& RouteView::rules(AddressFamily af) const noexcept {
+  return tables_->rules.of(af);
+}
+
+Route RouteView::lookUpIn(U32 table, const RouteQuery& query) const {
   const Tables& t = *tables_;
   const Tables::Map* const map = t.mapOf(table);
   const auto found =
-      map ? map->longestMatch(address) : PrefixMap<Tables::Record>::Result<const Tables::Record>();
+      map ? map->longestMatch(query.destination) : PrefixMap<Tables::Record>::Result<const Tables::Record>();
   if (!found) return {};
-  if (found->usable != 0 && ifIndex == 0) [[likely]]
+  const bool isFirst = found->next == 0 || found.key.af() == AddressFamily::ipv4;
+  if (found->usable != 0 && isFirst && query.outIfIndex == 0) [[likely]]
     return t.routeOf({table, found.key, found->metric}, found->attrs);
   // Rare: the route cannot be used, so one behind it may be, or a shorter one.
-  Route best;
+  std::vector<std::pair<IpGenPrefix, const Tables::Record*>> heads;
   map->covering(
-      IpGenPrefix(address, address.bits()), [&](const IpGenPrefix& prefix, const Tables::Record& head) {
-        for (const Tables::Record* at = &head;; at = &t.chained[at->next]) {
-          const auto& hops = t.attrs(at->attrs).nextHops;
-          const bool leaves =
-              ifIndex == 0 || std::any_of(hops.begin(), hops.end(),
-                                          [&](const RouteNextHop& hop) { return hop.ifIndex == ifIndex; });
-          if (at->usable != 0 && leaves) {
-            best = t.routeOf({table, prefix, at->metric}, at->attrs);
-            return;
-          }
-          if (at->next == 0) return;
-        }
-      });
-  return best;
+      IpGenPrefix(query.destination, query.destination.bits()),
+      [&](const IpGenPrefix& prefix, const Tables::Record& head) { heads.emplace_back(prefix, &head); });
+  bool begun = false;
+  for (std::size_t i = heads.size(); i-- > 0;) {
+    const auto& [prefix, head] = heads[i];
+    const Tables::Record* best = nullptr;
+    unsigned bestUsability = 0;
+    bool hasSources = false, hasOurs = false;
+    for (const Tables::Record* at = head;; at = &t.chained[at->next]) {
+      const RouteAttrs& attrs = t.attrs(at->attrs);
+      const bool isOfSource = attrs.source.af() != AddressFamily::ipunknown;
+      hasSources = hasSources || isOfSource;
+      hasOurs = hasOurs || (isOfSource && attrs.source.contains(query.source));
+      const unsigned usable = usability(attrs, query);
+      const auto length = [&](const Tables::Record* of) { return t.attrs(of->attrs).source.len(); };
+      if (usable != 0 &&
+          (!best || length(at) > length(best) ||
+           (length(at) == length(best) && at->metric == best->metric && usable > bestUsability))) {
+        best = at;
+        bestUsability = usable;
+      }
+      if (at->next == 0) break;
+    }
+    // Where there are routes for sources, the kernel does not begin with those for all, but for the default.
+    if (!begun && hasSources && !hasOurs && prefix.len() != 0) continue;
+    begun = true;
+    if (best) return t.routeOf({table, prefix, best->metric}, best->attrs);
+  }
+  return {};
 }
 
-Route RouteView::lookUp(const IpGenAddr& address, U32 ifIndex) const {
+Route RouteView::lookUp(const RouteQuery& query) const {
   const auto isAnswer = [](const Route& route) { return route && route.attrs->type != RTN_THROW; };
-  const Route local = lookUpIn(RT_TABLE_LOCAL, address, ifIndex);
-  if (address.af() == AddressFamily::ipv6) {
-    if (isAnswer(local)) return local;
-    const Route main = lookUpIn(RT_TABLE_MAIN, address, ifIndex);
-    return isAnswer(main) ? main : Route();
+  const Tables& t = *tables_;
+  const AddressFamily af = query.destination.af();
+  if (af == AddressFamily::ipv4 && !t.rules.isCustom(af)) {
+    const Route local = lookUpIn(RT_TABLE_LOCAL, query);
+    const Route main = lookUpIn(RT_TABLE_MAIN, query);
+    const Route& best = !local || (main && main.key.prefix.len() > local.key.prefix.len()) ? main : local;
+    if (isAnswer(best)) return best;
+    const Route last = lookUpIn(RT_TABLE_DEFAULT, query);
+    return isAnswer(last) ? last : Route();
   }
-  // Of IPv4 the kernel has both in one trie, as long as nobody adds a rule.
-  const Route main = lookUpIn(RT_TABLE_MAIN, address, ifIndex);
-  const Route& best = !local || (main && main.key.prefix.len() > local.key.prefix.len()) ? main : local;
-  if (isAnswer(best)) return best;
-  const Route last = lookUpIn(RT_TABLE_DEFAULT, address, ifIndex);
-  return isAnswer(last) ? last : Route();
+  Route answer;
+  t.rules.visit(query, t.links, [&](const RouteRule& rule) {
+    if (rule.action != FR_ACT_TO_TBL) return true;
+    const U32 vrfBy = query.outIfIndex != 0 ? query.outIfIndex : query.inIfIndex;
+    const Route route = lookUpIn(rule.l3Master ? t.links.vrfTableOf(vrfBy) : rule.table, query);
+    if (!isAnswer(route)) return false;
+    if (!isReject(*route.attrs)) {
+      const auto isInGroup = [&](const RouteNextHop& hop) {
+        const auto* const link = t.links.find(hop.ifIndex);
+        return link && link->group == static_cast<U32>(rule.suppressGroup);
+      };
+      const auto& hops = route.attrs->nextHops;
+      if (static_cast<S32>(route.key.prefix.len()) <= rule.suppressLength) return false;
+      if (rule.suppressGroup != -1 && !hops.empty() && isInGroup(hops[0])) return false;
+    }
+    answer = route;
+    return true;
+  });
+  return answer;
 }
 
 Route RouteView::next(Cursor& at) const {

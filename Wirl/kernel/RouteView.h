@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Wirl/kernel/KernelView.h"
+#include "Wirl/kernel/RouteRule.h"
 #include "Wirl/value/IpGenPrefix.h"
 
 namespace Wirl {
@@ -26,8 +27,9 @@ struct RouteNextHop {
   IpGenAddr gateway;  ///< of the unknown family: none, the destination is on the link
   U16 weight = 1;
   U8 flags = 0;   ///< RTNH_F_ONLINK, RTNH_F_LINKDOWN, ...
-  U16 encap = 0;  ///< LWTUNNEL_ENCAP_MPLS and others; its details are not kept
+  U16 encap = 0;  ///< LWTUNNEL_ENCAP_MPLS and others
   U32 realms = 0;
+  std::string encapAttrs;  ///< of the encapsulation, as the kernel has them: netlink attributes
 
   friend bool operator==(const RouteNextHop&, const RouteNextHop&) = default;
 };
@@ -72,11 +74,15 @@ struct Route {
 ///
 /// What the kernel does without telling is found by a new dump: routes that go, or whose next hops change
 /// their flags, with a link, an address or a next-hop object.
+///
+/// The rules of policy routing belong to it, as look-ups go by them; `ruleChanges` counts the passes in which they
+/// changed.
 class KIV_API RouteView final : public KernelView {
  public:
   KIV_ENTITY(RouteView, KernelView)
   KIV_ATTR_DERIVED(std::size_t, size)
   KIV_ATTR_DERIVED(std::size_t, memory)
+  KIV_ATTR_READ(U64, ruleChanges, 0)
 
   struct Change {
     ChangeKind kind;
@@ -110,14 +116,22 @@ class KIV_API RouteView final : public KernelView {
 
   /// The first route of the key; nothing if there is none.
   Route find(const RouteKey& key) const;
-  /// The route by which the kernel would send to an address, as `ip route get` tells: through the tables
-  /// local, main and default (of IPv4 the first two as if they were one, as the kernel has them), by the longest
-  /// match, then the lowest metric; past routes without a live next hop, and past a table that says "throw". A blackhole, or the like, is an answer. Other policy rules than
-  /// the kernel's own, and routes for a type of service or for sources, are not looked at. Takes
-  /// `ifIndex` as the interface to leave by, if it is not 0.
-  Route lookUp(const IpGenAddr& address, U32 ifIndex = 0) const;
+  /// The rules of a family, in the order in which they are tried.
+  const std::vector<RouteRule>& rules(AddressFamily af) const noexcept;
+  /// The route by which the kernel would send a packet, as `ip route get` tells: through the tables that the rules
+  /// name, by the longest match, then for the type of service or the source, then the lowest metric; past routes
+  /// without a live next hop, and past a table that says "throw". A blackhole, or the like, is an answer; a rule
+  /// that says so is none, as if there were no route. As long as nobody changed the rules of IPv4, the tables local
+  /// and main are as one; so they are here as long as no such change was seen. Of equally good routes the kernel
+  /// may take another one. What it does without a route (what leaves by a given interface is on its link) and by
+  /// sysctl (`ignore_routes_with_linkdown`) does not count.
+  Route lookUp(const RouteQuery& query) const;
+  Route lookUp(const IpGenAddr& address, U32 ifIndex = 0) const { return lookUp({address, {}, ifIndex}); }
   /// The same in one table.
-  Route lookUpIn(U32 table, const IpGenAddr& address, U32 ifIndex = 0) const;
+  Route lookUpIn(U32 table, const RouteQuery& query) const;
+  Route lookUpIn(U32 table, const IpGenAddr& address, U32 ifIndex = 0) const {
+    return lookUpIn(table, {address, {}, ifIndex});
+  }
   /// Calls `visit(route)` for each route, in the order of tables and prefixes.
   template <typename Visit>
   void forEach(Visit visit) const {
@@ -130,6 +144,7 @@ class KIV_API RouteView final : public KernelView {
  protected:
   std::vector<std::string> dumpRequests() const override;
   void dumpBegins() override;
+  void dumpLacks(std::size_t part) override;
   void take(const nlmsghdr& message, bool inDump) override;
   void dumpEnds() override;
   void forgetAll() override;
@@ -158,8 +173,6 @@ class KIV_API RouteView final : public KernelView {
   std::vector<std::pair<RouteKey, bool>> touched_;  // keys, and whether they were there before
   std::vector<Change> changes_;
   std::map<RouteKey, Watched*> watched_;
-  std::map<U32, std::pair<U32, U32>> links_;  // flags and MTU by index, as last told
-  std::set<U32> suspects_;                    // links whose routes may have changed
   bool nextHopsChanged_ = false;
 };
 

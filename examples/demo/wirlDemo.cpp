@@ -16,6 +16,9 @@ int run() {
   action.sa_handler = [](int) { demo::interrupted = 1; };
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  // Nor may a reader that leaves, or a terminal that closes, leave the namespaces behind.
+  sigaction(SIGPIPE, &action, nullptr);
+  sigaction(SIGHUP, &action, nullptr);
 
   demo::Watch watch;
   const demo::World world;

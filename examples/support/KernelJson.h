@@ -4,18 +4,24 @@
 /// What views of the kernel's state hold, as JSON with the fields of `ip -j`. Header-only, for the example
 /// netView and for the test that compares with ip(8).
 
+#include <arpa/inet.h>
 #include <net/if.h>  // before the kernel's own
+#include <netdb.h>
 
+#include <linux/fib_rules.h>
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_arp.h>
 #include <linux/lwtunnel.h>
+#include <linux/mpls_iptunnel.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
+#include <linux/seg6_iptunnel.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -26,6 +32,7 @@
 #include "Wirl/kernel/AddressView.h"
 #include "Wirl/kernel/LinkView.h"
 #include "Wirl/kernel/NeighborView.h"
+#include "Wirl/kernel/NextHopView.h"
 #include "Wirl/kernel/RouteView.h"
 
 namespace example {
@@ -128,9 +135,17 @@ inline std::string hex(U32 number, int digits = 1) {
   return text;
 }
 
-template <typename Value>
-std::string textOf(const Value& value) {
-  return std::string(value.stringValue());
+/// As ip(8) writes it, with the C library: "::192.0.2.1" for an address that was compatible with IPv4 once.
+inline std::string textOf(const Wirl::IpGenAddr& address) {
+  char text[INET6_ADDRSTRLEN] = "";
+  const std::string octets = address.bytes();
+  inet_ntop(octets.size() == 4 ? AF_INET : AF_INET6, octets.data(), text, sizeof(text));
+  return text;
+}
+
+/// A host without the length.
+inline std::string textOf(const Wirl::IpGenPrefix& prefix) {
+  return textOf(prefix.ipGenAddr()) + (prefix.isHost() ? "" : "/" + std::to_string(prefix.len()));
 }
 
 // JSON
@@ -140,6 +155,7 @@ std::string textOf(const Value& value) {
 struct PictureFilter {
   bool details = false;  ///< also the kind and counters of links, and neighbours that need no resolution
   std::string dev;       ///< only of this link
+  bool proxies = false;  ///< of neighbours, those that the kernel answers for, and only those
   std::optional<U32> table;
   std::optional<Wirl::IpGenPrefix> to;
 };
@@ -150,10 +166,12 @@ class Picture {
   explicit Picture(const PictureFilter& filter) : filter_(filter) {}
 
   Kiv::Ptr<Wirl::LinkView> links = nullptr;  // always there, for the names of links
-  bool showLinks = true;
+  bool showLinks = true, showRoutes = true;
   Kiv::Ptr<Wirl::AddressView> addresses = nullptr;
   Kiv::Ptr<Wirl::RouteView> routes = nullptr;
   Kiv::Ptr<Wirl::NeighborView> neighbors = nullptr;
+  Kiv::Ptr<Wirl::NextHopView> nextHops = nullptr;
+  bool showRules = false;  // of `routes`
 
   std::string nameOf(U32 ifIndex) const {
     const auto link = links->find(ifIndex);
@@ -174,18 +192,25 @@ class Picture {
             std::any_of(hops.begin(), hops.end(), [&](const auto& hop) { return isWanted(hop.ifIndex); }));
   }
   bool isWanted(const Wirl::NeighborInfo& neighbor) const {
-    // As ip neigh: not those that need no resolution.
-    const bool shown =
-        filter_.details || (neighbor.state & ~NUD_NOARP) != 0 || (neighbor.flags & NTF_EXT_LEARNED) != 0;
+    // As ip neigh: not those that need no resolution, and proxies apart.
+    if (neighbor.key.proxy != filter_.proxies) return false;
+    const bool shown = filter_.details || filter_.proxies || (neighbor.state & ~NUD_NOARP) != 0 ||
+                       (neighbor.flags & NTF_EXT_LEARNED) != 0;
     return shown && isWanted(neighbor.key.ifIndex) && isWanted(neighbor.key.address);
+  }
+  bool isWanted(const Wirl::NextHopInfo& nextHop) const {
+    return filter_.dev.empty() || isWanted(nextHop.hop.ifIndex);
   }
 
   /// Everything that there is a view for, in one object.
   Json document() const;
+  Json rules() const;
   Json of(const Wirl::LinkInfo& link) const;
   Json of(const Wirl::AddressInfo& address) const;
   Json of(const Wirl::Route& route) const;
   Json of(const Wirl::NeighborInfo& neighbor) const;
+  Json of(const Wirl::NextHopInfo& nextHop) const;
+  Json of(const Wirl::RouteRule& rule) const;
 
  private:
   template <typename View>
@@ -199,6 +224,7 @@ class Picture {
   std::string linkAddress(const std::string& octets, U16 hwType) const;
   static Json routeFlags(U32 flags);
   static void putRealms(Json& json, U32 realms);
+  static void putEncap(Json& json, const Wirl::RouteNextHop& hop);
   void putGateway(Json& json, const Wirl::RouteNextHop& hop, Wirl::AddressFamily af) const;
   void putMetrics(Json& json, const Wirl::RouteAttrs& attrs) const;
 
@@ -210,12 +236,12 @@ inline std::string Picture::linkAddress(const std::string& octets, U16 hwType) c
       octets.size() == 4 && (hwType == ARPHRD_TUNNEL || hwType == ARPHRD_SIT || hwType == ARPHRD_IPGRE);
   if (isIp) {
     const auto octet = [&](std::size_t i) { return static_cast<U8>(octets[i]); };
-    return textOf(Wirl::IpAddr(octet(0), octet(1), octet(2), octet(3)));
+    return textOf(Wirl::IpGenAddr(Wirl::IpAddr(octet(0), octet(1), octet(2), octet(3))));
   }
   if (octets.size() == 16 && (hwType == ARPHRD_TUNNEL6 || hwType == ARPHRD_IP6GRE)) {
     Wirl::Ip6Addr address;
     address.copyFromBuffer(reinterpret_cast<const unsigned char*>(octets.data()));
-    return textOf(address);
+    return textOf(Wirl::IpGenAddr(address));
   }
   std::string text;
   for (const char octet : octets) {
@@ -321,6 +347,7 @@ inline Json Picture::of(const Wirl::AddressInfo& address) const {
                                     {IFA_F_HOMEADDRESS, "home"},
                                     {IFA_F_DEPRECATED, "deprecated"},
                                     {IFA_F_TENTATIVE, "tentative"},
+                                    {IFA_F_PERMANENT, "dynamic"},
                                     {IFA_F_MANAGETEMPADDR, "mngtmpaddr"},
                                     {IFA_F_NOPREFIXROUTE, "noprefixroute"},
                                     {IFA_F_MCAUTOJOIN, "autojoin"},
@@ -339,8 +366,8 @@ inline Json Picture::of(const Wirl::AddressInfo& address) const {
   json["scope"] = scopeNames().of(address.scope);
   U32 bits = address.flags;
   if ((bits & IFA_F_SECONDARY) != 0) json[v6 ? "temporary" : "secondary"] = true;
-  if ((bits & IFA_F_PERMANENT) == 0) json["dynamic"] = true;
-  bits &= ~static_cast<U32>(IFA_F_SECONDARY | IFA_F_PERMANENT);
+  bits &= ~static_cast<U32>(IFA_F_SECONDARY);
+  bits ^= IFA_F_PERMANENT;
   for (const auto& name : namesOf(bits, kFlags)) json[name.get<std::string>()] = true;
   if (bits != 0) json["ifa_flags"] = hex(bits, 2);
   if (!address.label.empty()) json["label"] = address.label;
@@ -372,10 +399,83 @@ inline void Picture::putRealms(Json& json, U32 realms) {
   json["flow"] = flow;
 }
 
-inline void Picture::putGateway(Json& json, const Wirl::RouteNextHop& hop, Wirl::AddressFamily af) const {
+/// An encapsulation with what is common to it and ip -j. Its "dst" and "tos" are "encap_dst" and "encap_tos" where the
+/// route has such itself; ip(8) gives these names twice.
+inline void Picture::putEncap(Json& json, const Wirl::RouteNextHop& hop) {
   static constexpr const char* kEncaps[] = {"none", "mpls", "ip",        "ila", "ip6",
                                             "seg6", "bpf",  "seg6local", "rpl", "ioam6"};
-  if (hop.encap != 0) json["encap"] = hop.encap < std::size(kEncaps) ? kEncaps[hop.encap] : "unknown";
+  if (hop.encap == 0) return;
+  json["encap"] = hop.encap < std::size(kEncaps) ? kEncaps[hop.encap] : "unknown";
+  std::map<U16, std::string> attrs;
+  for (std::string_view left = hop.encapAttrs; left.size() >= sizeof(nlattr);) {
+    nlattr header;
+    std::memcpy(&header, left.data(), sizeof(header));
+    if (header.nla_len < sizeof(header) || header.nla_len > left.size()) break;
+    attrs[header.nla_type & 0x3fff] = left.substr(sizeof(header), header.nla_len - sizeof(header));
+    left.remove_prefix(std::min<std::size_t>(left.size(), NLA_ALIGN(header.nla_len)));
+  }
+  const auto number = [&](U16 type) {
+    Kiv::U64 value = 0;
+    for (const char octet : attrs[type]) value = value << 8 | static_cast<U8>(octet);
+    return value;
+  };
+  const auto address = [&](U16 type) {
+    char text[INET6_ADDRSTRLEN] = "";
+    const std::string& octets = attrs[type];
+    if (octets.size() == 4 || octets.size() == 16) {
+      inet_ntop(octets.size() == 4 ? AF_INET : AF_INET6, octets.data(), text, sizeof(text));
+    }
+    return std::string(text);
+  };
+  const auto free = [&](const std::string& name) { return json.contains(name) ? "encap_" + name : name; };
+  const std::string dst = free("dst");
+  switch (hop.encap) {
+    case LWTUNNEL_ENCAP_IP:
+    case LWTUNNEL_ENCAP_IP6: {
+      const bool v4 = hop.encap == LWTUNNEL_ENCAP_IP;  // both have the same numbers
+      json["id"] = number(LWTUNNEL_IP_ID);
+      json["src"] = address(LWTUNNEL_IP_SRC);
+      json[dst] = address(LWTUNNEL_IP_DST);
+      json[v4 ? "ttl" : "hoplimit"] = number(LWTUNNEL_IP_TTL);
+      json[v4 ? free("tos") : "tc"] = number(LWTUNNEL_IP_TOS);
+      break;
+    }
+    case LWTUNNEL_ENCAP_MPLS: {
+      std::string labels;
+      const std::string& stack = attrs[MPLS_IPTUNNEL_DST];
+      for (std::size_t at = 0; at + 4 <= stack.size(); at += 4) {
+        U32 entry;
+        std::memcpy(&entry, stack.data() + at, 4);
+        labels += (labels.empty() ? "" : "/") + std::to_string(ntohl(entry) >> 12);
+      }
+      json[dst] = labels;
+      if (attrs.count(MPLS_IPTUNNEL_TTL) != 0) json["ttl"] = number(MPLS_IPTUNNEL_TTL);
+      break;
+    }
+    case LWTUNNEL_ENCAP_SEG6: {
+      static constexpr const char* kModes[] = {"inline", "encap", "l2encap", "encap.red", "l2encap.red"};
+      const std::string& octets = attrs[SEG6_IPTUNNEL_SRH];
+      constexpr std::size_t kFixed = sizeof(int) + sizeof(ipv6_sr_hdr);
+      if (octets.size() < kFixed) break;
+      U32 mode;
+      std::memcpy(&mode, octets.data(), sizeof(mode));
+      json["mode"] = mode < std::size(kModes) ? kModes[mode] : "<unknown>";
+      Json segments = Json::array();
+      for (std::size_t i = static_cast<U8>(octets[sizeof(int) + 4]) + std::size_t{1}; i-- > 0;) {
+        char text[INET6_ADDRSTRLEN] = "";
+        if (octets.size() < kFixed + i * 16 + 16) continue;
+        segments.push_back(inet_ntop(AF_INET6, octets.data() + kFixed + i * 16, text, sizeof(text)));
+      }
+      json["segs"] = segments;
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+inline void Picture::putGateway(Json& json, const Wirl::RouteNextHop& hop, Wirl::AddressFamily af) const {
+  putEncap(json, hop);
   if (hop.gateway.af() == Wirl::AddressFamily::ipunknown) return;
   if (hop.gateway.af() == af) {
     json["gateway"] = textOf(hop.gateway);
@@ -391,6 +491,9 @@ inline void Picture::putMetrics(Json& json, const Wirl::RouteAttrs& attrs) const
       "ssthresh", "cwnd",    "advmss",   "reordering", "hoplimit", "initcwnd",
       "features", "rto_min", "initrwnd", "quickack",   "congctl",  "fastopen_no_cookie"};
   Json metrics;
+  const auto putCongestion = [&] {
+    if (!attrs.congestionControl.empty()) metrics["congestion"] = attrs.congestionControl;
+  };
   for (const auto& [type, value] : attrs.metrics) {
     if (type == RTAX_FEATURES) {
       if ((value & RTAX_FEATURE_ECN) != 0) metrics["ecn"] = nullptr;
@@ -398,11 +501,12 @@ inline void Picture::putMetrics(Json& json, const Wirl::RouteAttrs& attrs) const
       if ((value & ~kEcn) != 0) metrics["features"] = "0x" + hex(value & ~kEcn);
       continue;
     }
+    if (type > RTAX_CC_ALGO) putCongestion();
     if (type >= std::size(kNames) || !kNames[type]) continue;
     if (type == RTAX_HOPLIMIT && value == 0xffffffff) continue;
     metrics[kNames[type]] = type == RTAX_RTT ? value / 8 : type == RTAX_RTTVAR ? value / 4 : value;
   }
-  if (!attrs.congestionControl.empty()) metrics["congestion"] = attrs.congestionControl;
+  putCongestion();
   if (!attrs.metrics.empty() || !metrics.empty())
     json["metrics"] = Json::array({metrics.empty() ? Json::object() : metrics});
 }
@@ -412,15 +516,12 @@ inline Json Picture::of(const Wirl::Route& route) const {
                                            "anycast",  "multicast", "blackhole", "unreachable",
                                            "prohibit", "throw",     "nat",       "xresolve"};
   const Wirl::RouteAttrs& attrs = *route.attrs;
-  const auto prefixText = [](const Wirl::IpGenPrefix& prefix) {
-    return prefix.isHost() ? textOf(prefix.ipGenAddr()) : textOf(prefix);
-  };
   Json json;
   if (attrs.type != RTN_UNICAST) {
     json["type"] = attrs.type < std::size(kTypes) ? kTypes[attrs.type] : std::to_string(attrs.type);
   }
-  json["dst"] = route.key.prefix.len() == 0 ? "default" : prefixText(route.key.prefix);
-  if (attrs.source.af() != Wirl::AddressFamily::ipunknown) json["from"] = prefixText(attrs.source);
+  json["dst"] = route.key.prefix.len() == 0 ? "default" : textOf(route.key.prefix);
+  if (attrs.source.af() != Wirl::AddressFamily::ipunknown) json["from"] = textOf(attrs.source);
   if (attrs.tos != 0) {
     const std::string* const name = tosNames().find(attrs.tos);
     json["tos"] = name ? *name : "0x" + hex(attrs.tos, 2);
@@ -489,17 +590,130 @@ inline Json Picture::of(const Wirl::NeighborInfo& neighbor) const {
   return json;
 }
 
+inline Json Picture::of(const Wirl::NextHopInfo& nextHop) const {
+  Json json;
+  json["id"] = nextHop.id;
+  for (const auto& [id, weight] : nextHop.group) {
+    Json& member = json["group"].emplace_back(Json({{"id", id}}));
+    if (weight != 1) member["weight"] = weight;
+  }
+  if (nextHop.resilient) {
+    json["type"] = "resilient";
+    json["resilient_args"] = {{"buckets", nextHop.buckets},
+                              {"idle_timer", nextHop.idleTime / 100},
+                              {"unbalanced_timer", nextHop.unbalancedTime / 100}};
+  }
+  putGateway(json, nextHop.hop, nextHop.hop.gateway.af());
+  if (nextHop.hop.ifIndex != 0) json["dev"] = nameOf(nextHop.hop.ifIndex);
+  if (nextHop.scope != RT_SCOPE_UNIVERSE) json["scope"] = scopeNames().of(nextHop.scope);
+  if (nextHop.blackhole) json["blackhole"] = nullptr;
+  if (nextHop.protocol != RTPROT_UNSPEC) json["protocol"] = protocolNames().of(nextHop.protocol);
+  json["flags"] = routeFlags(nextHop.hop.flags);
+  if (nextHop.fdb) json["fdb"] = nullptr;
+  return json;
+}
+
+inline Json Picture::of(const Wirl::RouteRule& rule) const {
+  Json json;
+  json["priority"] = rule.priority;
+  if (rule.invert) json["not"] = nullptr;
+  const auto putPrefix = [&](const char* name, const char* len, const Wirl::IpGenPrefix& prefix) {
+    json[name] = textOf(prefix.ipGenAddr());
+    if (!prefix.isHost()) json[len] = prefix.len();
+  };
+  const bool hasFrom = rule.from.af() == rule.af;
+  hasFrom ? putPrefix("src", "srclen", rule.from) : static_cast<void>(json["src"] = "all");
+  if (rule.to.af() == rule.af) putPrefix("dst", "dstlen", rule.to);
+  if (rule.tos != 0) {
+    const std::string* const name = tosNames().find(rule.tos);
+    json["tos"] = name ? *name : "0x" + hex(rule.tos, 2);
+  }
+  if (rule.mark != 0 || rule.markMask != 0) {
+    json["fwmark"] = "0x" + hex(rule.mark);
+    if (rule.markMask != 0xffffffff) json["fwmask"] = "0x" + hex(rule.markMask);
+  }
+  const auto putInterface = [&](const std::string& name, const std::string& interface) {
+    if (interface.empty()) return;
+    json[name] = interface;
+    const auto link = links->findByName(interface);
+    if (!link || link->info().name != interface) json[name + "_detached"] = nullptr;
+  };
+  putInterface("iif", rule.inInterface);
+  putInterface("oif", rule.outInterface);
+  if (rule.l3Master) json["l3mdev"] = nullptr;
+  if (rule.uids) {
+    json["uid_start"] = rule.uids->first;
+    json["uid_end"] = rule.uids->second;
+  }
+  if (rule.ipProtocol != 0) {
+    const protoent* const known = getprotobynumber(rule.ipProtocol);
+    json["ipproto"] = known ? known->p_name : "ipproto-" + std::to_string(rule.ipProtocol);
+  }
+  const auto putPorts = [&](const std::string& name, const Wirl::RouteRule::Ports& ports) {
+    if (ports.isAny()) return;
+    if (ports.first == ports.last) {
+      json[name] = ports.first;
+    } else {
+      json[name + "_start"] = ports.first;
+      json[name + "_end"] = ports.last;
+    }
+  };
+  putPorts("sport", rule.sourcePorts);
+  putPorts("dport", rule.destinationPorts);
+  if (rule.tunnelId != 0) {
+    Kiv::U64 id = 0;
+    const auto* const octets = reinterpret_cast<const unsigned char*>(&rule.tunnelId);
+    for (std::size_t i = 0; i < sizeof(rule.tunnelId); ++i) id = id << 8 | octets[i];
+    json["tun_id"] = id;
+  }
+  if (rule.table != 0) {
+    json["table"] = tableNames().of(rule.table);
+    if (rule.suppressLength != -1) json["suppress_prefixlen"] = rule.suppressLength;
+    if (rule.suppressGroup != -1)
+      json["suppress_ifgroup"] = groupNames().of(static_cast<U32>(rule.suppressGroup));
+  }
+  if (rule.realms != 0) {
+    if (rule.realms >> 16 != 0) json["flow_from"] = realmNames().of(rule.realms >> 16);
+    json["flow_to"] = realmNames().of(rule.realms & 0xffff);
+  }
+  static constexpr const char* kActions[] = {"blackhole", "unreachable", "prohibit"};
+  if (rule.action == FR_ACT_GOTO) {
+    const auto& rules = routes->rules(rule.af);
+    const auto isTarget = [&](const Wirl::RouteRule& each) { return each.priority == rule.goTo; };
+    json["goto"] = rule.goTo;
+    if (std::none_of(rules.begin(), rules.end(), isTarget)) json["unresolved"] = nullptr;
+  }
+  if (rule.action == FR_ACT_NOP) json["nop"] = nullptr;
+  if (rule.action >= FR_ACT_BLACKHOLE && rule.action <= FR_ACT_PROHIBIT) {
+    json["action"] = kActions[rule.action - FR_ACT_BLACKHOLE];
+  }
+  if (rule.protocol != RTPROT_UNSPEC && rule.protocol != RTPROT_KERNEL) {
+    json["protocol"] = protocolNames().of(rule.protocol);
+  }
+  return json;
+}
+
+inline Json Picture::rules() const {
+  Json all = Json::array();
+  for (const auto af : {Wirl::AddressFamily::ipv4, Wirl::AddressFamily::ipv6}) {
+    for (const Wirl::RouteRule& rule : routes->rules(af)) all.push_back(of(rule));
+  }
+  return all;
+}
+
 inline Json Picture::document() const {
   Json document = Json::object();
   if (showLinks) document["links"] = membersOf(*links);
   if (addresses) document["addresses"] = membersOf(*addresses);
-  if (routes) {
+  if (routes && showRoutes) {
     Json& all = document["routes"] = Json::array();
     routes->forEach([&](const Wirl::Route& route) {
       if (isWanted(route)) all.push_back(of(route));
     });
   }
   if (neighbors) document["neighbors"] = membersOf(*neighbors);
+  if (nextHops) document["nexthops"] = membersOf(*nextHops);
+  if (showRules) document["rules"] = rules();
   return document;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Kiv/Assert.h"
+#include "Kiv/Exception.h"
 #include "Wirl/kernel/KernelChanges.h"
 #include "Wirl/kernel/detail/Attrs.h"
 
@@ -31,6 +32,9 @@ void check(const nlmsghdr& message) {
     KIV_ASSERT(neighbor.key.address.af() != AddressFamily::ipunknown);
     changes.neighborReplace(neighbor);
   }
+  NextHopInfo nextHop;
+  RouteRule rule;
+  if (parse(message, rule, unused)) changes.ruleAdd(rule);
   RouteMessage route;
   RouteKey key;
   S32 expires = 0;
@@ -39,7 +43,12 @@ void check(const nlmsghdr& message) {
   KIV_ASSERT(parseKey(message, key, expires, octets) == good);
   if (good) {
     KIV_ASSERT(key == route.key && key.prefix.validAsPrefix());
-    changes.routeReplace(key, route.attrs);
+  }
+  try {
+    if (parse(message, nextHop, unused)) changes.nextHopReplace(nextHop);
+    if (good) changes.routeReplace(key, route.attrs);
+  } catch (const Kiv::RangeException&) {
+    // An encapsulation may be long.
   }
   ackOf(message);
 }

@@ -38,12 +38,12 @@ Request::Request(U16 type, U16 flags) {
 
 void Request::put(U16 type, std::string_view octets) {
   KIV_ASSERT_AS(mnl_attr_put_check(header(), sizeof(buffer_), type, octets.size(), octets.data()),
-                "a netlink request fits in 8 KB");
+                "a netlink request fits in 16 KB");
 }
 
 std::size_t Request::putRaw(std::string_view octets) {
   const std::size_t place = header()->nlmsg_len;
-  KIV_ASSERT_AS(octets.size() <= sizeof(buffer_) - place - 4, "a netlink request fits in 8 KB");
+  KIV_ASSERT_AS(octets.size() <= sizeof(buffer_) - place - 4, "a netlink request fits in 16 KB");
   std::memcpy(buffer_ + place, octets.data(), octets.size());
   const std::size_t whole = padded(octets.size());
   std::memset(buffer_ + place + octets.size(), 0, whole - octets.size());

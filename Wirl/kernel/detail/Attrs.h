@@ -178,7 +178,7 @@ class Request {
     return static_cast<nlmsghdr*>(static_cast<void*>(const_cast<char*>(buffer_)));
   }
 
-  alignas(8) char buffer_[8192];
+  alignas(8) char buffer_[16384];
 };
 
 }  // namespace Wirl::detail

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/kernel/detail/Messages.h"
 
+#include <linux/fib_rules.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 
 #include "Wirl/kernel/detail/Attrs.h"
@@ -212,6 +214,7 @@ bool parse(const nlmsghdr& message, NeighborInfo& neighbor, U64& unused) {
   neighbor.key.ifIndex = static_cast<U32>(fixed->ndm_ifindex);
   neighbor.state = fixed->ndm_state;
   neighbor.flags = fixed->ndm_flags;
+  neighbor.key.proxy = (fixed->ndm_flags & NTF_PROXY) != 0;
   for (const Attr attr : Attrs(message, sizeof(ndmsg))) {
     switch (attr.type()) {
       case NDA_DST:
@@ -271,6 +274,9 @@ void parseNextHop(const Attr& attr, RouteNextHop& hop) {
       break;
     case RTA_ENCAP_TYPE:
       hop.encap = attr.as<U16>();
+      break;
+    case RTA_ENCAP:
+      hop.encapAttrs = attr.octets();
       break;
     default:
       break;
@@ -364,11 +370,9 @@ bool parse(const nlmsghdr& message, RouteMessage& route, U64& unused) {
       case RTA_VIA:
       case RTA_FLOW:
       case RTA_ENCAP_TYPE:
+      case RTA_ENCAP:
         parseNextHop(attr, single);
         hasSingle = true;
-        break;
-      case RTA_ENCAP:
-        ++unused;
         break;
       case RTA_MULTIPATH:
         attrs.multipath = true;
@@ -407,6 +411,173 @@ bool parse(const nlmsghdr& message, RouteMessage& route, U64& unused) {
   }
   if (hasSingle && !attrs.multipath) attrs.nextHops = {single};
   return true;
+}
+
+// Next-hop objects
+// -------------------------------------------------------------------------------------------
+
+bool parse(const nlmsghdr& message, NextHopInfo& nextHop, U64& unused) {
+  const auto* const fixed = fixedOf<nhmsg>(message);
+  if (!fixed) return false;
+  nextHop = NextHopInfo();
+  nextHop.af = fixed->nh_family == AF_INET    ? AddressFamily::ipv4
+               : fixed->nh_family == AF_INET6 ? AddressFamily::ipv6
+                                              : AddressFamily::ipunknown;
+  nextHop.scope = fixed->nh_scope;
+  nextHop.protocol = fixed->nh_protocol;
+  nextHop.hop.flags = static_cast<U8>(fixed->nh_flags);
+  for (const Attr attr : Attrs(message, sizeof(nhmsg))) {
+    const std::string_view octets = attr.octets();
+    switch (attr.type()) {
+      case NHA_ID:
+        nextHop.id = attr.as<U32>();
+        break;
+      case NHA_GROUP:
+        for (std::size_t at = 0; at + sizeof(nexthop_grp) <= octets.size(); at += sizeof(nexthop_grp)) {
+          // The id, the weight less one, and that weight's upper octet, which older kernels leave zero.
+          const auto octet = [&](std::size_t i) { return U32{static_cast<U8>(octets[at + i])}; };
+          NextHopInfo::Member member;
+          std::memcpy(&member.id, octets.data() + at, sizeof(member.id));
+          member.weight = (octet(5) << 8) + octet(4) + 1;
+          nextHop.group.push_back(member);
+        }
+        break;
+      case NHA_GROUP_TYPE:
+        nextHop.resilient = attr.as<U16>() == NEXTHOP_GRP_TYPE_RES;
+        break;
+      case NHA_RES_GROUP:
+        for (const Attr each : Attrs(octets)) {
+          if (each.type() == NHA_RES_GROUP_BUCKETS) nextHop.buckets = each.as<U16>();
+          if (each.type() == NHA_RES_GROUP_IDLE_TIMER) nextHop.idleTime = each.as<U32>();
+          if (each.type() == NHA_RES_GROUP_UNBALANCED_TIMER) nextHop.unbalancedTime = each.as<U32>();
+        }
+        break;
+      case NHA_BLACKHOLE:
+        nextHop.blackhole = true;
+        break;
+      case NHA_FDB:
+        nextHop.fdb = true;
+        break;
+      case NHA_OIF:
+        nextHop.hop.ifIndex = attr.as<U32>();
+        break;
+      case NHA_GATEWAY:
+        nextHop.hop.gateway = attr.address();
+        break;
+      case NHA_ENCAP_TYPE:
+        nextHop.hop.encap = attr.as<U16>();
+        break;
+      case NHA_ENCAP:
+        nextHop.hop.encapAttrs = octets;
+        break;
+      default:
+        ++unused;
+    }
+  }
+  return nextHop.id != 0;
+}
+
+// Rules
+// ------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Newer than some headers.
+constexpr U16 kFraSportMask = 28, kFraDportMask = 29;
+
+}  // namespace
+
+bool parse(const nlmsghdr& message, RouteRule& rule, U64& unused) {
+  const auto* const fixed = fixedOf<fib_rule_hdr>(message);
+  if (!fixed || (fixed->family != AF_INET && fixed->family != AF_INET6)) return false;
+  rule = RouteRule();
+  rule.af = zeroOf(fixed->family).af();
+  rule.invert = (fixed->flags & FIB_RULE_INVERT) != 0;
+  rule.tos = fixed->tos;
+  rule.action = fixed->action;
+  rule.table = fixed->table;
+  const auto takePorts = [](const Attr& attr, RouteRule::Ports& ports) {
+    const auto range = attr.as<fib_rule_port_range>();
+    ports.first = range.start;
+    ports.last = range.end;
+  };
+  for (const Attr attr : Attrs(message, sizeof(fib_rule_hdr))) {
+    switch (attr.type()) {
+      case FRA_SRC:
+        rule.from = prefixOf(attr.address(), fixed->src_len);
+        break;
+      case FRA_DST:
+        rule.to = prefixOf(attr.address(), fixed->dst_len);
+        break;
+      case FRA_IIFNAME:
+        rule.inInterface = attr.text();
+        break;
+      case FRA_OIFNAME:
+        rule.outInterface = attr.text();
+        break;
+      case FRA_PRIORITY:
+        rule.priority = attr.as<U32>();
+        break;
+      case FRA_FWMARK:
+        rule.mark = attr.as<U32>();
+        break;
+      case FRA_FWMASK:
+        rule.markMask = attr.as<U32>();
+        break;
+      case FRA_GOTO:
+        rule.goTo = attr.as<U32>();
+        break;
+      case FRA_TABLE:
+        rule.table = attr.as<U32>();
+        break;
+      case FRA_SUPPRESS_PREFIXLEN:
+        rule.suppressLength = attr.as<S32>();
+        break;
+      case FRA_SUPPRESS_IFGROUP:
+        rule.suppressGroup = attr.as<S32>();
+        break;
+      case FRA_FLOW:
+        rule.realms = attr.as<U32>();
+        break;
+      case FRA_TUN_ID:
+        rule.tunnelId = attr.as<U64>();
+        break;
+      case FRA_L3MDEV:
+        rule.l3Master = attr.as<U8>() != 0;
+        break;
+      case FRA_UID_RANGE: {
+        const auto range = attr.as<fib_rule_uid_range>();
+        rule.uids = {range.start, range.end};
+        break;
+      }
+      case FRA_PROTOCOL:
+        rule.protocol = attr.as<U8>();
+        break;
+      case FRA_IP_PROTO:
+        rule.ipProtocol = attr.as<U8>();
+        break;
+      case FRA_SPORT_RANGE:
+        takePorts(attr, rule.sourcePorts);
+        break;
+      case FRA_DPORT_RANGE:
+        takePorts(attr, rule.destinationPorts);
+        break;
+      case kFraSportMask:
+        rule.sourcePorts.mask = attr.as<U16>();
+        break;
+      case kFraDportMask:
+        rule.destinationPorts.mask = attr.as<U16>();
+        break;
+      case FRA_PAD:
+        break;
+      default:
+        // By code points or flow labels, for example.
+        rule.other = true;
+        ++unused;
+    }
+  }
+  return (fixed->src_len == 0 || rule.from.af() == rule.af) &&
+         (fixed->dst_len == 0 || rule.to.af() == rule.af);
 }
 
 }  // namespace Wirl::detail

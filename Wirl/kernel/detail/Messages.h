@@ -4,6 +4,7 @@
 #include "Wirl/kernel/AddressView.h"
 #include "Wirl/kernel/LinkView.h"
 #include "Wirl/kernel/NeighborView.h"
+#include "Wirl/kernel/NextHopView.h"
 #include "Wirl/kernel/RouteView.h"
 
 struct nlmsghdr;
@@ -15,6 +16,8 @@ namespace Wirl::detail {
 bool parse(const nlmsghdr& message, LinkInfo& link, U64& unused);
 bool parse(const nlmsghdr& message, AddressInfo& address, U64& unused);
 bool parse(const nlmsghdr& message, NeighborInfo& neighbor, U64& unused);
+bool parse(const nlmsghdr& message, NextHopInfo& nextHop, U64& unused);
+bool parse(const nlmsghdr& message, RouteRule& rule, U64& unused);
 
 struct RouteMessage {
   RouteKey key;
