@@ -50,6 +50,16 @@ std::multiset<std::string> canonical(const Json& members) {
   return rows;
 }
 
+/// Without what the kernel does not tell of.
+Json toldOf(const std::string& kind, const Json& members) {
+  Json told = Json::array();
+  for (Json member : members) {
+    for (const char* const field : {"ifalias", "group", "txqlen"}) member.erase(field);
+    if (kind != "proxies" && !member.contains("tentative")) told.push_back(member);
+  }
+  return told;
+}
+
 /// The state as ip(8) has it, in the form of the views' document.
 Json ipDocument(const NetNs& ns) {
   Json document = {{"links", ipJson(ns, "link")}, {"addresses", Json::array()}};
@@ -119,7 +129,6 @@ struct Views {
     picture.nextHops = nextHops = nextHopViewFactory("nexthops", name);
     picture.showRules = true;
     for (KernelView* const view : all()) view->rxBufIs(rxBuf);
-    for (KernelView* const view : {all()[0], all()[3]}) view->refreshTimeIs(std::chrono::milliseconds(50));
   }
   std::array<KernelView*, 5> all() const {
     return {links.get(), addresses.get(), routes.get(), neighbors.get(), nextHops.get()};
@@ -163,7 +172,13 @@ void expectSameAsIp(const Views& views, const NetNs& ns) {
       std::string rows;
       for (const auto& row : a) rows += b.count(row) == a.count(row) ? "" : "  ip " + row + "\n";
       for (const auto& row : b) rows += a.count(row) == b.count(row) ? "" : "  we " + row + "\n";
-      if (!rows.empty()) difference += kind + "\n" + rows;
+      if (rows.empty()) continue;
+      difference += kind + "\n" + rows;
+      KernelView* const view = kind == "links"       ? views.all()[0]
+                               : kind == "addresses" ? views.all()[1]
+                               : kind == "proxies"   ? views.all()[3]
+                                                     : nullptr;
+      if (view && canonical(toldOf(kind, members)) == canonical(toldOf(kind, got[kind]))) view->resync();
     }
     if (difference.empty() && views.inSync()) return;
   }
