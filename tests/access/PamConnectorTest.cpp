@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "Kiv/Kiv.h"
+#include "Wirl/access/PamMux.h"
 #include "tests/support/AllocationCounter.h"
 #include "tests/support/TraceCapture.h"
 
@@ -44,14 +46,14 @@ class PamConnectorTest : public testing::Test {
   Kiv::Ptr<PamConnector> cable = PamConnectorIs(clock);
 };
 
-/// A cable beside a model of it: two queues, their counts and the time of the tick. What is done is drawn by
-/// lot, also what reactors do at each point at which they run.
+/// A cable beside a model of it: two queues, their counts and the time of the tick. A seed draws the actions, also
+/// those of reactors at each point at which they run.
 class PamConnectorModelTest : public PamConnectorTest, public testing::WithParamInterface<unsigned> {
  protected:
   struct Frame {
     std::string text;
     bool tagged;
-    Pkt::Ptr pkt, holder;  // the holder, if there is one, has the same bytes
+    Pkt::Ptr pkt, holder;  // the holder, if any, shares the bytes
   };
   struct End {
     Kiv::Ptr<PamConnectorPam> pam;
@@ -61,17 +63,17 @@ class PamConnectorModelTest : public PamConnectorTest, public testing::WithParam
     S32 txErrno = 0;
     std::vector<Kiv::Reactor> reactors;
   };
-  /// A send or a tick at work: of what reactors throw, the first leaves it.
+  /// A send or tick in progress. The first exception of its reactors leaves it.
   struct Deed {
     End* from = nullptr;
     Frame frame;
-    bool open = true, queued = false;  // open: not yet queued or lost
+    bool open = true, queued = false;  // open: neither queued nor lost yet
     std::optional<int> thrown;
     U32 told[2] = {0, 0}, toTell[2] = {0, 0};
   };
 
   void SetUp() override {
-    Pkt::Manager::cacheLimitIs(0);  // so that a lack of memory is felt
+    Pkt::Manager::cacheLimitIs(0);  // every packet is an allocation, which can fail
     draw.seed(GetParam());
     deeds.reserve(100);
     renew();
@@ -141,7 +143,7 @@ class PamConnectorModelTest : public PamConnectorTest, public testing::WithParam
   }
   void maxBufferIs(End& end) { end.pam->maxBufferIs(end.maxBuffer = lot(40)); }
 
-  /// Whether there is room for a frame sent by `from`; if not, it is lost.
+  /// Returns whether there is room for a frame that `from` sends. If not, it is lost.
   bool admits(End& from) {
     End& to = other(from);
     const bool full = to.queue.size() > to.maxBuffer;
@@ -153,7 +155,7 @@ class PamConnectorModelTest : public PamConnectorTest, public testing::WithParam
     if (full || noMemory) ++from.writable;
     return !full && !noMemory;
   }
-  /// A send after its frame was shown.
+  /// The part of a send that follows `peekPkt`.
   void settle(Deed& deed) {
     if (!std::exchange(deed.open, false)) return;
     End& from = *deed.from;
@@ -188,7 +190,7 @@ class PamConnectorModelTest : public PamConnectorTest, public testing::WithParam
     if (deed.queued && from.pam->pamConnector()) scheduled();
     if (deed.thrown && !deeds.empty()) throw *deed.thrown;
   }
-  /// Does it and sees to it that what leaves it is what was thrown first.
+  /// Runs the action; the exception that leaves it must be the first that was thrown.
   template <typename Action>
   void act(Deed& deed, Action action) {
     deeds.push_back(&deed);
@@ -310,14 +312,13 @@ TEST_P(PamConnectorModelTest, DoesWhatTheModelDoes) {
 }
 INSTANTIATE_TEST_SUITE_P(Seeds, PamConnectorModelTest, testing::Range(1u, 9u));
 
-TEST_F(PamConnectorTest, StartUpIsDoneOnceAndCanBeTriedAgain) {
-  const Kiv::Ptr<PamConnectorPam> pam0 = cable->pam("pam0");
+TEST_F(PamConnectorTest, StartUpIsDoneOnceAndEndsOutliveTheConnectorWhoseTickIsFinished) {
+  const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
   EXPECT_EQ(pam0->name(), "pam0");
   EXPECT_EQ(pam0->maxBuffer(), 1024u);
   cable->handleInitializedBase();
   EXPECT_EQ(cable->pam("pam0"), pam0);
   EXPECT_EQ(pam0->writableCount(), 1u);
-
   const auto fresh = PamConnectorIs(clock);
   EXPECT_EQ(fresh->pam("pam0"), nullptr);
   fresh->pamIs(Kiv::makePtr<PamConnectorPam>("pam0", nullptr));
@@ -325,10 +326,7 @@ TEST_F(PamConnectorTest, StartUpIsDoneOnceAndCanBeTriedAgain) {
   loop.runFor(0.001);  // a tick before start-up does nothing
   EXPECT_EQ(fresh->pam("pam0")->readableCount(), 0u);
   EXPECT_EQ(clock->timeMin(), Kiv::timeInfinite);
-}
 
-TEST_F(PamConnectorTest, EndsOutliveTheConnectorAndATickThatHasBegunIsFinished) {
-  const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
   for (int i = 0; i < 3; ++i) pam0->txPktIs(pktOf("x"));
   const Kiv::Reactor drop(pam1->readableCount, [&] { cable = nullptr; });
   loop.runFor(0.001);
@@ -373,9 +371,92 @@ TEST_F(PamConnectorTest, TracesItsRoad) {
                   "PamConnector/2:PamConnector: handleClock pam1, remaining packets: 1"));
 }
 
-using PamConnectorDeathTest = PamConnectorTest;
+/// Random keys and packets, against a search through all clients.
+TEST_F(PamConnectorTest, ADemuxGivesAPacketToTheFirstClientWhoseKeyOrFunctionMatches) {
+  const auto demux = pamDemuxFactory("demux", cable->pam("pam1"), PamDemux::Layer::frame);
+  std::mt19937 draw(1);
+  const auto lot = [&](U32 below) { return static_cast<U32>(draw() % below); };
+  struct Client {
+    PamKey key;
+    int letter;  // of the payload, or -1: by key
+    Kiv::Ptr<PamMuxPam> pam;
+  };
+  std::vector<Client> clients;
+  const auto address = [&](bool v6) {
+    return v6 ? IpGenAddr(Ip6Addr(0xff02ull << 48, lot(3)))
+              : IpGenAddr(IpAddr(224, 0, 0, static_cast<U8>(lot(3))));
+  };
+  U64 unmatched = 0, matched = 0;
+  for (int step = 0; step < 3000; ++step) {
+    if (clients.size() < 200 && lot(3) == 0) {
+      Client client{{}, lot(8) == 0 ? static_cast<int>('a' + lot(4)) : -1, nullptr};
+      if (client.letter >= 0) {
+        const auto letter = static_cast<U8>(client.letter);
+        client.pam = demux->clientIs(
+            "client", [letter](const Pkt::Ptr& pkt) { return pkt->rawByte(pkt->bytes() - 1) == letter; });
+      } else {
+        if (lot(2) == 0) client.key.ethType = lot(2) == 0 ? 0x0800 : 0x86dd;
+        if (lot(2) == 0) client.key.protocol = lot(2) == 0 ? U8{17} : static_cast<U8>(89 + lot(8));
+        if (lot(2) == 0) client.key.port = static_cast<U16>(lot(5));
+        if (lot(2) == 0 || client.key == PamKey()) client.key.group = address(lot(2) == 0);
+        client.pam = demux->clientIs("client", client.key);
+      }
+      clients.push_back(client);
+    } else if (clients.size() > 20 && lot(2) == 0) {
+      clients.erase(clients.begin() + static_cast<std::ptrdiff_t>(lot(static_cast<U32>(clients.size()))));
+    }
+    const bool v6 = lot(2) == 0;
+    const IpGenAddr group = address(v6);
+    const U8 protocol = lot(2) == 0 ? U8{17} : static_cast<U8>(89 + lot(8));
+    const bool fragment = lot(8) == 0, extended = v6 && lot(2) == 0;
+    const U16 port = static_cast<U16>(lot(5));
+    const char letter = static_cast<char>('a' + lot(26));
+    std::string header(v6 ? 40 : 20, '\0');
+    header[0] = v6 ? 0x60 : 0x45;
+    header[v6 ? 6 : 9] = static_cast<char>(protocol);
+    group.copyToBuffer(reinterpret_cast<unsigned char*>(&header[v6 ? 24 : 16]));
+    if (fragment && !v6) header[7] = 1;
+    if (extended) header[6] = 0, header += std::string{static_cast<char>(protocol), 0, 1, 4, 0, 0, 0, 0};
+    if (fragment && v6) {
+      header[extended ? 40 : 6] = 44;
+      header += std::string{static_cast<char>(protocol), 0, 0, 8, 0, 0, 0, 0};
+    }
+    const std::string tag = lot(2) == 0 ? std::string("\x81\0\0\x05", 4) : "";
+    const std::string frame = "ddddddssssss" + tag + std::string(v6 ? "\x86\xdd" : "\x08\0", 2) + header +
+                              std::string("\0\x63\0", 3) + static_cast<char>(port) + std::string(8, letter);
+    PamKey key{v6 ? U16{0x86dd} : U16{0x0800}, protocol, std::nullopt, group};
+    if (protocol == 17 && !fragment) key.port = port;
+    ASSERT_EQ(PamDemux::keyOf(*pktOf(frame), PamDemux::Layer::frame), key);
+    const auto wanted = std::find_if(clients.begin(), clients.end(), [&](const Client& each) {
+      const auto fits = [](const auto& asked, const auto& has) { return !asked || asked == has; };
+      if (each.letter >= 0) return each.letter == letter;
+      return fits(each.key.ethType, key.ethType) && fits(each.key.protocol, key.protocol) &&
+             fits(each.key.port, key.port) && fits(each.key.group, key.group);
+    });
+    cable->pam("pam0")->txPktIs(pktOf(frame));
+    loop.runFor(0.002);
+    wanted == clients.end() ? ++unmatched : ++matched;
+    ASSERT_EQ(demux->rxUnmatched(), unmatched);
+    for (const Client& each : clients) {
+      const Pkt::Ptr got = each.pam->rxPkt();
+      ASSERT_EQ(got != nullptr, wanted != clients.end() && &each == &*wanted);
+    }
+  }
+  EXPECT_GT(matched, 500u);
+  EXPECT_GT(unmatched, 100u);
+  // Whoever sends while all are told that they may is told again.
+  const auto eager = demux->clientIs("eager");
+  U32 told = 0;
+  const Kiv::Reactor onWritable(eager->writableCount, [&] {
+    if (++told < 4) eager->txPktIs(pktOf("more"));
+  });
+  cable->pam("pam1")->writableCountInc(1);
+  EXPECT_EQ(told, 4u);
+  EXPECT_EQ(PamDemux::keyOf(*pktOf("short"), PamDemux::Layer::frame), PamKey());
+  EXPECT_EQ(PamDemux::keyOf(*pktOf("\x45"), PamDemux::Layer::ip), PamKey());
+}
 
-TEST_F(PamConnectorDeathTest, ProgrammingErrorsEndTheProcess) {
+TEST_F(PamConnectorTest, ProgrammingErrorsEndTheProcess) {
   const auto pam0 = cable->pam("pam0");
   EXPECT_DEATH(pam0->txPktIs(nullptr), "pkt != __null");
   EXPECT_DEATH(cable->pamIs(nullptr), "pam");

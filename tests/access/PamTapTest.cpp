@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What goes through a tap is what an analyser reads from its captures.
+// An analyser reads from a tap's captures exactly what went through it.
 
 #include "Wirl/access/PamTap.h"
 
@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <deque>
 #include <fstream>
@@ -15,11 +14,13 @@
 #include <sstream>
 #include <string>
 
+#include "tests/support/Shell.h"
+
 namespace {
 
 using Wirl::Pkt;
 
-/// Refuses every 7th packet and has no room for every 5th; changes all that it is given, as an owner may.
+/// Refuses every 7th packet, drops every 5th, and changes every packet that it is given, as an owner may.
 class Fickle final : public Wirl::Pam {
  public:
   using Pam::Pam;
@@ -49,16 +50,12 @@ std::string read(const std::string& capture) {
   std::string name = testing::TempDir() + "wirlTapXXXXXX";
   close(mkstemp(name.data()));
   std::ofstream(name, std::ios::binary) << capture;
-  const std::string command =
-      "tshark -n -r " + name +
-      " -T fields -E separator=';' -e frame.interface_name -e frame.packet_flags_direction"
-      " -e frame.len -e frame.cap_len -e vlan.id -e frame.comment 2>/dev/null";
-  std::FILE* const output = popen(command.c_str(), "r");
-  std::string text;
-  for (int c; (c = std::fgetc(output)) != EOF;) text += static_cast<char>(c);
-  EXPECT_EQ(pclose(output), 0) << text;
-  // tcpdump takes the same file.
-  EXPECT_EQ(std::system(("tcpdump -n -r " + name + " >/dev/null 2>&1").c_str()), 0);
+  Shell tshark("tshark -n -r " + name +
+               " -T fields -E separator=';' -e frame.interface_name -e frame.packet_flags_direction"
+               " -e frame.len -e frame.cap_len -e vlan.id -e frame.comment 2>/dev/null");
+  std::string text = tshark.rest();
+  EXPECT_EQ(tshark.status(), 0) << text;
+  EXPECT_EQ(Shell("tcpdump -n -r " + name).status(), 0);  // reads the same file
   unlink(name.c_str());
   return text;
 }

@@ -5,13 +5,12 @@
 #include <net/if.h>
 
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
 
-#include "Kiv/Exception.h"
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/value/NamespaceName.h"
+#include "tests/support/Failure.h"
 #include "tests/support/NetNs.h"
 
 /// Two namespaces with a wire between them.
@@ -25,16 +24,15 @@ struct Wire {
   static Wirl::NamespaceName nameOf(const NetNs& ns) { return Wirl::NamespaceName(ns.name()); }
 };
 
-/// Tests that need a wire.
 class WireTest : public NetNsTest {
  protected:
-  /// One for all tests of a suite, made for the first of them.
+  /// One for all tests of a suite; the first test makes it.
   const Wire& shared() {
     if (!shared_) shared_ = std::make_unique<Wire>("");
     return *shared_;
   }
   static void TearDownTestSuite() { shared_ = nullptr; }
-  /// For a test that changes more than it can put back.
+  /// For a test that changes what it cannot restore.
   const Wire& own() {
     own_ = std::make_unique<Wire>("own");
     return *own_;
@@ -45,7 +43,7 @@ class WireTest : public NetNsTest {
   std::unique_ptr<Wire> own_;
 };
 
-/// Writes 1 to a file of /proc/sys/net as the namespace has it.
+/// Writes 1 to a file of the namespace's /proc/sys/net.
 inline void switchOn(const NetNs& ns, const std::string& setting) {
   runIn(ns, [&] { std::ofstream("/proc/sys/net/" + setting) << "1\n"; });
 }
@@ -56,12 +54,3 @@ inline Wirl::Pkt::Ptr pktOf(std::string_view octets) {
   return pkt;
 }
 
-/// The message of the `ErrnoException` that `action` throws and its errno; empty for none.
-inline std::string failureOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const Kiv::ErrnoException& failure) {
-    return failure.message() + " " + std::to_string(failure.error());
-  }
-  return "";
-}

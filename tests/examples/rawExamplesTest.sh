@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs pingResponder and frameTap as a user would.  Usage: rawExamplesTest.sh FOLDER-OF-THE-PROGRAMS
 set -uo pipefail
+PATH=$PATH:/usr/sbin
 source "$(dirname "$0")/support.sh"
 two_namespaces
 ip netns exec "$red" sysctl -qw net.ipv4.icmp_echo_ignore_all=1 net.ipv6.icmp.echo_ignore_all=1
@@ -68,5 +69,25 @@ in_file 5 "192.0.2.2 > 192.0.2.1: ICMP echo request"
 in_file 5 "192.0.2.1 > 192.0.2.2: ICMP echo reply"
 in_file 3 "ethertype 802.1Q (0x8100), length 64: vlan 5, p 1"
 in_file 1 "bad cksum abcd"
+
+# Hellos of a routing daemon (RFC 2328, RFC 5340), which go to multicast groups.
+if ! command -v bird >/dev/null; then
+  expect "bird2 is not installed" [ -z "${CI:-}" ]
+  exit $((failures > 0))
+fi
+{
+  echo 'router id 192.0.2.2; protocol device {}'
+  for version in 2 3; do echo "protocol ospf v$version { area 0 { interface \"v0\" { hello 1; dead 4; }; }; }"; done
+} >"$folder/bird.conf"
+start frames "$programs/frameTap" --netns "$red" --filter "ip proto 89 or ip6 proto 89" --write "$folder/pcap" v0
+frames=$!
+ip netns exec "$blue" bird -f -c "$folder/bird.conf" -s "$folder/bird.ctl" >"$folder/bird" 2>&1 &
+for _ in $(seq 200); do
+  tcpdump -n -r "$folder/pcap" >"$folder/tcpdump" 2>/dev/null
+  grep -q "224.0.0.5: OSPFv2, Hello" "$folder/tcpdump" && grep -q "ff02::5: OSPFv3, Hello" "$folder/tcpdump" && break
+  sleep 0.05
+done
+expect "hellos of both protocols: $(cat "$folder/bird" "$folder/tcpdump")" [ "$(grep -c Hello "$folder/tcpdump")" -ge 2 ]
+interrupt $frames
 
 exit $((failures > 0))

@@ -16,7 +16,7 @@ constinit thread_local std::uint64_t refusals = 0;
 constinit thread_local bool ofNew = false;
 constinit std::atomic<std::int64_t> blocks = 0;
 
-/// Whether the next allocation is to fail, which then counts as made.
+/// Whether the next allocation fails. A refused one counts as made.
 bool refused(std::size_t size) noexcept {
   if (size < refusedFrom && made + 1 - refusedNth >= refusedTimes) return false;
   ++made;
@@ -82,7 +82,7 @@ std::int64_t AllocationCounter::live() noexcept {
 
 const bool AllocationRefusal::works = false;
 
-// A sanitizer brings an allocator of its own, and hooks into it.
+// A sanitizer has its own allocator, with hooks.
 extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*onMalloc)(const volatile void*, std::size_t),
                                                          void (*onFree)(const volatile void*));
 
@@ -94,7 +94,7 @@ namespace {
 
 const bool AllocationRefusal::works = true;
 
-// These take the place of the C library's own for the whole program, operator new included, which calls them.
+// These replace the C library's own in the whole program. Operator new calls them, too.
 extern "C" {
 void* __libc_malloc(std::size_t);
 void* __libc_calloc(std::size_t, std::size_t);
@@ -123,18 +123,8 @@ void* realloc(void* block, std::size_t size) noexcept {
   if (moved || size == 0) countFree(block);
   return moved;
 }
-void* memalign(std::size_t alignment, std::size_t size) noexcept {
-  return refusedMalloc(size) ? nullptr : counted(__libc_memalign(alignment, size));
-}
 void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-  return memalign(alignment, size);
-}
-int posix_memalign(void** block, std::size_t alignment, std::size_t size) noexcept {
-  if (alignment % sizeof(void*) != 0 || (alignment & (alignment - 1)) != 0 || alignment == 0) return EINVAL;
-  void* const memory = memalign(alignment, size);
-  if (!memory) return ENOMEM;
-  *block = memory;
-  return 0;
+  return refusedMalloc(size) ? nullptr : counted(__libc_memalign(alignment, size));
 }
 void free(void* block) noexcept {
   countFree(block);
@@ -150,10 +140,10 @@ void* allocated(std::size_t size) noexcept {
 }
 }  // namespace
 
-// GCC takes the malloc() that it inlines for one that somebody else pairs with delete.
+// GCC sees through operator new to malloc(), and misses the free() in operator delete.
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
 
-// Without a sanitizer, arrays come to these, too.
+// The array forms call these.
 void* operator new(std::size_t size) {
   if (void* const block = allocated(size)) return block;
   throw std::bad_alloc();

@@ -4,14 +4,14 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Counts the heap allocations of the calling thread from its making on: by new and by malloc and its kin, in
-/// the program and in every library that it uses. Works with and without a sanitizer.
+/// Counts the heap allocations that the calling thread makes from the construction on, by new, malloc, calloc,
+/// realloc and aligned_alloc, in the program and in all its libraries. Works with and without a sanitizer.
 class AllocationCounter {
  public:
-  /// Ends the process when it finds that allocations are not counted, since no test would notice.
+  /// Ends the process if allocations are not counted: no test would notice.
   AllocationCounter() noexcept;
   std::uint64_t allocations() const noexcept { return total() - atStart_; }
-  /// Blocks that are allocated now, by any thread, less a constant.
+  /// Blocks now allocated by all threads, less a constant.
   static std::int64_t live() noexcept;
 
  private:
@@ -19,18 +19,17 @@ class AllocationCounter {
   std::uint64_t atStart_;
 };
 
-/// Makes allocations of the calling thread fail while it lives; with a sanitizer, or `ofNew`, only those by
-/// new.
+/// While it lives, allocations of the calling thread fail. With a sanitizer, or `ofNew`, only those by new do.
 class AllocationRefusal {
  public:
-  static const bool works;  // also for malloc
+  static const bool works;  // whether malloc fails, too
 
-  /// Those of `from` octets and more.
+  /// Fails allocations of `from` octets or more.
   explicit AllocationRefusal(std::size_t from) noexcept;
-  /// The `nth` from now (1: the next), and those behind it up to `times`.
+  /// Fails the `nth` allocation from now (1: the next) and the next ones, `times` in all.
   AllocationRefusal(std::uint64_t nth, std::uint64_t times, bool ofNew = false) noexcept;
   ~AllocationRefusal();
-  /// How many the youngest refused.
+  /// How many allocations the latest refusal failed.
   static std::uint64_t refused() noexcept;
   AllocationRefusal(const AllocationRefusal&) = delete;
   AllocationRefusal& operator=(const AllocationRefusal&) = delete;

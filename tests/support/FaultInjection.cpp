@@ -26,7 +26,7 @@ std::atomic<bool> any{false};
 
 }  // namespace
 
-/// What is to become of one call.
+/// Decides one call.
 struct Verdict : Mishap {
   explicit Verdict(Call call) {
     if (!any.load(std::memory_order_acquire)) return;
@@ -42,7 +42,7 @@ struct Verdict : Mishap {
     }
     if (before) before();
   }
-  /// The failure of a call that returns -1 and sets errno.
+  /// For calls that report failure by -1 and errno.
   int failure() const {
     errno = error;
     return -1;
@@ -91,14 +91,14 @@ class Cut {
 
 }  // namespace
 
-// Declares the real call and its wrapper, and begins the wrapper. Arguments that a caller may leave out are
-// passed on as they are found; the real call does not look at them.
+// Declares the real call and its wrapper, and begins the wrapper. Optional arguments are passed on as they are
+// found; the real call ignores those that its caller left out.
 #define WRAPPER(result, name, ...)              \
   extern "C" result __real_##name(__VA_ARGS__); \
   extern "C" result __wrap_##name(__VA_ARGS__); \
   extern "C" result __wrap_##name(__VA_ARGS__)
 
-// A call that fails or does not.
+// A call that reports failure by -1 and errno.
 #define CALL(result, name, parameters, ...)                                     \
   WRAPPER(result, name, UNPACK parameters) {                                    \
     const Verdict verdict(Call::name);                                          \
@@ -106,33 +106,27 @@ class Cut {
   }
 #define UNPACK(...) __VA_ARGS__
 
-CALL(int, accept, (int fd, sockaddr* peer, socklen_t* length), fd, peer, length)
 CALL(int, accept4, (int fd, sockaddr* peer, socklen_t* length, int flags), fd, peer, length, flags)
 CALL(int, bind, (int fd, const sockaddr* address, socklen_t length), fd, address, length)
 CALL(int, connect, (int fd, const sockaddr* address, socklen_t length), fd, address, length)
 CALL(int, epoll_create1, (int flags), flags)
-CALL(int, epoll_pwait2, (int fd, epoll_event* events, int count, const timespec* time, const sigset_t* mask),
-     fd, events, count, time, mask)
 CALL(int, epoll_wait, (int fd, epoll_event* events, int count, int timeout), fd, events, count, timeout)
 CALL(int, fcntl, (int fd, int command, void* argument), fd, command, argument)
 CALL(int, getsockopt, (int fd, int level, int option, void* value, socklen_t* length), fd, level, option,
      value, length)
 CALL(int, ioctl, (int fd, unsigned long request, void* argument), fd, request, argument)
 CALL(int, open, (const char* path, int flags, mode_t mode), path, flags, mode)
-CALL(int, openat, (int folder, const char* path, int flags, mode_t mode), folder, path, flags, mode)
 CALL(int, setns, (int fd, int type), fd, type)
 CALL(int, setsockopt, (int fd, int level, int option, const void* value, socklen_t length), fd, level, option,
      value, length)
 CALL(int, socket, (int family, int type, int protocol), family, type, protocol)
 CALL(int, timerfd_create, (int clock, int flags), clock, flags)
-CALL(int, timerfd_settime, (int fd, int flags, const itimerspec* time, itimerspec* old), fd, flags, time, old)
 CALL(ssize_t, read, (int fd, void* data, std::size_t size), fd, data, verdict.limited(size))
 CALL(ssize_t, recv, (int fd, void* data, std::size_t size, int flags), fd, data, verdict.limited(size), flags)
 CALL(ssize_t, send, (int fd, const void* data, std::size_t size, int flags), fd, data, verdict.limited(size),
      flags)
 CALL(int, recvmmsg, (int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout), fd, messages,
      static_cast<unsigned>(verdict.limited(count)), flags, timeout)
-
 CALL(int, sendmmsg, (int fd, mmsghdr* messages, unsigned count, int flags), fd, messages,
      static_cast<unsigned>(verdict.limited(count)), flags)
 
@@ -143,7 +137,7 @@ WRAPPER(void*, mmap, void* at, std::size_t size, int protection, int flags, int 
   return MAP_FAILED;
 }
 
-// To stop watching needs nothing that the kernel could lack.
+// EPOLL_CTL_DEL is never refused: it needs nothing that the kernel could lack.
 WRAPPER(int, epoll_ctl, int fd, int operation, int watched, epoll_event* event) {
   if (operation == EPOLL_CTL_DEL) return __real_epoll_ctl(fd, operation, watched, event);
   const Verdict verdict(Call::epoll_ctl);

@@ -33,7 +33,7 @@ namespace {
 struct Kind {
   Call call;
   const char* name;
-  std::array<int, 3> errors;  // those that come first in the life of a daemon
+  std::array<int, 3> errors;  // the most frequent ones of a daemon's life
 };
 constexpr Kind kMemory = {{}, "allocation", {ENOMEM}};
 constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENOBUFS}},
@@ -43,7 +43,6 @@ constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENO
                            {Call::epoll_create1, "epoll_create1", {EMFILE}},
                            {Call::epoll_ctl, "epoll_ctl", {ENOMEM, ENOSPC}},
                            {Call::epoll_wait, "epoll_wait", {EINTR, ENOMEM}},
-                           {Call::epoll_pwait2, "epoll_pwait2", {EINTR, ENOSYS}},
                            {Call::fcntl, "fcntl", {EMFILE}},
                            {Call::getsockopt, "getsockopt", {ENOBUFS}},
                            {Call::ioctl, "ioctl", {ENODEV}},
@@ -63,25 +62,15 @@ constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENO
                            {Call::writev, "writev", {EAGAIN, EPIPE, ENOBUFS}}};
 
 constexpr int kSecondsOfAPoint = 30;
-char point[256];  // the one at work
+char point[256];  // the current one
 
-/// Says at which point the process ends.
+/// Names the point at which the process ends.
 void tellPoint(int signal) {
   const char* const parts[] = {"\nfault sweep: signal ", sigabbrev_np(signal), " at ", point, "\n"};
   for (const char* part : parts) static_cast<void>(!write(STDERR_FILENO, part, std::strlen(part)));
   std::signal(signal, SIG_DFL);
   raise(signal);
 }
-
-struct Sum : testing::Environment {
-  unsigned scenarios = 0, memory = 0, calls = 0;
-  void TearDown() override {
-    if (scenarios == 0) return;
-    std::printf("fault sweep: %u scenarios, %u points: %u of memory, %u of system calls\n", scenarios,
-                memory + calls, memory, calls);
-  }
-};
-Sum& sum = *dynamic_cast<Sum*>(testing::AddGlobalTestEnvironment(new Sum));
 
 class Sweep {
  public:
@@ -108,15 +97,12 @@ class Sweep {
     Kiv::traceSinkIs([](auto...) {});
     for (const bool traced : {false, true}) {
       Kiv::traceIs(traced ? "*/0-9" : "");
-      traced_ = traced ? "traces on" : "traces off";
+      traced_ = traced;
       sweepKind(kMemory);
       for (const Kind& kind : kKinds) sweepKind(kind);
     }
     std::printf("fault sweep: %-24s %6u points of memory, %6u of system calls\n", name_, memoryPoints_,
                 callPoints_);
-    sum.memory += memoryPoints_;
-    sum.calls += callPoints_;
-    ++sum.scenarios;
   }
 
  private:
@@ -127,8 +113,10 @@ class Sweep {
     const std::uint64_t all = seen_;
     for (unsigned nth = 1; nth <= all; ++nth) {
       for (const int error : kind.errors) {
+        if (error == 0 || (traced_ && error != kind.errors[0]))
+          continue;  // traces take one road for all errors
         for (const unsigned times : {1u, ~0u}) {
-          if (error == 0 || (error == EINTR && times > 1)) continue;  // a signal for ever is no signal
+          if (error == EINTR && times > 1) continue;  // signals do not come for ever
           at(kind, nth, error, times);
           (&kind == &kMemory ? memoryPoints_ : callPoints_) += struck_;
         }
@@ -136,10 +124,11 @@ class Sweep {
     }
   }
 
-  /// One point. What is left the first time may be a cache; a leak leaves as much again.
+  /// Runs one point; a second time if blocks are left, since the first run may have filled a cache.
   void at(const Kind& kind, unsigned nth, int error, unsigned times) {
     std::snprintf(point, sizeof(point), "%s: %s %u (%s), %s, %s", name_, kind.name, nth,
-                  error != 0 ? strerrorname_np(error) : "none", times > 1 ? "for ever" : "once", traced_);
+                  error != 0 ? strerrorname_np(error) : "none", times > 1 ? "for ever" : "once",
+                  traced_ ? "traces on" : "traces off");
     for (int attempt = 0; attempt < 2; ++attempt) {
       alarm(kSecondsOfAPoint);
       *wrong_ = '\0';
@@ -186,7 +175,7 @@ class Sweep {
     });
     guarded("run", times > 0, [&] { return scenario.run(), true; });
   }
-  /// Notes in `wrong_`, which takes no memory, what goes wrong.
+  /// Records a failure in `wrong_`, which takes no memory.
   template <typename Action>
   void guarded(const char* what, bool mayThrow, const Action& action) {
     try {
@@ -196,7 +185,7 @@ class Sweep {
     }
   }
 
-  /// Those that are open when the deferred closer has done its work.
+  /// Open descriptors, once the deferred closer has nothing left to close.
   std::size_t ownDescriptors() {
     const auto& stats = *Wirl::deferCloseStats();
     while (stats.enqueued != stats.closed) std::this_thread::yield();
@@ -209,7 +198,7 @@ class Sweep {
     return own;
   }
 
-  /// The kernel needs milliseconds to close a packet socket, but it closes many in the same time.
+  /// The kernel needs milliseconds to close a packet socket, but closes many at the same time.
   void closeCopies() {
     std::vector<std::future<void>> closers;
     for (int first = 0; first < 64; ++first) {
@@ -224,8 +213,8 @@ class Sweep {
   const Memory memory_;
   const bool ownThread_;
   const unsigned long long home_;
-  const char* traced_ = "";
-  // Of the run at work: calls or allocations, whether one of them failed, and what is wrong.
+  bool traced_ = false;
+  // Of the current run: how many calls or allocations, whether one failed, and what went wrong.
   std::uint64_t seen_ = 0;
   bool struck_ = false;
   char wrong_[200] = "";

@@ -4,11 +4,11 @@
 #include <functional>
 #include <memory>
 
-/// One use of a part of the library, from its making to its end, that is to survive a failure at any point.
+/// One use of a part of the library, from construction to destruction, which must survive a failure at any point.
 struct Scenario {
-  /// The part that failures strike. What it throws is taken for the report of one.
+  /// Failures strike here. An exception counts as the report of one.
   std::function<void()> run;
-  /// Without failures, on what `run()` left: whether it can be used.
+  /// Runs without failures, on what `run()` left. Returns whether that can be used.
   std::function<bool()> usable;
 };
 
@@ -18,18 +18,17 @@ Scenario scenarioOf(std::shared_ptr<State> state) {
   return {[state] { state->run(); }, [state] { return state->usable(); }};
 }
 
-/// Which allocations fail: all, or only those by new. What other libraries do without memory is their affair.
+/// Which allocations fail: all, or only those by new, where another library handles a failed malloc badly.
 enum class Memory { all, ofNew };
 
-/// Runs a scenario, made anew by `make` each time, once for each way in which it can fail: the n-th
-/// allocation, or the n-th system call of each kind (with up to three errnos), fails, for every n; that one
-/// alone, or all from it on; with traces off, and with all of them on.
+/// Runs a scenario, made anew by `make` each time, once for each way in which it can fail. For every n, the n-th
+/// allocation or the n-th system call of a kind fails: that one alone, or all from it on; with traces off and on.
+/// System calls fail with up to three errnos, with traces on only with the first.
 ///
-/// After each run the scenario must be usable. When it is gone, no descriptor and no memory may be left, and
-/// the thread must be in its namespace. What goes wrong is a test failure that names the point, also if the
-/// process ends or a run does not end.
+/// After each run the scenario must be usable. After its destruction no descriptor and no memory may be left, and
+/// the thread must be in its namespace. A test failure names the point, also if the process ends or a run hangs.
 void sweep(const char* name, const std::function<Scenario()>& make, Memory memory = Memory::all);
 
-/// The same, with `run()` on a thread, and so with an activity loop, of its own each time. Only allocations
-/// by new fail: the C library ends the process if it has no memory to note the first destructor of a thread.
+/// The same, but each `run()` is on a new thread and so has its own activity loop. Only allocations by new fail:
+/// without memory for the first destructor of a thread the C library ends the process.
 void sweepInThread(const char* name, const std::function<Scenario()>& make);

@@ -9,26 +9,24 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
+
+#include "tests/support/Shell.h"
 
 namespace {
 
 const std::string kDirectory = "/run/netns/";
 constexpr std::string_view kPrefix = "ns-t";
 
-/// Throws with all that the command printed when it fails.
+/// Throws if the command fails, with its output.
 void shell(const std::string& command) {
-  std::FILE* const output = popen(("{ " + command + "\n} 2>&1").c_str(), "r");
-  if (!output) throw std::system_error(errno, std::generic_category(), command);
-  std::string said;
-  for (int c; (c = std::fgetc(output)) != EOF;) said += static_cast<char>(c);
-  if (pclose(output) != 0) throw std::runtime_error(command + ": " + said);
+  Shell run(command);
+  const std::string said = run.rest();
+  if (run.status() != 0) throw std::runtime_error(command + ": " + said);
 }
 
 void removeName(const std::string& name) noexcept {
@@ -37,7 +35,7 @@ void removeName(const std::string& name) noexcept {
   unlink(path.c_str());
 }
 
-/// Namespaces of processes that are no more.
+/// Removes the namespaces of test processes that have ended.
 void removeLeftovers() {
   std::error_code none;
   for (const auto& entry : std::filesystem::directory_iterator(kDirectory, none)) {
@@ -76,7 +74,7 @@ Veth::Veth(const NetNs& a, const NetNs& b, unsigned number)
       ipB("10.77." + std::to_string(number) + ".2"),
       ip6A("fd77:" + std::to_string(number) + "::1"),
       ip6B("fd77:" + std::to_string(number) + "::2") {
-  // Link-local addresses, too, are to be usable at once.
+  // Makes link-local addresses, too, usable at once.
   for (const NetNs* ns : {&a, &b}) {
     runIn(*ns, [] { std::ofstream("/proc/sys/net/ipv6/conf/default/accept_dad") << "0\n"; });
   }
