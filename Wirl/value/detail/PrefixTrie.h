@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <memory>
@@ -55,6 +57,68 @@ constexpr U128 chunkAt(const U128&, unsigned depth, unsigned chunk) noexcept {
   return depth == 126 ? U128(chunk) >> 4 : U128(chunk) << (122 - depth);
 }
 
+/// What a node has to say about the chunks between the node above and itself: nothing for IPv4, whose paths
+/// are too short for gaps.
+template <typename Bits>
+struct TrieGap {
+  static constexpr unsigned kMost = 0;
+  static constexpr unsigned count = 0;
+
+  constexpr bool fits(const Bits&, unsigned) const noexcept { return true; }
+  constexpr unsigned common(const Bits&, unsigned) const noexcept { return 0; }
+  constexpr Bits placed(unsigned) const noexcept { return Bits(); }
+  constexpr unsigned chunk(unsigned) const noexcept { return 0; }
+  constexpr void copyFrom(const Bits&, unsigned, unsigned) noexcept {}
+  constexpr TrieGap first(unsigned) const noexcept { return {}; }
+  constexpr TrieGap behind(unsigned) const noexcept { return {}; }
+  constexpr TrieGap with(unsigned, const TrieGap&) const noexcept { return {}; }
+};
+/// For IPv6: `count` chunks, in which all prefixes below are equal, and their bits. `from` is the depth of the
+/// first one.
+template <>
+struct TrieGap<U128> {
+  static constexpr unsigned kMost = 64 / kStride;
+
+  Kiv::U64 bits = 0;
+  unsigned count = 0;
+
+  bool fits(const U128& address, unsigned from) const noexcept {
+    return taken(address, from, count) == bits;
+  }
+  /// How many chunks from the first one on are those of the address.
+  unsigned common(const U128& address, unsigned from) const noexcept {
+    if (count == 0) return 0;
+    const Kiv::U64 differing = (taken(address, from, count) ^ bits) << (64 - kStride * count);
+    return std::min(count, static_cast<unsigned>(std::countl_zero(differing)) / kStride);
+  }
+  U128 placed(unsigned from) const noexcept { return U128(bits) << (128 - from - kStride * count); }
+  unsigned chunk(unsigned i) const noexcept {
+    return static_cast<unsigned>(bits >> kStride * (count - 1 - i) & 63);
+  }
+  void copyFrom(const U128& address, unsigned from, unsigned chunks) noexcept {
+    count = chunks;
+    bits = taken(address, from, chunks);
+  }
+  TrieGap first(unsigned chunks) const noexcept { return {bits >> kStride * (count - chunks), chunks}; }
+  /// What comes behind chunk `i`.
+  TrieGap behind(unsigned i) const noexcept {
+    const unsigned rest = count - i - 1;
+    return {bits & ((Kiv::U64{1} << kStride * rest) - 1), rest};
+  }
+  /// Followed by a chunk and by another gap; there are at most `kMost` together.
+  TrieGap with(unsigned chunk, const TrieGap& other) const noexcept {
+    return {((bits << kStride | chunk) << kStride * other.count) | other.bits, count + 1 + other.count};
+  }
+
+ private:
+  /// Without a branch for no chunks, which nobody could foretell.
+  static Kiv::U64 taken(const U128& address, unsigned from, unsigned chunks) noexcept {
+    const Kiv::U64 word = from < 64 ? address.high() << from | address.low() >> 1 >> (63 - from)
+                                    : address.low() << (from - 64);
+    return word >> 1 >> (63 - kStride * chunks);
+  }
+};
+
 /// By chunk, the slots of lengths 1 to 5 that cover it; see `PrefixTrie::Node::shorter`.
 inline constexpr auto kCoveringSlots = [] {
   std::array<Kiv::U64, 64> slots{};
@@ -72,6 +136,9 @@ inline constexpr auto kCoveringSlots = [] {
 /// which of these prefixes exist, and which of the 64 nodes below. Values and nodes lie in arrays without
 /// gaps; the index of one is the number of bits set before its own. So a step costs one or two cache lines,
 /// and a missing prefix no memory.
+///
+/// Where IPv6 prefixes would need a chain of nodes that hold nothing but the next one, there are no nodes: the
+/// first one behind such a gap has the bits in between.
 template <typename T, typename Bits>
 class PrefixTrie {
  public:
@@ -141,13 +208,12 @@ class PrefixTrie {
     if (len == 0) return whole();
     Node* node = const_cast<Node*>(&root_);
     unsigned depth = 0;
-    for (; len > depth + kStride; depth += kStride) {
-      const unsigned chunk = chunkOf(bits, depth);
-      if (!has(node->children, chunk)) return nullptr;
-      node = node->below + rank(node->children, chunk);
+    while (len > depth + kStride) {
+      node = childTo(*node, depth, bits, len);
+      if (!node) return nullptr;
     }
     const auto [set, slot] = slotOf(*node, bits, depth, len);
-    return has(*set, slot) ? node->values + valueRank(*node, set, slot) : nullptr;
+    return has(*set, slot) ? valuesOf(*node) + valueRank(*node, set, slot) : nullptr;
   }
 
   /// The longest prefix that covers the address; only its value and length are set.
@@ -159,15 +225,14 @@ class PrefixTrie {
   Found covering(const Bits& bits, unsigned len, unsigned from) const noexcept {
     if (from == 0 && whole_) return {Bits{}, 0, whole()};
     Node* node = const_cast<Node*>(&root_);
-    for (unsigned depth = 0;; depth += kStride) {
+    for (unsigned depth = 0; node;) {
       for (unsigned at = std::max(from, depth + 1); at <= std::min(len, depth + kStride); ++at) {
         const auto [set, slot] = slotOf(*node, bits, depth, at);
-        if (has(*set, slot)) return {bits, at, node->values + valueRank(*node, set, slot)};
+        if (has(*set, slot)) return {bits, at, valuesOf(*node) + valueRank(*node, set, slot)};
       }
-      const unsigned chunk = len > depth + kStride ? chunkOf(bits, depth) : 0;
-      if (len <= depth + kStride || !has(node->children, chunk)) return {};
-      node = node->below + rank(node->children, chunk);
+      node = len > depth + kStride ? childTo(*node, depth, bits, len) : nullptr;
     }
+    return {};
   }
 
   /// The first prefix behind the given one, or that one itself if `orThis` and it exists. Ordered by address;
@@ -189,12 +254,22 @@ class PrefixTrie {
   }
 
  private:
+  using Gap = TrieGap<Bits>;
+
+  /// A single value that is no larger than a pointer stands in the place of one.
+  static constexpr bool kHasSingle = std::is_trivially_copyable_v<T> && sizeof(T) <= sizeof(T*);
+  union Values {
+    T* array = nullptr;
+    std::conditional_t<kHasSingle, T, char> single;
+  };
+
   struct Node {
     Kiv::U64 children = 0;  // by chunk
     Kiv::U64 longest = 0;   // by chunk: the prefixes of six bits
     Kiv::U64 shorter = 0;   // those of one to five bits, the shortest ones lowest: 2 + 4 + 8 + 16 + 32
     Node* below = nullptr;
-    T* values = nullptr;  // of `shorter`, then of `longest`
+    Values values;                  // of `shorter`, then of `longest`
+    [[no_unique_address]] Gap gap;  // in front of it
   };
 
   static constexpr bool has(Kiv::U64 set, unsigned i) noexcept { return (set >> i & 1) != 0; }
@@ -220,6 +295,52 @@ class PrefixTrie {
   }
   static unsigned valueCount(const Node& node) noexcept {
     return countBits<false>(node.shorter) + countBits<false>(node.longest);
+  }
+  [[gnu::always_inline]] static T* valuesOf(const Node& node) noexcept {
+    if constexpr (kHasSingle) {
+      const bool isSingle = node.shorter == 0 ? std::has_single_bit(node.longest)
+                                              : std::has_single_bit(node.shorter) && node.longest == 0;
+      if (isSingle) return const_cast<T*>(&node.values.single);
+    }
+    return node.values.array;
+  }
+  /// Puts a value into its place, of `count` that the node has. Its bit is not set yet.
+  static void addValue(Node& node, unsigned count, unsigned at, T&& value) {
+    if constexpr (kHasSingle) {
+      if (count == 0) return void(node.values.single = value);
+      if (count == 1) {
+        auto* const two = static_cast<T*>(::operator new(2 * sizeof(T)));
+        new (two + at) T(value);
+        new (two + 1 - at) T(node.values.single);
+        node.values.array = two;
+        return;
+      }
+    }
+    node.values.array = inserted(node.values.array, count, at, std::move(value));
+  }
+  /// Takes the value out, of `count`. Its bit is still set.
+  static void removeValue(Node& node, unsigned count, unsigned at) noexcept {
+    if constexpr (kHasSingle) {
+      if (count == 1) return;
+      if (count == 2) {
+        const T other = node.values.array[1 - at];
+        release(node.values.array, count);
+        node.values.single = other;
+        return;
+      }
+    }
+    removed(node.values.array, count, at);
+  }
+
+  /// The node below on the way to a prefix, and `depth` becomes its depth; null where there is none, or one
+  /// only behind or beside the prefix.
+  static Node* childTo(const Node& node, unsigned& depth, const Bits& bits, unsigned len) noexcept {
+    const unsigned chunk = chunkOf(bits, depth);
+    if (!has(node.children, chunk)) return nullptr;
+    Node& child = node.below[rank(node.children, chunk)];
+    const unsigned from = depth + kStride;
+    depth = from + kStride * child.gap.count;
+    return len > depth && child.gap.fits(bits, from) ? &child : nullptr;
   }
 
   T* whole() const noexcept { return whole_ ? const_cast<T*>(&*whole_) : nullptr; }
@@ -250,29 +371,62 @@ class PrefixTrie {
     const unsigned count = countBits<false>(node.children);
     for (unsigned i = 0; i < count; ++i) destroy(node.below[i]);
     release(node.below, count);
-    release(node.values, valueCount(node));
+    const unsigned values = valueCount(node);
+    if (values > (kHasSingle ? 1 : 0)) release(node.values.array, values);
   }
 
   std::pair<T*, bool> insertBelow(const Bits& bits, unsigned len, T&& value) {
     Node* node = &root_;
     unsigned depth = 0;
-    for (; len > depth + kStride; depth += kStride) {
+    while (len > depth + kStride) {
       const unsigned chunk = chunkOf(bits, depth);
       const unsigned at = rank(node->children, chunk);
+      const unsigned from = depth + kStride;
+      const unsigned wanted = (len - 1 - from) / kStride;  // chunks to the node that is to hold it
       if (!has(node->children, chunk)) {
-        node->below = inserted(node->below, countBits<false>(node->children), at, Node());
+        Node child;
+        child.gap.copyFrom(bits, from, std::min(wanted, Gap::kMost));
+        node->below = inserted(node->below, countBits<false>(node->children), at, std::move(child));
         node->children |= Kiv::U64{1} << chunk;
         ++nodes_;
       }
       node = node->below + at;
+      const unsigned common = std::min(node->gap.common(bits, from), wanted);
+      if (common < node->gap.count) split(*node, common);
+      depth = from + kStride * common;
     }
     const auto [set, slot] = slotOf(*node, bits, depth, len);
     const unsigned at = valueRank(*node, set, slot);
-    if (has(*set, slot)) return {node->values + at, false};
-    node->values = inserted(node->values, valueCount(*node), at, std::move(value));
+    if (has(*set, slot)) return {valuesOf(*node) + at, false};
+    addValue(*node, valueCount(*node), at, std::move(value));
     *set |= Kiv::U64{1} << slot;
     ++size_;
-    return {node->values + at, true};
+    return {valuesOf(*node) + at, true};
+  }
+
+  /// Puts a node into the gap in front of this one, behind `chunks` of it.
+  void split(Node& node, unsigned chunks) {
+    auto* const lower = static_cast<Node*>(::operator new(sizeof(Node)));
+    Node upper;
+    upper.children = Kiv::U64{1} << node.gap.chunk(chunks);
+    upper.below = lower;
+    upper.gap = node.gap.first(chunks);
+    node.gap = node.gap.behind(chunks);
+    new (lower) Node(node);
+    node = upper;
+    ++nodes_;
+  }
+
+  /// Makes a gap of a node that holds nothing but the next one.
+  void merge(Node& node) noexcept {
+    if ((node.longest | node.shorter) != 0 || !std::has_single_bit(node.children)) return;
+    Node* const lower = node.below;
+    if (node.gap.count + 1 + lower->gap.count > Gap::kMost) return;
+    Node merged = *lower;
+    merged.gap = node.gap.with(static_cast<unsigned>(std::countr_zero(node.children)), lower->gap);
+    release(lower, 1);
+    node = merged;
+    --nodes_;
   }
 
   /// Removes nodes that become empty: the search for the next prefix relies on finding one in every node.
@@ -282,17 +436,21 @@ class PrefixTrie {
       if (!has(node.children, chunk)) return false;
       const unsigned at = rank(node.children, chunk);
       Node& child = node.below[at];
-      const bool erased = eraseBelow(child, depth + kStride, bits, len);
+      const unsigned from = depth + kStride, childDepth = from + kStride * child.gap.count;
+      if (len <= childDepth || !child.gap.fits(bits, from)) return false;
+      const bool erased = eraseBelow(child, childDepth, bits, len);
       if ((child.children | child.longest | child.shorter) == 0) {
         removed(node.below, countBits<false>(node.children), at);
         node.children &= ~(Kiv::U64{1} << chunk);
         --nodes_;
+      } else {
+        merge(child);
       }
       return erased;
     }
     const auto [set, slot] = slotOf(node, bits, depth, len);
     if (!has(*set, slot)) return false;
-    removed(node.values, valueCount(node), valueRank(node, set, slot));
+    removeValue(node, valueCount(node), valueRank(node, set, slot));
     *set &= ~(Kiv::U64{1} << slot);
     --size_;
     return true;
@@ -305,7 +463,7 @@ class PrefixTrie {
     const Node* node = &root_;
     const Node* best = nullptr;
     unsigned bestDepth = 0;
-    for (unsigned depth = 0;; depth += kStride) {
+    for (unsigned depth = 0;;) {
       const unsigned chunk = chunkOf(bits, depth);
       if (((node->longest >> chunk & 1) | (node->shorter & kCoveringSlots[chunk])) != 0) {
         best = node;
@@ -313,17 +471,21 @@ class PrefixTrie {
       }
       if (!has(node->children, chunk)) break;
       node = node->below + countBits<kInstruction>(below(node->children, chunk));
+      depth += kStride;
+      if (!node->gap.fits(bits, depth)) break;
+      depth += kStride * node->gap.count;
     }
     if (!best) return {Bits{}, 0, whole()};
     const unsigned chunk = chunkOf(bits, bestDepth);
+    T* const values = valuesOf(*best);
     if (has(best->longest, chunk)) {
       const unsigned at =
           countBits<kInstruction>(best->shorter) + countBits<kInstruction>(below(best->longest, chunk));
-      return {Bits{}, bestDepth + kStride, best->values + at};
+      return {Bits{}, bestDepth + kStride, values + at};
     }
     const auto slot = static_cast<unsigned>(63 - std::countl_zero(best->shorter & kCoveringSlots[chunk]));
     const auto own = static_cast<unsigned>(std::bit_width(slot + 2) - 1);
-    return {Bits{}, bestDepth + own, best->values + countBits<kInstruction>(below(best->shorter, slot))};
+    return {Bits{}, bestDepth + own, values + countBits<kInstruction>(below(best->shorter, slot))};
   }
 
   /// A chunk, and what begins there: a prefix of `level` bits, or the node below (7), which comes after them.
@@ -354,10 +516,12 @@ class PrefixTrie {
     if (place.chunk == 64) return {};
     const Bits bits = path | chunkAt(path, depth, place.chunk);
     if (place.level == kBelow) {
-      return firstIn(node.below[rank(node.children, place.chunk)], depth + kStride, bits);
+      Node& child = node.below[rank(node.children, place.chunk)];
+      const unsigned from = depth + kStride;
+      return firstIn(child, from + kStride * child.gap.count, bits | child.gap.placed(from));
     }
     const auto [set, slot] = slotOf(node, bits, depth, depth + place.level);
-    return {bits, depth + place.level, node.values + valueRank(node, set, slot)};
+    return {bits, depth + place.level, valuesOf(node) + valueRank(node, set, slot)};
   }
   static Found firstIn(Node& node, unsigned depth, const Bits& path) noexcept {
     return behind(node, depth, path, 0, 0);
@@ -367,9 +531,15 @@ class PrefixTrie {
     const unsigned chunk = chunkOf(bits, depth);
     if (len <= depth + kStride) return behind(node, depth, path, chunk, len - depth - (orThis ? 1 : 0));
     if (has(node.children, chunk)) {
-      const Found found = nextIn(node.below[rank(node.children, chunk)], depth + kStride,
-                                 path | chunkAt(path, depth, chunk), bits, len, orThis);
-      if (found.value) return found;
+      Node& child = node.below[rank(node.children, chunk)];
+      const unsigned from = depth + kStride, childDepth = from + kStride * child.gap.count;
+      const Bits childPath = path | chunkAt(path, depth, chunk) | child.gap.placed(from);
+      if (len > childDepth && child.gap.fits(bits, from)) {
+        const Found found = nextIn(child, childDepth, childPath, bits, len, orThis);
+        if (found.value) return found;
+      } else if (bits <= childPath) {
+        return firstIn(child, childDepth, childPath);
+      }
     }
     return behind(node, depth, path, chunk, kBelow);
   }
