@@ -19,29 +19,11 @@
 #include <vector>
 
 #include "Wirl/Wirl.h"
+#include "examples/support/Options.h"
 
 namespace {
 
 using namespace Wirl;
-
-constexpr const char* kUsage =
-    "usage: addressTool [--json | --next | --subnets LEN | --contains PREFIX | --summarise | --routes FILE]\n"
-    "                   [--] [TEXT...]\n"
-    "  Reads each TEXT, or each line of standard input when there is none: an IPv4 or IPv6 address, alone "
-    "or\n"
-    "  with a length or mask behind a slash, or an Ethernet address. In standard input, empty lines and\n"
-    "  those that begin with # count but are passed over. Says what address it is: the canonical text, the\n"
-    "  type, what holds of it, and the mapped and multicast forms. Or, by option:\n"
-    "  --json             the same as a JSON array with an object for each\n"
-    "  --next             the next address, or the next prefix of the same length\n"
-    "  --subnets LEN      all prefixes of a length in each prefix\n"
-    "  --contains PREFIX  whether the prefix, or the address, contains the address or prefix\n"
-    "  --summarise        the fewest prefixes that cover the same addresses\n"
-    "  --routes FILE      the longest prefix that contains the address, of a file whose lines are a prefix "
-    "and\n"
-    "                     any text, which is printed, too\n"
-    "  Answers come line by line, as the input does; but for --summarise, which needs all of it.\n"
-    "  Status: 0, 1 when a text or line was not understood or has no answer, 2 for wrong options.\n";
 
 /// One row of the table, one object of the JSON array. Forms that an address does not have are empty.
 struct Row {
@@ -198,7 +180,7 @@ void printRow(const Row& row, bool first) {
               joined(row.predicates)});
 }
 
-void printJson(const Row& row, bool first) {
+void printJson(const Row& row, bool first, bool lines) {
   nlohmann::ordered_json object = {{"number", row.number}, {"text", row.text}, {"type", row.type}};
   object["predicates"] = row.predicates;
   for (const auto& [name, form] : {std::pair("mapped", &row.mapped),
@@ -206,6 +188,10 @@ void printJson(const Row& row, bool first) {
                                    {"solicitedNode", &row.solicitedNode},
                                    {"linkLocal", &row.linkLocal}}) {
     if (!form->empty()) object[name] = *form;
+  }
+  if (lines) {
+    std::cout << object.dump() << '\n';
+    return;
   }
   // An array that grows: each object is indented by hand.
   std::cout << (first ? "[\n  " : ",\n  ");
@@ -290,17 +276,12 @@ bool takeLines(std::istream& in, const char* what,
   return !in.bad();
 }
 
-bool readRoutes(const char* file, PrefixMap<std::string>& routes) {
+bool readRoutes(const std::string& file, PrefixMap<std::string>& routes) {
   std::ifstream in(file);
   return in.is_open() && takeLines(in, "route", [&](std::size_t, std::string_view line) {
            const std::size_t end = std::min(line.find_first_of(" \t"), line.size());
            routes.insertOrAssign(prefixOf(line.substr(0, end)), std::string(withoutBlanks(line.substr(end))));
          });
-}
-
-int usage() {
-  std::fputs(kUsage, stderr);
-  return 2;
 }
 
 int badArgument(std::string_view option, std::string_view argument, std::string_view why) {
@@ -311,27 +292,54 @@ int badArgument(std::string_view option, std::string_view argument, std::string_
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string_view mode;
-  const char* argument = nullptr;
-  bool optionsOver = false;
-  std::vector<std::string_view> texts;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view word = argv[i];
-    if (optionsOver || !word.starts_with('-')) {
-      texts.push_back(word);
-    } else if (word == "--") {
-      optionsOver = true;
-    } else if (word == "--help") {
-      return std::fputs(kUsage, stdout) < 0;
-    } else if (mode.empty() && (word == "--json" || word == "--next" || word == "--summarise")) {
-      mode = word;
-    } else if (mode.empty() && i + 1 < argc &&
-               (word == "--subnets" || word == "--contains" || word == "--routes")) {
-      mode = word;
-      argument = argv[++i];
-    } else {
-      return usage();
-    }
+  std::string mode;
+  std::string argument;
+  std::vector<std::string> texts;
+  example::Options words("addressTool", "what addresses and prefixes are, and their summary",
+                         "Reads each TEXT, or each line of standard input when there is none: an IPv4 or "
+                         "IPv6 address, alone or with a "
+                         "length or mask behind a slash, or an Ethernet address. In standard input, empty "
+                         "lines and those that begin with # "
+                         "count but are passed over. Says what address it is: the canonical text, the type, "
+                         "what holds of it, and the mapped "
+                         "and multicast forms. Or, by option, something else. Answers come line by line, as "
+                         "the input does; but for "
+                         "--summarise, which needs all of it.");
+  words.rest("TEXT", "an address or prefix; -- in front of one that begins with a dash", texts);
+  const std::pair<const char*, const char*> flags[] = {
+      {"--json", "the same as a JSON array with an object for each"},
+      {"--json-lines", "the same as a JSON object in a line for each"},
+      {"--next", "the next address, or the next prefix of the same length"},
+      {"--summarise", "the fewest prefixes that cover the same addresses"}};
+  bool given[std::size(flags)] = {};
+  for (std::size_t i = 0; i < std::size(flags); ++i) words.flag(flags[i].first, given[i], flags[i].second);
+  const auto valued = [&](const char* name, const char* metavar, const char* help, example::Word word) {
+    words.value(
+        name, metavar, help,
+        [&mode, &argument, name](const std::string& text) {
+          mode = name;
+          argument = text;
+          return std::string();
+        },
+        word);
+  };
+  valued("--subnets", "LEN", "all prefixes of a length in each prefix", example::Word::text);
+  valued("--contains", "PREFIX", "whether the prefix, or the address, contains the address or prefix",
+         example::Word::text);
+  valued("--routes", "FILE",
+         "the longest prefix that contains the address, of a file whose lines are a prefix and any text, "
+         "which is "
+         "printed, too",
+         example::Word::file);
+  words.oneOf({"--json", "--json-lines", "--next", "--summarise", "--subnets", "--contains", "--routes"});
+  words.section("Status",
+                "0, 1 when a text or line was not understood or has no answer, 2 for wrong options.");
+  if (const auto status = words.parse(argc, argv)) return *status;
+  for (std::size_t i = 0; i < std::size(flags); ++i) {
+    if (given[i]) mode = flags[i].first;
+  }
+  for (const std::string& text : texts) {
+    if (text == "-") return words.wrong(text, "no address; standard input is read without it");
   }
   std::ios::sync_with_stdio(false);
   std::cin.tie(nullptr);  // `takeLines` knows when answers are due; each on its own would cost a system call
@@ -342,7 +350,7 @@ int main(int argc, char** argv) {
   std::function<void(std::size_t, std::string_view)> take = [&](std::size_t number, std::string_view text) {
     Row row = rowOfText(text);
     row.number = number;
-    mode == "--json" ? printJson(row, first) : printRow(row, first);
+    mode.starts_with("--json") ? printJson(row, first, mode == "--json-lines") : printRow(row, first);
     first = false;
   };
   if (mode == "--next") {

@@ -19,24 +19,12 @@
 #include <vector>
 
 #include "Wirl/Wirl.h"
+#include "examples/support/Options.h"
 
 namespace {
 
 using namespace Wirl;
 using Count = unsigned long long;
-
-constexpr const char* kUsage =
-    "usage: frameReport [--verbose] [--hex] [--json] [--stats] [--quiet] [--] FILE [FILTER]\n"
-    "  Says of each frame in an Ethernet capture, pcap or pcapng (- is the standard input), which layers it\n"
-    "  has, what is in them, and what is wrong: lengths, checksums, options. Prints a line for each frame,\n"
-    "  then a table of how many had which result.\n"
-    "  FILTER     shows the frames that match an expression of pcap-filter(7), and counts them apart\n"
-    "  --verbose  prints every field of every layer, too\n"
-    "  --hex      prints the octets, too\n"
-    "  --json     prints an object for each frame, in a line, and no table\n"
-    "  --stats    prints tables of protocols, conversations and errors, behind JSON on standard error\n"
-    "  --quiet    prints no frames\n"
-    "  Status: 0, 1 for a file that cannot be read to its end, 2 for wrong arguments.\n";
 
 struct Options {
   bool verbose = false;
@@ -196,13 +184,10 @@ class Report {
 /// How far it is in a large file, for who waits at a terminal.
 class Progress {
  public:
-  Progress(FILE* file, bool terminalIsFree) : file_(file) {
+  Progress(FILE* file, bool terminalIsFree) : file_(file), line_(terminalIsFree) {
     struct stat status {};
-    if (!terminalIsFree || isatty(STDERR_FILENO) == 0 || !file || fstat(fileno(file), &status) != 0) return;
+    if (!line_.on() || !file || fstat(fileno(file), &status) != 0) return;
     if (S_ISREG(status.st_mode) && status.st_size >= kLarge) bytes_ = status.st_size;
-  }
-  ~Progress() {
-    if (percent_ >= 0) std::fputs("\r\x1b[K", stderr);
   }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
@@ -212,13 +197,19 @@ class Progress {
     const int percent = static_cast<int>(std::min<off_t>(ftello(file_), bytes_) * 100 / bytes_);
     if (percent == percent_) return;
     percent_ = percent;
-    const std::string bar(static_cast<std::size_t>(percent) / 2, '#');
-    std::fprintf(stderr, "\r[%-50s] %3d%% %llu frames", bar.c_str(), percent, frames);
+    std::string bar(static_cast<std::size_t>(percent) / 2, '#');
+    bar.resize(50, ' ');
+    line_.show("[" + bar +
+               (percent < 10    ? "]   "
+                : percent < 100 ? "]  "
+                                : "] ") +
+               std::to_string(percent) + "% " + std::to_string(frames) + " frames");
   }
 
  private:
   static constexpr off_t kLarge = 4 << 20;
   FILE* const file_;
+  example::ProgressLine line_;
   off_t bytes_ = 0;  // 0: nothing is shown
   int percent_ = -1;
 };
@@ -296,42 +287,26 @@ int reportOn(const Options& options) {
   return fail(file, "after frame " + std::to_string(report.frames()) + ": " + pcap_geterr(capture.get()));
 }
 
-int wrongArguments(const char* what) {
-  std::fprintf(stderr, "frameReport: %s (--help says how it is used)\n", what);
-  return 2;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) try {
   Options options;
-  bool optionsOver = false;
-  std::vector<std::string> words;
-  for (const std::string_view word : std::span(argv, static_cast<std::size_t>(argc)).subspan(1)) {
-    if (optionsOver || word == "-" || !word.starts_with('-')) {
-      words.emplace_back(word);
-    } else if (word == "--") {
-      optionsOver = true;
-    } else if (word == "--verbose") {
-      options.verbose = true;
-    } else if (word == "--hex") {
-      options.hex = true;
-    } else if (word == "--json") {
-      options.json = true;
-    } else if (word == "--stats") {
-      options.stats = true;
-    } else if (word == "--quiet") {
-      options.quiet = true;
-    } else if (word == "--help") {
-      return std::fputs(kUsage, stdout) < 0;
-    } else {
-      return wrongArguments(("no such option: " + std::string(word)).c_str());
-    }
-  }
-  if (words.empty()) return wrongArguments("no file");
-  if (words.size() > 2) return wrongArguments("more than a file and a filter");
-  options.file = words[0];
-  if (words.size() == 2) options.filter = words[1];
+  example::Options words(
+      "frameReport", "the layers of each frame of a capture, and what is wrong with them",
+      "Says of each frame in an Ethernet capture which layers it has, what is in them, and what is "
+      "wrong: lengths, checksums, options. Prints a line for each frame, then a table of how many "
+      "had which result.");
+  words.place("FILE", "pcap or pcapng; - is the standard input", options.file, true, example::Word::file);
+  words.place("FILTER", "shows the frames that match an expression of pcap-filter(7), and counts them apart",
+              options.filter, false);
+  words.flag("--verbose", options.verbose, "prints every field of every layer, too");
+  words.flag("--hex", options.hex, "prints the octets, too");
+  words.flag("--json", options.json, "prints an object for each frame, in a line, and no table");
+  words.flag("--stats", options.stats,
+             "prints tables of protocols, conversations and errors, behind JSON on standard error");
+  words.flag("--quiet", options.quiet, "prints no frames");
+  words.section("Status", "0, 1 for a file that cannot be read to its end, 2 for wrong arguments.");
+  if (const auto status = words.parse(argc, argv)) return *status;
   if (const auto error = bpfFilterError(options.filter)) {
     std::fprintf(stderr, "frameReport: filter: %s\n", error->c_str());
     return 2;

@@ -1,112 +1,142 @@
 // SPDX-License-Identifier: Apache-2.0
 // Counts, checks and records the frames of a device:
 //
-//   frameTap --netns ns-red --filter 'vlan 5 and udp' --write frames.pcap veth0
-//   tcpdump -e -r frames.pcap                                                      # afterwards
+//   frameTap --netns ns-red --filter 'vlan 5 and udp' --write frames.pcapng veth0
+//   tcpdump -e -r frames.pcapng                                                      # afterwards
+//   frameTap --write - veth0 | tshark -r -                                           # at once
 
 #include <linux/if_packet.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <fstream>
+#include <iostream>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Wirl/Wirl.h"
 #include "examples/support/Example.h"
+#include "examples/support/Options.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kUsage =
-    "usage: frameTap [--netns NAME | --vrf NAME] [--filter EXPRESSION] [--write FILE] [--promiscuous] "
-    "DEVICE\n"
-    "  Counts the frames that DEVICE receives and sends, a line a second, until Ctrl-C, and checks the "
-    "headers\n"
-    "  of IPv4 and IPv6 in them.\n"
-    "  --netns NAME         of the network namespace NAME\n"
-    "  --vrf NAME           of the namespace of the VRF NAME\n"
-    "  --filter EXPRESSION  looks at frames only that pass it (pcap-filter(7))\n"
-    "  --write FILE         writes them to a pcap file\n"
-    "  --promiscuous        also frames that are for other hosts\n";
-
 struct Options {
   Wirl::NamespaceName netNs{"default"};
-  const char* filter = nullptr;
-  const char* file = nullptr;
+  std::string filter;
+  std::string file;
+  std::string device;
+  bool pcap = false;
   bool promiscuous = false;
-  const char* device = nullptr;
+  bool statistics = false;
+
+  bool toOutput() const { return file == "-"; }
 };
 
-std::optional<Options> optionsOf(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view word = argv[i];
-    const char* const next = argv[i + 1];
-    if (word == "--promiscuous") {
-      options.promiscuous = true;
-    } else if (word == "--filter" && next) {
-      options.filter = argv[++i];
-    } else if (word == "--write" && next) {
-      options.file = argv[++i];
-    } else if (const auto netNs = example::netNsOf(word, next)) {
-      options.netNs = *netNs;
-      ++i;
-    } else if (!options.device && !word.empty() && word[0] != '-') {
-      options.device = argv[i];
-    } else {
-      return std::nullopt;
-    }
-  }
-  if (!options.device) return std::nullopt;
-  return options;
+std::optional<int> parse(int argc, char** argv, Options& options) {
+  example::Options words(
+      "frameTap", "captures and counts what a device receives and sends",
+      "Counts the frames that DEVICE receives and sends, a line a second, until Ctrl-C, and checks the "
+      "headers of IPv4 and IPv6 in them.");
+  words.place("DEVICE", "a network device", options.device, true, example::Word::device);
+  words.netNs(options.netNs);
+  words.value("--filter", "EXPRESSION", "looks at frames only that pass it (pcap-filter(7))", options.filter);
+  words.value("--write", "FILE",
+              "writes them to a pcapng file; - is standard output, and the lines then go to standard error, "
+              "if that is a "
+              "terminal",
+              options.file, example::Word::file);
+  words.flag("--pcap", options.pcap, "writes the older pcap format");
+  words.flag("--promiscuous", options.promiscuous, "also frames that are for other hosts");
+  words.flag("--statistics", options.statistics, example::kStatisticsHelp);
+  if (const auto status = words.parse(argc, argv)) return status;
+  if (options.device.starts_with('-') || options.device.empty())
+    return words.wrong(options.device, "no device");
+  if (options.toOutput() && isatty(STDOUT_FILENO) == 1)
+    return words.wrong("-", "standard output is a terminal");
+  return std::nullopt;
 }
 
-/// Writes Ethernet frames to a pcap file. Every failure throws.
-class PcapFile {
+Kiv::S64 nanosecondsNow() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return Kiv::S64{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+/// Writes Ethernet frames to a file. Every failure throws.
+class CaptureFile {
  public:
-  explicit PcapFile(const char* name) : name_(name), file_(std::fopen(name, "wbe")) {
-    const struct {
-      Kiv::U32 magic = 0xa1b2c3d4;  // microseconds, and the byte order of this machine
-      Kiv::U16 major = 2, minor = 4;
-      Kiv::U32 zone = 0, accuracy = 0;
-      Kiv::U32 longestFrame = 1 << 18;
-      Kiv::U32 linkType = 1;  // Ethernet
-    } header;
-    if (!file_) fail();
-    write(&header, sizeof(header));
+  explicit CaptureFile(const Options& options)
+      : name_(options.toOutput() ? "standard output" : options.file) {
+    errno = 0;
+    if (!options.toOutput() && !file_.open(options.file, std::ios::out | std::ios::trunc | std::ios::binary))
+      fail();
+    out_.rdbuf(options.toOutput() ? std::cout.rdbuf() : &file_);
+    if (options.pcap) {
+      const struct {
+        Kiv::U32 magic = 0xa1b2c3d4;  // microseconds, and the byte order of this machine
+        Kiv::U16 major = 2, minor = 4;
+        Kiv::U32 zone = 0, accuracy = 0;
+        Kiv::U32 longestFrame = kLongest;
+        Kiv::U32 linkType = 1;  // Ethernet
+      } header;
+      out_.write(reinterpret_cast<const char*>(&header), sizeof(header));
+    } else {
+      writer_.emplace(out_);
+      writer_->interfaceIs(options.device, Wirl::LinkType::ethernet, kLongest);
+    }
     flush();
   }
-  ~PcapFile() { std::fclose(file_); }
-  PcapFile(const PcapFile&) = delete;
-  PcapFile& operator=(const PcapFile&) = delete;
 
-  /// `wireBytes` is the length on the wire; the packet may hold less of the frame.
-  void add(const Wirl::Pkt& frame, Kiv::U32 wireBytes) {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const Kiv::U32 header[] = {static_cast<Kiv::U32>(now.tv_sec), static_cast<Kiv::U32>(now.tv_nsec / 1000),
-                               frame.bytes(), wireBytes};
-    write(header, sizeof(header));
+  /// `wireBytes` is the length on the wire; the packet may hold less of the frame. `drops` were lost before it.
+  void add(const Wirl::Pkt& frame, Kiv::U32 wireBytes, bool sent, Kiv::U32 drops) {
+    octets_.clear();
     for (Kiv::U32 i = 0; i < frame.numIovecs(); ++i) {
-      write(frame.iovecs()[i].iov_base, frame.iovecs()[i].iov_len);
+      const auto* const piece = static_cast<const Kiv::U8*>(frame.iovecs()[i].iov_base);
+      octets_.insert(octets_.end(), piece, piece + frame.iovecs()[i].iov_len);
     }
+    const Kiv::S64 now = nanosecondsNow();
+    if (writer_) {
+      writer_->pktIs({.time = now,
+                      .way = sent ? Wirl::CapturedPkt::Way::sent : Wirl::CapturedPkt::Way::received,
+                      .octets = octets_,
+                      .bytes = wireBytes,
+                      .comment = {},
+                      .drops = drops});
+    } else {
+      const Kiv::U32 header[] = {static_cast<Kiv::U32>(now / 1000000000),
+                                 static_cast<Kiv::U32>(now % 1000000000 / 1000), frame.bytes(), wireBytes};
+      out_.write(reinterpret_cast<const char*>(header), sizeof(header));
+      out_.write(reinterpret_cast<const char*>(octets_.data()), static_cast<std::streamsize>(octets_.size()));
+    }
+    if (!out_) fail();
   }
   void flush() {
-    if (std::fflush(file_) != 0) fail();
+    if (!out_.flush()) fail();
+  }
+  /// How many frames there were in all.
+  void end(Kiv::U64 received, Kiv::U64 dropped) {
+    if (writer_) writer_->statisticsIs(0, nanosecondsNow(), received, dropped);
+    flush();
   }
 
  private:
-  void write(const void* data, std::size_t size) {
-    if (size > 0 && std::fwrite(data, size, 1, file_) != 1) fail();
-  }
+  static constexpr Kiv::U32 kLongest = 1 << 18;
+
   [[noreturn]] void fail() { throw Kiv::ErrnoException(errno, name_); }
 
-  const char* const name_;
-  std::FILE* const file_;
+  const std::string name_;
+  std::filebuf file_;
+  std::ostream out_{nullptr};
+  std::optional<Wirl::PcapngWriter> writer_;
+  std::vector<Kiv::U8> octets_;
 };
 
 Kiv::Ptr<Wirl::EthDevPam> pamOf(const Options& options) {
@@ -122,24 +152,29 @@ Kiv::Ptr<Wirl::EthDevPam> pamOf(const Options& options) {
 class Tap {
  public:
   explicit Tap(const Options& options) : pam_(pamOf(options)) {
-    if (options.filter) {
+    if (!options.filter.empty()) {
       filter_ = Wirl::bpfFilterFactory("frameTap");
       filter_->bpfFilterStringIs(options.filter);
     }
-    if (options.file) file_.emplace(options.file);
-    std::printf("%10s %12s %8s %8s %8s %8s %8s %8s\n", "frames", "octets", "out", "tagged", "passed", "IP",
-                "bad", "lost");
+    if (!options.file.empty()) file_.emplace(options);
+    if (options.toOutput()) lines_ = isatty(STDERR_FILENO) == 1 ? stderr : nullptr;
+    if (lines_)
+      std::fprintf(lines_, "%10s %12s %8s %8s %8s %8s %8s %8s\n", "frames", "octets", "out", "tagged",
+                   "passed", "IP", "bad", "lost");
     printRow();
   }
 
-  void printCounters() const {
+  /// Ends the file, too.
+  void printCounters() {
+    if (file_) file_->end(frames_, pam_->rxDrops());
+    if (!lines_) return;
     for (const auto& [code, count] : bad_) {
       const std::string_view text = Wirl::pktErrorsText(code);
-      std::printf("%.*s: %u\n", static_cast<int>(text.size()), text.data(), count);
+      std::fprintf(lines_, "%.*s: %u\n", static_cast<int>(text.size()), text.data(), count);
     }
     example::CounterTable counters;
     counters.add(*pam_);
-    counters.print();
+    counters.print(lines_);
   }
 
  private:
@@ -147,6 +182,7 @@ class Tap {
   void receive() {
     pam_->rxPktBulk();
     for (Kiv::U16 i = 0; pam_->savedPacketRx(i); ++i) take(pam_->savedPacket(i), pam_->rxMetadata(i));
+    if (file_) file_->flush();  // for whoever reads along
   }
 
   void take(const Wirl::Pkt::Ptr& pkt, const Wirl::EthRxMetadata& metadata) {
@@ -159,7 +195,11 @@ class Tap {
     const bool restored = Wirl::maybeRestoreVlanTag(pkt);
     if (filter_ && !filter_->match(pkt)) return;
     passed_ += 1;
-    if (file_) file_->add(*pkt, metadata.frameBytes + (restored ? 4 : 0));
+    if (file_) {
+      const Kiv::U32 drops = pam_->rxDrops();
+      file_->add(*pkt, metadata.frameBytes + (restored ? 4 : 0), metadata.pktType == PACKET_OUTGOING,
+                 drops - std::exchange(drops_, drops));
+    }
     if (restored) Wirl::maybeOffloadAnyVlanTag(pkt);
     if (const auto result = check(pkt)) {
       ip_ += 1;
@@ -186,16 +226,19 @@ class Tap {
   void printRow() {
     Kiv::U32 bad = 0;
     for (const auto& each : bad_) bad += each.second;
-    std::printf("%10llu %12llu %8u %8u %8u %8u %8u %8u\n", frames_, octets_, out_, tagged_, passed_, ip_, bad,
-                pam_->rxDrops());
-    std::fflush(stdout);
-    if (file_) file_->flush();
+    if (lines_) {
+      std::fprintf(lines_, "%10llu %12llu %8u %8u %8u %8u %8u %8u\n", frames_, octets_, out_, tagged_,
+                   passed_, ip_, bad, pam_->rxDrops());
+      std::fflush(lines_);
+    }
     clock_->timeMinIs(Kiv::activityLoop().now() + 1s);
   }
 
   const Kiv::Ptr<Wirl::EthDevPam> pam_;
   Wirl::BpfFilter::Ptr filter_;
-  std::optional<PcapFile> file_;
+  std::optional<CaptureFile> file_;
+  std::FILE* lines_ = stdout;  // null: nobody wants them
+  Kiv::U32 drops_ = 0;         // that the file knows of
   unsigned long long frames_ = 0, octets_ = 0;
   Kiv::U32 out_ = 0, tagged_ = 0, passed_ = 0, ip_ = 0;
   std::map<Wirl::PktErrors, Kiv::U32> bad_;
@@ -207,18 +250,17 @@ class Tap {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const std::optional<Options> options = optionsOf(argc, argv);
-  if (!options) {
-    std::fputs(kUsage, stderr);
-    return 2;
-  }
-  if (options->filter) {
-    if (const auto error = Wirl::bpfFilterError(options->filter)) {
+  Options options;
+  if (const auto status = parse(argc, argv, options)) return *status;
+  if (!options.filter.empty()) {
+    if (const auto error = Wirl::bpfFilterError(options.filter)) {
       std::fprintf(stderr, "frameTap: filter: %s\n", error->c_str());
       return 2;
     }
   }
-  Tap tap(*options);
+  std::ios::sync_with_stdio(false);
+  const auto statistics = example::statisticsIf(options.statistics);
+  Tap tap(options);
   const example::StopOnSignal signals;
   Kiv::activityLoop().run();
   tap.printCounters();

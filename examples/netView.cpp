@@ -18,30 +18,15 @@
 
 #include "examples/support/Example.h"
 #include "examples/support/KernelJson.h"
+#include "examples/support/Options.h"
 
 namespace {
 
 using example::Json;
 
-constexpr const char* kUsage =
-    "usage: netView [--netns NAME | --vrf NAME] [--once] [--json] [--details] [KIND...] [--dev NAME]\n"
-    "               [--table TABLE] [--to PREFIX]\n"
-    "  Shows a network namespace, and then what changes in it, until Ctrl-C.\n"
-    "  --netns NAME    the network namespace NAME; it may come later, and go and come back\n"
-    "  --vrf NAME      the namespace of the VRF NAME\n"
-    "  --once          ends after the first picture\n"
-    "  --json          JSON, with the fields of ip -j: one document, then a line for each change\n"
-    "  --details       also the kind and the counters of links, and neighbours that need no resolution\n"
-    "  KIND            --links, --addresses, --routes, --neighbors: only these; or --nexthops, --rules (the\n"
-    "                  next-hop objects, the rules of policy routing)\n"
-    "  --proxies       of neighbours those that the kernel answers for\n"
-    "  --dev NAME      only what belongs to the link NAME\n"
-    "  --table TABLE   only routes of the table, a name or a number\n"
-    "  --to PREFIX     only routes in the prefix, and addresses and neighbours in it\n";
-
 struct Options : example::PictureFilter {
   Wirl::NamespaceName netNs{"default"};
-  bool once = false, json = false;
+  bool once = false, json = false, statistics = false;
   bool links = false, addresses = false, routes = false, neighbors = false, nextHops = false, rules = false;
 };
 
@@ -249,54 +234,54 @@ class NetView {
   bool shown_ = false;
 };
 
-std::optional<Options> optionsOf(int argc, char** argv) {
-  Options options;
-  bool any = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view word = argv[i];
-    const char* const next = argv[i + 1];
-    const std::pair<std::string_view, bool*> flags[] = {
-        {"--once", &options.once},         {"--json", &options.json},
-        {"--details", &options.details},   {"--proxies", &options.proxies},
-        {"--links", &options.links},       {"--addresses", &options.addresses},
-        {"--routes", &options.routes},     {"--neighbors", &options.neighbors},
-        {"--nexthops", &options.nextHops}, {"--rules", &options.rules}};
-    const auto flag =
-        std::find_if(std::begin(flags), std::end(flags), [&](const auto& f) { return f.first == word; });
-    if (flag != std::end(flags)) {
-      *flag->second = true;
-      any = any || flag - std::begin(flags) >= 4;
-    } else if (const auto netNs = example::netNsOf(word, next)) {
-      options.netNs = *netNs;
-      ++i;
-    } else if (word == "--dev" && next) {
-      options.dev = argv[++i];
-    } else if (word == "--table" && next) {
-      options.table = example::tableNames().numberOf(argv[++i]);
-      if (!options.table) return std::nullopt;
-    } else if (word == "--to" && next) {
-      options.to = Wirl::IpGenPrefix::fromText(argv[++i]);
-      if (!options.to) return std::nullopt;
-    } else {
-      return std::nullopt;
-    }
+std::optional<int> parse(int argc, char** argv, Options& options) {
+  example::Options words(
+      "netView", "the state of a network namespace",
+      "Shows a network namespace, and then what changes in it, until Ctrl-C. The namespace may come "
+      "later, and go and come back.");
+  words.netNs(options.netNs);
+  words.flag("--once", options.once, "ends after the first picture");
+  words.flag("--json", options.json,
+             "JSON, with the fields of ip -j: one document, then a line for each change");
+  words.flag("--details", options.details,
+             "also the kind and the counters of links, and neighbours that need no resolution");
+  words.flag("--links", options.links, "only links, and what other kinds are named");
+  words.flag("--addresses", options.addresses, "only addresses, likewise");
+  words.flag("--routes", options.routes, "only routes, likewise");
+  words.flag("--neighbors", options.neighbors, "only neighbours, likewise");
+  words.flag("--nexthops", options.nextHops, "the next-hop objects");
+  words.flag("--rules", options.rules, "the rules of policy routing");
+  words.flag("--proxies", options.proxies, "of neighbours those that the kernel answers for");
+  words.value("--dev", "NAME", "only what belongs to the link NAME", options.dev, example::Word::device);
+  words.value("--table", "TABLE", "only routes of the table, a name or a number",
+              [&](const std::string& text) {
+                options.table = example::tableNames().numberOf(text.c_str());
+                return std::string(options.table ? "" : "no such table");
+              });
+  words.value("--to", "PREFIX", "only routes in the prefix, and addresses and neighbours in it",
+              [&](const std::string& text) {
+                options.to = Wirl::IpGenPrefix::fromText(text);
+                return std::string(options.to ? "" : "no prefix");
+              });
+  words.flag("--statistics", options.statistics, example::kStatisticsHelp);
+  if (const auto status = words.parse(argc, argv)) return status;
+  if (!options.links && !options.addresses && !options.routes && !options.neighbors && !options.nextHops &&
+      !options.rules) {
+    options.links = options.addresses = options.routes = options.neighbors = true;
   }
-  if (!any) options.links = options.addresses = options.routes = options.neighbors = true;
-  return options;
+  return std::nullopt;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const std::optional<Options> options = optionsOf(argc, argv);
-  if (!options) {
-    std::fputs(kUsage, stderr);
-    return 2;
-  }
+  Options options;
+  if (const auto status = parse(argc, argv, options)) return *status;
+  const auto statistics = example::statisticsIf(options.statistics);
   const example::StopOnSignal signals;
-  NetView view(*options);
+  NetView view(options);
   if (!view.isShown()) Kiv::activityLoop().run();
-  return options->once && !view.isShown() ? 1 : 0;
+  return options.once && !view.isShown() ? 1 : 0;
 } catch (const Kiv::Exception& failure) {
   std::fprintf(stderr, "netView: %s\n", failure.what());
   return 1;

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -16,28 +15,15 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Wirl/Wirl.h"
 #include "examples/support/Example.h"
+#include "examples/support/Options.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-constexpr const char* kUsage =
-    "usage: pduChat server [OPTION ...] ADDRESS PORT\n"
-    "       pduChat client [OPTION ...] ADDRESS PORT\n"
-    "  The server passes what one client says on to the others. A client sends the lines of its standard\n"
-    "  input and prints what the others say; it connects again when the server comes back.\n"
-    "  --netns NAME   in the network namespace NAME\n"
-    "  --vrf NAME     in the namespace of the VRF NAME\n"
-    "  --seconds N    ends after N seconds; so does Ctrl-C at any time\n"
-    "  --read-ahead   receives many PDUs with one read\n"
-    "  --queue N      gathers up to N PDUs into one write (default 64)\n"
-    "  --limit N      server: at most N clients at a time, others wait\n"
-    "  --name TEXT    client: who you are, up to 12 octets (default: guest)\n"
-    "  --from ADDRESS client: the address to come from\n"
-    "  --blast BYTES  client: no chat, but PDUs of 20 to 65535 bytes as fast as they go\n";
 
 struct Options {
   bool server = false;
@@ -50,58 +36,64 @@ struct Options {
   Kiv::U32 limit = 1000;
   Kiv::U16 blast = 0;
   bool readAhead = false;
+  bool statistics = false;
   std::string name = "guest";
 };
 
-template <typename Number>
-bool take(std::string_view word, Number min, Number max, Number& out) {
-  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), out);
-  return error == std::errc() && end == word.data() + word.size() && out >= min && out <= max;
+std::string takeAddress(const std::string& text, Wirl::IpGenAddr& out) {
+  const auto address = Wirl::IpGenAddr::fromText(text);
+  if (address) out = *address;
+  return address ? "" : "no address";
 }
 
-bool takeAddress(std::string_view word, Wirl::IpGenAddr& out) {
-  const auto address = Wirl::IpGenAddr::fromText(word);
-  out = address.value_or(Wirl::IpGenAddr());
-  return address.has_value();
-}
-
-std::optional<Options> optionsOf(int argc, char** argv) {
-  Options options;
-  if (argc < 4) return std::nullopt;
-  const std::string_view role = argv[1];
-  options.server = role == "server";
-  if (!options.server && role != "client") return std::nullopt;
-  for (int i = 2; i < argc - 2; ++i) {
-    const std::string_view word = argv[i];
-    if (word == "--read-ahead") {
-      options.readAhead = true;
-      continue;
-    }
-    if (i + 1 == argc - 2) return std::nullopt;
-    const std::string_view value = argv[++i];
-    bool good = false;
-    if (word == "--seconds") {
-      good = take(value, 1u, 1000000u, options.seconds);
-    } else if (word == "--queue") {
-      good = take(value, 1u, 100000u, options.queue);
-    } else if (word == "--limit") {
-      good = options.server && take(value, 0u, 1000000u, options.limit);
-    } else if (word == "--blast") {
-      good = !options.server && take<Kiv::U16>(value, 20, 65535, options.blast);
-    } else if (word == "--from") {
-      good = !options.server && takeAddress(value, options.from);
-    } else if (word == "--name") {
-      good = !options.server && !value.empty() && value.size() <= 12;
-      options.name = value;
-    } else if (const auto netNs = example::netNsOf(word, argv[i])) {
-      good = true;
-      options.netNs = *netNs;
-    }
-    if (!good) return std::nullopt;
+std::optional<int> parse(int argc, char** argv, Options& options) {
+  example::Options words(
+      "pduChat", "a chat over framed TCP",
+      "The server passes what one client says on to the others. A client sends the lines of its "
+      "standard input and prints what the others say; it connects again when the server comes back.");
+  std::string role, name, limit, from, blast;
+  words.place("ROLE", "server or client", [&](const std::string& text) -> std::string {
+    role = text;
+    options.server = role == "server";
+    return options.server || role == "client" ? "" : "neither server nor client";
+  });
+  words.choices({"server", "client"});
+  words.place("ADDRESS", "of the server",
+              [&](const std::string& text) { return takeAddress(text, options.address); });
+  words.place("PORT", "1 to 65535", words.takeNumber<Kiv::U16>(options.port, 1, 65535));
+  words.netNs(options.netNs);
+  words.number<Kiv::U32>("--seconds", "N", "ends after N seconds; so does Ctrl-C at any time",
+                         options.seconds, 1, 1000000);
+  words.flag("--read-ahead", options.readAhead, "receives many PDUs with one read");
+  words.number<Kiv::U32>("--queue", "N", "gathers up to N PDUs into one write (default 64)", options.queue, 1,
+                         100000);
+  // Of one role only.
+  const auto only = [](std::string& given, example::Options::Take take) {
+    return [&given, take = std::move(take)](const std::string& text) {
+      given = text;
+      return take(text);
+    };
+  };
+  words.value("--limit", "N", "server: at most N clients at a time, others wait",
+              only(limit, words.takeNumber<Kiv::U32>(options.limit, 0, 1000000)));
+  words.value("--name", "TEXT", "client: who you are, up to 12 octets (default: guest)",
+              only(name, [&](const std::string& text) -> std::string {
+                options.name = text;
+                return text.empty() || text.size() > 12 ? "not 1 to 12 octets" : "";
+              }));
+  words.value("--from", "ADDRESS", "client: the address to come from",
+              only(from, [&](const std::string& text) { return takeAddress(text, options.from); }));
+  words.value("--blast", "BYTES", "client: no chat, but PDUs of 20 to 65535 bytes as fast as they go",
+              only(blast, words.takeNumber<Kiv::U16>(options.blast, 20, 65535)));
+  words.flag("--statistics", options.statistics, example::kStatisticsHelp);
+  if (const auto status = words.parse(argc, argv)) return status;
+  if (!options.server && !limit.empty()) return words.wrong("--limit", "is for the server");
+  const std::pair<const char*, const std::string*> clients[] = {
+      {"--name", &name}, {"--from", &from}, {"--blast", &blast}};
+  for (const auto& [option, given] : clients) {
+    if (options.server && !given->empty()) return words.wrong(option, "is for clients");
   }
-  if (!takeAddress(argv[argc - 2], options.address)) return std::nullopt;
-  if (!take<Kiv::U16>(argv[argc - 1], 1, 65535, options.port)) return std::nullopt;
-  return options;
+  return std::nullopt;
 }
 
 /// Header of each message. `SimpleTcpPduPam` needs to know only where its length field is.
@@ -500,12 +492,10 @@ class ChatClient {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const std::optional<Options> options = optionsOf(argc, argv);
-  if (!options) {
-    std::fputs(kUsage, stderr);
-    return 2;
-  }
-  return options->server ? ChatServer(*options).work() : ChatClient(*options).work();
+  Options options;
+  if (const auto status = parse(argc, argv, options)) return *status;
+  const auto statistics = example::statisticsIf(options.statistics);
+  return options.server ? ChatServer(options).work() : ChatClient(options).work();
 } catch (const Kiv::Exception& failure) {
   std::fprintf(stderr, "pduChat: %s\n", failure.what());
   return 1;

@@ -10,45 +10,31 @@
 #include <cstdio>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "Wirl/Wirl.h"
 #include "examples/support/Example.h"
+#include "examples/support/Options.h"
 
 namespace {
-
-constexpr const char* kUsage =
-    "usage: pingResponder [--netns NAME | --vrf NAME] [--ipv6] [--quiet]\n"
-    "  Answers pings to every address of a network namespace, until Ctrl-C.\n"
-    "  --netns NAME  of the network namespace NAME\n"
-    "  --vrf NAME    of the namespace of the VRF NAME\n"
-    "  --ipv6        those over IPv6, and not those over IPv4\n"
-    "  --quiet       prints nothing for each ping\n"
-    "  The kernel answers too, unless it is told to leave that alone, in the namespace:\n"
-    "    sysctl -w net.ipv4.icmp_echo_ignore_all=1      (IPv6: net.ipv6.icmp.echo_ignore_all=1)\n";
 
 struct Options {
   Wirl::NamespaceName netNs{"default"};
   bool ipv6 = false;
   bool quiet = false;
+  bool statistics = false;
 };
 
-std::optional<Options> optionsOf(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view word = argv[i];
-    if (word == "--ipv6") {
-      options.ipv6 = true;
-    } else if (word == "--quiet") {
-      options.quiet = true;
-    } else if (const auto netNs = example::netNsOf(word, argv[i + 1])) {
-      options.netNs = *netNs;
-      ++i;
-    } else {
-      return std::nullopt;
-    }
-  }
-  return options;
+std::optional<int> parse(int argc, char** argv, Options& options) {
+  example::Options words(
+      "pingResponder", "answers pings to every address of a namespace",
+      "Answers pings to every address of a network namespace, until Ctrl-C. The kernel answers "
+      "too, unless it is told to leave that alone, in the namespace:\n"
+      "sysctl -w net.ipv4.icmp_echo_ignore_all=1 (IPv6: net.ipv6.icmp.echo_ignore_all=1)");
+  words.netNs(options.netNs);
+  words.flag("--ipv6", options.ipv6, "those over IPv6, and not those over IPv4");
+  words.flag("--quiet", options.quiet, "prints nothing for each ping");
+  words.flag("--statistics", options.statistics, example::kStatisticsHelp);
+  return words.parse(argc, argv);
 }
 
 /// An echo message; the families number its types differently (RFC 792, RFC 4443).
@@ -138,13 +124,11 @@ void answer(Wirl::RawIpPam& pam, const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const std::optional<Options> options = optionsOf(argc, argv);
-  if (!options) {
-    std::fputs(kUsage, stderr);
-    return 2;
-  }
-  const auto pam = pamOf(*options);
-  const Kiv::Reactor onReadable(pam->readableCount, [&] { answer(*pam, *options); });
+  Options options;
+  if (const auto status = parse(argc, argv, options)) return *status;
+  const auto statistics = example::statisticsIf(options.statistics);
+  const auto pam = pamOf(options);
+  const Kiv::Reactor onReadable(pam->readableCount, [&] { answer(*pam, options); });
   pam->enabledIs(true);
   example::runUntilStopped("answering", *pam);
   return 0;

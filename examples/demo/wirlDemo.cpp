@@ -3,6 +3,7 @@
 // and blue, which a veth pair connects. The demo makes all of it and removes it again.
 
 #include "examples/demo/Demo.h"
+#include "examples/support/Options.h"
 
 namespace {
 
@@ -36,11 +37,10 @@ int run() {
 
 }  // namespace
 
-int main(int argc, char**) {
-  if (argc > 1) {
-    std::fputs("usage: wirlDemo\n  Shows the library at work in two namespaces that it makes.\n", stderr);
-    return 2;
-  }
+int main(int argc, char** argv) {
+  example::Options words("wirlDemo", "the library at work",
+                         "Shows the library at work in two namespaces that it makes.");
+  if (const auto status = words.parse(argc, argv)) return *status;
   try {
     const int status = run();
     demo::say(status == 0 ? "\nall of it worked; the namespaces are gone again"

@@ -9,13 +9,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Kiv/Kiv.h"
-#include "Wirl/value/VrfName.h"
+#include "Wirl/access/Statistics.h"
 
 namespace example {
 
@@ -39,13 +38,11 @@ class StopOnSignal {
   const Kiv::Reactor onTerminate_{terminate_->receivedCount, [] { Kiv::activityLoop().stop(); }};
 };
 
-/// The namespace that "--netns NAME" or "--vrf NAME" names; nothing for other options.
-inline std::optional<Wirl::NamespaceName> netNsOf(std::string_view option, const char* name) {
-  if (!name || name[0] == '\0') return std::nullopt;
-  if (option == "--netns") return Wirl::NamespaceName::fromText(name);
-  const auto vrf = L3::VrfName::fromText(name);
-  if (option != "--vrf" || !vrf) return std::nullopt;
-  return vrf->nsName();
+inline constexpr const char* kStatisticsHelp = "shows its counters to wirlTop";
+
+/// While it lives, wirlTop finds this program.
+inline Kiv::Ptr<Wirl::StatisticsServer> statisticsIf(bool wanted) {
+  return wanted ? Wirl::statisticsServerFactory() : nullptr;
 }
 
 /// Name of an interface in the socket's namespace, or "?" if there is no such interface any more.
@@ -84,7 +81,7 @@ class CounterTable {
     return text;
   }
   /// In as many parts as fit a hundred columns of a terminal. A part leaves out who has nothing in it.
-  void print() const {
+  void print(std::FILE* out = stdout) const {
     constexpr std::size_t kMost = 100;
     std::vector<std::string> head = {"Pam"};
     head.insert(head.end(), std::begin(kColumns), std::end(kColumns));
@@ -99,9 +96,10 @@ class CounterTable {
       return std::any_of(part.begin(), part.end(), [&row](std::size_t i) { return row[i] != "-"; });
     };
     const auto printRow = [&](const std::vector<std::string>& row) {
-      std::printf("%-*s", static_cast<int>(widths[0]), row[0].c_str());
-      for (const std::size_t i : part) std::printf("  %*s", static_cast<int>(widths[i]), row[i].c_str());
-      std::printf("\n");
+      std::fprintf(out, "%-*s", static_cast<int>(widths[0]), row[0].c_str());
+      for (const std::size_t i : part)
+        std::fprintf(out, "  %*s", static_cast<int>(widths[i]), row[i].c_str());
+      std::fprintf(out, "\n");
     };
     const auto printPart = [&] {
       if (part.empty()) return;

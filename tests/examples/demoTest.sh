@@ -5,8 +5,7 @@ source "$(dirname "$0")/support.sh"
 two_namespaces
 nothing_left() { [ ! -e /run/netns/ns-red ] && [ ! -e /run/netns/ns-blue ]; }
 
-"$programs/wirlDemo" --help >"$output" 2>&1
-expect "status 2 for words" [ $? = 2 ]
+refused 2 "wirlDemo: all: one word too many" "$programs/wirlDemo" all
 "$programs/wirlDemo" >"$output" 2>&1
 expect "status 0" [ $? = 0 ]
 expect "all of it worked" grep -q "all of it worked" "$output"

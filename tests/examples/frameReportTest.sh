@@ -185,11 +185,11 @@ run 0 none.pcap
 out='' usage=$("$tool" --help)
 [ "${usage#usage: frameReport}" != "$usage" ] || { echo "FAILED: --help"; failures=$((failures + 1)); }
 help='(--help says how it is used)'
-err="frameReport: no file $help"
+err="frameReport: no FILE $help"
 run 2
-err="frameReport: no such option: --quit $help"
+err="frameReport: --quit: no such option $help"
 run 2 --quit three.pcap
-err="frameReport: more than a file and a filter $help"
+err="frameReport: tcp: one word too many $help"
 run 2 three.pcap udp tcp
 err="frameReport: filter: can't parse filter expression: syntax error"
 run 2 three.pcap 'udp port'

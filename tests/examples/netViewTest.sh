@@ -8,7 +8,7 @@ trap 'ip netns del $late 2>/dev/null; namespaces_removed' EXIT
 
 for words in --loud --netns "--table x" "--to 192.0.2.1/24"; do
   # shellcheck disable=SC2086
-  refused 2 "usage: netView" "$programs/netView" $words
+  refused 2 "netView: " "$programs/netView" $words
 done
 refused 1 "netView: no such namespace: No such file or directory (ns-none)" \
   "$programs/netView" --netns ns-none --once

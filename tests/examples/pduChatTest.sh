@@ -15,7 +15,7 @@ for words in "" "server" "peer 192.0.2.1 7000" "server 192.0.2.1" "server 192.0.
   "server --name ann 192.0.2.1 7000" "client --name thirteen-oct 1 7000" "client --queue 0 192.0.2.1 7000" \
   "client --seconds 192.0.2.1 7000" "client --loud 1 192.0.2.1 7000" "server 192.0.2.1 7000 8"; do
   # shellcheck disable=SC2086
-  refused 2 "usage: pduChat server" "$chat" $words
+  refused 2 "pduChat: " "$chat" $words
 done
 refused 1 "pduChat: socket: No such file or directory" "$chat" server --netns ns-none 192.0.2.1 7000
 refused 1 "pduChat: TcpClientSm::localAddr of another family" "$chat" client --from 2001:db8::2 192.0.2.1 7000

@@ -8,7 +8,7 @@ ip netns exec "$red" sysctl -qw net.ipv4.icmp_echo_ignore_all=1 net.ipv6.icmp.ec
 
 for words in --loud --netns "--vrf $(printf '%101s' | tr ' ' v)" 10.0.0.1; do
   # shellcheck disable=SC2086
-  refused 2 "usage: pingResponder" "$programs/pingResponder" $words
+  refused 2 "pingResponder: " "$programs/pingResponder" $words
 done
 refused 1 "pingResponder: socket: No such file or directory" "$programs/pingResponder" --netns ns-none
 refused 1 "pingResponder: socket: Operation not permitted" setpriv --bounding-set=-net_raw "$programs/pingResponder"
@@ -37,7 +37,7 @@ expect "the counters" grep -Eq "^pingResponder +15 +15 +0 " "$output"
 [ -x "$programs/frameTap" ] || exit $((failures > 0))
 for words in "" "a b" "--filter" "a --write" "--x a"; do
   # shellcheck disable=SC2086
-  refused 2 "usage: frameTap" "$programs/frameTap" $words
+  refused 2 "frameTap: " "$programs/frameTap" $words
 done
 tap() { "$programs/frameTap" --netns "$red" "$@"; }
 echo kept >"$folder/pcap"
@@ -51,6 +51,9 @@ refused 1 "frameTap: /dev/full: No space left on device" tap --write /dev/full v
 # Frames of ping, and three in VLAN 5, to others and by a program that knows nothing of ours; the last one has a
 # broken header.
 ip netns exec "$red" sysctl -qw net.ipv4.icmp_echo_ignore_all=0
+"$programs/frameTap" --netns "$red" --filter "icmp or vlan 5" --pcap --write - v0 \
+  2>"$folder/lines" > >(cat >"$folder/piped") &
+piped=$!
 start frames "$programs/frameTap" --netns "$red" --filter "icmp or vlan 5" --write "$folder/pcap" v0
 pings 192.0.2.1
 frame='\2\0\0\0\0\1\2\0\0\0\0\2\201\0\040\5\10\0E\0\0\34\0\0\0\0\100\375'
@@ -60,10 +63,15 @@ for checksum in '\045\173' '\045\173' '\253\315'; do
 done
 for _ in $(seq 100); do [ "$(tail -1 "$output" | awk '{print $5}')" = 13 ] && break; sleep 0.05; done
 interrupt
+interrupt "$piped"
 expect "the broken header" grep -qx "badIpHdrChecksum: 1" "$output"
 row=$(grep -E '^ *[0-9]' "$output" | tail -1 | awk '$1 >= 13 && $2 > $1 * 60 && $3 >= 5 {print $4, $5, $6, $7, $8}')
 expect "the last row" [ "$row" = "3 13 13 1 0" ]
 tcpdump -n -e -v -r "$folder/pcap" >"$folder/tcpdump" 2>&1
+expect "nothing but the capture" [ ! -s "$folder/lines" ]
+expect "pcapng" [ "$(head -c 4 "$folder/pcap" | od -An -tx1)" = " 0a 0d 0d 0a" ]
+expect "the same in both formats" cmp <(tcpdump -ntevr "$folder/pcap" 2>&1 | tail -n +2) \
+  <(tcpdump -ntevr "$folder/piped" 2>&1 | tail -n +2)
 in_file() { expect "$1 times $2 in the file" [ "$(grep -c "$2" "$folder/tcpdump")" = "$1" ]; }
 in_file 5 "192.0.2.2 > 192.0.2.1: ICMP echo request"
 in_file 5 "192.0.2.1 > 192.0.2.2: ICMP echo reply"

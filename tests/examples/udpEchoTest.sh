@@ -4,11 +4,22 @@ set -uo pipefail
 source "$(dirname "$0")/support.sh"
 two_namespaces
 
-for words in "" "127.0.0.1" "127.0.0.1 0" "127.0.0.1 65536" "127.0.0.1 7x" "localhost 7000" "1.2.3.4 7 8" \
-  "--vrf" "--loud 127.0.0.1 7000" "--vrf $(printf '%101s' | tr ' ' v) 127.0.0.1 7000"; do
+# The wrong word is named.
+while IFS='|' read -r words wrong; do
   # shellcheck disable=SC2086
-  refused 2 "usage: udpEcho" "$programs/udpEcho" $words
-done
+  refused 2 "udpEcho: $wrong" "$programs/udpEcho" $words
+done <<END
+|no ADDRESS
+127.0.0.1|no PORT
+127.0.0.1 0|0: no number from 1 to 65535
+127.0.0.1 65536|65536: no number
+127.0.0.1 7x|7x: no number
+localhost 7000|localhost: no address
+1.2.3.4 7 8|8: one word too many
+--vrf|--vrf: 1 required NAME missing
+--loud 127.0.0.1 7000|--loud: no such option
+--vrf $(printf '%101s' | tr ' ' v) 127.0.0.1 7000|--vrf v
+END
 refused 1 "udpEcho: socket: No such file or directory" "$programs/udpEcho" --netns ns-none 127.0.0.1 7000
 refused 1 "udpEcho: bind: Cannot assign requested address" "$programs/udpEcho" --netns "$red" 192.0.2.77 7000
 
