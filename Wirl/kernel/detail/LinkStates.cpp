@@ -53,10 +53,12 @@ void LinkStates::take(const nlmsghdr& message, bool inDump) {
   U64 unused = 0;
   if (message.nlmsg_type != RTM_NEWLINK || !parse(message, link, unused)) return;
   const U32 flags = link.flags & (IFF_UP | IFF_RUNNING | IFF_LOWER_UP);
+  // The kernel follows a carrier that is lost later than the flags show it, and tells of the same flags then.
+  const bool isLost = (flags & IFF_UP) != 0 && flags != (IFF_UP | IFF_RUNNING | IFF_LOWER_UP);
   const auto found = links_.find(index);
-  if (!inDump && (found == links_.end() || found->second.flags != flags || found->second.mtu != link.mtu)) {
-    suspects.insert(index);
-  }
+  const bool isNews =
+      isLost || found == links_.end() || found->second.flags != flags || found->second.mtu != link.mtu;
+  if (!inDump && isNews) suspects.insert(index);
   links_[index] = {std::move(link.name), flags, link.mtu, link.group, link.master, link.vrfTable};
 }
 
