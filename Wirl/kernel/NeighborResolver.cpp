@@ -23,7 +23,8 @@ namespace {
 
 constexpr std::size_t kBatch = 256;  // questions in one pass of the loop
 constexpr Kiv::Time kFirstBackOff = 1s;
-constexpr Kiv::Time kKernelAnswers = 5s;  // after which even a kernel that asks three times has given up
+constexpr Kiv::Time kDefendInterval = 10s;  // RFC 5227 section 1.1
+constexpr Kiv::Time kKernelAnswers = 5s;    // after which even a kernel that asks three times has given up
 
 }  // namespace
 
@@ -377,7 +378,14 @@ void DeviceNeighborResolver::takeArp(const Pkt::Ptr& pkt) {
   const EthAddr mac = arp->senderMac();
   if (mac == ownEthAddr()) return;
   const bool hasOwn = !ownIpAddr().isAny();
-  if (hasOwn && sender == ownIpAddr()) return conflicts.set(conflicts() + 1);
+  if (hasOwn && sender == ownIpAddr()) {
+    const Kiv::Time now = Kiv::activityLoop().now();
+    if (!defended_ || now - *defended_ >= kDefendInterval) {
+      defended_ = now;
+      sendArp(ArpHdr::request, EthAddr(255, 255, 255, 255, 255, 255), EthAddr(), ownIpAddr());
+    }
+    return conflicts.set(conflicts() + 1);
+  }
   const bool isRequest = arp->operation() == ArpHdr::request;
   if (isRequest && hasOwn && arp->targetIp() == ownIpAddr()) sendArp(ArpHdr::reply, mac, mac, sender);
   if (!sender.isAny()) learn(sender, mac, !isRequest);

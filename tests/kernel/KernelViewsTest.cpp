@@ -17,6 +17,9 @@
 #include "Wirl/kernel/NeighborResolver.h"
 #include "Wirl/kernel/detail/Attrs.h"
 #include "Wirl/kernel/detail/Messages.h"
+#include "Wirl/packet/Ethernet.h"
+#include "Wirl/wire/ArpHdr.h"
+#include "Wirl/wire/PktBuilder.h"
 #include "examples/support/KernelJson.h"
 #include "tests/support/NetNs.h"
 
@@ -726,7 +729,31 @@ TEST_F(KernelViewsTest, ResolversKnowNextHopsAndTellOfLoss) {
                                                            IpAddr(veth.ipA), Ip6Addr(veth.ip6A));
   device->answerTimeIs(std::chrono::milliseconds(100));
   run(*device);
-  // It defends its address against who would take it.
+  // It defends its addresses against who would take them: that of IPv4 once in a while.
+  const auto rival = ethDevPamFactory("rival", veth.intf, NamespaceName(far.name()));
+  rival->ethTypeIs(ethTypeArpIp);
+  rival->enabledIs(true);
+  EthArpHdr claim;
+  claim.hardwareTypeIs(ArpHdr::ethernet);
+  claim.protocolTypeIs(0x0800);
+  claim.hardwareBytesIs(6);
+  claim.protocolBytesIs(4);
+  claim.operationIs(ArpHdr::reply);
+  claim.senderMacIs(rival->ethAddr());
+  claim.senderIpIs(IpAddr(veth.ipA));
+  for (int i = 0; i < 3; ++i) {
+    const auto pkt = globalPktManager()->newPkt();
+    PktBuilder(pkt).push(claim).eth(device->ownEthAddr(), rival->ethAddr()).pad().finish();
+    rival->txPktIs(pkt);
+  }
+  EXPECT_TRUE(await([&] { return device->conflicts() == 3; }));
+  Kiv::activityLoop().runFor(0.01);
+  int defences = 0;
+  while (const auto pkt = rival->rxPkt()) {
+    const auto arp = viewAt<EthArpHdr>(pkt, sizeof(EthHdr));
+    defences += arp && arp->senderIp() == claim.senderIp() && arp->targetIp() == claim.senderIp();
+  }
+  EXPECT_EQ(defences, 1);
   outputOf("ip netns exec " + far.name() + " sysctl -qw net.ipv6.conf." + veth.intf + ".accept_dad=1");
   ns.ip("addr del " + veth.ip6A + "/64 dev " + veth.intf);
   far.ip("addr add " + veth.ip6A + "/64 dev " + veth.intf);
