@@ -6,6 +6,7 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <array>
 #include <unordered_map>
 
 #include "Wirl/kernel/detail/Attrs.h"
@@ -662,13 +663,15 @@ Route RouteView::lookUpIn(U32 table, const RouteQuery& query) const {
   if (found->usable != 0 && isFirst && query.outIfIndex == 0) [[likely]]
     return t.routeOf({table, found.key, found->metric}, found->attrs);
   // Rare: the route cannot be used, so one behind it may be, or a shorter one.
-  std::vector<std::pair<IpGenPrefix, const Tables::Record*>> heads;
-  map->covering(
-      IpGenPrefix(query.destination, query.destination.bits()),
-      [&](const IpGenPrefix& prefix, const Tables::Record& head) { heads.emplace_back(prefix, &head); });
+  std::array<std::pair<U32, const Tables::Record*>, 129> heads;  // by length
+  std::size_t count = 0;
+  map->covering(IpGenPrefix(query.destination, query.destination.bits()),
+                [&](const IpGenPrefix& prefix, const Tables::Record& head) {
+                  heads[count++] = {prefix.len(), &head};
+                });
   bool begun = false;
-  for (std::size_t i = heads.size(); i-- > 0;) {
-    const auto& [prefix, head] = heads[i];
+  while (count-- > 0) {
+    const auto [len, head] = heads[count];
     const Tables::Record* best = nullptr;
     unsigned bestUsability = 0;
     bool hasSources = false, hasOurs = false;
@@ -688,9 +691,11 @@ Route RouteView::lookUpIn(U32 table, const RouteQuery& query) const {
       if (at->next == 0) break;
     }
     // Where there are routes for sources, the kernel does not begin with those for all, but for the default.
-    if (!begun && hasSources && !hasOurs && prefix.len() != 0) continue;
+    if (!begun && hasSources && !hasOurs && len != 0) continue;
     begun = true;
-    if (best) return t.routeOf({table, prefix, best->metric}, best->attrs);
+    if (!best) continue;
+    const IpGenPrefix prefix(query.destination.maskedByLength(len), len);
+    return t.routeOf({table, prefix, best->metric}, best->attrs);
   }
   return {};
 }
