@@ -128,8 +128,8 @@ class PrefixMapOfBoth {
 /// An iterator is a position in that order, not a place in memory. It stays valid when prefixes are inserted
 /// or erased, even its own; it becomes invalid when the map is assigned to or moved. Dereferencing it ends
 /// the process if its prefix is not in the map. Pointers and references to values are valid until the next
-/// change. Only insertions and copies allocate; an insertion that throws `std::bad_alloc` changes nothing.
-/// `T` must move without exceptions.
+/// change, or insertion that throws. Only insertions and copies allocate; an insertion that throws
+/// `std::bad_alloc` leaves the map with the same prefixes and values. `T` must move without exceptions.
 ///
 /// Threads: as a standard container. For readers in other threads see `PrefixTable`.
 template <typename T, typename P = IpGenPrefix>
@@ -160,9 +160,8 @@ class PrefixMap {
   /// Returns the value of the prefix, and whether it is new. An existing prefix keeps its value.
   std::pair<T*, bool> insert(const P& key, T value) {
     check(key);
-    const auto result = map_.insert(key, std::move(value));
-    changes_ += result.second;
-    return result;
+    ++changes_;  // in any case: an insertion that fails may have moved values
+    return map_.insert(key, std::move(value));
   }
   /// Inserts, or replaces the value.
   T& insertOrAssign(const P& key, T value) {
@@ -197,12 +196,28 @@ class PrefixMap {
 
   template <typename Value>
   class Iterator {
+    /// What `->` needs of an element that is no object in memory.
+    struct Arrow {
+      Entry<Value> entry;
+      Entry<Value>* operator->() noexcept { return &entry; }
+    };
+
    public:
     using value_type = Entry<Value>;
     using difference_type = std::ptrdiff_t;
     using iterator_concept = std::forward_iterator_tag;
 
     Iterator() noexcept = default;
+    /// To `const_iterator`.
+    operator Iterator<const Value>() const noexcept requires(!std::is_const_v<Value>) {
+      Iterator<const Value> same;
+      same.map_ = map_;
+      same.at_ = {at_.key, at_.value};
+      same.within_ = within_;
+      same.changes_ = changes_;
+      return same;
+    }
+    Arrow operator->() const noexcept { return {**this}; }
     Entry<Value> operator*() const noexcept {
       Value* const value = current();
       KIV_ASSERT_AS(value, "the prefix is in the map");
@@ -223,6 +238,8 @@ class PrefixMap {
 
    private:
     friend PrefixMap;
+    template <typename>
+    friend class Iterator;
     Iterator(const PrefixMap* map, const Result<Value>& at, const std::optional<P>& within) noexcept
         : map_(map), at_(at), within_(within), changes_(map->changes_) {
       if (at_ && within_ && !within_->contains(at_.key)) at_.value = nullptr;
@@ -238,6 +255,14 @@ class PrefixMap {
   };
   using iterator = Iterator<T>;
   using const_iterator = Iterator<const T>;
+
+  /// Removes the element; returns the position behind it.
+  iterator erase(iterator at) noexcept {
+    const P key = (*at).key;
+    ++at;
+    erase(key);
+    return at;
+  }
 
   iterator begin() noexcept { return from<T>(Map::first(), true, {}); }
   iterator end() noexcept { return {}; }
