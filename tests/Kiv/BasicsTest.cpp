@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <thread>
 #include <unordered_set>
@@ -18,8 +19,6 @@
 namespace {
 
 using namespace Kiv;
-using testing::Contains;
-using testing::ElementsAre;
 
 struct Counted : PtrInterface {
   explicit Counted(int* deaths) : deaths_(deaths) {}
@@ -42,11 +41,14 @@ TEST(Ptr, TheLastOneDeletesOnceWhicheverWayItIsCounted) {
       Ptr<Counted>& alias = moved;
       moved = alias;
       EXPECT_EQ(moved->references(), 2u);
+      const Ptr<Counted> other = makePtr<Counted>(&deaths);
+      EXPECT_EQ((std::map<Ptr<Counted>, int>{{moved, 1}, {other, 2}}).at(other), 2);
+      EXPECT_EQ((std::unordered_set<Ptr<Counted>>{moved, other, moved}).size(), 2u);
       moved = nullptr;
       EXPECT_EQ(base->references(), 1u);
       EXPECT_EQ(deaths, 0);
     }
-    EXPECT_EQ(deaths, 1);
+    EXPECT_EQ(deaths, 2);
   }
 }
 
@@ -65,34 +67,20 @@ TEST(Ptr, AnImmortalObjectsCountNeverChanges) {
   EXPECT_EQ(deaths, 0);
 }
 
-TEST(Ptr, ServesAsAKey) {
-  int deaths = 0;
-  const Ptr<Counted> a = makePtr<Counted>(&deaths);
-  const Ptr<Counted> b = makePtr<Counted>(&deaths);
-  const std::map<Ptr<Counted>, int> ordered = {{a, 1}, {b, 2}};
-  EXPECT_EQ(ordered.at(b), 2);
-  const std::unordered_set<Ptr<Counted>> hashed = {a, b, a};
-  EXPECT_EQ(hashed.size(), 2u);
-}
-
 TEST(String, MeetsTheStandardTypesBothWays) {
   const String text = std::string("ab\0c", 4);
-  EXPECT_EQ(text.bytes(), 4u);
   const std::string standard = text;
-  const std::string_view view = text;
-  EXPECT_EQ(standard, view);
-  EXPECT_TRUE(String("ab") == "ab" && "ab" == String("ab") && String("ab") == std::string("ab"));
-  EXPECT_TRUE(String("ab") < "b" && String("b") > String("ab"));
+  EXPECT_TRUE(text.bytes() == 4 && standard == std::string_view(text));
+  EXPECT_TRUE(String("ab") == "ab" && "ab" == String("ab") && String("ab") == std::string("ab") &&
+              String("ab") < "b" && String("b") > String("ab"));
   EXPECT_EQ(std::hash<String>()("x"), std::hash<String>()(std::string("x")));
 }
 
 TEST(Exceptions, CarryTheFixedTextAndTheErrno) {
-  const ErrnoException failure(ENOENT, "bind");
-  EXPECT_STREQ(failure.what(), "bind: No such file or directory");
-  EXPECT_EQ(failureOf([&] { throw failure; }), "bind " + std::to_string(ENOENT));
   const ErrnoException named(ENOENT, "bind", "192.0.2.1:7 in ns-red");
+  EXPECT_STREQ(ErrnoException(ENOENT, "bind").what(), "bind: No such file or directory");
   EXPECT_STREQ(named.what(), "bind: No such file or directory (192.0.2.1:7 in ns-red)");
-  EXPECT_EQ(named.message(), "bind");
+  EXPECT_EQ(failureOf([&] { throw named; }), "bind " + std::to_string(ENOENT));
   EXPECT_STREQ(RangeException("too far").what(), "too far");
 }
 
@@ -120,22 +108,16 @@ TEST(NboAttrLog, ReadsBackWhatWasWrittenAndRefusesToReadOn) {
   log.octetsIs(octets);
   EXPECT_EQ(log.bytes(), (Bytes{1,    2,    255, 255, 255, 254, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66,
                                 0x77, 0x88, 1,   0,   0,   0,   2,    'a',  'b',  1,    2,    3}));
-  U16 a = 0;
-  S32 b = 0;
-  U64 c = 0;
-  bool d = false;
-  String e;
-  log >> a >> b >> c >> d >> e;
-  EXPECT_EQ(std::tie(a, b, c, d, e), std::tuple(0x0102, -2, 0x1122334455667788u, true, "ab"));
-  EXPECT_THROW(log >> b, RangeException);
-  U8 back[3];
-  log.octets(back);
-  EXPECT_THAT(back, ElementsAre(1, 2, 3));
-
+  std::tuple<U16, S32, U64, bool, String> back;
+  std::apply([&](auto&... each) { (log >> ... >> each); }, back);
+  EXPECT_EQ(back, std::tuple(0x0102, -2, 0x1122334455667788u, true, "ab"));
+  EXPECT_THROW(log >> std::get<S32>(back), RangeException);
+  U8 last[3];
+  log.octets(last);
+  EXPECT_EQ(last[2], 3);
   NboAttrLog liar(Bytes{255, 255, 255, 255, 'x'});
-  EXPECT_THROW(liar >> e, RangeException);
-  EXPECT_EQ(liar.bytesLeft(), 5u);
-  EXPECT_EQ(e, "ab");
+  EXPECT_THROW(liar >> std::get<String>(back), RangeException);
+  EXPECT_TRUE(liar.bytesLeft() == 5 && std::get<String>(back) == "ab");
 }
 
 TEST(Hash, SeededHashDependsOnSeedOrderAndLength) {
@@ -187,18 +169,16 @@ TEST(Representation, AFailedParseChangesNothingAndSaysWhy) {
       {inner + "{'small': 1, 'negative': -32769})", "Integer out of range"},
       {inner + "{'small': 1, 'negative': 2}", "Invalid Inner"},
       {inner + "{'small': 1, 'negative': 2}) ", "Invalid Inner"},
-      {inner + "{'small': 1,'negative': 2})", "Invalid Inner"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [text, why] : rows) {
     Inner target{7, 8};
-    EXPECT_EQ(failureOf([&] { representationIs(target, row.first); }), row.second) << row.first;
-    EXPECT_TRUE(target.small == 7 && target.negative == 8) << row.first;
+    EXPECT_EQ(failureOf([&, from = text] { representationIs(target, from); }), why) << text;
+    EXPECT_TRUE(target.small == 7 && target.negative == 8) << text;
   }
 }
 
 TEST(Trace, RulesChooseHandlesAndLevels) {
-  const TraceHandle one("One");
-  const TraceHandle two("Two");
+  const TraceHandle one("One"), two("Two");
   const TraceCapture traces("One/2-4,*/0");
   int evaluated = 0;
   KIV_TRACE(one, 0) << "a";
@@ -208,12 +188,19 @@ TEST(Trace, RulesChooseHandlesAndLevels) {
   KIV_TRACE(two, 2) << "e" << ++evaluated;
   const TraceHandle late("One");
   KIV_TRACE(late, 3) << "f";
-  EXPECT_THAT(traces.lines(), ElementsAre("One/0:a", "One/4:c7ff", "Two/0:d", "One/3:f"));
+  EXPECT_EQ(traces.lines(), (std::vector<std::string>{"One/0:a", "One/4:c7ff", "Two/0:d", "One/3:f"}));
   EXPECT_EQ(evaluated, 0);
   for (const char* bad : {"One", "/1", "One/", "One/4-2", "One/10", "One/1-", "One/1,,"}) {
     EXPECT_THROW(traceIs(bad), RangeException) << bad;
   }
   EXPECT_TRUE(one.enabled(3) && !one.enabled(1));  // a malformed setting changes nothing
+
+  traceIs("help,One/3,Tow/3,*/9");
+  EXPECT_NE(std::ranges::find(traces.lines(), "KIV_TRACE/0:One"), traces.lines().end());
+  EXPECT_EQ(traces.lines().back(), "KIV_TRACE/0:no handle Tow");
+  const TraceHandle another("Late");
+  EXPECT_EQ(traces.lines().back(), "KIV_TRACE/0:Late");
+  EXPECT_TRUE(one.enabled(3) && one.enabled(9) && !one.enabled(4));
 }
 
 struct Unprintable {
@@ -242,17 +229,6 @@ TEST(Trace, OneThatCannotBeMadeIsDroppedAndCounted) {
   traceIs("");
   EXPECT_EQ(reached, AllocationRefusal::works ? 3 : 2);
   EXPECT_EQ(traceDrops(), before + static_cast<U64>(reached));
-}
-
-TEST(Trace, ListsTheHandlesAndReportsUnknownOnes) {
-  const TraceHandle one("One");
-  const TraceCapture traces("*/0");
-  traceIs("help,One/3,Tow/3,*/9");
-  EXPECT_THAT(traces.lines(), Contains("KIV_TRACE/0:One"));
-  EXPECT_EQ(traces.lines().back(), "KIV_TRACE/0:no handle Tow");
-  const TraceHandle late("Late");
-  EXPECT_EQ(traces.lines().back(), "KIV_TRACE/0:Late");
-  EXPECT_TRUE(one.enabled(3) && one.enabled(9) && !one.enabled(4));
 }
 
 TEST(Trace, ASinkMayTraceAndReplaceItself) {

@@ -94,16 +94,14 @@ TEST_F(NimboTest, RefusesNamesThatAreNoNamespaces) {
   // mount.
   const std::string file = red_->name() + "-file";
   std::ofstream("/run/netns/" + file) << "no namespace";
-  const std::string longest(255, 'x'), tooLong(256, 'x'), endless(100'000, 'x');
+  const std::string longest(255, 'x'), endless(100'000, 'x');
   const std::tuple<std::string, int, std::string> rows[] = {
-      {"ns-none", ENOENT, "open /run/netns/ns-none"},
       {file, EINVAL, "setns " + file},
       {longest, ENOENT, "open /run/netns/" + longest},
-      {tooLong, ENAMETOOLONG, "namespace name " + tooLong},
+      {longest + 'x', ENAMETOOLONG, "namespace name " + longest + 'x'},
       {endless, ENAMETOOLONG, "namespace name " + endless.substr(0, 280)},
       {".", EINVAL, "namespace name ."},
       {"..", EINVAL, "namespace name .."},
-      {"../../proc/1/ns/net", EINVAL, "namespace name ../../proc/1/ns/net"},
       {"/" + red_->name(), EINVAL, "namespace name /" + red_->name()},
   };
   for (const auto& [name, error, text] : rows) {
@@ -130,45 +128,33 @@ TEST_F(NimboTest, EveryStepMayFail) {
     const Fault closeOverwritesErrno(Call::close, 1, EIO, Fault::kForEver);
     expectFailure(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red.c_str()), error, text);
   }
-  expectFailure(netnsSocketAt(AF_INET, 77, 0, red.c_str()), EINVAL, "socket in " + red);
   expectFailure(netnsSocketAt(-1, SOCK_DGRAM, 0, ""), EAFNOSUPPORT, "socket");
-}
-
-using NimboDeathTest = NimboTest;
-
-TEST_F(NimboDeathTest, EndsTheProcessWhenThereIsNoWayBack) {
   EXPECT_DEATH(
       {
-        const Fault fault(Call::setns, 3, EPERM);
-        netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
+        const Fault noWayBack(Call::setns, 3, EPERM);
+        netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red.c_str());
       },
       "Nimbo: cannot return from network namespace ns-t[0-9]+-red: Operation not permitted");
 }
 
-TEST_F(NimboTest, SignalHandlersRunAtHome) {
+/// A signal handler runs at home, and the namespace may go while it is in use.
+TEST_F(NimboTest, IsNotSeenElsewhereByAnybody) {
   static std::atomic<unsigned long long> handledIn{0};
   struct sigaction action {};
   struct sigaction before {};
   action.sa_handler = [](int) { handledIn = currentNetNs(); };
   ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
-  unsigned long long calledIn = 0;
-  const Fault fault(Call::socket, 1, [&] {
-    calledIn = currentNetNs();
+  const auto red = runIn(*red_, currentNetNs);
+  const Fault signal(Call::socket, 1, [&] {
+    EXPECT_EQ(currentNetNs(), red);
     raise(SIGUSR1);
   });
+  const Fault removal(Call::setns, 2, [&] { red_->del(); });
   const int socket = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
-  EXPECT_NE(calledIn, home_);
+  EXPECT_EQ(netNsOf(socket), red);
   EXPECT_EQ(handledIn, home_);
   close(socket);
   sigaction(SIGUSR1, &before, nullptr);
-}
-
-TEST_F(NimboTest, TheNamespaceMayGoWhileInUse) {
-  const auto red = runIn(*red_, currentNetNs);
-  const Fault fault(Call::setns, 2, [&] { red_->del(); });
-  const int socket = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str());
-  EXPECT_EQ(netNsOf(socket), red);
-  close(socket);
   expectFailure(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, red_->c_str()), ENOENT,
                 "open /run/netns/" + red_->name());
 }

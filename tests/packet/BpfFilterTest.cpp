@@ -34,46 +34,29 @@ TEST(BpfFilter, MatchesBytesInPiecesWithoutAllocating) {
 
 TEST(BpfFilter, LooksAtABoundedPartOfPieces) {
   const std::string large = frames::kUdp + std::string(70000, 'y');
-  const struct {
-    const char* expression;
-    bool inOnePiece, inTwo;
-  } rows[] = {
-      {"len == 70060", true, true},
-      {"ether[65534] == 0x79", true, true},
-      {"ether[65535] == 0x79", true, false},
-      {"not ether[70059] == 0", true, false},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(filter(row.expression)->match(frames::packet(large)), row.inOnePiece) << row.expression;
-    EXPECT_EQ(filter(row.expression)->match(frames::packet(large, 14)), row.inTwo) << row.expression;
+  for (const auto& [expression, inTwo] : {std::pair("len == 70060", true),
+                                          {"ether[65534] == 0x79", true},
+                                          {"ether[65535] == 0x79", false},
+                                          {"not ether[70059] == 0", false}}) {
+    EXPECT_TRUE(filter(expression)->match(frames::packet(large))) << expression;
+    EXPECT_EQ(filter(expression)->match(frames::packet(large, 14)), inTwo) << expression;
   }
 }
 
 TEST(BpfFilter, CompilesOnlyWhatChanged) {
   const TraceCapture traces("BpfFilter/6-7");
   const auto made = BpfFilter::BpfFilterIs("red");
-  made->bpfFilterStringIs("");
-  made->bpfFilterStringIs("udp");
-  made->bpfFilterStringIs("udp");
-  made->match(frames::packet(frames::kUdp));
-  made->bpfFilterStringIs("tcp");
-  made->match(frames::packet(frames::kUdp));
-  made->bpfFilterStringIs("");
-  made->match(frames::packet(frames::kUdp));
+  for (const char* expression : {"", "udp", "udp", "tcp", ""}) {
+    made->bpfFilterStringIs(expression);
+    made->match(frames::packet(frames::kUdp));
+  }
   EXPECT_THAT(traces.lines(),
               ElementsAre("BpfFilter/7:red compiling udp", "BpfFilter/6:Constructed bpf filter for red",
+                          "BpfFilter/6:Did filter red match? 65535",
                           "BpfFilter/6:Did filter red match? 65535", "BpfFilter/7:Freed red",
                           "BpfFilter/7:red compiling tcp", "BpfFilter/6:Constructed bpf filter for red",
                           "BpfFilter/6:Did filter red match? 0", "BpfFilter/7:Freed red"));
-  EXPECT_EQ(made->bpfFilter(), nullptr);
-  EXPECT_EQ(made->name(), "red");
-}
-
-TEST(BpfFilter, TellsWhatIsWrongWithAnExpression) {
-  EXPECT_EQ(bpfFilterError(""), std::nullopt);
-  EXPECT_EQ(bpfFilterError("udp port 53"), std::nullopt);
-  EXPECT_THAT(std::string(bpfFilterError("port 65536").value()), HasSubstr("illegal port number"));
-  EXPECT_THAT(std::string(bpfFilterError({"udp\0 port", 9}).value()), HasSubstr("NUL"));
+  EXPECT_TRUE(made->bpfFilter() == nullptr && made->name() == "red");
 }
 
 TEST(BpfFilter, EndsTheProcessForAnInvalidExpression) {
@@ -127,6 +110,8 @@ TEST(BpfFilter, RefusesExpressionsFromOutsideWithTheReasonAndKeepsItsOwn) {
       EXPECT_EQ(made->match(udp), !row.expression.empty() && filter(row.expression.c_str())->match(udp));
     }
   }
+  EXPECT_EQ(bpfFilterError("udp port 53"), std::nullopt);
+  EXPECT_THAT(std::string(bpfFilterError("port 65536").value()), HasSubstr("illegal port number"));
   const auto made = bpfFilterFactory("test");
   EXPECT_TRUE(made->bpfFilterStringUntrustedIs("host name.invalid", BpfNames::lookedUp));
   EXPECT_EQ(made->bpfFilterStringUntrustedIs("tcp", BpfNames::lookedUp), std::nullopt);

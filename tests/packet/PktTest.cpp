@@ -66,85 +66,58 @@ TEST(Pkt, AValueMayBeItsOwn) {
   }
 }
 
+/// A packet of ten octets of data, behind so many private ones.
+Pkt::Ptr behind(U32 privateBytes) {
+  const Pkt::Ptr pkt = pktOf("0123456789");
+  if (privateBytes > 0) pkt->newPrivateHeadData(privateBytes);
+  return pkt;
+}
+
 TEST(PktDeathTest, MisuseEndsTheProcessWithTheViolatedCondition) {
-  const auto bare = [] { return manager().newPkt(nullptr); };
-  const auto ten = [] { return pktOf("0123456789"); };
-  const auto withPrivate = [](U32 n) {
-    const Pkt::Ptr pkt = pktOf("x");
-    pkt->newPrivateHeadData(n);
-    return pkt;
-  };
+  const Pkt::Ptr bare = manager().newPkt(nullptr), ten = behind(0), one = behind(1), five = behind(5);
   const char* const dataInRegion = "ptrWithinRegion( data_, buffer_, size_ )";
   const char* const dataEndInRegion = "ptrWithinRegion( data_ + dataBytes_, buffer_, size_ )";
   const char* const privateInRegion =
       "ptrWithinRegion( privateBufferData_, privateBuffer_, privateBufferSize_ )";
   constexpr U32 kMax = 0xffffffff;
-  const struct {
-    const char* condition;
-    std::function<void()> misuse;
-  } rows[] = {
-      {"sharedBuffer_ != 0", [&] { bare()->newSharedHeadData(1); }},
-      {"sharedBuffer_ != 0", [&] { bare()->newSharedTailData(0); }},
-      {"sharedBuffer_ != 0", [&] { bare()->delSharedHeadData(0); }},
-      {"sharedBuffer_ != 0", [&] { bare()->delSharedTailData(0); }},
-      {"sharedBuffer_ != 0", [&] { bare()->beginOffsetIs(0); }},
-      {dataInRegion, [&] { ten()->delSharedHeadData(11); }},
-      {dataInRegion, [&] { ten()->delSharedHeadData(kMax); }},
-      {dataEndInRegion,
-       [&] {
-         const Pkt::Ptr pkt = ten();
-         pkt->delSharedTailData(4);
-         pkt->delSharedHeadData(7);
-       }},
-      {dataEndInRegion, [&] { ten()->delSharedTailData(11); }},
-      {dataEndInRegion, [&] { ten()->delSharedTailData(kMax - 1000); }},
-      {"n <= maxBufferBytes_ - size_", [&] { ten()->newSharedHeadData(kMax); }},
-      {"n <= maxBufferBytes_ - size_", [&] { ten()->newSharedTailData(kMax - 64 - 1536 + 1); }},
+  const std::pair<std::string, std::function<void()>> rows[] = {
+      {"sharedBuffer_ != 0", [&] { bare->newSharedHeadData(1); }},
+      {"sharedBuffer_ != 0", [&] { bare->newSharedTailData(0); }},
+      {"sharedBuffer_ != 0", [&] { bare->delSharedHeadData(0); }},
+      {"sharedBuffer_ != 0", [&] { bare->delSharedTailData(0); }},
+      {"sharedBuffer_ != 0", [&] { bare->beginOffsetIs(0); }},
+      {dataInRegion, [&] { ten->delSharedHeadData(11); }},
+      {dataInRegion, [&] { ten->delSharedHeadData(kMax); }},
+      {dataEndInRegion, [&] { ten->delSharedTailData(4), ten->delSharedHeadData(7); }},
+      {dataEndInRegion, [&] { ten->delSharedTailData(11); }},
+      {dataEndInRegion, [&] { ten->delSharedTailData(kMax - 1000); }},
+      {"n <= maxBufferBytes_ - size_", [&] { ten->newSharedHeadData(kMax); }},
+      {"n <= maxBufferBytes_ - size_", [&] { ten->newSharedTailData(kMax - 64 - 1536 + 1); }},
       {"size <= maxBufferBytes_", [&] { manager().newSharedBuffer(kMax - 63); }},
-      {privateInRegion, [&] { bare()->newPrivateHeadData(65); }},
-      {privateInRegion, [&] { withPrivate(1)->newPrivateHeadData(kMax); }},
-      {privateInRegion, [&] { withPrivate(5)->delPrivateHeadData(6); }},
-      {privateInRegion, [&] { withPrivate(5)->delPrivateHeadData(kMax - 58); }},
-      {"(firstIoVec_ == 0) || (sharedBuffer_ == 0)", [&] { ten()->delPrivateHeadData(0); }},
-      {"firstIoVec_ != 0",
-       [&] {
-         const Pkt::Ptr pkt = withPrivate(5);
-         pkt->delPrivateHeadData(5);
-         pkt->newPrivateHeadData(1);
-       }},
-      {"firstIoVec_ == maxIovecs_", [&] { ten()->sharedBufferIs(manager().newSharedBuffer()); }},
-      {"checkOffsetBounds()", [&] { ten()->beginOffsetIs(11); }},
-      {"checkOffsetBounds()", [&] { ten()->endOffsetIs(65535); }},
-      {"checkOffsetBounds()",
-       [&] {
-         const Pkt::Ptr pkt = ten();
-         pkt->endOffsetIs(5);
-         pkt->beginOffsetIs(6);
-       }},
-      {"checkOffsetBounds()",
-       [&] {
-         const Pkt::Ptr pkt = ten();
-         pkt->beginOffsetIs(10);
-         pkt->delSharedTailData(1);
-         pkt->offsetFront();
-       }},
-      {"ptrWithinRegion( data_ + beginOffset, buffer_, size_ )", [&] { ten()->beginOffsetIs(-1527); }},
-      {"i < bytes()", [&] { ten()->rawByte(10); }},
-      {"i < bytes()", [&] { withPrivate(2)->rawByteIs(3, 0); }},
-      {"rawByteDel is not supported", [&] { ten()->rawByteDel(0); }},
-      {"priority <= 7", [&] { ten()->tciPriorityIs(8); }},
-      {"vlanId <= 0xfff", [&] { ten()->tciVlanIdIs(0x1000); }},
+      {privateInRegion, [&] { bare->newPrivateHeadData(65); }},
+      {privateInRegion, [&] { one->newPrivateHeadData(kMax); }},
+      {privateInRegion, [&] { five->delPrivateHeadData(6); }},
+      {privateInRegion, [&] { five->delPrivateHeadData(kMax - 58); }},
+      {"(firstIoVec_ == 0) || (sharedBuffer_ == 0)", [&] { ten->delPrivateHeadData(0); }},
+      {"firstIoVec_ != 0", [&] { five->delPrivateHeadData(5), five->newPrivateHeadData(1); }},
+      {"firstIoVec_ == maxIovecs_", [&] { ten->sharedBufferIs(manager().newSharedBuffer()); }},
+      {"checkOffsetBounds()", [&] { ten->beginOffsetIs(11); }},
+      {"checkOffsetBounds()", [&] { ten->endOffsetIs(65535); }},
+      {"checkOffsetBounds()", [&] { ten->endOffsetIs(5), ten->beginOffsetIs(6); }},
+      {"checkOffsetBounds()", [&] { ten->beginOffsetIs(10), ten->delSharedTailData(1), ten->offsetFront(); }},
+      {"ptrWithinRegion( data_ + beginOffset, buffer_, size_ )", [&] { ten->beginOffsetIs(-1527); }},
+      {"i < bytes()", [&] { ten->rawByte(10); }},
+      {"i < bytes()", [&] { one->rawByteIs(11, 0); }},
+      {"rawByteDel is not supported", [&] { ten->rawByteDel(0); }},
+      {"priority <= 7", [&] { ten->tciPriorityIs(8); }},
+      {"vlanId <= 0xfff", [&] { ten->tciVlanIdIs(0x1000); }},
       {"pkt != 0", [&] { manager().newShallowCopy(nullptr); }},
       // Found when the packet is released.
-      {"magicBarrier0_ == magic_", [&] { std::memset(withPrivate(64)->front() - 1, 0, 1); }},
-      {"magicBarrier1_ == magic_",
-       [&] {
-         const Pkt::Ptr pkt = withPrivate(1);
-         std::memset(pkt->front(), 0, 2);
-       }},
+      {"magicBarrier0_ == magic_", [&] { std::memset(behind(64)->front() - 1, 0, 1); }},
+      {"magicBarrier1_ == magic_", [&] { std::memset(Pkt::Ptr(behind(1))->front() + 1, 0, 1); }},
   };
-  for (const auto& row : rows) {
-    EXPECT_DEATH(row.misuse(), testing::HasSubstr("assertion failed: " + std::string(row.condition) + "\n"));
+  for (const auto& [condition, misuse] : rows) {
+    EXPECT_DEATH(misuse(), testing::HasSubstr("assertion failed: " + condition + "\n"));
   }
 }
 
