@@ -25,7 +25,7 @@ class Stack {
     PktBuilder builder(pkt_);
     upper(builder);
     network(builder);
-    for (int tunnels = input_.octet() % 4; tunnels > 0; --tunnels) {
+    for (int tunnels = input_.octet() % 3; tunnels > 0; --tunnels) {
       if (input_.octet() % 2 != 0) {
         pushed(LayerKind::gre);
         (input_.octet() % 2 != 0 ? builder.gre(input_.octet()) : builder.gre());
@@ -69,6 +69,13 @@ class Stack {
     }
   }
   void network(PktBuilder& builder) {
+    ip(builder);
+    for (int labels = input_.octet() % 2; labels > 0; --labels) {
+      pushed(LayerKind::mpls);
+      builder.mpls(16u + input_.octet());  // the first ones mean something else
+    }
+  }
+  void ip(PktBuilder& builder) {
     if (isIcmp_ || input_.octet() % 2 != 0) {
       isIcmp_ = false;
       pushed(LayerKind::ip);
@@ -84,13 +91,25 @@ class Stack {
       pushed(LayerKind::ip6opts);
       builder.ip6Options(ipProtoIpv6Opts, {});
     }
+    if (input_.octet() % 4 == 0) {
+      pushed(LayerKind::ip6frag);
+      builder.ip6Fragment(input_.octet());
+    }
     pushed(LayerKind::ip6);
     builder.ip6(Ip6Addr("2001:db8::1"), Ip6Addr("2001:db8::2"));
   }
   void link(PktBuilder& builder) {
+    const bool isSnap = input_.octet() % 4 == 0;
+    if (isSnap) {
+      pushed(LayerKind::snap);
+      pushed(LayerKind::llc);
+      builder.snap();
+    }
     for (int tags = input_.octet() % 3; tags > 0; --tags) {
       pushed(LayerKind::vlan);
-      builder.vlan(input_.octet(), 1, input_.octet() % 2 != 0 ? ethTypeDot1ad : ethTypeDot1Q);
+      // Behind a service tag there are types alone, and no lengths.
+      const bool isService = input_.octet() % 2 != 0 && !isSnap;
+      builder.vlan(input_.octet(), 1, isService ? ethTypeDot1ad : ethTypeDot1Q);
     }
     pushed(LayerKind::eth);
     builder.eth(EthAddr(2, 0, 0, 0, 0, 1), EthAddr(2, 0, 0, 0, 0, 2));

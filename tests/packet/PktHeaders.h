@@ -31,49 +31,42 @@ Octets image() {
   new (memory.data()) Hdr;
   return memory;
 }
-template <auto factory>
-const void* bind(const Pkt::Ptr& pkt, U32 offset) {
-  return factory(pkt, offset)->header();
+template <typename Hdr, auto... factory>
+Header header(const char* type) {
+  const void* (*bind)(const Pkt::Ptr&, U32) = nullptr;
+  ((bind = [](const Pkt::Ptr& pkt, U32 offset) -> const void* { return factory(pkt, offset)->header(); }),
+   ...);
+  return {type, hdrDescription<Hdr>, image<Hdr>(), bind};
 }
 
-#define BOUND(type, factory)                                        \
-  Header {                                                          \
-#type, hdrDescription < type>, image < type>(), bind < factory> \
-  }
-#define UNBOUND(type)                                       \
-  Header {                                                  \
-#type, hdrDescription < type>, image < type>(), nullptr \
-  }
 inline const std::vector<Header>& headers() {
   static const std::vector<Header> all = {
-      BOUND(EthHdr, ethHdrWrapperFactory),
-      BOUND(Eth8021QHdr, eth8021QHdrWrapperFactory),
-      BOUND(Eth8022LlcHdr, eth8022LlcHdrWrapperFactory),
-      BOUND(Eth8022SnapHdr, eth8022SnapHdrWrapperFactory),
-      BOUND(MimHdr, mimHdrWrapperFactory),
-      BOUND(IpHdr, ipHdrWrapperFactory),
-      BOUND(IpHdrOptionCommon, ipHdrOptionCommonWrapperFactory),
-      BOUND(IpHdrRouterAlertOption, ipHdrRouterAlertOptionWrapperFactory),
-      BOUND(Ip6Hdr, ip6HdrWrapperFactory),
-      BOUND(Ip6HdrOptionCommon, ip6HdrOptionCommonWrapperFactory),
-      BOUND(Ip6HdrRouterAlertOption, ip6HdrRouterAlertOptionWrapperFactory),
-      BOUND(Ip6HdrPad1, ip6HdrPad1WrapperFactory),
-      BOUND(Ip6HdrPadN, ip6HdrPadNWrapperFactory),
-      BOUND(UdpHdr, udpHdrWrapperFactory),
-      BOUND(AhHdr, ahHdrWrapperFactory),
-      BOUND(Icmp6Hdr, icmp6HdrWrapperFactory),
-      BOUND(Icmp6OptionCommonHdr, icmp6OptionCommonHdrWrapperFactory),
-      UNBOUND(Icmp6RsHdr),
-      UNBOUND(Icmp6RaHdr),
-      UNBOUND(Icmp6NsHdr),
-      UNBOUND(Icmp6NaHdr),
-      UNBOUND(Icmp6LinkLayerAddrOptionHdr),
-      UNBOUND(Icmp6PrefixInfoOptionHdr),
-      UNBOUND(Icmp6MtuOptionHdr)};
+      header<EthHdr, ethHdrWrapperFactory>("EthHdr"),
+      header<Eth8021QHdr, eth8021QHdrWrapperFactory>("Eth8021QHdr"),
+      header<Eth8022LlcHdr, eth8022LlcHdrWrapperFactory>("Eth8022LlcHdr"),
+      header<Eth8022SnapHdr, eth8022SnapHdrWrapperFactory>("Eth8022SnapHdr"),
+      header<MimHdr, mimHdrWrapperFactory>("MimHdr"),
+      header<IpHdr, ipHdrWrapperFactory>("IpHdr"),
+      header<IpHdrOptionCommon, ipHdrOptionCommonWrapperFactory>("IpHdrOptionCommon"),
+      header<IpHdrRouterAlertOption, ipHdrRouterAlertOptionWrapperFactory>("IpHdrRouterAlertOption"),
+      header<Ip6Hdr, ip6HdrWrapperFactory>("Ip6Hdr"),
+      header<Ip6HdrOptionCommon, ip6HdrOptionCommonWrapperFactory>("Ip6HdrOptionCommon"),
+      header<Ip6HdrRouterAlertOption, ip6HdrRouterAlertOptionWrapperFactory>("Ip6HdrRouterAlertOption"),
+      header<Ip6HdrPad1, ip6HdrPad1WrapperFactory>("Ip6HdrPad1"),
+      header<Ip6HdrPadN, ip6HdrPadNWrapperFactory>("Ip6HdrPadN"),
+      header<UdpHdr, udpHdrWrapperFactory>("UdpHdr"),
+      header<AhHdr, ahHdrWrapperFactory>("AhHdr"),
+      header<Icmp6Hdr, icmp6HdrWrapperFactory>("Icmp6Hdr"),
+      header<Icmp6OptionCommonHdr, icmp6OptionCommonHdrWrapperFactory>("Icmp6OptionCommonHdr"),
+      header<Icmp6RsHdr>("Icmp6RsHdr"),
+      header<Icmp6RaHdr>("Icmp6RaHdr"),
+      header<Icmp6NsHdr>("Icmp6NsHdr"),
+      header<Icmp6NaHdr>("Icmp6NaHdr"),
+      header<Icmp6LinkLayerAddrOptionHdr>("Icmp6LinkLayerAddrOptionHdr"),
+      header<Icmp6PrefixInfoOptionHdr>("Icmp6PrefixInfoOptionHdr"),
+      header<Icmp6MtuOptionHdr>("Icmp6MtuOptionHdr")};
   return all;
 }
-#undef BOUND
-#undef UNBOUND
 
 /// `memory`, which has the header at `offset`, with the lowest bits of `value` in the field, bit by bit; of a
 /// wide field the upper half is the complement.

@@ -48,13 +48,7 @@ std::vector<std::string> seedsOf(const Target& target) {
   return seeds;
 }
 
-class FuzzTargets : public testing::TestWithParam<Target> {
- protected:
-  void TearDown() override {
-    Kiv::traceIs("");
-    Kiv::traceSinkIs(nullptr);
-  }
-};
+using FuzzTargets = testing::TestWithParam<Target>;
 
 TEST_P(FuzzTargets, FindNoDifference) {
   const Target& target = GetParam();
@@ -75,6 +69,8 @@ TEST_P(FuzzTargets, FindNoDifference) {
     const std::vector<unsigned char> exact(input.begin(), input.end());
     target.run(exact.data(), exact.size());
   }
+  Kiv::traceIs("");
+  Kiv::traceSinkIs(nullptr);
 }
 
 #define TARGET(name, runs, octets) Target{#name, name, runs, octets},

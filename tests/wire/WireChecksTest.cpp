@@ -319,25 +319,6 @@ TEST(WireChecks, EachFaultHasItsCodeAndATrace) {
   }
 }
 
-TEST(WireChecks, ExtensionHeadersAreWalkedOver) {
-  const auto pkt = globalPktManager()->newPkt();
-  pkt->stringValueIs("hello");
-  PktBuilder(pkt)
-      .udp(1, 2)
-      .ip6Fragment(9)
-      .ip6Options(ipProtoIpv6Opts, {})
-      .ip6(Ip6Addr("::1"), Ip6Addr("::1"))
-      .finish();
-  UdpHdr* udpHdr = nullptr;
-  auto* const ip6Hdr = reinterpret_cast<Ip6Hdr*>(pkt->front());
-  EXPECT_EQ(checkUdp(pkt, ip6Hdr, udpHdr), noError);
-  ASSERT_TRUE(udpHdr);
-  EXPECT_EQ(udpHdr->dstPort(), 2);
-  pkt->rawByteIs(40 + 8 + 3, 1);  // more fragments
-  EXPECT_EQ(checkUdp(pkt, ip6Hdr, udpHdr), ipFragment);
-  EXPECT_FALSE(udpHdr);
-}
-
 TEST(PktErrorCounters, CountEachCodeAndPrintATable) {
   PktErrorCounters counters;
   std::size_t codes = 0;
