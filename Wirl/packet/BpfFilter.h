@@ -62,11 +62,10 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   /// Does nothing for the current expression. An invalid one ends the process ("false"), after a trace of the
   /// reason.
   void bpfFilterStringIs(Kiv::String expression);
-  /// Puts in an expression from outside, or refuses it: returns the reason, and the filter keeps what it has.
-  /// Nothing is returned if the expression is in use now. Refused are expressions beyond
-  /// the bounds above, expressions with a word that libpcap could look up as the name of a host or network
-  /// (unless `names` allows that; the time is then the resolver's), and those that do not compile. Compiles
-  /// once. Never throws: without memory the reason is "out of memory".
+  /// Sets an expression from outside and returns nothing, or refuses it, keeps the current one and returns
+  /// the reason. Refuses expressions beyond the bounds above, expressions that do not compile and, unless
+  /// `names` allows it, expressions with a word that libpcap could look up as the name of a host or network.
+  /// Compiles once. Never throws: without memory the reason is "out of memory".
   std::optional<Kiv::String> bpfFilterStringUntrustedIs(std::string_view expression,
                                                         BpfNames names = BpfNames::refused) noexcept;
   /// The compiled program, or null while the expression is empty. It goes with the next expression.
@@ -82,8 +81,8 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   bool match(const Pkt::Ptr& pkt) const;
 
  private:
-  /// Runs a program over as many bytes as there are, of as many as there were, as libpcap's `bpf_filter`
-  /// does.
+  /// Runs a program over the bytes that are there of a frame that was longer on the wire, like libpcap's
+  /// `bpf_filter`.
   using Run = unsigned (*)(const bpf_insn* program, const unsigned char* data, unsigned wireBytes,
                            unsigned bytes);
 
@@ -96,7 +95,7 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
 
   static const Kiv::TraceHandle trace_;
 
-  // What a match reads, from whichever program is in use. Through a pointer: a user need not link libpcap.
+  // What a match reads of the program in use. A pointer to the function, so that users need not link libpcap.
   Run run_ = nullptr;
   const bpf_insn* program_ = nullptr;
 

@@ -10,9 +10,10 @@
 
 namespace Wirl {
 
-/// A header that was found whole, and what is behind it: as a pointer, null where there is none. It was
-/// looked at once, when it was made; nothing that it gives lies outside of the bytes that it was made from.
-/// It owns nothing: valid as long as these bytes stay where they are and the header's length is not changed.
+/// A header that was found whole, and what is behind it. Used like a pointer: null if there is no such
+/// header. The lengths are checked once, when the view is made; everything it returns lies in the bytes it
+/// was made from. It owns nothing: valid as long as these bytes stay where they are and the header's length
+/// stays.
 template <typename Hdr>
 class HdrView {
  public:

@@ -20,8 +20,8 @@ using detail::kRecycles;
 constexpr U32 kFactoryBufferBytes = 10000;
 constexpr U32 kMacAddrsBytes = 12;
 
-// Each of a thread's stores may be full: 2,048 packets and as many buffers, at most 3.7 MB a thread, and
-// 1,024 slices, which own no memory.
+// What a thread keeps at most: 2,048 packets and as many buffers, 3.7 MB in all, and 1,024 slices, which own
+// no memory.
 constexpr U32 kCacheLimit = kRecycles ? 1024 : 0;
 
 template <typename T>
@@ -227,8 +227,7 @@ void Pkt::SharedBuffer::onZeroReferences() const noexcept {
     if (!cache_.slices.keep(self)) delete this;
     return;
   }
-  // Buffers that are kept together with a packet count too: a spare buffer serves only packets that lost
-  // theirs.
+  // Count the buffers kept with a packet as well: a spare buffer is used only for a packet that lost its own.
   if (kind_ != Manager::defaultBufferBytes_ ||
       (Manager::cachedBuffers() >= cache_.limit && !spill(cache_.buffers)) || !cache_.buffers.keep(self)) {
     delete this;

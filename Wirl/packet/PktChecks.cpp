@@ -61,9 +61,9 @@ PktErrors tooShort(const Frame& frame, U32 needed) {
   return tooShort(frame.frontBytes, " in its first piece");
 }
 
-/// The Ethernet header, of the type, with a header of type `Next` whole behind it, and what `checkNext` says
-/// of that. `kTraced`: with level 8. (The rest is an argument, and not what the caller goes on with, so that
-/// every failure ends the check by a jump, and good packets save no registers for it.)
+/// Checks that the frame has an Ethernet header of the type and a whole header of type `Next` behind it, then
+/// runs `checkNext` on that. `kTraced`: also writes the traces of level 8. `checkNext` is a parameter rather
+/// than code after the call, so that every failure is a tail jump and good packets save no registers.
 template <bool kTraced, typename Next, typename CheckNext>
 [[gnu::always_inline]] inline PktErrors checkEthHdr(const Frame& frame, EthType type, EthHdr*& ethHdr,
                                                     CheckNext checkNext) {
@@ -82,10 +82,10 @@ template <bool kTraced, typename Next, typename CheckNext>
   return checkNext(hdrAt<Next>(frame.front, sizeof(EthHdr)));
 }
 
-// Whether the header's checksum is the one that the header has with that field at 0. The octets' order does
-// not matter to a one's complement sum, as long as it is the same on both sides.
+// Both tell whether the checksum field equals the checksum of the header with that field at 0. A one's
+// complement sum does not depend on the byte order, as long as both sides have the same one.
 
-/// Of a header of any length, which a wrong checksum leaves with a field of 0.
+/// For a header of any length. A wrong checksum leaves the field at 0.
 [[gnu::noinline]] PktErrors checkIpChecksum(IpHdr* ipHdr) {
   constexpr U32 kChecksumWord = 8;  // offset of the word whose second half is the checksum
   const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
@@ -99,14 +99,14 @@ template <bool kTraced, typename Next, typename CheckNext>
   return failed(badIpHdrChecksum, "IPv4 header checksum is invalid");
 }
 
-/// Of a header of 20 bytes that does not begin with 0.
+/// For a header of 20 bytes that does not begin with 0.
 [[gnu::always_inline]] inline bool ipChecksumIsRight(const IpHdr* ipHdr) noexcept {
-  // Summed with the field, a good header is all ones. The field itself is never that, since the others are
-  // not all 0.
+  // The sum of a good header, field included, is all ones. A correct field is never all ones, because the
+  // other words are not all 0.
   const U8* const octets = reinterpret_cast<const U8*>(ipHdr);
   const U64 sum = U64{wordAt(octets)} + wordAt(octets + 4) + wordAt(octets + 8) + wordAt(octets + 12) +
                   wordAt(octets + 16);
-  // Added to itself with the halves changed, a number has in its upper half the sum of both, carry included.
+  // sum + rotl(sum, 16) leaves the folded one's complement sum, carry included, in the upper half.
   const auto half = static_cast<U32>((sum + std::rotl(sum, 32)) >> 32);
   return (half + std::rotl(half, 16)) >> 16 == 0xffff && ipHdr->checksumU16() != 0xffff;
 }
@@ -128,7 +128,7 @@ template <bool kTraced>
     }
     // Only the checksum asks for the options.
     if (!whole) return tooShort(frame.frontBytes, " in its first piece");
-    // The field need not be 0 meanwhile: nobody sees it, and a good packet is not written to.
+    // The sum is taken without setting the field to 0: a good packet is not written to.
     if (headerBytes == sizeof(IpHdr) && ipChecksumIsRight(found)) [[likely]]
       return noError;
     return checkIpChecksum(found);
@@ -155,7 +155,7 @@ Frame frameOf(Pkt& pkt) {
   return {pkt.front(), pkt.frontBytes(), pkt.bytes()};
 }
 
-// Out of the way: the functions that are called are the code of good packets, with tracing off.
+// Out of line, so that the public functions hold only the path of good packets with tracing off.
 
 [[gnu::noinline, gnu::cold]] PktErrors tracedCheckEthIp(Pkt& pkt, EthHdr*& ethHdr, IpHdr*& ipHdr) {
   KIV_TRACE(trace, 8) << "checkEthIpHdr";
@@ -206,7 +206,7 @@ bool inFirstPiece(const char* check, const Pkt& pkt, const Ip6Hdr* ip6Hdr) {
          inFirstPiece(check, pkt, ip6Hdr, U32{sizeof(*ip6Hdr)} + ip6Hdr->payloadLen());
 }
 
-/// The message is as long as the payload, wherever it begins, and has its checksum field in any case.
+/// The message counts as long as the payload, wherever it begins, but at least as long as its fixed header.
 bool inFirstPiece(const char* check, const Pkt& pkt, const Ip6Hdr* ip6Hdr, const Icmp6Hdr* icmp6Hdr) {
   return inFirstPiece(check, pkt, ip6Hdr, sizeof(*ip6Hdr)) &&
          inFirstPiece(check, pkt, icmp6Hdr, std::max(U32{ip6Hdr->payloadLen()}, U32{sizeof(*icmp6Hdr)}));

@@ -143,8 +143,7 @@ bool maybeRestoreVlanTag(const Pkt::Ptr& pkt) {
   } else {
     pkt->newPrivateHeadData(kTag);
   }
-  // The new bytes are a gap, at the front of the frame or of its shared data. It moves to where the tag
-  // belongs.
+  // The new bytes are a gap at the front of the frame or of its shared data. Move it to the tag's place.
   U32 gap = toPrivate ? 0 : inPrivate;
   for (; gap < kAddresses; ++gap) pkt->rawByteIs(gap, pkt->rawByte(gap + kTag));
   for (; gap > kAddresses; --gap) pkt->rawByteIs(gap - 1 + kTag, pkt->rawByte(gap - 1));

@@ -16,8 +16,7 @@ class KIV_API EthSegmentId : public detail::Octets<EthSegmentId, 10> {
 
   using Octets::Octets;
 
-  /// Of type 1: the system's address and the key of its LACP, or of type 3: the system's address and a number
-  /// of 24 bits.
+  /// Type 1: the system's address and its LACP key. Type 3: the system's address and a number of 24 bits.
   static constexpr EthSegmentId ofLacp(const EthAddr& system, Kiv::U16 key) noexcept {
     return made(1, system, Kiv::U32{key} << 8);
   }

@@ -41,7 +41,7 @@ class KIV_API InterfaceName : public detail::TextForms<InterfaceName> {
   constexpr const char* cString() const noexcept { return name_.data(); }
   constexpr explicit operator bool() const noexcept { return name_[0] != '\0'; }
 
-  /// Up to the first character that no name has.
+  /// Reads up to the first character that cannot be in a name.
   static constexpr Kiv::ParseError parse(std::string_view& text, InterfaceName& out) noexcept {
     std::size_t length = 0;
     while (length < text.size() && isOfName(text[length])) ++length;

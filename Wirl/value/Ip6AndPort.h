@@ -16,8 +16,8 @@ class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
 
   constexpr Ip6Zone() noexcept = default;
   constexpr explicit Ip6Zone(InterfaceIndex index) noexcept : index_(index) {}
-  /// A name of digits alone throws `Kiv::RangeException`, since its text would be that of an index. So does
-  /// one with a bracket or a percent sign, which end the text of a zone.
+  /// Throws `Kiv::RangeException` for a name of digits alone, which would read as an index, and for one with
+  /// a bracket or a percent sign, which end the text of a zone.
   constexpr explicit Ip6Zone(const InterfaceName& name) : name_(name) {
     const std::string_view text = name.value();
     if (name &&
@@ -35,7 +35,7 @@ class KIV_API Ip6Zone : public detail::TextForms<Ip6Zone> {
   /// Empty where the zone has an index, or is none.
   constexpr const InterfaceName& name() const noexcept { return name_; }
 
-  /// A name ends in front of a bracket, so that it can stand inside of some, and of a percent sign.
+  /// A zone's text ends before a bracket, so that it can stand inside brackets, and before a percent sign.
   static constexpr Kiv::ParseError parse(std::string_view& text, Ip6Zone& out) noexcept {
     const std::size_t end = std::min(text.find_first_of(kEnds), text.size());
     std::string_view front = text.substr(0, end);

@@ -37,7 +37,7 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
   }
   constexpr explicit IpDscp(std::string_view text) { stringValueIs(text); }
   explicit IpDscp(std::nullptr_t) = delete;
-  /// The code point of a TOS octet, whose lower two bits (ECN) are left out.
+  /// The code point in a TOS octet; the lower two bits (ECN) are dropped.
   static constexpr IpDscp ofTos(Kiv::U8 tos) noexcept {
     IpDscp dscp;
     dscp.value_ = static_cast<Kiv::U8>(tos >> 2);
@@ -97,7 +97,7 @@ class KIV_API IpDscp : public detail::TextForms<IpDscp> {
        {"AF22", 20}, {"AF23", 22}, {"AF31", 26}, {"AF32", 28}, {"AF33", 30},       {"AF41", 34},
        {"AF42", 36}, {"AF43", 38}, {"EF", 46},   {"LE", 1},    {"VOICE-ADMIT", 44}}};
 
-  /// Which name the text begins with; how many there are where it is none.
+  /// Index of the name that the text begins with; the number of names if there is none.
   static constexpr std::size_t nameAt(std::string_view text) noexcept {
     const auto upper = [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; };
     std::size_t at = 0;

@@ -12,8 +12,9 @@ namespace Wirl {
 
 namespace detail {
 
-/// Reads pairs of hexadecimal digits; a full stop may stand between two pairs. The first that is none ends
-/// them. Returns the number of characters; `count` is 0 where there are no octets, or more than `max`.
+/// Reads pairs of hexadecimal digits, with or without a full stop between two pairs, up to the first
+/// character that fits neither. Returns the number of characters; `count` is 0 for no octets or more than
+/// `max`.
 constexpr std::size_t takeHexPairs(std::string_view text, Kiv::U8* octets, unsigned max,
                                    unsigned& count) noexcept {
   const auto isPair = [&](std::size_t at) {
@@ -33,8 +34,8 @@ constexpr std::size_t takeHexPairs(std::string_view text, Kiv::U8* octets, unsig
   }
 }
 
-/// Writes octets in hexadecimal, with a full stop in front of those whose index has a bit in `stops`; returns
-/// the end.
+/// Writes octets in hexadecimal, with a full stop in front of octet i if bit i of `stops` is set. Returns the
+/// end.
 inline char* putHexPairs(char* out, std::span<const Kiv::U8> octets, unsigned stops) noexcept {
   constexpr char kDigits[] = "0123456789abcdef";
   for (unsigned i = 0; i < octets.size(); ++i) {
@@ -61,7 +62,7 @@ class KIV_API IsisSystemId : public detail::Octets<IsisSystemId, 6> {
   static constexpr Kiv::ParseError parse(std::string_view& text, IsisSystemId& out) noexcept {
     IsisSystemId read;
     unsigned count = 0;
-    // No more is looked at than six octets need: what follows is another one's.
+    // Look at no more than six octets need: what follows belongs to another parser.
     const std::string_view front = text.substr(0, lengthOfSix(text));
     const std::size_t length = detail::takeHexPairs(front, read.octets_.data(), 6, count);
     if (count != 6) return kTrailingText;

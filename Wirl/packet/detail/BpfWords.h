@@ -7,7 +7,7 @@
 
 namespace Wirl::detail {
 
-/// What stands in a filter expression (pcap-filter(7)) that compiling it may take long for.
+/// The parts of a filter expression (pcap-filter(7)) that can make compiling it slow.
 struct BpfWords {
   /// Words that are no keywords: numbers, addresses, names.
   Kiv::U32 operands = 0;
