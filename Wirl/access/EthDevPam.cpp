@@ -390,13 +390,19 @@ S32 EthDevPam::fillFromSocket(U16 limit) {
 }
 
 S32 EthDevPam::fillFromRing(U16 limit) {
+  // Once for the batch: a spent budget must end the pull, not a batch that has packets.
+  const U32 allowed = rxAllowance(limit);
+  if (allowed == 0) {
+    if (fd() >= 0) offerRest();
+    return 0;
+  }
   if (!saveableIs(limit)) {
     receiveFailed(true, 0);
     return 0;
   }
   std::vector<Pkt::Ptr>& slots = savedSlots();
   slots.clear();
-  while (slots.size() < limit && ring_) {
+  while (slots.size() < allowed && ring_) {
     Pkt::Ptr pkt = fromRing(metadata_[slots.size()]);
     if (!pkt) break;
     slots.push_back(std::move(pkt));

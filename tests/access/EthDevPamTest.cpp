@@ -2,23 +2,13 @@
 #include "Wirl/access/EthDevPam.h"
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <netinet/in.h>
 
-#include <random>
-#include <string>
-#include <vector>
-
-#include "Kiv/Kiv.h"
 #include "Wirl/access/ReqResponseRawTxPam.h"
 #include "Wirl/access/TapPam.h"
 #include "tests/access/Wire.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/Shell.h"
-#include "tests/support/TraceCapture.h"
 
 namespace Wirl {
 namespace {

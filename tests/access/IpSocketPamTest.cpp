@@ -1,23 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/IpSocketPam.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <netinet/in.h>
 
-#include <functional>
-#include <random>
-#include <string>
-#include <vector>
-
-#include "Kiv/Kiv.h"
 #include "Wirl/access/Ip6SocketPam.h"
 #include "tests/access/PamConformance.h"
 #include "tests/access/Wire.h"
-#include "tests/support/AllocationCounter.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/TraceCapture.h"
 
 namespace Wirl {
 namespace {

@@ -1,36 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <gtest/gtest.h>
 #include <linux/net_tstamp.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include <concepts>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "Kiv/FileDescriptor.h"
 #include "Wirl/access/InetPam.h"
 #include "Wirl/access/Pam.h"
 #include "Wirl/value/NamespaceName.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/Support.h"
 
-/// Two Pams of a class that exchange packets, and what of the class the suite below has to know to hold it to
-/// what every Pam promises. A class joins by a backend of its own, in the tests of its room:
+/// Two Pams of a class that exchange packets, and what the suite must know of the class. The suite checks what every
+/// Pam promises. A class joins with a backend in the tests of its room:
 ///
 ///     INSTANTIATE_TEST_SUITE_P(Udp, PamConformanceTest, testing::Values(pamClass<UdpBackend>("UdpPam")),
 ///                              PamClass::nameOf);
 ///
-/// and in `SocketPamConformanceTest`, too, if it opens and closes a socket.
+/// A class that opens and closes a socket joins `SocketPamConformanceTest`, too.
 class PamBackend {
  public:
-  /// How a send shows that did not work.
+  /// How a failed send shows.
   enum class Loss { uncounted, drop, error, sent };
-  /// An attribute to which a reactor can be registered.
+  /// Registers a reactor to an attribute.
   using Watch = std::function<Kiv::Reactor(std::function<void()>)>;
   template <typename Attr>
   static Watch on(Attr& attr) {
@@ -42,47 +34,47 @@ class PamBackend {
   PamBackend(const PamBackend&) = delete;
   PamBackend& operator=(const PamBackend&) = delete;
 
-  /// Made, set up and closed; the only pointers. What `from` sends is received by `to`, which can send, too.
+  /// Both are set up and closed, and nobody else owns them. `to` receives what `from` sends, and can send, too.
   Kiv::Ptr<Wirl::Pam> from, to;
-  /// The one that the suite is about: `to`, unless that is but a witness, of another class.
+  /// The Pam under test: `to`, unless that is only a witness, of another class.
   Kiv::Ptr<Wirl::Pam>& subject() { return receives() ? to : from; }
   virtual bool receives() const { return true; }
 
-  /// Lets go of an end for good.
+  /// Destroys an end.
   virtual void drop(Kiv::Ptr<Wirl::Pam>& end) { end = nullptr; }
   virtual void openIs(Wirl::Pam&, bool) {}
   virtual bool isOpen(const Wirl::Pam&) const { return true; }
-  /// Whether what belongs to an open Pam is all there, or nothing of it.
+  /// Whether the Pam has either everything that belongs to an open one or nothing of it.
   virtual bool isWhole(const Wirl::Pam&) const { return true; }
   virtual Wirl::Pkt::Ptr pktOf(const std::string& payload) const;
   virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
-  /// The next packet; of those that receive in batches, one after the other.
+  /// The next packet, also if the Pam receives in batches.
   virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) { return pam.rxPkt(); }
-  /// Attributes that change when the subject is opened, asks for a writable event, receives, fails to, fails
-  /// to send and is closed.
+  /// The attributes that change when the subject opens, asks for a writable event, receives, fails to receive or send,
+  /// and closes.
   virtual std::vector<Watch> attributes(Wirl::Pam& pam) const {
     return {on(pam.readableCount), on(pam.writableCount)};
   }
   virtual void askForWritable(Wirl::Pam&) {}
-  /// Makes the room for packets that `to` did not pull yet as small as can be.
+  /// Makes the buffer for packets that `to` has not pulled yet as small as possible.
   virtual void roomIsSmall() {}
-  /// Those of its descriptor object, which outlives it and so tells of its end.
+  /// Attributes of the descriptor object, which outlives the Pam and so tells of its end.
   virtual std::vector<Watch> descriptorAttributes(Wirl::Pam&) const { return {}; }
   virtual bool hasBulk() const { return false; }
-  /// Whether it sends packets of two pieces.
+  /// Whether the Pam sends packets of two pieces.
   virtual bool gathers() const { return true; }
-  /// Whether it loses what there is no room for, instead of holding up the sender.
+  /// Whether the Pam drops packets for lack of room, instead of holding up the sender.
   virtual bool loses() const { return true; }
-  /// Whether the Pam takes a packet now; one that holds up the sender may have to be asked.
+  /// Whether a Pam that can hold up the sender takes a packet now.
   virtual bool takesNow(const Wirl::Pam&) const { return true; }
 
-  // Of those with a socket:
-  /// A system call of opening, in the order of the calls of its kind, and the message of its failure.
+  // For classes with a socket:
+  /// A system call of opening and the message of its failure. Calls of the same kind stand in order.
   struct Step {
     Call call;
     std::string text;
   };
-  /// Sets whatever takes a step of its own, and names all steps.
+  /// Sets every attribute that needs a step, and returns all steps.
   virtual std::vector<Step> steps(Wirl::Pam&) const { return {{Call::socket, "socket"}}; }
   static std::vector<Step> stepsOf(const std::vector<std::string>& options, bool bind) {
     std::vector<Step> all = {{Call::socket, "socket"}};
@@ -91,28 +83,30 @@ class PamBackend {
     return all;
   }
   virtual Call receiveCall() const { return Call::recvmsg; }
+  /// Whether each packet takes a call: not from a ring in memory.
+  virtual bool callsToReceive() const { return true; }
   virtual Call sendCall() const { return Call::sendmsg; }
   virtual Loss lossOf(int) const { return Loss::error; }
   virtual bool countsFailedReceive(int) const { return true; }
-  /// What a send while closed dies of; null where it is counted as an error.
+  /// The assertion that a send while closed violates; null if such a send counts as an error.
   virtual const char* deathOfClosedSend() const { return nullptr; }
-  /// Sets what is an option of the socket; false where the class has no such thing.
+  /// Sets a socket option whose failure costs the socket; false if the class has none.
   virtual bool changeOption(Wirl::Pam&) const { return false; }
-  /// An attribute that is a socket option: sets it while it may, and what the kernel says then.
+  /// An attribute that is a socket option, and the value that the kernel reports after `set`.
   struct Option {
     std::function<void()> set;
     int level, name, value;
   };
-  /// Those that apply at once as well and that a refusal leaves as they were.
+  /// The options that take effect at once, and that a refusal leaves unchanged.
   virtual std::vector<Option> options(Wirl::Pam&) const { return {}; }
   virtual std::uint64_t sent(const Wirl::Pam&) const { return 0; }
-  /// An event of the socket that comes late, for its descriptor object and state machine as they are now.
+  /// Simulates an event of the socket that arrives after the Pam is gone.
   virtual std::function<void()> lateEvent(const Wirl::Pam&) const {
     return [] {};
   }
 };
 
-/// Of Pams that own a socket, as class `P` has it.
+/// For Pams that own a socket; `P` is the class, or a base, that has its attributes.
 template <typename P>
 class SocketPamBackend : public PamBackend {
  public:
@@ -158,7 +152,7 @@ class SocketPamBackend : public PamBackend {
   virtual bool isV6() const { return false; }
 
  protected:
-  /// An attribute of the descriptor object, of this one or the next.
+  /// An attribute of the descriptor object, whichever the Pam has.
   template <typename Attr>
   static Watch ofFileDesc(P& pam, Attr Kiv::FileDescriptor::*attr) {
     return [&pam, attr](const std::function<void()>& action) {
@@ -170,7 +164,7 @@ class SocketPamBackend : public PamBackend {
       return Kiv::Reactor(pam.fileDesc, follow);
     };
   }
-  /// One of the batch that `receive` receives (it says how many), the first of those that are not pulled yet.
+  /// The next packet of a batch. `receive` receives the next batch and returns its size.
   template <std::invocable Receive>
   Wirl::Pkt::Ptr pullFromBatch(Wirl::Pam& pam, Receive receive) {
     const Kiv::Ptr<Wirl::Pam> alive(&pam);
@@ -183,6 +177,7 @@ class SocketPamBackend : public PamBackend {
     return pkt;
   }
 
+  bool batchIsEmpty() const { return batch_.empty(); }
   static const P& as(const Wirl::Pam& pam) { return dynamic_cast<const P&>(pam); }
   static P& as(Wirl::Pam& pam) { return dynamic_cast<P&>(pam); }
   static std::vector<Watch> both(std::vector<Watch> some, const std::vector<Watch>& more) {
@@ -201,7 +196,7 @@ class SocketPamBackend : public PamBackend {
 
 struct PamClass {
   const char* name;
-  /// Sockets are to be in the namespace, whose loopback is their wire.
+  /// The sockets are in the namespace, and its loopback is their wire.
   std::unique_ptr<PamBackend> (*make)(const Wirl::NamespaceName& ns);
 
   friend void PrintTo(const PamClass& what, std::ostream* out) { *out << what.name; }
@@ -215,19 +210,19 @@ PamClass pamClass(const char* name) {
           }};
 }
 
-/// Descriptors of the process when the deferred closer has nothing left to do.
+/// Open descriptors of the process, once the deferred closer has nothing left to close.
 std::size_t settledDescriptors();
 
 class PamConformanceTest : public NetNsTest, public testing::WithParamInterface<PamClass> {
  protected:
   void SetUp() override;
 
-  /// Both ends anew.
+  /// Makes both ends again.
   void renew();
   void open();
   std::string receive(double seconds = 5);
   void send(const std::string& payload) { backend->from->txPktIs(backend->pktOf(payload)); }
-  /// Whether what is sent arrives, be it at the second or third try.
+  /// Whether a packet arrives, at one of many tries.
   bool exchanges();
   std::vector<PamBackend::Watch> watches() const {
     auto all = backend->attributes(*backend->subject());

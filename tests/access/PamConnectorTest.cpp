@@ -1,21 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/PamConnector.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
 #include <deque>
 #include <optional>
-#include <random>
-#include <string>
-#include <vector>
 
-#include "Kiv/Kiv.h"
 #include "Wirl/access/PamMux.h"
-#include "tests/support/AllocationCounter.h"
-#include "tests/support/TraceCapture.h"
+#include "tests/support/Support.h"
 
 namespace Wirl {
 namespace {

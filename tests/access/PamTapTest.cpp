@@ -3,18 +3,11 @@
 
 #include "Wirl/access/PamTap.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
 #include <deque>
 #include <fstream>
-#include <random>
 #include <sstream>
-#include <string>
 
-#include "tests/support/Shell.h"
+#include "tests/support/Support.h"
 
 namespace {
 

@@ -2,24 +2,15 @@
 // The base classes of the endpoints, without a socket of theirs: Pam, PamFdSm, IpPam.
 #include "Wirl/access/Pam.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
-#include <sys/socket.h>
 
 #include <deque>
 #include <new>
-#include <string>
 
-#include "Kiv/ActivityLoop.h"
 #include "Wirl/access/IpPam.h"
 #include "Wirl/access/PamFdSm.h"
 #include "tests/access/PamConformance.h"
-#include "tests/support/AllocationCounter.h"
-#include "tests/support/Failure.h"
-#include "tests/support/FaultInjection.h"
 #include "tests/support/SocketPair.h"
-#include "tests/support/TraceCapture.h"
 
 namespace Wirl {
 namespace {

@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <gtest/gtest.h>
 #include <net/if.h>
 
 #include <fstream>
-#include <memory>
-#include <string>
 
 #include "Wirl/packet/Pkt.h"
 #include "Wirl/value/NamespaceName.h"
-#include "tests/support/Failure.h"
-#include "tests/support/NetNs.h"
+#include "tests/support/Support.h"
 
 /// Two namespaces with a wire between them.
 struct Wire {
@@ -53,4 +49,3 @@ inline Wirl::Pkt::Ptr pktOf(std::string_view octets) {
   pkt->stringValueIs(octets);
   return pkt;
 }
-

@@ -1,17 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/access/socketAt.h"
 
-#include <gmock/gmock.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <string>
-
-#include "tests/support/Descriptors.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/NetNs.h"
-#include "tests/support/TraceCapture.h"
+#include "tests/support/Support.h"
 
 namespace {
 

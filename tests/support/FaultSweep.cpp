@@ -33,7 +33,8 @@ namespace {
 struct Kind {
   Call call;
   const char* name;
-  std::array<int, 3> errors;  // the most frequent ones of a daemon's life
+  std::array<int, 3>
+      errors;  // the most frequent ones of a daemon's life; only the first also strikes for ever
 };
 constexpr Kind kMemory = {{}, "allocation", {ENOMEM}};
 constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENOBUFS}},
@@ -42,16 +43,16 @@ constexpr Kind kKinds[] = {{Call::accept4, "accept4", {EMFILE, ECONNABORTED, ENO
                            {Call::connect, "connect", {ECONNREFUSED, ENETUNREACH, EINTR}},
                            {Call::epoll_create1, "epoll_create1", {EMFILE}},
                            {Call::epoll_ctl, "epoll_ctl", {ENOMEM, ENOSPC}},
-                           {Call::epoll_wait, "epoll_wait", {EINTR, ENOMEM}},
+                           {Call::epoll_wait, "epoll_wait", {ENOMEM, EINTR}},
                            {Call::fcntl, "fcntl", {EMFILE}},
                            {Call::getsockopt, "getsockopt", {ENOBUFS}},
                            {Call::ioctl, "ioctl", {ENODEV}},
                            {Call::mmap, "mmap", {ENOMEM}},
                            {Call::open, "open", {EMFILE, ENOENT}},
                            {Call::read, "read", {EIO, EINTR}},
-                           {Call::recv, "recv", {EINTR, ECONNRESET, ENOMEM}},
-                           {Call::recvmmsg, "recvmmsg", {EINTR, ENETDOWN, ENOMEM}},
-                           {Call::recvmsg, "recvmsg", {EINTR, ECONNREFUSED, ENOMEM}},
+                           {Call::recv, "recv", {ECONNRESET, EINTR, ENOMEM}},
+                           {Call::recvmmsg, "recvmmsg", {ENETDOWN, EINTR, ENOMEM}},
+                           {Call::recvmsg, "recvmsg", {ECONNREFUSED, EINTR, ENOMEM}},
                            {Call::send, "send", {EAGAIN, ENOBUFS, EPIPE}},
                            {Call::sendmmsg, "sendmmsg", {EAGAIN, EINVAL, ENOBUFS}},
                            {Call::sendmsg, "sendmsg", {EAGAIN, ENOBUFS, EPERM}},
@@ -113,10 +114,10 @@ class Sweep {
     const std::uint64_t all = seen_;
     for (unsigned nth = 1; nth <= all; ++nth) {
       for (const int error : kind.errors) {
-        if (error == 0 || (traced_ && error != kind.errors[0]))
-          continue;  // traces take one road for all errors
+        const bool first = error == kind.errors[0];
+        if (error == 0 || (traced_ && !first)) continue;
         for (const unsigned times : {1u, ~0u}) {
-          if (error == EINTR && times > 1) continue;  // signals do not come for ever
+          if (times > 1 && (traced_ || !first)) continue;
           at(kind, nth, error, times);
           (&kind == &kMemory ? memoryPoints_ : callPoints_) += struck_;
         }

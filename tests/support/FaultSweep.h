@@ -22,8 +22,8 @@ Scenario scenarioOf(std::shared_ptr<State> state) {
 enum class Memory { all, ofNew };
 
 /// Runs a scenario, made anew by `make` each time, once for each way in which it can fail. For every n, the n-th
-/// allocation or the n-th system call of a kind fails: that one alone, or all from it on; with traces off and on.
-/// System calls fail with up to three errnos, with traces on only with the first.
+/// allocation or the n-th system call of a kind fails: that one alone, or all from it on. System calls fail with up to
+/// three errnos. With all traces on, each call fails once more, alone.
 ///
 /// After each run the scenario must be usable. After its destruction no descriptor and no memory may be left, and
 /// the thread must be in its namespace. A test failure names the point, also if the process ends or a run hangs.

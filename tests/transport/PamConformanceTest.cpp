@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/access/PamConformance.h"
 
-#include "Kiv/Kiv.h"
 #include "Wirl/transport/UdpPam.h"
+#include "tests/transport/OwnFraming.h"
 #include "tests/transport/TcpPdus.h"
 
 namespace Wirl {
@@ -41,7 +41,7 @@ class UdpBackend final : public SocketPamBackend<UdpPam> {
     return both(SocketPamBackend::attributes(pam),
                 {on(own.mode), on(own.rxSrcPort), on(own.rxPkts), on(own.rxErrors)});
   }
-  /// A refusal is about an earlier datagram.
+  /// ECONNREFUSED reports an earlier datagram.
   Loss lossOf(int error) const override { return error == ECONNREFUSED ? Loss::sent : Loss::uncounted; }
   bool countsFailedReceive(int error) const override { return error != EAGAIN; }
   const char* deathOfClosedSend() const override { return "mode\\(\\) != disabled\\(\\)"; }
@@ -83,7 +83,7 @@ class UdpBackend final : public SocketPamBackend<UdpPam> {
   const Udp way_;
 };
 
-/// Both ends of a connection. What is opened and closed are its directions.
+/// Both ends of a connection. Opening and closing applies to its directions.
 class TcpPduBackend final : public PamBackend {
  public:
   explicit TcpPduBackend(const NamespaceName&) {
@@ -93,9 +93,11 @@ class TcpPduBackend final : public PamBackend {
   }
   void openIs(Pam& pam, bool open) override { dynamic_cast<TcpPduPam&>(pam).enabledIs(open); }
   Pkt::Ptr pktOf(const std::string& payload) const override {
-    return PamBackend::pktOf(pduOf(20, static_cast<int>(payload.size()) + 20) + payload);
+    const std::size_t bytes = 19 + payload.size();
+    return PamBackend::pktOf(std::string(16, '\xff') + static_cast<char>(bytes >> 8) +
+                             static_cast<char>(bytes) + '\x02' + payload);
   }
-  std::string payloadOf(const Pkt& pkt) const override { return std::string(pkt.stringValue()).substr(20); }
+  std::string payloadOf(const Pkt& pkt) const override { return std::string(pkt.stringValue()).substr(19); }
   std::vector<Watch> attributes(Pam& pam) const override {
     auto& own = dynamic_cast<TcpPduPam&>(pam);
     return {on(own.readableCount), on(own.readable), on(own.writeLength), on(own.enableMode)};
@@ -106,7 +108,7 @@ class TcpPduBackend final : public PamBackend {
 
  private:
   static Kiv::Ptr<Pam> made(const TcpFileDescriptor::PtrConst& end) {
-    const auto pam = simpleTcpPduPamFactory(end, tcpFileDescriptorEventRegistrationFactoryKivcFactory());
+    const auto pam = Kiv::makePtr<BgpPam>(end, tcpFileDescriptorEventRegistrationFactoryKivcFactory());
     pam->maxPduLengthIs(1536);
     return pam;
   }

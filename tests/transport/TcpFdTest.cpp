@@ -2,16 +2,10 @@
 #include "Wirl/transport/TcpFd.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <sstream>
 
 #include "Wirl/transport/TcpFdKivc.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/NetNs.h"
-#include "tests/support/TraceCapture.h"
 #include "tests/transport/TcpLoops.h"
 
 namespace Wirl {

@@ -4,22 +4,14 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <functional>
 #include <limits>
 #include <ostream>
-#include <string>
 #include <system_error>
-#include <utility>
-#include <vector>
 
-#include "Kiv/Kiv.h"
 #include "Wirl/transport/TcpFdKivc.h"
+#include "tests/support/Support.h"
 
 namespace Wirl {
 

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0 PDUs by the hundred thousand, with everything that a socket may do to
 // them, and streams that end in every way.
-#include <gtest/gtest.h>
 #include <netinet/tcp.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <random>
 
-#include "tests/support/FaultInjection.h"
 #include "tests/transport/OwnFraming.h"
 #include "tests/transport/TcpPdus.h"
 

@@ -2,8 +2,6 @@
 #pragma once
 
 #include <ostream>
-#include <string>
-#include <vector>
 
 #include "Wirl/transport/SimpleTcpPduPam.h"
 #include "tests/transport/TcpLoops.h"

@@ -1,22 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#include <gtest/gtest.h>
 #include <netinet/tcp.h>
 
-#include <functional>
 #include <optional>
-#include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Wirl/transport/TcpClientSm.h"
 #include "Wirl/transport/TcpServerSm.h"
-#include "tests/support/AllocationCounter.h"
-#include "tests/support/Descriptors.h"
-#include "tests/support/Failure.h"
-#include "tests/support/FaultInjection.h"
-#include "tests/support/NetNs.h"
-#include "tests/support/TraceCapture.h"
 #include "tests/transport/TcpLoops.h"
 
 namespace Wirl {
