@@ -303,27 +303,44 @@ TEST_P(PamConnectorModelTest, DoesWhatTheModelDoes) {
 INSTANTIATE_TEST_SUITE_P(Seeds, PamConnectorModelTest, testing::Range(1u, 9u));
 
 TEST_F(PamConnectorTest, StartUpIsDoneOnceAndEndsOutliveTheConnectorWhoseTickIsFinished) {
-  const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
+  const auto pam0 = cable->pam("pam0");
   EXPECT_EQ(pam0->name(), "pam0");
   EXPECT_EQ(pam0->maxBuffer(), 1024u);
   cable->handleInitializedBase();
   EXPECT_EQ(cable->pam("pam0"), pam0);
   EXPECT_EQ(pam0->writableCount(), 1u);
-  const auto fresh = PamConnectorIs(clock);
-  EXPECT_EQ(fresh->pam("pam0"), nullptr);
-  fresh->pamIs(Kiv::makePtr<PamConnectorPam>("pam0", nullptr));
-  clock->timeMinIs(loop.now());
-  loop.runFor(0.001);  // a tick before start-up does nothing
-  EXPECT_EQ(fresh->pam("pam0")->readableCount(), 0u);
-  EXPECT_EQ(clock->timeMin(), Kiv::timeInfinite);
+  // A tick finishes although the connector is dropped, but tells an end nothing more that is removed.
+  for (const bool removed : {true, false}) {
+    cable = PamConnectorIs(clock);
+    cable->handleInitializedBase();
+    const auto end = cable->pam("pam1");
+    for (int i = 0; i < 3; ++i) cable->pam("pam0")->txPktIs(pktOf("x"));
+    const Kiv::Reactor drop(end->readableCount, [&] {
+      if (removed) cable->pamDel("pam1");
+      cable = nullptr;
+    });
+    loop.runFor(0.001);
+    EXPECT_EQ(end->readableCount(), removed ? 1u : 3u);
+    EXPECT_EQ(end->pamConnector(), nullptr);
+    EXPECT_EQ(end->otherEnd(), nullptr);
+  }
+}
 
+TEST_F(PamConnectorTest, BeforeStartUpNothingIsToldOrScheduled) {
+  const auto pam0 = cable->pam("pam0"), pam1 = cable->pam("pam1");
   for (int i = 0; i < 3; ++i) pam0->txPktIs(pktOf("x"));
-  const Kiv::Reactor drop(pam1->readableCount, [&] { cable = nullptr; });
-  loop.runFor(0.001);
-  EXPECT_EQ(pam1->readableCount(), 3u);
-  EXPECT_EQ(pam1->pamConnector(), nullptr);
-  EXPECT_EQ(pam1->otherEnd(), nullptr);
+  cable->pamDel("pam1");
+  const auto fresh = PamConnectorIs(clock);
+  fresh->pamIs(pam1);
+  pam1->rxBudgetIs(1);
   EXPECT_EQ(pam1->rxPkt()->stringValue(), "x");
+  EXPECT_EQ(pam1->rxPkt(), nullptr);
+  clock->timeMinIs(loop.now());
+  loop.runFor(0.001);
+  EXPECT_EQ(pam1->readableCount(), 0u);
+  EXPECT_EQ(clock->timeMin(), Kiv::timeInfinite);
+  fresh->pamIs(Kiv::makePtr<PamConnectorPam>("pam1", nullptr));  // replaces it
+  EXPECT_EQ(pam1->pamConnector(), nullptr);
 }
 
 TEST_F(PamConnectorTest, APullThatHasSpentItsBudgetGoesOnAtTheNextTick) {
@@ -342,6 +359,16 @@ TEST_F(PamConnectorTest, APullThatHasSpentItsBudgetGoesOnAtTheNextTick) {
   for (int tick = 1; tick < 5; ++tick) {
     loop.runFor(0.001);
     EXPECT_EQ(got, 2 * tick);
+  }
+  // A pull that finds the queue empty ends, too: the next one has the whole budget.
+  const auto fresh = PamConnectorIs(clock);
+  fresh->handleInitializedBase();
+  const auto end = fresh->pam("pam1");
+  end->rxBudgetIs(2);
+  for (const int packets : {1, 2}) {
+    for (int i = 0; i < packets; ++i) fresh->pam("pam0")->txPktIs(pktOf("x"));
+    for (int i = 0; i < packets; ++i) EXPECT_NE(end->rxPkt(), nullptr);
+    EXPECT_EQ(end->rxPkt(), nullptr);
   }
 }
 

@@ -26,6 +26,7 @@ TEST_F(SocketAtTest, TracesTheCallAndItsOutcome) {
   EXPECT_LT(socketAt(AF_INET, SOCK_DGRAM, 0, "ns-none"), 0);
   EXPECT_LT(setNsByName("ns-none"), 0);
   EXPECT_LT(moveIntfNetNs("lo", "ns-none"), 0);
+  EXPECT_EQ(setNsByName("default"), 0);
   EXPECT_THAT(
       failures.lines(),
       ElementsAre("socketAt/0:netnsSocketAt failed : open /run/netns/ns-none: No such file or directory",

@@ -3,18 +3,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <future>
-#include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Kiv/Kiv.h"
-#include "Nimbo/Nimbo.h"
-#include "Optra/Optra.h"
 #include "Wirl/access/socketAt.h"
 #include "Wirl/packet/Ethernet.h"
 #include "Wirl/packet/VlanOffload.h"
@@ -22,9 +15,6 @@
 #include "Wirl/transport/TcpClientSm.h"
 #include "Wirl/transport/TcpFdKivc.h"
 #include "Wirl/transport/TcpServerSm.h"
-#include "Wirl/value/EthAddr.h"
-#include "Wirl/value/IpGenPrefix.h"
-#include "Wirl/value/VrfName.h"
 #include "tests/support/FaultSweep.h"
 #include "tests/support/NetNs.h"
 #include "tests/support/SocketPair.h"
@@ -37,61 +27,7 @@ Scenario made() {
   return scenarioOf(std::make_shared<State>());
 }
 
-/// Whether the value is one of the two, and takes the second.
-template <typename Value>
-bool takes(Value& value, const char* before, const std::string& after) {
-  const Value old{std::string_view(before)}, wanted{std::string_view(after)};
-  const bool whole = value == old || value == wanted;
-  value.stringValueIs(after);
-  return whole && value == wanted && std::string_view(wanted.stringValue()) == after;
-}
-
-struct Texts {
-  static inline const std::string kLong = std::string(90, 'n'), kQuoted = "'" + kLong + "'";
-  EthAddr mac{"02:00:00:00:00:01"};
-  IpGenAddr address{"192.0.2.1"};
-  IpGenPrefix prefix{"192.0.2.0/24"};
-  NamespaceName ns{"ns-red"};
-  L3::VrfName vrf{"red"};
-
-  void run() {
-    // Each goes on where the one before it failed.
-    std::exception_ptr first;
-    const auto each = [&](const auto& action) {
-      try {
-        action();
-      } catch (const std::exception&) {
-        if (!first) first = std::current_exception();
-      }
-    };
-    each([&] { mac.stringValueIs("02:00:00:00:00:02"); });
-    each([&] { address.stringValueIs("2001:db8::1"); });
-    each([&] { prefix.stringValueIs("2001:db8::/32"); });
-    each([&] { ns.stringValueIs(kLong); });
-    each([&] { vrf.stringValueIs(kLong); });
-    each([&] { NamespaceName::fromText(kLong); });
-    each([&] {
-      std::string_view quoted = kQuoted;
-      NamespaceName::parse(quoted, ns);
-    });
-    each([&] { L3::VrfName::fromText(kLong); });
-    each([&] {
-      std::ostringstream out;
-      out << mac << address << prefix << ns << vrf;
-    });
-    if (first) std::rethrow_exception(first);
-  }
-  bool usable() {
-    return takes(mac, "02:00:00:00:00:01", "02:00:00:00:00:02") &&
-           takes(address, "192.0.2.1", "2001:db8::1") && takes(prefix, "192.0.2.0/24", "2001:db8::/32") &&
-           takes(ns, "ns-red", kLong) && takes(vrf, "red", kLong);
-  }
-};
-TEST(FaultSweep, Texts) {
-  sweep("texts of values", made<Texts>);
-}
-
-/// Packets that share bytes: whatever happens to the one, the other keeps its own.
+/// Packets that share bytes: whatever happens to one, the other keeps its own.
 struct Packets {
   const std::string frame = std::string("ddddddssssss\x81\0\x20\x07\x08\0", 18) + std::string(60, 'x');
   Pkt::Ptr held, pkt;
@@ -125,7 +61,7 @@ TEST(FaultSweep, Packets) {
   sweep("packets", made<Packets>);
 }
 
-/// A loop made with a thread, and all that it drives.
+/// The loop of a thread, and what it drives.
 struct Loop {
   SocketPair pair;
   int fired = 0;
@@ -240,18 +176,6 @@ struct Machines {
 };
 TEST(FaultSweep, StateMachines) {
   sweep("client and server", made<Machines>);
-}
-
-TEST(FaultSweep, ToggleFile) {
-  const auto folder = std::filesystem::temp_directory_path() / ("sweep" + std::to_string(getpid()));
-  std::filesystem::create_directory(folder);
-  std::ofstream(folder / "Wirl.json") << R"({"Feature": true, "Other": [1, {"a": "b"}]})";
-  setenv("OPTRA_DIR", folder.c_str(), 1);
-  const Kiv::String name = "Feature", file = "Wirl.json";
-  const auto ask = [&] { return Optra::getToggleState(name, file, false); };
-  sweep("toggle file", [&] { return Scenario{ask, ask}; });
-  unsetenv("OPTRA_DIR");
-  std::filesystem::remove_all(folder);
 }
 
 using NamespaceSweep = NetNsTest;
