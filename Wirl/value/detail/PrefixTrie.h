@@ -18,19 +18,19 @@
 namespace Wirl::detail {
 
 #if defined(__x86_64__) || defined(__i386__)
-#define WIRL_POPCNT __attribute__((target("popcnt")))
-inline bool hasPopcnt() noexcept {
-  return __builtin_cpu_supports("popcnt") != 0;
+#define WIRL_BIT_INSTRUCTIONS __attribute__((target("popcnt,bmi,bmi2")))
+inline bool hasBitInstructions() noexcept {
+  return __builtin_cpu_supports("bmi2") != 0;  // processors that have it have the others
 }
 #else
-#define WIRL_POPCNT
-constexpr bool hasPopcnt() noexcept {
+#define WIRL_BIT_INSTRUCTIONS
+constexpr bool hasBitInstructions() noexcept {
   return true;  // the compiler knows best
 }
 #endif
 
 /// Number of bits set in `word`. Callers have two forms that inline the same template: one marked
-/// WIRL_POPCNT, which uses the instruction, and one for machines without it.
+/// WIRL_BIT_INSTRUCTIONS, which uses the instruction, and one for machines without it.
 template <bool kInstruction>
 [[gnu::always_inline]] constexpr unsigned countBits(Kiv::U64 word) noexcept {
   if constexpr (kInstruction) return static_cast<unsigned>(__builtin_popcountll(word));
@@ -60,9 +60,10 @@ constexpr U128 chunkAt(const U128&, unsigned depth, unsigned chunk) noexcept {
 /// What a node has to say about the chunks between the node above and itself: nothing for IPv4, whose paths
 /// are too short for gaps.
 template <typename Bits>
-struct TrieGap {
+class TrieGap {
+ public:
   static constexpr unsigned kMost = 0;
-  static constexpr unsigned count = 0;
+  static constexpr unsigned count() noexcept { return 0; }
 
   constexpr bool fits(const Bits&, unsigned) const noexcept { return true; }
   constexpr unsigned common(const Bits&, unsigned) const noexcept { return 0; }
@@ -73,50 +74,56 @@ struct TrieGap {
   constexpr TrieGap behind(unsigned) const noexcept { return {}; }
   constexpr TrieGap with(unsigned, const TrieGap&) const noexcept { return {}; }
 };
-/// For IPv6: `count` chunks, in which all prefixes below are equal, and their bits. `from` is the depth of the
-/// first one.
+/// For IPv6: chunks in which all prefixes below are equal. `from` is the depth of the first one.
 template <>
-struct TrieGap<U128> {
-  static constexpr unsigned kMost = 64 / kStride;
+class TrieGap<U128> {
+ public:
+  static constexpr unsigned kMost = 60 / kStride;
 
-  Kiv::U64 bits = 0;
-  unsigned count = 0;
+  constexpr TrieGap() noexcept = default;
+  unsigned count() const noexcept { return static_cast<unsigned>(word_ >> 60); }
 
   bool fits(const U128& address, unsigned from) const noexcept {
-    return taken(address, from, count) == bits;
+    return taken(address, from, count()) == bits();
   }
   /// How many chunks from the first one on are those of the address.
   unsigned common(const U128& address, unsigned from) const noexcept {
-    if (count == 0) return 0;
-    const Kiv::U64 differing = (taken(address, from, count) ^ bits) << (64 - kStride * count);
-    return std::min(count, static_cast<unsigned>(std::countl_zero(differing)) / kStride);
+    if (count() == 0) return 0;
+    const Kiv::U64 differing = (taken(address, from, count()) ^ bits()) << (64 - kStride * count());
+    return std::min(count(), static_cast<unsigned>(std::countl_zero(differing)) / kStride);
   }
-  U128 placed(unsigned from) const noexcept { return U128(bits) << (128 - from - kStride * count); }
+  U128 placed(unsigned from) const noexcept { return U128(bits()) << (128 - from - kStride * count()); }
   unsigned chunk(unsigned i) const noexcept {
-    return static_cast<unsigned>(bits >> kStride * (count - 1 - i) & 63);
+    return static_cast<unsigned>(bits() >> kStride * (count() - 1 - i) & 63);
   }
   void copyFrom(const U128& address, unsigned from, unsigned chunks) noexcept {
-    count = chunks;
-    bits = taken(address, from, chunks);
+    *this = TrieGap(taken(address, from, chunks), chunks);
   }
-  TrieGap first(unsigned chunks) const noexcept { return {bits >> kStride * (count - chunks), chunks}; }
+  TrieGap first(unsigned chunks) const noexcept {
+    return TrieGap(bits() >> kStride * (count() - chunks), chunks);
+  }
   /// What comes behind chunk `i`.
   TrieGap behind(unsigned i) const noexcept {
-    const unsigned rest = count - i - 1;
-    return {bits & ((Kiv::U64{1} << kStride * rest) - 1), rest};
+    const unsigned rest = count() - i - 1;
+    return TrieGap(bits() & ((Kiv::U64{1} << kStride * rest) - 1), rest);
   }
   /// Followed by a chunk and by another gap; there are at most `kMost` together.
   TrieGap with(unsigned chunk, const TrieGap& other) const noexcept {
-    return {((bits << kStride | chunk) << kStride * other.count) | other.bits, count + 1 + other.count};
+    return TrieGap(((bits() << kStride | chunk) << kStride * other.count()) | other.bits(),
+                   count() + 1 + other.count());
   }
 
  private:
+  TrieGap(Kiv::U64 bits, unsigned count) noexcept : word_(bits | Kiv::U64{count} << 60) {}
+  Kiv::U64 bits() const noexcept { return word_ & ((Kiv::U64{1} << 60) - 1); }
   /// Without a branch for no chunks, which nobody could foretell.
   static Kiv::U64 taken(const U128& address, unsigned from, unsigned chunks) noexcept {
-    const Kiv::U64 word = from < 64 ? address.high() << from | address.low() >> 1 >> (63 - from)
-                                    : address.low() << (from - 64);
+    const Kiv::U64 word =
+        from < 64 ? address.high() << from | address.low() >> 1 >> (63 - from) : address.low() << (from - 64);
     return word >> 1 >> (63 - kStride * chunks);
   }
+
+  Kiv::U64 word_ = 0;  // the count in the highest four bits
 };
 
 /// By chunk, the slots of lengths 1 to 5 that cover it; see `PrefixTrie::Node::shorter`.
@@ -218,7 +225,7 @@ class PrefixTrie {
 
   /// The longest prefix that covers the address; only its value and length are set.
   Found match(const Bits& bits) const noexcept {
-    return hasPopcnt() ? matchByInstruction(bits) : matchIn<false>(bits);
+    return hasBitInstructions() ? matchByInstruction(bits) : matchIn<false>(bits);
   }
 
   /// The shortest prefix of at least `from` and at most `len` bits that covers the prefix.
@@ -339,7 +346,7 @@ class PrefixTrie {
     if (!has(node.children, chunk)) return nullptr;
     Node& child = node.below[rank(node.children, chunk)];
     const unsigned from = depth + kStride;
-    depth = from + kStride * child.gap.count;
+    depth = from + kStride * child.gap.count();
     return len > depth && child.gap.fits(bits, from) ? &child : nullptr;
   }
 
@@ -392,7 +399,7 @@ class PrefixTrie {
       }
       node = node->below + at;
       const unsigned common = std::min(node->gap.common(bits, from), wanted);
-      if (common < node->gap.count) split(*node, common);
+      if (common < node->gap.count()) split(*node, common);
       depth = from + kStride * common;
     }
     const auto [set, slot] = slotOf(*node, bits, depth, len);
@@ -421,7 +428,7 @@ class PrefixTrie {
   void merge(Node& node) noexcept {
     if ((node.longest | node.shorter) != 0 || !std::has_single_bit(node.children)) return;
     Node* const lower = node.below;
-    if (node.gap.count + 1 + lower->gap.count > Gap::kMost) return;
+    if (node.gap.count() + 1 + lower->gap.count() > Gap::kMost) return;
     Node merged = *lower;
     merged.gap = node.gap.with(static_cast<unsigned>(std::countr_zero(node.children)), lower->gap);
     release(lower, 1);
@@ -436,7 +443,7 @@ class PrefixTrie {
       if (!has(node.children, chunk)) return false;
       const unsigned at = rank(node.children, chunk);
       Node& child = node.below[at];
-      const unsigned from = depth + kStride, childDepth = from + kStride * child.gap.count;
+      const unsigned from = depth + kStride, childDepth = from + kStride * child.gap.count();
       if (len <= childDepth || !child.gap.fits(bits, from)) return false;
       const bool erased = eraseBelow(child, childDepth, bits, len);
       if ((child.children | child.longest | child.shorter) == 0) {
@@ -456,7 +463,9 @@ class PrefixTrie {
     return true;
   }
 
-  WIRL_POPCNT Found matchByInstruction(const Bits& bits) const noexcept { return matchIn<true>(bits); }
+  WIRL_BIT_INSTRUCTIONS Found matchByInstruction(const Bits& bits) const noexcept {
+    return matchIn<true>(bits);
+  }
 
   template <bool kInstruction>
   [[gnu::always_inline]] Found matchIn(const Bits& bits) const noexcept {
@@ -465,27 +474,31 @@ class PrefixTrie {
     unsigned bestDepth = 0;
     for (unsigned depth = 0;;) {
       const unsigned chunk = chunkOf(bits, depth);
-      if (((node->longest >> chunk & 1) | (node->shorter & kCoveringSlots[chunk])) != 0) {
-        best = node;
-        bestDepth = depth;
-      }
+      const bool fits = ((node->longest >> chunk & 1) | (node->shorter & kCoveringSlots[chunk])) != 0;
+      best = fits ? node : best;
+      bestDepth = fits ? depth : bestDepth;
       if (!has(node->children, chunk)) break;
       node = node->below + countBits<kInstruction>(below(node->children, chunk));
       depth += kStride;
       if (!node->gap.fits(bits, depth)) break;
-      depth += kStride * node->gap.count;
+      depth += kStride * node->gap.count();
     }
     if (!best) return {Bits{}, 0, whole()};
+    // Without branches, which nobody could foretell.
     const unsigned chunk = chunkOf(bits, bestDepth);
-    T* const values = valuesOf(*best);
-    if (has(best->longest, chunk)) {
-      const unsigned at =
-          countBits<kInstruction>(best->shorter) + countBits<kInstruction>(below(best->longest, chunk));
-      return {Bits{}, bestDepth + kStride, values + at};
+    const unsigned shorter = countBits<kInstruction>(best->shorter);
+    const bool isLongest = has(best->longest, chunk);
+    const auto slot =
+        static_cast<unsigned>(63 - std::countl_zero((best->shorter & kCoveringSlots[chunk]) | 1));
+    const unsigned len = isLongest ? kStride : static_cast<unsigned>(std::bit_width(slot + 2) - 1);
+    const Kiv::U64 before = isLongest ? below(best->longest, chunk) : below(best->shorter, slot);
+    const unsigned at = countBits<kInstruction>(before) + (isLongest ? shorter : 0);
+    T* values = best->values.array;
+    if constexpr (kHasSingle) {
+      const bool isSingle = shorter + countBits<kInstruction>(best->longest) == 1;
+      values = isSingle ? const_cast<T*>(&best->values.single) : values;
     }
-    const auto slot = static_cast<unsigned>(63 - std::countl_zero(best->shorter & kCoveringSlots[chunk]));
-    const auto own = static_cast<unsigned>(std::bit_width(slot + 2) - 1);
-    return {Bits{}, bestDepth + own, values + countBits<kInstruction>(below(best->shorter, slot))};
+    return {Bits{}, bestDepth + len, values + at};
   }
 
   /// A chunk, and what begins there: a prefix of `level` bits, or the node below (7), which comes after them.
@@ -518,7 +531,7 @@ class PrefixTrie {
     if (place.level == kBelow) {
       Node& child = node.below[rank(node.children, place.chunk)];
       const unsigned from = depth + kStride;
-      return firstIn(child, from + kStride * child.gap.count, bits | child.gap.placed(from));
+      return firstIn(child, from + kStride * child.gap.count(), bits | child.gap.placed(from));
     }
     const auto [set, slot] = slotOf(node, bits, depth, depth + place.level);
     return {bits, depth + place.level, valuesOf(node) + valueRank(node, set, slot)};
@@ -532,7 +545,7 @@ class PrefixTrie {
     if (len <= depth + kStride) return behind(node, depth, path, chunk, len - depth - (orThis ? 1 : 0));
     if (has(node.children, chunk)) {
       Node& child = node.below[rank(node.children, chunk)];
-      const unsigned from = depth + kStride, childDepth = from + kStride * child.gap.count;
+      const unsigned from = depth + kStride, childDepth = from + kStride * child.gap.count();
       const Bits childPath = path | chunkAt(path, depth, chunk) | child.gap.placed(from);
       if (len > childDepth && child.gap.fits(bits, from)) {
         const Found found = nextIn(child, childDepth, childPath, bits, len, orThis);
