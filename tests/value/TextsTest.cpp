@@ -322,14 +322,12 @@ TEST(Texts, EveryWayOfReadingAndPrintingAgrees) {
     }
     const Ip6Addr address(octets);
     ASSERT_EQ(Ip6Addr::fromText(address.stringValue()), address);
-    char theirs[48];
-    const IpAddr v4(octets[0], octets[1], octets[2], octets[3]);
-    std::snprintf(theirs, sizeof(theirs), "%d.%d.%d.%d", octets[0], octets[1], octets[2], octets[3]);
-    ASSERT_EQ(v4.stringValue(), theirs);
-    std::snprintf(theirs, sizeof(theirs), "%02x:%02x:%02x:%02x:%02x:%02x", octets[0], octets[1], octets[2],
+    char v4[48], mac[48];
+    std::snprintf(v4, sizeof(v4), "%d.%d.%d.%d", octets[0], octets[1], octets[2], octets[3]);
+    ASSERT_EQ(IpAddr(octets[0], octets[1], octets[2], octets[3]).stringValue(), v4);
+    std::snprintf(mac, sizeof(mac), "%02x:%02x:%02x:%02x:%02x:%02x", octets[0], octets[1], octets[2],
                   octets[3], octets[4], octets[5]);
-    ASSERT_EQ(EthAddr(octets[0], octets[1], octets[2], octets[3], octets[4], octets[5]).stringValue(),
-              theirs);
+    ASSERT_EQ(EthAddr(octets[0], octets[1], octets[2], octets[3], octets[4], octets[5]).stringValue(), mac);
 #if WIRL_HAS_SSSE3
     if (!detail::hasSsse3()) continue;
     char slow[48], fast[48];
