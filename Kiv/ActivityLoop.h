@@ -152,7 +152,7 @@ class KIV_API ActivityLoop final : public PtrInterface {
   /// Runs passes until `done()` is true, for at most `seconds`; returns whether it was. Asks before each
   /// pass.
   bool runUntil(const std::function<bool()>& done, double seconds);
-  bool running() const noexcept { return running_; }
+  bool running() const noexcept { return running_; }  ///< Whether a `run…()` or `poll()` is in progress.
 
   /// Puts the loop inside another one: readable when there is work of any kind, clocks included. Watch it
   /// for reading (level-triggered) and call `poll()` then. Owned by the loop.

@@ -61,6 +61,7 @@ class Attr {
 template <typename T>
 class Undying {
  public:
+  /// Makes the value of the arguments.
   template <typename... Args>
   explicit Undying(Args&&... args) : value_{std::forward<Args>(args)...} {}
   ~Undying() {}
@@ -118,6 +119,7 @@ class RareAttr {
 class KIV_API AttrVisitor {
  public:
   virtual ~AttrVisitor();
+  /// One attribute: its name, its type as the class spells it, and its value as text (`textOf`).
   virtual void attr(std::string_view name, std::string_view type, const String& value) = 0;
   /// The same for attributes that only count, declared by `KIV_ATTR_COUNTER...`. Here: `attr`.
   virtual void counter(std::string_view name, std::string_view type, U64 value);
@@ -215,6 +217,7 @@ class KIV_API Entity : public PtrInterface {
     void run(Step&& step) noexcept {
       failure_.run(step);
     }
+    /// Whether a step has thrown, or a reactor.
     bool failed() const noexcept { return static_cast<bool>(failure_); }
     /// Notifies the reactors of what was put, in that order, each attribute once. All are told, even if one
     /// throws. Then throws the first failure of this operation, if there was one.

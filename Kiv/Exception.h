@@ -15,11 +15,12 @@ namespace Kiv {
 class KIV_API Exception : public std::exception {
  public:
   ~Exception() override;
-  const String& message() const noexcept { return message_; }
+  const String& message() const noexcept { return message_; }  ///< The fixed text.
+  /// The text; what else is known may follow it.
   const char* what() const noexcept override { return message_.c_str(); }
 
  protected:
-  explicit Exception(String message) : message_(std::move(message)) {}
+  explicit Exception(String message) : message_(std::move(message)) {}  ///< One with that text.
   Exception(const Exception&) = default;
   Exception& operator=(const Exception&) = default;
 
@@ -30,7 +31,7 @@ class KIV_API Exception : public std::exception {
 /// A value, index or text outside what the attribute admits.
 class KIV_API RangeException : public Exception {
  public:
-  explicit RangeException(String message) : Exception(std::move(message)) {}
+  explicit RangeException(String message) : Exception(std::move(message)) {}  ///< One with that text.
   RangeException(const RangeException&) = default;
   RangeException& operator=(const RangeException&) = default;
   ~RangeException() override;
@@ -39,6 +40,7 @@ class KIV_API RangeException : public Exception {
 /// An attempt to delete an attribute that is always there.
 class KIV_API NondeletableAttrException : public Exception {
  public:
+  /// `attribute` is what cannot be deleted, as "EthAddr::word".
   explicit NondeletableAttrException(String attribute) : Exception(std::move(attribute)) {}
   NondeletableAttrException(const NondeletableAttrException&) = default;
   NondeletableAttrException& operator=(const NondeletableAttrException&) = default;
@@ -56,6 +58,7 @@ class KIV_API ErrnoException : public Exception {
   ~ErrnoException() override;
   /// The errno of the call.
   int error() const noexcept { return error_; }
+  /// The text, a colon and the error's own text.
   const char* what() const noexcept override { return what_.c_str(); }
 
  private:
@@ -74,6 +77,7 @@ KIV_API String errorText(int error);
 ///     failure.rethrow();
 class FirstFailure {
  public:
+  /// Runs the action; keeps what it throws, unless something was thrown before.
   template <std::invocable Action>
   void run(Action&& action) noexcept {
     try {

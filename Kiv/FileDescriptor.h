@@ -22,10 +22,10 @@ class KIV_API FileDescriptor : public Entity {
  public:
   KIV_ENTITY(FileDescriptor, Entity)
   KIV_ATTR_READ(S32, descriptor, -1)
-  KIV_ATTR_READ(bool, nonBlocking, false)
+  KIV_ATTR_READ(bool, nonBlocking, false)  ///< Whether the descriptors that are set become non-blocking.
   KIV_ATTR_READ(bool, notifyOnReadable, true)
   KIV_ATTR_READ(bool, notifyOnWritable, false)
-  KIV_ATTR_READ(bool, edgeTriggered, false)
+  KIV_ATTR_READ(bool, edgeTriggered, false)  ///< Whether events come once for each change.
   KIV_ATTR_COUNTER(U32, readableCount)
   KIV_ATTR_COUNTER(U32, writableCount)
 

@@ -22,8 +22,9 @@ constexpr U32 hashMix(U32 key) noexcept {
 /// another seed gives an unrelated order of buckets. Each integer is one step, whatever its width.
 class SeededHash {
  public:
-  constexpr explicit SeededHash(U32 seed) noexcept : state_(seed) {}
+  constexpr explicit SeededHash(U32 seed) noexcept : state_(seed) {}  ///< Begins with the seed.
 
+  /// Mixes one more field in; the order counts.
   constexpr SeededHash& add(U32 value) noexcept {
     value *= 0xcc9e2d51u;
     value = std::rotl(value, 15) * 0x1b873593u;

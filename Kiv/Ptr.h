@@ -43,6 +43,7 @@ class KIV_API PtrInterface {
  protected:
   PtrInterface() noexcept = default;
   virtual ~PtrInterface();
+  /// Runs when the last pointer goes. Here: deletes the object.
   virtual void onZeroReferences() const noexcept;
 
  private:

@@ -130,6 +130,7 @@ class KIV_API NotifieeList {
 class KIV_API Reactor {
  public:
   Reactor() noexcept = default;
+  /// Registers `action` on the attribute `watched`. May throw bad_alloc.
   template <typename Watched, std::invocable Action>
   requires requires(const Watched& watched) {
     { watched.notifiees() } -> std::same_as<NotifieeList&>;

@@ -60,7 +60,7 @@ constexpr bool takeLiteral(std::string_view& text, std::string_view literal) noe
 template <typename Owner, typename Member>
 struct Field {
   std::string_view name;
-  Member Owner::*member;
+  Member Owner::*member;  ///< Where the attribute is in its class.
 };
 
 template <typename Owner, typename Member>
@@ -68,11 +68,12 @@ constexpr Field<Owner, Member> field(std::string_view name, Member Owner::*membe
   return {name, member};
 }
 
+/// The text representation of a type: its name and its attributes, in their order.
 template <typename... Fields>
 struct Representation {
   std::string_view type;
-  ParseError invalid;  // the error text for a missing literal
-  std::tuple<Fields...> fields;
+  ParseError invalid;            // the error text for a missing literal
+  std::tuple<Fields...> fields;  ///< The attributes, in the order of the text.
 };
 
 template <typename... Fields>

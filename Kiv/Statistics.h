@@ -16,23 +16,24 @@ namespace Kiv {
 struct LoopStatistics {
   /// What a reactor ran for.
   enum class Event : U8 { readable, writable, clock, posted };
-  static constexpr unsigned kEvents = 4;
+  static constexpr unsigned kEvents = 4;  ///< How many values `Event` has.
 
   /// The longest run of the reactors to one source: a descriptor or a clock by its name, or "posted" work.
   struct Slow {
-    String name;  ///< At most `kNameBytes` octets of it.
-    Event event = Event::readable;
-    Time longest{};
+    String name;                    ///< At most `kNameBytes` octets of it.
+    Event event = Event::readable;  ///< What the reactors ran for.
+    Time longest{};                 ///< How long the longest run took.
   };
-  static constexpr unsigned kSlowest = 8;
-  static constexpr unsigned kNameBytes = 47;
+  static constexpr unsigned kSlowest = 8;     ///< How many sources are kept.
+  static constexpr unsigned kNameBytes = 47;  ///< How much of a name is kept.
 
-  U64 passes = 0;
+  U64 passes = 0;             ///< How often the loop came round.
   U64 events[kEvents] = {};   ///< Indexed by `Event`.
   Time measured{};            ///< How long the loop has been measured.
   Time inReactors{};          ///< How much of this was spent in reactors and posted work.
   std::vector<Slow> slowest;  ///< The longest run first, each name and event once, `kSlowest` at most.
 
+  /// The sum over all kinds.
   U64 allEvents() const noexcept {
     U64 sum = 0;
     for (const U64 each : events) sum += each;

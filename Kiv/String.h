@@ -22,12 +22,13 @@ class String {
   using IteratorConst = const char*;
 
   String() noexcept = default;
-  String(const char* text) : value_(text) {}
+  String(const char* text) : value_(text) {}  ///< A copy of a text that ends with a zero.
   String(std::string_view text) : value_(text) {}
   String(std::string text) noexcept : value_(std::move(text)) {}
   String(const char* data, std::size_t bytes) : value_(data, bytes) {}
 
-  operator std::string() const { return value_; }
+  operator std::string() const { return value_; }  ///< A copy.
+  /// A view, as long as this text lives and stays.
   operator std::string_view() const noexcept { return value_; }
 
   /// Length in octets.

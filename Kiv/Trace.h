@@ -26,12 +26,14 @@ namespace Kiv {
 /// of the process. A disabled level costs one load and one branch and evaluates none of its pieces.
 class KIV_API TraceHandle {
  public:
+  /// A handle of that name; it lives as long as the program, as a static does.
   explicit TraceHandle(std::string_view name);
   ~TraceHandle();
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
 
   const String& name() const noexcept { return name_; }
+  /// Whether the level, 0 to 9, is on.
   bool enabled(unsigned level) const noexcept {
     return (levels_.load(std::memory_order_relaxed) >> level & 1) != 0;
   }

@@ -33,7 +33,7 @@ struct EthRxMetadata {
   U8 pktType = 0;
   /// Length before the frame was cut to `maxRxPktData`, without a separate VLAN tag.
   U32 frameBytes = 0;
-  RxChecksum checksum = RxChecksum::unknown;
+  RxChecksum checksum = RxChecksum::unknown;  ///< What is known of its checksum.
   /// Whether the frame stands for several: it was merged on receive (GRO), or it was sent by this machine and
   /// the device was to segment it, in which case its checksum is `notFilledIn`, too. Known for TCP; for other
   /// protocols with `enableRxOffload`.
@@ -77,27 +77,29 @@ struct EthRxMetadata {
 class KIV_API EthDevPam final : public PacketPam {
  public:
   KIV_ENTITY(EthDevPam, PacketPam)
-  KIV_ATTR_READ(Kiv::String, devName)
+  KIV_ATTR_READ(Kiv::String, devName)  ///< Name of the device.
   KIV_ATTR_READ(U32, ifIndex, 0)
-  KIV_ATTR_READ(EthAddr, ethAddr)
+  KIV_ATTR_READ(EthAddr, ethAddr)  ///< The device's own address, as it was at the opening.
   KIV_ATTR_HOOK(U16, ethType, kAllEthTypes, handleRxFilter)
   KIV_ATTR(bool, rxOutgoing, false)
   KIV_ATTR(U32, rxBuf, 0)
   KIV_ATTR_HOOK(bool, promiscuous, false, handlePromiscuous)
   KIV_ATTR_HOOK(bool, allMulticast, false, handleAllMulticast)
   KIV_ATTR_HOOK(IpFilterProgram, rxFilter, IpFilterProgram(), handleRxFilter)
-  KIV_ATTR(U32, maxRxPktData, 1518)
+  KIV_ATTR(U32, maxRxPktData, 1518)  ///< Room for one frame, in octets; longer ones are cut off.
   KIV_ATTR_HOOK(U8, socketReadLimit, maxSocketReadLimit, checkSocketReadLimit)
-  KIV_ATTR(U8, rxPktType, 0)
+  KIV_ATTR(U8, rxPktType, 0)  ///< Of the last frame: whom it was for, as in packet(7).
+  /// Of the last frame: its length on the wire, in octets, without a tag that stands apart.
   KIV_ATTR(U32, rxFrameBytes, 0)
   KIV_ATTR_COUNTER(U64, rxPktCount)
+  /// Of the last frame: what is known of its checksum.
   KIV_ATTR(RxChecksum, rxChecksum, RxChecksum::unknown)
   KIV_ATTR(U32, rxRingBytes, 0)
   KIV_ATTR(bool, enableRxOffload, false)
-  KIV_ATTR_READ(bool, rxMerged, false)
+  KIV_ATTR_READ(bool, rxMerged, false)  ///< Of the last frame: whether the kernel merged it from several.
   KIV_ATTR_READ(bool, devPresent, false)
 
-  static constexpr U16 kAllEthTypes = 3;
+  static constexpr U16 kAllEthTypes = 3;  ///< As an EtherType: all of them.
   static constexpr U8 maxSocketReadLimit = 128;
 
   /// For the device `devName` of a namespace.

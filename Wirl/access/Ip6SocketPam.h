@@ -24,6 +24,7 @@ namespace Wirl {
 /// RSVP, TCP, UDP; ICMPv6 always has it; enabling fails for others (EINVAL "setsockopt(IPV6_CHECKSUM)").
 class KIV_API Ip6SocketPam final : public RawIpPam {
  public:
+  /// One of that name and IP protocol, of the namespace.
   Ip6SocketPam(Kiv::String name, IpProtocolNumber number, const NamespaceName& ns)
       : RawIpPam(std::move(name), number, ns, ipv6Family_) {}
   ~Ip6SocketPam() override;

@@ -31,8 +31,9 @@ class KIV_API IpFilter : public detail::TextForms<IpFilter> {
   constexpr Kiv::U16 code() const noexcept { return code_; }
   /// Instructions to skip when a jump's condition holds, and when it does not.
   constexpr Kiv::U8 jt() const noexcept { return jt_; }
+  /// How many instructions to skip if the comparison fails.
   constexpr Kiv::U8 jf() const noexcept { return jf_; }
-  constexpr Kiv::U32 k() const noexcept { return k_; }
+  constexpr Kiv::U32 k() const noexcept { return k_; }  ///< The operand.
 
   static Kiv::ParseError parse(std::string_view& text, IpFilter& out) noexcept {
     return Kiv::parseRepresentation(text, out);

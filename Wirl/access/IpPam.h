@@ -40,22 +40,23 @@ class KIV_API IpPam : public InetPam {
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR_READ(IpSocketOptions, options)
   KIV_ATTR_READ(bool, enabled, false)
-  KIV_ATTR(Kiv::String, txIfName)
-  KIV_ATTR(U32, txIfIndex, 0)
+  KIV_ATTR(Kiv::String, txIfName)  ///< Name of the interface to send by; empty: the route's.
+  KIV_ATTR(U32, txIfIndex, 0)      ///< Number of the interface to send by; 0: the route's.
   KIV_ATTR_HOOK(IpDscp, txTOS, IpDscp(), handleTxTOS)
   KIV_ATTR_HOOK(IpTtl, txTTL, IpTtl(), handleTxTTL)
-  KIV_ATTR(S32, txFlags, 0)
-  KIV_ATTR(IpGenAddr, txSrcIpAddr)
-  KIV_ATTR(IpGenAddr, txDstIpAddr)
+  KIV_ATTR(S32, txFlags, 0)         ///< Flags of sendmsg(2).
+  KIV_ATTR(IpGenAddr, txSrcIpAddr)  ///< Source to send from; zero: the kernel's choice.
+  KIV_ATTR(IpGenAddr, txDstIpAddr)  ///< Destination to send to.
   KIV_ATTR_COUNTER(U64, txPktCount)
   KIV_ATTR(U32, maxRxPktData, 1500)
-  KIV_ATTR(IpGenAddr, rxDstIpAddr)
+  KIV_ATTR(IpGenAddr, rxDstIpAddr)  ///< Of the last packet: the destination in its header.
+  /// Of the last packet: the destination before the kernel changed it.
   KIV_ATTR(IpGenAddr, rxOrigDstIpAddr)
-  KIV_ATTR(IpGenAddr, rxSrcIpAddr)
-  KIV_ATTR(U32, rxIfIndex, 0)
-  KIV_ATTR(U8, rxTOS, 0)
-  KIV_ATTR(U8, rxTTL, 0)
-  KIV_ATTR(S32, rxFlags, 0)
+  KIV_ATTR(IpGenAddr, rxSrcIpAddr)  ///< Of the last packet: its source.
+  KIV_ATTR(U32, rxIfIndex, 0)       ///< Of the last packet: the interface it came by.
+  KIV_ATTR(U8, rxTOS, 0)            ///< Of the last packet: its type of service, or traffic class.
+  KIV_ATTR(U8, rxTTL, 0)            ///< Of the last packet: its time to live, or hop limit.
+  KIV_ATTR(S32, rxFlags, 0)         ///< Of the last packet: flags of recvmsg(2).
   KIV_ATTR_READ(IpFilterProgram, rxFilter)
   KIV_ATTR(U32, rxBuf, 0)
   KIV_ATTR_READ(bool, enableBulkRead, false)
@@ -66,8 +67,10 @@ class KIV_API IpPam : public InetPam {
   KIV_ATTR_DERIVED(Kiv::Ptr<PamFdSm>, fdSm)
 
   static constexpr U8 maxSocketReadLimit = 128;
+  /// The highest priority that the setter permits.
   static constexpr U32 maxPriority = 15;
 
+  /// One of that name and IP protocol, of the namespace.
   IpPam(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs);
   ~IpPam() override;
 

@@ -14,6 +14,7 @@ namespace Wirl {
 /// for the empty set. Bits without a name are kept and print as a number.
 class KIV_API IpSocketOptions {
  public:
+  /// One option a bit.
   enum Option : Kiv::U32 {
     none = 0,
     ipFreeBind = 0x1,          // IP_FREEBIND
@@ -32,8 +33,9 @@ class KIV_API IpSocketOptions {
     ipv6Checksum = 0x2000,     // IPV6_CHECKSUM, for IPv6 only
   };
 
-  constexpr IpSocketOptions(Kiv::U32 bits = none) noexcept : bits_(bits) {}
-  constexpr operator Kiv::U32() const noexcept { return bits_; }
+  constexpr IpSocketOptions(Kiv::U32 bits = none) noexcept : bits_(bits) {}  ///< The options of the bits.
+  constexpr operator Kiv::U32() const noexcept { return bits_; }             ///< The bits.
+  /// Whether the option is among them.
   constexpr bool has(Option option) const noexcept { return (bits_ & option) != 0; }
 
   Kiv::String stringValue() const;

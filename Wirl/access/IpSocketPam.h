@@ -21,6 +21,7 @@ namespace Wirl {
 ///     pam->handleMcastGroup(Wirl::IpAddr("224.0.0.5"), true, ifIndex);
 class KIV_API IpSocketPam final : public RawIpPam {
  public:
+  /// One of that name and IP protocol, of the namespace.
   IpSocketPam(Kiv::String name, IpProtocolNumber number, const NamespaceName& ns)
       : RawIpPam(std::move(name), number, ns, ipv4Family_) {}
   ~IpSocketPam() override;

@@ -68,7 +68,7 @@ class KIV_API Pam : public Kiv::Entity {
   KIV_ENTITY(Pam, Kiv::Entity)
   KIV_ATTR_COUNTER_HOOK(U32, readableCount, handleReadableCount)
   KIV_ATTR_COUNTER_HOOK(U32, writableCount, handleWritableCount)
-  KIV_ATTR_READ(Pkt::Ptr, txPkt)
+  KIV_ATTR_READ(Pkt::Ptr, txPkt)  ///< What the base class was given to send last.
   KIV_ATTR_COUNTER(U32, txDrops)
   KIV_ATTR_COUNTER(U32, txErrors)
   KIV_ATTR(S32, txErrno, 0)
@@ -132,6 +132,7 @@ class KIV_API Pam : public Kiv::Entity {
   /// The buffers of batch receive, one per slot. Setting a slot beyond the end grows the array; reading there
   /// gives null (or false).
   U32 savedPackets() const noexcept { return saved_ ? static_cast<U32>(saved_->packets.size()) : 0; }
+  /// What is in the slot; null for none.
   Pkt::Ptr savedPacket(U16 index) const { return index < savedPackets() ? saved_->packets[index] : nullptr; }
   void savedPacketIs(U16 index, const Pkt::Ptr& pkt);
   void savedPacketDel(U16 index);
@@ -145,6 +146,7 @@ class KIV_API Pam : public Kiv::Entity {
   void savedPacketRxDelAll();
 
  protected:
+  /// Puts a packet into the slot that `rxPkt()` empties.
   void rxPktHolderIs(Pkt::Ptr pkt) noexcept { rxPktHolder_ = std::move(pkt); }
   /// Whether the slot still holds a packet, because a reactor threw when it was told of it.
   bool rxPktHeld() const noexcept { return rxPktHolder_ != nullptr; }
@@ -176,6 +178,7 @@ class KIV_API Pam : public Kiv::Entity {
     pam.handleReadableCount();
     pam.readableCount.notifiees().notify();
   }
+  /// As `countReadable`, of `writableCount`.
   template <std::derived_from<Pam> P>
   static void countWritable(P& pam) {
     pam.writableCount.store(pam.writableCount() + 1);

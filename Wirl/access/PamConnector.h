@@ -53,15 +53,18 @@ class KIV_API PamConnectorPam final : public Pam {
   KIV_ATTR_DERIVED(InputQueueMetadata, inputQueueMetadata)
   KIV_ATTR(U32, maxBuffer, 1024)
 
+  /// An end of that name, of the connector.
   PamConnectorPam(Kiv::String name, PamConnector* pamConnector);
   ~PamConnectorPam() override;
 
   /// The connector, null once it is gone or has let go of this end.
   PamConnector* pamConnector() const noexcept { return pamConnector_; }
+  /// The end that receives what this one sends; null: cut off.
   PamConnectorPam* otherEnd() const noexcept { return otherEnd_; }
 
   /// Packets sent by the other end and not pulled yet.
   U32 inputQueueLength() const noexcept { return queue_.next - queue_.first; }
+  /// The positions of the queue of packets that wait to be received.
   const InputQueueMetadata& inputQueueMetadata() const noexcept { return queue_; }
   /// The packet with a sequence number, null when the queue does not hold it.
   Pkt::Ptr inputQueue(U32 sequence) const;

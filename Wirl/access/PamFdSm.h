@@ -17,7 +17,7 @@ class KIV_API PamFdSm : public Kiv::PtrInterface {
  public:
   ~PamFdSm() override;
 
-  Pam* pam() const noexcept { return pam_; }
+  Pam* pam() const noexcept { return pam_; }  ///< The Pam that it counts for.
   /// Stops reacting to the descriptor and returns it; null if there was none.
   Kiv::Ptr<Kiv::FileDescriptor> fileDescDel();
   /// Whether this object reacts to events of the descriptor.
@@ -25,8 +25,10 @@ class KIV_API PamFdSm : public Kiv::PtrInterface {
   void hasNotificationActiveIs(bool active);
 
  protected:
+  /// Watches `fd` for `pam`; null: nothing to watch.
   PamFdSm(const Kiv::Ptr<Kiv::FileDescriptor>& fd, Pam* pam);
 
+  /// What it watches; null once it was taken.
   const Kiv::Ptr<Kiv::FileDescriptor>& fileDesc() const noexcept { return fileDesc_; }
   virtual void handleReadable();
   virtual void handleWritable();

@@ -26,10 +26,11 @@ class KIV_API PamMuxPam final : public Pam {
   KIV_ATTR_DERIVED(U32, inputQueueLength)
   KIV_ATTR(U32, maxBuffer, 1024)
 
+  /// A client of that name, of the multiplexer.
   PamMuxPam(Kiv::String name, const Kiv::Ptr<PamMux>& mux);
   ~PamMuxPam() override;
 
-  const Kiv::Ptr<PamMux>& mux() const noexcept { return mux_; }
+  const Kiv::Ptr<PamMux>& mux() const noexcept { return mux_; }  ///< The multiplexer.
   /// Packets that were received and not pulled yet.
   U32 inputQueueLength() const noexcept { return next_ - first_; }
 

@@ -37,7 +37,7 @@ class KIV_API PamTap final : public Pam {
   KIV_ATTR(U32, snapLength, 65535)  // bytes kept of each packet
   KIV_ATTR(U32, sampling, 1)        // shows one packet in so many; 0 shows none
 
-  PamTap(Kiv::String name, Kiv::Ptr<Pam> pam);
+  PamTap(Kiv::String name, Kiv::Ptr<Pam> pam);  ///< A tap of that name on `pam`.
   ~PamTap() override;
 
   /// The Pam behind the tap.
@@ -52,6 +52,7 @@ class KIV_API PamTap final : public Pam {
 
   /// Shows only packets that match; the predicate sees the packet before the sampling does. Null: all.
   using Chooses = bool (*)(const void* context, const Pkt& pkt);
+  /// Chooses by a function, which is called with `context`; null: every packet.
   void choosesIs(Chooses chooses, const void* context = nullptr) noexcept {
     chooses_ = chooses;
     context_ = context;

@@ -12,6 +12,7 @@ struct RawIpFamily;
 
 /// What is known about a received packet beside its bytes.
 struct IpRxMetadata {
+  /// Addresses of the header, and the destination before the kernel changed it.
   IpGenAddr srcIpAddr, dstIpAddr, origDstIpAddr;
   U32 ifIndex = 0;
   U8 tos = 0;
@@ -72,6 +73,7 @@ class KIV_API RawIpPam : public IpPam {
   IpRxMetadata rxMetadata(U16 index) const;
 
  protected:
+  /// One of that name and IP protocol, of the namespace.
   RawIpPam(Kiv::String name, IpProtocolNumber protocol, const NamespaceName& netNs,
            const detail::RawIpFamily& family);
 
@@ -87,8 +89,8 @@ class KIV_API RawIpPam : public IpPam {
   void receiveFailed(bool batch, int error) override;
   const Kiv::TraceHandle& traceHandle() const override;
 
-  static const detail::RawIpFamily ipv4Family_;
-  static const detail::RawIpFamily ipv6Family_;
+  static const detail::RawIpFamily ipv4Family_;  ///< What IPv4 sockets need.
+  static const detail::RawIpFamily ipv6Family_;  ///< What IPv6 sockets need.
 
  private:
   void holdBackPackets();

@@ -79,9 +79,10 @@ class KIV_API SocketPam : public Pam {
   KIV_ATTR_RARE_READ(U32, rxBufBytes, U32{0})
   KIV_ATTR_RARE_READ(U32, txBufBytes, U32{0})
   KIV_ATTR_RARE_READ(RxTimestamps, rxTimestamps, RxTimestamps::off)
-  KIV_ATTR_READ(RxTimes, rxTimes)
+  KIV_ATTR_READ(RxTimes, rxTimes)  ///< When the last packet was received.
   KIV_ATTR_COUNTER(U32, txFailures)
-  Kiv::Attr<Kiv::Ptr<Kiv::FileDescriptor>, SocketPam> fileDesc;
+  Kiv::Attr<Kiv::Ptr<Kiv::FileDescriptor>, SocketPam> fileDesc;  ///< The open descriptor; null: closed.
+  /// The state machine that counts its events; null: closed.
   Kiv::Attr<Kiv::Ptr<PamFdSm>, SocketPam> fdSm;
 
   ~SocketPam() override;
@@ -97,7 +98,7 @@ class KIV_API SocketPam : public Pam {
  protected:
   /// As for socket(2).
   struct Kind {
-    int domain, type, protocol;
+    int domain, type, protocol;  ///< The arguments of socket(2).
   };
   /// How a failed send counts.
   enum class Loss {

@@ -30,10 +30,10 @@ struct PamStatistics {
 
 /// What one thread with an activity loop has done.
 struct ThreadStatistics {
-  S32 thread = 0;        ///< Its number in the kernel (gettid).
-  std::string name;      ///< As the kernel knows it.
-  bool answered = true;  ///< False: its loop did not come round in time, and the rest is empty.
-  bool measured = false;
+  S32 thread = 0;                   ///< Its number in the kernel (gettid).
+  std::string name;                 ///< As the kernel knows it.
+  bool answered = true;             ///< False: its loop did not come round in time, and the rest is empty.
+  bool measured = false;            ///< Whether `loop` was measured.
   Kiv::LoopStatistics loop;         ///< All zero unless measured.
   std::vector<PamStatistics> pams;  ///< In the order in which they were made.
   U32 cachedPkts = 0;               ///< Packets that it keeps for reuse.
@@ -42,13 +42,13 @@ struct ThreadStatistics {
 
 /// What a process has done.
 struct ProcessStatistics {
-  std::string program;
-  S32 process = 0;
-  std::vector<ThreadStatistics> threads;
-  U32 depotObjects = 0;  ///< Packets and buffers that threads left for each other.
-  U32 closesDeferred = 0;
-  U32 closesWaiting = 0;
-  U32 closedInline = 0;  ///< Closed by the caller, because too many were waiting.
+  std::string program;                    ///< Name of the program.
+  S32 process = 0;                        ///< Its number, as getpid(2) gives it.
+  std::vector<ThreadStatistics> threads;  ///< Those that have a loop, in the order in which they got it.
+  U32 depotObjects = 0;                   ///< Packets and buffers that threads left for each other.
+  U32 closesDeferred = 0;                 ///< Descriptors given to the closer thread.
+  U32 closesWaiting = 0;                  ///< Of these, those not closed yet.
+  U32 closedInline = 0;                   ///< Closed by the caller, because too many were waiting.
 };
 
 /// What the calling thread has done. If `measure`, its loop is measured from now on (`ActivityLoop::measuredIs`).
@@ -70,6 +70,7 @@ KIV_API std::string statisticsPrometheus(const ProcessStatistics& statistics);
 /// is dropped, `done` does not run any more.
 class KIV_API StatisticsRequest final {
  public:
+  /// Begins to ask. `measure`: as in `threadStatistics`.
   StatisticsRequest(std::function<void(const ProcessStatistics&)> done, double seconds = 1,
                     bool measure = false);
   ~StatisticsRequest();
@@ -93,9 +94,9 @@ class KIV_API StatisticsRequest final {
 class KIV_API StatisticsServer final : public Kiv::Entity {
  public:
   KIV_ENTITY(StatisticsServer, Kiv::Entity)
-  KIV_ATTR_READ(Kiv::String, path)
-  KIV_ATTR_COUNTER(U64, served)
-  KIV_ATTR_COUNTER(U64, refused)
+  KIV_ATTR_READ(Kiv::String, path)  ///< Where the socket is.
+  KIV_ATTR_COUNTER(U64, served)     ///< Answers that were sent whole.
+  KIV_ATTR_COUNTER(U64, refused)    ///< Clients that were one too many.
 
   /// Opens the socket `socketPath`; removes one that a process left there which is gone. Throws
   /// `Kiv::ErrnoException` with the call that failed ("bind" with EADDRINUSE: somebody serves there).

@@ -39,6 +39,7 @@ class KIV_API VirtualDevPam : public SocketPam {
   void enabledIs(bool on);
 
  protected:
+  /// `frames`: whether it moves Ethernet frames, or IP packets.
   VirtualDevPam(Kiv::String name, Kiv::String device, const NamespaceName& ns, bool frames);
 
   /// Makes the device of the open descriptor, and sets it up.
@@ -68,6 +69,7 @@ class KIV_API TapPam final : public VirtualDevPam {
   KIV_ENTITY(TapPam, VirtualDevPam)
   KIV_ATTR_READ(EthAddr, ethAddr)
 
+  /// One of that name, for the device, which is made where it is missing.
   TapPam(Kiv::String name, Kiv::String device, const NamespaceName& ns)
       : VirtualDevPam(std::move(name), std::move(device), ns, true) {}
   ~TapPam() override;
@@ -79,6 +81,7 @@ class KIV_API TapPam final : public VirtualDevPam {
 /// IPv4 and IPv6 packets, told apart by their version, without a link layer.
 class KIV_API TunPam final : public VirtualDevPam {
  public:
+  /// One of that name, for the device, which is made where it is missing.
   TunPam(Kiv::String name, Kiv::String device, const NamespaceName& ns)
       : VirtualDevPam(std::move(name), std::move(device), ns, false) {}
   ~TunPam() override;

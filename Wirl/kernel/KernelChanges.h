@@ -18,14 +18,14 @@ namespace Wirl {
 
 /// What is to change of a link, or of a new one: what is not set stays.
 struct LinkChange {
-  std::optional<std::string> name = {};  ///< the new name
-  std::optional<bool> up = {};
-  std::optional<U32> mtu = {};
-  std::optional<EthAddr> ethAddr = {};
-  std::optional<U32> master = {};  ///< interface index; 0: none
-  std::optional<std::string> alias = {};
-  std::optional<U32> txQueueLen = {};
-  std::optional<U32> group = {};
+  std::optional<std::string> name = {};     ///< the new name
+  std::optional<bool> up = {};              ///< Administratively up or down.
+  std::optional<U32> mtu = {};              ///< The longest packet, in octets.
+  std::optional<EthAddr> ethAddr = {};      ///< The Ethernet address.
+  std::optional<U32> master = {};           ///< interface index; 0: none
+  std::optional<std::string> alias = {};    ///< A text for people.
+  std::optional<U32> txQueueLen = {};       ///< Length of the send queue, in packets.
+  std::optional<U32> group = {};            ///< The group of links that it belongs to.
   std::optional<NamespaceName> netNs = {};  ///< moves it there
   std::optional<U32> ifIndex = {};          ///< of a new link
   std::optional<U32> lower = {};            ///< of a new link: the one below
@@ -55,35 +55,39 @@ class KIV_API KernelChanges {
   /// A veth pair; `ofPeer` may put the peer into another namespace.
   KernelChanges& vethAdd(const std::string& name, const std::string& peer, const LinkChange& with = {},
                          const LinkChange& ofPeer = {});
+  /// Changes what is set in `change`.
   KernelChanges& linkChange(const std::string& name, const LinkChange& change);
-  KernelChanges& linkDel(const std::string& name);
+  KernelChanges& linkDel(const std::string& name);  ///< Deletes a link.
 
-  KernelChanges& addressAdd(const AddressInfo& address);
+  KernelChanges& addressAdd(const AddressInfo& address);  ///< Adds an address.
   /// Adds, or changes lifetimes and flags.
   KernelChanges& addressReplace(const AddressInfo& address);
-  KernelChanges& addressDel(const AddressKey& key);
+  KernelChanges& addressDel(const AddressKey& key);  ///< Deletes an address.
 
   /// Throw `Kiv::RangeException` for encapsulations of more than 4,096 octets in all.
   /// Of `attrs` the type 0 counts as unicast, and without a gateway the scope 0 of IPv4 as the link's.
   KernelChanges& routeAdd(const RouteKey& key, const RouteAttrs& attrs);
+  /// Adds a route, or takes the place of one with the same key.
   KernelChanges& routeReplace(const RouteKey& key, const RouteAttrs& attrs);
   /// Another route of the same key; of IPv6 another next hop.
   KernelChanges& routeAppend(const RouteKey& key, const RouteAttrs& attrs);
   /// `attrs` may say which one, by type, protocol and next hops.
   KernelChanges& routeDel(const RouteKey& key, const RouteAttrs& attrs = {});
 
-  KernelChanges& nextHopAdd(const NextHopInfo& nextHop);
+  KernelChanges& nextHopAdd(const NextHopInfo& nextHop);  ///< Adds a next-hop object.
+  /// Adds a next-hop object, or takes the place of the one with its number.
   KernelChanges& nextHopReplace(const NextHopInfo& nextHop);
   /// The routes and groups that use it go or shrink with it.
   KernelChanges& nextHopDel(U32 id);
 
-  KernelChanges& ruleAdd(const RouteRule& rule);
+  KernelChanges& ruleAdd(const RouteRule& rule);  ///< Adds a rule.
   /// The first rule that has all that is given.
   KernelChanges& ruleDel(const RouteRule& rule);
 
-  KernelChanges& neighborAdd(const NeighborInfo& neighbor);
+  KernelChanges& neighborAdd(const NeighborInfo& neighbor);  ///< Adds an entry.
+  /// Adds an entry, or takes the place of the one with its key.
   KernelChanges& neighborReplace(const NeighborInfo& neighbor);
-  KernelChanges& neighborDel(const NeighborKey& key);
+  KernelChanges& neighborDel(const NeighborKey& key);  ///< Deletes an entry.
   /// Has the kernel ask for a neighbour, which it adds if need be (NTF_USE) with the `flags` given besides.
   KernelChanges& neighborAsk(const NeighborKey& key, U8 flags = 0);
   /// Has the kernel ask a neighbour whose address it knows whether it is still there (NUD_PROBE).

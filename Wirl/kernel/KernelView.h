@@ -42,12 +42,12 @@ class KIV_API KernelView : public Kiv::Entity {
   KIV_ATTR_READ(NamespaceName, netNs)
   KIV_ATTR(U32, rxBuf, 4u << 20)
   KIV_ATTR_HOOK(Kiv::Time, refreshTime, Kiv::timeInfinite, handleRefreshTime)
-  KIV_ATTR_READ(bool, enabled, false)
+  KIV_ATTR_READ(bool, enabled, false)  ///< Whether it follows the kernel.
   KIV_ATTR_READ(bool, present, false)
   KIV_ATTR_READ(bool, inSync, false)
   KIV_ATTR_READ(U64, changeCount, 0)
   KIV_ATTR_READ(U32, dumps, 0)
-  KIV_ATTR_READ(S32, lastError, 0)
+  KIV_ATTR_READ(S32, lastError, 0)  ///< The errno of the last failure; 0: none.
   KIV_ATTR_DERIVED(U32, rxOverruns)
   KIV_ATTR_DERIVED(U64, unusedAttrs)
   KIV_ATTR_DERIVED(U32, badMessages)
@@ -86,11 +86,12 @@ class KIV_API KernelView : public Kiv::Entity {
   /// Every pass ends so.
   virtual void passEnds() {}
 
-  bool dumping() const noexcept { return dumping_; }
+  bool dumping() const noexcept { return dumping_; }  ///< Whether a dump is in progress.
   /// Something may have changed without being told.
   void outOfSync();
   /// Asks the kernel something; an answer comes as if it had just happened.
   void ask(std::string_view request);
+  /// Counts a change without telling of it.
   void countChange() { changeCount.store(changeCount() + 1); }
   U64 unused_ = 0;  // attributes
   U32 bad_ = 0;     // messages
@@ -131,6 +132,7 @@ class EntityView : public KernelView {
  public:
   using Key = typename E::Key;
   using Info = typename E::Info;
+  /// A change of one entity.
   struct Change {
     ChangeKind kind;
     Kiv::Ptr<E> entity;  ///< removed ones show what they were
@@ -167,10 +169,12 @@ class EntityView : public KernelView {
       if (waiting_.count(key) == 0) visit(key, entity->info());
     }
   }
+  /// Takes over what the kernel says of one.
   void put(const Key& key, Info info, bool inDump) {
     if (!counts(key, inDump)) return;
     waiting_.insert_or_assign(key, Waiting{true, std::move(info)});
   }
+  /// Drops one that the kernel has deleted.
   void drop(const Key& key) {
     if (counts(key, false)) waiting_.insert_or_assign(key, Waiting{false, Info()});
   }
@@ -282,12 +286,14 @@ class KernelEntity : public Kiv::Entity {
     putAttrs(telling);
     putAttr(telling, changeCount, changeCount() + 1);
   }
-  void sameInfoIs(Info info) { info_ = std::move(info); }
+  void sameInfoIs(Info info) { info_ = std::move(info); }  ///< Takes over what nobody is told of.
 
  protected:
+  /// One of that name, of what the kernel says.
   explicit KernelEntity(Kiv::String name, const Info& info) : Entity(std::move(name)), info_(info) {}
   /// Stores the attributes that show parts of `info()`, by `putAttr`; at most ten.
   virtual void putAttrs(Telling& telling) = 0;
+  /// Stores an attribute; `telling` tells of it.
   template <typename AnyAttr, typename Value>
   void putAttr(Telling& telling, AnyAttr& attr, const Value& value) {
     if (this->storeAttr(attr, value)) telling.noted_[telling.count_++] = &attr.notifiees();

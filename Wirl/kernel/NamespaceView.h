@@ -26,6 +26,7 @@ class KIV_API KernelNamespace final : public Kiv::Entity {
   /// By what number the own namespace knows it, as links name the namespace of their peer; -1: by none.
   KIV_ATTR_READ(S32, nsid, -1)
 
+  /// One of that name; `inode` tells it from an earlier one of the name.
   KernelNamespace(const NamespaceName& name, U64 inode);
   /// For a Pam.
   const NamespaceName& nsName() const noexcept { return nsName_; }
@@ -52,10 +53,12 @@ class KIV_API NamespaceView final : public Kiv::Entity {
   KIV_ENTITY(NamespaceView, Kiv::Entity)
   KIV_ATTR_READ(U64, changeCount, 0)
 
+  /// A namespace that came or went.
   struct Change {
     ChangeKind kind;
-    Kiv::Ptr<KernelNamespace> entity;
+    Kiv::Ptr<KernelNamespace> entity;  ///< The namespace.
   };
+  /// The namespaces by their names.
   using Namespaces = std::map<std::string, Kiv::Ptr<KernelNamespace>, std::less<>>;
 
   /// Throws `Kiv::ErrnoException` "inotify_init1".

@@ -24,9 +24,9 @@ class KIV_API NextHop final : public Kiv::Entity {
   KIV_ATTR_READ(bool, resolved, false)
   /// The last one known; stays when the next hop is lost.
   KIV_ATTR_READ(EthAddr, ethAddr)
-  KIV_ATTR_READ(U32, lostCount, 0)
+  KIV_ATTR_READ(U32, lostCount, 0)  ///< How often it was known and then lost.
 
-  explicit NextHop(const NeighborKey& key);
+  explicit NextHop(const NeighborKey& key);  ///< One of the interface and address.
   ~NextHop() override;
   const NeighborKey& key() const noexcept { return key_; }
 
@@ -61,17 +61,18 @@ class KIV_API NeighborResolver : public Kiv::Entity {
   KIV_ATTR(Kiv::Time, answerTime, std::chrono::seconds(1))
   KIV_ATTR(U32, tries, 3)
   KIV_ATTR(Kiv::Time, refreshTime, std::chrono::seconds(20))
+  /// The longest pause between two questions.
   KIV_ATTR(Kiv::Time, longestBackOff, std::chrono::seconds(60))
-  KIV_ATTR_READ(U32, resolvedCount, 0)
-  KIV_ATTR_READ(U64, askedCount, 0)
-  KIV_ATTR_READ(U64, lostCount, 0)
+  KIV_ATTR_READ(U32, resolvedCount, 0)  ///< Next hops that became known.
+  KIV_ATTR_READ(U64, askedCount, 0)     ///< Questions asked.
+  KIV_ATTR_READ(U64, lostCount, 0)      ///< Next hops that were known and then lost.
   KIV_ATTR_DERIVED(std::size_t, nextHops)
 
   ~NeighborResolver() override;
 
   /// Registers a next hop, once however often it is asked for.
   Kiv::Ptr<NextHop> nextHop(const NeighborKey& key);
-  std::size_t nextHops() const noexcept { return hops_.size(); }
+  std::size_t nextHops() const noexcept { return hops_.size(); }  ///< How many next hops are wanted.
 
  protected:
   explicit NeighborResolver(Kiv::String name);
@@ -79,19 +80,20 @@ class KIV_API NeighborResolver : public Kiv::Entity {
   /// To be asked now. `alone`: the next hop's MAC address is known, and it need not be the last question.
   struct Question {
     NeighborKey key;
-    EthAddr mac;
-    bool alone;
+    EthAddr mac;  ///< The Ethernet address to ask alone, where `alone` is set.
+    bool alone;   ///< Whether one neighbour is asked, and not all.
   };
   virtual void ask(const std::vector<Question>& questions) = 0;
   /// A next hop came; by default it is asked for at once.
   virtual void registered(const NeighborKey& key) { askSoon(key); }
   virtual void dropped(const NeighborKey&) {}
 
-  NextHop* find(const NeighborKey& key) const;
-  void askSoon(const NeighborKey& key);
+  NextHop* find(const NeighborKey& key) const;  ///< The next hop of the key; null if nobody wants it.
+  void askSoon(const NeighborKey& key);         ///< Asks in a later pass.
   /// `sure`: it has just answered; else the address is from before, and is to be asked about.
   void heard(const NeighborKey& key, const EthAddr& mac, bool sure);
-  void failed(const NeighborKey& key);
+  void failed(const NeighborKey& key);  ///< The kernel has given up on it.
+  /// Calls `visit` with the key of every next hop.
   template <typename Visit>
   void forEachKey(Visit visit) {
     std::vector<NeighborKey> keys;
@@ -149,11 +151,11 @@ class KIV_API DeviceNeighborResolver final : public NeighborResolver {
  public:
   KIV_ENTITY(DeviceNeighborResolver, NeighborResolver)
   KIV_ATTR_READ(U32, ifIndex, 0)
-  KIV_ATTR_READ(EthAddr, ownEthAddr)
-  KIV_ATTR_READ(IpAddr, ownIpAddr)
-  KIV_ATTR_READ(Ip6Addr, ownIp6Addr)
+  KIV_ATTR_READ(EthAddr, ownEthAddr)  ///< The Ethernet address that it asks from.
+  KIV_ATTR_READ(IpAddr, ownIpAddr)    ///< The IPv4 address that it asks from.
+  KIV_ATTR_READ(Ip6Addr, ownIp6Addr)  ///< The IPv6 address that it asks from.
   KIV_ATTR_READ(U32, conflicts, 0)
-  KIV_ATTR_READ(U32, badPkts, 0)
+  KIV_ATTR_READ(U32, badPkts, 0)  ///< Answers that were malformed.
 
   /// An own address of zeros means that there is none of the family: ARP is spoken without a sender then
   /// (RFC 5227), ND not at all. Throws `Kiv::ErrnoException` as `EthDevPam` does.

@@ -36,16 +36,17 @@ struct KIV_API NeighborInfo {
   friend bool operator==(const NeighborInfo&, const NeighborInfo&) = default;
 };
 
+/// A neighbour entry.
 class KIV_API Neighbor final : public KernelEntity<NeighborInfo> {
  public:
   KIV_ENTITY(Neighbor, KernelEntity<NeighborInfo>)
-  KIV_ATTR_READ(U16, state, 0)
-  KIV_ATTR_READ(EthAddr, ethAddr)
+  KIV_ATTR_READ(U16, state, 0)     ///< The kernel's state, as in linux/neighbour.h (NUD_).
+  KIV_ATTR_READ(EthAddr, ethAddr)  ///< The Ethernet address; zero while it is not known.
   KIV_ATTR_DERIVED(IpGenAddr, address)
   KIV_ATTR_DERIVED(U32, ifIndex)
 
   using Key = NeighborKey;
-  explicit Neighbor(const NeighborInfo& info);
+  explicit Neighbor(const NeighborInfo& info);  ///< One of what the kernel says.
   ~Neighbor() override;
   const IpGenAddr& address() const noexcept { return info().key.address; }
   U32 ifIndex() const noexcept { return info().key.ifIndex; }

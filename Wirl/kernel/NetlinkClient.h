@@ -26,9 +26,9 @@ class KIV_API NetlinkClient : public Kiv::Entity {
  public:
   KIV_ENTITY(NetlinkClient, Kiv::Entity)
   KIV_ATTR_READ(NamespaceName, netNs)
-  KIV_ATTR(U32, groups, 0)
+  KIV_ATTR(U32, groups, 0)  ///< Groups whose messages it gets; a bit each.
   KIV_ATTR(U32, rxBuf, 4u << 20)
-  KIV_ATTR_READ(Kiv::Ptr<NetlinkPam>, pam)
+  KIV_ATTR_READ(Kiv::Ptr<NetlinkPam>, pam)  ///< The socket; null: closed.
   KIV_ATTR_READ(U32, rxOverruns, 0)
   KIV_ATTR_READ(U32, badDatagrams, 0)
 
@@ -38,9 +38,11 @@ class KIV_API NetlinkClient : public Kiv::Entity {
     std::string text;          ///< the kernel's own words, if it had any
     bool interrupted = false;  ///< a dump during which things changed: it may lack or repeat some
   };
+  /// Gets the messages that answer no question.
   using OnMessage = std::function<void(const nlmsghdr& message)>;
-  using OnAnswer = std::function<void(const Answer& answer)>;
+  using OnAnswer = std::function<void(const Answer& answer)>;  ///< Gets the end of an answer.
 
+  /// One of that name and netlink protocol, of the namespace.
   NetlinkClient(Kiv::String name, S32 protocol, const NamespaceName& ns);
   ~NetlinkClient() override;
 

@@ -50,6 +50,7 @@ class KIV_API NetlinkPam final : public SocketPam {
   KIV_ATTR_DERIVED(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
   KIV_ATTR_DERIVED(Kiv::Ptr<PamFdSm>, fdSm)
 
+  /// One of that name and netlink protocol, of the namespace.
   NetlinkPam(Kiv::String name, S32 protocol, const NamespaceName& netNs);
   ~NetlinkPam() override;
 

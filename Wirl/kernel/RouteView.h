@@ -15,20 +15,21 @@ namespace Wirl {
 
 /// What tells routes apart in the kernel's eyes, but for those that were appended to others.
 struct RouteKey {
-  U32 table = 0;
-  IpGenPrefix prefix;
-  U32 metric = 0;
+  U32 table = 0;       ///< Number of the table.
+  IpGenPrefix prefix;  ///< What it routes.
+  U32 metric = 0;      ///< Its metric: the lowest wins.
 
   friend auto operator<=>(const RouteKey&, const RouteKey&) = default;
 };
 
+/// A next hop of a route.
 struct RouteNextHop {
   U32 ifIndex = 0;
-  IpGenAddr gateway;  ///< of the unknown family: none, the destination is on the link
-  U16 weight = 1;
-  U8 flags = 0;   ///< RTNH_F_ONLINK, RTNH_F_LINKDOWN, ...
-  U16 encap = 0;  ///< LWTUNNEL_ENCAP_MPLS and others
-  U32 realms = 0;
+  IpGenAddr gateway;       ///< of the unknown family: none, the destination is on the link
+  U16 weight = 1;          ///< Its share of the packets, in comparison with the others.
+  U8 flags = 0;            ///< RTNH_F_ONLINK, RTNH_F_LINKDOWN, ...
+  U16 encap = 0;           ///< LWTUNNEL_ENCAP_MPLS and others
+  U32 realms = 0;          ///< Realms; 0: none.
   std::string encapAttrs;  ///< of the encapsulation, as the kernel has them: netlink attributes
 
   friend bool operator==(const RouteNextHop&, const RouteNextHop&) = default;
@@ -40,19 +41,20 @@ struct RouteAttrs {
   U8 scope = 0;     ///< RT_SCOPE_UNIVERSE, ...
   U8 protocol = 0;  ///< who added it, RTPROT_BGP and others
   U8 tos = 0;
-  U32 flags = 0;  ///< RTNH_F_... of a single next hop and RTM_F_...
-  bool hasMetric = false;
+  U32 flags = 0;           ///< RTNH_F_... of a single next hop and RTM_F_...
+  bool hasMetric = false;  ///< Whether `metric` was given.
   bool multipath = false;  ///< whether the kernel shows the next hops as a list
   S16 preference = -1;     ///< of a router, ICMPV6_ROUTER_PREF_MEDIUM and others; -1: none
   U32 nextHopId = 0;       ///< of a next-hop object or group; 0: none
-  S32 error = 0;
+  S32 error = 0;           ///< The errno that senders get, of an unreachable route.
+  /// What the packet's mark and arriving interface must be, in the answer to a look-up.
   U32 mark = 0, inIfIndex = 0;
-  std::optional<U8> ttlPropagate;
-  IpGenAddr prefSource;  ///< of the unknown family: none
-  IpGenPrefix source;    ///< of a route for sources in this prefix; of the unknown family: for all
-  std::vector<RouteNextHop> nextHops;
+  std::optional<U8> ttlPropagate;  ///< Whether the TTL goes into the label stack, and back.
+  IpGenAddr prefSource;            ///< of the unknown family: none
+  IpGenPrefix source;              ///< of a route for sources in this prefix; of the unknown family: for all
+  std::vector<RouteNextHop> nextHops;        ///< The next hops; more than one share the packets.
   std::vector<std::pair<U16, U32>> metrics;  ///< RTAX_MTU and others with their values
-  std::string congestionControl;
+  std::string congestionControl;             ///< The congestion control of TCP; empty: the system's.
 
   friend bool operator==(const RouteAttrs&, const RouteAttrs&) = default;
 };
@@ -60,8 +62,8 @@ struct RouteAttrs {
 /// One route as a look-up gives it. `attrs` is valid until the view changes.
 struct Route {
   RouteKey key;
-  const RouteAttrs* attrs = nullptr;
-  S32 expires = 0;  ///< in seconds from when the kernel last told of the route; 0: never
+  const RouteAttrs* attrs = nullptr;  ///< What the route says. Lives as long as nothing changes.
+  S32 expires = 0;                    ///< in seconds from when the kernel last told of the route; 0: never
 
   explicit operator bool() const noexcept { return attrs != nullptr; }
 };
@@ -84,6 +86,7 @@ class KIV_API RouteView final : public KernelView {
   KIV_ATTR_DERIVED(std::size_t, memory)
   KIV_ATTR_READ(U64, ruleChanges, 0)
 
+  /// A change of one route.
   struct Change {
     ChangeKind kind;
     RouteKey key;
@@ -94,7 +97,7 @@ class KIV_API RouteView final : public KernelView {
     KIV_ENTITY(Watched, Kiv::Entity)
     KIV_ATTR_READ(bool, present, false)
     KIV_ATTR_READ(U64, changeCount, 0)
-    explicit Watched(const RouteKey& key);
+    explicit Watched(const RouteKey& key);  ///< One of the key.
     ~Watched() override;
     const RouteKey& key() const noexcept { return key_; }
 

@@ -14,6 +14,7 @@ class AhHdr : public HdrImage<12> {
   WIRL_HDR(AhHdr, "ah");
   /// Next header: the octet, and its name.
   WIRL_FIELD(U8, nextHdr, 0, 8, .key = "nextHeader");
+  /// The protocol behind it.
   IpProtocolNumber nextHdrNum() const noexcept { return ipProtocolNumberOf(nextHdr()); }
   void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdrIs(protocol); }
   /// In words of 4 bytes, less 2.

@@ -58,6 +58,7 @@ class KIV_API BpfFilter final : public Kiv::PtrInterface {
   static Ptr BpfFilterIs(Kiv::String name);
 
   const Kiv::String& name() const noexcept { return name_; }
+  /// The expression; empty: no filter.
   const Kiv::String& bpfFilterString() const noexcept { return bpfFilterString_; }
   /// Does nothing for the current expression. An invalid one ends the process ("false"), after a trace of the
   /// reason.

@@ -20,7 +20,7 @@ class IpChecksum {
 
   /// In host order.
   constexpr Kiv::U16 value() const noexcept { return net_; }
-  constexpr NetU16 net() const noexcept { return net_; }
+  constexpr NetU16 net() const noexcept { return net_; }  ///< As it lies in the packet.
 
   friend constexpr bool operator==(const IpChecksum&, const IpChecksum&) noexcept = default;
   /// As a number in hexadecimal, with 0x.

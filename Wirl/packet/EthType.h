@@ -46,6 +46,7 @@ KIV_API std::ostream& operator<<(std::ostream& out, EthType type);
 
 /// The member's name; empty for a value without one.
 KIV_API std::string_view ethSubTypeText(EthSubType type) noexcept;
+/// The subtype of a name; nothing if there is none.
 KIV_API std::optional<EthSubType> ethSubTypeFromText(std::string_view text) noexcept;
 /// The same; throws `Kiv::RangeException` "Invalid EthSubType" for any other text.
 KIV_API EthSubType ethSubTypeFromString(std::string_view text);

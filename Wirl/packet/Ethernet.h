@@ -34,6 +34,7 @@ class EthHdr : public HdrImage<14> {
   WIRL_FIELD(EthAddr, src, 48, 48);
   WIRL_FIELD(U16, typeOrLen, 96, 16, .kind = hex, .key = "type", .text = ethTypeName);
 
+  /// Whether the two octets are a length, so that an LLC header follows.
   bool llcType() const noexcept { return isLlcLength(typeOrLen()); }
 };
 static_assert(isHeaderImage<EthHdr, 14>);
@@ -56,9 +57,10 @@ class Eth8021QTagControl : public detail::CompositeForms<Eth8021QTagControl> {
       : Eth8021QTagControl(static_cast<U16>(priority << 13 | cfi << 12 | (vlanId & 0xfff))) {}
 
   constexpr U16 value() const noexcept { return static_cast<U16>(v0_ << 8 | v1_); }
+  /// Bits 15 to 13: the priority.
   constexpr U8 priority() const noexcept { return static_cast<U8>(v0_ >> 5); }
-  constexpr bool cfi() const noexcept { return (v0_ & 0x10) != 0; }
-  constexpr U16 vlanId() const noexcept { return value() & 0xfff; }
+  constexpr bool cfi() const noexcept { return (v0_ & 0x10) != 0; }  ///< Bit 12.
+  constexpr U16 vlanId() const noexcept { return value() & 0xfff; }  ///< Bits 11 to 0: the VLAN.
 
   friend constexpr auto operator<=>(const Eth8021QTagControl&, const Eth8021QTagControl&) noexcept = default;
 
@@ -77,18 +79,19 @@ class Eth8021QHdr : public HdrImage<4> {
   WIRL_FIELD(U16, vlanId, 4, 12, .key = "id");
   WIRL_FIELD(U16, typeOrLen, 16, 16, .kind = hex, .key = "type", .text = ethTypeName);
 
+  /// Whether the two octets are a length, so that an LLC header follows.
   bool llcType() const noexcept { return isLlcLength(typeOrLen()); }
 };
 static_assert(isHeaderImage<Eth8021QHdr, 4>);
 
 using Eth8022LlcSap = HdrNumber<"Eth8022LlcSap", U8>;
-using Eth8022LlcControl = HdrNumber<"Eth8022LlcControl", U8>;
+using Eth8022LlcControl = HdrNumber<"Eth8022LlcControl", U8>;  ///< The control octet of LLC.
 
 /// Logical link control header with a one-octet control field (IEEE 802.2).
 class Eth8022LlcHdr : public HdrImage<3> {
  public:
-  static constexpr U8 snapSap = 0xaa;
-  static constexpr U8 stpSap = 0x42;
+  static constexpr U8 snapSap = 0xaa;  ///< Access point of SNAP.
+  static constexpr U8 stpSap = 0x42;   ///< Access point of the spanning tree protocol.
   static constexpr U8 pduControl = 3;  ///< Unnumbered information.
 
   WIRL_HDR(Eth8022LlcHdr, "llc");
@@ -104,17 +107,20 @@ static_assert(isHeaderImage<Eth8022LlcHdr, 3>);
 /// Subnetwork access protocol header (IEEE 802): who defines the code, and the code.
 class Eth8022SnapHdr : public HdrImage<5> {
  public:
-  static constexpr U32 pvstOrgCode = 0x00000c;
-  static constexpr U16 pvstLocalCode = 0x010b;
+  static constexpr U32 pvstOrgCode = 0x00000c;  ///< Organisation code of per-VLAN spanning tree.
+  static constexpr U16 pvstLocalCode = 0x010b;  ///< Local code of per-VLAN spanning tree.
 
   WIRL_HDR(Eth8022SnapHdr, "snap");
   WIRL_FIELD(U32, orgCode, 0, 24, .kind = hex, .key = "oui");
   WIRL_FIELD(U16, localCode, 24, 16, .kind = hex, .key = "type");
 
+  /// The first octet of the organisation code.
   U8 orgCode0() const noexcept { return static_cast<U8>(orgCode() >> 16); }
+  /// The second octet of the organisation code.
   U8 orgCode1() const noexcept { return static_cast<U8>(orgCode() >> 8); }
+  /// The third octet of the organisation code.
   U8 orgCode2() const noexcept { return static_cast<U8>(orgCode()); }
-  U16 localCodeU16() const noexcept { return localCode(); }
+  U16 localCodeU16() const noexcept { return localCode(); }  ///< The local code as a number.
 };
 static_assert(isHeaderImage<Eth8022SnapHdr, 5>);
 
@@ -167,6 +173,7 @@ class KIV_API Eth8021QHdrWrapper final : public HdrWrapper<Eth8021QHdrWrapper, E
   U32 ipHdrOffset() const noexcept { return Wirl::ipHdrOffset(header(), bytesFromHeader()); }
 };
 
+/// An 802.2 LLC header bound to a packet at an offset.
 class KIV_API Eth8022LlcHdrWrapper final : public HdrWrapper<Eth8022LlcHdrWrapper, Eth8022LlcHdr> {
  public:
   WIRL_HDR_WRAPPER_MEMBERS(Eth8022LlcHdr);
@@ -180,6 +187,7 @@ class KIV_API Eth8022LlcHdrWrapper final : public HdrWrapper<Eth8022LlcHdrWrappe
   bool snap() const noexcept { return header()->snap(); }
 };
 
+/// An 802.2 SNAP header bound to a packet at an offset.
 class KIV_API Eth8022SnapHdrWrapper final : public HdrWrapper<Eth8022SnapHdrWrapper, Eth8022SnapHdr> {
  public:
   WIRL_HDR_WRAPPER_MEMBERS(Eth8022SnapHdr);
@@ -194,6 +202,7 @@ class KIV_API Eth8022SnapHdrWrapper final : public HdrWrapper<Eth8022SnapHdrWrap
   void localCodeIs(U16 localCode) noexcept { header()->localCodeIs(localCode); }
 };
 
+/// An 802.1ah header bound to a packet at an offset.
 class KIV_API MimHdrWrapper final : public HdrWrapper<MimHdrWrapper, MimHdr> {
  public:
   WIRL_HDR_WRAPPER_MEMBERS(MimHdr);

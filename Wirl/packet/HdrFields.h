@@ -49,6 +49,7 @@ enum class HdrKind : Kiv::U8 {
   hidden,  ///< Not shown: another view of bits that other fields show.
 };
 
+/// What a line of `WIRL_FIELD` may say beyond the place of the field.
 struct HdrFieldOptions {
   HdrKind kind = HdrKind::byType;
   const char* key = nullptr;  ///< Its name in print and JSON, where that is not the accessor's.
@@ -61,13 +62,13 @@ struct HdrField {
   const char* name;  ///< The accessor's.
   const char* key;
   HdrKind kind;
-  Kiv::U16 firstBit, bits;
-  Kiv::U16 scale;
-  std::string_view (*text)(Kiv::U64 value);
+  Kiv::U16 firstBit, bits;  ///< Where the field is, counted from the header's first bit.
+  Kiv::U16 scale;           ///< By how much the number in the header is multiplied to be shown.
+  std::string_view (*text)(Kiv::U64 value);  ///< The name of a value; null: it has none.
   /// The accessor and the setter, as numbers. Of an IPv6 address this is the lower half; setting makes the
   /// upper half its complement.
   Kiv::U64 (*get)(const void* hdr) noexcept;
-  void (*set)(void* hdr, Kiv::U64 value) noexcept;
+  void (*set)(void* hdr, Kiv::U64 value) noexcept;  ///< Sets the field.
 };
 
 namespace detail {
@@ -268,11 +269,12 @@ inline constexpr auto hdrFields = detail::collectedFields<Hdr>();
 
 /// What is known of a header at run time.
 struct HdrDescription {
-  const char* name = nullptr;  ///< Of the layer: "udp".
-  unsigned bytes = 0;          ///< Without what may follow, as options.
-  std::span<const HdrField> fields;
+  const char* name = nullptr;        ///< Of the layer: "udp".
+  unsigned bytes = 0;                ///< Without what may follow, as options.
+  std::span<const HdrField> fields;  ///< The fields, in the order of their lines.
 };
 
+/// The description of a header's class.
 template <typename Hdr>
 inline constexpr HdrDescription hdrDescription{Hdr::kHdrName, sizeof(Hdr), hdrFields<Hdr>};
 

@@ -76,7 +76,7 @@ class HdrNumber : public detail::TextForms<HdrNumber<Name, Int, Bits>> {
   constexpr HdrNumber() noexcept = default;
   constexpr explicit HdrNumber(Int value) noexcept : value_(static_cast<Int>(value & maxValue)) {}
 
-  constexpr operator Int() const noexcept { return value_; }
+  constexpr operator Int() const noexcept { return value_; }  ///< The number.
   constexpr Int value() const noexcept { return value_; }
 
   static Kiv::ParseError parse(std::string_view& text, HdrNumber& out) noexcept {

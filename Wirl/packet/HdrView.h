@@ -17,6 +17,7 @@ namespace Wirl {
 template <typename Hdr>
 class HdrView {
  public:
+  /// An octet, constant where the header is.
   using Octet = std::conditional_t<std::is_const_v<Hdr>, const U8, U8>;
 
   constexpr HdrView() noexcept = default;

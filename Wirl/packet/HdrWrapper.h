@@ -36,6 +36,7 @@ class HdrWrapper : public Kiv::PtrInterface {
   }
 
  protected:
+  /// Binds a header at `offset` octets from the front of the packet; it must lie in the first piece.
   HdrWrapper(Pkt::Ptr pkt, U32 offset) : pkt_(std::move(pkt)), offset_(offset) {
     KIV_ASSERT_AS(pkt_, "pkt_ != 0");
     handleHeader();

@@ -49,6 +49,7 @@ enum Icmp6OptionTypeNumber : Kiv::U8 {
 
 /// The member's name; empty for an octet without one. Streams write the number of such an octet.
 KIV_API std::string_view icmp6TypeNumberText(Icmp6TypeNumber type) noexcept;
+/// The name of an option's type; "unknown" where it has none.
 KIV_API std::string_view icmp6OptionTypeNumberText(Icmp6OptionTypeNumber type) noexcept;
 KIV_API std::ostream& operator<<(std::ostream& out, Icmp6TypeNumber type);
 KIV_API std::ostream& operator<<(std::ostream& out, Icmp6OptionTypeNumber type);

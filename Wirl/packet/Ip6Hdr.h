@@ -20,7 +20,7 @@ KIV_API IpProtocolNumber nextHeaderNumber(U8 octet) noexcept;
 /// IPv6 header (RFC 8200). Setters cut a number to its field and leave the neighbouring bits alone.
 class KIV_API Ip6Hdr : public HdrImage<40> {
  public:
-  static constexpr U8 ipVersion6 = 6;
+  static constexpr U8 ipVersion6 = 6;  ///< What the version field holds.
 
   WIRL_HDR(Ip6Hdr, "ip6");
   WIRL_FIELD(IpVersionTrafficClassAndFlowLabel, versionTrafficClassAndFlowLabel, 0, 32, .kind = hidden);
@@ -51,9 +51,9 @@ static_assert(isHeaderImage<Ip6Hdr, 40>);
 /// Type of an option in a hop-by-hop or destination options header.
 class Ip6HdrOptionType {
  public:
-  static constexpr U8 pad1 = 0;
-  static constexpr U8 padN = 1;
-  static constexpr U8 routerAlert = 5;
+  static constexpr U8 pad1 = 0;         ///< Type of one octet of padding.
+  static constexpr U8 padN = 1;         ///< Type of padding of two octets and more.
+  static constexpr U8 routerAlert = 5;  ///< Type of the router alert (RFC 2711).
 
   constexpr Ip6HdrOptionType() noexcept = default;
   constexpr explicit Ip6HdrOptionType(U8 value) noexcept : value_(value) {}
@@ -83,6 +83,7 @@ class Ip6HdrOptionCommon : public HdrImage<2> {
   /// In units of 8 bytes behind the first 8.
   WIRL_FIELD(U8, hdrExtLen, 8, 8, .key = "length");
 
+  /// The protocol behind it.
   IpProtocolNumber nextHdrNum() const noexcept { return nextHeaderNumber(nextHdr()); }
   void nextHdrNumIs(IpProtocolNumber protocol) noexcept { nextHdrIs(protocol); }
   /// Of the whole extension header.
@@ -125,8 +126,8 @@ class Ip6HdrRouterAlertOption : public HdrImage<6, Ip6HdrOptionCommon> {
   WIRL_FIELD(U8, length, 24, 8, .key = "optionLength");
   WIRL_FIELD(U16, value, 32, 16);
 
-  Ip6HdrOptionCommon& common() noexcept { return *this; }
-  const Ip6HdrOptionCommon& common() const noexcept { return *this; }
+  Ip6HdrOptionCommon& common() noexcept { return *this; }              ///< What all options begin with.
+  const Ip6HdrOptionCommon& common() const noexcept { return *this; }  ///< What all options begin with.
 };
 static_assert(isHeaderImage<Ip6HdrRouterAlertOption, 6>);
 

@@ -20,8 +20,8 @@ namespace Wirl {
 /// bits alone. Do not trust a received header: the lengths in it may be anything.
 class KIV_API IpHdr : public HdrImage<20> {
  public:
-  static constexpr U8 ipVersion4 = 4;
-  static constexpr U16 headerLenByteMultiplier = 4;
+  static constexpr U8 ipVersion4 = 4;                ///< What the version field holds.
+  static constexpr U16 headerLenByteMultiplier = 4;  ///< Octets that the header length counts at a time.
 
   WIRL_HDR(IpHdr, "ip");
   WIRL_FIELD(IpVersionAndHeaderLen, versionAndHeaderLen, 0, 8, .kind = hidden);
@@ -60,6 +60,7 @@ class KIV_API IpHdr : public HdrImage<20> {
     KIV_ASSERT_AS(b % headerLenByteMultiplier == 0, "(b % 4) == 0");
     headerLenIs(static_cast<U8>(b / headerLenByteMultiplier));
   }
+  /// Whether the header is longer than 20 octets.
   bool hasOptions() const noexcept { return headerBytes() > sizeof(IpHdr); }
   /// The total length without the header; 0 if it is less than the header.
   U16 payloadLen() const noexcept {
@@ -75,6 +76,7 @@ class KIV_API IpHdr : public HdrImage<20> {
   /// Over `headerBytes()` bytes from the start of this header, which must be there, with the checksum field
   /// as it stands. To send, set the field to 0 first and store the result; a good received header gives 0.
   IpChecksum computedChecksum() const;
+  /// The checksum that the header should have, host order.
   U16 computedChecksumU16() const { return computedChecksum().value(); }
 
   /// The fields by name, in one line.
@@ -111,8 +113,8 @@ class IpHdrRouterAlertOption : public HdrImage<4, IpHdrOptionCommon> {
   WIRL_FIELD(U8, length, 8, 8);
   WIRL_FIELD(U16, value, 16, 16);
 
-  IpHdrOptionCommon& common() noexcept { return *this; }
-  const IpHdrOptionCommon& common() const noexcept { return *this; }
+  IpHdrOptionCommon& common() noexcept { return *this; }              ///< What all options begin with.
+  const IpHdrOptionCommon& common() const noexcept { return *this; }  ///< What all options begin with.
 };
 static_assert(isHeaderImage<IpHdrRouterAlertOption, 4>);
 

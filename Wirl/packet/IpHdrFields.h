@@ -7,25 +7,25 @@ namespace Wirl {
 
 // The fields of IPv4 and IPv6 headers as values: what the accessors of the headers return, with a text form.
 
-using IpVersion = HdrNumber<"IpVersion", Kiv::U8, 4>;
+using IpVersion = HdrNumber<"IpVersion", Kiv::U8, 4>;  ///< The version of IP.
 /// In words of 4 bytes.
 using IpHdrLen = HdrNumber<"IpHdrLen", Kiv::U8, 4>;
 /// The octet with DSCP (RFC 2474) and ECN (RFC 3168).
 using IpTos = HdrNumber<"IpTos", Kiv::U8>;
 /// In bytes.
 using IpTotalLen = HdrNumber<"IpTotalLen", Kiv::U16>;
-using IpId = HdrNumber<"IpId", Kiv::U16>;
+using IpId = HdrNumber<"IpId", Kiv::U16>;  ///< The identification of an IPv4 datagram.
 /// In units of 8 bytes.
 using IpFragmentOffset = HdrNumber<"IpFragmentOffset", Kiv::U16, 13>;
 /// The octet as it stands; `IpProtocolNumber` has the names of those that have one.
 using IpProto = HdrNumber<"IpProto", Kiv::U8>;
-using IpTrafficClass = HdrNumber<"IpTrafficClass", Kiv::U8>;
-using IpFlowLabel = HdrNumber<"IpFlowLabel", Kiv::U32, 20>;
+using IpTrafficClass = HdrNumber<"IpTrafficClass", Kiv::U8>;  ///< The traffic class of IPv6.
+using IpFlowLabel = HdrNumber<"IpFlowLabel", Kiv::U32, 20>;   ///< The flow label of IPv6, 20 bits.
 
 /// The first octet of an IPv4 header.
 struct IpVersionAndHeaderLen : detail::CompositeForms<IpVersionAndHeaderLen> {
-  IpVersion version;
-  IpHdrLen headerLen;
+  IpVersion version;   ///< The version.
+  IpHdrLen headerLen;  ///< The length of the header.
 
   constexpr IpVersionAndHeaderLen() noexcept = default;
   constexpr explicit IpVersionAndHeaderLen(Kiv::U8 octet) noexcept
@@ -43,9 +43,9 @@ struct IpVersionAndHeaderLen : detail::CompositeForms<IpVersionAndHeaderLen> {
 
 /// The upper three bits of the fragmentation word.
 struct IpFlags : detail::CompositeForms<IpFlags> {
-  bool reservedFragFlag = false;
-  bool dontFrag = false;
-  bool moreFrag = false;
+  bool reservedFragFlag = false;  ///< The bit that must be 0.
+  bool dontFrag = false;          ///< Whether routers must not fragment it.
+  bool moreFrag = false;          ///< Whether another fragment follows.
 
   constexpr IpFlags() noexcept = default;
   /// From the three bits, the reserved one being the highest.
@@ -66,7 +66,7 @@ struct IpFlags : detail::CompositeForms<IpFlags> {
 /// The fragmentation word of an IPv4 header.
 struct IpFragmentOffsetAndFlags : detail::CompositeForms<IpFragmentOffsetAndFlags> {
   IpFlags flags;
-  IpFragmentOffset fragmentOffset;
+  IpFragmentOffset fragmentOffset;  ///< Where the fragment begins.
 
   constexpr IpFragmentOffsetAndFlags() noexcept = default;
   constexpr explicit IpFragmentOffsetAndFlags(Kiv::U16 word) noexcept
@@ -86,9 +86,9 @@ struct IpFragmentOffsetAndFlags : detail::CompositeForms<IpFragmentOffsetAndFlag
 
 /// The first word of an IPv6 header.
 struct IpVersionTrafficClassAndFlowLabel : detail::CompositeForms<IpVersionTrafficClassAndFlowLabel> {
-  IpVersion version;
-  IpTrafficClass trafficClass;
-  IpFlowLabel flowLabel;
+  IpVersion version;            ///< The version.
+  IpTrafficClass trafficClass;  ///< The traffic class.
+  IpFlowLabel flowLabel;        ///< The flow label.
 
   constexpr IpVersionTrafficClassAndFlowLabel() noexcept = default;
   constexpr explicit IpVersionTrafficClassAndFlowLabel(Kiv::U32 word) noexcept

@@ -18,9 +18,10 @@ class NetInt {
  public:
   constexpr NetInt() noexcept = default;
   constexpr NetInt(T host) noexcept : octets_(std::bit_cast<Octets>(swapped(host))) {}
-  constexpr operator T() const noexcept { return value(); }
+  constexpr operator T() const noexcept { return value(); }  ///< As a number of the machine.
   constexpr T value() const noexcept { return swapped(std::bit_cast<T>(octets_)); }
 
+  /// The octets in network order.
   constexpr const std::array<Kiv::U8, sizeof(T)>& octets() const noexcept { return octets_; }
   friend constexpr bool operator==(const NetInt&, const NetInt&) noexcept = default;
   /// With any number, by value: `field == 5`.
@@ -47,8 +48,8 @@ class NetInt {
   Octets octets_{};
 };
 
-using NetU16 = NetInt<Kiv::U16>;
-using NetU32 = NetInt<Kiv::U32>;
+using NetU16 = NetInt<Kiv::U16>;  ///< A 16-bit number in network order.
+using NetU32 = NetInt<Kiv::U32>;  ///< A 32-bit number in network order.
 
 /// What a header image is: octets and nothing else, so that it may lie over a packet's bytes at any offset.
 template <typename Hdr, std::size_t Size>

@@ -22,11 +22,12 @@ enum class LinkType : U16 { ethernet = 1, rawIp = 101, user0 = 147 };
 
 /// One packet of a capture.
 struct CapturedPkt {
+  /// Which way it went.
   enum class Way : U8 { unknown, received, sent };
 
-  U32 interface = 0;
-  S64 time = 0;  ///< Nanoseconds since 1970, UTC.
-  Way way = Way::unknown;
+  U32 interface = 0;           ///< Number of the interface, as `interfaceIs` gave it.
+  S64 time = 0;                ///< Nanoseconds since 1970, UTC.
+  Way way = Way::unknown;      ///< Which way it went.
   std::span<const U8> octets;  ///< What was kept of the packet.
   U32 bytes = 0;               ///< Length of the whole packet.
   std::string_view comment;    ///< UTF-8; empty for none.

@@ -75,8 +75,9 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   class SharedBuffer;
   class Manager;
 
-  static constexpr U32 maxIovecs_ = 2;
-  static constexpr U32 privateBufferSize_ = 64;
+  static constexpr U32 maxIovecs_ = 2;           ///< How many pieces there are at most.
+  static constexpr U32 privateBufferSize_ = 64;  ///< Room for private head data, in octets.
+  /// What the barriers on both sides of the private area hold.
   static constexpr U32 magic_ = 0xbeefcafe;
   /// Largest shared buffer: the length of a packet always fits in 32 bits.
   static constexpr U32 maxBufferBytes_ = 0xffffffff - privateBufferSize_;
@@ -92,11 +93,13 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
   /// The valid entries in the order of the bytes, `numIovecs()` of them, for a system call. They are those of
   /// the packet as it is now; ask again after a change.
   const struct ::iovec* iovecs() const noexcept;
+  /// How many pieces there are.
   U32 numIovecs() const noexcept { return maxIovecs_ - fields_.firstIoVec; }
 
   /// The first piece, where header views are placed. It is empty if the packet has no data.
   U8* front() noexcept { return frontPiece(); }
   const U8* front() const noexcept { return frontPiece(); }
+  /// Length of the first piece, in octets.
   U32 frontBytes() const noexcept { return sharedIsFirst() ? shown_.bytes() : fields_.privateBytes; }
 
   U32 bytes() const noexcept { return shown_.bytes() + fields_.privateBytes; }
@@ -143,7 +146,7 @@ class KIV_API Pkt final : public Kiv::PtrInterface {
 
   /// A copy of the packet's bytes.
   Kiv::String stringValue() const;
-  Kiv::Bytes bytesValue() const;
+  Kiv::Bytes bytesValue() const;  ///< A copy of the packet's bytes.
   /// The frame as it was on the wire: a separate tag stands behind the two MAC addresses, if the frame has
   /// them.
   Kiv::String stringValueMaybeWithVlan() const;
@@ -354,7 +357,7 @@ class KIV_API Pkt::Manager final : public Kiv::PtrInterface {
  public:
   using Ptr = Kiv::Ptr<Manager>;
 
-  static constexpr U32 defaultBufferBytes_ = 1536;
+  static constexpr U32 defaultBufferBytes_ = 1536;  ///< Size of a buffer, where none is given.
 
   explicit Manager(Kiv::String name) : name_(std::move(name)) {}
 

@@ -9,7 +9,7 @@ namespace Wirl {
 /// in network order.
 class KIV_API SimpleTcpPduPam : public TcpPduPam {
  public:
-  static constexpr U16 kHeaderLength = 20;
+  static constexpr U16 kHeaderLength = 20;  ///< Length of the header, in octets.
 
   using TcpPduPam::TcpPduPam;
   ~SimpleTcpPduPam() override;

@@ -55,11 +55,13 @@ namespace Wirl {
 /// permits if the client's own port is the one that it calls, counts as refused.
 class KIV_API TcpClientSm final : public TcpSm {
  public:
+  /// Where it stands.
   enum class State : Kiv::U8 { disabled, connecting, waiting, connected, closing };
+  /// What moves it.
   enum class Event : Kiv::U8 { enable, disable, established, failed, clock, lost, close };
 
   KIV_ENTITY(TcpClientSm, TcpSm)
-  KIV_ATTR(IpGenAddr, remoteAddr)
+  KIV_ATTR(IpGenAddr, remoteAddr)  ///< The server's address.
   /// In host order.
   KIV_ATTR(U16, remotePort, 0)
   /// How long one try may take; the system's own limit of some two minutes holds as well.
@@ -68,10 +70,10 @@ class KIV_API TcpClientSm final : public TcpSm {
   KIV_ATTR_RARE_READ(Kiv::Time, closeTimeout, std::chrono::seconds(5))
   /// A connection that lasted this long starts the back-off over.
   KIV_ATTR_RARE_READ(Kiv::Time, stableTime, std::chrono::seconds(10))
-  KIV_ATTR_READ(State, state, State::disabled)
+  KIV_ATTR_READ(State, state, State::disabled)  ///< Where it stands.
   /// The connected socket, non-blocking; null unless `connected` or `closing`.
   KIV_ATTR_READ(TcpFileDescriptor::PtrConst, connection)
-  KIV_ATTR_READ(U32, attempts, 0)
+  KIV_ATTR_READ(U32, attempts, 0)  ///< Attempts to connect.
   KIV_ATTR_READ(U32, connects, 0)
   KIV_ATTR_READ(U32, failures, 0)
   KIV_ATTR_READ(U32, timeouts, 0)  // of the failures
@@ -85,7 +87,7 @@ class KIV_API TcpClientSm final : public TcpSm {
   void closeTimeoutIs(Kiv::Time time);
   void stableTimeIs(Kiv::Time time);
 
-  bool enabled() const noexcept { return state() != State::disabled; }
+  bool enabled() const noexcept { return state() != State::disabled; }  ///< Whether it connects.
   /// Begins to connect, or ends whatever is under way. Throws `Kiv::RangeException`, and stays disabled, when
   /// there is no remote address or port, or the local address is of the other family.
   void enabledIs(bool on);

@@ -25,7 +25,7 @@ class KIV_API TcpFileDescriptor : public Kiv::PtrInterface {
       : descriptor_(descriptor), edgeTriggered_(edgeTriggered) {}
   ~TcpFileDescriptor() override;
 
-  S32 descriptor() const noexcept { return descriptor_; }
+  S32 descriptor() const noexcept { return descriptor_; }  ///< The socket, or -1.
   /// Whether readiness is reported once for each change (new data, new room) instead of for as long as it
   /// lasts.
   bool edgeTriggered() const noexcept { return edgeTriggered_; }
@@ -64,15 +64,17 @@ class KIV_API TcpFileDescriptorEventRegistration : public Kiv::Entity {
  public:
   KIV_ENTITY(TcpFileDescriptorEventRegistration, Kiv::Entity)
   KIV_ATTR_DERIVED(TcpFileDescriptor::PtrConst, fileDescriptor)
-  KIV_ATTR_HOOK(bool, enabled, false, handleEnabled)
+  KIV_ATTR_HOOK(bool, enabled, false, handleEnabled)  ///< Whether events are counted.
   KIV_ATTR_HOOK(bool, notifyOnReadable, false, handleNotifyOnReadable)
   KIV_ATTR_HOOK(bool, notifyOnWritable, false, handleNotifyOnWritable)
   KIV_ATTR_COUNTER(U32, readableCount)
   KIV_ATTR_COUNTER(U32, writableCount)
 
+  /// Registers for the events of a socket.
   explicit TcpFileDescriptorEventRegistration(const TcpFileDescriptor::PtrConst& fileDescriptor);
   ~TcpFileDescriptorEventRegistration() override;
 
+  /// The socket that is watched.
   const TcpFileDescriptor::PtrConst& fileDescriptor() const noexcept { return fileDescriptor_; }
 
   /// Count one event. An event while disabled, or one that was not asked for, ends the process.

@@ -12,6 +12,7 @@ class TcpFileDescriptorEventRegistrationKivc;
 /// Turns the counts of a `Kiv::FileDescriptor` into events of a registration, which owns it.
 class KIV_API TcpFileDescriptorEventRegistrationKivcSm final : public Kiv::PtrInterface {
  public:
+  /// Counts the events of `fileDesc` for the registration.
   TcpFileDescriptorEventRegistrationKivcSm(Kiv::FileDescriptor& fileDesc,
                                            TcpFileDescriptorEventRegistrationKivc& registration);
   ~TcpFileDescriptorEventRegistrationKivcSm() override;
@@ -32,11 +33,13 @@ class KIV_API TcpFileDescriptorEventRegistrationKivc final : public TcpFileDescr
   KIV_ENTITY(TcpFileDescriptorEventRegistrationKivc, TcpFileDescriptorEventRegistration)
   KIV_ATTR_READ(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)  // while enabled
 
+  /// Registers for the events of a socket, in this thread's loop.
   explicit TcpFileDescriptorEventRegistrationKivc(const TcpFileDescriptor::PtrConst& fileDescriptor);
   ~TcpFileDescriptorEventRegistrationKivc() override;
 
   bool readableAgain() override;
 
+  /// The state machine; null while the registration is disabled.
   const Kiv::Ptr<TcpFileDescriptorEventRegistrationKivcSm>& sm() const noexcept { return sm_; }
 
  protected:
@@ -50,6 +53,7 @@ class KIV_API TcpFileDescriptorEventRegistrationKivc final : public TcpFileDescr
   Kiv::Ptr<TcpFileDescriptorEventRegistrationKivcSm> sm_;
 };
 
+/// Makes registrations with the loop of the thread.
 class KIV_API TcpFileDescriptorEventRegistrationFactoryKivc final
     : public TcpFileDescriptorEventRegistrationFactory {
  public:

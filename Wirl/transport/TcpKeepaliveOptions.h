@@ -33,11 +33,12 @@ class KIV_API TcpKeepaliveOptions {
   /// From the text form; throws `Kiv::RangeException`.
   explicit TcpKeepaliveOptions(std::string_view text) { stringValueIs(text); }
 
-  constexpr bool enabled() const noexcept { return enabled_; }
+  constexpr bool enabled() const noexcept { return enabled_; }  ///< Whether probes are sent.
   /// In seconds.
   constexpr Kiv::U32 idleTime() const noexcept { return idleTime_; }
   /// In seconds.
   constexpr Kiv::U32 probeInterval() const noexcept { return probeInterval_; }
+  /// How many probes go unanswered before the connection ends.
   constexpr Kiv::U32 probeCount() const noexcept { return probeCount_; }
 
   Kiv::String stringValue() const { return Kiv::representationOf(*this); }
@@ -60,6 +61,6 @@ class KIV_API TcpKeepaliveOptions {
   Kiv::U32 probeCount_ = 0;
 };
 
-inline constexpr TcpKeepaliveOptions keepaliveDisabled;
+inline constexpr TcpKeepaliveOptions keepaliveDisabled;  ///< No probes.
 
 }  // namespace Wirl

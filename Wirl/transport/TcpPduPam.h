@@ -98,11 +98,13 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
  public:
   KIV_ENTITY(TcpPduPam, TcpPduPamBase)
   KIV_ATTR_READ(bool, enabled, false)
-  KIV_ATTR_READ(TcpPduPamEnableMode, enableMode, tcpEnableModeNone)
+  KIV_ATTR_READ(TcpPduPamEnableMode, enableMode, tcpEnableModeNone)  ///< Which ways are open.
   KIV_ATTR_DERIVED(TcpPduPamEnableMode, pendingEnableReadOnlyOrWriteOnlyMode)
+  /// Whether the class that knows the framing has made itself ready.
   KIV_ATTR_READ(bool, initialized, false)
+  /// When the kernel probes a silent peer.
   KIV_ATTR_RARE_READ(TcpKeepaliveOptions, keepaliveOpts, keepaliveDisabled)
-  KIV_ATTR_RARE_READ(bool, noDelay, true)
+  KIV_ATTR_RARE_READ(bool, noDelay, true)  ///< Whether small segments are sent at once.
   KIV_ATTR(U16, maxPduLength, 0)
   KIV_ATTR(bool, readOnePktOnly, false)
   KIV_ATTR(bool, readAhead, false)
@@ -112,15 +114,15 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   KIV_ATTR_RARE_READ(Kiv::String, rxErrorReason)
   KIV_ATTR_DERIVED(S32, rxErrno)
   KIV_ATTR_RARE_READ(Kiv::String, txErrorReason)
-  KIV_ATTR_RARE_READ(Kiv::String, tcpOptErrorReason)
-  KIV_ATTR_RARE_READ(U32, tcpOptErrors)
+  KIV_ATTR_RARE_READ(Kiv::String, tcpOptErrorReason)  ///< Which socket option failed last, and why.
+  KIV_ATTR_RARE_READ(U32, tcpOptErrors)               ///< Socket options that failed.
   KIV_ATTR_DERIVED(Pkt::Ptr, rxPktHolderShadow)
   KIV_ATTR_DERIVED(U16, rxRemainingLength)
   KIV_ATTR_DERIVED(Pkt::Ptr, txPktHolderShadow)
   KIV_ATTR_DERIVED(U16, txIovLenHolderShadow)
   KIV_ATTR_DERIVED(U32, txQueued)
   KIV_ATTR_DERIVED(U16, txRemainingLength)
-  KIV_ATTR_READ(U16, writeLength, 0)
+  KIV_ATTR_READ(U16, writeLength, 0)  ///< Octets that the last write was given, 65535 at most.
   KIV_ATTR_RARE_READ(U32, allSentCount)
   KIV_ATTR_DERIVED(Kiv::Time, idleTimeout)
   KIV_ATTR_DERIVED(Kiv::Time, writeTimeout)
@@ -139,6 +141,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
 
  protected:
   virtual void sendPkt(const Pkt::Ptr& pkt);
+  /// Sends the pieces, as far as there is room.
   virtual void sendIov(const SocketIovec* iov, U16 iovLen);
   /// Reactors of `readable`, `writable` and `writeLength`, before those from outside. Empty here.
   virtual void handleReadable();
@@ -154,12 +157,13 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// implements it, and returns more than 0 at first. Return `pduSize(...)` where the length field is wider
   /// than 16 bits.
   virtual U16 getPduSize();
-  virtual void dumpDerivedState(std::ostream& out) const;
+  virtual void dumpDerivedState(std::ostream& out) const;  ///< What a derived class adds to `dump`.
 
   /// Switches the directions; see above. A value that is no mode, and a read-only or write-only request while
   /// the same one is pending, end the process. Throws `Kiv::ErrnoException`, with nothing changed, if the
   /// loop cannot watch the socket.
   void enableModeIs(TcpPduPamEnableMode mode);
+  /// What is asked for and waits until the other way is at rest.
   TcpPduPamEnableMode pendingEnableReadOnlyOrWriteOnlyMode() const noexcept { return pendingMode_; }
   /// Applies the options to the socket. A failure counts in `tcpOptErrors`.
   void keepaliveOptsIs(TcpKeepaliveOptions options);
@@ -168,9 +172,11 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   void noDelayIs(bool on);
   /// True for any mode but none. Setting it enables both directions, unless one is enabled already, or none.
   void enabledIs(bool on);
+  /// Whether PDUs are received.
   bool readModeEnabled() const noexcept {
     return enableMode() == tcpEnableModeReadWrite || enableMode() == tcpEnableModeReadOnly;
   }
+  /// Whether PDUs are sent.
   bool writeModeEnabled() const noexcept {
     return enableMode() == tcpEnableModeReadWrite || enableMode() == tcpEnableModeWriteOnly;
   }
@@ -190,11 +196,13 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// Ends in order; see above. `writable()` is off from here on. Does nothing the second time, and nothing
   /// after `cleanup()`. What is queued in a mode that does not write waits for one that does.
   void close();
+  /// Whether `close()` waits for the rest to be sent.
   bool closing() const noexcept { return closing_ && !closed(); }
   /// The defaults are 0, 0 and 5 s. The setters throw `Kiv::RangeException` for a negative time.
   Kiv::Time idleTimeout() const noexcept;
+  /// How long a PDU may wait to be sent; infinite: as long as it takes.
   Kiv::Time writeTimeout() const noexcept;
-  Kiv::Time closeTimeout() const noexcept;
+  Kiv::Time closeTimeout() const noexcept;  ///< How long `close()` waits.
   void idleTimeoutIs(Kiv::Time time);
   void writeTimeoutIs(Kiv::Time time);
   void closeTimeoutIs(Kiv::Time time);
@@ -221,10 +229,11 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   const SocketIovec* txIovHolderShadow() const noexcept {
     return writer_.pieces() ? writer_.pieces()->data() : nullptr;
   }
+  /// The number of pieces left to be sent.
   U16 txIovLenHolderShadow() const noexcept {
     return writer_.pieces() ? static_cast<U16>(writer_.pieces()->size()) : U16{0};
   }
-  U32 txQueued() const noexcept { return writer_.queued(); }
+  U32 txQueued() const noexcept { return writer_.queued(); }  ///< PDUs that wait to be sent.
   /// Octets that are left of the packet or the pieces sent in part; 65535 if there are more.
   U16 txRemainingLength() const noexcept {
     return writer_.remaining() > 0xffff ? U16{0xffff} : static_cast<U16>(writer_.remaining());
@@ -232,6 +241,7 @@ class KIV_API TcpPduPam : public TcpPduPamBase {
   /// The other end, as it was when the Pam was made; `ipunknown` if the socket had none. The port is in host
   /// order.
   const IpGenAddr& peerAddr() const noexcept { return peerAddr_; }
+  /// The peer's port, host order; 0 where it is not known.
   U16 peerPort() const noexcept { return peerPort_; }
 
  protected:

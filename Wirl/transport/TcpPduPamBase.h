@@ -12,6 +12,7 @@ class TcpPduPamBase;
 /// Turns the events of a registration into calls of its Pam.
 class KIV_API TcpPduFdSm final : public Kiv::PtrInterface {
  public:
+  /// Counts the events of the registration for the Pam.
   TcpPduFdSm(TcpFileDescriptorEventRegistration& fd, TcpPduPamBase& pam);
   ~TcpPduFdSm() override;
 
@@ -34,17 +35,21 @@ class KIV_API TcpPduPamBase : public Pam {
   KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>, fdFactory)
   KIV_ATTR_DERIVED(Kiv::Ptr<TcpFileDescriptorEventRegistration>, fd)
   KIV_ATTR_DERIVED(Kiv::Ptr<TcpPduFdSm>, tcpPduFdSm)
-  KIV_ATTR_READ(U32, socketReadableCount, 0)
-  KIV_ATTR_READ(U32, socketWritableCount, 0)
+  KIV_ATTR_READ(U32, socketReadableCount, 0)  ///< Readable events of the socket.
+  KIV_ATTR_READ(U32, socketWritableCount, 0)  ///< Writable events of the socket.
 
   ~TcpPduPamBase() override;
 
+  /// The socket.
   const TcpFileDescriptor::PtrConst& fileDescriptor() const noexcept { return fileDescriptor_; }
   const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& fdFactory() const noexcept { return fdFactory_; }
   /// The registration; null once the connection is torn down.
   const Kiv::Ptr<TcpFileDescriptorEventRegistration>& fd() const noexcept { return fd_; }
+  /// The state machine that counts the events.
   const Kiv::Ptr<TcpPduFdSm>& tcpPduFdSm() const noexcept { return tcpPduFdSm_; }
+  /// Whether events repeat for as long as the socket stays ready.
   bool levelTriggered() const noexcept { return !edgeTriggered(); }
+  /// Whether events come once for each change.
   bool edgeTriggered() const noexcept { return fileDescriptor_->edgeTriggered(); }
 
   /// The socket has something to read, or may have: the registration's events.
@@ -52,6 +57,7 @@ class KIV_API TcpPduPamBase : public Pam {
   virtual void handleSocketWritable() = 0;
 
  protected:
+  /// For the socket, whose events a registration of the factory reports.
   TcpPduPamBase(const TcpFileDescriptor::PtrConst& descriptor,
                 const Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>& factory, Kiv::String name);
 

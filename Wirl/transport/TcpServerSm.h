@@ -20,7 +20,7 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
   using PtrConst = Kiv::Ptr<const TcpServerConnection>;
   ~TcpServerConnection() override;
 
-  const IpGenAddr& peerAddr() const noexcept { return peerAddr_; }
+  const IpGenAddr& peerAddr() const noexcept { return peerAddr_; }  ///< The peer's address.
   /// In host order.
   U16 peerPort() const noexcept { return peerPort_; }
 
@@ -86,7 +86,9 @@ class KIV_API TcpServerConnection final : public TcpFileDescriptor {
 /// still count.
 class KIV_API TcpServerSm final : public TcpSm {
  public:
+  /// Where it stands.
   enum class State : Kiv::U8 { disabled, opening, waiting, listening, full, paused };
+  /// What moves it.
   enum class Event : Kiv::U8 { enable, disable, opened, failed, clock, limit, exhausted };
 
   KIV_ENTITY(TcpServerSm, TcpSm)
@@ -98,13 +100,13 @@ class KIV_API TcpServerSm final : public TcpSm {
   /// Connections that one event gives; 0: no bound.
   KIV_ATTR(U32, acceptBudget, 256)
   KIV_ATTR_READ(Kiv::Time, acceptPause, std::chrono::milliseconds(100))
-  KIV_ATTR_READ(State, state, State::disabled)
+  KIV_ATTR_READ(State, state, State::disabled)  ///< Where it stands.
   /// The local port in use (host order), also when the system chose it; 0 unless the port is open.
   KIV_ATTR_READ(U16, listeningPort, 0)
   KIV_ATTR_COUNTER(U32, readableCount)
-  KIV_ATTR_READ(U32, accepted, 0)
-  KIV_ATTR_READ(U32, acceptErrors, 0)
-  KIV_ATTR_READ(U32, openErrors, 0)
+  KIV_ATTR_READ(U32, accepted, 0)      ///< Connections accepted.
+  KIV_ATTR_READ(U32, acceptErrors, 0)  ///< Times that accept(2) failed.
+  KIV_ATTR_READ(U32, openErrors, 0)    ///< Times that the port could not be opened.
   KIV_ATTR_DERIVED(U32, openConnections)
 
   /// Registrations come from `factory`; null: the activity loop's.
@@ -114,6 +116,7 @@ class KIV_API TcpServerSm final : public TcpSm {
   /// Throws `Kiv::RangeException` for a time that is not above zero.
   void acceptPauseIs(Kiv::Time time);
 
+  /// Whether the port is to be open.
   bool enabled() const noexcept { return state() != State::disabled; }
   /// Opens the port, or closes it. Throws `Kiv::RangeException`, and stays disabled, when the local address
   /// has no family.

@@ -40,7 +40,7 @@ class KIV_API TcpSm : public Kiv::Entity {
   KIV_ENTITY(TcpSm, Kiv::Entity)
   /// Where the socket is bound; `ipunknown`, and port 0 (in host order): the system's choice.
   KIV_ATTR_RARE(IpGenAddr, localAddr)
-  KIV_ATTR_RARE(U16, localPort)
+  KIV_ATTR_RARE(U16, localPort)  ///< The port to bind, host order; 0: the system's choice.
   /// The interface that the socket is tied to, also the scope of link-local addresses; empty: none.
   KIV_ATTR_RARE(Kiv::String, interface)
   KIV_ATTR_RARE(NamespaceName, netNs, NamespaceName("default"))
@@ -50,11 +50,12 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// success starts over. Each delay is shortened by a random part of up to `backoffJitter` percent, so that
   /// many machines do not try in step.
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMin, std::chrono::milliseconds(500))
+  /// The longest pause between two attempts.
   KIV_ATTR_RARE_READ(Kiv::Time, backoffMax, std::chrono::seconds(30))
-  KIV_ATTR_RARE(Kiv::U8, backoffJitter, Kiv::U8{25})
+  KIV_ATTR_RARE(Kiv::U8, backoffJitter, Kiv::U8{25})  ///< How far pauses vary by chance, in per cent.
   /// The errno of the last failure, and the call and text, as "connect: Connection refused". They stay.
   KIV_ATTR_RARE_READ(S32, lastError, 0)
-  KIV_ATTR_RARE_READ(Kiv::String, lastErrorReason)
+  KIV_ATTR_RARE_READ(Kiv::String, lastErrorReason)  ///< What failed last.
 
   /// Throw `Kiv::RangeException` for a time that is not above zero.
   void backoffMinIs(Kiv::Time time);
@@ -67,16 +68,19 @@ class KIV_API TcpSm : public Kiv::Entity {
   /// Called with each new socket, between socket(2) and bind(2), behind all options: for what no attribute
   /// sets. An exception counts as a failure of the try.
   using SocketHook = std::function<void(int socket, AddressFamily af)>;
+  /// Runs `hook` with each new socket, before it connects or listens.
   void socketHookIs(SocketHook hook);
   ~TcpSm() override;
 
  protected:
+  /// Makes the registrations that watch sockets.
   using Factory = Kiv::Ptr<TcpFileDescriptorEventRegistrationFactory>;
+  /// One row of the table: what an event does in a state.
   template <typename State, typename Event>
   struct Transition {
-    State from;
-    Event event;
-    State to;
+    State from;   ///< Where it stands.
+    Event event;  ///< What happens.
+    State to;     ///< Where it stands then.
   };
   /// What the table says; nothing where it has no row.
   template <typename State, typename Event, std::size_t Rows>
@@ -120,7 +124,7 @@ class KIV_API TcpSm : public Kiv::Entity {
     drive(change, machine, event);
   }
 
-  virtual void handleClock() = 0;
+  virtual void handleClock() = 0;  ///< The deadline has come.
   /// Keys have changed.
   virtual void handleKeys() {}
 
@@ -146,8 +150,8 @@ class KIV_API TcpSm : public Kiv::Entity {
   void deadlineDel() noexcept;
   /// For states that rest without one: gives its memory back.
   void clockDel() noexcept;
-  void backoffDeadlineIs() noexcept;
-  void backoffReset() noexcept { backoff_.reset(); }
+  void backoffDeadlineIs() noexcept;  ///< Sets the clock to the next attempt, after a pause that grows.
+  void backoffReset() noexcept { backoff_.reset(); }  ///< The next pause is the shortest again.
 
   /// Records a failure in `lastError` and `lastErrorReason`, and traces it.
   void failureIs(Change& change, const Kiv::ErrnoException& failure) noexcept;

@@ -14,8 +14,8 @@ namespace Wirl {
 
 /// A key of the TCP Authentication Option (RFC 5925): a master key tuple.
 struct TcpAoKey {
-  Kiv::U8 sendId = 0;
-  Kiv::U8 recvId = 0;
+  Kiv::U8 sendId = 0;                    ///< The key's number in what is sent.
+  Kiv::U8 recvId = 0;                    ///< The key's number in what is received.
   Kiv::String key;                       // 1 to 80 octets
   Kiv::String algorithm = "hmac(sha1)";  // as the kernel names it; "cmac(aes128)" is the other of RFC 5926
   Kiv::U8 macBytes = 12;                 // of the code in each segment
@@ -47,7 +47,7 @@ class KIV_API TcpSocketOptions final : public Kiv::Entity {
   KIV_ATTR_READ(S32, minTtl, 0)
   /// Octets of the socket's buffers, as SO_RCVBUF and SO_SNDBUF take them; 0: the system sizes them.
   KIV_ATTR(U32, rxBuf, 0)
-  KIV_ATTR(U32, txBuf, 0)
+  KIV_ATTR(U32, txBuf, 0)  ///< Room for what is to be sent, in octets; 0: the system's.
   /// TCP_USER_TIMEOUT: how long sent data may stay unacknowledged before the kernel ends the connection with
   /// ETIMEDOUT; in steps of a millisecond. 0: the system's.
   KIV_ATTR_READ(Kiv::Time, userTimeout)
@@ -83,7 +83,7 @@ class KIV_API TcpSocketOptions final : public Kiv::Entity {
   void aoKeyDel(const IpGenAddr& peer, Kiv::U8 sendId, Kiv::U8 recvId) {
     aoKeyDel(hostOf(peer), sendId, recvId);
   }
-  U32 keys() const noexcept { return static_cast<U32>(keys_.size()); }
+  U32 keys() const noexcept { return static_cast<U32>(keys_.size()); }  ///< How many keys there are.
 
  private:
   friend class TcpSm;

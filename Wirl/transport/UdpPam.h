@@ -22,7 +22,7 @@ struct UdpRxMetadata {
   U16 srcPort = 0;                 ///< In host order.
   U32 ifIndex = 0;
   S32 ttl = -1, tos = -1;  ///< -1 if not told.
-  bool truncated = false;
+  bool truncated = false;  ///< Whether it was longer than the room for it.
   RxTimes times;
 };
 
@@ -88,10 +88,12 @@ class KIV_API UdpPam : public InetPam {
   /// What the socket is for.
   class KIV_API Mode {
    public:
+    /// What the socket is for.
     enum Instance : U8 { disabled, send, client, server };
 
+    /// The mode of that value.
     constexpr Mode(Instance instance = disabled) noexcept : instance_(instance) {}
-    constexpr operator Instance() const noexcept { return instance_; }
+    constexpr operator Instance() const noexcept { return instance_; }  ///< The value.
     /// The mode's name.
     Kiv::String stringValue() const;
     /// The mode of a name; throws `Kiv::RangeException` "Invalid UdpPam::Mode".
@@ -109,7 +111,9 @@ class KIV_API UdpPam : public InetPam {
   KIV_ATTR_HOOK(U8, txTos, 0, handleTxTos)
   KIV_ATTR(U8, txTTL, 0)
   KIV_ATTR(IpTrafficControl, txPrio, tcPrioBestEffort)
+  /// Destination to send to, IPv4. Fixed while connected.
   KIV_ATTR_HOOK(IpAddr, txDstIpAddr, IpAddr(), assertNotConnected)
+  /// Destination to send to, IPv6. Fixed while connected.
   KIV_ATTR_HOOK(Ip6Addr, txDstIp6Addr, Ip6Addr(), assertNotConnected)
   KIV_ATTR(IpAddr, txSrcIpAddr)
   KIV_ATTR(Ip6Addr, txSrcIp6Addr)
@@ -117,19 +121,19 @@ class KIV_API UdpPam : public InetPam {
   KIV_ATTR_HOOK(U16, txPort, 0, assertNotConnected)
   KIV_ATTR_COUNTER(U64, txPkts)
   KIV_ATTR(U32, maxRxPktData, 1490)
-  KIV_ATTR(IpAddr, rxIpAddr)
-  KIV_ATTR(Ip6Addr, rxIp6Addr)
-  KIV_ATTR(U16, rxPortLocal, 0)
-  KIV_ATTR(U32, rxIfIndex, 0)
-  KIV_ATTR(IpAddr, rxSrcIpAddr)
-  KIV_ATTR(IpAddr, rxDstIpAddr)
-  KIV_ATTR(Ip6Addr, rxSrcIp6Addr)
-  KIV_ATTR(Ip6Addr, rxDstIp6Addr)
-  KIV_ATTR(U16, rxSrcPort, 0)
+  KIV_ATTR(IpAddr, rxIpAddr)       ///< Local IPv4 address; zero: all of them.
+  KIV_ATTR(Ip6Addr, rxIp6Addr)     ///< Local IPv6 address; zero: all of them.
+  KIV_ATTR(U16, rxPortLocal, 0)    ///< Local port, host order; 0: the system's choice.
+  KIV_ATTR(U32, rxIfIndex, 0)      ///< Of the last datagram: the interface it came by.
+  KIV_ATTR(IpAddr, rxSrcIpAddr)    ///< Of the last datagram: its source, IPv4.
+  KIV_ATTR(IpAddr, rxDstIpAddr)    ///< Of the last datagram: its destination, IPv4.
+  KIV_ATTR(Ip6Addr, rxSrcIp6Addr)  ///< Of the last datagram: its source, IPv6.
+  KIV_ATTR(Ip6Addr, rxDstIp6Addr)  ///< Of the last datagram: its destination, IPv6.
+  KIV_ATTR(U16, rxSrcPort, 0)      ///< Of the last datagram: its source port, host order.
   KIV_ATTR(S32, rxTTL, -1)
   KIV_ATTR(S32, rxTOS, -1)
   KIV_ATTR_COUNTER(U64, rxPkts)
-  KIV_ATTR_READ(bool, socketConnected, false)
+  KIV_ATTR_READ(bool, socketConnected, false)  ///< Whether the socket is connected to one peer.
   KIV_ATTR(bool, enableIpMulticastLoop, true)
   KIV_ATTR_DERIVED(Kiv::Ptr<Kiv::FileDescriptor>, fileDesc)
   KIV_ATTR_DERIVED(Kiv::Ptr<PamFdSm>, fdSm)

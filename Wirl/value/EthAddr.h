@@ -159,7 +159,7 @@ class KIV_API EthAddrWithMask : public detail::TextForms<EthAddrWithMask> {
   constexpr explicit EthAddrWithMask(std::string_view text) { stringValueIs(text); }
   explicit EthAddrWithMask(std::nullptr_t) = delete;
 
-  constexpr EthAddr mac() const noexcept { return mac_; }
+  constexpr EthAddr mac() const noexcept { return mac_; }  ///< The address.
   constexpr EthAddr mask() const noexcept { return mask_; }
 
   static constexpr Kiv::ParseError parse(std::string_view& text, EthAddrWithMask& out) noexcept {

@@ -20,6 +20,7 @@ class KIV_API EthSegmentId : public detail::Octets<EthSegmentId, 10> {
   static constexpr EthSegmentId ofLacp(const EthAddr& system, Kiv::U16 key) noexcept {
     return made(1, system, Kiv::U32{key} << 8);
   }
+  /// Type 3: of a system's address and a number of 24 bits.
   static constexpr EthSegmentId ofSystem(const EthAddr& system, Kiv::U32 number) {
     if (number > 0xff'ffff) detail::throwRange("EthSegmentId::number > 16777215 not allowed");
     return made(3, system, number);
@@ -33,6 +34,7 @@ class KIV_API EthSegmentId : public detail::Octets<EthSegmentId, 10> {
 
   constexpr Kiv::U8 type() const noexcept { return octets_[0]; }
   constexpr bool isZero() const noexcept { return *this == EthSegmentId(); }
+  /// Whether all octets are 0xff.
   constexpr bool isMaximum() const noexcept { return *this == maximum(); }
   /// The system's address of types 1 and 3; of type 2 the root bridge's. Else zero.
   constexpr EthAddr system() const noexcept {

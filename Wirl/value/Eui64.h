@@ -68,6 +68,7 @@ class KIV_API Eui64 : public detail::TextForms<Eui64> {
   constexpr explicit Eui64(std::string_view text) { stringValueIs(text); }
   explicit Eui64(std::nullptr_t) = delete;
 
+  /// Octet `i`, in the order of the wire.
   Kiv::U8 byte(Eui64U8Key i) const noexcept { return octets_[checked(i)]; }
   void byteIs(Eui64U8Key i, Kiv::U8 octet) noexcept { octets_[checked(i)] = octet; }
   void byteDel(Eui64U8Key i) noexcept { octets_[checked(i)] = 0; }

@@ -13,6 +13,7 @@
 
 template <Wirl::detail::ValueType T>
 struct fmt::formatter<T> : fmt::formatter<fmt::string_view> {
+  /// Prints the canonical text.
   template <typename Context>
   auto format(const T& value, Context& context) const {
     return Wirl::detail::withText(value, [&](std::string_view text) {
@@ -23,6 +24,7 @@ struct fmt::formatter<T> : fmt::formatter<fmt::string_view> {
 
 template <>
 struct fmt::formatter<Wirl::AddressFamily> : fmt::formatter<fmt::string_view> {
+  /// Prints the name of the family.
   template <typename Context>
   auto format(Wirl::AddressFamily af, Context& context) const {
     const std::string_view text = Wirl::addressFamilyText(af);

@@ -88,6 +88,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
     octets_[index(i, 16, "Ip6Addr::u8Is: index out of range")] = octet;
   }
   constexpr void u8Is(Ip6AddrU8Key i, Kiv::U8 octet) { u8Is(Kiv::U64{i.value()}, octet); }
+  /// Group `i`, 0 to 7, host order. Throws `Kiv::RangeException` past the end.
   constexpr Kiv::U16 u16(Kiv::U64 i) const {
     const unsigned at = 2 * index(i, 8, "Ip6Addr::u16: index out of range");
     return static_cast<Kiv::U16>(octets_[at] << 8 | octets_[at + 1]);
@@ -97,6 +98,7 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
     octets_[at] = static_cast<Kiv::U8>(group >> 8);
     octets_[at + 1] = static_cast<Kiv::U8>(group);
   }
+  /// Half `i`, 0 or 1, host order. Throws `Kiv::RangeException` past the end.
   constexpr Kiv::U64 u64(Kiv::U64 i) const {
     return load(8 * index(i, 2, "Ip6Addr::u64: index out of range"));
   }
@@ -278,14 +280,16 @@ class KIV_API Ip6Addr : public detail::Ip6TextForms<Ip6Addr>, public detail::Add
 static_assert(std::is_trivially_copyable_v<Ip6Addr> && sizeof(Ip6Addr) == 16 && alignof(Ip6Addr) == 1);
 static_assert(std::is_trivially_copyable_v<Ip6AddrU8Key> && sizeof(Ip6AddrU8Key) == 1);
 
-inline constexpr Ip6Addr ip6AddrZero;
-inline constexpr Ip6Addr ip6AddrLoopback(0, 1);
+inline constexpr Ip6Addr ip6AddrZero;            ///< ::
+inline constexpr Ip6Addr ip6AddrLoopback(0, 1);  ///< ::1
+/// All nodes of the link, ff02::1.
 inline constexpr Ip6Addr ip6AddrAllNodes(0xff02'0000'0000'0000, 0x1);
+/// All routers of the link, ff02::2.
 inline constexpr Ip6Addr ip6AddrAllRouters(0xff02'0000'0000'0000, 0x2);
-inline constexpr Ip6Addr ip6AddrAllHosts(0xff02'0000'0000'0000, 0x3);
-inline constexpr Ip6Addr ip6AddrPimRouters(0xff02'0000'0000'0000, 0xd);
-inline constexpr Ip6Addr ip6AddrVrrp(0xff02'0000'0000'0000, 0x12);
-inline constexpr Ip6Addr ip6AddrMld(0xff02'0000'0000'0000, 0x16);
+inline constexpr Ip6Addr ip6AddrAllHosts(0xff02'0000'0000'0000, 0x3);    ///< ff02::3
+inline constexpr Ip6Addr ip6AddrPimRouters(0xff02'0000'0000'0000, 0xd);  ///< All PIM routers, ff02::d.
+inline constexpr Ip6Addr ip6AddrVrrp(0xff02'0000'0000'0000, 0x12);       ///< All VRRP routers, ff02::12.
+inline constexpr Ip6Addr ip6AddrMld(0xff02'0000'0000'0000, 0x16);        ///< All MLDv2 routers, ff02::16.
 /// The base of link-local multicast, ff02::, not of the link-local addresses.
 inline constexpr Ip6Addr ip6AddrLinkLocalBase(0xff02'0000'0000'0000, 0);
 /// ::ffff:127.0.0.1.

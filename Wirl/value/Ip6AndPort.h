@@ -96,6 +96,7 @@ class KIV_API Ip6AndPort : public detail::TextForms<Ip6AndPort> {
   constexpr const Ip6Addr& ip() const noexcept { return ip_; }
   /// In host order.
   constexpr Kiv::U16 port() const noexcept { return port_; }
+  /// The zone of a link-local address; empty: none.
   constexpr const Ip6Zone& zone() const noexcept { return zone_; }
 
   static constexpr Kiv::ParseError parse(std::string_view& text, Ip6AndPort& out) noexcept {

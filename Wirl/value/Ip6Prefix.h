@@ -31,9 +31,11 @@ class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix>,
   using detail::Ip6AddrAndLen<Ip6Prefix>::contains;
   using detail::PrefixReckoning<Ip6Prefix, Ip6Addr>::contains;
 
+  /// Whether it is the null prefix, which is none.
   constexpr bool isNullPrefix() const noexcept { return len_ == kNullLen; }
   /// ::/0.
   constexpr bool isDefaultRoutePrefix() const noexcept { return len_ == 0 && address_.isZero(); }
+  /// Whether its length is 128.
   constexpr bool isHostRoutePrefix() const noexcept { return len_ == 128; }
 
   /// The address of a host in this prefix. A bit of `host` within the length throws `Kiv::RangeException`;
@@ -52,9 +54,9 @@ class KIV_API Ip6Prefix : public detail::Ip6AddrAndLen<Ip6Prefix>,
 
 static_assert(std::is_trivially_copyable_v<Ip6Prefix> && sizeof(Ip6Prefix) == 20);
 
-inline constexpr Ip6Prefix ip6LinkLocalPrefix(Ip6Addr(0xfe80'0000'0000'0000, 0), 10);
-inline constexpr Ip6Prefix ip6SiteLocalPrefix(Ip6Addr(0xfec0'0000'0000'0000, 0), 10);
-inline constexpr Ip6Prefix ip6UniqueLocalPrefix(Ip6Addr(0xfc00'0000'0000'0000, 0), 7);
+inline constexpr Ip6Prefix ip6LinkLocalPrefix(Ip6Addr(0xfe80'0000'0000'0000, 0), 10);   ///< fe80::/10
+inline constexpr Ip6Prefix ip6SiteLocalPrefix(Ip6Addr(0xfec0'0000'0000'0000, 0), 10);   ///< fec0::/10
+inline constexpr Ip6Prefix ip6UniqueLocalPrefix(Ip6Addr(0xfc00'0000'0000'0000, 0), 7);  ///< fc00::/7
 
 }  // namespace Wirl
 

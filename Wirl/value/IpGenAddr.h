@@ -63,6 +63,7 @@ class KIV_API IpGenAddr : public detail::GenTextForms<IpGenAddr>, public detail:
     for (unsigned i = 0; i < size(); ++i) buf[i] = storage_.octets()[i];
   }
 
+  /// The Ethernet group of a group; zero for other addresses.
   constexpr EthAddr mcastEtherAddress() const noexcept {
     return isV4() ? v4Addr().mcastEtherAddress() : storage_.mcastEtherAddress();
   }

@@ -57,6 +57,7 @@ class KIV_API IsisSystemId : public detail::Octets<IsisSystemId, 6> {
   static constexpr Kiv::ParseError kTrailingText = "Invalid IsisSystemId";
 
   using Octets::Octets;
+  /// Of a MAC address.
   constexpr explicit IsisSystemId(const EthAddr& mac) noexcept : Octets(mac.octets()) {}
 
   static constexpr Kiv::ParseError parse(std::string_view& text, IsisSystemId& out) noexcept {
@@ -86,7 +87,7 @@ class KIV_API IsisSystemId : public detail::Octets<IsisSystemId, 6> {
 /// with full stops between any two octets, or none. Default 00. Ordered octet by octet.
 class KIV_API IsisAreaId : public detail::TextForms<IsisAreaId> {
  public:
-  static constexpr unsigned maxSize = 13;
+  static constexpr unsigned maxSize = 13;  ///< The most octets it has.
   static constexpr unsigned kTextMax = 2 * maxSize + 6;
   static constexpr Kiv::ParseError kTrailingText = "Invalid IsisAreaId";
 

@@ -56,28 +56,35 @@ inline constexpr auto kLiteral = literalOf<V4, V6, text>();
 ///     "65551"_as                 AsNumber
 namespace literals {
 
+/// An address of either family: `"192.0.2.1"_ip`.
 template <detail::LiteralText text>
 constexpr auto operator""_ip() noexcept {
   return detail::kLiteral<IpAddr, Ip6Addr, text>;
 }
+/// A prefix of either family: `"2001:db8::/32"_prefix`.
 template <detail::LiteralText text>
 constexpr auto operator""_prefix() noexcept {
   return detail::kLiteral<Prefix, Ip6Prefix, text>;
 }
+/// An address with a length, of either family.
 template <detail::LiteralText text>
 constexpr auto operator""_ipWithMask() noexcept {
   return detail::kLiteral<IpAddrWithMask, Ip6AddrWithMask, text>;
 }
+/// An address with a port, of either family.
 template <detail::LiteralText text>
 constexpr auto operator""_ipAndPort() noexcept {
   return detail::kLiteral<IpAndPort, Ip6AndPort, text>;
 }
+/// An Ethernet address: `"02:00:5e:00:53:01"_mac`.
 consteval EthAddr operator""_mac(const char* text, std::size_t size) {
   return EthAddr(std::string_view(text, size));
 }
+/// An AS number: `"65536"_as`, `"1.0"_as`.
 consteval AsNumber operator""_as(const char* text, std::size_t size) {
   return AsNumber(std::string_view(text, size));
 }
+/// A route distinguisher: `"65536:1"_rd`.
 consteval RouteDistinguisher operator""_rd(const char* text, std::size_t size) {
   return RouteDistinguisher(std::string_view(text, size));
 }

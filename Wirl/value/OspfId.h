@@ -47,6 +47,7 @@ class KIV_API RouterId : public detail::DottedNumber<RouterId> {
   static constexpr Kiv::ParseError kTooLarge = "RouterId::value > 4294967295 not allowed";
 
   using DottedNumber::DottedNumber;
+  /// The same number as an address has.
   constexpr explicit RouterId(IpAddr address) noexcept : DottedNumber(address.hostOrder()) {}
 
   constexpr explicit operator bool() const noexcept { return value_ != 0; }

@@ -138,7 +138,7 @@ class PrefixMap {
                                  detail::PrefixMapOfFamily<T, P>>;
 
  public:
-  using Address = detail::AddressOf<P>;
+  using Address = detail::AddressOf<P>;  ///< The address that belongs to the prefix.
 
   /// The result of a look-up; `value` is null if nothing was found.
   template <typename Value>
@@ -278,7 +278,7 @@ class PrefixMap {
   template <typename At>
   class Range {
    public:
-    explicit Range(const At& begin) noexcept : begin_(begin) {}
+    explicit Range(const At& begin) noexcept : begin_(begin) {}  ///< All from there on.
     At begin() const noexcept { return begin_; }
     At end() const noexcept { return {}; }
     bool empty() const noexcept { return begin_ == At(); }

@@ -268,7 +268,7 @@ class PrefixTableOfFamily {
 template <typename T, typename P = IpGenPrefix>
 class PrefixTable {
  public:
-  using Address = detail::AddressOf<P>;
+  using Address = detail::AddressOf<P>;  ///< The address that belongs to the prefix.
 
   /// Nothing matches.
   PrefixTable() = default;

@@ -29,6 +29,7 @@ class KIV_API U128 : public detail::TextForms<U128> {
   requires(sizeof(T) <= sizeof(Kiv::U64))  // a wider one would lose its upper half
       constexpr U128(T low) noexcept
       : high_(std::signed_integral<T> && low < T{} ? ~Kiv::U64{0} : 0), low_(static_cast<Kiv::U64>(low)) {}
+  /// Of its two halves.
   constexpr U128(Kiv::U64 high, Kiv::U64 low) noexcept : high_(high), low_(low) {}
   /// From its decimal number; throws `Kiv::RangeException`.
   constexpr explicit U128(std::string_view text) { stringValueIs(text); }

@@ -49,6 +49,7 @@ class KIV_API VrfMap {
   /// True when the name was there; the default VRF stays.
   bool erase(const VrfName& name);
 
+  /// The number of a name; nothing if it is not known.
   std::optional<VrfId> id(const VrfName& name) const;
   /// Null where no VRF has the number. Valid until the VRF is erased.
   const VrfName* name(VrfId id) const;

@@ -21,9 +21,9 @@ class KIV_API VrfName : public Wirl::detail::BoundedName<VrfName> {
   explicit VrfName(std::string_view text) { stringValueIs(text); }
   explicit VrfName(std::nullptr_t) = delete;
 
-  static VrfName defaultVrf() { return VrfName("default"); }
-  static VrfName allVrfs() { return VrfName("all"); }
-  static VrfName multiSrcVrf() { return VrfName("multiple source VRFs"); }
+  static VrfName defaultVrf() { return VrfName("default"); }  ///< "default"
+  static VrfName allVrfs() { return VrfName("all"); }         ///< "all", of no VRF but of each of them
+  static VrfName multiSrcVrf() { return VrfName("multiple source VRFs"); }  ///< "multiple source VRFs"
 
   bool isDefault() const noexcept { return value() == "default"; }
   /// The namespace of the VRF: "default" for the default one, else `nsPrefix` and the name, whatever it is.

@@ -11,10 +11,10 @@ namespace Wirl {
 /// The fixed part of an ARP packet (RFC 826): four addresses follow, as long as it says.
 class ArpHdr : public HdrImage<8> {
  public:
-  static constexpr U16 request = 1;
-  static constexpr U16 reply = 2;
-  static constexpr U16 ethernet = 1;
-  static constexpr U16 atm = 19;  ///< With a packet of another form (RFC 2225).
+  static constexpr U16 request = 1;   ///< Operation: who has this address?
+  static constexpr U16 reply = 2;     ///< Operation: this one has it.
+  static constexpr U16 ethernet = 1;  ///< Hardware type of Ethernet.
+  static constexpr U16 atm = 19;      ///< With a packet of another form (RFC 2225).
 
   WIRL_HDR(ArpHdr, "arp");
   WIRL_FIELD(U16, hardwareType, 0, 16);

@@ -11,9 +11,9 @@ namespace Wirl {
 class BfdHdr : public HdrImage<24> {
  public:
   static constexpr U16 singleHopPort = 3784;  ///< RFC 5881.
-  static constexpr U16 echoPort = 3785;
-  static constexpr U16 multihopPort = 4784;  ///< RFC 5883.
-  static constexpr U16 lagPort = 6784;       ///< RFC 7130.
+  static constexpr U16 echoPort = 3785;       ///< RFC 5881.
+  static constexpr U16 multihopPort = 4784;   ///< RFC 5883.
+  static constexpr U16 lagPort = 6784;        ///< RFC 7130.
 
   WIRL_HDR(BfdHdr, "bfd");
   WIRL_FIELD(U8, version, 0, 3);
@@ -63,6 +63,6 @@ struct BfdAuthenticationFormat {
     return {{rest[0], rest.first(rest[1]), 3}, rest[1], true};
   }
 };
-using BfdAuthentication = OptionList<BfdAuthenticationFormat>;
+using BfdAuthentication = OptionList<BfdAuthenticationFormat>;  ///< The authentication, as a list of one.
 
 }  // namespace Wirl

@@ -29,10 +29,13 @@ class GreHdr : public HdrImage<4> {
   U16 headerBytes() const noexcept {
     return static_cast<U16>(seqOffset() + (seqPresent() ? 4 : 0) + (hasAck() ? 4 : 0));
   }
+  /// Whether an acknowledgement number follows (version 1).
   bool hasAck() const noexcept { return protocol() == ppp && ackPresent(); }
+  /// Whether a checksum and an offset follow.
   bool hasChecksum() const noexcept { return checksumPresent() || routingPresent(); }
   /// Of the optional fields, from the start of the header.
   U16 keyOffset() const noexcept { return static_cast<U16>(sizeof(GreHdr) + (hasChecksum() ? 4 : 0)); }
+  /// Where the sequence number is, in octets from the header's start.
   U16 seqOffset() const noexcept { return static_cast<U16>(keyOffset() + (keyPresent() ? 4 : 0)); }
 };
 static_assert(isHeaderImage<GreHdr, 4>);
@@ -45,11 +48,13 @@ class GreChecksumField : public HdrImage<4> {
   WIRL_FIELD(IpChecksum, checksum, 0, 16);
   WIRL_FIELD(U16, offset, 16, 16);
 };
+/// The key, where it is present.
 class GreKeyField : public HdrImage<4> {
  public:
   WIRL_HDR(GreKeyField, "gre");
   WIRL_FIELD(U32, key, 0, 32);
 };
+/// The sequence number, where it is present.
 class GreSeqField : public HdrImage<4> {
  public:
   WIRL_HDR(GreSeqField, "gre");
@@ -59,7 +64,7 @@ class GreSeqField : public HdrImage<4> {
 /// Header of mirrored frames in GRE, version 2 (type II): the frame is behind it.
 class ErspanHdr : public HdrImage<8> {
  public:
-  static constexpr U16 greProtocol = 0x88be;
+  static constexpr U16 greProtocol = 0x88be;   ///< EtherType of mirrored frames.
   static constexpr U16 greProtocol3 = 0x22eb;  ///< Type III, with a header of 12 bytes or 20.
 
   WIRL_HDR(ErspanHdr, "erspan");

@@ -69,6 +69,7 @@ class IcmpTimestampHdr : public HdrImage<20, IcmpEchoHdr> {
 };
 static_assert(isHeaderImage<IcmpTimestampHdr, 20>);
 
+/// Address mask request and reply (RFC 950).
 class IcmpAddressMaskHdr : public HdrImage<12, IcmpEchoHdr> {
  public:
   WIRL_HDR(IcmpAddressMaskHdr, "icmp");
@@ -88,6 +89,7 @@ class IcmpUnreachableHdr : public HdrImage<8, IcmpHdr> {
 };
 static_assert(isHeaderImage<IcmpUnreachableHdr, 8>);
 
+/// Redirect (RFC 792); the datagram's beginning follows.
 class IcmpRedirectHdr : public HdrImage<8, IcmpHdr> {
  public:
   WIRL_HDR(IcmpRedirectHdr, "icmp");
@@ -95,6 +97,7 @@ class IcmpRedirectHdr : public HdrImage<8, IcmpHdr> {
 };
 static_assert(isHeaderImage<IcmpRedirectHdr, 8>);
 
+/// Parameter problem (RFC 792); the datagram's beginning follows.
 class IcmpParameterProblemHdr : public HdrImage<8, IcmpHdr> {
  public:
   WIRL_HDR(IcmpParameterProblemHdr, "icmp");

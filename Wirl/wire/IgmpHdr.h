@@ -12,12 +12,12 @@ namespace Wirl {
 /// IGMP versions 1 and 2 (RFC 1112, RFC 2236), and the start of a query of version 3.
 class IgmpHdr : public HdrImage<8> {
  public:
-  static constexpr U8 query = 0x11;
-  static constexpr U8 reportV1 = 0x12;
-  static constexpr U8 dvmrp = 0x13;
-  static constexpr U8 reportV2 = 0x16;
-  static constexpr U8 leave = 0x17;
-  static constexpr U8 reportV3 = 0x22;
+  static constexpr U8 query = 0x11;     ///< Type of queries, of all versions.
+  static constexpr U8 reportV1 = 0x12;  ///< Type of reports of version 1.
+  static constexpr U8 dvmrp = 0x13;     ///< Type of DVMRP.
+  static constexpr U8 reportV2 = 0x16;  ///< Type of reports of version 2.
+  static constexpr U8 leave = 0x17;     ///< Type of leaves.
+  static constexpr U8 reportV3 = 0x22;  ///< Type of reports of version 3.
 
   WIRL_HDR(IgmpHdr, "igmp");
   WIRL_FIELD(U8, type, 0, 8, .kind = hex);
@@ -75,7 +75,7 @@ class IgmpRecordHdr : public HdrImage<8> {
 };
 static_assert(isHeaderImage<IgmpRecordHdr, 8>);
 
-using IgmpRecords = OptionList<GroupRecordFormat<4>>;
+using IgmpRecords = OptionList<GroupRecordFormat<4>>;  ///< The group records of a report.
 
 /// What a code of a response time or a query interval stands for, in its unit (RFC 3376 section 4.1.1).
 constexpr U16 igmpTimeOf(U8 code) noexcept {

@@ -125,6 +125,7 @@ class Ip6RouteAddrs {
     using reference = Ip6Addr;
 
     Iterator() noexcept = default;
+    /// Stands for address `at`.
     Iterator(const Ip6RouteAddrs& addrs, unsigned at) noexcept : addrs_(&addrs), at_(at) {}
     Ip6Addr operator*() const noexcept { return (*addrs_)[at_]; }
     Iterator& operator++() noexcept { return ++at_, *this; }

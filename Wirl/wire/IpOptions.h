@@ -23,21 +23,24 @@ class IpOptionHdr : public HdrImage<2> {
 /// Record route, loose and strict source routes: addresses follow, at 3 octets from the front.
 class IpRouteOption : public HdrImage<3, IpOptionHdr> {
  public:
-  static constexpr U8 recordRoute = 7;
-  static constexpr U8 looseSourceRoute = 131;
-  static constexpr U8 strictSourceRoute = 137;
+  static constexpr U8 recordRoute = 7;          ///< Type of `IpRecordRouteOption`.
+  static constexpr U8 looseSourceRoute = 131;   ///< Type of `IpLooseSourceRouteOption`.
+  static constexpr U8 strictSourceRoute = 137;  ///< Type of `IpStrictSourceRouteOption`.
   WIRL_HDR(IpRouteOption, "route");
   /// Octet of the option, from 1, at which the next address stands.
   WIRL_FIELD(U8, pointer, 16, 8);
 };
+/// Routers enter their addresses (RFC 791).
 class IpRecordRouteOption : public IpRouteOption {
  public:
   static constexpr U8 kType = recordRoute;
 };
+/// Routers to pass, among others (RFC 791).
 class IpLooseSourceRouteOption : public IpRouteOption {
  public:
   static constexpr U8 kType = looseSourceRoute;
 };
+/// Routers to pass, and no others (RFC 791).
 class IpStrictSourceRouteOption : public IpRouteOption {
  public:
   static constexpr U8 kType = strictSourceRoute;
@@ -55,6 +58,7 @@ class IpTimestampOption : public HdrImage<4, IpOptionHdr> {
   WIRL_FIELD(U8, flags, 28, 4);
 };
 
+/// Stream identifier (RFC 791).
 class IpStreamIdOption : public HdrImage<4, IpOptionHdr> {
  public:
   static constexpr U8 kType = 136;

@@ -10,8 +10,8 @@ namespace Wirl {
 /// IPFIX message header (RFC 7011); sets follow: `IpfixSets(view.payload())`.
 class IpfixHdr : public HdrImage<16> {
  public:
-  static constexpr U16 ipfixVersion = 10;
-  static constexpr U16 port = 4739;
+  static constexpr U16 ipfixVersion = 10;  ///< What the version field holds.
+  static constexpr U16 port = 4739;        ///< UDP and TCP port.
 
   WIRL_HDR(IpfixHdr, "ipfix");
   WIRL_FIELD(U16, version, 0, 16);
@@ -81,7 +81,7 @@ struct IpfixFieldFormat {
     return {{field->element(), rest.first(bytes), bytes}, bytes};
   }
 };
-using IpfixFields = OptionList<IpfixFieldFormat>;
+using IpfixFields = OptionList<IpfixFieldFormat>;  ///< The field specifiers of a template.
 
 /// The templates of a set; what is too short for one is padding.
 template <typename Hdr>
@@ -101,7 +101,8 @@ struct IpfixTemplateFormat {
     return {{common->templateId(), rest.first(bytes), static_cast<unsigned>(fixed)}, bytes};
   }
 };
-using IpfixTemplates = OptionList<IpfixTemplateFormat<IpfixTemplateHdr>>;
+using IpfixTemplates = OptionList<IpfixTemplateFormat<IpfixTemplateHdr>>;  ///< The templates of a set.
+/// The templates of options of a set.
 using IpfixOptionsTemplates = OptionList<IpfixTemplateFormat<IpfixOptionsTemplateHdr>>;
 
 }  // namespace Wirl

@@ -19,8 +19,8 @@ inline std::span<const U8> layerBytes(const Layer& layer) noexcept {
 
 /// An item that a layer has besides its fields: an option, a record, a chunk, a TLV.
 struct LayerItem {
-  HdrDescription fields;
-  WireOption option;
+  HdrDescription fields;  ///< The fields of the option's header.
+  WireOption option;      ///< The option.
 };
 /// Calls `each(const LayerItem&)` for the items of a layer that fit.
 template <typename Each>

@@ -17,6 +17,7 @@ namespace detail {
 struct Message;
 }
 
+/// What a layer is.
 enum class LayerKind : U8 {
   none,
   eth,
@@ -104,6 +105,7 @@ struct Layer {
   }
 };
 
+/// How `layers` walks.
 struct LayerOptions {
   /// What the bytes begin with: `eth`, `ip` (by its version also `ip6`) or any other.
   LayerKind start = LayerKind::eth;
@@ -128,8 +130,8 @@ class LayerIterator {
   using pointer = const Layer*;
   using reference = const Layer&;
 
-  static constexpr unsigned kMaxLayers = 128;
-  static constexpr unsigned kMaxTunnels = 8;
+  static constexpr unsigned kMaxLayers = 128;  ///< The most layers that a frame is taken apart into.
+  static constexpr unsigned kMaxTunnels = 8;   ///< The most tunnels in tunnels.
 
   LayerIterator() noexcept { layer().kind = LayerKind::none; }
   KIV_API LayerIterator(std::span<const U8> first, std::span<const U8> second,
@@ -273,6 +275,7 @@ class LayerIterator {
 /// The layers of a packet, to iterate over.
 class Layers {
  public:
+  /// Of a frame in two pieces.
   Layers(std::span<const U8> first, std::span<const U8> second, const LayerOptions& options) noexcept
       : pieces_{first, second}, options_(options) {}
 

@@ -52,6 +52,7 @@ class LldpPortIdTlv : public HdrImage<3, LldpTlvHdr> {
   WIRL_HDR(LldpPortIdTlv, "port");
   WIRL_FIELD(U8, subtype, 16, 8);
 };
+/// Time to live.
 class LldpTtlTlv : public HdrImage<4, LldpTlvHdr> {
  public:
   static constexpr U8 kType = lldpTtl;
@@ -59,6 +60,7 @@ class LldpTtlTlv : public HdrImage<4, LldpTlvHdr> {
   /// In seconds; 0: the neighbour goes.
   WIRL_FIELD(U16, ttl, 16, 16);
 };
+/// What the system can do, and what of it is switched on.
 class LldpCapabilitiesTlv : public HdrImage<6, LldpTlvHdr> {
  public:
   static constexpr U8 kType = lldpSystemCapabilities;

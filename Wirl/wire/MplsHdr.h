@@ -9,11 +9,12 @@ namespace Wirl {
 /// Entry of a stack of MPLS labels (RFC 3032).
 class MplsHdr : public HdrImage<4> {
  public:
-  static constexpr U32 ip4ExplicitNull = 0;
-  static constexpr U32 routerAlert = 1;
-  static constexpr U32 ip6ExplicitNull = 2;
+  static constexpr U32 ip4ExplicitNull = 0;  ///< The packet below is IPv4.
+  static constexpr U32 routerAlert = 1;      ///< Routers are to look at it.
+  static constexpr U32 ip6ExplicitNull = 2;  ///< The packet below is IPv6.
+  /// Never on the wire: the last hop but one takes the label off.
   static constexpr U32 implicitNull = 3;
-  static constexpr U32 entropyIndicator = 7;
+  static constexpr U32 entropyIndicator = 7;    ///< The next label is entropy (RFC 6790).
   static constexpr U32 associatedChannel = 13;  ///< Generic associated channel (RFC 5586).
 
   WIRL_HDR(MplsHdr, "mpls");

@@ -27,7 +27,7 @@ struct WireOption {
 
 /// What of a list comes next: its bytes, with the padding behind it that belongs to no item.
 struct OptionStep {
-  WireOption option;
+  WireOption option;     ///< The option.
   std::size_t skip = 0;  ///< To the next item; 0: this one does not fit.
   bool last = false;     ///< It ends the list, as an end-of-options octet does.
 };

@@ -36,7 +36,7 @@ static_assert(isHeaderImage<PimHdr, 4>);
 /// Message of version 1 of PIM, which IGMP carries: the type that IGMP has for it comes first.
 class Pim1Hdr : public HdrImage<8> {
  public:
-  static constexpr U8 igmpType = 0x14;
+  static constexpr U8 igmpType = 0x14;  ///< Type of PIM version 1 in IGMP.
   WIRL_HDR(Pim1Hdr, "pim");
   WIRL_FIELD(U8, version, 32, 4);
   WIRL_FIELD(U8, type, 8, 8);
@@ -65,6 +65,7 @@ class PimOptionHdr : public HdrImage<4> {
   /// In bytes, of what follows.
   WIRL_FIELD(U16, length, 16, 16);
 };
+/// Hello: for how long it holds.
 class PimHoldtimeOption : public HdrImage<6, PimOptionHdr> {
  public:
   static constexpr U16 kType = 1;
@@ -72,6 +73,7 @@ class PimHoldtimeOption : public HdrImage<6, PimOptionHdr> {
   /// In seconds, 0xffff for ever.
   WIRL_FIELD(U16, holdtime, 32, 16);
 };
+/// Hello: delays of the link.
 class PimLanPruneDelayOption : public HdrImage<8, PimOptionHdr> {
  public:
   static constexpr U16 kType = 2;
@@ -81,12 +83,14 @@ class PimLanPruneDelayOption : public HdrImage<8, PimOptionHdr> {
   WIRL_FIELD(U16, propagationDelay, 33, 15);
   WIRL_FIELD(U16, overrideInterval, 48, 16);
 };
+/// Hello: priority in the election of the designated router.
 class PimDrPriorityOption : public HdrImage<8, PimOptionHdr> {
  public:
   static constexpr U16 kType = 19;
   WIRL_HDR(PimDrPriorityOption, "drPriority");
   WIRL_FIELD(U32, priority, 32, 32);
 };
+/// Hello: a number that changes when the router restarts.
 class PimGenerationIdOption : public HdrImage<8, PimOptionHdr> {
  public:
   static constexpr U16 kType = 20;

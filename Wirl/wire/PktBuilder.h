@@ -52,9 +52,9 @@ struct BuilderLayer {
     vrrp,      ///< Checksum.
   };
 
-  Fill fill = Fill::nothing;
-  U16 etherType = 0;    ///< 0: nothing announces it by an EtherType.
-  S16 ipProtocol = -1;  ///< -1: nothing announces it by a protocol number.
+  Fill fill = Fill::nothing;  ///< What is filled in.
+  U16 etherType = 0;          ///< 0: nothing announces it by an EtherType.
+  S16 ipProtocol = -1;        ///< -1: nothing announces it by a protocol number.
 };
 
 /// What `finish` expects of a layer: that it begins with a header of so many bytes.
@@ -95,6 +95,7 @@ constexpr U32 leastBytes(BuilderLayer::Fill fill) noexcept {
 /// The layer that a header image begins; one line for each image that can be pushed.
 template <typename Hdr>
 inline constexpr BuilderLayer builderLayer{};
+/// What the builder fills in.
 template <typename Hdr>
 requires std::derived_from<Hdr, Icmp6Hdr>
 inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::icmp6, 0, ipProtoIcmpv6};
@@ -104,37 +105,52 @@ inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::icmp, 0, ipP
 template <typename Hdr>
 requires std::derived_from<Hdr, IgmpHdr> || std::same_as<Hdr, Igmp3ReportHdr>
 inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::icmp, 0, ipProtoIgmp};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<EthHdr>{BuilderLayer::Fill::eth};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<Eth8021QHdr>{BuilderLayer::Fill::tag, ethTypeDot1Q};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<Eth8022SnapHdr>{BuilderLayer::Fill::snap};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<IpHdr>{BuilderLayer::Fill::ip, ethTypeIp, 4};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<Ip6Hdr>{BuilderLayer::Fill::ip6, ethTypeIp6, 41};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<Ip6FragHdr>{BuilderLayer::Fill::ip6Frag, 0, ipProtoIpv6Frag};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<MplsHdr>{BuilderLayer::Fill::mpls, ethTypeMpls, 137};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<GreHdr>{BuilderLayer::Fill::gre, 0, ipProtoGre};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<EspHdr>{BuilderLayer::Fill::nothing, 0, ipProtoEsp};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<SctpHdr>{BuilderLayer::Fill::sctp, 0, ipProtoSctp};
 template <typename Hdr>
 requires std::derived_from<Hdr, PimHdr>
 inline constexpr BuilderLayer builderLayer<Hdr>{BuilderLayer::Fill::pim, 0, ipProtoPim};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<EthArpHdr>{BuilderLayer::Fill::nothing, ethTypeArpIp};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<AhHdr>{BuilderLayer::Fill::ah, 0, ipProtoAh};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<UdpHdr>{BuilderLayer::Fill::udp, 0, ipProtoUdp};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<TcpHdr>{BuilderLayer::Fill::tcp, 0, ipProtoTcp};
+/// What the builder fills in.
 template <>
 inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0, ipProtoVrrp};
 
@@ -155,7 +171,7 @@ inline constexpr BuilderLayer builderLayer<VrrpHdr>{BuilderLayer::Fill::vrrp, 0,
 /// does a layer that is shorter than its header.
 class KIV_API PktBuilder {
  public:
-  static constexpr U32 kMostLayers = 32;
+  static constexpr U32 kMostLayers = 32;  ///< The most layers of one packet.
   /// Shortest Ethernet frame, without the frame check sequence (IEEE 802.3).
   static constexpr U32 kShortestFrame = 60;
 
@@ -243,6 +259,7 @@ class KIV_API PktBuilder {
 
   // What IP carries.
 
+  /// UDP; length and checksum are filled in.
   PktBuilder& udp(U16 srcPort, U16 dstPort) { return udp(srcPort, dstPort, builderLayer<UdpHdr>); }
   /// Without a checksum, for tunnels.
   PktBuilder& udpWithoutChecksum(U16 srcPort, U16 dstPort) {

@@ -27,14 +27,16 @@ class KIV_API PktLog {
   /// Prints a packet of `bytes` bytes, the first of which are there, in one line and without its end.
   using Print = void (*)(std::ostream& out, std::span<const U8> octets, U32 bytes);
 
+  /// How much it keeps.
   struct Limits {
-    U32 maxEntries = 64;
-    U32 keyBytes = 96;  ///< Also how many of a packet are kept.
-    Blank blank = blankVolatile;
+    U32 maxEntries = 64;          ///< Different packets that are remembered.
+    U32 keyBytes = 96;            ///< Also how many of a packet are kept.
+    Blank blank = blankVolatile;  ///< Sets the octets to zero that make no difference.
   };
+  /// Packets that are alike.
   struct Entry {
-    U64 count = 0;
-    Kiv::Time first{}, last{};
+    U64 count = 0;              ///< How often it was seen.
+    Kiv::Time first{}, last{};  ///< When it was seen first and last.
     PktCode code;
     U32 bytes = 0;             ///< Of the whole packet.
     std::span<const U8> kept;  ///< The first packet's first bytes; valid until the log changes.
@@ -48,8 +50,8 @@ class KIV_API PktLog {
   /// Forgets all.
   void clear() noexcept;
 
-  U32 entries() const noexcept { return used_; }
-  U64 packets() const noexcept { return packets_; }
+  U32 entries() const noexcept { return used_; }     ///< How many different packets it remembers.
+  U64 packets() const noexcept { return packets_; }  ///< How many packets it has seen.
   /// Kinds that had to give way to others.
   U64 evicted() const noexcept { return evicted_; }
   /// Calls `each(const Entry&)`, the kind that came last first.
@@ -64,7 +66,7 @@ class KIV_API PktLog {
 
   /// For Ethernet frames with IPv4, tagged or not: identification, time to live and header checksum become 0.
   static void blankVolatile(std::span<U8> octets);
-  static void blankNothing(std::span<U8>) {}
+  static void blankNothing(std::span<U8>) {}  ///< Every octet makes a difference.
 
  private:
   static constexpr U32 kNone = 0xffffffff;

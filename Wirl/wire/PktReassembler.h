@@ -32,6 +32,7 @@ namespace Wirl {
 /// is for one VRF, and for one thread.
 class KIV_API PktReassembler {
  public:
+  /// How much it keeps, and for how long.
   struct Limits {
     U32 maxDatagrams = 256;                        ///< Under way at a time.
     U32 maxBytes = 4 << 20;                        ///< Of their buffers, and of those kept for later ones.
@@ -62,6 +63,7 @@ class KIV_API PktReassembler {
   /// "time exceeded" (RFC 792, RFC 4443): what was in front of the IP header, that header without a fragment
   /// header, and the data that follows without a gap. Valid during the call, which must not call back.
   using OnTimeout = void (*)(void* context, std::span<const U8> octets, U32 ipOffset);
+  /// Who is told when a datagram has not become whole in time; null: nobody.
   void onTimeoutIs(OnTimeout onTimeout, void* context) noexcept {
     onTimeout_ = onTimeout;
     onTimeoutContext_ = context;
@@ -72,7 +74,7 @@ class KIV_API PktReassembler {
   /// When the next one's is; infinite when nothing is under way.
   Kiv::Time timeMin() const noexcept;
 
-  U32 datagrams() const noexcept { return datagrams_; }
+  U32 datagrams() const noexcept { return datagrams_; }  ///< Datagrams that wait for fragments.
   /// Of buffers.
   U32 bytes() const noexcept { return bytes_; }
 

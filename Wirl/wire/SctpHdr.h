@@ -20,7 +20,7 @@ class SctpHdr : public HdrImage<12> {
 };
 static_assert(isHeaderImage<SctpHdr, 12>);
 
-using SctpChunks = OptionList<SctpChunkFormat>;
+using SctpChunks = OptionList<SctpChunkFormat>;  ///< The chunks of a packet.
 /// Of INIT and INIT ACK chunks, behind their fixed part; of others that are made of parameters, their data.
 using SctpParameters = OptionList<LongOptionFormat<true>>;
 
@@ -90,6 +90,7 @@ class SctpInitChunk : public HdrImage<20, SctpChunkHdr> {
 };
 static_assert(isHeaderImage<SctpInitChunk, 20>);
 
+/// Answer to `SctpInitChunk`, which it looks like.
 class SctpInitAckChunk : public SctpInitChunk {
  public:
   static constexpr U8 kType = sctpChunkInitAck;
@@ -107,6 +108,7 @@ class SctpSackChunk : public HdrImage<16, SctpChunkHdr> {
 };
 static_assert(isHeaderImage<SctpSackChunk, 16>);
 
+/// Shutdown.
 class SctpShutdownChunk : public HdrImage<8, SctpChunkHdr> {
  public:
   static constexpr U8 kType = sctpChunkShutdown;

@@ -86,6 +86,7 @@ class TcpSackBlock : public HdrImage<8> {
 class TcpSackOption : public TcpOptionHdr {
  public:
   static constexpr U8 kType = 5;
+  /// How many blocks it has.
   unsigned blocks() const noexcept {
     return length() < 2 ? 0u : (length() - 2u) / unsigned{sizeof(TcpSackBlock)};
   }

@@ -11,8 +11,8 @@ namespace Wirl {
 /// also without the authentication data behind those.
 class VrrpHdr : public HdrImage<8> {
  public:
-  static constexpr U8 advertisement = 1;
-  static constexpr U8 authBytes = 8;  ///< Of the authentication data of version 2.
+  static constexpr U8 advertisement = 1;  ///< The type of all messages.
+  static constexpr U8 authBytes = 8;      ///< Of the authentication data of version 2.
 
   WIRL_HDR(VrrpHdr, "vrrp");
   WIRL_FIELD(U8, version, 0, 4);

@@ -9,7 +9,7 @@ namespace Wirl {
 /// VXLAN header (RFC 7348), an Ethernet frame behind it.
 class VxlanHdr : public HdrImage<8> {
  public:
-  static constexpr U16 udpPort = 4789;
+  static constexpr U16 udpPort = 4789;  ///< RFC 7348.
 
   WIRL_HDR(VxlanHdr, "vxlan");
   /// The octet of RFC 7348 and the one behind it, which extensions use.

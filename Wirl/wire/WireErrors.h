@@ -120,6 +120,7 @@ class PktCode {
 ///     std::cout << errors;
 class KIV_API PktErrorCounters {
  public:
+  /// How many codes there are, of all checks.
   static constexpr std::size_t kCodes = 36 + [] {
     std::size_t codes = 0;
 #define WIRL_WIRE_ERROR(name, number) ++codes;
@@ -133,6 +134,7 @@ class KIV_API PktErrorCounters {
     ++counts_[indexOf(code)];
     return code;
   }
+  /// How often the code was counted.
   Kiv::U64 counted(PktCode code) const noexcept {
     return counts_[indexOf(code)];
   }

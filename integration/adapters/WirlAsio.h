@@ -25,6 +25,7 @@ namespace Wirl {
 /// Its wait counts as work: `run()` returns by `io.stop()`, or once this object is gone.
 class LoopInAsio {
  public:
+  /// Puts this thread's loop into `io`.
   explicit LoopInAsio(asio::io_context& io)
       : loop_(&Kiv::activityLoop()), watched_(std::make_shared<Watched>(io, loop_->descriptor())) {
     wait(*loop_, watched_);
@@ -68,6 +69,7 @@ class LoopInAsio {
 /// `LoopInAsio` where latency counts. What a handler throws leaves through the activity loop's `run()`.
 class AsioInLoop {
  public:
+  /// Drives `io` from this thread's loop, and looks at it once a `period` at least.
   explicit AsioInLoop(asio::io_context& io, Kiv::Time period = std::chrono::milliseconds(1))
       : io_(io), period_(period), clock_(Kiv::makePtr<Kiv::Clock>("AsioInLoop")) {
     onTime_ = Kiv::Reactor(clock_->expiredCount, [this] {

@@ -77,6 +77,7 @@ class LoopInEvent {
 /// `LoopInEvent` where latency counts.
 class EventInLoop {
  public:
+  /// Drives `base` from this thread's loop, and looks at it once a `period` at least.
   explicit EventInLoop(event_base* base, Kiv::Time period = std::chrono::milliseconds(1))
       : base_(base), period_(period), clock_(Kiv::makePtr<Kiv::Clock>("EventInLoop")) {
     onTime_ = Kiv::Reactor(clock_->expiredCount, [this] {

@@ -73,6 +73,7 @@ class LoopInSdEvent {
 /// enabling a source from outside of sd-event's callbacks: sd-event looks at those when it turns.
 class SdEventInLoop {
  public:
+  /// Drives `event` from this thread's loop.
   explicit SdEventInLoop(sd_event* event)
       : event_(event),
         clock_(Kiv::makePtr<Kiv::Clock>("SdEventInLoop")),

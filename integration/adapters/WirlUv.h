@@ -76,6 +76,7 @@ class LoopInUv {
 /// request from outside of libuv's callbacks: libuv looks at those when it turns.
 class UvInLoop {
  public:
+  /// Drives `uv` from this thread's loop.
   explicit UvInLoop(uv_loop_t* uv)
       : uv_(uv),
         clock_(Kiv::makePtr<Kiv::Clock>("UvInLoop")),
