@@ -5,8 +5,8 @@
 
 namespace Wirl {
 
-/// A raw IPv6 socket in a namespace (RFC 3542); see `RawIpPam`. Received packets begin behind the IPv6 header
-/// and its extension headers, whose contents show in the `rx...` attributes as the options ask for:
+/// A raw IPv6 socket in a namespace (RFC 3542); see `RawIpPam`. A received packet begins behind the IPv6
+/// header and its extension headers. The options choose which of their fields the `rx...` attributes show:
 ///
 ///     option                            kernel option           sets
 ///     ipFreeBind, ipTransparent         IPV6_FREEBIND, IPV6_TRANSPARENT
@@ -18,10 +18,11 @@ namespace Wirl {
 ///     ipRouterAlert                     IPV6_ROUTER_ALERT with value 0 (RFC 2711)
 ///     ipv6Checksum                      IPV6_CHECKSUM
 ///
-/// What is not known is unspecified or 0. `txTTL` is the hop limit, `txTOS` the code point of the traffic
-/// class. With `ipv6Checksum` the kernel writes the checksum (pseudo-header included) into what is sent and
-/// drops what is received with a wrong one, at the place that the protocol has it: known for OSPF, PIM, VRRP,
-/// RSVP, TCP, UDP; ICMPv6 always has it; enabling fails for others (EINVAL "setsockopt(IPV6_CHECKSUM)").
+/// An attribute that the options do not ask for is unspecified or 0. `txTTL` is the hop limit, `txTOS` the
+/// code point of the traffic class. With `ipv6Checksum` the kernel fills in the checksum, pseudo-header
+/// included, of packets sent, and drops received packets whose checksum is wrong. This class knows where
+/// OSPF, PIM, VRRP, RSVP, TCP and UDP keep it. Enabling fails for other protocols (EINVAL
+/// "setsockopt(IPV6_CHECKSUM)"). ICMPv6 always has a checksum.
 class KIV_API Ip6SocketPam final : public RawIpPam {
  public:
   /// One of that name and IP protocol, of the namespace.

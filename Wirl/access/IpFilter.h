@@ -10,8 +10,8 @@
 
 namespace Wirl {
 
-/// One instruction of a classic BPF program, as the kernel's `sock_filter`. Its text is the text
-/// representation.
+/// One instruction of a classic BPF program, with the fields of the kernel's `sock_filter`. Its text is the
+/// representation below.
 class KIV_API IpFilter : public detail::TextForms<IpFilter> {
  public:
   static constexpr auto representation() {
@@ -25,11 +25,11 @@ class KIV_API IpFilter : public detail::TextForms<IpFilter> {
   constexpr IpFilter() noexcept = default;
   constexpr IpFilter(Kiv::U16 code, Kiv::U8 jt, Kiv::U8 jf, Kiv::U32 k) noexcept
       : code_(code), jt_(jt), jf_(jf), k_(k) {}
-  /// From the text representation; throws `Kiv::RangeException`.
+  /// Parses the representation; throws `Kiv::RangeException` if it is none.
   explicit IpFilter(std::string_view text) { stringValueIs(text); }
 
   constexpr Kiv::U16 code() const noexcept { return code_; }
-  /// Instructions to skip when a jump's condition holds, and when it does not.
+  /// How many instructions a jump skips if its condition holds (`jt`), and if not (`jf`).
   constexpr Kiv::U8 jt() const noexcept { return jt_; }
   /// How many instructions to skip if the comparison fails.
   constexpr Kiv::U8 jf() const noexcept { return jf_; }
@@ -49,8 +49,8 @@ class KIV_API IpFilter : public detail::TextForms<IpFilter> {
   Kiv::U32 k_ = 0;
 };
 
-/// A program, by index; the instructions run in the order of their indices, which need not be dense. A jump
-/// counts instructions, not indices.
+/// A program: instructions by index. They run in the order of the indices, which may have gaps. A jump counts
+/// instructions, not indices.
 using IpFilterProgram = std::map<Kiv::U8, IpFilter>;
 
 /// "[0] Value('Wirl::IpFilter', ...) [1] ...".

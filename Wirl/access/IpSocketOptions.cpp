@@ -11,7 +11,7 @@ namespace Wirl {
 
 namespace {
 
-/// Of the bits from the lowest on.
+/// The names of the bits, lowest bit first.
 constexpr std::array<std::string_view, 14> kNames = {
     "ipFreeBind",        "ipHdrIncl", "ipMulticastLoop", "ipPktInfo",     "ipRecvErr",
     "ipRecvOrigDstAddr", "ipRecvTOS", "ipRecvTTL",       "ipRouterAlert", "ipTransparent",

@@ -10,8 +10,8 @@
 
 namespace Wirl {
 
-/// A set of socket options, one a bit. Its text is the names in the order of the bits, joined by "|"; "none"
-/// for the empty set. Bits without a name are kept and print as a number.
+/// A set of socket options, one bit each. Its text lists the names in the order of the bits, joined by "|";
+/// the empty set is "none". Bits without a name are kept and print as one number.
 class KIV_API IpSocketOptions {
  public:
   /// One option a bit.
@@ -29,7 +29,7 @@ class KIV_API IpSocketOptions {
     ipTransparent = 0x200,     // IP_TRANSPARENT
     ipAttachFilter = 0x400,    // SO_ATTACH_FILTER with the program `rxFilter`
     ipRcvBuf = 0x800,          // SO_RCVBUFFORCE with `rxBuf`
-    ipPriority = 0x1000,       // SO_PRIORITY with `priority`, also where that is 0
+    ipPriority = 0x1000,       // SO_PRIORITY with `priority`, even if that is 0
     ipv6Checksum = 0x2000,     // IPV6_CHECKSUM, for IPv6 only
   };
 
@@ -39,10 +39,10 @@ class KIV_API IpSocketOptions {
   constexpr bool has(Option option) const noexcept { return (bits_ & option) != 0; }
 
   Kiv::String stringValue() const;
-  /// The set that the whole of `text` stands for, or nothing.
+  /// Parses the whole of `text`; empty if it is no set.
   static std::optional<IpSocketOptions> fromText(std::string_view text);
-  /// The same; throws `Kiv::RangeException` "Invalid IpSocketOptions", and changes nothing, for any other
-  /// text.
+  /// Parses the whole of `text`. If it is no set, throws `Kiv::RangeException` "Invalid IpSocketOptions" and
+  /// changes nothing.
   void stringValueIs(std::string_view text);
   friend std::ostream& operator<<(std::ostream& out, IpSocketOptions options) {
     return out << options.stringValue();

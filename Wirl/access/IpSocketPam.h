@@ -5,12 +5,12 @@
 
 namespace Wirl {
 
-/// A raw IPv4 socket in a namespace (RFC 791); see `RawIpPam`. Received packets begin with their IPv4 header.
-/// The kernel writes the header of what is sent, except with `ipHdrIncl`.
+/// A raw IPv4 socket in a namespace (RFC 791); see `RawIpPam`. A received packet begins with its IPv4 header.
+/// The kernel writes the header of a packet sent, except with `ipHdrIncl`.
 ///
-/// The `rx...` attributes come from the control messages that the options ask for, and else from the packet's
-/// header: only `rxIfIndex` needs `ipPktInfo`, and `rxOrigDstIpAddr` `ipRecvOrigDstAddr`. The option
-/// `ipv6Checksum` means nothing here.
+/// The `rx...` attributes come from the received header, or from control messages where an option asks for
+/// them. Only `rxIfIndex` needs an option (`ipPktInfo`), and `rxOrigDstIpAddr` (`ipRecvOrigDstAddr`).
+/// `ipv6Checksum` has no effect.
 ///
 ///     auto pam = Wirl::ipSocketPamFactory("ospf", Wirl::ipProtoOspf, L3::VrfName("red").nsName());
 ///     pam->optionsIs(Wirl::IpSocketOptions::ipPktInfo);

@@ -7,8 +7,8 @@
 
 namespace Wirl {
 
-/// Socket priorities (SO_PRIORITY), as the kernel's queueing disciplines class them. Those without a name are
-/// as good: 0 to 15 in all.
+/// Socket priorities (SO_PRIORITY) by the names of the kernel's queueing disciplines. Every number from 0 to
+/// 15 is valid.
 enum IpTrafficControl : Kiv::U32 {
   tcPrioBestEffort = 0,
   tcPrioFiller = 1,

@@ -62,8 +62,8 @@ class EthDevPamTest : public WireTest {
   const Wire* wire = nullptr;
 };
 
-/// Whatever way frames are sent, they arrive once, in order, with their tags and metadata, whatever way they are
-/// received. A fixed seed draws the ways.
+/// Whatever way frames are sent, they arrive once, in order, with their tags and metadata, whatever way they
+/// are received. A fixed seed draws the ways.
 TEST_F(EthDevPamTest, EveryWayToSendMeetsEveryWayToReceive) {
   std::mt19937 draw(1);
   const auto lot = [&](U32 below) { return static_cast<U32>(draw() % below); };

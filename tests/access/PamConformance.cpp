@@ -195,21 +195,18 @@ TEST_P(PamConformanceTest, AFloodFasterThanTheReaderLosesWhatIsCountedAndNothing
   backend->roomIsSmall();
   Pam& to = *backend->to;
   U32 sent = 0, got = 0;
-  const auto flood = [&] {
-    for (int i = 0; i < 500; ++i, ++sent) send("flood");
-    Kiv::activityLoop().runUntil(
-        [&] {
-          while (backend->pull(to)) ++got;
-          return got + to.rxDrops() >= sent;
-        },
-        5);
-  };
-  flood();
+  for (; sent < 500; ++sent) send("flood");
+  Kiv::activityLoop().runUntil(
+      [&] {
+        while (backend->pull(to)) ++got;
+        return got + to.rxDrops() >= sent;
+      },
+      5);
   EXPECT_GT(got, 0u);
   EXPECT_LT(got, sent);
   EXPECT_EQ(to.rxDrops() + got, sent);
   EXPECT_EQ(to.rxDrops() + got, sent);  // reading it loses nothing
-  // What was lost by the time that it is closed is counted then.
+  // Losses that nobody has read yet are counted when it closes.
   for (int i = 0; i < 200; ++i) send("flood");
   Kiv::activityLoop().runFor(0.02);
   backend->openIs(to, false);
@@ -217,11 +214,6 @@ TEST_P(PamConformanceTest, AFloodFasterThanTheReaderLosesWhatIsCountedAndNothing
   backend->openIs(to, true);
   while (backend->pull(to)) {
   }
-  to.rxDropsIs(0);
-  backend->roomIsSmall();
-  sent = got = 0;
-  flood();
-  EXPECT_EQ(to.rxDrops() + got, sent);
   to.rxDropsIs(7);
   EXPECT_EQ(to.rxDrops(), 7u);
   EXPECT_EQ(backend->from->txErrors() + backend->from->txDrops(), 0u);

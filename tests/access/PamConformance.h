@@ -11,8 +11,8 @@
 #include "Wirl/value/NamespaceName.h"
 #include "tests/support/Support.h"
 
-/// Two Pams of a class that exchange packets, and what the suite must know of the class. The suite checks what every
-/// Pam promises. A class joins with a backend in the tests of its room:
+/// Two Pams of a class that exchange packets, and what the suite must know of the class. The suite checks
+/// what every Pam promises. A class joins with a backend in the tests of its room:
 ///
 ///     INSTANTIATE_TEST_SUITE_P(Udp, PamConformanceTest, testing::Values(pamClass<UdpBackend>("UdpPam")),
 ///                              PamClass::nameOf);
@@ -34,7 +34,8 @@ class PamBackend {
   PamBackend(const PamBackend&) = delete;
   PamBackend& operator=(const PamBackend&) = delete;
 
-  /// Both are set up and closed, and nobody else owns them. `to` receives what `from` sends, and can send, too.
+  /// Both are set up and closed, and nobody else owns them. `to` receives what `from` sends, and can send,
+  /// too.
   Kiv::Ptr<Wirl::Pam> from, to;
   /// The Pam under test: `to`, unless that is only a witness, of another class.
   Kiv::Ptr<Wirl::Pam>& subject() { return receives() ? to : from; }
@@ -50,8 +51,8 @@ class PamBackend {
   virtual std::string payloadOf(const Wirl::Pkt& pkt) const { return pkt.stringValue(); }
   /// The next packet, also if the Pam receives in batches.
   virtual Wirl::Pkt::Ptr pull(Wirl::Pam& pam) { return pam.rxPkt(); }
-  /// The attributes that change when the subject opens, asks for a writable event, receives, fails to receive or send,
-  /// and closes.
+  /// The attributes that change when the subject opens, asks for a writable event, receives, fails to receive
+  /// or send, and closes.
   virtual std::vector<Watch> attributes(Wirl::Pam& pam) const {
     return {on(pam.readableCount), on(pam.writableCount)};
   }

@@ -123,8 +123,8 @@ class EthDevBackend final : public PacketBackend {
     if (way == Way::batches) pam->maxRxPktDataIs(9018);
     to = pam;
   }
-  /// From a ring alternately alone and in batches: each opening of a ring takes the kernel milliseconds, so that one
-  /// class must do for both.
+  /// From a ring alternately alone and in batches: each opening of a ring takes the kernel milliseconds, so
+  /// that one class must do for both.
   Pkt::Ptr pull(Pam& pam) override {
     const bool alone = way_ == Way::ring ? ++pulls_ % 2 == 0 : way_ == Way::single;
     return alone && batchIsEmpty() ? pam.rxPkt() : pullFromBatch(pam, [&pam] { return pam.rxPktBulk(); });

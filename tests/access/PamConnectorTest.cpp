@@ -36,8 +36,8 @@ class PamConnectorTest : public testing::Test {
   Kiv::Ptr<PamConnector> cable = PamConnectorIs(clock);
 };
 
-/// A cable beside a model of it: two queues, their counts and the time of the tick. A seed draws the actions, also
-/// those of reactors at each point at which they run.
+/// A cable beside a model of it: two queues, their counts and the time of the tick. A seed draws the actions,
+/// also those of reactors at each point at which they run.
 class PamConnectorModelTest : public PamConnectorTest, public testing::WithParamInterface<unsigned> {
  protected:
   struct Frame {

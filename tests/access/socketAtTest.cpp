@@ -40,24 +40,6 @@ TEST_F(SocketAtTest, TracesTheCallAndItsOutcome) {
   EXPECT_EQ((moveIntfNetNs("lo", "ns-none"), errno), ENOENT);
 }
 
-TEST_F(SocketAtTest, SetNsByNameMovesTheCallingThreadAlone) {
-  const NetNs red("red");
-  const auto home = currentNetNs();
-  const auto there = runIn(red, currentNetNs);
-  std::async(std::launch::async, [&] {
-    EXPECT_EQ(setns_by_name(red.c_str()), 0);
-    EXPECT_EQ(currentNetNs(), there);
-    // From there "default" is still home, for sockets and for the thread.
-    const int socket = socketAt(AF_INET, SOCK_DGRAM, 0, "default");
-    EXPECT_GE(socket, 0);
-    EXPECT_EQ(currentNetNs(), there);
-    close(socket);
-    EXPECT_EQ(setNsByName("default"), 0);
-    EXPECT_EQ(currentNetNs(), home);
-  }).get();
-  EXPECT_EQ(currentNetNs(), home);
-}
-
 TEST_F(SocketAtTest, MovesInterfacesBetweenNamespaces) {
   const NetNs red("red"), blue("blue"), green("green");
   const Veth veth(red, blue);

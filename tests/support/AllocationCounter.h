@@ -4,8 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Counts the heap allocations that the calling thread makes from the construction on, by new, malloc, calloc,
-/// realloc and aligned_alloc, in the program and in all its libraries. Works with and without a sanitizer.
+/// Counts the heap allocations that the calling thread makes from the construction on, by new, malloc,
+/// calloc, realloc and aligned_alloc, in the program and in all its libraries. Works with and without a
+/// sanitizer.
 class AllocationCounter {
  public:
   /// Ends the process if allocations are not counted: no test would notice.
@@ -19,7 +20,8 @@ class AllocationCounter {
   std::uint64_t atStart_;
 };
 
-/// While it lives, allocations of the calling thread fail. With a sanitizer, or `ofNew`, only those by new do.
+/// While it lives, allocations of the calling thread fail. With a sanitizer, or `ofNew`, only those by new
+/// do.
 class AllocationRefusal {
  public:
   static const bool works;  // whether malloc fails, too

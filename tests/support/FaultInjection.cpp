@@ -67,32 +67,8 @@ Fault::~Fault() {
   any.store(!faults.empty(), std::memory_order_release);
 }
 
-namespace {
-
-/// The pieces of a call, cut to its limit.
-class Cut {
- public:
-  Cut(const Verdict& verdict, iovec*& pieces, std::size_t count) : pieces_(pieces), whole_(pieces) {
-    if (verdict.limit == Mishap::kNoLimit) return;
-    less_.assign(pieces, pieces + count);
-    std::size_t left = verdict.limit;
-    for (iovec& piece : less_) left -= piece.iov_len = std::min(piece.iov_len, left);
-    pieces = less_.data();
-  }
-  ~Cut() { pieces_ = whole_; }
-  Cut(const Cut&) = delete;
-  Cut& operator=(const Cut&) = delete;
-
- private:
-  iovec*& pieces_;
-  iovec* const whole_;
-  std::vector<iovec> less_;
-};
-
-}  // namespace
-
-// Declares the real call and its wrapper, and begins the wrapper. Optional arguments are passed on as they are
-// found; the real call ignores those that its caller left out.
+// Declares the real call and its wrapper, and begins the wrapper. Optional arguments are passed on as they
+// are found; the real call ignores those that its caller left out.
 #define WRAPPER(result, name, ...)              \
   extern "C" result __real_##name(__VA_ARGS__); \
   extern "C" result __wrap_##name(__VA_ARGS__); \
@@ -123,6 +99,8 @@ CALL(int, socket, (int family, int type, int protocol), family, type, protocol)
 CALL(int, timerfd_create, (int clock, int flags), clock, flags)
 CALL(ssize_t, read, (int fd, void* data, std::size_t size), fd, data, verdict.limited(size))
 CALL(ssize_t, recv, (int fd, void* data, std::size_t size, int flags), fd, data, verdict.limited(size), flags)
+CALL(ssize_t, recvmsg, (int fd, msghdr* message, int flags), fd, message, flags)
+CALL(ssize_t, writev, (int fd, const iovec* pieces, int count), fd, pieces, count)
 CALL(ssize_t, send, (int fd, const void* data, std::size_t size, int flags), fd, data, verdict.limited(size),
      flags)
 CALL(int, recvmmsg, (int fd, mmsghdr* messages, unsigned count, int flags, timespec* timeout), fd, messages,
@@ -165,20 +143,12 @@ WRAPPER(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes
 
 WRAPPER(ssize_t, sendmsg, int fd, const msghdr* message, int flags) {
   const Verdict verdict(Call::sendmsg);
+  if (verdict.error != 0) return verdict.failure();
+  if (verdict.limit == Mishap::kNoLimit) return __real_sendmsg(fd, message, flags);
+  std::vector<iovec> pieces(message->msg_iov, message->msg_iov + message->msg_iovlen);
+  std::size_t left = verdict.limit;
+  for (iovec& piece : pieces) left -= piece.iov_len = std::min(piece.iov_len, left);
   msghdr sent = *message;
-  const Cut cut(verdict, sent.msg_iov, sent.msg_iovlen);
-  return verdict.error != 0 ? verdict.failure() : __real_sendmsg(fd, &sent, flags);
-}
-
-WRAPPER(ssize_t, recvmsg, int fd, msghdr* message, int flags) {
-  const Verdict verdict(Call::recvmsg);
-  const Cut cut(verdict, message->msg_iov, message->msg_iovlen);
-  return verdict.error != 0 ? verdict.failure() : __real_recvmsg(fd, message, flags);
-}
-
-WRAPPER(ssize_t, writev, int fd, const iovec* pieces, int count) {
-  const Verdict verdict(Call::writev);
-  iovec* sent = const_cast<iovec*>(pieces);
-  const Cut cut(verdict, sent, static_cast<std::size_t>(count));
-  return verdict.error != 0 ? verdict.failure() : __real_writev(fd, sent, count);
+  sent.msg_iov = pieces.data();
+  return __real_sendmsg(fd, &sent, flags);
 }

@@ -19,13 +19,14 @@ enum class Call {
 };
 // clang-format on
 
-/// The call moves at most `count` octets (messages, for recvmmsg and sendmmsg). Calls that move no data ignore
-/// it.
+/// A read, recv, send or sendmsg moves at most `count` octets, a recvmmsg or sendmmsg at most `count`
+/// messages. Other calls ignore it.
 struct ShortCount {
   std::size_t count;
 };
 
-/// What happens to one call: `before` runs, then the call fails with `error`, or moves at most `limit` octets.
+/// What happens to one call: `before` runs, then the call fails with `error`, or moves at most `limit`
+/// octets.
 struct Mishap {
   static constexpr std::size_t kNoLimit = ~std::size_t{0};
   int error = 0;
@@ -36,11 +37,11 @@ struct Mishap {
 /// While it lives, calls of one kind go wrong:
 ///
 ///     Fault fault(Call::sendmsg, 1, ENOBUFS);          // the next sendmsg fails
-///     Fault fault(Call::writev, 2, ShortCount{5});     // the second writev takes at most 5 octets
+///     Fault fault(Call::send, 2, ShortCount{5});       // the second send takes at most 5 octets
 ///     Fault fault(Call::setns, 1, [&] { ns.del(); });  // before the next setns, this happens
 ///
-/// A failing call only sets errno, except that a failing close closes, as the kernel's does. Several faults may
-/// live at once. Each counts for itself; if several strike the same call, the oldest wins.
+/// A failing call only sets errno, except that a failing close closes, as the kernel's does. Several faults
+/// may live at once. Each counts for itself; if several strike the same call, the oldest wins.
 class Fault {
  public:
   static constexpr unsigned kForEver = ~0u;

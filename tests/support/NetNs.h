@@ -29,7 +29,8 @@ class NetNs {
   std::string name_;
 };
 
-/// A wire: a device "veth<number>" in each of the two namespaces, up, with addresses that can be used at once.
+/// A wire: a device "veth<number>" in each of the two namespaces, up, with addresses that can be used at
+/// once.
 struct Veth {
   /// `number` (1 to 99) distinguishes the wires of a namespace.
   Veth(const NetNs& a, const NetNs& b, unsigned number = 1);
@@ -56,7 +57,8 @@ auto runIn(const NetNs& ns, Function&& function) {
       .get();
 }
 
-/// Fixture of tests that need namespaces. Where these are not permitted it skips the tests; under CI they fail.
+/// Fixture of tests that need namespaces. Where these are not permitted it skips the tests; under CI they
+/// fail.
 class NetNsTest : public testing::Test {
  protected:
   void SetUp() override;

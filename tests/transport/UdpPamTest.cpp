@@ -233,7 +233,8 @@ TEST_P(UdpPamTest, ABulkSendLosesWhatIsRefusedAndLeavesWhatThereIsNoRoomFor) {
     send(all, 0, 0, 0);
     EXPECT_EQ(sender.pam->txErrno(), EAGAIN);
   }
-  // If the merged datagram is refused, the three go alone. Only EINVAL and EIO let the next ones go alone at once.
+  // If the merged datagram is refused, the three go alone. Only EINVAL and EIO let the next ones go alone at
+  // once.
   for (const int error : {EHOSTUNREACH, EPERM, ECONNREFUSED, EINVAL, EIO}) {
     if (error == EIO) sender.reopen();
     const Fault refused(Call::sendmmsg, 1, error);
