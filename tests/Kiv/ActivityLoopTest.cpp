@@ -258,7 +258,9 @@ TEST(Clock, MeetsDeadlinesBelowAMillisecondAndNeverEarly) {
 }
 
 TEST(ActivityLoop, SimulatedTimeStandsStillExceptForWaiting) {
+  const Time present = std::chrono::steady_clock::now().time_since_epoch();
   const Simulated time;
+  EXPECT_GE(time.start, present);
   loop().poll();
   EXPECT_EQ(loop().now(), time.start);
   EXPECT_FALSE(loop().runUntil([] { return false; }, 86400));

@@ -41,6 +41,7 @@ TEST(Ptr, TheLastOneDeletesOnceWhicheverWayItIsCounted) {
       Ptr<Counted>& alias = moved;
       moved = alias;
       EXPECT_EQ(moved->references(), 2u);
+      EXPECT_EQ(staticPtrCast<Derived>(moved), moved);
       const Ptr<Counted> other = makePtr<Counted>(&deaths);
       EXPECT_EQ((std::map<Ptr<Counted>, int>{{moved, 1}, {other, 2}}).at(other), 2);
       EXPECT_EQ((std::unordered_set<Ptr<Counted>>{moved, other, moved}).size(), 2u);
@@ -115,9 +116,12 @@ TEST(NboAttrLog, ReadsBackWhatWasWrittenAndRefusesToReadOn) {
   U8 last[3];
   log.octets(last);
   EXPECT_EQ(last[2], 3);
+  log << String("to the end");
+  log >> std::get<String>(back);
+  EXPECT_EQ(std::get<String>(back), "to the end");
   NboAttrLog liar(Bytes{255, 255, 255, 255, 'x'});
   EXPECT_THROW(liar >> std::get<String>(back), RangeException);
-  EXPECT_TRUE(liar.bytesLeft() == 5 && std::get<String>(back) == "ab");
+  EXPECT_TRUE(liar.bytesLeft() == 5 && std::get<String>(back) == "to the end");
 }
 
 TEST(Hash, SeededHashDependsOnSeedOrderAndLength) {
@@ -156,6 +160,10 @@ TEST(Representation, PrintsAndParsesOneList) {
   Outer back;
   representationIs(back, text);
   EXPECT_EQ(representationOf(back), text);
+  for (const char* cut : {"", "\\", "\\x", "\\x0", "\\q'"}) {  // the text of a String has no end
+    const std::string begins = "Value('T::Outer', ** {'text': 'a" + std::string(cut);
+    EXPECT_THROW(representationIs(back, begins), RangeException) << begins;
+  }
 }
 
 TEST(Representation, AFailedParseChangesNothingAndSaysWhy) {

@@ -240,9 +240,20 @@ TEST(HeaderNames, TextsAreTheMembersNames) {
   EXPECT_EQ(PrintToString(ethSubTypeFromString("ethSubTypeL2HeaderTimestamping")),
             "ethSubTypeL2HeaderTimestamping");
   EXPECT_THROW(ethSubTypeFromString(""), Kiv::RangeException);
+  std::string types, options;
+  for (unsigned octet = 0; octet < 256; ++octet) {
+    const std::string number = std::to_string(octet);
+    const auto type = PrintToString(static_cast<Icmp6TypeNumber>(octet));
+    const auto option = PrintToString(static_cast<Icmp6OptionTypeNumber>(octet));
+    if (type != number) types += number + ' ';
+    if (option != number) options += number + ' ';
+    const auto protocol = static_cast<IpProtocolNumber>(octet);
+    EXPECT_TRUE(protocol == ipProtoUnknown || ipProtocolNumberText(protocol) == "ipProtoUnknown" ||
+                ipProtocolNumberFromString(ipProtocolNumberText(protocol)) == protocol);
+  }
+  EXPECT_EQ(types, "1 2 3 4 128 129 130 131 132 133 134 135 136 137 143 ");
+  EXPECT_EQ(options, "1 2 3 4 5 14 24 25 31 ");
   EXPECT_EQ(PrintToString(icmp6TypeRedirect), "icmp6TypeRedirect");
-  EXPECT_EQ(PrintToString(static_cast<Icmp6TypeNumber>(200)), "200");
-  EXPECT_EQ(PrintToString(static_cast<Icmp6OptionTypeNumber>(6)), "6");
 }
 
 }  // namespace

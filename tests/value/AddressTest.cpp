@@ -324,9 +324,10 @@ TEST(Identifiers, SayWhatTheyAre) {
   EXPECT_EQ(table::logged(rd), (Kiv::Bytes{0, 1, 192, 0, 2, 1, 0, 7}));
   const EthAddr mac("02:00:5e:00:00:01");
   EXPECT_EQ(EthSegmentId::ofLacp(mac, 0x1234).stringValue(), "01:02:00:5e:00:00:01:12:34:00");
-  EXPECT_EQ(EthSegmentId::ofSystem(mac, 0x123456).system(), mac);
+  EXPECT_EQ(EthSegmentId::ofSystem(mac, 0xffffff).system(), mac);
+  EXPECT_THROW(EthSegmentId::ofSystem(mac, 0x1000000), RangeException);
   EXPECT_TRUE(EthSegmentId::maximum().isMaximum() && EthSegmentId().isZero());
-  EXPECT_EQ(IsisSystemId(mac).stringValue(), "0200.5e00.0001");
+  EXPECT_EQ(IsisSystemId(mac).stringValue() + IsisAreaId().stringValue(), "0200.5e00.000100");
   EXPECT_TRUE(PortRange("1-9").contains(PortRange("9")) && PortRange("1-9").overlaps(PortRange("9-10")) &&
               !PortRange("1-9").overlaps(PortRange("10")) && PortRange("0-65535").size() == 65536);
 }
