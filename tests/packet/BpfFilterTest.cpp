@@ -79,7 +79,7 @@ TEST(BpfFilter, RefusesExpressionsFromOutsideWithTheReasonAndKeepsItsOwn) {
   } rows[] = {
       {"udp port 53 or portrange 1-5 or tcp port domain", ""},
       {"ip6 proto 58 or ether[0:4] & 1 = 0 or tcp[tcpflags] & tcp-syn != 0 or ip[0x9] = 6", ""},
-      {"ether src 0a:00:00:00:00:02 or ether host 02-00-00-00-00-01 or ether dst 0200.0000.0001", ""},
+      {"ether src 0a:00:00:00:00:02 or ether host 02-00-00-00-00-01 or ether dst 0200.00ab.0001", ""},
       {"host 192.0.2.1 or net 198.51/16 or src net fe80::/16 or host ::ffff:192.0.2.1", ""},
       {ports, ""},
       {"", ""},
