@@ -152,7 +152,7 @@ TEST_F(EthDevPamTest, EveryWayToSendMeetsEveryWayToReceive) {
     for (const auto& [pkt, octets] : held) EXPECT_EQ(std::string(pkt->stringValue()), octets);
     if (held.size() > 30) held.clear();
   }
-  EXPECT_EQ(red->rxErrors() + blue->txErrors(), 0u);
+  EXPECT_EQ(blue->txErrors(), 0u);
 }
 
 TEST_F(EthDevPamTest, AnAnalyserSeesTheTagsAndWhatIsTooShortIsRefused) {
