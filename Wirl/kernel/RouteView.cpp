@@ -653,16 +653,30 @@ const std::vector<RouteRule>& RouteView::rules(AddressFamily af) const noexcept 
   return tables_->rules.of(af);
 }
 
-Route RouteView::lookUpIn(U32 table, const RouteQuery& query) const {
+// Flat: the prefix goes from the map to the caller without a stop in memory.
+[[gnu::flatten]] Route RouteView::lookUpIn(U32 table, const IpGenAddr& address) const {
   const Tables& t = *tables_;
   const Tables::Map* const map = t.mapOf(table);
-  const auto found =
-      map ? map->longestMatch(query.destination) : PrefixMap<Tables::Record>::Result<const Tables::Record>();
+  if (!map) return {};
+  const auto found = map->longestMatch(address);
   if (!found) return {};
   const bool isFirst = found->next == 0 || found.key.af() == AddressFamily::ipv4;
-  if (found->usable != 0 && isFirst && query.outIfIndex == 0) [[likely]]
-    return t.routeOf({table, found.key, found->metric}, found->attrs);
-  // Rare: the route cannot be used, so one behind it may be, or a shorter one.
+  if (found->usable != 0 && isFirst && t.expiring.empty()) [[likely]]
+    return {{table, found.key, found->metric}, &t.attrs(found->attrs), 0};
+  return lookUpAmong(table, RouteQuery{address});
+}
+
+Route RouteView::lookUpIn(U32 table, const RouteQuery& query) const {
+  const bool isPlain =
+      query.outIfIndex == 0 && query.tos == 0 && query.source.af() == AddressFamily::ipunknown;
+  return isPlain ? lookUpIn(table, query.destination) : lookUpAmong(table, query);
+}
+
+/// Rare: the route of the longest match cannot be used, so one behind it may be, or a shorter one.
+Route RouteView::lookUpAmong(U32 table, const RouteQuery& query) const {
+  const Tables& t = *tables_;
+  const Tables::Map* const map = t.mapOf(table);
+  if (!map) return {};
   std::array<std::pair<U32, const Tables::Record*>, 129> heads;  // by length
   std::size_t count = 0;
   map->covering(IpGenPrefix(query.destination, query.destination.bits()),

@@ -132,9 +132,7 @@ class KIV_API RouteView final : public KernelView {
   Route lookUp(const IpGenAddr& address, U32 ifIndex = 0) const { return lookUp({address, {}, ifIndex}); }
   /// The same in one table.
   Route lookUpIn(U32 table, const RouteQuery& query) const;
-  Route lookUpIn(U32 table, const IpGenAddr& address, U32 ifIndex = 0) const {
-    return lookUpIn(table, {address, {}, ifIndex});
-  }
+  Route lookUpIn(U32 table, const IpGenAddr& address) const;
   /// Calls `visit(route)` for each route, in the order of tables and prefixes.
   template <typename Visit>
   void forEach(Visit visit) const {
@@ -163,6 +161,7 @@ class KIV_API RouteView final : public KernelView {
     bool begun = false;
   };
   Route next(Cursor& at) const;
+  Route lookUpAmong(U32 table, const RouteQuery& query) const;
   void takeRoute(const nlmsghdr& message, bool inDump);
   void added(const RouteKey& key, U32 attrs, unsigned flags, bool inDump);
   void addedV6(const RouteKey& key, U32 attrs, unsigned flags);
