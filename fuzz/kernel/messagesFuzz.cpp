@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Wirl/kernel/detail/Messages.h"
 
+#include <linux/rtnetlink.h>
+
 #include <cstring>
 #include <vector>
 
@@ -8,6 +10,8 @@
 #include "Kiv/Exception.h"
 #include "Wirl/kernel/KernelChanges.h"
 #include "Wirl/kernel/detail/Attrs.h"
+#include "Wirl/kernel/detail/LinkStates.h"
+#include "Wirl/kernel/detail/RouteRules.h"
 
 // Any octets as a datagram of rtnetlink: nothing is read outside of it, what is read makes sense, and it can
 // be put into a request again.
@@ -53,6 +57,29 @@ void check(const nlmsghdr& message) {
   ackOf(message);
 }
 
+/// What follows links and rules takes everything, and look-ups end.
+void follow(std::string_view datagram) {
+  LinkStates links;
+  RouteRules rules;
+  U64 unused = 0;
+  unsigned count = 0;
+  links.dumpBegins();
+  rules.dumpBegins();
+  forEachMessage(datagram, [&](const nlmsghdr& message) {
+    links.take(message, ++count % 2 == 0);
+    RouteRule rule;
+    if (parse(message, rule, unused)) rules.take(message.nlmsg_type == RTM_NEWRULE, rule, count % 3 == 0);
+  });
+  links.dumpEnds();
+  rules.dumpEnds();
+  for (const char* const address : {"192.0.2.1", "2001:db8::1"}) {
+    const RouteQuery query{IpGenAddr(address)};
+    std::size_t tried = 0;
+    rules.visit(query, links, [&](const RouteRule&) { return ++tried == 0; });
+    KIV_ASSERT(tried <= rules.of(query.destination.af()).size());
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
@@ -60,6 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
   // Aligned as the kernel's are, and ending where the heap's buffer does.
   std::vector<unsigned char> datagram(data, data + size);
   forEachMessage({reinterpret_cast<const char*>(datagram.data()), size}, check);
+  follow({reinterpret_cast<const char*>(datagram.data()), size});
   // Lengths of messages are hard to guess: the whole as one as well, of each kind.
   if (size < sizeof(nlmsghdr)) return 0;
   nlmsghdr header;
