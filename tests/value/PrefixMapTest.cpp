@@ -144,6 +144,8 @@ class PrefixMapTest : public testing::Test {
       const auto behind = copy.upperBound(asked);
       ASSERT_EQ(behind == copy.end(), bound == model.end());
       ASSERT_TRUE(bound == model.end() || behind->key == bound->first);
+      const auto from = copy.lowerBound(asked);
+      ASSERT_TRUE(exact == model.end() ? from == behind : from->key == asked);
     }
   }
 };
