@@ -45,7 +45,7 @@ std::string read(const std::string& capture) {
   std::ofstream(name, std::ios::binary) << capture;
   Shell tshark("tshark -n -r " + name +
                " -T fields -E separator=';' -e frame.interface_name -e frame.packet_flags_direction"
-               " -e frame.len -e frame.cap_len -e vlan.id -e frame.comment 2>/dev/null");
+               " -e frame.len -e frame.cap_len -e vlan.id -e frame.drop_count -e frame.comment 2>/dev/null");
   std::string text = tshark.rest();
   EXPECT_EQ(tshark.status(), 0) << text;
   EXPECT_EQ(Shell("tcpdump -n -r " + name).status(), 0);  // reads the same file
@@ -64,7 +64,7 @@ TEST(PamTapTest, AnAnalyserReadsWhatWentThrough) {
   const Wirl::PamTap::Chooses notFull = [](const void*, const Pkt& pkt) { return pkt.bytes() != 1000; };
   tap->choosesIs(notFull);
   std::deque<std::string> expected;
-  Kiv::U32 readable = 0, passed = 0;
+  Kiv::U32 readable = 0, passed = 0, lost = 0;
   const Kiv::Reactor onReadable(tap->readableCount, [&] { ++readable; });
   for (unsigned i = 1, sent = 0; i <= 200; ++i) {
     const auto pkt = Wirl::globalPktManager()->newPkt();
@@ -75,6 +75,10 @@ TEST(PamTapTest, AnAnalyserReadsWhatWentThrough) {
     pkt->stringValueIs(frame);
     const bool tagged = random() % 2 == 0, sends = random() % 3 != 0;
     if (tagged) pkt->newSeparateVlanTag(static_cast<Kiv::U16>(i), 0x8100);
+    if (i % 11 == 0) {  // the next one that is shown tells of it
+      pam->rxDropsIs(pam->rxDrops() + i);
+      lost += i;
+    }
     std::string comment;
     if (sends) {
       ++sent;
@@ -93,7 +97,8 @@ TEST(PamTapTest, AnAnalyserReadsWhatWentThrough) {
     const Kiv::U32 whole = bytes + (tagged ? 4 : 0);
     expected.push_back("port 1;0x0000000" + std::string(sends ? "2;" : "1;") + std::to_string(whole) + ";" +
                        std::to_string(std::min(whole, 200u)) + ";" + (tagged ? std::to_string(i) : "") + ";" +
-                       comment + "\n");
+                       (lost > 0 ? std::to_string(lost) : "") + ";" + comment + "\n");
+    lost = 0;
   }
   tap->outDel();
   const auto joined = [&](std::size_t last) {
