@@ -70,7 +70,7 @@ void say(const char* format, ...) {
   va_end(arguments);
   const std::size_t end = std::min(static_cast<std::size_t>(length), line.size() - 2);
   line[end] = '\n';
-  if (write(STDOUT_FILENO, line.data(), end + 1) < 0) _exit(1);
+  if (write(STDOUT_FILENO, line.data(), end + 1) < 0) interrupted = 1;  // nobody reads on: clean up and end
 }
 
 World::World() {
