@@ -24,4 +24,7 @@ for hundredths in 0 1 2 4 8 12 16 20 30 40; do
   expect "nothing left" nothing_left
 done
 
+"$programs/wirlDemo" 2>/dev/null | head -n 1 >"$output"
+expect "nothing left by a demo that nobody reads on" nothing_left
+
 exit $((failures > 0))
