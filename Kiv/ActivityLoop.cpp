@@ -138,8 +138,8 @@ struct Unmeasured {
 
 namespace detail {
 
-/// Takes the time of every reactor. The end of one is the beginning of the next, so an event costs one look at
-/// the clock. Takes no memory while it measures.
+/// Takes the time of every reactor. The end of one is the beginning of the next, so an event costs one look
+/// at the clock. Takes no memory while it measures.
 class LoopMeter {
  public:
   void start() noexcept {
@@ -195,8 +195,8 @@ class LoopMeter {
     inReactors_ += took;
     if (count_ < LoopStatistics::kSlowest || took > slowest_[count_ - 1].longest) note(event, name, took);
   }
-  /// Keeps the table ordered. What drops out of it can only come back with a longer run, so the table holds the
-  /// longest runs exactly.
+  /// Keeps the table ordered. What drops out of it can only come back with a longer run, so the table holds
+  /// the longest runs exactly.
   void note(Event event, const Name& name, Time took) noexcept;
 
   Time began_{};

@@ -168,9 +168,9 @@ class KIV_API ActivityLoop final : public PtrInterface {
   bool simulatedTime() const noexcept { return simulated_; }
   void simulatedTimeIs(bool on);
 
-  /// Whether the loop measures itself: events, time in reactors, the slowest of them. Off by default, and then
-  /// without cost but for one branch a pass; on, an event costs a look at the clock. Switching it on starts from
-  /// zero, with the next pass. May throw bad_alloc when it is switched on for the first time.
+  /// Whether the loop measures itself: events, time in reactors, the slowest of them. Off by default, and
+  /// then without cost but for one branch a pass; on, an event costs a look at the clock. Switching it on
+  /// starts from zero, with the next pass. May throw bad_alloc when it is switched on for the first time.
   bool measured() const noexcept { return measured_; }
   void measuredIs(bool on);
   /// What was measured so far; include `Kiv/Statistics.h`. All zero if nothing ever was.

@@ -11,8 +11,8 @@
 
 namespace Kiv {
 
-/// What a loop has done since it is measured (`ActivityLoop::measuredIs`). Times are those of the monotonic clock,
-/// also where the loop itself runs on simulated time.
+/// What a loop has done since it is measured (`ActivityLoop::measuredIs`). Times are those of the monotonic
+/// clock, also where the loop itself runs on simulated time.
 struct LoopStatistics {
   /// What a reactor ran for.
   enum class Event : U8 { readable, writable, clock, posted };
@@ -50,8 +50,8 @@ struct LoopOfThread {
   S32 thread = 0;  ///< The thread's number in the kernel, as gettid(2) gives it.
 };
 
-/// The loops of the threads of this process, in the order in which they were made. May be called from any thread.
-/// A loop may end at any time; its handle then refuses work.
+/// The loops of the threads of this process, in the order in which they were made. May be called from any
+/// thread. A loop may end at any time; its handle then refuses work.
 KIV_API std::vector<LoopOfThread> activityLoops();
 
 }  // namespace Kiv

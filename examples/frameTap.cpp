@@ -95,7 +95,8 @@ class CaptureFile {
     flush();
   }
 
-  /// `wireBytes` is the length on the wire; the packet may hold less of the frame. `drops` were lost before it.
+  /// `wireBytes` is the length on the wire; the packet may hold less of the frame. `drops` were lost before
+  /// it.
   void add(const Wirl::Pkt& frame, Kiv::U32 wireBytes, bool sent, Kiv::U32 drops) {
     octets_.clear();
     for (Kiv::U32 i = 0; i < frame.numIovecs(); ++i) {

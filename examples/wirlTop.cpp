@@ -254,8 +254,8 @@ std::vector<std::string> linesOf(const Picture& before, const Picture& now) {
 // The terminal
 // -----------------------------------------------------------------------------------------------------
 
-/// Takes the terminal while it lives: a screen of its own, no cursor, no echo. Gives it back as it was, also while
-/// the program is stopped (Ctrl-Z).
+/// Takes the terminal while it lives: a screen of its own, no cursor, no echo. Gives it back as it was, also
+/// while the program is stopped (Ctrl-Z).
 class Screen {
  public:
   Screen() : on_(isatty(STDOUT_FILENO) == 1) {

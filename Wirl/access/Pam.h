@@ -18,8 +18,8 @@ class Pam;
 
 namespace detail {
 
-/// Lists a Pam among those of its thread, for whoever counts what the process does (`Wirl/access/Statistics.h`).
-/// Takes no memory.
+/// Lists a Pam among those of its thread, for whoever counts what the process does
+/// (`Wirl/access/Statistics.h`). Takes no memory.
 class KIV_API PamListed {
  public:
   explicit PamListed(const Pam& pam) noexcept;
@@ -60,9 +60,9 @@ class KIV_API PamListed {
 /// `rxBudget` bounds how many packets one readable event gives, 0 for no bound. Then the pull gives null, and
 /// the loop offers the rest in its next pass, after other descriptors and clocks that are due.
 ///
-/// A Pam belongs to the thread of its activity loop: the one that made it, or that opened it later. Reactors may disable the Pam, change it or drop it at
-/// any point. If a reactor to an `rx...` attribute throws, the exception leaves `rxPkt()` and the next
-/// `rxPkt()` returns the packet.
+/// A Pam belongs to the thread of its activity loop: the one that made it, or that opened it later. Reactors
+/// may disable the Pam, change it or drop it at any point. If a reactor to an `rx...` attribute throws, the
+/// exception leaves `rxPkt()` and the next `rxPkt()` returns the packet.
 class KIV_API Pam : public Kiv::Entity {
  public:
   KIV_ENTITY(Pam, Kiv::Entity)

@@ -103,8 +103,8 @@ ThreadStatistics threadStatistics(bool measure) {
   return result;
 }
 
-/// Only the asking thread holds it for longer than a moment, and only there it is destroyed: the others have weak
-/// pointers.
+/// Only the asking thread holds it for longer than a moment, and only there it is destroyed: the others have
+/// weak pointers.
 struct StatisticsRequest::State {
   std::function<void(const ProcessStatistics&)> done;
   ProcessStatistics process = processItself();

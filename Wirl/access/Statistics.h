@@ -51,7 +51,8 @@ struct ProcessStatistics {
   U32 closedInline = 0;                   ///< Closed by the caller, because too many were waiting.
 };
 
-/// What the calling thread has done. If `measure`, its loop is measured from now on (`ActivityLoop::measuredIs`).
+/// What the calling thread has done. If `measure`, its loop is measured from now on
+/// (`ActivityLoop::measuredIs`).
 KIV_API ThreadStatistics threadStatistics(bool measure = false);
 
 /// For people: at most 100 columns. Large numbers are rounded.
@@ -63,11 +64,11 @@ KIV_API std::string statisticsPrometheus(const ProcessStatistics& statistics);
 
 /// Asks the loop of every thread of the process what it has done.
 ///
-///     asking thread ──post──> each loop ──post──> asking thread: done(statistics), in a later pass of its loop
+///     asking thread ──post──> each loop ──post──> asking thread: done(statistics), later
 ///
-/// Each loop looks at its own Pams, between two reactors, so nothing is locked and no counter is read while it
-/// changes. A loop that has not answered after `seconds` is reported as such. Belongs to the asking thread; when it
-/// is dropped, `done` does not run any more.
+/// Each loop looks at its own Pams, between two reactors, so nothing is locked and no counter is read while
+/// it changes. A loop that has not answered after `seconds` is reported as such. Belongs to the asking
+/// thread; when it is dropped, `done` does not run any more.
 class KIV_API StatisticsRequest final {
  public:
   /// Begins to ask. `measure`: as in `threadStatistics`.
@@ -113,8 +114,8 @@ class KIV_API StatisticsServer final : public Kiv::Entity {
 /// The folder of the sockets: "$WIRL_STATISTICS", or "$XDG_RUNTIME_DIR/wirl", or "/run/wirl".
 KIV_API std::string statisticsFolder();
 
-/// Makes a server. An empty path stands for a socket in `statisticsFolder()`, which is made if need be, named after
-/// the program and the process: "agent.4711".
+/// Makes a server. An empty path stands for a socket in `statisticsFolder()`, which is made if need be, named
+/// after the program and the process: "agent.4711".
 KIV_API Kiv::Ptr<StatisticsServer> statisticsServerFactory(Kiv::String path = {});
 
 }  // namespace Wirl

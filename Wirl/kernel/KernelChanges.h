@@ -34,8 +34,8 @@ struct LinkChange {
 };
 
 /// Changes of the kernel's state, to be made together: one message to the kernel, which makes them one by one
-/// in their order. (A link's new name needs its index, which is asked for then, between two messages.) What the
-/// views show is what is to be given here.
+/// in their order. (A link's new name needs its index, which is asked for then, between two messages.) What
+/// the views show is what is to be given here.
 ///
 ///     Wirl::KernelChanger changer(L3::VrfName("red").nsName());
 ///     Wirl::KernelChanges changes;

@@ -145,8 +145,8 @@ class KIV_API KernelNeighborResolver final : public NeighborResolver {
 
 /// Speaks ARP (RFC 826, RFC 5227) and neighbour discovery (RFC 4861) on one device itself, for devices whose
 /// kernel does not. It asks, learns from answers, answers for its own addresses, and counts others who use
-/// them in `conflicts`. It keeps its IPv4 address then, and announces it at most once in 10 s (RFC 5227 section
-/// 2.4 (c)). The next hops' `ifIndex` is that of the device; keys with another one are not asked for.
+/// them in `conflicts`. It keeps its IPv4 address then, and announces it at most once in 10 s (RFC 5227
+/// section 2.4 (c)). The next hops' `ifIndex` is that of the device; keys with another one are not asked for.
 class KIV_API DeviceNeighborResolver final : public NeighborResolver {
  public:
   KIV_ENTITY(DeviceNeighborResolver, NeighborResolver)

@@ -56,8 +56,9 @@ class KIV_API Neighbor final : public KernelEntity<NeighborInfo> {
 };
 
 /// The neighbours of a network namespace, of IPv4 (ARP) and IPv6 (ND), and those for whom the kernel answers
-/// (proxies); see `KernelView`. The kernel does not tell when it begins to ask for a neighbour (to NUD_INCOMPLETE)
-/// or to doubt one (to NUD_DELAY), only how that ends, nor of proxies; a dump shows these (`refreshTime`).
+/// (proxies); see `KernelView`. The kernel does not tell when it begins to ask for a neighbour (to
+/// NUD_INCOMPLETE) or to doubt one (to NUD_DELAY), only how that ends, nor of proxies; a dump shows these
+/// (`refreshTime`).
 class KIV_API NeighborView final : public EntityView<Neighbor> {
  public:
   KIV_ENTITY(NeighborView, KernelView)

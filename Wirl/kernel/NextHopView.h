@@ -57,8 +57,8 @@ class KIV_API NextHopObject final : public KernelEntity<NextHopInfo> {
   void putAttrs(Telling&) override {}
 };
 
-/// The next-hop objects and groups of a network namespace (ip-nexthop(8)); see `KernelView`. The kernel does not
-/// tell of objects that go with their link, so a change of the link has the view load them anew.
+/// The next-hop objects and groups of a network namespace (ip-nexthop(8)); see `KernelView`. The kernel does
+/// not tell of objects that go with their link, so a change of the link has the view load them anew.
 class KIV_API NextHopView final : public EntityView<NextHopObject> {
  public:
   KIV_ENTITY(NextHopView, KernelView)

@@ -68,7 +68,8 @@ unsigned usability(const RouteAttrs& attrs, const RouteQuery& query) {
   const unsigned preference = attrs.preference < 0 ? 2 : (static_cast<unsigned>(attrs.preference) & 3) ^ 2;
   const unsigned good = preference * 4 + 2;
   if (v4 && (isReject(attrs) || attrs.nextHops.empty())) return good;
-  // A packet of IPv6 that has a source only prefers the interface, unless addresses mean something there only.
+  // A packet of IPv6 that has a source only prefers the interface, unless addresses mean something there
+  // only.
   const bool strict = v4 || query.source.af() == AddressFamily::ipunknown ||
                       query.destination.isLinkLocal() || query.destination.isMulticast();
   const auto isLive = [](const RouteNextHop& hop) { return (hop.flags & RTNH_F_DEAD) == 0; };
@@ -117,7 +118,8 @@ struct RouteView::Tables {
     detail::RouteMessage route;
     detail::parse(message, route, unused);
     const U32 id = attrsOf(std::move(route.attrs));
-    // Details that are not kept, of encapsulations for example, may make many messages of the same attributes.
+    // Details that are not kept, of encapsulations for example, may make many messages of the same
+    // attributes.
     if (byOctets.size() >= 1024 + 4 * slots.size()) byOctets.clear();
     byOctets.emplace(octets, id);
     return id;
@@ -467,8 +469,8 @@ void RouteView::addedV6(const RouteKey& key, U32 attrs, unsigned flags) {
         !std::equal(before.nextHops.begin(), before.nextHops.end(), hops.begin() + 1, isSameHop)) {
       return t.replace(key, merged, attrs);
     }
-    // The message shows the route from the new next hop on. It is the last one, and what next hops have in common
-    // is that of the first.
+    // The message shows the route from the new next hop on. It is the last one, and what next hops have in
+    // common is that of the first.
     RouteAttrs grown = before;
     grown.multipath = true;
     grown.flags = news.flags;

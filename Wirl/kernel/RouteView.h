@@ -77,8 +77,8 @@ struct Route {
 /// What the kernel does without telling is found by a new dump: routes that go, or whose next hops change
 /// their flags, with a link, an address or a next-hop object.
 ///
-/// The rules of policy routing belong to it, as look-ups go by them; `ruleChanges` counts the passes in which they
-/// changed.
+/// The rules of policy routing belong to it, as look-ups go by them; `ruleChanges` counts the passes in which
+/// they changed.
 class KIV_API RouteView final : public KernelView {
  public:
   KIV_ENTITY(RouteView, KernelView)
@@ -121,13 +121,13 @@ class KIV_API RouteView final : public KernelView {
   Route find(const RouteKey& key) const;
   /// The rules of a family, in the order in which they are tried.
   const std::vector<RouteRule>& rules(AddressFamily af) const noexcept;
-  /// The route by which the kernel would send a packet, as `ip route get` tells: through the tables that the rules
-  /// name, by the longest match, then for the type of service or the source, then the lowest metric; past routes
-  /// without a live next hop, and past a table that says "throw". A blackhole, or the like, is an answer; a rule
-  /// that says so is none, as if there were no route. As long as nobody changed the rules of IPv4, the tables local
-  /// and main are as one; so they are here as long as no such change was seen. Of equally good routes the kernel
-  /// may take another one. What it does without a route (what leaves by a given interface is on its link) and by
-  /// sysctl (`ignore_routes_with_linkdown`) does not count.
+  /// The route by which the kernel would send a packet, as `ip route get` tells: through the tables that the
+  /// rules name, by the longest match, then for the type of service or the source, then the lowest metric;
+  /// past routes without a live next hop, and past a table that says "throw". A blackhole, or the like, is an
+  /// answer; a rule that says so is none, as if there were no route. As long as nobody changed the rules of
+  /// IPv4, the tables local and main are as one; so they are here as long as no such change was seen. Of
+  /// equally good routes the kernel may take another one. What it does without a route (what leaves by a
+  /// given interface is on its link) and by sysctl (`ignore_routes_with_linkdown`) does not count.
   Route lookUp(const RouteQuery& query) const;
   Route lookUp(const IpGenAddr& address, U32 ifIndex = 0) const { return lookUp({address, {}, ifIndex}); }
   /// The same in one table.

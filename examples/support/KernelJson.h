@@ -399,8 +399,8 @@ inline void Picture::putRealms(Json& json, U32 realms) {
   json["flow"] = flow;
 }
 
-/// An encapsulation with what is common to it and ip -j. Its "dst" and "tos" are "encap_dst" and "encap_tos" where the
-/// route has such itself; ip(8) gives these names twice.
+/// An encapsulation with what is common to it and ip -j. Its "dst" and "tos" are "encap_dst" and "encap_tos"
+/// where the route has such itself; ip(8) gives these names twice.
 inline void Picture::putEncap(Json& json, const Wirl::RouteNextHop& hop) {
   static constexpr const char* kEncaps[] = {"none", "mpls", "ip",        "ila", "ip6",
                                             "seg6", "bpf",  "seg6local", "rpl", "ioam6"};

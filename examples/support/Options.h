@@ -26,8 +26,9 @@ enum class Word { text, file, folder, device, netNs };
 ///     words.place("ADDRESS", "IPv4 or IPv6", [&](const std::string& text) { ... return std::string(); });
 ///     if (const auto status = words.parse(argc, argv)) return *status;
 ///
-/// Options may stand before, between and behind the places; what is behind `--` is none. The program ends with status
-/// 0 for --help (-h) and --version, on standard output, and 2 for a wrong word, which a line on standard error names.
+/// Options may stand before, between and behind the places; what is behind `--` is none. The program ends
+/// with status 0 for --help (-h) and --version, on standard output, and 2 for a wrong word, which a line on
+/// standard error names.
 class Options {
  public:
   /// Takes a value; returns what is wrong with it, or nothing.
@@ -89,8 +90,8 @@ class Options {
   const std::unique_ptr<Described> described_;
 };
 
-/// A line on standard error that is written over and over, for who waits at a terminal. It goes at the end, also when
-/// Ctrl-C ends the program. Shows nothing unless `wanted` and standard error is a terminal.
+/// A line on standard error that is written over and over, for who waits at a terminal. It goes at the end,
+/// also when Ctrl-C ends the program. Shows nothing unless `wanted` and standard error is a terminal.
 class ProgressLine {
  public:
   explicit ProgressLine(bool wanted);

@@ -411,7 +411,8 @@ TEST(Signal, CountsInTheLoopAndGivesTheHandlerBack) {
   EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-/// Sources of all kinds keep their own account of their runs; the loop's is never below it, and exact in number.
+/// Sources of all kinds keep their own account of their runs; the loop's is never below it, and exact in
+/// number.
 TEST(ActivityLoopTest, measuresItsReactors) {
   using Event = LoopStatistics::Event;
   std::map<std::pair<std::string, Event>, Time> longest;

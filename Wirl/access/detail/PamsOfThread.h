@@ -9,8 +9,8 @@ namespace Wirl::detail {
 
 class PamsOfThread {
  public:
-  /// Shows the Pams of the calling thread, the newest first. `visitor` only reads: it neither makes nor destroys
-  /// Pams.
+  /// Shows the Pams of the calling thread, the newest first. `visitor` only reads: it neither makes nor
+  /// destroys Pams.
   static void visit(const std::function<void(const Pam&)>& visitor);
 };
 

@@ -9,8 +9,8 @@
 
 namespace Wirl::detail {
 
-/// What views of other things have to know of the links: how they are, and which ones changed in a way that the
-/// kernel lets others go with, without telling.
+/// What views of other things have to know of the links: how they are, and which ones changed in a way that
+/// the kernel lets others go with, without telling.
 class LinkStates {
  public:
   struct State {

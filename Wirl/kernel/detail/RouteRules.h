@@ -20,7 +20,8 @@ class RouteRules {
   const std::vector<RouteRule>& of(AddressFamily af) const noexcept {
     return rules_[af == AddressFamily::ipv6 ? 1 : 0];
   }
-  /// Whether anybody ever changed the rules, as far as it shows: the kernel looks up in another way from then on.
+  /// Whether anybody ever changed the rules, as far as it shows: the kernel looks up in another way from then
+  /// on.
   bool isCustom(AddressFamily af) const noexcept { return custom_[af == AddressFamily::ipv6 ? 1 : 0]; }
 
   static std::vector<std::string> dumpRequests();

@@ -144,8 +144,8 @@ inline constexpr auto kCoveringSlots = [] {
 /// gaps; the index of one is the number of bits set before its own. So a step costs one or two cache lines,
 /// and a missing prefix no memory.
 ///
-/// Where IPv6 prefixes would need a chain of nodes that hold nothing but the next one, there are no nodes: the
-/// first one behind such a gap has the bits in between.
+/// Where IPv6 prefixes would need a chain of nodes that hold nothing but the next one, there are no nodes:
+/// the first one behind such a gap has the bits in between.
 template <typename T, typename Bits>
 class PrefixTrie {
  public:
