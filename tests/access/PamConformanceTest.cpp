@@ -3,6 +3,8 @@
 
 #include <linux/filter.h>
 
+#include <cstring>
+
 #include "Wirl/access/EthDevPam.h"
 #include "Wirl/access/Ip6SocketPam.h"
 #include "Wirl/access/IpSocketPam.h"
@@ -197,7 +199,9 @@ class RawTxBackend final : public PacketBackend {
 /// A tap device of its own. A packet socket plays the system that sends on it.
 class TapBackend final : public SocketPamBackend<VirtualDevPam> {
  public:
-  TapBackend(const NamespaceName& ns, bool frames) : frames_(frames) {
+  TapBackend(const NamespaceName& ns, bool frames)
+      : frames_(frames),
+        header_(frames ? "\x02\0\0\0\0\x01\x02\0\0\0\0\x02\x88\xb5"s : "\x45"s + std::string(19, '\x7f')) {
     to = frames ? Kiv::Ptr<Pam>(tapPamFactory("tap", "wirl0", ns))
                 : Kiv::Ptr<Pam>(tunPamFactory("tun", "wirl0", ns));
     from = ethDevPamFactory("device", "wirl0", ns);
@@ -208,13 +212,16 @@ class TapBackend final : public SocketPamBackend<VirtualDevPam> {
   }
   bool isOpen(const Pam& pam) const override { return &pam != to.get() || as(pam).fileDesc() != nullptr; }
   bool isWhole(const Pam& pam) const override { return &pam != to.get() || SocketPamBackend::isWhole(pam); }
-  Pkt::Ptr pktOf(const std::string& payload) const override { return PamBackend::pktOf(header() + payload); }
+  Pkt::Ptr pktOf(const std::string& payload) const override { return PamBackend::pktOf(header_ + payload); }
   std::string payloadOf(const Pkt& pkt) const override {
-    return std::string(pkt.stringValue()).substr(header().size());
+    return std::string(pkt.stringValue()).substr(header_.size());
   }
-  Pkt::Ptr pull(Pam& pam) override {  // skips what the system itself sends
+  Pkt::Ptr pull(Pam& pam) override {  // skips what the system itself sends, without memory
+    const auto isOurs = [this](const Pkt& pkt) {
+      return pkt.bytes() >= header_.size() && std::memcmp(pkt.front(), header_.data(), header_.size()) == 0;
+    };
     Pkt::Ptr pkt;
-    while ((pkt = pam.rxPkt()) && !std::string(pkt->stringValue()).starts_with(header())) {
+    while ((pkt = pam.rxPkt()) && !isOurs(*pkt)) {
     }
     return pkt;
   }
@@ -241,10 +248,8 @@ class TapBackend final : public SocketPamBackend<VirtualDevPam> {
   }
 
  private:
-  std::string header() const {
-    return frames_ ? "\x02\0\0\0\0\x01\x02\0\0\0\0\x02\x88\xb5"s : "\x45"s + std::string(19, '\x7f');
-  }
   const bool frames_;
+  const std::string header_;
 };
 
 /// Clients that share the ends of a cable. The receiver takes one EtherType.

@@ -325,6 +325,7 @@ TEST(TcpPduPam, WithoutMemoryToReadAheadItReadsWithout) {
     PamEnd end({kBackends[0], true, 0});
     end.open();
     end.peerSends(pduOf(50) + pduOf(60));
+    const Pkt::Ptr other = globalPktManager()->newPkt();  // objects of packets have room behind it
     const AllocationRefusal refusal(10000);
     EXPECT_TRUE(end.receives(2));
   })
