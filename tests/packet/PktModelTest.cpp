@@ -169,7 +169,7 @@ class PktModel : public testing::TestWithParam<U32> {
       model.bytes = static_cast<U32>(pkt.iovec(1).iov_len);
     }
     model.first = 2 - pkt.numIovecs();
-    model.head.assign(frame.begin(), frame.end() - model.bytes);
+    model.head.assign(frame.begin(), frame.end() - static_cast<std::ptrdiff_t>(model.bytes));
     model.begin = pkt.beginOffset();
     model.end = pkt.endOffset();
     ASSERT_TRUE(!whole || (model.begin == 0 && model.end == 0));
