@@ -141,7 +141,7 @@ TEST(Reassembly, OverlapsAreRefusedAsAModelOfUnitsHasIt) {
       const auto whole = reassembler.rxPkt(piece(begin * 8, end * 8, more, value), 0, 0s);
       const auto first = units.lower_bound(begin), last = units.lower_bound(end);
       const bool fresh = first == last;
-      const bool same = std::distance(first, last) == end - begin &&
+      const bool same = static_cast<U32>(std::distance(first, last)) == end - begin &&
                         std::all_of(first, last, [&](const auto& unit) { return unit.second == value; });
       const U32 high = units.empty() ? 0 : units.rbegin()->first + 1;
       const bool agrees = more ? total == 0 || end < total : total != 0 ? end == total : end > high;
