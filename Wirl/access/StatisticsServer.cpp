@@ -95,7 +95,9 @@ std::string answerTo(std::string_view request, const ProcessStatistics& statisti
 
 /// Reads a request, asks the loops, sends the answer. Ends itself by `gone`, after which it is destroyed.
 struct StatisticsServer::Client {
-  Client(StatisticsServer& s, int fd) : server(s) {
+  explicit Client(StatisticsServer& s) : server(s) {}
+  /// Takes the descriptor over, also when it throws.
+  void begin(int fd) {
     try {
       socket->notifyOnReadableIs(true);
       socket->descriptorIs(fd);
@@ -161,17 +163,24 @@ class StatisticsServer::Listener {
  private:
   void accept() {
     const auto alive = Kiv::keepAlive(&server_);
-    int fd = -1;
-    while ((fd = accept4(socket_->descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0) {
-      if (clients_.size() == kMostClients) {
+    for (;;) {
+      std::list<std::unique_ptr<Client>>
+          made;  // before there is a descriptor that a lack of memory would lose
+      if (clients_.size() < kMostClients) made.push_back(std::make_unique<Client>(server_));
+      const int fd = accept4(socket_->descriptor(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd < 0) {
+        // Without descriptors the waiting client would be reported in every pass: it waits for the next one.
+        if (errno != EAGAIN) KIV_TRACE(trace, 0) << server_.path() << ": accept4: " << Kiv::errorText(errno);
+        return;
+      }
+      if (made.empty()) {
         close(fd);
         server_.refusedInc(1);
       } else {
-        clients_.push_back(std::make_unique<Client>(server_, fd));
+        made.front()->begin(fd);
+        clients_.splice(clients_.end(), made);
       }
     }
-    // Without descriptors the waiting client would be reported in every pass: it waits for the next one.
-    if (errno != EAGAIN) KIV_TRACE(trace, 0) << server_.path() << ": accept4: " << std::strerror(errno);
   }
 
   StatisticsServer& server_;

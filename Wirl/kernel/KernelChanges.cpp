@@ -366,9 +366,21 @@ KernelChanges& KernelChanges::routeDel(const RouteKey& key, const RouteAttrs& at
 // Next-hop objects
 // -------------------------------------------------------------------------------------------
 
+namespace {
+constexpr std::size_t kMostMembers = 512;  // for which there is room in a message
+}  // namespace
+
 void KernelChanges::nextHopMessage(const char* verb, U16 flags, const NextHopInfo& nextHop) {
   const RouteNextHop& hop = nextHop.hop;
   checkEncaps({hop});
+  if (nextHop.group.size() > kMostMembers) {
+    throw Kiv::RangeException("Wirl::NextHopInfo::group > 512 members not allowed");
+  }
+  for (const auto& [id, weight] : nextHop.group) {
+    if (weight == 0 || weight > 65536) {
+      throw Kiv::RangeException("Wirl::NextHopInfo::Member::weight 0 or > 65536 not allowed");
+    }
+  }
   const bool isGroup = !nextHop.group.empty();
   nhmsg fixed{};
   const bool hasGateway = hop.gateway.af() != AddressFamily::ipunknown;
@@ -378,13 +390,10 @@ void KernelChanges::nextHopMessage(const char* verb, U16 flags, const NextHopInf
   Request request(RTM_NEWNEXTHOP, flags, fixed);
   request.put(NHA_ID, nextHop.id);
   if (isGroup) {
-    // Of more than the kernel ever takes there is no room in a message.
     std::string members;
-    for (std::size_t i = 0; i < std::min<std::size_t>(nextHop.group.size(), 512); ++i) {
-      const auto& [id, weight] = nextHop.group[i];
-      const U32 less = std::clamp(weight, 1u, 65536u) - 1;
+    for (const auto& [id, weight] : nextHop.group) {
       members += rawOf(id);
-      members += {static_cast<char>(less), static_cast<char>(less >> 8), 0, 0};
+      members += {static_cast<char>(weight - 1), static_cast<char>((weight - 1) >> 8), 0, 0};
     }
     request.put(NHA_GROUP, members);
   }

@@ -74,7 +74,9 @@ class KIV_API KernelChanges {
   /// `attrs` may say which one, by type, protocol and next hops.
   KernelChanges& routeDel(const RouteKey& key, const RouteAttrs& attrs = {});
 
-  KernelChanges& nextHopAdd(const NextHopInfo& nextHop);  ///< Adds a next-hop object.
+  /// Adds a next-hop object. These two throw `Kiv::RangeException` for a group of more than 512 members, and
+  /// for a weight of 0 or above 65,536.
+  KernelChanges& nextHopAdd(const NextHopInfo& nextHop);
   /// Adds a next-hop object, or takes the place of the one with its number.
   KernelChanges& nextHopReplace(const NextHopInfo& nextHop);
   /// The routes and groups that use it go or shrink with it.

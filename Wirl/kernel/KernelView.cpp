@@ -155,7 +155,7 @@ void KernelView::nextDump() {
   if (dumping_ || !client_) return;
   wait_->timeMinIs(Kiv::timeInfinite);
   dumping_ = true;
-  again_ = synced_ = false;
+  again_ = failed_ = synced_ = false;
   began_ = Kiv::activityLoop().now();
   dumps.set(dumps() + 1);
   if (!client_) return;
@@ -176,15 +176,14 @@ void KernelView::dumpEnded(const NetlinkClient::Answer& answer) {
   if (answer.interrupted) again_ = true;
   // Old kernels, and those made without IPv6, do not have everything.
   const bool lacks = answer.error == EOPNOTSUPP || answer.error == EAFNOSUPPORT;
-  const bool failed = answer.error != 0 && !lacks;
   if (lacks) dumpLacks(partsDone_);
-  if (failed) {
-    again_ = true;
+  if (answer.error != 0 && !lacks) {
+    again_ = failed_ = true;
     lastError.set(answer.error);
   }
   if (!client_ || ++partsDone_ < parts_) return;
   ended_ = Kiv::activityLoop().now();
-  took_ = std::max(failed ? kAfterFailure : Kiv::Time(0), ended_ - began_);
+  took_ = std::max(failed_ ? kAfterFailure : Kiv::Time(0), ended_ - began_);
   if (!again_) dumpEnds();
   dumping_ = false;
   if (again_) return outOfSync();

@@ -114,6 +114,7 @@ class KIV_API KernelView : public Kiv::Entity {
   U32 overruns_ = 0;
   bool dumping_ = false;
   bool again_ = false;     // this dump is not good enough
+  bool failed_ = false;    // a part of it was refused
   bool synced_ = false;    // to be told at the end of the pass
   std::size_t parts_ = 0;  // of the dump
   std::size_t partsDone_ = 0;

@@ -282,8 +282,8 @@ struct RouteView::Tables {
   std::size_t unreferenced = 0;
   std::map<RouteKey, S32> expiring;
   std::size_t routes = 0;
-  bool mixed =
-      false;  // an IPv6 route got a next hop whose other attributes differ, which only the kernel knows
+  // An IPv6 route got a next hop whose other attributes differ, which only the kernel knows.
+  bool mixed = false;
   detail::LinkStates links;
   detail::RouteRules rules;
 
@@ -663,8 +663,10 @@ const std::vector<RouteRule>& RouteView::rules(AddressFamily af) const noexcept 
   const auto found = map->longestMatch(address);
   if (!found) return {};
   const bool isFirst = found->next == 0 || found.key.af() == AddressFamily::ipv4;
-  if (found->usable != 0 && isFirst && t.expiring.empty()) [[likely]]
+  if (found->usable != 0 && isFirst) [[likely]] {
+    if (!t.expiring.empty()) return t.routeOf({table, found.key, found->metric}, found->attrs);
     return {{table, found.key, found->metric}, &t.attrs(found->attrs), 0};
+  }
   return lookUpAmong(table, RouteQuery{address});
 }
 
